@@ -1,0 +1,27 @@
+# Warnings, hardening and definitions for everything this project compiles.
+add_library(kx_flags INTERFACE)
+target_include_directories(kx_flags INTERFACE ${CMAKE_SOURCE_DIR})
+target_compile_features(kx_flags INTERFACE cxx_std_20 c_std_11)
+target_compile_options(kx_flags INTERFACE
+    -Wall -Wextra -Wpedantic -Wshadow
+    -Wno-restrict # GCC 12 warns falsely about `s = "literal"` at -O2
+    -ffile-prefix-map=${CMAKE_SOURCE_DIR}/= # same bytes from any checkout
+    $<$<BOOL:${KX_WERROR}>:-Werror>)
+
+if(WIN32)
+    target_compile_definitions(kx_flags INTERFACE
+        _WIN32_WINNT=0x0601 WINVER=0x0601 WIN32_LEAN_AND_MEAN NOMINMAX
+        $<$<CONFIG:Debug>:_GLIBCXX_ASSERTIONS> $<$<NOT:$<CONFIG:Debug>>:_FORTIFY_SOURCE=2>)
+    target_compile_options(kx_flags INTERFACE
+        -fstack-protector-strong -fcf-protection
+        $<$<CONFIG:Debug>:-fsanitize=undefined -fsanitize-undefined-trap-on-error>)
+    # The stack protector's run-time library comes from the link option of the same name.
+    target_link_options(kx_flags INTERFACE
+        -static -fstack-protector-strong
+        -Wl,--dynamicbase -Wl,--high-entropy-va -Wl,--nxcompat -Wl,--no-insert-timestamp)
+else()
+    target_compile_definitions(kx_flags INTERFACE _GLIBCXX_ASSERTIONS)
+    target_compile_options(kx_flags INTERFACE
+        -fsanitize=address,undefined -fno-sanitize-recover=all -fno-omit-frame-pointer)
+    target_link_options(kx_flags INTERFACE -fsanitize=address,undefined)
+endif()

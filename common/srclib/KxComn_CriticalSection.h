@@ -1,0 +1,49 @@
+// Locks on a Windows critical section: re-entrant, in-process.
+#pragma once
+
+#include "common/srclib/KxComn_Lock.h"
+#include "common/srclib/KxComn_Windows.h"
+
+namespace KxCommon::Synchronize
+{
+
+/// A critical section that lives as long as its owner.
+class KX_CAPABILITY("mutex") CriticalSection
+{
+public:
+    CriticalSection() noexcept { ::InitializeCriticalSection(&m_Section); }
+    ~CriticalSection() { ::DeleteCriticalSection(&m_Section); }
+    CriticalSection(const CriticalSection&) = delete;
+    CriticalSection& operator=(const CriticalSection&) = delete;
+
+    void Lock() noexcept KX_ACQUIRE() { ::EnterCriticalSection(&m_Section); }
+    void Unlock() noexcept KX_RELEASE() { ::LeaveCriticalSection(&m_Section); }
+
+private:
+    CRITICAL_SECTION m_Section;
+};
+
+} // namespace KxCommon::Synchronize
+
+/// The lock class of the exports and of the timer table.
+class KX_CAPABILITY("mutex") CCriticalSectionLock final : public CLock
+{
+public:
+    CCriticalSectionLock() noexcept = default;
+    CCriticalSectionLock(const CCriticalSectionLock&) = delete;
+    CCriticalSectionLock& operator=(const CCriticalSectionLock&) = delete;
+
+    bool Lock() noexcept override KX_ACQUIRE()
+    {
+        m_Section.Lock();
+        return true;
+    }
+    bool Unlock() noexcept override KX_RELEASE()
+    {
+        m_Section.Unlock();
+        return true;
+    }
+
+private:
+    KxCommon::Synchronize::CriticalSection m_Section;
+};

@@ -1,0 +1,67 @@
+// Every system call that the library makes on a file or a directory of rules, and nothing else: one place to count
+// them and one place where a test can make the k-th of them fail.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "common/srclib/KxComn_Handle.h"
+
+namespace KxCommon::Files
+{
+
+enum class Operation
+{
+    Open,
+    Size,
+    Read,
+    Write,
+    Flush,
+    Close,
+    TemporaryName,
+    Attributes,
+    Move,
+    Copy,
+    Delete,
+    MakeDirectory,
+    Find
+};
+
+/// Asked before each call when a test has set it: a Windows error number makes the call fail with that number (for
+/// Write: after half of the bytes went out), 0 lets it pass. Null in the product.
+using FaultHook = DWORD (*)(Operation operation);
+void SetFaultHook(FaultHook hook) noexcept;
+
+// Each returns what the call under it returns, with GetLastError as that call left it. Paths are narrow (active code
+// page). None throws but for FindFiles and TemporaryName, which may run out of memory.
+
+/// CreateFileA without sharing, with FILE_ATTRIBUTE_NORMAL.
+[[nodiscard]] UniqueFile Open(const char* path, DWORD access, DWORD disposition) noexcept;
+/// False when the size cannot be told.
+[[nodiscard]] bool Size(HANDLE file, uint64_t* size) noexcept;
+/// ReadFile and its count; the end of the file is success with a smaller count.
+[[nodiscard]] bool Read(HANDLE file, void* buffer, uint32_t size, uint32_t* got) noexcept;
+/// WriteFile; a short count is a failure (ERROR_DISK_FULL).
+[[nodiscard]] bool Write(HANDLE file, const void* buffer, uint32_t size) noexcept;
+/// FlushFileBuffers; true as well where the volume does not know flushing (ERROR_INVALID_FUNCTION, NOT_SUPPORTED).
+[[nodiscard]] bool Flush(HANDLE file) noexcept;
+/// CloseHandle; the owner is empty afterwards in either case.
+bool Close(UniqueFile& file) noexcept;
+/// GetTempFileNameA with unique number 0: creates an empty file in the directory. Empty on failure.
+[[nodiscard]] std::string TemporaryName(const std::string& directory, const char* prefix);
+/// GetFileAttributesA; INVALID_FILE_ATTRIBUTES on failure.
+[[nodiscard]] DWORD Attributes(const char* path) noexcept;
+/// MoveFileExA with the given flags; 0: MoveFileA.
+[[nodiscard]] bool Move(const char* from, const char* to, DWORD flags) noexcept;
+/// CopyFileA, overwriting.
+[[nodiscard]] bool Copy(const char* from, const char* to) noexcept;
+[[nodiscard]] bool Delete(const char* path) noexcept;
+/// CreateDirectoryA, default security.
+[[nodiscard]] bool MakeDirectory(const char* path) noexcept;
+/// The names (not paths) that FindFirstFileA and FindNextFileA give for a pattern, directories left out; empty when
+/// there are none.
+[[nodiscard]] std::vector<std::string> FindFiles(const std::string& pattern);
+
+} // namespace KxCommon::Files

@@ -1,0 +1,30 @@
+// Names that are shared with the rest of the product: registry, INI file, mutex, libraries. docs/settings.md explains
+// the settings.
+#pragma once
+
+#include "api/KxPfwRule.h"
+
+#if defined(_WIN32)
+#define KXW(text) L##text
+#else
+#define KXW(text) u##text
+#endif
+
+namespace KxCommon::Names
+{
+
+inline constexpr char kRegistryKey[] = "SOFTWARE\\Quelvane\\VQR\\PFW"; // under HKEY_LOCAL_MACHINE
+inline constexpr KXWCHAR kRegistryKeyWide[] = KXW("SOFTWARE\\Quelvane\\VQR\\PFW");
+inline constexpr KXWCHAR kInstallPathValue[] = KXW("InstallPath");
+inline constexpr char kWriteIntervalValue[] = "RuleWriteInterval";
+
+inline constexpr char kSettingsFile[] = "KxPfw.ini"; // beside the library
+inline constexpr char kTraceName[] = "PfwRule";
+
+inline constexpr KXWCHAR kMutexName[] = KXW("KxPfwRuleDllLockMutex"); // in the global namespace
+
+inline constexpr char kHashLibrary[] = "KxHash.dll";
+inline constexpr char kHashFunction[] = "kxCfwGetHashValue";
+inline constexpr char kTraceLibrary[] = "KxVqrDbg.dll";
+
+} // namespace KxCommon::Names

@@ -1,0 +1,39 @@
+// What differs between compilers, and nothing else: the only place with compiler extensions beside the public header.
+#pragma once
+
+// printf-style functions: GCC checks their arguments. On Windows it is the system's C library that formats ("ms_printf":
+// %S is UTF-16 text, %I64u is known). Natively %S has no two-byte counterpart, so nothing is checked there.
+#if defined(__GNUC__) && !defined(__clang__) && defined(_WIN32)
+#define KX_PRINTF(formatIndex, firstArgument) __attribute__((format(ms_printf, formatIndex, firstArgument)))
+#else
+#define KX_PRINTF(formatIndex, firstArgument)
+#endif
+
+// Instruction sets beyond the baseline, chosen at run time function by function. Other compilers need no mark.
+#if defined(__GNUC__)
+#define KX_TARGET(features) __attribute__((target(features)))
+#define KX_ALWAYS_INLINE inline __attribute__((always_inline))
+#define KX_NOINLINE __attribute__((noinline))
+#else
+#define KX_TARGET(features)
+#define KX_ALWAYS_INLINE __forceinline
+#define KX_NOINLINE __declspec(noinline)
+#endif
+
+// Lock annotations, checked by Clang with -Wthread-safety; other compilers see nothing.
+#if defined(__clang__)
+#define KX_THREAD_ANNOTATION(x) __attribute__((x))
+#else
+#define KX_THREAD_ANNOTATION(x)
+#endif
+#define KX_CAPABILITY(name) KX_THREAD_ANNOTATION(capability(name))
+#define KX_SCOPED_CAPABILITY KX_THREAD_ANNOTATION(scoped_lockable)
+#define KX_GUARDED_BY(lock) KX_THREAD_ANNOTATION(guarded_by(lock))
+#define KX_REQUIRES(...) KX_THREAD_ANNOTATION(requires_capability(__VA_ARGS__))
+#define KX_ACQUIRE(...) KX_THREAD_ANNOTATION(acquire_capability(__VA_ARGS__))
+#define KX_RELEASE(...) KX_THREAD_ANNOTATION(release_capability(__VA_ARGS__))
+#define KX_EXCLUDES(...) KX_THREAD_ANNOTATION(locks_excluded(__VA_ARGS__))
+#define KX_ASSERT_CAPABILITY(...) KX_THREAD_ANNOTATION(assert_capability(__VA_ARGS__))
+#define KX_ASSERT_SHARED_CAPABILITY(...) KX_THREAD_ANNOTATION(assert_shared_capability(__VA_ARGS__))
+#define KX_RETURN_CAPABILITY(lock) KX_THREAD_ANNOTATION(lock_returned(lock))
+#define KX_NO_THREAD_SAFETY_ANALYSIS KX_THREAD_ANNOTATION(no_thread_safety_analysis)

@@ -1,0 +1,33 @@
+// CEncryptFile: the encrypted stream on a Win32 file.
+#pragma once
+
+#include "common/srclib/KxComn_Handle.h"
+#include "persistence/EncryptStream.h"
+
+/// Opened without sharing. The destructor closes the file. Traces nothing: its users do.
+class CEncryptFile final : public CEncryptStream
+{
+public:
+    CEncryptFile() = default;
+    ~CEncryptFile() override;
+
+    /// False when a file is open already, or the system refuses. GENERIC_READ opens an existing file, and waits up to
+    /// about a second for a sharing or lock violation to pass: a virus scanner's open file must not look like a broken
+    /// rule set. Any other access creates or truncates.
+    [[nodiscard]] bool Open(const char* path, DWORD access);
+    /// False when no file is open or CloseHandle fails; no file is open afterwards. Bytes not yet handed over by
+    /// Finish are dropped.
+    bool Close();
+    /// Finish, then FlushFileBuffers: on the disk, not only with the system.
+    [[nodiscard]] bool FinishAndFlush();
+    [[nodiscard]] bool IsOpen() const noexcept { return static_cast<bool>(m_File); }
+
+protected:
+    bool ReadBytes(void* out, uint32_t size, uint32_t* got) override;
+    bool WriteBytes(const void* in, uint32_t size) override;
+    uint64_t RemainingBytes() override;
+
+private:
+    KxCommon::UniqueFile m_File;
+    uint64_t m_Remaining = 0; // while reading; the size is asked once, at Open
+};

@@ -1,0 +1,70 @@
+// CEncryptStream: encrypted records and typed fields over bytes. A record is a plain 4-byte length and that many bytes
+// of AES-128-CBC ciphertext; docs/format.md.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "common/srclib/KxComn_String.h"
+
+/// The low-level operations report false and never throw anything but std::bad_alloc; the typed ones throw Exception by
+/// value. A stream is read or written, not both. Bytes are gathered in memory and given to the derived class in large
+/// pieces, so a failure to write may show only at a later write, or at Finish.
+/// Lengths found in the data are compared with the bytes that are left before anything is allocated for them.
+class CEncryptStream
+{
+public:
+    enum Exception
+    {
+        ReadError = 0,
+        WriteError = 1
+    };
+
+    CEncryptStream() = default;
+    CEncryptStream(const CEncryptStream&) = delete;
+    CEncryptStream& operator=(const CEncryptStream&) = delete;
+    virtual ~CEncryptStream() = default;
+
+    /// Plain: up to size bytes; fewer at the end of the data is success, as with ReadFile, and the rest of the buffer
+    /// stays as it was. Encrypted: one record whose plaintext is exactly size bytes long.
+    [[nodiscard]] bool Read(void* buffer, uint32_t size, bool encrypted);
+    [[nodiscard]] bool Write(const void* buffer, uint32_t size, bool encrypted);
+    /// Writes count encrypted records of the same size, several in flight in the cipher at a time.
+    [[nodiscard]] bool WriteRecords(const void* const records[], size_t count, uint32_t size);
+    /// Hands the last bytes over. A stream that was written is complete only when this has returned true.
+    [[nodiscard]] bool Finish();
+
+    // One record each (strings and arrays two: length or count, then content). They throw ReadError or WriteError and
+    // return the stream.
+    CEncryptStream& ReadU8(uint8_t& value);
+    CEncryptStream& ReadU16(uint16_t& value);
+    CEncryptStream& ReadU32(uint32_t& value);
+    CEncryptStream& ReadString(std::string& text);           // up to its first NUL
+    CEncryptStream& ReadString(KxCommon::WideString& text);  // up to its first NUL; an odd last byte is dropped
+    CEncryptStream& ReadArray(std::vector<uint16_t>& array); // appends
+    CEncryptStream& WriteU8(uint8_t value);
+    CEncryptStream& WriteU16(uint16_t value);
+    CEncryptStream& WriteU32(uint32_t value);
+    CEncryptStream& WriteVersion(); // FileFormat::kVersion, the only way a version is written
+    CEncryptStream& WriteString(std::string_view text);
+    CEncryptStream& WriteString(KxCommon::WideStringView text);
+    CEncryptStream& WriteArray(const std::vector<uint16_t>& array);
+
+protected:
+    /// Reads up to size bytes; *got is 0 at the end. False: the system failed.
+    virtual bool ReadBytes(void* out, uint32_t size, uint32_t* got) = 0;
+    /// Writes all of them or fails.
+    virtual bool WriteBytes(const void* in, uint32_t size) = 0;
+    /// Bytes behind what ReadBytes has handed out.
+    virtual uint64_t RemainingBytes() = 0;
+
+    /// Forgets what was gathered: for a derived class that opens or closes what it reads from.
+    void ResetBuffer() noexcept;
+
+private:
+    // To be completed by the implementation: the gathered bytes and the read position in them.
+    std::vector<uint8_t> m_Buffer;
+    size_t m_Position = 0;
+};

@@ -1,0 +1,18 @@
+// The macro file's fields behind its magic.
+#pragma once
+
+#include <list>
+
+#include "persistence/EncryptStream.h"
+#include "rules/Macro.h"
+
+namespace MacroFormat
+{
+
+/// Reads the macros behind the version, appending each complete one. False when an item could not be read. Throws
+/// CEncryptStream::Exception for every other field. No count reserves anything.
+[[nodiscard]] bool ReadMacros(CEncryptStream& stream, std::list<CMacro>& macros);
+/// Version, count and macros. False when an item could not be written; throws as above.
+[[nodiscard]] bool WriteMacros(CEncryptStream& stream, const std::list<CMacro>& macros);
+
+} // namespace MacroFormat

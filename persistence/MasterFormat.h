@@ -1,0 +1,37 @@
+// The master file's fields behind its magic and version.
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "persistence/EncryptStream.h"
+
+struct MasterFields
+{
+    std::string MacroFileName;
+    uint16_t NextIndex = 1;
+    std::vector<uint16_t> ActiveRuleSets;
+    std::vector<std::string> RuleSetFileNames;
+};
+
+namespace MasterFormat
+{
+
+enum class Head
+{
+    Good,
+    Unreadable,
+    WrongMagic,
+    WrongVersion
+};
+
+/// Magic and version. Throws CEncryptStream::Exception when the version record cannot be read.
+[[nodiscard]] Head ReadHead(CEncryptStream& stream);
+/// The fields, in order. Each is stored as soon as it is read (ActiveRuleSets and RuleSetFileNames are appended to), so
+/// what was read before an exception is there. The count of names reserves nothing.
+void ReadFields(CEncryptStream& stream, MasterFields& fields);
+/// Everything behind the magic, version first.
+void WriteFields(CEncryptStream& stream, const MasterFields& fields);
+
+} // namespace MasterFormat

@@ -1,0 +1,74 @@
+// CRuleSet: one named collection of rules, ordered by rule index.
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "api/KxPfwRule.h"
+#include "common/srclib/KxComn_IndexMap.h"
+#include "common/srclib/KxComn_Lock.h"
+#include "common/srclib/KxComn_String.h"
+#include "rules/Rule.h"
+
+/// Every stored rule's wRuleIndex equals its key. No lock of its own: changes are made under the master lock, reads
+/// under the global lock (docs/threads.md).
+class CRuleSet
+{
+public:
+    using Rules = KxCommon::IndexMap<CRule>;
+
+    CRuleSet() = default;
+    /// From a record and the rules behind it. Of two rules with the same index the later one counts; no limit on their
+    /// number (the master has one).
+    explicit CRuleSet(const PFW_RULESET& record);
+    CRuleSet(const CRuleSet&) = default;
+    CRuleSet(CRuleSet&&) = default;
+    CRuleSet& operator=(const CRuleSet&) = default;
+    CRuleSet& operator=(CRuleSet&&) = default;
+    virtual ~CRuleSet() = default; // the only virtual operation
+
+    /// 0, KXRULE_E_TOO_MANY_RULES (1024 are there; looked at first), KXRULE_E_RULE_EXISTS.
+    [[nodiscard]] int32_t AddRule(uint16_t ruleIndex, const CRule& rule);
+    /// 0 deletes all. 0, KXRULE_E_NO_RULE.
+    [[nodiscard]] int32_t DeleteRule(uint16_t ruleIndex) noexcept;
+    /// Null when there is none.
+    [[nodiscard]] const CRule* FindRule(uint16_t ruleIndex) const noexcept { return m_Rules.Find(ruleIndex); }
+    /// Stores a rule under its own index, replacing one that is there: how records and files are taken over.
+    void PutRule(const PFW_RULE& record);
+
+    [[nodiscard]] int32_t RuleCount() const noexcept { return static_cast<int32_t>(m_Rules.Size()); }
+    /// All rule indexes, ascending.
+    [[nodiscard]] const std::vector<uint16_t>& RuleIndexes() const noexcept { return m_Rules.Keys(); }
+    [[nodiscard]] const Rules& AllRules() const noexcept { return m_Rules; }
+
+    /// Writes the head and at most maxRules (0 or more) rules, ascending, at record.
+    void CopyRecord(PFW_RULESET* record, int32_t maxRules) const noexcept;
+
+    /// CRule::UpdateHash for every rule, ascending. A rule's failure does not end the walk; the first one is returned.
+    [[nodiscard]] int32_t UpdateHash(const KXWCHAR* applicationPath, const uint8_t* hash, KXRULE_HASH_CALLBACK callback,
+                                     void* context, std::vector<uint16_t>& changed, CLock& recordLock);
+
+    [[nodiscard]] uint16_t Index() const noexcept { return m_Index; }
+    void SetIndex(uint16_t index) noexcept { m_Index = index; }
+    [[nodiscard]] const KxCommon::WideString& Name() const noexcept { return m_Name; }
+    void SetName(KxCommon::WideString name) noexcept { m_Name = std::move(name); }
+    /// The name of the set's file in the rule directory; empty until it is read or written.
+    [[nodiscard]] const std::string& FileName() const noexcept { return m_FileName; }
+    void SetFileName(std::string fileName) noexcept { m_FileName = std::move(fileName); }
+
+    /// RuleSetFile.cpp. The directory ends in a backslash; the file is directory + FileName().
+    /// 0, KXRULE_E_FILE_OPEN, KXRULE_E_FILE_READ, KXRULE_E_RULESET_FORMAT. What was read before a failure stays.
+    /// *version is set to the file's version as soon as it is known. Lets std::bad_alloc through: lack of memory is
+    /// not damage.
+    [[nodiscard]] int32_t Read(const std::string& directory, uint32_t* version = nullptr);
+    /// 0, KXRULE_E_FILE_OPEN, KXRULE_E_FILE_WRITE.
+    [[nodiscard]] int32_t Write(const std::string& directory) const;
+
+private:
+    uint64_t m_Companion = 0; // belongs to the set and is copied with it; nothing here interprets it
+    std::string m_FileName;
+    uint16_t m_Index = 0;
+    KxCommon::WideString m_Name;
+    Rules m_Rules;
+};

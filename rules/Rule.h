@@ -1,0 +1,54 @@
+// CRule: one rule of a rule set, checked and normalised.
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "api/KxPfwRule.h"
+#include "common/srclib/KxComn_Lock.h"
+
+/// Holds one record by value. No lock of its own; see docs/threads.md for who may touch it when.
+class CRule
+{
+public:
+    /// All bytes zero.
+    CRule() noexcept;
+    /// Copies the record. Kinds 1 and 6: address and port ranges are put in order, the last unit of wszAppName becomes
+    /// 0, and the hash is filled (see FillHash), whatever comes of that. Other kinds are kept as given.
+    explicit CRule(const PFW_RULE& record);
+    CRule(const CRule&) = default;
+    CRule& operator=(const CRule&) = default;
+    virtual ~CRule() = default; // the only virtual operation
+
+    /// Copies the 2845 bytes and does nothing else.
+    void SetRule(const PFW_RULE& record) noexcept { m_Rule = record; }
+    /// 0, or KXRULE_E_NULL_POINTER with its trace line.
+    [[nodiscard]] int32_t GetRule(PFW_RULE* out) const;
+    /// The rule as one line. 0, or KXRULE_E_RULE_TEXT (kind not 1 to 5), and line stays as it was.
+    [[nodiscard]] int32_t GetRuleString(std::string& line) const;
+
+    [[nodiscard]] const PFW_RULE& Record() const noexcept { return m_Rule; }
+    void SetIndex(uint16_t ruleIndex) noexcept { m_Rule.wRuleIndex = ruleIndex; }
+
+    /// Refreshes the application hash (RuleHash.cpp). Always on the positions of an access rule, whatever the kind.
+    /// @param applicationPath  NUL-terminated, or null for every rule that is not a system rule
+    /// @param hash             20 bytes or null
+    /// @param changed          rule sets with changes; ruleSetIndex is appended unless it is there already
+    /// @param recordLock       held while the hash bytes are stored: readers of records take it too
+    /// @return 0, KXRULE_E_HASH_LIBRARY, or the status of the hash function
+    [[nodiscard]] int32_t UpdateHash(uint16_t ruleSetIndex, const KXWCHAR* applicationPath, const uint8_t* hash,
+                                     KXRULE_HASH_CALLBACK callback, void* context, std::vector<uint16_t>& changed,
+                                     CLock& recordLock);
+
+    /// True when a port list of the record (Port[0] or Port[1] of an access rule, type list) holds no byte above 32 as
+    /// a signed character. kept: bytes of 128 and above count as blanks.
+    [[nodiscard]] static bool HasBlankPortList(const PFW_RULE& record) noexcept;
+
+private:
+    void Normalise() noexcept;
+    int32_t FillHash();
+
+    uint64_t m_Companion = 0; // belongs to the rule and is copied with it; nothing here interprets it
+    PFW_RULE m_Rule;
+};
