@@ -51,13 +51,19 @@ typedef uint_least16_t KXWCHAR;
 
 #if defined(__cplusplus)
 #define KXRULE_STATIC_ASSERT(condition) static_assert(condition, #condition)
-extern "C"
-{
+#define KXRULE_C_BEGIN                                                                                                 \
+    extern "C"                                                                                                         \
+    {
+#define KXRULE_C_END }
 #else
 #define KXRULE_STATIC_ASSERT(condition) _Static_assert(condition, #condition)
+#define KXRULE_C_BEGIN
+#define KXRULE_C_END
 #endif
 
-    /* ------------------------------------------------------------------------------------------------ result codes -- */
+KXRULE_C_BEGIN
+
+/* ------------------------------------------------------------------------------------------------ result codes -- */
 
 #define KXRULE_OK 0                           /* success */
 #define KXRULE_E_NULL_POINTER (-10012)        /* a required pointer is null; also: out of memory while adding */
@@ -78,7 +84,7 @@ extern "C"
 #define KXRULE_E_PORT_LIST (-10064)           /* a port list of an access rule is empty or blank */
 #define KXRULE_E_HASH_LIBRARY (-10067)        /* KxHash.dll or its function could not be loaded */
 
-    /* ------------------------------------------------------------------------------------------------------ limits -- */
+/* ------------------------------------------------------------------------------------------------------ limits -- */
 
 #define KXRULE_MAX_RULESETS 64           /* rule sets in the store */
 #define KXRULE_MAX_RULES 1024            /* rules in a rule set */
@@ -159,184 +165,183 @@ extern "C"
 #define KXRULE_ITEM_PORT 1u
 #define KXRULE_ITEM_TEXT 2u
 
-    /* ----------------------------------------------------------------------------------------------------- records -- */
+/* ----------------------------------------------------------------------------------------------------- records -- */
 
 #pragma pack(push, 1)
 
-    /* An address value: 16 bytes. */
-    typedef union KXRULE_PACKED PFW_ADDR
-    {
-        uint32_t dwIPv4;    /* IPv4 address or mask in host byte order (10.0.0.1 is 0x0A000001), or a prefix length */
-        uint8_t abIPv6[16]; /* IPv6 address in network order */
-    } PFW_ADDR;
+/* An address value: 16 bytes. */
+typedef union KXRULE_PACKED PFW_ADDR
+{
+    uint32_t dwIPv4;    /* IPv4 address or mask in host byte order (10.0.0.1 is 0x0A000001), or a prefix length */
+    uint8_t abIPv6[16]; /* IPv6 address in network order */
+} PFW_ADDR;
 
-    /* An address item of a rule or a macro: 48 bytes. */
-    typedef struct KXRULE_PACKED RULE_ADDR
+/* An address item of a rule or a macro: 48 bytes. */
+typedef struct KXRULE_PACKED RULE_ADDR
+{
+    uint32_t dwType; /*  0  KXRULE_ADDR_... */
+    KXRULE_EXTENSION union
     {
-        uint32_t dwType; /*  0  KXRULE_ADDR_... */
-        KXRULE_EXTENSION union
+        KXRULE_EXTENSION struct
         {
-            KXRULE_EXTENSION struct
-            {
-                uint32_t dwNot;    /*  4  nonzero: negated */
-                uint32_t dwFamily; /*  8  KXRULE_FAMILY_... */
-                PFW_ADDR Addr1;    /* 12  the address, or the lower end of a range */
-                uint32_t dwSpare;  /* 28  carried, never read */
-                PFW_ADDR Addr2;    /* 32  mask, prefix length or upper end, as dwType says */
-            };
-            char szName[KXRULE_ADDR_NAME_BYTES]; /* 4  type KXRULE_ADDR_NAME: NUL-terminated name */
+            uint32_t dwNot;    /*  4  nonzero: negated */
+            uint32_t dwFamily; /*  8  KXRULE_FAMILY_... */
+            PFW_ADDR Addr1;    /* 12  the address, or the lower end of a range */
+            uint32_t dwSpare;  /* 28  carried, never read */
+            PFW_ADDR Addr2;    /* 32  mask, prefix length or upper end, as dwType says */
         };
-    } RULE_ADDR;
+        char szName[KXRULE_ADDR_NAME_BYTES]; /* 4  type KXRULE_ADDR_NAME: NUL-terminated name */
+    };
+} RULE_ADDR;
 
-    /* A port item of a rule or a macro: 133 bytes. */
-    typedef struct KXRULE_PACKED RULE_PORT
+/* A port item of a rule or a macro: 133 bytes. */
+typedef struct KXRULE_PACKED RULE_PORT
+{
+    int32_t nType; /* 0  KXRULE_PORT_... */
+    KXRULE_EXTENSION union
     {
-        int32_t nType; /* 0  KXRULE_PORT_... */
-        KXRULE_EXTENSION union
+        KXRULE_EXTENSION struct
         {
-            KXRULE_EXTENSION struct
-            {
-                uint32_t dwNot;  /*  4  types single and range: nonzero: negated */
-                uint16_t wPort1; /*  8  the port, or the lower end of a range */
-                uint16_t wPort2; /* 10  the upper end of a range */
-            };
-            char szList[KXRULE_PORT_LIST_BYTES]; /* 4  types list and name: NUL-terminated text */
+            uint32_t dwNot;  /*  4  types single and range: nonzero: negated */
+            uint16_t wPort1; /*  8  the port, or the lower end of a range */
+            uint16_t wPort2; /* 10  the upper end of a range */
         };
-    } RULE_PORT;
+        char szList[KXRULE_PORT_LIST_BYTES]; /* 4  types list and name: NUL-terminated text */
+    };
+} RULE_PORT;
 
-    /* Kind 1: traffic accepted or refused, for one application or for all. Offsets are those in PFW_RULE. */
-    typedef struct KXRULE_PACKED PFW_ACCESS
-    {
-        uint32_t dwSpare1;                     /*  140  carried, never read */
-        uint32_t dwProtocol;                   /*  144  KXRULE_PROTOCOL_... */
-        uint32_t dwSpare2;                     /*  148  carried, never read (rescue rules number themselves here) */
-        RULE_ADDR Addr[2];                     /*  152  ranges are put in order when the rule is added */
-        RULE_PORT Port[2];                     /*  248  ranges are put in order when the rule is added */
-        uint32_t dwAction;                     /*  514  KXRULE_ACTION_... */
-        uint32_t dwExtFlag;                    /*  518  nonzero: the extension below is in use and part of the text */
-        uint32_t dwExtValue;                   /*  522  rendered as a signed number */
-        uint16_t wExtValue;                    /*  526 */
-        char szExtText[KXRULE_EXT_TEXT_BYTES]; /*  528 */
-        KXWCHAR wszAppName[KXRULE_APP_NAME_UNITS]; /*  784  full path of the application, or SYSTEM; the last unit is
+/* Kind 1: traffic accepted or refused, for one application or for all. Offsets are those in PFW_RULE. */
+typedef struct KXRULE_PACKED PFW_ACCESS
+{
+    uint32_t dwSpare1;                         /*  140  carried, never read */
+    uint32_t dwProtocol;                       /*  144  KXRULE_PROTOCOL_... */
+    uint32_t dwSpare2;                         /*  148  carried, never read (rescue rules number themselves here) */
+    RULE_ADDR Addr[2];                         /*  152  ranges are put in order when the rule is added */
+    RULE_PORT Port[2];                         /*  248  ranges are put in order when the rule is added */
+    uint32_t dwAction;                         /*  514  KXRULE_ACTION_... */
+    uint32_t dwExtFlag;                        /*  518  nonzero: the extension below is in use and part of the text */
+    uint32_t dwExtValue;                       /*  522  rendered as a signed number */
+    uint16_t wExtValue;                        /*  526 */
+    char szExtText[KXRULE_EXT_TEXT_BYTES];     /*  528 */
+    KXWCHAR wszAppName[KXRULE_APP_NAME_UNITS]; /*  784  full path of the application, or SYSTEM; the last unit is
                                                         forced to 0 when the rule is added */
-        uint8_t abAppHash[KXRULE_HASH_BYTES];      /* 1306  hash of the application's file; all zero: not yet known */
-        uint32_t dwSystem;                         /* 1326  set to 1 when wszAppName is SYSTEM */
-    } PFW_ACCESS;
+    uint8_t abAppHash[KXRULE_HASH_BYTES];      /* 1306  hash of the application's file; all zero: not yet known */
+    uint32_t dwSystem;                         /* 1326  set to 1 when wszAppName is SYSTEM */
+} PFW_ACCESS;
 
-    /* Kind 6: an access rule in its second layout; the same as PFW_ACCESS up to and including Port. */
-    typedef struct KXRULE_PACKED PFW_ACCESS2
-    {
-        uint32_t dwSpare1;                         /*  140 */
-        uint32_t dwProtocol;                       /*  144 */
-        uint32_t dwSpare2;                         /*  148 */
-        RULE_ADDR Addr[2];                         /*  152 */
-        RULE_PORT Port[2];                         /*  248 */
-        uint8_t abSpare[274];                      /*  514  carried, never read */
-        KXWCHAR wszAppName[KXRULE_APP_NAME_UNITS]; /*  788 */
-        uint8_t abAppHash[KXRULE_HASH_BYTES];      /* 1310 */
-        uint32_t dwSystem;                         /* 1330 */
-    } PFW_ACCESS2;
+/* Kind 6: an access rule in its second layout; the same as PFW_ACCESS up to and including Port. */
+typedef struct KXRULE_PACKED PFW_ACCESS2
+{
+    uint32_t dwSpare1;                         /*  140 */
+    uint32_t dwProtocol;                       /*  144 */
+    uint32_t dwSpare2;                         /*  148 */
+    RULE_ADDR Addr[2];                         /*  152 */
+    RULE_PORT Port[2];                         /*  248 */
+    uint8_t abSpare[274];                      /*  514  carried, never read */
+    KXWCHAR wszAppName[KXRULE_APP_NAME_UNITS]; /*  788 */
+    uint8_t abAppHash[KXRULE_HASH_BYTES];      /* 1310 */
+    uint32_t dwSystem;                         /* 1330 */
+} PFW_ACCESS2;
 
-    /* Kind 2: address translation. */
-    typedef struct KXRULE_PACKED PFW_NAT
-    {
-        uint32_t dwProtocol; /* 140 */
-        RULE_ADDR Addr[3];   /* 144, 192, 240 */
-        RULE_PORT Port[3];   /* 288, 421, 554 */
-        uint32_t dwNatType;  /* 687  KXRULE_NAT_... */
-    } PFW_NAT;
+/* Kind 2: address translation. */
+typedef struct KXRULE_PACKED PFW_NAT
+{
+    uint32_t dwProtocol; /* 140 */
+    RULE_ADDR Addr[3];   /* 144, 192, 240 */
+    RULE_PORT Port[3];   /* 288, 421, 554 */
+    uint32_t dwNatType;  /* 687  KXRULE_NAT_... */
+} PFW_NAT;
 
-    /* Kind 3: traffic limits. */
-    typedef struct KXRULE_PACKED PFW_THROTTLE
-    {
-        uint32_t dwProtocol;                   /* 140 */
-        RULE_ADDR Addr[2];                     /* 144, 192 */
-        RULE_PORT Port[2];                     /* 240, 373 */
-        uint16_t wLimit[6];                    /* 506  six parameters, rendered in order */
-        uint32_t dwExtFlag;                    /* 518  nonzero: the extension below is part of the text */
-        uint32_t dwExtValue;                   /* 522 */
-        uint16_t wExtValue;                    /* 526 */
-        char szExtText[KXRULE_EXT_TEXT_BYTES]; /* 528 */
-    } PFW_THROTTLE;
+/* Kind 3: traffic limits. */
+typedef struct KXRULE_PACKED PFW_THROTTLE
+{
+    uint32_t dwProtocol;                   /* 140 */
+    RULE_ADDR Addr[2];                     /* 144, 192 */
+    RULE_PORT Port[2];                     /* 240, 373 */
+    uint16_t wLimit[6];                    /* 506  six parameters, rendered in order */
+    uint32_t dwExtFlag;                    /* 518  nonzero: the extension below is part of the text */
+    uint32_t dwExtValue;                   /* 522 */
+    uint16_t wExtValue;                    /* 526 */
+    char szExtText[KXRULE_EXT_TEXT_BYTES]; /* 528 */
+} PFW_THROTTLE;
 
-    /* Kind 4: an application protocol's stream. */
-    typedef struct KXRULE_PACKED PFW_STREAM
-    {
-        uint32_t dwAppProtocol;                      /* 140  KXRULE_APP_... */
-        RULE_ADDR Addr[2];                           /* 144, 192 */
-        uint32_t dwStreamParam;                      /* 240  rendered after the addresses */
-        uint32_t dwAction;                           /* 244 */
-        uint32_t dwExtFlag;                          /* 248  not consulted: the extension is always part of the text */
-        uint32_t dwExtValue;                         /* 252 */
-        uint16_t wExtValue;                          /* 256 */
-        char szExtText[KXRULE_EXT_TEXT_BYTES];       /* 258 */
-        char szStreamText[KXRULE_STREAM_TEXT_BYTES]; /* 514  always part of the text */
-    } PFW_STREAM;
+/* Kind 4: an application protocol's stream. */
+typedef struct KXRULE_PACKED PFW_STREAM
+{
+    uint32_t dwAppProtocol;                      /* 140  KXRULE_APP_... */
+    RULE_ADDR Addr[2];                           /* 144, 192 */
+    uint32_t dwStreamParam;                      /* 240  rendered after the addresses */
+    uint32_t dwAction;                           /* 244 */
+    uint32_t dwExtFlag;                          /* 248  not consulted: the extension is always part of the text */
+    uint32_t dwExtValue;                         /* 252 */
+    uint16_t wExtValue;                          /* 256 */
+    char szExtText[KXRULE_EXT_TEXT_BYTES];       /* 258 */
+    char szStreamText[KXRULE_STREAM_TEXT_BYTES]; /* 514  always part of the text */
+} PFW_STREAM;
 
-    /* Kind 5: a stream of any protocol. */
-    typedef struct KXRULE_PACKED PFW_GENSTREAM
-    {
-        uint32_t dwProtocol;                   /* 140 */
-        RULE_ADDR Addr[2];                     /* 144, 192 */
-        RULE_PORT Port[2];                     /* 240, 373 */
-        uint32_t dwDirection;                  /* 506  KXRULE_DIRECTION_... */
-        uint32_t dwParam[3];                   /* 510, 514, 518: parameters 0 to 2 */
-        uint32_t dwAction;                     /* 522 */
-        uint32_t dwParam3;                     /* 526  parameter 3 */
-        uint32_t dwExtFlag;                    /* 530  not consulted */
-        uint32_t dwExtValue;                   /* 534 */
-        uint16_t wExtValue;                    /* 538 */
-        char szExtText[KXRULE_EXT_TEXT_BYTES]; /* 540 */
-        char
-            szStreamText[KXRULE_GENSTREAM_TEXT_BYTES]; /* 796  part of the text unless its first two bytes are both 0 */
-    } PFW_GENSTREAM;
+/* Kind 5: a stream of any protocol. */
+typedef struct KXRULE_PACKED PFW_GENSTREAM
+{
+    uint32_t dwProtocol;                            /* 140 */
+    RULE_ADDR Addr[2];                              /* 144, 192 */
+    RULE_PORT Port[2];                              /* 240, 373 */
+    uint32_t dwDirection;                           /* 506  KXRULE_DIRECTION_... */
+    uint32_t dwParam[3];                            /* 510, 514, 518: parameters 0 to 2 */
+    uint32_t dwAction;                              /* 522 */
+    uint32_t dwParam3;                              /* 526  parameter 3 */
+    uint32_t dwExtFlag;                             /* 530  not consulted */
+    uint32_t dwExtValue;                            /* 534 */
+    uint16_t wExtValue;                             /* 538 */
+    char szExtText[KXRULE_EXT_TEXT_BYTES];          /* 540 */
+    char szStreamText[KXRULE_GENSTREAM_TEXT_BYTES]; /* 796  part of the text unless its first two bytes are both 0 */
+} PFW_GENSTREAM;
 
-    /* A rule: 2845 bytes, exchanged and stored as one block. Bytes that the kind does not use are carried unchanged. */
-    typedef struct KXRULE_PACKED PFW_RULE
+/* A rule: 2845 bytes, exchanged and stored as one block. Bytes that the kind does not use are carried unchanged. */
+typedef struct KXRULE_PACKED PFW_RULE
+{
+    uint16_t wRuleIndex;                              /*   0  the rule's key in its rule set */
+    KXWCHAR wszDescription[KXRULE_DESCRIPTION_UNITS]; /*   2  free text, carried unchanged */
+    uint32_t dwActive;                                /* 132  what kxRuleIsRuleActive returns */
+    uint32_t dwKind;                                  /* 136  KXRULE_KIND_...: which member below is meant */
+    KXRULE_EXTENSION union
     {
-        uint16_t wRuleIndex;                              /*   0  the rule's key in its rule set */
-        KXWCHAR wszDescription[KXRULE_DESCRIPTION_UNITS]; /*   2  free text, carried unchanged */
-        uint32_t dwActive;                                /* 132  what kxRuleIsRuleActive returns */
-        uint32_t dwKind;                                  /* 136  KXRULE_KIND_...: which member below is meant */
-        KXRULE_EXTENSION union
-        {
-            PFW_ACCESS Access;       /* 140 */
-            PFW_NAT Nat;             /* 140 */
-            PFW_THROTTLE Throttle;   /* 140 */
-            PFW_STREAM Stream;       /* 140 */
-            PFW_GENSTREAM GenStream; /* 140 */
-            PFW_ACCESS2 Access2;     /* 140 */
-            uint8_t abKind[2705];    /* 140  the whole block */
-        };
-    } PFW_RULE;
+        PFW_ACCESS Access;       /* 140 */
+        PFW_NAT Nat;             /* 140 */
+        PFW_THROTTLE Throttle;   /* 140 */
+        PFW_STREAM Stream;       /* 140 */
+        PFW_GENSTREAM GenStream; /* 140 */
+        PFW_ACCESS2 Access2;     /* 140 */
+        uint8_t abKind[2705];    /* 140  the whole block */
+    };
+} PFW_RULE;
 
-    /* The head of a rule set: 136 bytes, followed without a gap by nRuleCount records of PFW_RULE (KXRULE_RULES). */
-    typedef struct KXRULE_PACKED PFW_RULESET
-    {
-        uint16_t wRuleSetIndex;                     /*   0  1 to 65280 */
-        KXWCHAR wszName[KXRULE_RULESET_NAME_UNITS]; /*   2  at most 64 units and the terminator */
-        int32_t nRuleCount;                         /* 132  below 1: no rules */
-    } PFW_RULESET;
+/* The head of a rule set: 136 bytes, followed without a gap by nRuleCount records of PFW_RULE (KXRULE_RULES). */
+typedef struct KXRULE_PACKED PFW_RULESET
+{
+    uint16_t wRuleSetIndex;                     /*   0  1 to 65280 */
+    KXWCHAR wszName[KXRULE_RULESET_NAME_UNITS]; /*   2  at most 64 units and the terminator */
+    int32_t nRuleCount;                         /* 132  below 1: no rules */
+} PFW_RULESET;
 
-    /* One item of a macro: 137 bytes. */
-    typedef struct KXRULE_PACKED MACRO_ITEM
+/* One item of a macro: 137 bytes. */
+typedef struct KXRULE_PACKED MACRO_ITEM
+{
+    uint32_t dwItemType; /* 0  KXRULE_ITEM_... */
+    KXRULE_EXTENSION union
     {
-        uint32_t dwItemType; /* 0  KXRULE_ITEM_... */
-        KXRULE_EXTENSION union
-        {
-            RULE_ADDR Addr;                          /* 4  KXRULE_ITEM_ADDR: the first 48 bytes */
-            RULE_PORT Port;                          /* 4  KXRULE_ITEM_PORT */
-            char szText[KXRULE_MACRO_PAYLOAD_BYTES]; /* 4  KXRULE_ITEM_TEXT: NUL-terminated text */
-        };
-    } MACRO_ITEM;
+        RULE_ADDR Addr;                          /* 4  KXRULE_ITEM_ADDR: the first 48 bytes */
+        RULE_PORT Port;                          /* 4  KXRULE_ITEM_PORT */
+        char szText[KXRULE_MACRO_PAYLOAD_BYTES]; /* 4  KXRULE_ITEM_TEXT: NUL-terminated text */
+    };
+} MACRO_ITEM;
 
-    /* The head of a macro: 40 bytes, followed without a gap by nItemCount items (KXRULE_MACRO_ITEMS). */
-    typedef struct KXRULE_PACKED PFW_MACRO
-    {
-        uint32_t dwReserved;                  /*  0  neither read nor written by the library */
-        char szName[KXRULE_MACRO_NAME_BYTES]; /*  4  at most 31 bytes and the terminator */
-        int32_t nItemCount;                   /* 36  below 1: no items */
-    } PFW_MACRO;
+/* The head of a macro: 40 bytes, followed without a gap by nItemCount items (KXRULE_MACRO_ITEMS). */
+typedef struct KXRULE_PACKED PFW_MACRO
+{
+    uint32_t dwReserved;                  /*  0  neither read nor written by the library */
+    char szName[KXRULE_MACRO_NAME_BYTES]; /*  4  at most 31 bytes and the terminator */
+    int32_t nItemCount;                   /* 36  below 1: no items */
+} PFW_MACRO;
 
 #pragma pack(pop)
 
@@ -348,18 +353,18 @@ extern "C"
 #define KXRULE_RULESET_BYTES(ruleCount) (sizeof(PFW_RULESET) + (size_t)(ruleCount) * sizeof(PFW_RULE))
 #define KXRULE_MACRO_BYTES(itemCount) (sizeof(PFW_MACRO) + (size_t)(itemCount) * sizeof(MACRO_ITEM))
 
-    /*
+/*
  * Called by kxRuleUpdateHashValue once for every rule whose hash it set.
  *   ruleSetIndex  the rule's set
  *   rule          the stored record after the change; valid during the call only, not to be written to
  *   context       the caller's value
  * The result is ignored. The call is made under the master lock: it must not call any function of the library.
  */
-    typedef int32_t (*KXRULE_HASH_CALLBACK)(uint32_t ruleSetIndex, const PFW_RULE* rule, void* context);
+typedef int32_t (*KXRULE_HASH_CALLBACK)(uint32_t ruleSetIndex, const PFW_RULE* rule, void* context);
 
-    /* --------------------------------------------------------------------------------------------------- lifecycle -- */
+/* --------------------------------------------------------------------------------------------------- lifecycle -- */
 
-    /*
+/*
  * Starts the library: trace, named mutex, empty store, delayed write timer. Reads no rule file; see kxRuleRead.
  *   rulePath        the rule directory, created when missing (one level). Null or empty: the DLL's own directory.
  *   masterFileName  a bare file name for the master file. Null or empty: KxRulMas.dat.
@@ -368,17 +373,17 @@ extern "C"
  * Changes reach the disk every RuleWriteInterval milliseconds (docs/settings.md), 30 minutes unless configured.
  * One process at a time should write to a rule directory: nothing reloads what another process wrote.
  */
-    int32_t kxRuleInitialize(const char* rulePath, const char* masterFileName);
+int32_t kxRuleInitialize(const char* rulePath, const char* masterFileName);
 
-    /*
+/*
  * Writes pending changes, stops the timer, closes mutex and trace. Always 0, also when that last write failed: call
  * kxRuleFlush before it to learn of that. Without an initialised library it does nothing and returns 0. Master locks
  * that the calling thread kept are given back. While another thread keeps one, the call waits for that thread's
  * kxRuleFinalize.
  */
-    int32_t kxRuleFinalize(void);
+int32_t kxRuleFinalize(void);
 
-    /*
+/*
  * Discards what is in memory and reads master, macro and rule set files. Damage is answered, not reported, where the
  * store can go on: an unusable master file moves all rule files to a dated backup directory, an unreadable rule set
  * becomes a rescue rule set and is kept as a .brk copy (docs/recovery.md).
@@ -390,37 +395,37 @@ extern "C"
  * changing calls of other threads wait. Do not change the store after a failed read: the first write copies all rule
  * files into a dated backup directory, but it lists only what is in memory.
  */
-    int32_t kxRuleRead(void);
+int32_t kxRuleRead(void);
 
-    /*
+/*
  * Writes macro file, modified rule sets and master file now. Each file is written beside the old one and put over
  * it only when complete and flushed.
  * 0, or KXRULE_E_FILE_OPEN   a temporary file could not be made in the rule directory, or not initialised
  *       KXRULE_E_FILE_WRITE  a file could not be written or replaced, or memory ran out; the old file stays
  */
-    int32_t kxRuleWrite(void);
+int32_t kxRuleWrite(void);
 
-    /* As kxRuleWrite when anything changed since the last timed write; otherwise 0 without touching a file. */
-    int32_t kxRuleFlush(void);
+/* As kxRuleWrite when anything changed since the last timed write; otherwise 0 without touching a file. */
+int32_t kxRuleFlush(void);
 
-    /* --------------------------------------------------------------------------------------------------- rule sets -- */
+/* --------------------------------------------------------------------------------------------------- rule sets -- */
 
-    /*
+/*
  * Replaces the list of active rule sets.
  *   indexes  count rule set indexes, 1 to 65280, kept in this order; they need not exist, duplicates stay. Null with
  *            count 0, and a negative count with a non-null pointer, empty the list.
  * 0, or KXRULE_E_NULL_POINTER  indexes is null and count is not 0, or memory ran out
  *       KXRULE_E_NO_RULESET    an index is 0 or above 65280; the old list stays
  */
-    int32_t kxRuleSetActiveRuleSet(const uint16_t* indexes, int32_t count);
+int32_t kxRuleSetActiveRuleSet(const uint16_t* indexes, int32_t count);
 
-    /*
+/*
  * Copies at most maxCount entries of the active list (none when indexes is null or maxCount below 1) and returns the
  * full number of entries.
  */
-    int32_t kxRuleGetActiveRuleSet(uint16_t* indexes, int32_t maxCount);
+int32_t kxRuleGetActiveRuleSet(uint16_t* indexes, int32_t maxCount);
 
-    /*
+/*
  * Adds a rule set with its rules.
  *   index    the index it shall get, or 0 to have a free one allocated. The record's own wRuleSetIndex is no request.
  *   ruleSet  in: KXRULE_RULESET_BYTES(nRuleCount) bytes, copied; access rules are normalised in the copy; of two
@@ -433,38 +438,38 @@ extern "C"
  *                                   kxRuleFinalize: its own calls go on, changing calls of other threads wait. Add
  *                                   with index 0, or ask kxRuleGetRuleSetIndex first.
  */
-    int32_t kxRuleAddRuleSet(uint16_t index, PFW_RULESET* ruleSet);
+int32_t kxRuleAddRuleSet(uint16_t index, PFW_RULESET* ruleSet);
 
-    /*
+/*
  * Removes a rule set, or all of them (index 0), rewrites the master file at once and then deletes the files of what
  * was removed. The active list does not change.
  * 0, or KXRULE_E_NO_RULESET  no rule set has that index (never for 0)
  *       KXRULE_E_FILE_OPEN, KXRULE_E_FILE_WRITE  the master file could not be written; the rule set is gone from
  *                            memory all the same and its file stays
  */
-    int32_t kxRuleDeleteRuleSet(uint16_t index);
+int32_t kxRuleDeleteRuleSet(uint16_t index);
 
-    /* Copies at most maxCount rule set indexes, ascending (none when indexes is null), and returns their full number. */
-    int32_t kxRuleGetRuleSetIndex(uint16_t* indexes, int32_t maxCount);
+/* Copies at most maxCount rule set indexes, ascending (none when indexes is null), and returns their full number. */
+int32_t kxRuleGetRuleSetIndex(uint16_t* indexes, int32_t maxCount);
 
-    /*
+/*
  * Copies a rule set out.
  *   ruleSet   null: count only. Otherwise room for KXRULE_RULESET_BYTES(maxRules) bytes.
  *   maxRules  rule records that fit; 0 fills the head only, below 0 nothing is written.
  * The full number of rules in the set, which is also what nRuleCount holds, however many were copied (ascending by
  * rule index), or KXRULE_E_NO_RULESET, and nothing is written. Call with null first, then with a buffer of that size.
  */
-    int32_t kxRuleGetRuleSet(uint16_t index, PFW_RULESET* ruleSet, int32_t maxRules);
+int32_t kxRuleGetRuleSet(uint16_t index, PFW_RULESET* ruleSet, int32_t maxRules);
 
-    /* ------------------------------------------------------------------------------------------------------- rules -- */
+/* ------------------------------------------------------------------------------------------------------- rules -- */
 
-    /* The smallest rule index of a set, 0 when it holds no rule (or rule 0), or KXRULE_E_NO_RULESET. */
-    int32_t kxRuleGetRuleTopIndex(uint16_t ruleSetIndex);
+/* The smallest rule index of a set, 0 when it holds no rule (or rule 0), or KXRULE_E_NO_RULESET. */
+int32_t kxRuleGetRuleTopIndex(uint16_t ruleSetIndex);
 
-    /* The largest rule index of a set, 0 when it holds no rule (or only rule 0), or KXRULE_E_NO_RULESET. */
-    int32_t kxRuleGetRuleBottomIndex(uint16_t ruleSetIndex);
+/* The largest rule index of a set, 0 when it holds no rule (or only rule 0), or KXRULE_E_NO_RULESET. */
+int32_t kxRuleGetRuleBottomIndex(uint16_t ruleSetIndex);
 
-    /*
+/*
  * Adds one rule to a rule set. It reaches the disk with the next timed write, or at once with kxRuleWrite.
  *   ruleSetIndex  an existing rule set, 1 to 65280
  *   ruleIndex     the rule's key in the set, 0 to 65535; wins over the record's own wRuleIndex
@@ -476,82 +481,82 @@ extern "C"
  *       KXRULE_E_RULE_EXISTS     the set has a rule with that index
  * Takes the global lock, then the master lock; may load KxHash.dll.
  */
-    int32_t kxRuleAddRule(uint16_t ruleSetIndex, uint16_t ruleIndex, const PFW_RULE* rule);
+int32_t kxRuleAddRule(uint16_t ruleSetIndex, uint16_t ruleIndex, const PFW_RULE* rule);
 
-    /*
+/*
  * Deletes a rule, or all rules of the set (ruleIndex 0; rule 0 cannot be deleted alone).
  * 0, or KXRULE_E_NO_RULESET  no rule set with that index
  *       KXRULE_E_NO_RULE     no rule with that index (never for 0)
  */
-    int32_t kxRuleDeleteRule(uint16_t ruleSetIndex, uint16_t ruleIndex);
+int32_t kxRuleDeleteRule(uint16_t ruleSetIndex, uint16_t ruleIndex);
 
-    /*
+/*
  * Copies one rule out. Neither allocates nor traces.
  * 0, or KXRULE_E_NO_RULESET    no rule set with that index
  *       KXRULE_E_NO_RULE       no rule with that index
  *       KXRULE_E_NULL_POINTER  rule is null (told only of a rule that exists)
  */
-    int32_t kxRuleGetRule(uint16_t ruleSetIndex, uint16_t ruleIndex, PFW_RULE* rule);
+int32_t kxRuleGetRule(uint16_t ruleSetIndex, uint16_t ruleIndex, PFW_RULE* rule);
 
-    /* The rule's dwActive as it stands, or KXRULE_E_NO_RULESET or KXRULE_E_NO_RULE; equal values cannot be told apart. */
-    int32_t kxRuleIsRuleActive(uint16_t ruleSetIndex, uint16_t ruleIndex);
+/* The rule's dwActive as it stands, or KXRULE_E_NO_RULESET or KXRULE_E_NO_RULE; equal values cannot be told apart. */
+int32_t kxRuleIsRuleActive(uint16_t ruleSetIndex, uint16_t ruleIndex);
 
-    /* ------------------------------------------------------------------------------------------------------ macros -- */
+/* ------------------------------------------------------------------------------------------------------ macros -- */
 
-    /*
+/*
  * Appends a macro; equal names are not looked for.
  *   macro  KXRULE_MACRO_BYTES(nItemCount) bytes, copied
  * 0, or KXRULE_E_NULL_POINTER  macro is null, or memory ran out
  */
-    int32_t kxRuleAddMacro(const PFW_MACRO* macro);
+int32_t kxRuleAddMacro(const PFW_MACRO* macro);
 
-    /* Removes every macro. 0. */
-    int32_t kxRuleDeleteMacro(void);
+/* Removes every macro. 0. */
+int32_t kxRuleDeleteMacro(void);
 
-    /* The number of macros. */
-    int32_t kxRuleGetMacroCount(void);
+/* The number of macros. */
+int32_t kxRuleGetMacroCount(void);
 
-    /*
+/*
  * Copies all macros out, one packed record right behind the other, in the order they were added; dwReserved is left
  * as it was in the buffer.
  *   buffer      bufferSize bytes; nothing is written when it is null or too small
  * The bytes needed for all macros (at most 2^31 - 1), in either case. Call with bufferSize 0 first.
  */
-    int32_t kxRuleGetMacro(void* buffer, int32_t bufferSize);
+int32_t kxRuleGetMacro(void* buffer, int32_t bufferSize);
 
-    /* ------------------------------------------------------------------------------------------------------- texts -- */
+/* ------------------------------------------------------------------------------------------------------- texts -- */
 
-    /*
+/*
  * The three text functions return the length of the text in bytes, without terminator, and copy it into text as
  * strncpy does: at most textSize bytes; the rest of the buffer is filled with NUL; a text of textSize bytes or more
  * is cut and has no terminator. On a double-byte code page a character cut in half becomes NUL. Nothing is copied
  * when text is null, textSize is below 1, or the result is a code. Call with null first, then with length + 1 bytes.
  */
 
-    /*
+/*
  * One stored rule as a line of text, such as ACCESS,TCP,192.168.0.1,!10.0.0.0/255.0.0.0,,80:90,ACCEPT
  * The length, or KXRULE_E_NO_RULESET, KXRULE_E_NO_RULE,
  *                KXRULE_E_RULE_TEXT  its kind is not 1 to 5, or memory ran out
  */
-    int32_t kxRuleGetRuleString(uint16_t ruleSetIndex, uint16_t ruleIndex, char* text, int32_t textSize);
+int32_t kxRuleGetRuleString(uint16_t ruleSetIndex, uint16_t ruleIndex, char* text, int32_t textSize);
 
-    /*
+/*
  * A record that need not be stored as a line of text. Takes no lock; may load KxHash.dll.
  * The length, or KXRULE_E_NULL_POINTER  rule is null
  *                KXRULE_E_RULE_TEXT     its kind is not 1 to 5, or memory ran out
  */
-    int32_t kxRuleGetRuleString2(const PFW_RULE* rule, char* text, int32_t textSize);
+int32_t kxRuleGetRuleString2(const PFW_RULE* rule, char* text, int32_t textSize);
 
-    /*
+/*
  * A macro record as a line of text, such as web=80|8080,10.1.1.1; it is not looked up in the store. Takes no lock.
  * The length, or KXRULE_E_NULL_POINTER  macro is null
  *                KXRULE_E_MACRO_TEXT    it has no items, or memory ran out
  */
-    int32_t kxRuleGetMacroString(const PFW_MACRO* macro, char* text, int32_t textSize);
+int32_t kxRuleGetMacroString(const PFW_MACRO* macro, char* text, int32_t textSize);
 
-    /* ------------------------------------------------------------------------------------------ application hashes -- */
+/* ------------------------------------------------------------------------------------------ application hashes -- */
 
-    /*
+/*
  * Refreshes the application hashes of all rules, or of those bound to one application.
  *   applicationPath  NUL-terminated; compared ignoring case. Null: every rule whose dwSystem is 0.
  *   hash             20 bytes, or null. Null or all zero: compute the hash of every selected rule anew. Otherwise:
@@ -564,79 +569,77 @@ extern "C"
  * A rule that fails keeps its hash and does not stop its set; the walk ends after the first set with a failure and
  * returns that set's first one. Changed sets are written with the next timed write. Takes the master lock only.
  */
-    int32_t kxRuleUpdateHashValue(const KXWCHAR* applicationPath, const uint8_t* hash, KXRULE_HASH_CALLBACK callback,
-                                  void* context);
+int32_t kxRuleUpdateHashValue(const KXWCHAR* applicationPath, const uint8_t* hash, KXRULE_HASH_CALLBACK callback,
+                              void* context);
 
-    /* ------------------------------------------------------------------------------------------------------ layout -- */
+/* ------------------------------------------------------------------------------------------------------ layout -- */
 
-    /* The layouts are binding: whatever compiler builds a caller checks them here. */
-    KXRULE_STATIC_ASSERT(sizeof(KXWCHAR) == 2);
-    KXRULE_STATIC_ASSERT(sizeof(RULE_ADDR) == 48);
-    KXRULE_STATIC_ASSERT(offsetof(RULE_ADDR, dwNot) == 4);
-    KXRULE_STATIC_ASSERT(offsetof(RULE_ADDR, szName) == 4);
-    KXRULE_STATIC_ASSERT(offsetof(RULE_ADDR, dwFamily) == 8);
-    KXRULE_STATIC_ASSERT(offsetof(RULE_ADDR, Addr1) == 12);
-    KXRULE_STATIC_ASSERT(offsetof(RULE_ADDR, Addr2) == 32);
-    KXRULE_STATIC_ASSERT(sizeof(RULE_PORT) == 133);
-    KXRULE_STATIC_ASSERT(offsetof(RULE_PORT, dwNot) == 4);
-    KXRULE_STATIC_ASSERT(offsetof(RULE_PORT, szList) == 4);
-    KXRULE_STATIC_ASSERT(offsetof(RULE_PORT, wPort1) == 8);
-    KXRULE_STATIC_ASSERT(offsetof(RULE_PORT, wPort2) == 10);
-    KXRULE_STATIC_ASSERT(sizeof(PFW_RULE) == 2845);
-    KXRULE_STATIC_ASSERT(offsetof(PFW_RULE, wszDescription) == 2);
-    KXRULE_STATIC_ASSERT(offsetof(PFW_RULE, dwActive) == 132);
-    KXRULE_STATIC_ASSERT(offsetof(PFW_RULE, dwKind) == 136);
-    KXRULE_STATIC_ASSERT(offsetof(PFW_RULE, Access) == 140);
-    KXRULE_STATIC_ASSERT(offsetof(PFW_RULE, Access.dwProtocol) == 144);
-    KXRULE_STATIC_ASSERT(offsetof(PFW_RULE, Access.Addr) == 152);
-    KXRULE_STATIC_ASSERT(offsetof(PFW_RULE, Access.Port) == 248);
-    KXRULE_STATIC_ASSERT(offsetof(PFW_RULE, Access.dwAction) == 514);
-    KXRULE_STATIC_ASSERT(offsetof(PFW_RULE, Access.dwExtFlag) == 518);
-    KXRULE_STATIC_ASSERT(offsetof(PFW_RULE, Access.dwExtValue) == 522);
-    KXRULE_STATIC_ASSERT(offsetof(PFW_RULE, Access.wExtValue) == 526);
-    KXRULE_STATIC_ASSERT(offsetof(PFW_RULE, Access.szExtText) == 528);
-    KXRULE_STATIC_ASSERT(offsetof(PFW_RULE, Access.wszAppName) == 784);
-    KXRULE_STATIC_ASSERT(offsetof(PFW_RULE, Access.abAppHash) == 1306);
-    KXRULE_STATIC_ASSERT(offsetof(PFW_RULE, Access.dwSystem) == 1326);
-    KXRULE_STATIC_ASSERT(offsetof(PFW_RULE, Access2.Port) == 248);
-    KXRULE_STATIC_ASSERT(offsetof(PFW_RULE, Access2.wszAppName) == 788);
-    KXRULE_STATIC_ASSERT(offsetof(PFW_RULE, Access2.abAppHash) == 1310);
-    KXRULE_STATIC_ASSERT(offsetof(PFW_RULE, Access2.dwSystem) == 1330);
-    KXRULE_STATIC_ASSERT(offsetof(PFW_RULE, Nat.dwProtocol) == 140);
-    KXRULE_STATIC_ASSERT(offsetof(PFW_RULE, Nat.Addr) == 144);
-    KXRULE_STATIC_ASSERT(offsetof(PFW_RULE, Nat.Port) == 288);
-    KXRULE_STATIC_ASSERT(offsetof(PFW_RULE, Nat.dwNatType) == 687);
-    KXRULE_STATIC_ASSERT(offsetof(PFW_RULE, Throttle.Addr) == 144);
-    KXRULE_STATIC_ASSERT(offsetof(PFW_RULE, Throttle.Port) == 240);
-    KXRULE_STATIC_ASSERT(offsetof(PFW_RULE, Throttle.wLimit) == 506);
-    KXRULE_STATIC_ASSERT(offsetof(PFW_RULE, Throttle.dwExtFlag) == 518);
-    KXRULE_STATIC_ASSERT(offsetof(PFW_RULE, Throttle.szExtText) == 528);
-    KXRULE_STATIC_ASSERT(offsetof(PFW_RULE, Stream.dwStreamParam) == 240);
-    KXRULE_STATIC_ASSERT(offsetof(PFW_RULE, Stream.dwAction) == 244);
-    KXRULE_STATIC_ASSERT(offsetof(PFW_RULE, Stream.dwExtValue) == 252);
-    KXRULE_STATIC_ASSERT(offsetof(PFW_RULE, Stream.szExtText) == 258);
-    KXRULE_STATIC_ASSERT(offsetof(PFW_RULE, Stream.szStreamText) == 514);
-    KXRULE_STATIC_ASSERT(offsetof(PFW_RULE, GenStream.Port) == 240);
-    KXRULE_STATIC_ASSERT(offsetof(PFW_RULE, GenStream.dwDirection) == 506);
-    KXRULE_STATIC_ASSERT(offsetof(PFW_RULE, GenStream.dwParam) == 510);
-    KXRULE_STATIC_ASSERT(offsetof(PFW_RULE, GenStream.dwAction) == 522);
-    KXRULE_STATIC_ASSERT(offsetof(PFW_RULE, GenStream.dwParam3) == 526);
-    KXRULE_STATIC_ASSERT(offsetof(PFW_RULE, GenStream.dwExtFlag) == 530);
-    KXRULE_STATIC_ASSERT(offsetof(PFW_RULE, GenStream.dwExtValue) == 534);
-    KXRULE_STATIC_ASSERT(offsetof(PFW_RULE, GenStream.wExtValue) == 538);
-    KXRULE_STATIC_ASSERT(offsetof(PFW_RULE, GenStream.szExtText) == 540);
-    KXRULE_STATIC_ASSERT(offsetof(PFW_RULE, GenStream.szStreamText) == 796);
-    KXRULE_STATIC_ASSERT(sizeof(PFW_RULESET) == 136);
-    KXRULE_STATIC_ASSERT(offsetof(PFW_RULESET, wszName) == 2);
-    KXRULE_STATIC_ASSERT(offsetof(PFW_RULESET, nRuleCount) == 132);
-    KXRULE_STATIC_ASSERT(sizeof(MACRO_ITEM) == 137);
-    KXRULE_STATIC_ASSERT(offsetof(MACRO_ITEM, szText) == 4);
-    KXRULE_STATIC_ASSERT(sizeof(PFW_MACRO) == 40);
-    KXRULE_STATIC_ASSERT(offsetof(PFW_MACRO, szName) == 4);
-    KXRULE_STATIC_ASSERT(offsetof(PFW_MACRO, nItemCount) == 36);
+/* The layouts are binding: whatever compiler builds a caller checks them here. */
+KXRULE_STATIC_ASSERT(sizeof(KXWCHAR) == 2);
+KXRULE_STATIC_ASSERT(sizeof(RULE_ADDR) == 48);
+KXRULE_STATIC_ASSERT(offsetof(RULE_ADDR, dwNot) == 4);
+KXRULE_STATIC_ASSERT(offsetof(RULE_ADDR, szName) == 4);
+KXRULE_STATIC_ASSERT(offsetof(RULE_ADDR, dwFamily) == 8);
+KXRULE_STATIC_ASSERT(offsetof(RULE_ADDR, Addr1) == 12);
+KXRULE_STATIC_ASSERT(offsetof(RULE_ADDR, Addr2) == 32);
+KXRULE_STATIC_ASSERT(sizeof(RULE_PORT) == 133);
+KXRULE_STATIC_ASSERT(offsetof(RULE_PORT, dwNot) == 4);
+KXRULE_STATIC_ASSERT(offsetof(RULE_PORT, szList) == 4);
+KXRULE_STATIC_ASSERT(offsetof(RULE_PORT, wPort1) == 8);
+KXRULE_STATIC_ASSERT(offsetof(RULE_PORT, wPort2) == 10);
+KXRULE_STATIC_ASSERT(sizeof(PFW_RULE) == 2845);
+KXRULE_STATIC_ASSERT(offsetof(PFW_RULE, wszDescription) == 2);
+KXRULE_STATIC_ASSERT(offsetof(PFW_RULE, dwActive) == 132);
+KXRULE_STATIC_ASSERT(offsetof(PFW_RULE, dwKind) == 136);
+KXRULE_STATIC_ASSERT(offsetof(PFW_RULE, Access) == 140);
+KXRULE_STATIC_ASSERT(offsetof(PFW_RULE, Access.dwProtocol) == 144);
+KXRULE_STATIC_ASSERT(offsetof(PFW_RULE, Access.Addr) == 152);
+KXRULE_STATIC_ASSERT(offsetof(PFW_RULE, Access.Port) == 248);
+KXRULE_STATIC_ASSERT(offsetof(PFW_RULE, Access.dwAction) == 514);
+KXRULE_STATIC_ASSERT(offsetof(PFW_RULE, Access.dwExtFlag) == 518);
+KXRULE_STATIC_ASSERT(offsetof(PFW_RULE, Access.dwExtValue) == 522);
+KXRULE_STATIC_ASSERT(offsetof(PFW_RULE, Access.wExtValue) == 526);
+KXRULE_STATIC_ASSERT(offsetof(PFW_RULE, Access.szExtText) == 528);
+KXRULE_STATIC_ASSERT(offsetof(PFW_RULE, Access.wszAppName) == 784);
+KXRULE_STATIC_ASSERT(offsetof(PFW_RULE, Access.abAppHash) == 1306);
+KXRULE_STATIC_ASSERT(offsetof(PFW_RULE, Access.dwSystem) == 1326);
+KXRULE_STATIC_ASSERT(offsetof(PFW_RULE, Access2.Port) == 248);
+KXRULE_STATIC_ASSERT(offsetof(PFW_RULE, Access2.wszAppName) == 788);
+KXRULE_STATIC_ASSERT(offsetof(PFW_RULE, Access2.abAppHash) == 1310);
+KXRULE_STATIC_ASSERT(offsetof(PFW_RULE, Access2.dwSystem) == 1330);
+KXRULE_STATIC_ASSERT(offsetof(PFW_RULE, Nat.dwProtocol) == 140);
+KXRULE_STATIC_ASSERT(offsetof(PFW_RULE, Nat.Addr) == 144);
+KXRULE_STATIC_ASSERT(offsetof(PFW_RULE, Nat.Port) == 288);
+KXRULE_STATIC_ASSERT(offsetof(PFW_RULE, Nat.dwNatType) == 687);
+KXRULE_STATIC_ASSERT(offsetof(PFW_RULE, Throttle.Addr) == 144);
+KXRULE_STATIC_ASSERT(offsetof(PFW_RULE, Throttle.Port) == 240);
+KXRULE_STATIC_ASSERT(offsetof(PFW_RULE, Throttle.wLimit) == 506);
+KXRULE_STATIC_ASSERT(offsetof(PFW_RULE, Throttle.dwExtFlag) == 518);
+KXRULE_STATIC_ASSERT(offsetof(PFW_RULE, Throttle.szExtText) == 528);
+KXRULE_STATIC_ASSERT(offsetof(PFW_RULE, Stream.dwStreamParam) == 240);
+KXRULE_STATIC_ASSERT(offsetof(PFW_RULE, Stream.dwAction) == 244);
+KXRULE_STATIC_ASSERT(offsetof(PFW_RULE, Stream.dwExtValue) == 252);
+KXRULE_STATIC_ASSERT(offsetof(PFW_RULE, Stream.szExtText) == 258);
+KXRULE_STATIC_ASSERT(offsetof(PFW_RULE, Stream.szStreamText) == 514);
+KXRULE_STATIC_ASSERT(offsetof(PFW_RULE, GenStream.Port) == 240);
+KXRULE_STATIC_ASSERT(offsetof(PFW_RULE, GenStream.dwDirection) == 506);
+KXRULE_STATIC_ASSERT(offsetof(PFW_RULE, GenStream.dwParam) == 510);
+KXRULE_STATIC_ASSERT(offsetof(PFW_RULE, GenStream.dwAction) == 522);
+KXRULE_STATIC_ASSERT(offsetof(PFW_RULE, GenStream.dwParam3) == 526);
+KXRULE_STATIC_ASSERT(offsetof(PFW_RULE, GenStream.dwExtFlag) == 530);
+KXRULE_STATIC_ASSERT(offsetof(PFW_RULE, GenStream.dwExtValue) == 534);
+KXRULE_STATIC_ASSERT(offsetof(PFW_RULE, GenStream.wExtValue) == 538);
+KXRULE_STATIC_ASSERT(offsetof(PFW_RULE, GenStream.szExtText) == 540);
+KXRULE_STATIC_ASSERT(offsetof(PFW_RULE, GenStream.szStreamText) == 796);
+KXRULE_STATIC_ASSERT(sizeof(PFW_RULESET) == 136);
+KXRULE_STATIC_ASSERT(offsetof(PFW_RULESET, wszName) == 2);
+KXRULE_STATIC_ASSERT(offsetof(PFW_RULESET, nRuleCount) == 132);
+KXRULE_STATIC_ASSERT(sizeof(MACRO_ITEM) == 137);
+KXRULE_STATIC_ASSERT(offsetof(MACRO_ITEM, szText) == 4);
+KXRULE_STATIC_ASSERT(sizeof(PFW_MACRO) == 40);
+KXRULE_STATIC_ASSERT(offsetof(PFW_MACRO, szName) == 4);
+KXRULE_STATIC_ASSERT(offsetof(PFW_MACRO, nItemCount) == 36);
 
-#if defined(__cplusplus)
-}
-#endif
+KXRULE_C_END
 
 #endif /* KXPFWRULE_H */
