@@ -1,0 +1,73 @@
+// What crosses the boundary to the trace library: the configuration record in its narrow and its wide form, and the
+// five entry points. Shared by the library that traces and by companions/trace; the layout is fixed for ever.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+
+#include "common/srclib/KxComn_Windows.h"
+
+#include "api/KxPfwRule.h"
+
+namespace KxCommon
+{
+
+#pragma pack(push, 1)
+
+/// The 36 bytes that both forms begin with.
+struct KXRULE_PACKED DebugConfigHead
+{
+    uint8_t bServiceSession; //  0  1: the process runs in the service session
+    uint8_t bRobust;         //  1  0 or 1
+    uint8_t bDebugger;       //  2  0 or 1
+    uint8_t bEnable;         //  3  0 or 1
+    SYSTEMTIME ReadTime;     //  4  local time at which the settings were read
+    uint32_t dwLogProcess;   // 20
+    uint32_t dwLogUnitType;  // 24
+    uint32_t dwUnit;         // 28  what kind of module traces; the rule library is 1
+    uint32_t dwLevel;        // 32  mask of the levels that are written
+};
+
+/// Texts end with NUL within their fields.
+template <class Character>
+struct KXRULE_PACKED DebugConfigRecord
+{
+    DebugConfigHead Head;
+    Character szTraceName[32];
+    Character szLogFolder[260];
+    Character szLogPrefix[256];
+    Character szLogFile[256];
+    Character szLogExtension[256];
+};
+
+#pragma pack(pop)
+
+using DebugConfig = DebugConfigRecord<char>;        // texts in the active code page
+using DebugConfigWide = DebugConfigRecord<KXWCHAR>; // texts in UTF-16
+
+static_assert(offsetof(DebugConfigHead, bServiceSession) == 0);
+static_assert(offsetof(DebugConfigHead, bRobust) == 1);
+static_assert(offsetof(DebugConfigHead, bDebugger) == 2);
+static_assert(offsetof(DebugConfigHead, bEnable) == 3);
+static_assert(offsetof(DebugConfigHead, ReadTime) == 4);
+static_assert(offsetof(DebugConfigHead, dwLogProcess) == 20);
+static_assert(offsetof(DebugConfigHead, dwLogUnitType) == 24);
+static_assert(offsetof(DebugConfigHead, dwUnit) == 28);
+static_assert(offsetof(DebugConfigHead, dwLevel) == 32);
+static_assert(sizeof(DebugConfigHead) == 36);
+static_assert(offsetof(DebugConfig, szTraceName) == 36 && offsetof(DebugConfigWide, szTraceName) == 36);
+static_assert(offsetof(DebugConfig, szLogFolder) == 68 && offsetof(DebugConfigWide, szLogFolder) == 100);
+static_assert(offsetof(DebugConfig, szLogPrefix) == 328 && offsetof(DebugConfigWide, szLogPrefix) == 620);
+static_assert(offsetof(DebugConfig, szLogFile) == 584 && offsetof(DebugConfigWide, szLogFile) == 1132);
+static_assert(offsetof(DebugConfig, szLogExtension) == 840 && offsetof(DebugConfigWide, szLogExtension) == 1644);
+static_assert(sizeof(DebugConfig) == 1096 && sizeof(DebugConfigWide) == 2156);
+static_assert(alignof(DebugConfig) == 1 && alignof(DebugConfigWide) == 1);
+
+/// The trace library's entry points. 0 is success; a handle is never 0. companions/trace/KxVqrDbg.cpp documents them.
+using KxDbgInitializeFunction = int32_t(uint64_t* handle, const DebugConfigWide* config);
+using KxDbgUninitializeFunction = int32_t(uint64_t handle);
+using KxDbgTraceFunction = int32_t(uint64_t handle, const SYSTEMTIME* time, const wchar_t* line);
+using KxDbgSetDebugConfigFunction = int32_t(uint64_t handle, const DebugConfig* config);
+using KxDbgGetDebugConfigFunction = int32_t(uint64_t handle, DebugConfig* config);
+
+} // namespace KxCommon
