@@ -1,5 +1,6 @@
-// What crosses the boundary to the trace library: the configuration record in its narrow and its wide form, and the
-// five entry points. Shared by the library that traces and by companions/trace; the layout is fixed for ever.
+// What the tracing side and the trace library (companions/trace) share: the names and defaults of the settings, the
+// configuration record in its narrow and its wide form, and the five entry points. The layout is fixed for ever;
+// docs/settings.md explains the settings.
 #pragma once
 
 #include <cstddef>
@@ -11,6 +12,37 @@
 
 namespace KxCommon
 {
+
+/// Sections (INI file) or subkeys (registry), keys, and what counts when a key is missing. All texts are ASCII.
+namespace DebugSettings
+{
+
+inline constexpr char kInteractiveSection[] = "InteractiveSession";
+inline constexpr char kServiceSection[] = "ServiceSession";
+
+inline constexpr char kEnable[] = "Enable";
+inline constexpr char kLevel[] = "Level";
+inline constexpr char kLogProcess[] = "LogProcess";
+inline constexpr char kLogUnitType[] = "LogUnitType";
+inline constexpr char kLogFolder[] = "LogFolder";
+inline constexpr char kLogPrefix[] = "LogPrefix";
+inline constexpr char kLogFile[] = "LogFile";
+inline constexpr char kLogExtension[] = "LogExtension";
+inline constexpr char kRobust[] = "Robust";
+inline constexpr char kDebugger[] = "Debugger";
+
+inline constexpr uint32_t kDefaultLevel = 256; // the other numbers default to 0
+inline constexpr char kDefaultLogFolder[] = "c:\\temp\\";
+inline constexpr char kDefaultLogPrefix[] = "VQR_";
+inline constexpr char kDefaultLogExtension[] = "log";
+
+/// The default of LogFile depends on the kind of module that traces.
+constexpr const char* DefaultLogFile(uint32_t unit) noexcept
+{
+    return unit == 1 ? "KxPfw" : unit == 0 || unit == 2 ? "KxProxy" : "";
+}
+
+} // namespace DebugSettings
 
 #pragma pack(push, 1)
 
