@@ -1,0 +1,41 @@
+/*
+ * KxHash.h: the fingerprint of a program file, for rules that are bound to an application. C and C++.
+ *
+ * KxPfwRul.dll loads KxHash.dll from the directory in InstallPath (docs/settings.md) for every hash that it needs and
+ * releases it again. The hash is SHA-1 over the bytes of the file, what sha1sum prints.
+ *
+ * What it is worth: it tells that a program was replaced, updated or damaged, so that its rule stops matching. It is no
+ * proof against somebody who may choose the program: two files of the same SHA-1 can be made, at a cost that has been
+ * affordable since 2017. (To a given file nobody can make another one yet.) Whoever may write the program file may do
+ * worse anyway; where programs come from strangers, let signatures decide, not this hash. The width of 20 bytes is
+ * that of the field in the rule record.
+ */
+#ifndef KXHASH_H
+#define KXHASH_H
+
+#include <stdint.h>
+#include <wchar.h>
+
+#ifdef __cplusplus
+#define KXHASH_FUNCTION extern "C"
+#else
+#define KXHASH_FUNCTION
+#endif
+
+/*
+ * Hashes a file as it is now. A file that is being written meanwhile yields a hash of no version in particular.
+ *   path    NUL-terminated, absolute or relative to the current directory; an absolute one may be longer than 260
+ *           characters. Neither SYSTEM nor any other name has a special meaning here.
+ *   hash20  receives 20 bytes on success and is left alone otherwise
+ * 0, or the Windows error number of what failed, among them
+ *     2, 3  no such file, no such directory
+ *     5     no access, or a directory
+ *     8     out of memory
+ *     32    somebody has the file open without sharing it
+ *     87    path or hash20 is null
+ *     222   not a file on a volume but a pipe, a console or another device
+ * Any thread, no lock. Others may read, write, rename and delete the file during the call.
+ */
+KXHASH_FUNCTION int32_t kxCfwGetHashValue(const wchar_t* path, uint8_t* hash20);
+
+#endif
