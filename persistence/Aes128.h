@@ -27,8 +27,9 @@ struct BlockCipher
     /// chain may be the same memory. ivs[i] is replaced by the chain's last ciphertext block.
     void (*EncryptChains)(const KeySchedule& keys, const uint8_t* const in[], uint8_t* const out[],
                           uint8_t (*ivs)[kBlock], size_t count, size_t blocks);
-    /// Decrypts one CBC chain of blocks with zero initialisation vector; in and out must not overlap.
-    void (*DecryptChain)(const KeySchedule& keys, const uint8_t* in, uint8_t* out, size_t blocks);
+    /// Decrypts the next blocks of one CBC chain; in and out must not overlap. iv is replaced by the last ciphertext
+    /// block.
+    void (*DecryptChain)(const KeySchedule& keys, const uint8_t* in, uint8_t* out, uint8_t* iv, size_t blocks);
     const char* Name; // "aes-ni" or "tables"
 };
 
@@ -51,10 +52,11 @@ inline constexpr size_t kMostChains = 8;
 void EncryptPadded(const BlockCipher& cipher, const KeySchedule& keys, const void* const in[], uint8_t* const out[],
                    size_t count, size_t size) noexcept;
 
-/// Decrypts one message whose plaintext must be exactly `size` bytes long. False when the ciphertext has another length
-/// (an empty plaintext may be 0 or 16 bytes of ciphertext) or bad padding; out is then unspecified but never written
-/// past `size` bytes.
-[[nodiscard]] bool DecryptPadded(const BlockCipher& cipher, const KeySchedule& keys, const uint8_t* in,
-                                 uint64_t cipherBytes, void* out, size_t size) noexcept;
+/// Decrypts one message, or the rest of one behind whole blocks, whose plaintext must be exactly `size` bytes long.
+/// False when the ciphertext has another length (an empty plaintext may be 0 or 16 bytes of ciphertext) or bad padding;
+/// out is then unspecified but never written past `size` bytes.
+/// @param iv  the ciphertext block before in, zeros at the beginning of a message; used up
+[[nodiscard]] bool DecryptPadded(const BlockCipher& cipher, const KeySchedule& keys, uint8_t (&iv)[kBlock],
+                                 const uint8_t* in, uint64_t cipherBytes, void* out, size_t size) noexcept;
 
 } // namespace Aes128

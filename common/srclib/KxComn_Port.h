@@ -10,7 +10,7 @@
 #endif
 
 // Instruction sets beyond the baseline, chosen at run time function by function. Other compilers need no mark.
-#if defined(__GNUC__)
+#if defined(__GNUC__) || defined(__clang__)
 #define KX_TARGET(features) __attribute__((target(features)))
 #define KX_ALWAYS_INLINE inline __attribute__((always_inline))
 #define KX_NOINLINE __attribute__((noinline))
@@ -18,6 +18,18 @@
 #define KX_TARGET(features)
 #define KX_ALWAYS_INLINE __forceinline
 #define KX_NOINLINE __declspec(noinline)
+#endif
+
+// KX_CPUID(registers, leaf) fills int registers[4] with EAX to EDX. Defined on x64 alone.
+#if defined(_M_X64) && defined(_MSC_VER)
+extern "C" void __cpuid(int[4], int);
+#pragma intrinsic(__cpuid)
+#define KX_CPUID(registers, leaf) __cpuid(registers, leaf)
+#elif defined(__x86_64__)
+#define KX_CPUID(registers, leaf)                                                                                      \
+    __asm__("cpuid"                                                                                                    \
+            : "=a"((registers)[0]), "=b"((registers)[1]), "=c"((registers)[2]), "=d"((registers)[3])                   \
+            : "a"(leaf), "c"(0))
 #endif
 
 // Lock annotations, checked by Clang with -Wthread-safety; other compilers see nothing.
