@@ -4,7 +4,9 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <memory>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "common/srclib/KxComn_String.h"
@@ -60,11 +62,35 @@ protected:
     /// Bytes behind what ReadBytes has handed out.
     virtual uint64_t RemainingBytes() = 0;
 
-    /// Forgets what was gathered: for a derived class that opens or closes what it reads from.
-    void ResetBuffer() noexcept;
+    /// Forgets what was gathered: for a derived class that opens or closes what it reads from. An unusable stream
+    /// refuses every operation until the next call.
+    void ResetBuffer(bool usable = true) noexcept;
 
 private:
-    // To be completed by the implementation: the gathered bytes and the read position in them.
-    std::vector<uint8_t> m_Buffer;
+    enum class Mode
+    {
+        Fresh,
+        Reading,
+        Writing,
+        Unusable
+    };
+
+    bool Enter(Mode mode) noexcept;
+    uint64_t Left();
+    bool HasRecord(uint64_t size);
+    void Grow(size_t capacity);
+    bool Fill();
+    bool Gather(size_t size);
+    bool MakeRoom(size_t size);
+    bool HandOver();
+    bool ReadPlain(void* buffer, uint32_t size);
+    bool ReadRecord(void* buffer, uint32_t size);
+    bool WritePlain(const void* buffer, uint32_t size);
+
+    // Reading: [m_Position, m_End) is what was fetched and not yet asked for. Writing: [0, m_End) is to be handed over.
+    std::unique_ptr<uint8_t[]> m_Buffer;
+    size_t m_Capacity = 0;
     size_t m_Position = 0;
+    size_t m_End = 0;
+    Mode m_Mode = Mode::Fresh;
 };

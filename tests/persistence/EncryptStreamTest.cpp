@@ -1,0 +1,294 @@
+#include "persistence/EncryptStream.h"
+
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <functional>
+
+#include "common/srclib/KxComn_Names.h"
+#include "tests/support/Hex.h"
+#include "tests/support/MemoryStream.h"
+
+namespace
+{
+
+using KxCommon::WideString;
+
+constexpr uint32_t kRecord = 2845;
+constexpr size_t kRecordOnDisk = 4 + 2848;
+
+// Ciphertexts of `openssl enc -aes-128-cbc` with the library's key, behind their length.
+const char kEmpty[] = "00000000";
+const char kU16Is1234[] = "10000000 049bfe3706ded607432b0037ff09f2a8";
+const char kU32Is0[] = "10000000 834e07d1d78dcca794a2b51985afa1cc";
+const char kU32Is2[] = "10000000 43417d2a0429bb0c0b599c69945c2cc3";
+const char kU32Is3[] = "10000000 e874179a260840c801473703125f70b8";
+const char kU32Is4[] = "10000000 4d04b588dcc5cd37c72852d48d04dda5";
+const char kU32Is5[] = "10000000 4d72a4be016726c680ab9209109321ef";
+const char kU32Is17[] = "10000000 477003bee4ea8e6a20cc9a89752c21d9";
+const char kU32Is7FFFFFFF[] = "10000000 847ca88901bdf16e9160551035c0b084";
+const char kU32Is80000000[] = "10000000 5a907eaa015fa4ac3772888d007dd3c4";
+const char kU32IsFFFFFFFF[] = "10000000 979c3e529655257198898029d4731bff";
+const char kAbc[] = "10000000 9e2e902ddfd264e59397700e9316d13c";
+const char kWideAJupiter[] = "10000000 88575d37081d52952baa454d7995bc97";
+const char kWideAJupiterOdd[] = "10000000 6c0e5dba473f363749f79a05a6ecafef"; // and one byte
+const char kUnits1AndFF00[] = "10000000 4c5fbd7aa4f5f4efe0eefe667e04f92d";
+const char kPaddingOnly[] = "10000000 00657ea140655a44782747705d422fad";
+
+Bytes Joined(std::initializer_list<const char*> parts)
+{
+    std::string all;
+    for (const char* const part : parts)
+        all += part;
+    return FromHex(all);
+}
+
+// What a step threw: ReadError, WriteError or -1 for nothing.
+int Thrown(const std::function<void()>& step)
+{
+    try
+    {
+        step();
+        return -1;
+    }
+    catch (CEncryptStream::Exception e)
+    {
+        return e;
+    }
+}
+
+TEST(EncryptStream, FieldsHaveKnownBytes)
+{
+    MemoryStream stream;
+    ASSERT_TRUE(stream.Write("KRSM", 4, false));
+    stream.WriteU8(0x5A).WriteU16(0x1234).WriteU32(0x12345678).WriteVersion();
+    stream.WriteString("abc").WriteString("").WriteString(std::string_view("a\0b", 3));
+    stream.WriteString(KXW("A\u2641")).WriteString(KXW("")).WriteString(KxCommon::WideStringView(KXW("A\0B"), 3));
+    stream.WriteArray({1, 0xFF00}).WriteArray({});
+    ASSERT_TRUE(stream.Finish());
+    EXPECT_EQ(stream.Data, Joined({"4b52534d",
+                                   "10000000 4acf7c425fd3fb756d17bbaf017ad1af",
+                                   kU16Is1234,
+                                   "10000000 689403fad4c99329f4dad61010475974",
+                                   "10000000 d1a9b9ca0871f7738ac3a8d1b636cd77",
+                                   kU32Is3,
+                                   kAbc,
+                                   kU32Is0,
+                                   kEmpty,
+                                   kU32Is3,
+                                   "10000000 2eb75c2976817d7dbefdd15656e2fbcc",
+                                   kU32Is4,
+                                   kWideAJupiter,
+                                   kU32Is0,
+                                   kEmpty,
+                                   "10000000 ad4fcca9523dfddcf6f17c9beafd2585",
+                                   "10000000 ed02c51f1887d0139115975837a9fd39",
+                                   kU32Is2,
+                                   kUnits1AndFF00,
+                                   kU32Is0,
+                                   kEmpty}));
+
+    char magic[5] = {};
+    uint8_t u8 = 0;
+    uint16_t u16 = 0;
+    uint32_t u32 = 0;
+    uint32_t version = 0;
+    std::string narrow[3] = {"before", "before", "before"};
+    WideString wide[3] = {KXW("before"), KXW("before"), KXW("before")};
+    std::vector<uint16_t> array = {9};
+    stream.Rewind();
+    ASSERT_TRUE(stream.Read(magic, 4, false));
+    stream.ReadU8(u8).ReadU16(u16).ReadU32(u32).ReadU32(version);
+    stream.ReadString(narrow[0]).ReadString(narrow[1]).ReadString(narrow[2]);
+    stream.ReadString(wide[0]).ReadString(wide[1]).ReadString(wide[2]).ReadArray(array).ReadArray(array);
+    EXPECT_STREQ(magic, "KRSM");
+    EXPECT_TRUE(u8 == 0x5A && u16 == 0x1234 && u32 == 0x12345678 && version == 0x00020000);
+    EXPECT_TRUE(narrow[0] == "abc" && narrow[1].empty() && narrow[2] == "a");
+    EXPECT_TRUE(wide[0] == KXW("A\u2641") && wide[1].empty() && wide[2] == KXW("A"));
+    EXPECT_EQ(array, (std::vector<uint16_t>{9, 1, 0xFF00}));
+    EXPECT_EQ(Thrown([&] { stream.ReadU8(u8); }), CEncryptStream::ReadError);
+}
+
+// Records that this library does not write.
+TEST(EncryptStream, ForeignRecordsAreRead)
+{
+    MemoryStream stream(Joined({kU32Is5, kWideAJupiterOdd, kU32Is0, kPaddingOnly}));
+    WideString wide;
+    std::string narrow = "before";
+    stream.ReadString(wide).ReadString(narrow);
+    EXPECT_TRUE(wide == KXW("A\u2641"));
+    EXPECT_EQ(narrow, "");
+}
+
+TEST(EncryptStream, ForgedLengthsAreReadErrors)
+{
+    uint32_t u32 = 0;
+    std::string narrow = "kept";
+    WideString wide = KXW("kept");
+    std::vector<uint16_t> array = {7};
+    const auto number = [&](CEncryptStream& s) { s.ReadU32(u32); };
+    const auto narrowText = [&](CEncryptStream& s) { s.ReadString(narrow); };
+    const auto wideText = [&](CEncryptStream& s) { s.ReadString(wide); };
+    const auto units = [&](CEncryptStream& s) { s.ReadArray(array); };
+    const struct
+    {
+        const char* Name;
+        std::initializer_list<const char*> Parts;
+        std::function<void(CEncryptStream&)> Read;
+    } cases[] = {
+        {"2 bytes read as 4", {kU16Is1234}, number},
+        {"record without ciphertext", {kEmpty}, number},
+        {"record longer than the file", {"20000000", kU32Is0}, number},
+        {"record of 4 GB", {"f0ffffff", kU32Is0}, number},
+        {"record of no whole block", {"0f000000", kU32Is0}, number},
+        {"no ciphertext of ours", {"10000000 00112233445566778899aabbccddeeff"}, number},
+        {"string of 4 GB", {kU32IsFFFFFFFF, kAbc}, narrowText},
+        {"string one block longer than the file", {kU32Is17, kAbc}, narrowText},
+        {"string shorter than announced", {kU32Is4, kAbc}, narrowText},
+        {"string without its second record", {kU32Is3}, narrowText},
+        {"wide string of 4 GB", {kU32IsFFFFFFFF, kAbc}, wideText},
+        {"wide string longer than announced", {kU32Is4, kWideAJupiterOdd}, wideText},
+        {"array whose size wraps to nothing", {kU32Is80000000, kEmpty}, units},
+        {"array of 4 GB", {kU32Is7FFFFFFF, kUnits1AndFF00}, units},
+        {"array longer than announced", {kU32Is2, kWideAJupiterOdd}, units},
+    };
+    for (const auto& c : cases)
+    {
+        MemoryStream stream(Joined(c.Parts));
+        EXPECT_EQ(Thrown([&] { c.Read(stream); }), CEncryptStream::ReadError) << c.Name;
+        EXPECT_TRUE(narrow == "kept" && wide == KXW("kept") && array == std::vector<uint16_t>{7}) << c.Name;
+    }
+}
+
+TEST(EncryptStream, PlainReadMayBeShort)
+{
+    for (const auto& [data, expected] : {std::pair("", "...."), {"KR", "KR.."}, {"KRSM", "KRSM"}, {"KRSMx", "KRSM"}})
+    {
+        const std::string_view bytes = data;
+        MemoryStream stream(Bytes(bytes.begin(), bytes.end()));
+        char magic[5] = "....";
+        EXPECT_TRUE(stream.Read(magic, 4, false));
+        EXPECT_STREQ(magic, expected);
+    }
+}
+
+bool ReadEverything(CEncryptStream& stream)
+{
+    char magic[4] = {};
+    std::string narrow;
+    WideString wide;
+    std::vector<uint16_t> array;
+    Bytes record(40);
+    return stream.Read(magic, sizeof magic, false) && std::string_view(magic, 4) == "KXYZ" &&
+           Thrown([&] { stream.ReadString(narrow).ReadString(wide).ReadArray(array); }) == -1 &&
+           stream.Read(record.data(), 40, true) && record == Ramp(40);
+}
+
+// Cut, ended early and refused at every byte; each byte changed; handed out in pieces of every small size.
+TEST(EncryptStream, DamageAnywhereFails)
+{
+    MemoryStream whole;
+    ASSERT_TRUE(whole.Write("KXYZ", 4, false));
+    whole.WriteString("narrow").WriteString(KXW("wide")).WriteArray({1, 2, 3});
+    ASSERT_TRUE(whole.Write(Ramp(40).data(), 40, true) && whole.Finish());
+
+    size_t changesNoticed = 0;
+    for (size_t at = 0; at < whole.Data.size(); ++at)
+    {
+        SCOPED_TRACE(at);
+        MemoryStream cut(Bytes(whole.Data.begin(), whole.Data.begin() + static_cast<ptrdiff_t>(at)));
+        MemoryStream early(whole.Data);
+        MemoryStream refused(whole.Data);
+        MemoryStream changed(whole.Data);
+        MemoryStream small(whole.Data);
+        early.EndAt = refused.FailAt = at;
+        changed.Data[at] ^= 0x80;
+        small.MostAtOnce = at + 1;
+        EXPECT_FALSE(ReadEverything(cut) || ReadEverything(early) || ReadEverything(refused));
+        EXPECT_TRUE(ReadEverything(small));
+        changesNoticed += ReadEverything(changed) ? 0 : 1;
+    }
+    EXPECT_EQ(changesNoticed, whole.Data.size()); // no field here has a block that could change unnoticed
+}
+
+// Groups that do not fill up, and more than one piece.
+TEST(EncryptStream, ManyRecordsAreThoseOfOneAtATime)
+{
+    const Bytes source = Ramp(kRecord + 255);
+    for (const size_t count : {0, 1, 7, 8, 9, 17, 1000})
+    {
+        SCOPED_TRACE(count);
+        std::vector<const void*> records;
+        MemoryStream single;
+        MemoryStream many;
+        for (size_t i = 0; i < count; ++i)
+        {
+            records.push_back(source.data() + i % 256);
+            EXPECT_TRUE(single.Write(records.back(), kRecord, true));
+        }
+        EXPECT_TRUE(many.WriteRecords(records.data(), count, kRecord));
+        EXPECT_TRUE(many.Finish() && single.Finish());
+        EXPECT_EQ(many.Data, single.Data);
+        EXPECT_EQ(many.Data.size(), count * kRecordOnDisk);
+        EXPECT_LE(many.Calls.size(), 1 + many.Data.size() / 1000000);
+
+        many.Rewind();
+        Bytes record(kRecord);
+        for (size_t i = 0; i < count; ++i)
+        {
+            ASSERT_TRUE(many.Read(record.data(), kRecord, true)) << i;
+            ASSERT_EQ(std::memcmp(record.data(), records[i], kRecord), 0) << i;
+        }
+        EXPECT_FALSE(many.Read(record.data(), kRecord, true));
+        for (const size_t asked : many.Calls)
+            EXPECT_LE(asked, std::max<size_t>(many.Data.size(), 16));
+    }
+}
+
+// Longer than what is gathered: the chain goes on from piece to piece.
+TEST(EncryptStream, RecordMayBeLargerThanAPiece)
+{
+    const Bytes source = Ramp((size_t{5} << 19) + 3);
+    MemoryStream stream;
+    EXPECT_TRUE(stream.Write(source.data(), static_cast<uint32_t>(source.size()), true) && stream.Finish());
+    stream.Rewind();
+    stream.MostAtOnce = 999999;
+    Bytes back(source.size());
+    EXPECT_TRUE(stream.Read(back.data(), static_cast<uint32_t>(back.size()), true));
+    EXPECT_EQ(back, source);
+    for (const size_t asked : stream.Calls)
+        EXPECT_LE(asked, size_t{1} << 20);
+}
+
+TEST(EncryptStream, FailedWriteIsFoundOutAndStays)
+{
+    constexpr size_t kCount = 1000;
+    const Bytes source = Ramp(kRecord);
+    const std::vector<const void*> records(kCount, source.data());
+    for (const size_t failAt : {size_t{0}, size_t{1}, size_t{1048575}, size_t{2000000}, kCount * kRecordOnDisk - 1})
+    {
+        SCOPED_TRACE(failAt);
+        MemoryStream stream;
+        stream.FailAt = failAt;
+        EXPECT_FALSE(stream.WriteRecords(records.data(), kCount, kRecord) && stream.Finish());
+        stream.FailAt = MemoryStream::kNever;
+        EXPECT_FALSE(stream.Finish());
+        EXPECT_EQ(Thrown([&] { stream.WriteU8(1); }), CEncryptStream::WriteError);
+    }
+}
+
+TEST(EncryptStream, ReadOrWrittenButNotBoth)
+{
+    MemoryStream stream;
+    uint8_t value = 0;
+    stream.WriteU8(0x5A);
+    EXPECT_EQ(Thrown([&] { stream.ReadU8(value); }), CEncryptStream::ReadError);
+    EXPECT_TRUE(stream.Finish());
+    stream.Rewind();
+    stream.ReadU8(value);
+    EXPECT_EQ(Thrown([&] { stream.WriteU8(1); }), CEncryptStream::WriteError);
+    EXPECT_TRUE(stream.Finish());
+    EXPECT_EQ(stream.Data.size(), 20u);
+}
+
+} // namespace
