@@ -167,6 +167,15 @@ KXRULE_C_BEGIN
 
 /* ----------------------------------------------------------------------------------------------------- records -- */
 
+/* Members of nameless unions and structures are C11, but pedantic C++ compilers call them an extension. */
+#if defined(__clang__)
+#pragma clang diagnostic push
+#pragma clang diagnostic ignored "-Wgnu-anonymous-struct"
+#pragma clang diagnostic ignored "-Wnested-anon-types"
+#elif defined(_MSC_VER)
+#pragma warning(push)
+#pragma warning(disable : 4201)
+#endif
 #pragma pack(push, 1)
 
 /* An address value: 16 bytes. */
@@ -344,6 +353,11 @@ typedef struct KXRULE_PACKED PFW_MACRO
 } PFW_MACRO;
 
 #pragma pack(pop)
+#if defined(__clang__)
+#pragma clang diagnostic pop
+#elif defined(_MSC_VER)
+#pragma warning(pop)
+#endif
 
 /* The rules behind the head of a rule set, and the items behind the head of a macro. */
 #define KXRULE_RULES(ruleSet) ((PFW_RULE*)((unsigned char*)(ruleSet) + sizeof(PFW_RULESET)))
