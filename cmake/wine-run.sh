@@ -1,9 +1,13 @@
 #!/bin/bash
 # wine-run.sh PROGRAM.exe [ARGS...]: run a Windows program in the project's own Wine prefix.
-# KX_WINEPREFIX picks another prefix. With no argument it only prepares the prefix.
+# KX_WINEPREFIX picks another prefix. With no argument it only prepares the prefix; --stop ends all that runs in it.
 root=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
 export WINEPREFIX=${KX_WINEPREFIX:-$root/build/wine}
 export WINEDEBUG=${WINEDEBUG:--all} WINEDLLOVERRIDES='mscoree,mshtml=' LC_ALL=${KX_LC_ALL:-C.UTF-8}
+if [ "${1-}" = --stop ]; then
+  [ ! -d "$WINEPREFIX" ] || wineserver -k
+  exit
+fi
 mkdir -p "$WINEPREFIX"
 (
   flock 9
