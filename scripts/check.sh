@@ -1,0 +1,110 @@
+#!/bin/bash
+# check.sh [CHECK...]: what neither compiler nor tests look at; without a name, all of it. `tables` needs build/release.
+. "$(dirname "$0")/steps.sh" 0
+
+rooms='api|rules|repository|persistence|common|companions|tools'
+files() { git ls-files -co --exclude-standard | grep -E "$1" | while read -r file; do [ ! -f "$file" ] || echo "$file"; done; }
+sources() { files "^($rooms)/.*\.cpp$"; }
+
+# Clang reads the Windows headers and the C++ library of the cross compiler.
+library=$(x86_64-w64-mingw32-g++-posix -print-file-name=include/c++)
+windows=(--target=x86_64-w64-mingw32 -nostdinc++ -nostdlibinc -isystem "$library"
+    -isystem "$library/x86_64-w64-mingw32" -isystem "$library/backward" -isystem /usr/x86_64-w64-mingw32/include)
+flags=(-std=c++20 -D_WIN32_WINNT=0x0601 -DWINVER=0x0601 -DWIN32_LEAN_AND_MEAN -DNOMINMAX -I. -Wall -Wextra -Wshadow)
+
+# CLI11 and nlohmann-json without the rest of the system's headers.
+thirdParty()
+{
+    mkdir -p build/check/include
+    ln -sfn /usr/include/CLI build/check/include/CLI
+    ln -sfn /usr/include/nlohmann build/check/include/nlohmann
+    flags+=(-isystem build/check/include)
+}
+
+# each COMMAND...: runs it for every file name on the input ({}), two at a time; fails when one of them fails.
+each() { xargs -r -P 2 -I '{}' "$@"; }
+
+# The layout of the text.
+checkFormat() { files '\.(c|cpp|h|hpp)$' | xargs clang-format --dry-run -Werror; }
+
+# The lock annotations: what is guarded is touched under its lock only. With it, Clang's own warnings.
+checkLocks() { sources | each clang++ "${windows[@]}" "${flags[@]}" -fsyntax-only -Wthread-safety -Werror '{}'; }
+
+# Findings come on standard output; the other holds little but the count of what system headers would give.
+checkTidy()
+{
+    sources | each clang-tidy --quiet '{}' -- "${windows[@]}" "${flags[@]}" 2>build/check/tidy.log ||
+        { cat build/check/tidy.log >&2; return 1; }
+}
+
+# Every header brings what it needs.
+checkHeaders()
+{
+    files "^($rooms)/.*\.(h|hpp)$" |
+        each clang++ "${windows[@]}" "${flags[@]}" -fsyntax-only -Werror -Wno-pragma-once-outside-header -x c++ '{}'
+}
+
+# The public header for every compiler that a caller may have.
+checkContract()
+{
+    local header=api/KxPfwRule.h standard compiler
+    for standard in c11 c17; do
+        for compiler in gcc clang x86_64-w64-mingw32-gcc-posix "clang --target=x86_64-pc-windows-msvc -ffreestanding"; do
+            $compiler -std=$standard -pedantic -Wall -Wextra -Werror -fsyntax-only -x c $header
+        done
+    done
+    for standard in c++11 c++20; do
+        for compiler in g++ clang++ x86_64-w64-mingw32-g++-posix \
+            "clang++ --target=x86_64-pc-windows-msvc -ffreestanding"; do
+            $compiler -std=$standard -pedantic -Wall -Wextra -Werror -fsyntax-only -x c++ $header
+        done
+    done
+}
+
+# tables FILE EXPORT...: the library gives exactly these names, takes from Windows alone, and may be moved and not run
+# as data.
+tables()
+{
+    local file=build/release/bin/$1 dump allowed='KERNEL32.dll|ADVAPI32.dll|msvcrt.dll|WS2_32.dll|bcrypt.dll'
+    shift
+    dump=$(x86_64-w64-mingw32-objdump -p "$file")
+    diff <(printf '%s\n' "$@" | sort) <(awk '/\[Ordinal\/Name Pointer\]/ { names = 1; next } /^$/ { names = 0 }
+        names && /\[ *[0-9]+\]/ { print $NF }' <<<"$dump" | sort) || { echo "$file: other exports" >&2; return 1; }
+    ! awk '/DLL Name:/ { print $3 }' <<<"$dump" | grep -vxE "$allowed" || { echo "$file: imports" >&2; return 1; }
+    grep -q '^DllCharacteristics.*0160$' <<<"$dump" || { echo "$file: not hardened" >&2; return 1; }
+}
+
+checkTables()
+{
+    local names
+    mapfile -t names < <(grep -oE '^int32_t kxRule\w+' api/KxPfwRule.h | cut -d ' ' -f 2)
+    [ ${#names[@]} = 25 ] || { echo "the header declares ${#names[@]} functions" >&2; return 1; }
+    tables KxPfwRul.dll "${names[@]}"
+    tables KxHash.dll kxCfwGetHashValue
+    tables KxVqrDbg.dll KxDbgInitialize KxDbgUninitialize KxDbgTrace KxDbgSetDebugConfig KxDbgGetDebugConfig
+}
+
+# Texts give their own reasons, name no machine, and no file outgrows its reader (about 500 lines; the public header
+# is the reference of the functions and stays whole).
+checkText()
+{
+    local bad=0
+    files . | grep -vE '\.(png|dat|bin)$' | xargs grep -nIE '\b[Ss]pec(s|ification)?\b|\bParts? [0-9]+\.[0-9]|/(work|root|home)/\w' && bad=1
+    files '\.(c|cpp|h|hpp|py|sh|cmake)$' | grep -vx api/KxPfwRule.h | xargs wc -l |
+        awk '$2 != "total" && $1 > 550 { print $2 ": " $1 " lines"; bad = 1 } END { exit bad }' || bad=1
+    return $bad
+}
+
+checkShell() { { files '\.sh$'; echo .ci/run; } | xargs shellcheck -x -P SCRIPTDIR; }
+
+thirdParty
+[ $# -gt 0 ] || set -- format text shell contract headers locks tables tidy
+for name in "$@"; do
+    started=$SECONDS
+    set +e # a condition around the call would take errexit from the checks
+    (set -e && "check${name^}")
+    status=$?
+    set -e
+    [ $status = 0 ] || { echo "check failed: $name" >&2; exit 1; }
+    echo "$name: good ($((SECONDS - started)) s)"
+done

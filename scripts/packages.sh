@@ -1,0 +1,58 @@
+#!/bin/bash
+# packages.sh GROUP...: install the Debian packages of these groups that are missing. Asks nothing.
+set -euo pipefail
+
+declare -A groups=(
+    [build]="g++-mingw-w64-x86-64-posix wine wine64 cmake ninja-build googletest libcli11-dev nlohmann-json3-dev"
+    [test]="g++ libc6-dev python3-minimal"
+    [check]="clang clang-format clang-tidy lld llvm shellcheck"
+    [package]="llvm zip"
+)
+
+missing=()
+for group in "$@"; do
+    for package in ${groups[$group]}; do
+        status=$(dpkg-query -W -f='${db:Status-Status}' "$package" 2>/dev/null || true)
+        [ "$status" = installed ] || [[ " ${missing[*]} " == *" $package "* ]] || missing+=("$package")
+    done
+done
+[ ${#missing[@]} -gt 0 ] || exit 0
+
+root=()
+if [ "$(id -u)" != 0 ]; then
+    command -v sudo >/dev/null || { echo "to be installed as root: ${missing[*]}" >&2; exit 1; }
+    root=(sudo)
+fi
+
+# apt-get with its progress on file descriptor 3: on 1 the packages' own scripts could not print.
+apt()
+{
+    "${root[@]}" sh -c 'DEBIAN_FRONTEND=noninteractive exec apt-get "$@" 3>&1' apt-get -qq -o DPkg::Lock::Timeout=120 \
+        -o Dpkg::Use-Pty=0 -o APT::Status-Fd=3 "$@" </dev/null 2>&1
+}
+
+# Shows how far apt-get is, in quarters, and keeps everything else that it says in case it fails.
+log=$(mktemp)
+trap 'rm -f "$log"' EXIT
+progress()
+{
+    local kind percent step last=''
+    while IFS= read -r line; do
+        case $line in
+        dlstatus:* | pmstatus:*)
+            IFS=: read -r kind _ percent _ <<<"$line"
+            step="$([ "$kind" = dlstatus ] && echo download || echo install) $((${percent%%.*} / 25 * 25)) %"
+            [ "$step" = "$last" ] || echo "    $step"
+            last=$step
+            ;;
+        *) echo "$line" >>"$log" ;;
+        esac
+    done
+}
+
+echo "  installing ${missing[*]}"
+if ! { apt update >>"$log" && apt -y --no-install-recommends install "${missing[@]}" | progress; }; then
+    cat "$log" >&2
+    echo "apt-get could not install: ${missing[*]}" >&2
+    exit 1
+fi
