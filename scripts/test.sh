@@ -1,0 +1,23 @@
+#!/bin/bash
+# test.sh [CTEST ARGUMENTS]: installs what is missing, builds all presets with warnings as errors, and runs every test,
+# natively and under Wine, and every check. Ends with ctest's summary of all of them.
+. "$(dirname "$0")/steps.sh" 5
+
+step "packages"
+scripts/packages.sh build test check
+
+cmake/wine-run.sh & # a new Wine prefix takes some seconds; the compiler leaves them free
+prefix=$!
+trap stopWine EXIT
+export NINJA_STATUS='    [%f/%t] '
+for preset in native release debug; do
+    step "build ($preset)"
+    configure $preset -DKX_WERROR=ON
+    cmake --build --preset $preset
+done
+wait $prefix
+
+step "tests and checks"
+mkdir -p build/all
+echo "include(\"$PWD/scripts/all-tests.cmake\")" >build/all/CTestTestfile.cmake
+ctest --test-dir build/all -j "$(nproc)" --output-on-failure --no-tests=error --timeout 180 "$@"
