@@ -1,0 +1,92 @@
+// What a rule set becomes whose file cannot be read: the rules that were read before the damage stay, three more tell
+// the user what happened. docs/recovery.md explains the whole.
+#include "repository/RuleSetRescue.h"
+
+#include <charconv>
+#include <cstring>
+#include <string>
+
+#include "common/srclib/KxComn_Names.h"
+#include "common/srclib/KxComn_Trace.h"
+#include "persistence/FileFormat.h"
+
+namespace
+{
+
+constexpr KXWCHAR kName[] = KXW("This is a rescue RuleSet for a broken/deleted RuleSet.");
+constexpr KXWCHAR kDescription[] = KXW("This is a rescue rule. This rule file had been broken/deleted.");
+constexpr uint16_t kFirstRuleIndex = 30000;
+constexpr uint32_t kNoProtocol = 0xFFFFFFFF; // matches nothing, and has no keyword in the rule's text
+
+struct RescueRule
+{
+    uint32_t Number; // goes into the record's second spare word
+    uint32_t Action;
+};
+constexpr RescueRule kRules[] = {{1, KXRULE_ACTION_DROP}, {2, KXRULE_ACTION_ACCEPT}, {3, KXRULE_ACTION_ACCEPT}};
+
+PFW_RULE MakeRecord(uint16_t ruleIndex, const RescueRule& rule)
+{
+    PFW_RULE record;
+    std::memset(&record, 0, sizeof record);
+    record.wRuleIndex = ruleIndex;
+    static_assert(sizeof kDescription <= sizeof record.wszDescription);
+    std::memcpy(&record.wszDescription, kDescription, sizeof kDescription);
+    record.dwActive = 1;
+    record.dwKind = KXRULE_KIND_ACCESS;
+    record.Access.dwProtocol = kNoProtocol;
+    record.Access.dwSpare2 = rule.Number;
+    for (RULE_ADDR& address : record.Access.Addr)
+        address.dwType = KXRULE_ADDR_ANY;
+    for (RULE_PORT& port : record.Access.Port)
+        port.nType = KXRULE_PORT_ANY;
+    record.Access.dwAction = rule.Action;
+    return record;
+}
+
+void AddRescueRule(CRuleSet& ruleSet, const RescueRule& rescueRule)
+{
+    const unsigned ruleSetIndex = ruleSet.Index();
+    const uint16_t ruleIndex = static_cast<uint16_t>(kFirstRuleIndex + ruleSet.RuleCount());
+    const CRule rule(MakeRecord(ruleIndex, rescueRule));
+    if (const int32_t result = ruleSet.AddRule(ruleIndex, rule); result != KXRULE_OK)
+    {
+        KX_TRACE(KxCommon::kTraceError, "\tCRuleSet::AddRule() failed (nResult=%d, index=%u:%u)", result, ruleSetIndex,
+                 ruleIndex);
+        return;
+    }
+    std::string line;
+    if (const int32_t result = rule.GetRuleString(line); result != KXRULE_OK)
+        KX_TRACE(KxCommon::kTraceError, "\tCRule::GetRuleString() failed (nResult=%d, index=%u:%u)", result,
+                 ruleSetIndex, ruleIndex);
+    else
+        KX_TRACE(KxCommon::kTraceCall, "\tAdded rescue rule (index=%u:%u, rule=\"%s\")", ruleSetIndex, ruleIndex,
+                 line.c_str());
+}
+
+} // namespace
+
+namespace RuleSetRescue
+{
+
+uint16_t IndexFromFileName(std::string_view fileName) noexcept
+{
+    constexpr size_t kPrefix = sizeof FileFormat::kRuleSetPrefix - 1;
+    constexpr size_t kDigits = 4;
+    uint16_t index = 0;
+    if (fileName.size() > kPrefix)
+    {
+        const std::string_view digits = fileName.substr(kPrefix, kDigits);
+        std::from_chars(digits.data(), digits.data() + digits.size(), index, 16);
+    }
+    return index;
+}
+
+void MakeRescueSet(CRuleSet& ruleSet)
+{
+    ruleSet.SetName(kName);
+    for (const RescueRule& rule : kRules)
+        AddRescueRule(ruleSet, rule);
+}
+
+} // namespace RuleSetRescue
