@@ -7,8 +7,9 @@
 #include <string>
 #include <string_view>
 
-#include "common/srclib/KxComn_Port.h"
 #include "api/KxPfwRule.h"
+#include "common/srclib/KxComn_Exception.h"
+#include "common/srclib/KxComn_Port.h"
 
 namespace KxCommon
 {
@@ -19,10 +20,34 @@ using WideStringView = std::basic_string_view<KXWCHAR>;
 namespace String
 {
 
+class Exception final : public KxCommon::Exception::Base
+{
+public:
+    explicit Exception(uint32_t code) noexcept
+        : KxCommon::Exception::Base(code, "..\\..\\..\\Common\\srclib\\KxComn_String.cpp")
+    {
+    }
+};
+
+inline constexpr int kDoesNotFit = -1;
+inline constexpr int kCannotFormat = -2;
+
+/// One attempt at formatting into a buffer of size characters.
+/// @return the length, the terminator not counted; kDoesNotFit, also when there is no room for the terminator alone;
+///         kCannotFormat when the C library refuses. The buffer's content counts in the first case only.
+int FormatInto(char* out, size_t size, const char* format, va_list arguments) noexcept KX_PRINTF(3, 0);
+int FormatInto(KXWCHAR* out, size_t size, const KXWCHAR* format, va_list arguments) noexcept;
+
+/// Formats a text of any length as the system's C library does: in the narrow form %s is narrow and %S is UTF-16, in
+/// the wide form it is the other way round. True; throws String::Exception when memory or the formatting fails, and
+/// out is as it was then.
+bool Format(std::string& out, const char* format, ...) KX_PRINTF(2, 3);
+bool Format(WideString& out, const KXWCHAR* format, ...);
+
 /// Active code page to UTF-16. Bytes without a meaning are converted as the system does it; empty when it refuses.
 [[nodiscard]] WideString ToWide(std::string_view text);
 
-/// UTF-16 to the active code page. Units without a counterpart become the system's default character.
+/// UTF-16 to the active code page; empty when the system refuses. Units without a counterpart become the system's default character.
 [[nodiscard]] std::string ToNarrow(WideStringView text);
 
 /// Equal as the file system compares names: unit by unit, ignoring case.

@@ -1,0 +1,100 @@
+// What makes objects reachable from other sessions and for ordinary users, and the account, session and version tests
+// that this depends on.
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <string_view>
+
+#include "common/srclib/KxComn_Exception.h"
+#include "common/srclib/KxComn_Handle.h"
+#include "common/srclib/KxComn_Windows.h"
+
+namespace KxCommon
+{
+
+enum class VersionClass : uint32_t
+{
+    Consumer = 0,    // the 16/32-bit consumer family
+    Nt = 1,          // the NT family, any version
+    Nt4 = 2,         // NT 4
+    Nt5Minor1 = 3,   // NT 5 with a minor version of at least 1
+    Nt51OrLater = 4, // NT 5.1 or later
+    Nt6OrLater = 5   // NT 6 or later
+};
+
+/// Whether a system of that platform id and version belongs to a class.
+[[nodiscard]] bool IsVersion(VersionClass wanted, uint32_t platform, uint32_t major, uint32_t minor) noexcept;
+/// The same for the system that runs, asked for once per process. False for every class when it does not answer.
+[[nodiscard]] bool IsVersion(VersionClass wanted) noexcept;
+
+/// The name of an object in the global namespace: "Global\" and the name. The narrow form leaves the name as it is on
+/// NT 4, which has no such namespace; the wide form does not ask for the version.
+[[nodiscard]] std::string GlobalName(std::string_view name);
+[[nodiscard]] std::wstring GlobalName(std::wstring_view name);
+
+/// Gives authenticated users full access to a kernel object and labels it with low integrity. False when either
+/// fails; a label that cannot be set leaves the access list in place. (Where the system does not even know the
+/// label's text, the access list alone is success.)
+bool Harden(HANDLE object) noexcept;
+
+/// Whether the calling thread's token is a member of LocalSystem.
+/// @param isMember  set on success alone
+/// @param error     may be null; ERROR_NOT_SUPPORTED where the system lacks the calls, else the failing call's error
+bool IsLocalSystem(bool* isMember, DWORD* error) noexcept;
+
+/// Whether the process runs in the service session. Every failure counts as an interactive session.
+[[nodiscard]] bool IsServiceSession() noexcept;
+
+/// Opens an event of the global namespace by its bare name, sets or resets it and closes it again.
+bool SetGlobalEvent(std::string_view name) noexcept;
+bool SetGlobalEvent(std::wstring_view name) noexcept;
+bool ResetGlobalEvent(std::string_view name) noexcept;
+bool ResetGlobalEvent(std::wstring_view name) noexcept;
+
+namespace AccessControl
+{
+
+class Exception final : public KxCommon::Exception::Base
+{
+public:
+    explicit Exception(uint32_t code) noexcept
+        : KxCommon::Exception::Base(code, "..\\..\\..\\Common\\srclib\\KxComn_SecurityAttributes.cpp")
+    {
+    }
+};
+
+/// Owns a security descriptor and the attributes record that points to it. Not copyable: the record points inside.
+class SecurityAttributes
+{
+public:
+    /// State of an object that stands for the system's default security.
+    static constexpr uint32_t kStateNone = ERROR_NO_MORE_FILES; // 18
+
+    SecurityAttributes() noexcept = default;
+    /// A descriptor from its SDDL text. Throws AccessControl::Exception when the text cannot be converted.
+    explicit SecurityAttributes(const char* sddl);
+    SecurityAttributes(const SecurityAttributes&) = delete;
+    SecurityAttributes& operator=(const SecurityAttributes&) = delete;
+
+    /// Makes it the descriptor that gives everyone full access (a present but null access list). When the system
+    /// refuses: false, and the object stands for default security.
+    bool AllowEveryone() noexcept;
+
+    /// kStateNone, or 0 when there is a descriptor.
+    [[nodiscard]] uint32_t State() const noexcept { return m_Record.lpSecurityDescriptor == nullptr ? kStateNone : 0; }
+    /// For the creating call: null for default security, else a record with an inheritable handle. Lives as long as
+    /// this object.
+    [[nodiscard]] SECURITY_ATTRIBUTES* Record() const noexcept { return State() == kStateNone ? nullptr : &m_Record; }
+
+private:
+    mutable SECURITY_ATTRIBUTES m_Record = {sizeof(SECURITY_ATTRIBUTES), nullptr, TRUE}; // the calls want it writable
+    SECURITY_DESCRIPTOR m_Everyone = {};
+    UniqueLocalMemory m_Converted;
+};
+
+/// Default security, for whoever must name attributes.
+extern const SecurityAttributes DefSecAttr;
+
+} // namespace AccessControl
+} // namespace KxCommon

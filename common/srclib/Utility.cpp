@@ -1,0 +1,117 @@
+// Paths.
+#include "common/srclib/Utility.h"
+
+#include <cstdlib>
+
+#include "common/srclib/KxComn_SecurityAttributes.h"
+#include "common/srclib/KxComn_String.h"
+#include "common/srclib/KxComn_Trace.h"
+
+namespace KxCommon
+{
+
+namespace
+{
+
+constexpr DWORD kPathSize = MAX_PATH; // 260, terminator included, in bytes as in units
+
+// The same calls in both widths: the consumer family of systems knows no others than the narrow ones.
+DWORD ModuleFile(HMODULE module, char (&path)[kPathSize]) noexcept
+{
+    return ::GetModuleFileNameA(module, path, kPathSize);
+}
+DWORD ModuleFile(HMODULE module, wchar_t (&path)[kPathSize]) noexcept
+{
+    return ::GetModuleFileNameW(module, path, kPathSize);
+}
+DWORD ShortPath(const char (&path)[kPathSize], char (&shortPath)[kPathSize]) noexcept
+{
+    return ::GetShortPathNameA(path, shortPath, kPathSize);
+}
+DWORD ShortPath(const wchar_t (&path)[kPathSize], wchar_t (&shortPath)[kPathSize]) noexcept
+{
+    return ::GetShortPathNameW(path, shortPath, kPathSize);
+}
+
+// Both calls answer 0 when they fail, and the buffer's size or more when the path does not fit; the system sets no
+// error for the latter everywhere.
+DWORD PathError(DWORD length) noexcept
+{
+    if (length == 0)
+        return ::GetLastError();
+    return length < kPathSize ? ERROR_SUCCESS : ERROR_INSUFFICIENT_BUFFER;
+}
+
+template <class Character>
+bool ShortModulePath(HMODULE module, Character (&shortPath)[kPathSize]) noexcept
+{
+    Character path[kPathSize] = {};
+    if (const DWORD error = PathError(ModuleFile(module, path)))
+    {
+        KX_TRACE(kTraceError, "GetApplicationPath // GetModuleFileName error (%u)", static_cast<unsigned>(error));
+        return false;
+    }
+    if (const DWORD error = PathError(ShortPath(path, shortPath)))
+    {
+        KX_TRACE(kTraceError, "GetApplicationPath // GetShortPathName error (%u)", static_cast<unsigned>(error));
+        return false;
+    }
+    return true;
+}
+
+bool NarrowShortModulePath(HMODULE module, char (&shortPath)[kPathSize]) noexcept
+{
+    if (IsVersion(VersionClass::Consumer))
+        return ShortModulePath(module, shortPath);
+    wchar_t wide[kPathSize] = {};
+    return ShortModulePath(module, wide) &&
+           ::WideCharToMultiByte(CP_ACP, 0, wide, -1, shortPath, kPathSize, nullptr, nullptr) > 0;
+}
+
+} // namespace
+
+std::string GetApplicationPath(HMODULE module) noexcept
+{
+    char path[kPathSize] = {};
+    if (!NarrowShortModulePath(module, path))
+        return {};
+    char drive[_MAX_DRIVE] = {};
+    char directory[_MAX_DIR] = {};
+    if (::_splitpath_s(path, drive, sizeof drive, directory, sizeof directory, nullptr, 0, nullptr, 0) != 0)
+        return {};
+    try
+    {
+        return std::string(drive) + directory;
+    }
+    catch (...)
+    {
+        return {};
+    }
+}
+
+void AppendSeparator(std::string& path)
+{
+    size_t last = 0;
+    for (size_t at = 0; at < path.size(); at += ::IsDBCSLeadByte(static_cast<BYTE>(path[at])) != FALSE ? 2 : 1)
+        last = at;
+    if (!path.empty() && path[last] != '\\')
+        path += '\\';
+}
+
+void AppendSeparator(std::wstring& path)
+{
+    if (!path.empty() && path.back() != L'\\')
+        path += L'\\';
+}
+
+bool IsAbsolutePath(std::wstring_view path) noexcept
+{
+    const auto isSeparator = [](wchar_t unit) { return unit == L'\\' || unit == L'/'; };
+    const auto isLetter = [](wchar_t unit) { return (unit | 0x20) >= L'a' && (unit | 0x20) <= L'z'; };
+    if (path.size() < 3)
+        return false;
+    return (isLetter(path[0]) && path[1] == L':' && isSeparator(path[2])) ||
+           (isSeparator(path[0]) && isSeparator(path[1]));
+}
+
+} // namespace KxCommon
