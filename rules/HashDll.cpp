@@ -1,0 +1,68 @@
+// The hash library comes from the product's folder and from nowhere else: docs/security.md.
+#include "rules/HashDll.h"
+
+#include <cstddef>
+#include <cstring>
+#include <string>
+
+#include "common/srclib/KxComn_Names.h"
+#include "common/srclib/KxComn_Record.h"
+#include "common/srclib/KxComn_Settings.h"
+#include "common/srclib/KxComn_String.h"
+#include "common/srclib/KxComn_Trace.h"
+#include "common/srclib/Utility.h"
+
+namespace
+{
+
+// Empty when there is no absolute folder, or when the code page has no name for it: the bare name, and a name with
+// substitutes in it, could be somebody else's file.
+std::string LibraryPath()
+{
+    std::wstring folder = KxCommon::Settings::InstallPath();
+    KxCommon::AppendSeparator(folder);
+    const std::string narrow = KxCommon::String::ToNarrow(folder);
+    if (!KxCommon::IsAbsolutePath(folder) || KxCommon::String::ToWide(narrow) != folder)
+        return {};
+    return narrow + KxCommon::Names::kHashLibrary;
+}
+
+} // namespace
+
+bool CHashDll::Init()
+{
+    m_GetHashValue = nullptr;
+    const std::string path = LibraryPath();
+    if (path.empty() || !Load(path))
+    {
+        KX_TRACE(KxCommon::kTraceError, "CHashDll::Init load library error");
+        return false;
+    }
+    m_GetHashValue = Find<Function>(KxCommon::Names::kHashFunction);
+    if (m_GetHashValue == nullptr)
+    {
+        KX_TRACE(KxCommon::kTraceError, "CHashDll::Init GetProcAddress error");
+        return false;
+    }
+    return true;
+}
+
+int32_t CHashDll::GetHashValue(const void* applicationPath, void* hash) const
+{
+    if (!IsReady())
+        return KXRULE_E_HASH_LIBRARY;
+    // Aligned copies: in a record both may lie at odd addresses, and the path may fill its field to the last unit.
+    wchar_t path[KXRULE_APP_NAME_UNITS + 1] = {};
+    const unsigned char* const field = static_cast<const unsigned char*>(applicationPath);
+    for (size_t i = 0; i < KXRULE_APP_NAME_UNITS; ++i)
+    {
+        path[i] = KxCommon::Record::Load<wchar_t>(field + i * sizeof(wchar_t));
+        if (path[i] == L'\0')
+            break;
+    }
+    uint8_t value[KXRULE_HASH_BYTES];
+    std::memcpy(value, hash, sizeof value);
+    const int32_t status = m_GetHashValue(path, value);
+    std::memcpy(hash, value, sizeof value); // kept: what a failing function wrote stays
+    return status;
+}
