@@ -29,7 +29,7 @@ public:
         Swap(taken);
         return *this;
     }
-    IndexMap(const IndexMap& other)
+    IndexMap(const IndexMap& other) : IndexMap() // a whole object from here on: destroyed when a value cannot be copied
     {
         for (size_t i = 0; i < other.Size(); ++i)
             Emplace(other.KeyAt(i), other.ValueAt(i));
@@ -122,6 +122,8 @@ private:
         Slab& operator=(Slab&&) = delete;
         T* Memory;
     };
+
+    static_assert(alignof(T) <= __STDCPP_DEFAULT_NEW_ALIGNMENT__, "slabs are plain memory");
 
     static constexpr size_t kFirstSlab = 4;
     static constexpr size_t kLargestSlab = 64;

@@ -26,14 +26,15 @@ template <size_t size>
 void SetText(char (&field)[size], std::string_view text)
 {
     std::memset(field, 0, size);
-    std::memcpy(field, text.data(), text.size() < size ? text.size() : size);
+    text.copy(field, size);
 }
 
 /// The same for UTF-16 text in a field at any address, units long.
 inline void SetText(void* field, size_t units, KxCommon::WideStringView text)
 {
     std::memset(field, 0, units * sizeof(KXWCHAR));
-    std::memcpy(field, text.data(), (text.size() < units ? text.size() : units) * sizeof(KXWCHAR));
+    if (!text.empty()) // memcpy takes no null, not even for nothing
+        std::memcpy(field, text.data(), (text.size() < units ? text.size() : units) * sizeof(KXWCHAR));
 }
 
 /// Numbered bytes, so that every byte that moves or is missing shows.

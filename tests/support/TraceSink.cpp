@@ -57,7 +57,7 @@ void AppendInteger(std::string& text, std::string_view flags, char conversion, I
     text += buffer;
 }
 
-// One of the C library's formats, as far as this library traces: %c %d %i %u %x %X %p %s %S with flags, width,
+// One of the C library's formats, as far as this library traces: %c %d %i %u %x %X %p %s %S %ls with flags, width,
 // precision and h, l, ll, z, I64. In a wide format (isWide) %s and %S change places.
 std::string Format(std::string_view format, bool isWide, va_list arguments)
 {
@@ -113,7 +113,7 @@ std::string Format(std::string_view format, bool isWide, va_list arguments)
             break;
         case 's':
         case 'S':
-            if ((conversion == 'S') != isWide)
+            if (length == "l" || (conversion == 'S') != isWide)
             {
                 const KXWCHAR* const units = va_arg(arguments, const KXWCHAR*);
                 AppendUtf8(text, units, Length(units, limit));

@@ -1,0 +1,285 @@
+// Rules, address items and port items as text. A value without a keyword and an item that cannot be shown become the
+// empty text; the separators around them stay.
+#include "rules/RuleText.h"
+
+#include <charconv>
+#include <cstddef>
+#include <cstdint>
+#include <iterator>
+#include <string_view>
+
+#include "common/srclib/KxComn_Record.h"
+
+namespace
+{
+
+using KxCommon::Record::Text;
+
+// Room for every line without long texts, so that rendering allocates once.
+constexpr size_t kUsualLine = 256;
+
+std::string_view Protocol(uint32_t value) noexcept
+{
+    switch (value)
+    {
+    case KXRULE_PROTOCOL_ANY:
+        return "ANY";
+    case KXRULE_PROTOCOL_ICMP:
+        return "ICMP";
+    case KXRULE_PROTOCOL_TCP:
+        return "TCP";
+    case KXRULE_PROTOCOL_UDP:
+        return "UDP";
+    case KXRULE_PROTOCOL_TCPUDP:
+        return "TCPUDP";
+    }
+    return {};
+}
+
+// The other keywords are numbered from 1 without a gap.
+template <size_t count>
+std::string_view Keyword(const std::string_view (&words)[count], uint32_t value) noexcept
+{
+    return value - 1 < count ? words[value - 1] : std::string_view();
+}
+
+constexpr std::string_view kActions[] = {"ACCEPT", "DROP", "REJECT", "RESET", "ASK"};
+constexpr std::string_view kNatTypes[] = {"SNAT", "MASQ", "DNAT", "RDIR"};
+constexpr std::string_view kAppProtocols[] = {"HTTP", "SMTP"};
+constexpr std::string_view kDirections[] = {"IN", "OUT", "ANY"};
+
+static_assert(KXRULE_ACTION_ACCEPT == 1 && KXRULE_ACTION_DROP == 2 && KXRULE_ACTION_REJECT == 3 &&
+              KXRULE_ACTION_RESET == 4 && KXRULE_ACTION_ASK == 5);
+static_assert(KXRULE_NAT_SNAT == 1 && KXRULE_NAT_MASQ == 2 && KXRULE_NAT_DNAT == 3 && KXRULE_NAT_RDIR == 4);
+static_assert(KXRULE_APP_HTTP == 1 && KXRULE_APP_SMTP == 2);
+static_assert(KXRULE_DIRECTION_IN == 1 && KXRULE_DIRECTION_OUT == 2 && KXRULE_DIRECTION_ANY == 3);
+
+// kept: 32-bit fields are shown as signed numbers, 16-bit ones as unsigned.
+void AppendNumber(std::string& text, int32_t value)
+{
+    char digits[11]; // -2147483648
+    text.append(digits, std::to_chars(digits, digits + sizeof digits, value).ptr);
+}
+
+void AppendNumber(std::string& text, uint32_t value)
+{
+    AppendNumber(text, static_cast<int32_t>(value));
+}
+
+void AppendNumber(std::string& text, uint16_t value)
+{
+    AppendNumber(text, int32_t{value});
+}
+
+// address is in host byte order: its highest byte comes first.
+void AppendDotted(std::string& text, uint32_t address)
+{
+    char dotted[4 * 4]; // every part with a dot behind it
+    char* end = dotted;
+    for (int shift = 24; shift >= 0; shift -= 8)
+    {
+        end = std::to_chars(end, end + 3, address >> shift & 0xFF).ptr;
+        *end++ = '.';
+    }
+    text.append(dotted, end - 1);
+}
+
+template <size_t count>
+void AppendAddresses(std::string& text, const RULE_ADDR (&items)[count])
+{
+    for (const RULE_ADDR& item : items)
+    {
+        RuleText::AppendAddress(text, item);
+        text += ',';
+    }
+}
+
+template <size_t count>
+void AppendPorts(std::string& text, const RULE_PORT (&items)[count])
+{
+    for (const RULE_PORT& item : items)
+    {
+        RuleText::AppendPort(text, item);
+        text += ',';
+    }
+}
+
+template <class Block>
+void AppendExtension(std::string& text, const Block& block)
+{
+    text += ',';
+    AppendNumber(text, block.dwExtValue);
+    text += ':';
+    AppendNumber(text, block.wExtValue);
+    text += ':';
+    text += Text(block.szExtText, sizeof block.szExtText);
+}
+
+// Protocol, addresses and ports: the beginning of all lines but a stream's.
+template <class Block>
+void AppendTraffic(std::string& text, const Block& block)
+{
+    text += Protocol(block.dwProtocol);
+    text += ',';
+    AppendAddresses(text, block.Addr);
+    AppendPorts(text, block.Port);
+}
+
+void Append(std::string& text, const PFW_ACCESS& rule)
+{
+    text += "ACCESS,";
+    AppendTraffic(text, rule);
+    text += Keyword(kActions, rule.dwAction);
+    if (rule.dwExtFlag != 0)
+        AppendExtension(text, rule);
+}
+
+void Append(std::string& text, const PFW_NAT& rule)
+{
+    text += "NAT,";
+    AppendTraffic(text, rule);
+    text += Keyword(kNatTypes, rule.dwNatType);
+}
+
+void Append(std::string& text, const PFW_THROTTLE& rule)
+{
+    text += "THROTTLE,";
+    AppendTraffic(text, rule);
+    for (size_t i = 0; i < std::size(rule.wLimit); ++i) // by value: the fields may lie at odd addresses
+    {
+        if (i > 0)
+            text += ',';
+        AppendNumber(text, uint16_t{rule.wLimit[i]});
+    }
+    if (rule.dwExtFlag != 0)
+        AppendExtension(text, rule);
+}
+
+void Append(std::string& text, const PFW_STREAM& rule)
+{
+    text += "STREAM,";
+    text += Keyword(kAppProtocols, rule.dwAppProtocol);
+    text += ',';
+    AppendAddresses(text, rule.Addr);
+    AppendNumber(text, rule.dwStreamParam);
+    text += ',';
+    text += Keyword(kActions, rule.dwAction);
+    AppendExtension(text, rule);
+    text += ',';
+    text += Text(rule.szStreamText, sizeof rule.szStreamText);
+}
+
+void Append(std::string& text, const PFW_GENSTREAM& rule)
+{
+    text += "GENSTREAM,";
+    AppendTraffic(text, rule);
+    text += Keyword(kDirections, rule.dwDirection);
+    text += ',';
+    for (size_t i = 0; i < std::size(rule.dwParam); ++i)
+    {
+        AppendNumber(text, uint32_t{rule.dwParam[i]});
+        text += ',';
+    }
+    text += Keyword(kActions, rule.dwAction);
+    text += ',';
+    AppendNumber(text, rule.dwParam3);
+    AppendExtension(text, rule);
+    if (rule.szStreamText[0] != 0 || rule.szStreamText[1] != 0) // kept: the second byte alone brings the comma too
+    {
+        text += ',';
+        text += Text(rule.szStreamText, sizeof rule.szStreamText);
+    }
+}
+
+} // namespace
+
+namespace RuleText
+{
+
+void AppendAddress(std::string& text, const RULE_ADDR& item)
+{
+    const uint32_t type = item.dwType;
+    if (type == KXRULE_ADDR_ANY)
+        return;
+    if (type == KXRULE_ADDR_NAME)
+    {
+        text += Text(item.szName, sizeof item.szName);
+        return;
+    }
+    if (item.dwFamily != KXRULE_FAMILY_IPV4)
+        return;
+    if (item.dwNot != 0)
+        text += '!';
+    AppendDotted(text, item.Addr1.dwIPv4);
+    switch (type)
+    {
+    case KXRULE_ADDR_MASK:
+        text += '/';
+        AppendDotted(text, item.Addr2.dwIPv4);
+        break;
+    case KXRULE_ADDR_PREFIX:
+        text += '/';
+        AppendNumber(text, item.Addr2.dwIPv4);
+        break;
+    case KXRULE_ADDR_RANGE:
+        text += ':';
+        AppendDotted(text, item.Addr2.dwIPv4);
+        break;
+    }
+}
+
+void AppendPort(std::string& text, const RULE_PORT& item)
+{
+    const int32_t type = item.nType;
+    switch (type)
+    {
+    case KXRULE_PORT_SINGLE:
+    case KXRULE_PORT_RANGE:
+        if (item.dwNot != 0)
+            text += '!';
+        AppendNumber(text, item.wPort1);
+        if (type == KXRULE_PORT_RANGE)
+        {
+            text += ':';
+            AppendNumber(text, item.wPort2);
+        }
+        break;
+    case KXRULE_PORT_LIST: // the line has other uses for hyphens and commas
+        for (const char byte : Text(item.szList, sizeof item.szList))
+            text += byte == '-' ? ':' : byte == ',' ? '|' : byte;
+        break;
+    case KXRULE_PORT_NAME:
+        text += Text(item.szList, sizeof item.szList);
+        break;
+    }
+}
+
+int32_t Render(const PFW_RULE& rule, std::string& line)
+{
+    const uint32_t kind = rule.dwKind;
+    if (kind < KXRULE_KIND_ACCESS || kind > KXRULE_KIND_GENSTREAM)
+        return KXRULE_E_RULE_TEXT;
+    line.clear();
+    line.reserve(kUsualLine);
+    switch (kind)
+    {
+    case KXRULE_KIND_ACCESS:
+        Append(line, rule.Access);
+        break;
+    case KXRULE_KIND_NAT:
+        Append(line, rule.Nat);
+        break;
+    case KXRULE_KIND_THROTTLE:
+        Append(line, rule.Throttle);
+        break;
+    case KXRULE_KIND_STREAM:
+        Append(line, rule.Stream);
+        break;
+    case KXRULE_KIND_GENSTREAM:
+        Append(line, rule.GenStream);
+        break;
+    }
+    return KXRULE_OK;
+}
+
+} // namespace RuleText
