@@ -1,0 +1,48 @@
+// The master file: the macro file's name, the next rule set index, the active list and the names of all rule set files.
+// docs/format.md, "Master file".
+#include "persistence/MasterFormat.h"
+
+#include <cstring>
+
+#include "persistence/FileFormat.h"
+
+namespace MasterFormat
+{
+
+Head ReadHead(CEncryptStream& stream)
+{
+    // A file of fewer bytes reads as success and leaves the rest: it has the wrong magic, it is not unreadable.
+    char magic[FileFormat::kMagicBytes] = {};
+    if (!stream.Read(magic, sizeof magic, false))
+        return Head::Unreadable;
+    if (std::memcmp(magic, FileFormat::kMasterMagic, sizeof magic) != 0)
+        return Head::WrongMagic;
+    uint32_t version = 0;
+    stream.ReadU32(version);
+    return version == FileFormat::kVersion ? Head::Good : Head::WrongVersion;
+}
+
+void ReadFields(CEncryptStream& stream, MasterFields& fields)
+{
+    uint32_t names = 0;
+    stream.ReadString(fields.MacroFileName).ReadU16(fields.NextIndex).ReadArray(fields.ActiveRuleSets).ReadU32(names);
+    for (uint32_t i = 0; i < names; ++i)
+    {
+        std::string name;
+        stream.ReadString(name);
+        fields.RuleSetFileNames.push_back(std::move(name));
+    }
+}
+
+void WriteFields(CEncryptStream& stream, const MasterFields& fields)
+{
+    stream.WriteVersion()
+        .WriteString(fields.MacroFileName)
+        .WriteU16(fields.NextIndex)
+        .WriteArray(fields.ActiveRuleSets)
+        .WriteU32(static_cast<uint32_t>(fields.RuleSetFileNames.size()));
+    for (const std::string& name : fields.RuleSetFileNames)
+        stream.WriteString(name);
+}
+
+} // namespace MasterFormat
