@@ -1,0 +1,53 @@
+// Counts the library's file system calls and makes chosen ones fail. Windows.
+#pragma once
+
+#include <algorithm>
+#include <vector>
+
+#include "common/srclib/KxComn_Files.h"
+
+/// For as long as it lives. One at a time, one thread.
+class FileFaults
+{
+public:
+    using Operation = KxCommon::Files::Operation;
+
+    FileFaults()
+    {
+        s_Current = this;
+        KxCommon::Files::SetFaultHook([](Operation operation) { return s_Current->Called(operation); });
+    }
+    ~FileFaults() { KxCommon::Files::SetFaultHook(nullptr); }
+    FileFaults(const FileFaults&) = delete;
+    FileFaults& operator=(const FileFaults&) = delete;
+
+    /// Of the calls of an operation from now on, those numbered first to last fail with error.
+    void Fail(Operation operation, DWORD error, int first = 1, int last = 1 << 30)
+    {
+        Calls.clear();
+        m_Operation = operation;
+        m_Error = error;
+        m_First = first;
+        m_Last = last;
+    }
+    [[nodiscard]] int Count(Operation operation) const
+    {
+        return static_cast<int>(std::count(Calls.begin(), Calls.end(), operation));
+    }
+
+    std::vector<Operation> Calls; // in order, since Fail
+
+private:
+    DWORD Called(Operation operation)
+    {
+        Calls.push_back(operation);
+        const int number = Count(operation);
+        return operation == m_Operation && number >= m_First && number <= m_Last ? m_Error : ERROR_SUCCESS;
+    }
+
+    inline static FileFaults* s_Current = nullptr;
+    Operation m_Operation = Operation::Open;
+    DWORD m_Error = ERROR_SUCCESS;
+    int m_First = 0;
+    int m_Last = 0;
+};
