@@ -1,0 +1,156 @@
+#include "persistence/EncryptFile.h"
+
+#include <gtest/gtest.h>
+
+#include <vector>
+
+#include "tests/support/FileFaults.h"
+#include "tests/support/TempDir.h"
+
+namespace
+{
+
+using KxCommon::Files::Operation;
+
+constexpr uint32_t kRecord = 2845;
+constexpr size_t kRecords = 1024;
+constexpr size_t kRecordsOnDisk = kRecords * (4 + 2848);
+
+class EncryptedFile : public testing::Test
+{
+protected:
+    bool WriteAll(CEncryptFile& file)
+    {
+        const std::vector<const void*> records(kRecords, m_Record.data());
+        return file.Open(m_Path.c_str(), GENERIC_WRITE) && file.WriteRecords(records.data(), kRecords, kRecord) &&
+               file.FinishAndFlush();
+    }
+    [[nodiscard]] std::string OnDisk() const { return ReadBytes(m_Path); }
+
+    TempDir m_Directory;
+    const std::string m_Path = (m_Directory / "file.dat").string();
+    const std::string m_Record = std::string(kRecord - 1, 'r') + 's';
+    FileFaults m_Faults;
+};
+
+TEST_F(EncryptedFile, AccessDecidesWhatBecomesOfTheFile)
+{
+    const struct
+    {
+        DWORD Access;
+        const char* Before; // null: missing
+        bool Opened;
+        const char* After;
+    } cases[] = {
+        {GENERIC_READ, "before", true, "before"}, {GENERIC_READ, nullptr, false, ""},
+        {GENERIC_WRITE, "before", true, ""},      {GENERIC_READ | GENERIC_WRITE, "before", true, ""},
+        {GENERIC_WRITE, nullptr, true, ""},
+    };
+    for (const auto& c : cases)
+    {
+        SCOPED_TRACE(testing::Message() << c.Access << " " << (c.Before == nullptr ? "missing" : c.Before));
+        std::filesystem::remove(m_Path);
+        if (c.Before != nullptr)
+            WriteBytes(m_Path, c.Before);
+        CEncryptFile file;
+        uint8_t value = 0;
+        EXPECT_FALSE(file.Read(&value, 1, false) || file.Write(&value, 1, true) || file.Finish() || file.Close());
+        EXPECT_EQ(file.Open(m_Path.c_str(), c.Access), c.Opened);
+        EXPECT_EQ(file.Read(&value, 1, false), c.Opened && (c.Access & GENERIC_READ) != 0);
+
+        // Nobody else gets in meanwhile, not even the same object.
+        const KxCommon::UniqueFile second(::CreateFileA(
+            m_Path.c_str(), GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_WRITE, nullptr, OPEN_EXISTING, 0, nullptr));
+        EXPECT_EQ(::GetLastError(), static_cast<DWORD>(c.Opened ? ERROR_SHARING_VIOLATION : ERROR_FILE_NOT_FOUND));
+        EXPECT_FALSE(c.Opened && file.Open((m_Directory / "other").string().c_str(), GENERIC_WRITE));
+        EXPECT_EQ(file.Close(), c.Opened);
+        EXPECT_FALSE(file.Read(&value, 1, false) || file.Write(&value, 1, true) || file.Finish() || file.Close());
+        EXPECT_EQ(OnDisk(), c.After);
+    }
+    EXPECT_FALSE(std::filesystem::exists(m_Directory / "other"));
+}
+
+TEST_F(EncryptedFile, FullSetTakesFewCalls)
+{
+    CEncryptFile file;
+    ASSERT_TRUE(WriteAll(file) && file.Close());
+    EXPECT_EQ(m_Faults.Calls, (std::vector{Operation::Open, Operation::Write, Operation::Write, Operation::Write,
+                                           Operation::Flush, Operation::Close}));
+    EXPECT_EQ(OnDisk().size(), kRecordsOnDisk);
+
+    m_Faults.Calls.clear();
+    ASSERT_TRUE(file.Open(m_Path.c_str(), GENERIC_READ));
+    std::string record(kRecord, '\0');
+    for (size_t i = 0; i < kRecords; ++i)
+        ASSERT_TRUE(file.Read(record.data(), kRecord, true) && record == m_Record) << i;
+    EXPECT_FALSE(file.Read(record.data(), kRecord, true));
+    EXPECT_TRUE(file.Close());
+    EXPECT_EQ(m_Faults.Calls, (std::vector{Operation::Open, Operation::Size, Operation::Read, Operation::Read,
+                                           Operation::Read, Operation::Close}));
+}
+
+TEST_F(EncryptedFile, ViolationsAreWaitedForWhenReading)
+{
+    const struct
+    {
+        DWORD Access;
+        DWORD Error;
+        int Refusals;
+        bool Opened;
+        bool Retried;
+    } cases[] = {
+        {GENERIC_READ, ERROR_SHARING_VIOLATION, 3, true, true},
+        {GENERIC_READ, ERROR_LOCK_VIOLATION, 1, true, true},
+        {GENERIC_READ, ERROR_SHARING_VIOLATION, 1 << 30, false, true},
+        {GENERIC_READ, ERROR_ACCESS_DENIED, 1, false, false},
+        {GENERIC_WRITE, ERROR_SHARING_VIOLATION, 1, false, false},
+    };
+    WriteBytes(m_Path, "before");
+    for (const auto& c : cases)
+    {
+        SCOPED_TRACE(testing::Message() << c.Access << " " << c.Error << " " << c.Refusals);
+        m_Faults.Fail(Operation::Open, c.Error, 1, c.Refusals);
+        CEncryptFile file;
+        EXPECT_EQ(file.Open(m_Path.c_str(), c.Access), c.Opened);
+        EXPECT_TRUE(c.Opened || ::GetLastError() == c.Error);
+        EXPECT_EQ(m_Faults.Count(Operation::Open) > 1, c.Retried);
+    }
+    EXPECT_EQ(OnDisk(), "before");
+}
+
+TEST_F(EncryptedFile, RefusalsAreReported)
+{
+    const struct
+    {
+        Operation Which;
+        DWORD Error;
+        int Number;
+        bool Written;
+    } cases[] = {
+        {Operation::Write, ERROR_DISK_FULL, 1, false},    {Operation::Write, ERROR_DISK_FULL, 3, false},
+        {Operation::Flush, ERROR_DISK_FULL, 1, false},    {Operation::Flush, ERROR_INVALID_FUNCTION, 1, true},
+        {Operation::Flush, ERROR_NOT_SUPPORTED, 1, true},
+    };
+    CEncryptFile file;
+    for (const auto& c : cases)
+    {
+        SCOPED_TRACE(testing::Message() << static_cast<int>(c.Which) << " " << c.Error << " " << c.Number);
+        m_Faults.Fail(c.Which, c.Error, c.Number, c.Number);
+        EXPECT_EQ(WriteAll(file), c.Written);
+        EXPECT_EQ(file.Finish(), c.Which != Operation::Write);
+        EXPECT_TRUE(file.Close());
+        EXPECT_EQ(OnDisk().size() == kRecordsOnDisk, c.Which != Operation::Write);
+    }
+
+    uint8_t value = 0;
+    m_Faults.Fail(Operation::Read, ERROR_READ_FAULT);
+    ASSERT_TRUE(file.Open(m_Path.c_str(), GENERIC_READ));
+    EXPECT_FALSE(file.Read(&value, 1, false) || file.Read(&value, 1, true));
+    m_Faults.Fail(Operation::Close, ERROR_INVALID_HANDLE);
+    EXPECT_FALSE(file.Close() || file.IsOpen());
+    m_Faults.Fail(Operation::Size, ERROR_INVALID_FUNCTION);
+    EXPECT_FALSE(file.Open(m_Path.c_str(), GENERIC_READ) || file.IsOpen());
+    EXPECT_TRUE(std::filesystem::remove(m_Path)) << "a handle was left open";
+}
+
+} // namespace
