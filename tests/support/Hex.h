@@ -1,35 +1,27 @@
-// Expected bytes as they are printed by other tools.
+// Bytes for tests: as other tools print them, by checksum, and simply many.
 #pragma once
 
-#include <cstddef>
+#include <cctype>
 #include <cstdint>
+#include <string>
 #include <string_view>
 #include <vector>
 
 using Bytes = std::vector<uint8_t>;
 
-/// Pairs of hexadecimal digits; everything else between them is skipped.
+/// Pairs of hexadecimal digits, with blanks between pairs or not.
 inline Bytes FromHex(std::string_view text)
 {
-    const auto digit = [](char c)
-    {
-        return c >= '0' && c <= '9'   ? c - '0'
-               : c >= 'a' && c <= 'f' ? c - 'a' + 10
-               : c >= 'A' && c <= 'F' ? c - 'A' + 10
-                                      : -1;
-    };
     Bytes bytes;
     for (size_t i = 0; i + 1 < text.size(); ++i)
     {
-        if (digit(text[i]) < 0)
-            continue;
-        bytes.push_back(static_cast<uint8_t>(digit(text[i]) << 4 | digit(text[i + 1])));
-        ++i;
+        if (std::isxdigit(static_cast<unsigned char>(text[i])) != 0)
+            bytes.push_back(static_cast<uint8_t>(std::stoul(std::string(text.substr(i++, 2)), nullptr, 16)));
     }
     return bytes;
 }
 
-/// A checksum for what is too long to be written out (FNV-1a, 64 bits).
+/// FNV-1a, 64 bits: for what is too long to be written out.
 inline uint64_t Checksum(const Bytes& bytes)
 {
     uint64_t sum = 0xcbf29ce484222325;
@@ -38,7 +30,7 @@ inline uint64_t Checksum(const Bytes& bytes)
     return sum;
 }
 
-/// size bytes that repeat only after 256: 1, 8, 15, ...
+/// 1, 8, 15, ...: repeats only after 256 bytes.
 inline Bytes Ramp(size_t size)
 {
     Bytes bytes(size);
