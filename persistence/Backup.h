@@ -18,12 +18,13 @@ namespace Backup
 /// tolerated: what cannot be moved stays where it is.
 void BackupAllRules(const std::string& ruleDirectory, const std::string& masterFileName);
 
-/// Copies master, macro and every rule set file into a new dated directory, leaving them in place.
-void CopyAllRules(const std::string& ruleDirectory, const std::string& masterFileName,
+/// Copies master, macro and every rule set file into a new dated directory, leaving them in place. False when one of
+/// them could not be copied (traced): writing over it now would lose it.
+bool CopyAllRules(const std::string& ruleDirectory, const std::string& masterFileName,
                   const std::string& macroFileName);
 
 /// Copies a rule set file to RuleBackup under its name with ".brk" behind it, over an earlier one; nothing when the
-/// file does not exist. Failures are traced and tolerated.
-void KeepBroken(const std::string& ruleDirectory, const std::string& fileName);
+/// file does not exist. False when it exists and could not be copied (traced).
+bool KeepBroken(const std::string& ruleDirectory, const std::string& fileName);
 
 } // namespace Backup
