@@ -12,7 +12,7 @@ class CPfwTimer
 public:
     using Callback = void (*)(void* context);
 
-    CPfwTimer() = default;
+    CPfwTimer();
     CPfwTimer(const CPfwTimer&) = delete;
     CPfwTimer& operator=(const CPfwTimer&) = delete;
     /// Stops and removes every entry; nothing while the process is ending, when the threads are gone already.
