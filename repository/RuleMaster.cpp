@@ -1,0 +1,413 @@
+// The store in memory. Its file operations are in RuleMasterFiles.cpp; docs/threads.md explains the locks.
+#include "repository/RuleMaster.h"
+
+#include <algorithm>
+#include <limits>
+#include <utility>
+
+#include "common/srclib/KxComn_Files.h"
+#include "common/srclib/KxComn_Settings.h"
+#include "common/srclib/KxComn_Trace.h"
+#include "common/srclib/Utility.h"
+
+using KxCommon::kTraceCall;
+using KxCommon::kTraceError;
+using RecordGuard = KxCommon::Synchronize::ScopedLock<CCriticalSectionLock>;
+
+namespace
+{
+
+constexpr uint32_t kTimerProcess = 0;
+constexpr uint32_t kTimerIndex = 0xFFFFFFAE;
+constexpr uint32_t kShortestInterval = 60000;
+
+int32_t CopyIndexes(const std::vector<uint16_t>& from, uint16_t* to, int32_t maxCount) noexcept
+{
+    if (to != nullptr && maxCount > 0)
+        std::copy_n(from.begin(), std::min<size_t>(from.size(), static_cast<size_t>(maxCount)), to);
+    return static_cast<int32_t>(from.size());
+}
+
+} // namespace
+
+int32_t CRuleMaster::Init(const std::string& rulePath, const char* masterFileName)
+{
+    // An empty path (the library's own directory could not be found) must not become the root of the drive.
+    std::string path = rulePath.empty() ? ".\\" : rulePath;
+    KxCommon::AppendSeparator(path);
+    std::string masterName =
+        masterFileName != nullptr && *masterFileName != 0 ? masterFileName : FileFormat::kMasterFileName;
+    {
+        const MasterGuard guard(m_Lock);
+        m_NextIndex = 1;
+        Empty();
+        m_RulePath = std::move(path);
+        if (KxCommon::Files::Attributes(m_RulePath.c_str()) != FILE_ATTRIBUTE_DIRECTORY)
+            static_cast<void>(KxCommon::Files::MakeDirectory(m_RulePath.c_str())); // a missing one shows at the writes
+        m_MasterFileName = std::move(masterName);
+        m_MacroFileName = FileFormat::kMacroFileName;
+        m_WriteInterval = std::max(KxCommon::Settings::WriteInterval(), kShortestInterval);
+        m_IsDirty = false;
+        m_Modified.clear();
+        m_IsReadIncomplete = false;
+        m_OldVersionSets.clear();
+        m_IsLive = true;
+    }
+    // Without a timer the store works on: changes are then written by kxRuleWrite, kxRuleFlush and Finalize.
+    m_WriteTimer.Register(kTimerProcess, kTimerIndex, CallbackFuncWriteTimeOut, m_WriteInterval, this, true);
+    KX_TRACE(kTraceCall, "RulePath=%s, RuleMaster=%s", m_RulePath.c_str(), m_MasterFileName.c_str());
+    return KXRULE_OK;
+}
+
+int32_t CRuleMaster::Finalize()
+{
+    if (!m_IsLive)
+        return KXRULE_OK;
+    if (m_IsDirty)
+        static_cast<void>(WriteAll()); // there is nobody left to tell; kxRuleFlush before tells
+    // The timer's thread may be waiting for a lock that this thread kept, and is waited for next.
+    m_Lock.ReleaseKept();
+    m_WriteTimer.Unregister(kTimerProcess, kTimerIndex);
+    const MasterGuard guard(m_Lock); // a hash refresh comes without the outer lock: let it end
+    m_IsLive = false;
+    return KXRULE_OK;
+}
+
+bool CRuleMaster::MayChange() noexcept KX_NO_THREAD_SAFETY_ANALYSIS
+{
+    if (!m_Lock.IsKeptByOther())
+        return true;
+    m_OuterLock.Unlock();
+    m_Lock.WaitWhileKeptByOther();
+    m_OuterLock.Lock();
+    return false;
+}
+
+bool CRuleMaster::HasRuleSet(uint16_t index) const noexcept
+{
+    AssertReadable();
+    return m_RuleSets.Contains(index);
+}
+
+void CRuleMaster::Empty() noexcept
+{
+    m_RuleSets.Clear();
+    m_Macros.clear();
+    m_ActiveRuleSets.clear();
+    m_RuleSetFileNames.clear();
+}
+
+void CRuleMaster::MarkModified(uint16_t ruleSetIndex)
+{
+    m_IsDirty = true;
+    m_Modified.insert(ruleSetIndex);
+}
+
+void CRuleMaster::SetActiveRuleSet(std::vector<uint16_t> indexes)
+{
+    while (!MayChange())
+    {
+    }
+    const MasterGuard guard(m_Lock);
+    m_IsDirty = true;
+    m_ActiveRuleSets = std::move(indexes);
+}
+
+int32_t CRuleMaster::GetActiveRuleSet(uint16_t* indexes, int32_t maxCount) const noexcept
+{
+    AssertReadable();
+    return CopyIndexes(m_ActiveRuleSets, indexes, maxCount);
+}
+
+int32_t CRuleMaster::GetRuleSetIndex(uint16_t* indexes, int32_t maxCount) const noexcept
+{
+    AssertReadable();
+    return CopyIndexes(m_RuleSets.Keys(), indexes, maxCount);
+}
+
+int32_t CRuleMaster::RefuseRuleSet(const CRuleSet& ruleSet) const noexcept
+{
+    AssertReadable();
+    if (m_RuleSets.Size() >= KXRULE_MAX_RULESETS)
+        return KXRULE_E_TOO_MANY_RULESETS;
+    return ruleSet.RuleCount() > KXRULE_MAX_RULES ? KXRULE_E_TOO_MANY_RULES : KXRULE_OK;
+}
+
+int32_t CRuleMaster::AddRuleSet(uint16_t index, CRuleSet& ruleSet)
+{
+    KX_TRACE(kTraceCall, "CRuleMaster::AddRuleSet Enter");
+    do
+    {
+        const int32_t refusal = RefuseRuleSet(ruleSet);
+        if (refusal != KXRULE_OK)
+        {
+            KX_TRACE(kTraceCall, "CRuleMaster::AddRuleSet Return (%d)", refusal);
+            return refusal;
+        }
+    } while (!MayChange());
+
+    {
+        MasterGuard guard(m_Lock);
+        if (index != 0 && m_RuleSets.Contains(index))
+        {
+            guard.KeepLocked(); // kept: docs/threads.md, "Locks that outlive a call"
+            return KXRULE_E_NO_RULESET;
+        }
+        const uint16_t assigned = index != 0 ? index : AllocateIndex();
+        MarkModified(assigned);
+        m_RuleSets.Emplace(assigned, std::move(ruleSet)).SetIndex(assigned);
+        ruleSet.SetIndex(assigned); // NOLINT(bugprone-use-after-move): the caller asks the emptied set for its index
+        m_NextIndex = assigned;
+    }
+    KX_TRACE(kTraceCall, "CRuleMaster::AddRuleSet Return (%d)", KXRULE_OK);
+    return KXRULE_OK;
+}
+
+// kept: the search starts at the index given out last, not behind it, and hands out a start above the limit as it is.
+uint16_t CRuleMaster::AllocateIndex() noexcept
+{
+    uint32_t candidate = std::max<uint32_t>(m_NextIndex, 1); // a master file may say 0, which means "none" elsewhere
+    while (m_RuleSets.Contains(static_cast<uint16_t>(candidate)))
+        candidate = candidate + 1 > KXRULE_MAX_RULESET_INDEX ? 1 : candidate + 1;
+    return static_cast<uint16_t>(candidate);
+}
+
+int32_t CRuleMaster::DeleteRuleSet(uint16_t index)
+{
+    do
+    {
+        if (!m_IsLive)
+            return KXRULE_E_FILE_OPEN;
+        if (index != 0 && !HasRuleSet(index))
+            return KXRULE_E_NO_RULESET;
+    } while (!MayChange());
+
+    std::vector<std::string> fileNames;
+    {
+        const MasterGuard guard(m_Lock);
+        for (size_t i = 0; i < m_RuleSets.Size(); ++i)
+        {
+            if (index == 0 || m_RuleSets.KeyAt(i) == index)
+                fileNames.push_back(m_RuleSets.ValueAt(i).FileName());
+        }
+        m_IsDirty = true;
+        if (index == 0)
+        {
+            m_RuleSets.Clear();
+            m_Modified.clear();
+            m_OldVersionSets.clear();
+            m_NextIndex = 1;
+        }
+        else
+        {
+            m_Modified.erase(index);
+            m_OldVersionSets.erase(index);
+            m_RuleSets.Erase(index);
+        }
+    }
+
+    // The list on disk stops naming the files before they go: a crash in between leaves a file too many, not one
+    // too few.
+    const int32_t result = WriteMasterFile();
+    if (result != KXRULE_OK)
+        return result;
+    for (const std::string& fileName : fileNames)
+    {
+        const MasterGuard guard(m_Lock);
+        m_IsDirty = true;
+        if (!fileName.empty()) // a set that was never written has no file
+            static_cast<void>(KxCommon::Files::Delete((m_RulePath + fileName).c_str()));
+    }
+    return KXRULE_OK;
+}
+
+int32_t CRuleMaster::GetRuleSet(uint16_t index, PFW_RULESET* ruleSet, int32_t maxRules)
+{
+    AssertReadable();
+    const CRuleSet* const found = m_RuleSets.Find(index);
+    if (found == nullptr)
+        return KXRULE_E_NO_RULESET;
+    if (ruleSet != nullptr && maxRules >= 0)
+    {
+        const RecordGuard guard(m_RecordLock);
+        found->CopyRecord(ruleSet, maxRules);
+    }
+    return found->RuleCount();
+}
+
+int32_t CRuleMaster::GetRuleTopIndex(uint16_t ruleSetIndex) const noexcept
+{
+    AssertReadable();
+    const CRuleSet* const found = m_RuleSets.Find(ruleSetIndex);
+    if (found == nullptr)
+        return KXRULE_E_NO_RULESET;
+    return found->RuleIndexes().empty() ? 0 : found->RuleIndexes().front();
+}
+
+int32_t CRuleMaster::GetRuleBottomIndex(uint16_t ruleSetIndex) const noexcept
+{
+    AssertReadable();
+    const CRuleSet* const found = m_RuleSets.Find(ruleSetIndex);
+    if (found == nullptr)
+        return KXRULE_E_NO_RULESET;
+    return found->RuleIndexes().empty() ? 0 : found->RuleIndexes().back();
+}
+
+// kept: a refused change marks the set all the same.
+int32_t CRuleMaster::AddRule(uint16_t ruleSetIndex, uint16_t ruleIndex, const CRule& rule)
+{
+    do
+    {
+        if (!HasRuleSet(ruleSetIndex))
+            return KXRULE_E_NO_RULESET;
+    } while (!MayChange());
+
+    const MasterGuard guard(m_Lock);
+    MarkModified(ruleSetIndex);
+    return m_RuleSets.Find(ruleSetIndex)->AddRule(ruleIndex, rule);
+}
+
+int32_t CRuleMaster::DeleteRule(uint16_t ruleSetIndex, uint16_t ruleIndex)
+{
+    do
+    {
+        if (!HasRuleSet(ruleSetIndex))
+            return KXRULE_E_NO_RULESET;
+    } while (!MayChange());
+
+    const MasterGuard guard(m_Lock);
+    MarkModified(ruleSetIndex);
+    return m_RuleSets.Find(ruleSetIndex)->DeleteRule(ruleIndex);
+}
+
+const CRule* CRuleMaster::FindRule(uint16_t ruleSetIndex, uint16_t ruleIndex, int32_t& result) const noexcept
+{
+    AssertReadable();
+    const CRuleSet* const ruleSet = m_RuleSets.Find(ruleSetIndex);
+    const CRule* const rule = ruleSet == nullptr ? nullptr : ruleSet->FindRule(ruleIndex);
+    result = ruleSet == nullptr ? KXRULE_E_NO_RULESET : rule == nullptr ? KXRULE_E_NO_RULE : KXRULE_OK;
+    return rule;
+}
+
+int32_t CRuleMaster::GetRule(uint16_t ruleSetIndex, uint16_t ruleIndex, PFW_RULE* rule)
+{
+    int32_t result = KXRULE_OK;
+    const CRule* const found = FindRule(ruleSetIndex, ruleIndex, result);
+    if (found == nullptr)
+        return result;
+    const RecordGuard guard(m_RecordLock);
+    return found->GetRule(rule);
+}
+
+int32_t CRuleMaster::IsRuleActive(uint16_t ruleSetIndex, uint16_t ruleIndex) const noexcept
+{
+    int32_t result = KXRULE_OK;
+    const CRule* const found = FindRule(ruleSetIndex, ruleIndex, result);
+    return found == nullptr ? result : static_cast<int32_t>(found->Record().dwActive);
+}
+
+int32_t CRuleMaster::GetRuleString(uint16_t ruleSetIndex, uint16_t ruleIndex, std::string& line)
+{
+    int32_t result = KXRULE_OK;
+    const CRule* const found = FindRule(ruleSetIndex, ruleIndex, result);
+    if (found == nullptr)
+        return result;
+    const RecordGuard guard(m_RecordLock);
+    return found->GetRuleString(line);
+}
+
+int32_t CRuleMaster::UpdateHashValue(const KXWCHAR* applicationPath, const uint8_t* hash, KXRULE_HASH_CALLBACK callback,
+                                     void* context)
+{
+    const MasterGuard guard(m_Lock);
+    if (!m_IsLive)
+        return KXRULE_OK;
+
+    std::vector<uint16_t> changed;
+    int32_t result = KXRULE_OK;
+    // By key, not by position: a callback that breaks its contract and deletes a set must not leave a dangling step.
+    for (uint32_t key = 0; result == KXRULE_OK && key <= std::numeric_limits<uint16_t>::max(); ++key)
+    {
+        const size_t position = m_RuleSets.LowerBound(static_cast<uint16_t>(key));
+        if (position >= m_RuleSets.Size())
+            break;
+        key = m_RuleSets.KeyAt(position);
+        try
+        {
+            result = m_RuleSets.ValueAt(position).UpdateHash(applicationPath, hash, callback, context, changed,
+                                                             m_RecordLock);
+        }
+        catch (...) // from the callback, or for want of memory: what has changed is written all the same
+        {
+            MarkModified(static_cast<uint16_t>(key));
+            for (const uint16_t index : changed)
+                MarkModified(index);
+            throw;
+        }
+    }
+    for (const uint16_t index : changed)
+        MarkModified(index);
+    return result;
+}
+
+void CRuleMaster::AddMacro(CMacro macro)
+{
+    while (!MayChange())
+    {
+    }
+    const MasterGuard guard(m_Lock);
+    m_IsDirty = true;
+    m_Macros.push_back(std::move(macro));
+}
+
+void CRuleMaster::DeleteMacro()
+{
+    while (!MayChange())
+    {
+    }
+    const MasterGuard guard(m_Lock);
+    m_IsDirty = true;
+    m_Macros.clear();
+}
+
+int32_t CRuleMaster::GetMacroCount() const noexcept
+{
+    AssertReadable();
+    return static_cast<int32_t>(m_Macros.size());
+}
+
+int32_t CRuleMaster::GetMacro(void* buffer, int32_t bufferSize) const noexcept
+{
+    AssertReadable();
+    uint64_t needed = 0;
+    for (const CMacro& macro : m_Macros)
+        needed += macro.RecordBytes();
+    needed = std::min<uint64_t>(needed, std::numeric_limits<int32_t>::max());
+    const int32_t result = static_cast<int32_t>(needed);
+    // A sum that had to be capped does not fit any buffer, not even one of that size.
+    if (buffer == nullptr || result > bufferSize || result == std::numeric_limits<int32_t>::max())
+        return result;
+    unsigned char* out = static_cast<unsigned char*>(buffer);
+    for (const CMacro& macro : m_Macros)
+    {
+        macro.CopyRecord(out);
+        out += macro.RecordBytes();
+    }
+    return result;
+}
+
+void CRuleMaster::CallbackFuncWriteTimeOut(void* context)
+{
+    KX_TRACE(kTraceCall, "################ CRuleMaster::CallbackFuncWriteTimeOut Enter ####################");
+    CRuleMaster* const master = static_cast<CRuleMaster*>(context);
+    if (master != nullptr && master->m_IsDirty)
+    {
+        const MasterGuard guard(master->m_Lock);
+        if (master->WriteAll() == KXRULE_OK)
+        {
+            master->m_IsDirty = false;
+            master->m_Modified.clear();
+        }
+    }
+    KX_TRACE(kTraceCall, "++++++++++++++++ CRuleMaster::CallbackFuncWriteTimeOut Leave +++++++++++++++++++++");
+}

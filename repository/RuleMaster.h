@@ -1,0 +1,158 @@
+// CRuleMaster: the one in-memory store. It owns rule sets, active list and macros, tracks what must be written, and
+// reads and writes the rule directory.
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <list>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "api/KxPfwRule.h"
+#include "common/srclib/KxComn_CriticalSection.h"
+#include "common/srclib/KxComn_IndexMap.h"
+#include "persistence/FileFormat.h"
+#include "persistence/PfwTimer.h"
+#include "repository/MasterLock.h"
+#include "repository/RuleSet.h"
+#include "rules/Macro.h"
+
+struct MasterFields;
+
+/// Locks (docs/threads.md). The exports call every operation but UpdateHashValue with the outer (global) lock held;
+/// the timer's thread comes without it. The master lock guards every change. Operations that only read rely on the
+/// outer lock, never wait for the master lock, and take the record lock for the moment of copying a rule, because the
+/// hash refresh changes hashes without the outer lock.
+/// A changing operation that finds the master lock kept by another thread releases the outer lock while it waits.
+/// Operations that can run out of memory let std::bad_alloc through with the store as it was; ReadAll and the writers
+/// turn it into a code.
+class CRuleMaster
+{
+public:
+    /// Thrown by the master file reader at itself; never leaves it.
+    class RuleMasterException
+    {
+    public:
+        explicit RuleMasterException(const char* text) noexcept : m_Text(text) {}
+        [[nodiscard]] const char* what() const noexcept { return m_Text; }
+
+    private:
+        const char* m_Text;
+    };
+
+    explicit CRuleMaster(CLock& outerLock) : m_OuterLock(outerLock) {}
+    CRuleMaster(const CRuleMaster&) = delete;
+    CRuleMaster& operator=(const CRuleMaster&) = delete;
+
+    // ----- life
+    /// Starts from empty: directory, write interval, timer. Always 0. Not to be called while IsLive.
+    int32_t Init(const std::string& rulePath, const char* masterFileName);
+    /// Writes what is pending, gives kept locks of the calling thread back, stops the timer. Always 0.
+    int32_t Finalize();
+    [[nodiscard]] bool IsLive() const noexcept { return m_IsLive; }
+    [[nodiscard]] bool IsKeptByOther() noexcept { return m_Lock.IsKeptByOther(); }
+    void WaitWhileKeptByOther() noexcept { m_Lock.WaitWhileKeptByOther(); }
+
+    // ----- files (RuleMasterFiles.cpp)
+    /// kept: after a failure the calling thread goes on owning the master lock.
+    [[nodiscard]] int32_t ReadAll();
+    [[nodiscard]] int32_t WriteAll();
+    /// WriteAll when anything is dirty.
+    [[nodiscard]] int32_t FlushRule();
+
+    // ----- rule sets
+    void SetActiveRuleSet(std::vector<uint16_t> indexes);
+    /// Both copy at most maxCount entries (none to null) and return the full number.
+    [[nodiscard]] int32_t GetActiveRuleSet(uint16_t* indexes, int32_t maxCount) const noexcept;
+    [[nodiscard]] int32_t GetRuleSetIndex(uint16_t* indexes, int32_t maxCount) const noexcept;
+    /// On success the set's rules are taken over and its index is the assigned one.
+    /// kept: with an index in use the calling thread goes on owning the master lock.
+    [[nodiscard]] int32_t AddRuleSet(uint16_t index, CRuleSet& ruleSet);
+    [[nodiscard]] int32_t DeleteRuleSet(uint16_t index);
+    /// The number of rules, or KXRULE_E_NO_RULESET. See kxRuleGetRuleSet for what is copied.
+    [[nodiscard]] int32_t GetRuleSet(uint16_t index, PFW_RULESET* ruleSet, int32_t maxRules);
+
+    // ----- rules
+    [[nodiscard]] int32_t GetRuleTopIndex(uint16_t ruleSetIndex) const noexcept;
+    [[nodiscard]] int32_t GetRuleBottomIndex(uint16_t ruleSetIndex) const noexcept;
+    [[nodiscard]] int32_t AddRule(uint16_t ruleSetIndex, uint16_t ruleIndex, const CRule& rule);
+    [[nodiscard]] int32_t DeleteRule(uint16_t ruleSetIndex, uint16_t ruleIndex);
+    [[nodiscard]] int32_t GetRule(uint16_t ruleSetIndex, uint16_t ruleIndex, PFW_RULE* rule);
+    /// dwActive, or a code.
+    [[nodiscard]] int32_t IsRuleActive(uint16_t ruleSetIndex, uint16_t ruleIndex) const noexcept;
+    [[nodiscard]] int32_t GetRuleString(uint16_t ruleSetIndex, uint16_t ruleIndex, std::string& line);
+    [[nodiscard]] int32_t UpdateHashValue(const KXWCHAR* applicationPath, const uint8_t* hash,
+                                          KXRULE_HASH_CALLBACK callback, void* context);
+
+    // ----- macros
+    void AddMacro(CMacro macro);
+    void DeleteMacro();
+    [[nodiscard]] int32_t GetMacroCount() const noexcept;
+    /// The bytes needed, at most 2^31 - 1; filled when they fit.
+    [[nodiscard]] int32_t GetMacro(void* buffer, int32_t bufferSize) const noexcept;
+
+    /// The timer's callback; the context is the master.
+    static void CallbackFuncWriteTimeOut(void* context);
+
+private:
+    /// Asked with the outer lock held, right before a changing operation takes the master lock. False: another thread
+    /// kept it, the outer lock was released while waiting, and whatever was checked before must be checked again.
+    [[nodiscard]] bool MayChange() noexcept;
+    /// Reads that rely on the outer lock alone: every change is made under the outer lock as well, but for the hash
+    /// bytes (record lock), the dirty flag and the modified set (not read by getters).
+    void AssertReadable() const noexcept KX_ASSERT_SHARED_CAPABILITY(m_Lock) {}
+    [[nodiscard]] bool HasRuleSet(uint16_t index) const noexcept;
+    /// The limits: 0, KXRULE_E_TOO_MANY_RULESETS, KXRULE_E_TOO_MANY_RULES.
+    [[nodiscard]] int32_t RefuseRuleSet(const CRuleSet& ruleSet) const noexcept;
+    /// The rule, or null with the code that says what is missing.
+    [[nodiscard]] const CRule* FindRule(uint16_t ruleSetIndex, uint16_t ruleIndex, int32_t& result) const noexcept;
+    [[nodiscard]] uint16_t AllocateIndex() noexcept KX_REQUIRES(m_Lock);
+    void MarkModified(uint16_t ruleSetIndex) KX_REQUIRES(m_Lock);
+    void Empty() noexcept KX_REQUIRES(m_Lock);
+
+    // RuleMasterFiles.cpp
+    struct ReadState // what one ReadAll has seen
+    {
+        bool IsMasterBackedUp = false;
+        bool IsRescueStored = false;
+    };
+    [[nodiscard]] int32_t ReadFiles(ReadState& state) KX_REQUIRES(m_Lock);
+    [[nodiscard]] int32_t ReadMasterFile(ReadState& state) KX_REQUIRES(m_Lock);
+    /// False on a first start: neither a master file nor rule set files.
+    [[nodiscard]] bool ReadMasterFields() KX_REQUIRES(m_Lock);
+    void TakeMasterFields(const MasterFields& fields) KX_REQUIRES(m_Lock);
+    [[nodiscard]] int32_t ReadMacroFile() KX_REQUIRES(m_Lock);
+    [[nodiscard]] int32_t ReadRuleSetFile(ReadState& state) KX_REQUIRES(m_Lock);
+    [[nodiscard]] int32_t RescueRuleSet(CRuleSet&& ruleSet) KX_REQUIRES(m_Lock);
+    void StoreRuleSet(CRuleSet&& ruleSet) KX_REQUIRES(m_Lock);
+    [[nodiscard]] bool IsUsableRuleSetFileName(const std::string& name) const KX_REQUIRES(m_Lock);
+    [[nodiscard]] int32_t WriteMasterFile();
+    [[nodiscard]] int32_t WriteMacroFile();
+    [[nodiscard]] int32_t WriteRuleSetFile();
+    [[nodiscard]] int32_t WriteOneRuleSet(CRuleSet& ruleSet) KX_REQUIRES(m_Lock);
+    void KeepUnreadFiles() KX_REQUIRES(m_Lock);
+
+    CLock& m_OuterLock;
+    MasterLock m_Lock;
+    CCriticalSectionLock m_RecordLock; // taken last, for the copy of a record or the store of a hash
+
+    uint32_t m_WriteInterval = 0; // milliseconds
+    uint16_t m_NextIndex KX_GUARDED_BY(m_Lock) = 1;
+    std::vector<uint16_t> m_ActiveRuleSets KX_GUARDED_BY(m_Lock); // as last given, with duplicates and unknown indexes
+    KxCommon::IndexMap<CRuleSet> m_RuleSets KX_GUARDED_BY(m_Lock);
+    std::list<CMacro> m_Macros KX_GUARDED_BY(m_Lock);
+    std::string m_RulePath = ".\\"; // ends in a backslash; changed by Init alone
+    std::string m_MasterFileName = FileFormat::kMasterFileName;
+    std::string m_MacroFileName KX_GUARDED_BY(m_Lock) = FileFormat::kMacroFileName;
+    std::vector<std::string> m_RuleSetFileNames KX_GUARDED_BY(m_Lock); // as the master file lists them
+    CPfwTimer m_WriteTimer;
+    std::atomic<bool> m_IsDirty = false;                 // something changed since the last successful timed write
+    std::set<uint16_t> m_Modified KX_GUARDED_BY(m_Lock); // rule sets whose files must be written
+
+    std::atomic<bool> m_IsLive = false; // between Init and Finalize
+    // The last ReadAll failed, so files lie in the directory that are not in memory.
+    bool m_IsReadIncomplete KX_GUARDED_BY(m_Lock) = false;
+    // Rule sets read from files of the old version: their rules are not in memory.
+    std::set<uint16_t> m_OldVersionSets KX_GUARDED_BY(m_Lock);
+};

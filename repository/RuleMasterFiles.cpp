@@ -1,0 +1,398 @@
+// The master's file operations: what is read and written in which order, and what becomes of damage. The layouts are
+// in persistence/ and docs/format.md, recovery is explained in docs/recovery.md.
+#include <cstring>
+#include <functional>
+#include <new>
+#include <utility>
+
+#include "common/srclib/KxComn_Names.h"
+#include "common/srclib/KxComn_Trace.h"
+#include "persistence/Backup.h"
+#include "persistence/EncryptFile.h"
+#include "persistence/MacroFormat.h"
+#include "persistence/MasterFormat.h"
+#include "persistence/RuleFiles.h"
+#include "repository/RuleMaster.h"
+#include "repository/RuleSetRescue.h"
+
+using KxCommon::kTraceCall;
+using KxCommon::kTraceError;
+
+namespace
+{
+
+using Encoder = std::function<int32_t(CEncryptStream&)>;
+
+// One step of ReadAll or WriteAll. Lack of memory is a failure of the step, never taken for damage of a file.
+template <class Operation>
+[[nodiscard]] int32_t Step(const char* name, int32_t outOfMemory,
+                           const Operation& operation) KX_NO_THREAD_SAFETY_ANALYSIS // the operations carry their own
+{
+    int32_t result = outOfMemory;
+    try
+    {
+        result = operation();
+    }
+    catch (const std::bad_alloc&)
+    {
+        KX_TRACE(kTraceError, "\tout of memory");
+    }
+    if (result != KXRULE_OK)
+        KX_TRACE(kTraceError, "\t%s error (%d)", name, result);
+    return result;
+}
+
+[[nodiscard]] bool IsSameFile(const std::string& a, const std::string& b)
+{
+    return KxCommon::String::EqualNoCase(KxCommon::String::ToWide(a), KxCommon::String::ToWide(b));
+}
+
+} // namespace
+
+// ------------------------------------------------------------------------------------------------------- reading --
+
+int32_t CRuleMaster::ReadAll()
+{
+    KX_TRACE(kTraceCall, "CMasterFile::ReadAll Enter");
+    while (!MayChange())
+    {
+    }
+    if (!m_IsLive)
+        return KXRULE_E_FILE_OPEN;
+    {
+        MasterGuard guard(m_Lock);
+        Empty();
+        m_OldVersionSets.clear();
+        ReadState state;
+        const int32_t result = ReadFiles(state);
+        // The rescue files of a store without a master file must be listed, or the next start takes them for garbage.
+        if (state.IsMasterBackedUp && state.IsRescueStored)
+            m_IsDirty = true;
+        m_IsReadIncomplete = result != KXRULE_OK;
+        if (result != KXRULE_OK)
+        {
+            guard.KeepLocked(); // kept: docs/threads.md, "Locks that outlive a call"
+            return result;
+        }
+    }
+    KX_TRACE(kTraceCall, "CMasterFile::ReadAll Return");
+    return KXRULE_OK;
+}
+
+int32_t CRuleMaster::ReadFiles(ReadState& state)
+{
+    int32_t result =
+        Step("ReadMasterFile", KXRULE_E_FILE_READ, [&]() KX_REQUIRES(m_Lock) { return ReadMasterFile(state); });
+    if (result == KXRULE_OK)
+        result = Step("ReadMacroFile", KXRULE_E_FILE_READ, [&]() KX_REQUIRES(m_Lock) { return ReadMacroFile(); });
+    if (result == KXRULE_OK)
+        result =
+            Step("ReadRuleSetFile", KXRULE_E_FILE_READ, [&]() KX_REQUIRES(m_Lock) { return ReadRuleSetFile(state); });
+    return result;
+}
+
+int32_t CRuleMaster::ReadMasterFile(ReadState& state)
+{
+    KX_TRACE(kTraceCall, "CRuleMaster::ReadMasterFile Enter");
+    m_RuleSets.Clear();
+    m_NextIndex = 1;
+    try
+    {
+        if (!ReadMasterFields())
+            return KXRULE_OK;
+    }
+    // The file is closed by now: an open one could not be moved away.
+    catch (const RuleMasterException& exception)
+    {
+        KX_TRACE_WIDE(kTraceError, KXW("\tRead master file failed [%S]"), exception.what());
+        state.IsMasterBackedUp = true;
+    }
+    catch (CEncryptFile::Exception)
+    {
+        KX_TRACE(kTraceError, "\tCEncryptFile exception occurs");
+        state.IsMasterBackedUp = true;
+    }
+    if (state.IsMasterBackedUp)
+        Backup::BackupAllRules(m_RulePath, m_MasterFileName);
+    KX_TRACE(kTraceCall, "CRuleMaster::ReadMasterFile Return");
+    return KXRULE_OK;
+}
+
+bool CRuleMaster::ReadMasterFields()
+{
+    CEncryptFile file;
+    if (!file.Open((m_RulePath + m_MasterFileName).c_str(), GENERIC_READ))
+    {
+        KX_TRACE(kTraceCall, "\tRule master file does not exist");
+        if (RuleFiles::FindRuleSetFiles(m_RulePath).empty())
+            return false;
+        KX_TRACE(kTraceError, "Master file open failed. But ruleset file exists.");
+        throw RuleMasterException("Garbage ruleset file exists");
+    }
+    switch (MasterFormat::ReadHead(file))
+    {
+    case MasterFormat::Head::Unreadable:
+        KX_TRACE(kTraceError, "\tMasterFile read error");
+        throw RuleMasterException("Read fail");
+    case MasterFormat::Head::WrongMagic:
+        KX_TRACE(kTraceError, "\tMasterFile does not match magic");
+        throw RuleMasterException("Wrong magic");
+    case MasterFormat::Head::WrongVersion:
+        KX_TRACE(kTraceError, "\tMasterFile does not match file version");
+        throw RuleMasterException("Wrong version");
+    case MasterFormat::Head::Good:
+        break;
+    }
+
+    MasterFields fields;
+    fields.MacroFileName = m_MacroFileName;
+    fields.NextIndex = m_NextIndex;
+    try
+    {
+        MasterFormat::ReadFields(file, fields);
+    }
+    catch (...) // what was read before the failure counts
+    {
+        TakeMasterFields(fields);
+        throw;
+    }
+    TakeMasterFields(fields);
+    return true;
+}
+
+void CRuleMaster::TakeMasterFields(const MasterFields& fields)
+{
+    // The key is no secret: whoever may write the directory can name any file, and this one is written to. An empty
+    // name would make every write fail.
+    if (RuleFiles::IsBareName(fields.MacroFileName) && !RuleFiles::IsRuleSetFileName(fields.MacroFileName) &&
+        !IsSameFile(fields.MacroFileName, m_MasterFileName))
+        m_MacroFileName = fields.MacroFileName;
+    else
+        KX_TRACE(kTraceError, "\tMacro file name ignored (%s)", fields.MacroFileName.c_str());
+    m_NextIndex = fields.NextIndex;
+    m_ActiveRuleSets.insert(m_ActiveRuleSets.end(), fields.ActiveRuleSets.begin(), fields.ActiveRuleSets.end());
+    m_RuleSetFileNames.insert(m_RuleSetFileNames.end(), fields.RuleSetFileNames.begin(), fields.RuleSetFileNames.end());
+}
+
+int32_t CRuleMaster::ReadMacroFile()
+{
+    KX_TRACE(kTraceCall, "CRuleMaster::ReadMacroFile Enter");
+    CEncryptFile file;
+    if (!file.Open((m_RulePath + m_MacroFileName).c_str(), GENERIC_READ))
+    {
+        KX_TRACE(kTraceCall, "\tMacro file does not exist");
+        return KXRULE_OK;
+    }
+    char magic[FileFormat::kMagicBytes] = {}; // a shorter file is a file with another magic
+    if (!file.Read(magic, sizeof magic, false))
+    {
+        KX_TRACE(kTraceError, "\tMacroFile read error");
+        return KXRULE_E_FILE_READ;
+    }
+    if (std::memcmp(magic, FileFormat::kMacroMagic, sizeof magic) != 0)
+    {
+        KX_TRACE(kTraceError, "\tMacroFile does not match magic");
+        return KXRULE_E_MACRO_FORMAT;
+    }
+    try
+    {
+        uint32_t version = 0;
+        file.ReadU32(version);
+        if (version != FileFormat::kVersion)
+        {
+            KX_TRACE(kTraceError, "\tMasterFile does not match version"); // kept: the line speaks of the master file
+            return KXRULE_E_MACRO_FORMAT;
+        }
+        if (!MacroFormat::ReadMacros(file, m_Macros))
+        {
+            KX_TRACE(kTraceError, "\tMasterFile read value error"); // kept: the line speaks of the master file
+            return KXRULE_E_FILE_READ;
+        }
+    }
+    catch (CEncryptFile::Exception)
+    {
+        KX_TRACE(kTraceError, "\tCEncryptFile exception occurs");
+        return KXRULE_E_FILE_READ;
+    }
+    KX_TRACE(kTraceCall, "CRuleMaster::ReadMacroFile Return");
+    return KXRULE_OK;
+}
+
+bool CRuleMaster::IsUsableRuleSetFileName(const std::string& name) const
+{
+    return RuleFiles::IsBareName(name) && !IsSameFile(name, m_MasterFileName) && !IsSameFile(name, m_MacroFileName);
+}
+
+int32_t CRuleMaster::ReadRuleSetFile(ReadState& state)
+{
+    KX_TRACE(kTraceCall, "CRuleMaster::ReadRuleSetFile Enter (index %d)", 0);
+    KX_TRACE(kTraceCall, "\tThe number of RuleSet=%d", static_cast<int>(m_RuleSetFileNames.size()));
+    int32_t result = KXRULE_OK;
+    for (const std::string& fileName : m_RuleSetFileNames)
+    {
+        if (!IsUsableRuleSetFileName(fileName)) // hostile, or a set that was listed before it was ever written
+        {
+            KX_TRACE(kTraceError, "\tCRuleSet::Read() error %d (file=\"%s\")", KXRULE_E_FILE_OPEN, fileName.c_str());
+            continue;
+        }
+        CRuleSet ruleSet;
+        ruleSet.SetFileName(fileName);
+        KX_TRACE(kTraceCall, "\tCall CRuleSet::Read(%s)", fileName.c_str());
+        uint32_t version = 0;
+        result = ruleSet.Read(m_RulePath, &version);
+        if (result == KXRULE_OK)
+        {
+            if (version == FileFormat::kOldVersion)
+                m_OldVersionSets.insert(ruleSet.Index());
+            StoreRuleSet(std::move(ruleSet));
+            continue;
+        }
+        KX_TRACE(kTraceError, "\tCRuleSet::Read() error %d (file=\"%s\")", result, fileName.c_str());
+        result = RescueRuleSet(std::move(ruleSet));
+        state.IsRescueStored = true;
+    }
+    KX_TRACE(kTraceCall, "CRuleMaster::ReadRuleSetFile Return (%d)", result);
+    return result;
+}
+
+void CRuleMaster::StoreRuleSet(CRuleSet&& ruleSet)
+{
+    const uint16_t index = ruleSet.Index();
+    if (m_RuleSets.Contains(index))
+        KX_TRACE(kTraceError, "\tRuleSet index %u is listed twice, the later file counts (file=\"%s\")",
+                 static_cast<unsigned>(index), ruleSet.FileName().c_str());
+    m_RuleSets.Replace(index, std::move(ruleSet));
+}
+
+int32_t CRuleMaster::RescueRuleSet(CRuleSet&& ruleSet)
+{
+    ruleSet.SetIndex(RuleSetRescue::IndexFromFileName(ruleSet.FileName()));
+    KX_TRACE(kTraceError, "\tCreating a rescue RuleSet instead of a broken/deleted RuleSet %s",
+             ruleSet.FileName().c_str());
+    // Whatever the failure was: a file that is there is kept, also one that somebody else holds open.
+    Backup::KeepBroken(m_RulePath, ruleSet.FileName());
+    RuleSetRescue::MakeRescueSet(ruleSet);
+    const int32_t result = ruleSet.Write(m_RulePath);
+    if (result != KXRULE_OK)
+        KX_TRACE(kTraceError, "\tFail to create RuleSet file (%d)", result);
+    StoreRuleSet(std::move(ruleSet));
+    return result;
+}
+
+// ------------------------------------------------------------------------------------------------------- writing --
+
+int32_t CRuleMaster::FlushRule()
+{
+    if (!m_IsDirty)
+    {
+        KX_TRACE(kTraceCall, "CRuleMaster::FlushRule not necessary");
+        return KXRULE_OK;
+    }
+    return WriteAll();
+}
+
+int32_t CRuleMaster::WriteAll()
+{
+    KX_TRACE(kTraceCall, "CMasterFile::WriteAll Enter");
+    while (!MayChange()) // the timer's thread owns the master lock here, so for it nobody else can
+    {
+    }
+    if (!m_IsLive)
+        return KXRULE_E_FILE_OPEN;
+    int32_t result = Step("WriteMacroFile", KXRULE_E_FILE_WRITE, [&] { return WriteMacroFile(); });
+    if (result == KXRULE_OK)
+        result = Step("WriteRuleSetFile", KXRULE_E_FILE_WRITE, [&] { return WriteRuleSetFile(); });
+    if (result == KXRULE_OK)
+        result = Step("WriteMasterFile", KXRULE_E_FILE_WRITE, [&] { return WriteMasterFile(); });
+    if (result == KXRULE_OK)
+        KX_TRACE(kTraceCall, "CMasterFile::WriteAll Return");
+    return result;
+}
+
+// A store that could not be read whole is not written over: files lie in the directory whose rules are not in memory,
+// and the list that is written next does not name them.
+void CRuleMaster::KeepUnreadFiles()
+{
+    if (!m_IsReadIncomplete)
+        return;
+    Backup::CopyAllRules(m_RulePath, m_MasterFileName, m_MacroFileName);
+    m_IsReadIncomplete = false;
+}
+
+int32_t CRuleMaster::WriteMasterFile()
+{
+    KX_TRACE(kTraceCall, "CRuleMaster::WriteMasterFile Enter");
+    const MasterGuard guard(m_Lock);
+    KeepUnreadFiles();
+    const Encoder encode = [this](CEncryptStream& stream) KX_REQUIRES(m_Lock) -> int32_t
+    {
+        MasterFields fields;
+        fields.MacroFileName = m_MacroFileName;
+        fields.NextIndex = m_NextIndex;
+        fields.ActiveRuleSets = m_ActiveRuleSets;
+        for (size_t i = 0; i < m_RuleSets.Size(); ++i)
+            fields.RuleSetFileNames.push_back(m_RuleSets.ValueAt(i).FileName());
+        MasterFormat::WriteFields(stream, fields);
+        return KXRULE_OK;
+    };
+    const int32_t result = RuleFiles::Write(
+        {m_RulePath, FileFormat::kMasterTemporary, m_MasterFileName, FileFormat::kMasterMagic, true, encode});
+    if (result == KXRULE_OK)
+        KX_TRACE(kTraceCall, "CRuleMaster::WriteMasterFile Return");
+    return result;
+}
+
+int32_t CRuleMaster::WriteMacroFile()
+{
+    KX_TRACE(kTraceCall, "CRuleMaster::WriteMacroFile Enter");
+    const MasterGuard guard(m_Lock);
+    KeepUnreadFiles();
+    const Encoder encode = [this](CEncryptStream& stream) KX_REQUIRES(m_Lock) -> int32_t
+    {
+        if (MacroFormat::WriteMacros(stream, m_Macros))
+            return KXRULE_OK;
+        KX_TRACE(kTraceError, "\tFile write error");
+        return KXRULE_E_FILE_WRITE;
+    };
+    const int32_t result = RuleFiles::Write(
+        {m_RulePath, FileFormat::kMacroTemporary, m_MacroFileName, FileFormat::kMacroMagic, true, encode});
+    if (result == KXRULE_OK)
+        KX_TRACE(kTraceCall, "CRuleMaster::WriteMacroFile Return");
+    return result;
+}
+
+int32_t CRuleMaster::WriteRuleSetFile()
+{
+    KX_TRACE(kTraceCall, "CRuleMaster::WriteRuleSetFile Enter (index %d)", 0);
+    int32_t result = KXRULE_OK;
+    {
+        const MasterGuard guard(m_Lock);
+        for (size_t i = 0; i < m_RuleSets.Size() && result == KXRULE_OK; ++i)
+        {
+            const uint16_t index = m_RuleSets.KeyAt(i);
+            if (m_Modified.count(index) == 0)
+                continue;
+            result = WriteOneRuleSet(m_RuleSets.ValueAt(i));
+            if (result == KXRULE_OK)
+                m_Modified.erase(index);
+        }
+    }
+    KX_TRACE(kTraceCall, "CRuleMaster::WriteRuleSetFile Return (%d)", result);
+    return result;
+}
+
+int32_t CRuleMaster::WriteOneRuleSet(CRuleSet& ruleSet)
+{
+    std::string former = ruleSet.FileName();
+    if (!former.empty() && m_OldVersionSets.count(ruleSet.Index()) != 0)
+        Backup::KeepBroken(m_RulePath, former); // the file holds rules that were not read
+    ruleSet.SetFileName(RuleFiles::RuleSetFileName(ruleSet.Index()));
+    KX_TRACE(kTraceCall, "\tCall CRuleSet::Write");
+    const int32_t result = ruleSet.Write(m_RulePath);
+    KX_TRACE(kTraceCall, "\tReturn CRuleSet::Write (%d)", result);
+    if (result == KXRULE_OK)
+        m_OldVersionSets.erase(ruleSet.Index());
+    else
+        ruleSet.SetFileName(std::move(former)); // a master file must not list a file that never came to be
+    return result;
+}
