@@ -1,0 +1,414 @@
+// The 25 exports: check the arguments, take the global lock, call the master once, trace. KxPfwRule.h is their
+// documentation, docs/threads.md that of the locks.
+#include "api/KxPfwRule.h"
+
+#include <memory>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "api/Library.h"
+#include "common/srclib/KxComn_CriticalSection.h"
+#include "common/srclib/KxComn_DebugLog.h"
+#include "common/srclib/KxComn_Exception.h"
+#include "common/srclib/KxComn_Handle.h"
+#include "common/srclib/KxComn_Names.h"
+#include "common/srclib/KxComn_SecurityAttributes.h"
+#include "common/srclib/KxComn_String.h"
+#include "common/srclib/KxComn_Trace.h"
+#include "common/srclib/Utility.h"
+#include "repository/RuleMaster.h"
+
+using KxCommon::kTraceCall;
+using KxCommon::kTraceError;
+using GlobalGuard = KxCommon::Synchronize::ScopedLock<CCriticalSectionLock>;
+
+HMODULE g_ModuleHandle = nullptr;
+
+namespace
+{
+
+constexpr uint32_t kTraceUnit = 1; // this library, among the product's modules that trace
+
+CCriticalSectionLock g_LifecycleLock; // one start or stop at a time; taken before the global lock
+CCriticalSectionLock g_GlobalLock;    // one export at a time
+CRuleMaster g_RuleMaster(g_GlobalLock);
+KxCommon::UniqueKernelObject g_Mutex; // held while the library is initialised
+
+// The frame of every export: lets no exception out.
+template <class Body>
+int32_t Contain(int32_t resultOfFailure, const Body& body) noexcept
+{
+    try
+    {
+        return body();
+    }
+    catch (KxCommon::Exception::Base* exception)
+    {
+        const std::unique_ptr<KxCommon::Exception::Base> owner(exception);
+    }
+    catch (...) // std::bad_alloc, or what a caller's callback threw
+    {
+    }
+    return resultOfFailure;
+}
+
+// An export that traces: its Enter line when made, its Return line after its operation, still under the global lock.
+class TracedExport
+{
+public:
+    explicit TracedExport(const char* name) noexcept : m_Name(name) { KX_TRACE(kTraceCall, "%s Enter", m_Name); }
+
+    template <class Operation>
+    int32_t UnderGlobalLock(int32_t resultOfFailure, const Operation& operation) const noexcept
+    {
+        const GlobalGuard guard(g_GlobalLock);
+        return WithoutLock(resultOfFailure, operation);
+    }
+
+    template <class Operation>
+    int32_t WithoutLock(int32_t resultOfFailure, const Operation& operation) const noexcept
+    {
+        const int32_t result = Contain(resultOfFailure, operation);
+        KX_TRACE(kTraceCall, "%s Return (%d)", m_Name, result);
+        return result;
+    }
+
+private:
+    const char* m_Name;
+};
+
+int32_t CopyText(const std::string& line, char* text, int32_t textSize) noexcept
+{
+    KxCommon::String::CopyBounded(text, textSize, line);
+    return static_cast<int32_t>(line.size());
+}
+
+// Creates the mutex that marks an initialised library, open to everybody; the system's defaults where the attributes
+// cannot be built. It is never waited for, so another process that holds one of the same name stops nothing.
+KxCommon::UniqueKernelObject CreateLibraryMutex()
+{
+    KxCommon::AccessControl::SecurityAttributes attributes;
+    attributes.AllowEveryone();
+    return KxCommon::UniqueKernelObject(
+        ::CreateMutexW(attributes.Record(), TRUE, KxCommon::GlobalName(KxCommon::Names::kMutexName).c_str()));
+}
+
+int32_t Initialize(const char* rulePath, const char* masterFileName)
+{
+    const GlobalGuard lifecycle(g_LifecycleLock);
+    const std::string ownDirectory = KxCommon::GetApplicationPath(g_ModuleHandle);
+    const KxCommon::Storage::Key settings{KxCommon::Storage::kIniFile, ownDirectory.c_str(),
+                                          KxCommon::Names::kSettingsFile};
+    KxCommon::g_DebugLog.Initialize(KxCommon::Names::kTraceName, settings, kTraceUnit);
+    KX_TRACE(kTraceCall, "kxRuleInitialize Enter");
+    std::string directory;
+    if (rulePath == nullptr || *rulePath == 0)
+    {
+        KX_TRACE(kTraceCall, "rule path not specified. will use dll's location as rule path");
+        directory = ownDirectory;
+    }
+    else
+    {
+        directory = rulePath;
+    }
+    // A master that is still live without the mutex is being finalised by a thread that waits for a kept lock.
+    if (g_Mutex || g_RuleMaster.IsLive())
+    {
+        KX_TRACE(kTraceError, "Already Initialized");
+        return KXRULE_E_ALREADY_INITIALIZED;
+    }
+    KxCommon::UniqueKernelObject mutex = CreateLibraryMutex();
+    if (!mutex)
+    {
+        const DWORD error = ::GetLastError();
+        KX_TRACE(kTraceError, "Failed to Get Mutex (%u)", static_cast<unsigned>(error));
+        return KXRULE_E_MUTEX;
+    }
+    const GlobalGuard guard(g_GlobalLock);
+    const int32_t result = g_RuleMaster.Init(directory, masterFileName);
+    g_Mutex = std::move(mutex);
+    KX_TRACE(kTraceCall, "kxRuleInitialize Return (%d)", result);
+    return result;
+}
+
+int32_t Finalize()
+{
+    KX_TRACE(kTraceCall, "kxRuleFinalize Enter");
+    for (;;)
+    {
+        g_RuleMaster.WaitWhileKeptByOther(); // without a lock: the keeper needs both to finalise
+        const GlobalGuard lifecycle(g_LifecycleLock);
+        if (g_Mutex)
+        {
+            ::ReleaseMutex(g_Mutex.get()); // fails on a thread other than the initialising one, which harms nothing
+            g_Mutex.reset();
+        }
+        const GlobalGuard guard(g_GlobalLock);
+        if (g_RuleMaster.IsKeptByOther())
+            continue; // since the wait ended
+        const int32_t result = Contain(KXRULE_OK, [] { return g_RuleMaster.Finalize(); });
+        KX_TRACE(kTraceCall, "g_RuleMaster.Finalize() Return (%d)", result);
+        KxCommon::g_DebugLog.Uninitialize();
+        return result;
+    }
+}
+
+} // namespace
+
+// ------------------------------------------------------------------------------------------------------ lifecycle --
+
+int32_t kxRuleInitialize(const char* rulePath, const char* masterFileName)
+{
+    return Contain(KXRULE_E_MUTEX, [&] { return Initialize(rulePath, masterFileName); });
+}
+
+int32_t kxRuleFinalize(void)
+{
+    return Contain(KXRULE_OK, [] { return Finalize(); });
+}
+
+int32_t kxRuleRead(void)
+{
+    const TracedExport call("kxRuleRead");
+    return call.UnderGlobalLock(KXRULE_E_FILE_READ, [] { return g_RuleMaster.ReadAll(); });
+}
+
+int32_t kxRuleWrite(void)
+{
+    const TracedExport call("kxRuleWrite");
+    return call.UnderGlobalLock(KXRULE_E_FILE_WRITE, [] { return g_RuleMaster.WriteAll(); });
+}
+
+int32_t kxRuleFlush(void)
+{
+    const GlobalGuard guard(g_GlobalLock);
+    return Contain(KXRULE_E_FILE_WRITE, [] { return g_RuleMaster.FlushRule(); });
+}
+
+// ------------------------------------------------------------------------------------------------------ rule sets --
+
+int32_t kxRuleSetActiveRuleSet(const uint16_t* indexes, int32_t count)
+{
+    const TracedExport call("kxRuleSetActiveRuleSet");
+    if (indexes == nullptr && count != 0)
+    {
+        KX_TRACE(kTraceCall, "Pointer to array of rule set is NULL but nCount is not ZERO.");
+        return KXRULE_E_NULL_POINTER;
+    }
+    return Contain(KXRULE_E_NULL_POINTER,
+                   [&]() -> int32_t
+                   {
+                       std::vector<uint16_t> list;
+                       if (count > 0)
+                           list.assign(indexes, indexes + count);
+                       for (const uint16_t index : list)
+                       {
+                           if (index == 0 || index > KXRULE_MAX_RULESET_INDEX)
+                           {
+                               KX_TRACE(kTraceError, "Invalid RuleSet index (%d)", static_cast<int>(index));
+                               return KXRULE_E_NO_RULESET;
+                           }
+                       }
+                       return call.UnderGlobalLock(KXRULE_E_NULL_POINTER,
+                                                   [&]
+                                                   {
+                                                       g_RuleMaster.SetActiveRuleSet(std::move(list));
+                                                       return KXRULE_OK;
+                                                   });
+                   });
+}
+
+int32_t kxRuleGetActiveRuleSet(uint16_t* indexes, int32_t maxCount)
+{
+    const TracedExport call("kxRuleGetActiveRuleSet");
+    return call.UnderGlobalLock(0, [&] { return g_RuleMaster.GetActiveRuleSet(indexes, maxCount); });
+}
+
+int32_t kxRuleAddRuleSet(uint16_t index, PFW_RULESET* ruleSet)
+{
+    const TracedExport call("kxRuleAddRuleSet");
+    if (ruleSet == nullptr)
+    {
+        KX_TRACE(kTraceCall, "Pointer to structure of rule set is NULL.");
+        return KXRULE_E_NULL_POINTER;
+    }
+    const int32_t ruleCount = ruleSet->nRuleCount;
+    for (int32_t i = 0; i < ruleCount; ++i)
+    {
+        // kept: only kind 1 is checked here, where kxRuleAddRule checks kind 6 as well.
+        const PFW_RULE& rule = KXRULE_RULES(ruleSet)[i];
+        if (rule.dwKind == KXRULE_KIND_ACCESS && CRule::HasBlankPortList(rule))
+            return KXRULE_E_PORT_LIST;
+    }
+    return call.UnderGlobalLock(KXRULE_E_NULL_POINTER,
+                                [&]
+                                {
+                                    CRuleSet copy(*ruleSet);
+                                    const int32_t result = g_RuleMaster.AddRuleSet(index, copy);
+                                    ruleSet->wRuleSetIndex = copy.Index(); // after a failure: the record's own
+                                    KX_TRACE(kTraceCall, "\tIndex:%d", static_cast<int>(copy.Index()));
+                                    return result;
+                                });
+}
+
+int32_t kxRuleDeleteRuleSet(uint16_t index)
+{
+    const TracedExport call("kxRuleDeleteRuleSet");
+    return call.UnderGlobalLock(KXRULE_E_FILE_WRITE, [&] { return g_RuleMaster.DeleteRuleSet(index); });
+}
+
+int32_t kxRuleGetRuleSetIndex(uint16_t* indexes, int32_t maxCount)
+{
+    const TracedExport call("kxRuleGetRuleSetIndex");
+    return call.UnderGlobalLock(0, [&] { return g_RuleMaster.GetRuleSetIndex(indexes, maxCount); });
+}
+
+int32_t kxRuleGetRuleSet(uint16_t index, PFW_RULESET* ruleSet, int32_t maxRules)
+{
+    const TracedExport call("kxRuleGetRuleSet");
+    return call.UnderGlobalLock(KXRULE_E_NO_RULESET, [&] { return g_RuleMaster.GetRuleSet(index, ruleSet, maxRules); });
+}
+
+// ---------------------------------------------------------------------------------------------------------- rules --
+
+int32_t kxRuleGetRuleTopIndex(uint16_t ruleSetIndex)
+{
+    const TracedExport call("kxRuleGetRuleTopIndex");
+    return call.UnderGlobalLock(KXRULE_E_NO_RULESET, [&] { return g_RuleMaster.GetRuleTopIndex(ruleSetIndex); });
+}
+
+int32_t kxRuleGetRuleBottomIndex(uint16_t ruleSetIndex)
+{
+    const TracedExport call("kxRuleGetRuleBottomIndex");
+    return call.UnderGlobalLock(KXRULE_E_NO_RULESET, [&] { return g_RuleMaster.GetRuleBottomIndex(ruleSetIndex); });
+}
+
+int32_t kxRuleAddRule(uint16_t ruleSetIndex, uint16_t ruleIndex, const PFW_RULE* rule)
+{
+    const TracedExport call("kxRuleAddRule");
+    if (rule == nullptr)
+    {
+        KX_TRACE(kTraceCall, "Pointer of Rule structure is NULL.");
+        return KXRULE_E_NULL_POINTER;
+    }
+    const uint32_t kind = rule->dwKind;
+    if ((kind == KXRULE_KIND_ACCESS || kind == KXRULE_KIND_ACCESS2) && CRule::HasBlankPortList(*rule))
+        return KXRULE_E_PORT_LIST;
+    return call.UnderGlobalLock(KXRULE_E_NULL_POINTER,
+                                [&]
+                                {
+                                    const CRule copy(*rule);
+                                    return g_RuleMaster.AddRule(ruleSetIndex, ruleIndex, copy);
+                                });
+}
+
+int32_t kxRuleDeleteRule(uint16_t ruleSetIndex, uint16_t ruleIndex)
+{
+    const TracedExport call("kxRuleDeleteRule");
+    return call.UnderGlobalLock(KXRULE_E_NULL_POINTER,
+                                [&] { return g_RuleMaster.DeleteRule(ruleSetIndex, ruleIndex); });
+}
+
+int32_t kxRuleGetRule(uint16_t ruleSetIndex, uint16_t ruleIndex, PFW_RULE* rule)
+{
+    const GlobalGuard guard(g_GlobalLock);
+    return Contain(KXRULE_E_NO_RULE, [&] { return g_RuleMaster.GetRule(ruleSetIndex, ruleIndex, rule); });
+}
+
+int32_t kxRuleIsRuleActive(uint16_t ruleSetIndex, uint16_t ruleIndex)
+{
+    const TracedExport call("kxRuleIsRuleActive");
+    return call.UnderGlobalLock(KXRULE_E_NO_RULE, [&] { return g_RuleMaster.IsRuleActive(ruleSetIndex, ruleIndex); });
+}
+
+// --------------------------------------------------------------------------------------------------------- macros --
+
+int32_t kxRuleAddMacro(const PFW_MACRO* macro)
+{
+    const TracedExport call("kxRuleAddMacro");
+    if (macro == nullptr)
+    {
+        KX_TRACE(kTraceCall, "Pointer of Macro structure is NULL.");
+        return KXRULE_E_NULL_POINTER;
+    }
+    return call.UnderGlobalLock(KXRULE_E_NULL_POINTER,
+                                [&]
+                                {
+                                    g_RuleMaster.AddMacro(CMacro(*macro));
+                                    return KXRULE_OK;
+                                });
+}
+
+int32_t kxRuleDeleteMacro(void)
+{
+    const TracedExport call("kxRuleDeleteMacro");
+    return call.UnderGlobalLock(KXRULE_OK,
+                                []
+                                {
+                                    g_RuleMaster.DeleteMacro();
+                                    return KXRULE_OK;
+                                });
+}
+
+int32_t kxRuleGetMacroCount(void)
+{
+    const TracedExport call("kxRuleGetMacroCount");
+    return call.UnderGlobalLock(0, [] { return g_RuleMaster.GetMacroCount(); });
+}
+
+int32_t kxRuleGetMacro(void* buffer, int32_t bufferSize)
+{
+    const TracedExport call("kxRuleGetMacro");
+    return call.UnderGlobalLock(0, [&] { return g_RuleMaster.GetMacro(buffer, bufferSize); });
+}
+
+// ---------------------------------------------------------------------------------------------------------- texts --
+
+int32_t kxRuleGetRuleString(uint16_t ruleSetIndex, uint16_t ruleIndex, char* text, int32_t textSize)
+{
+    const TracedExport call("kxRuleGetRuleString");
+    return call.UnderGlobalLock(KXRULE_E_RULE_TEXT,
+                                [&]
+                                {
+                                    std::string line;
+                                    const int32_t result = g_RuleMaster.GetRuleString(ruleSetIndex, ruleIndex, line);
+                                    return result == KXRULE_OK ? CopyText(line, text, textSize) : result;
+                                });
+}
+
+int32_t kxRuleGetRuleString2(const PFW_RULE* rule, char* text, int32_t textSize)
+{
+    const TracedExport call("kxRuleGetRuleString2");
+    return call.WithoutLock(KXRULE_E_RULE_TEXT,
+                            [&]
+                            {
+                                if (rule == nullptr)
+                                    return KXRULE_E_NULL_POINTER;
+                                std::string line;
+                                const int32_t result = CRule(*rule).GetRuleString(line);
+                                return result == KXRULE_OK ? CopyText(line, text, textSize) : result;
+                            });
+}
+
+int32_t kxRuleGetMacroString(const PFW_MACRO* macro, char* text, int32_t textSize)
+{
+    return Contain(KXRULE_E_MACRO_TEXT,
+                   [&]
+                   {
+                       if (macro == nullptr)
+                           return KXRULE_E_NULL_POINTER;
+                       std::string line;
+                       const int32_t result = CMacro(*macro).GetMacroString(line);
+                       return result == KXRULE_OK ? CopyText(line, text, textSize) : result;
+                   });
+}
+
+// ---------------------------------------------------------------------------------------------- application hashes --
+
+int32_t kxRuleUpdateHashValue(const KXWCHAR* applicationPath, const uint8_t* hash, KXRULE_HASH_CALLBACK callback,
+                              void* context)
+{
+    return Contain(KXRULE_E_HASH_LIBRARY,
+                   [&] { return g_RuleMaster.UpdateHashValue(applicationPath, hash, callback, context); });
+}

@@ -1,0 +1,7 @@
+// What the load entry and the exports share.
+#pragma once
+
+#include "common/srclib/KxComn_Windows.h"
+
+/// The library's own module, stored when it is loaded; null in a program that links the library statically.
+extern HMODULE g_ModuleHandle;
