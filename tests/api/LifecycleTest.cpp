@@ -1,0 +1,102 @@
+// Start, stop, and the locks that outlive a call. docs/threads.md.
+#include "tests/api/StoreFixture.h"
+
+#include <atomic>
+#include <filesystem>
+#include <future>
+#include <thread>
+
+using Indexes = std::vector<uint16_t>;
+
+TEST_F(StoreTest, ASecondStartIsRefusedAndChangesNothing)
+{
+    ASSERT_EQ(AddSet(1), 0);
+    EXPECT_EQ(kxRuleInitialize(nullptr, nullptr), KXRULE_E_ALREADY_INITIALIZED);
+    EXPECT_EQ(SetIndexes(), Indexes{1});
+    EXPECT_EQ(kxRuleFinalize(), 0);
+    EXPECT_EQ(kxRuleFinalize(), 0) << "nothing to stop";
+    ASSERT_EQ(kxRuleInitialize(Directory().c_str(), ""), 0);
+    EXPECT_EQ(SetIndexes(), Indexes{}) << "starts from empty";
+}
+
+TEST_F(StoreTest, WithoutStartNothingTouchesTheDisk)
+{
+    ASSERT_EQ(kxRuleFinalize(), 0);
+    EXPECT_EQ(kxRuleRead(), KXRULE_E_FILE_OPEN);
+    EXPECT_EQ(kxRuleWrite(), KXRULE_E_FILE_OPEN);
+    EXPECT_EQ(kxRuleDeleteRuleSet(0), KXRULE_E_FILE_OPEN);
+    EXPECT_EQ(kxRuleUpdateHashValue(nullptr, nullptr, nullptr, nullptr), 0);
+    EXPECT_EQ(AddSet(0), 0) << "the memory is there";
+    EXPECT_EQ(kxRuleFlush(), KXRULE_E_FILE_OPEN);
+    EXPECT_EQ(kxRuleFinalize(), 0);
+    EXPECT_TRUE(std::filesystem::is_empty(Directory()));
+}
+
+TEST_F(StoreTest, StartAndStopOverAndOver)
+{
+    for (int i = 0; i < 200; ++i)
+    {
+        ASSERT_EQ(kxRuleFinalize(), 0);
+        ASSERT_EQ(kxRuleInitialize(Directory().c_str(), nullptr), 0);
+        ASSERT_EQ(kxRuleRead(), 0);
+    }
+}
+
+// The keeper goes on, readers go on, whoever changes waits, and all ends when the keeper finalises.
+TEST_F(StoreTest, AKeptLockStopsNeitherItsKeeperNorReaders)
+{
+    ASSERT_EQ(AddSet(1, {Build::Access(1)}), 0);
+    ASSERT_EQ(AddSet(1), KXRULE_E_NO_RULESET); // this thread keeps the lock from here on
+    ASSERT_EQ(AddSet(1), KXRULE_E_NO_RULESET); // twice
+
+    std::atomic<bool> isChanged = false;
+    std::promise<void> isAboutToChange;
+    std::thread changer(
+        [&]
+        {
+            const PFW_RULE rule = Build::Access();
+            EXPECT_EQ(kxRuleAddRule(1, 1, nullptr), KXRULE_E_NULL_POINTER) << "refused at once";
+            EXPECT_EQ(kxRuleAddRule(9, 1, &rule), KXRULE_E_NO_RULESET) << "refused at once";
+            isAboutToChange.set_value();
+            EXPECT_EQ(kxRuleAddRule(1, 2, &rule), 0);
+            isChanged = true;
+        });
+    std::thread finaliser(
+        [&]
+        {
+            isAboutToChange.get_future().wait();
+            EXPECT_EQ(kxRuleFinalize(), 0);
+        });
+    std::thread(
+        [&]
+        {
+            PFW_RULE got{};
+            for (int i = 0; i < 1000; ++i)
+                ASSERT_EQ(kxRuleGetRule(1, 1, &got), 0); // a reader on another thread
+        })
+        .join();
+    const PFW_RULE rule = Build::Access();
+    for (uint16_t i = 100; i < 600; ++i)
+        ASSERT_EQ(kxRuleAddRule(1, i, &rule), 0) << "the keeper's own change";
+    EXPECT_EQ(kxRuleWrite(), 0);
+    EXPECT_FALSE(isChanged);
+    EXPECT_EQ(kxRuleFinalize(), 0);
+    changer.join();
+    finaliser.join();
+    EXPECT_TRUE(isChanged);
+    ASSERT_EQ(kxRuleInitialize(Directory().c_str(), nullptr), 0);
+    ASSERT_EQ(kxRuleRead(), 0);
+    EXPECT_EQ(Rules(1).size(), 501u);
+}
+
+TEST_F(StoreTest, AFailedReadKeepsTheLockToo)
+{
+    WriteFile("KxRulMac.dat", "damaged");
+    EXPECT_EQ(kxRuleRead(), KXRULE_E_MACRO_FORMAT);
+    std::promise<int32_t> added;
+    std::thread other([&] { added.set_value(AddSet(5)); });
+    EXPECT_EQ(AddSet(1), 0) << "the keeper goes on";
+    EXPECT_EQ(kxRuleFinalize(), 0);
+    EXPECT_EQ(added.get_future().get(), 0);
+    other.join();
+}

@@ -1,0 +1,187 @@
+// Rules, macros and their texts through the exports.
+#include "tests/api/StoreFixture.h"
+
+#include <functional>
+
+using Indexes = std::vector<uint16_t>;
+
+TEST_F(StoreTest, RulesAreStoredUnderTheArgumentIndexInAscendingOrder)
+{
+    EXPECT_EQ(kxRuleGetRuleTopIndex(1), KXRULE_E_NO_RULESET);
+    EXPECT_EQ(kxRuleGetRuleBottomIndex(1), KXRULE_E_NO_RULESET);
+    ASSERT_EQ(AddSet(1), 0);
+    EXPECT_EQ(kxRuleGetRuleTopIndex(1), 0);
+
+    PFW_RULE rule = Build::Access(7);
+    for (const uint16_t index : {20, 30, 10})
+        ASSERT_EQ(kxRuleAddRule(1, index, &rule), 0);
+    EXPECT_EQ(rule.wRuleIndex, 7) << "the caller's record is not touched";
+    EXPECT_EQ(RuleIndexes(1), (Indexes{10, 20, 30}));
+    EXPECT_EQ(kxRuleGetRuleTopIndex(1), 10);
+    EXPECT_EQ(kxRuleGetRuleBottomIndex(1), 30);
+
+    EXPECT_EQ(kxRuleAddRule(1, 0, &rule), 0);
+    EXPECT_EQ(kxRuleGetRuleTopIndex(1), 0);
+    EXPECT_EQ(kxRuleDeleteRule(1, 20), 0);
+    EXPECT_EQ(kxRuleDeleteRule(1, 20), KXRULE_E_NO_RULE);
+    EXPECT_EQ(RuleIndexes(1), (Indexes{0, 10, 30}));
+    EXPECT_EQ(kxRuleDeleteRule(1, 0), 0) << "0 deletes all";
+    EXPECT_EQ(RuleIndexes(1), Indexes{});
+    EXPECT_EQ(kxRuleDeleteRule(1, 0), 0);
+    EXPECT_EQ(kxRuleDeleteRule(2, 0), KXRULE_E_NO_RULESET);
+}
+
+TEST_F(StoreTest, AddRuleRefusalsInTheirOrder)
+{
+    PFW_RULE rule = Build::Access();
+    ASSERT_EQ(AddSet(1), 0);
+    EXPECT_EQ(kxRuleAddRule(9, 1, nullptr), KXRULE_E_NULL_POINTER);
+
+    for (const uint32_t kind : {KXRULE_KIND_ACCESS, KXRULE_KIND_ACCESS2})
+    {
+        PFW_RULE blank = Build::Access();
+        blank.dwKind = kind;
+        blank.Access.Port[1] = Build::PortList("   ");
+        EXPECT_EQ(kxRuleAddRule(9, 1, &blank), KXRULE_E_PORT_LIST) << kind << ", before the missing set";
+        blank.Access.Port[1] = Build::PortList(" 80");
+        EXPECT_EQ(kxRuleAddRule(9, 1, &blank), KXRULE_E_NO_RULESET) << kind;
+    }
+    PFW_RULE nat = Build::Rule(KXRULE_KIND_NAT);
+    nat.Nat.Port[0] = Build::PortList("");
+    EXPECT_EQ(kxRuleAddRule(1, 1, &nat), 0) << "other kinds are not checked";
+
+    for (uint16_t index = 2; index <= KXRULE_MAX_RULES; ++index)
+        ASSERT_EQ(kxRuleAddRule(1, index, &rule), 0);
+    EXPECT_EQ(kxRuleAddRule(1, 5, &rule), KXRULE_E_TOO_MANY_RULES) << "before the index in use";
+    ASSERT_EQ(kxRuleDeleteRule(1, 6), 0);
+    EXPECT_EQ(kxRuleAddRule(1, 5, &rule), KXRULE_E_RULE_EXISTS);
+    EXPECT_EQ(kxRuleAddRule(1, 6, &rule), 0);
+}
+
+TEST_F(StoreTest, RecordsComeBackByteForByteButForWhatIsNormalised)
+{
+    ASSERT_EQ(AddSet(1), 0);
+    for (uint32_t kind = 0; kind <= 7; ++kind)
+    {
+        PFW_RULE rule = Build::Patterned<PFW_RULE>(static_cast<uint8_t>(kind));
+        rule.dwKind = kind;
+        const uint16_t index = static_cast<uint16_t>(100 + kind);
+        ASSERT_EQ(kxRuleAddRule(1, index, &rule), 0);
+        rule.wRuleIndex = index;
+        if (kind == KXRULE_KIND_ACCESS)
+            rule.Access.wszAppName[KXRULE_APP_NAME_UNITS - 1] = 0;
+        if (kind == KXRULE_KIND_ACCESS2)
+            rule.Access2.wszAppName[KXRULE_APP_NAME_UNITS - 1] = 0;
+        PFW_RULE got{};
+        ASSERT_EQ(kxRuleGetRule(1, index, &got), 0);
+        EXPECT_EQ(std::memcmp(&got, &rule, sizeof got), 0) << kind;
+        EXPECT_EQ(kxRuleIsRuleActive(1, index), static_cast<int32_t>(rule.dwActive)) << kind << ", as it stands";
+    }
+    PFW_RULE range = Build::Access();
+    range.Access.Addr[0] = Build::Address(KXRULE_ADDR_RANGE, Build::Ip(192, 0, 0, 9), Build::Ip(10, 0, 0, 1));
+    range.Access.Port[1] = Build::PortRange(90, 80);
+    ASSERT_EQ(kxRuleAddRule(1, 1, &range), 0);
+    EXPECT_EQ(Line(1, 1), "ACCESS,TCP,10.0.0.1:192.0.0.9,,,80:90,ACCEPT");
+}
+
+TEST_F(StoreTest, GetRuleTellsWhatIsMissingBeforeItLooksAtThePointer)
+{
+    ASSERT_EQ(AddSet(1, {Build::Access(5)}), 0);
+    EXPECT_EQ(kxRuleGetRule(2, 5, nullptr), KXRULE_E_NO_RULESET);
+    EXPECT_EQ(kxRuleGetRule(1, 6, nullptr), KXRULE_E_NO_RULE);
+    EXPECT_EQ(kxRuleGetRule(1, 5, nullptr), KXRULE_E_NULL_POINTER);
+    EXPECT_EQ(kxRuleIsRuleActive(2, 5), KXRULE_E_NO_RULESET);
+    EXPECT_EQ(kxRuleIsRuleActive(1, 6), KXRULE_E_NO_RULE);
+    EXPECT_EQ(kxRuleIsRuleActive(1, 5), 1);
+}
+
+TEST_F(StoreTest, TextsAreCopiedAsStrncpyDoes)
+{
+    PFW_RULE rule = Build::Access(5);
+    PFW_RULE unprintable = Build::Access(6);
+    unprintable.dwKind = KXRULE_KIND_ACCESS2;
+    const auto macro = Build::Macro(
+        "web", {Build::Item(Build::PortList("80,8080")), Build::Item(Build::Single(Build::Ip(10, 1, 1, 1)))});
+    ASSERT_EQ(AddSet(1, {rule, unprintable}), 0);
+
+    struct
+    {
+        const char* name;
+        std::string text;
+        std::function<int32_t(char*, int32_t)> get;
+    } const rows[] = {
+        {"stored", "ACCESS,TCP,,,,,ACCEPT",
+         [](char* text, int32_t size) { return kxRuleGetRuleString(1, 5, text, size); }},
+        {"record", "ACCESS,TCP,,,,,ACCEPT",
+         [&](char* text, int32_t size) { return kxRuleGetRuleString2(&rule, text, size); }},
+        {"macro", "web=80|8080,10.1.1.1",
+         [&](char* text, int32_t size) { return kxRuleGetMacroString(&*macro, text, size); }},
+    };
+    for (const auto& row : rows)
+    {
+        const int32_t length = static_cast<int32_t>(row.text.size());
+        EXPECT_EQ(row.get(nullptr, 100), length) << row.name;
+        for (const int32_t size : {-5, 0, 1, 10, length - 1, length, length + 1, length + 9})
+        {
+            std::vector<char> buffer(64, '#'), expected(64, '#');
+            if (size > 0)
+                std::strncpy(expected.data(), row.text.c_str(), static_cast<size_t>(size));
+            EXPECT_EQ(row.get(buffer.data(), size), length) << row.name << " " << size;
+            EXPECT_EQ(buffer, expected) << row.name << " " << size;
+        }
+    }
+
+    char untouched[8] = "before";
+    EXPECT_EQ(kxRuleGetRuleString(1, 6, untouched, 8), KXRULE_E_RULE_TEXT);
+    EXPECT_EQ(kxRuleGetRuleString(1, 7, untouched, 8), KXRULE_E_NO_RULE);
+    EXPECT_EQ(kxRuleGetRuleString(2, 6, untouched, 8), KXRULE_E_NO_RULESET);
+    EXPECT_EQ(kxRuleGetRuleString2(&unprintable, untouched, 8), KXRULE_E_RULE_TEXT);
+    EXPECT_EQ(kxRuleGetRuleString2(nullptr, untouched, 8), KXRULE_E_NULL_POINTER);
+    EXPECT_EQ(kxRuleGetMacroString(nullptr, untouched, 8), KXRULE_E_NULL_POINTER);
+    EXPECT_EQ(kxRuleGetMacroString(Build::Macro("m", {}).get(), untouched, 8), KXRULE_E_MACRO_TEXT);
+    EXPECT_STREQ(untouched, "before");
+
+    // The buffer may lie in the record that is rendered.
+    char* const inside = reinterpret_cast<char*>(&rule) + 140;
+    EXPECT_EQ(kxRuleGetRuleString2(&rule, inside, 30), 21);
+    EXPECT_STREQ(inside, "ACCESS,TCP,,,,,ACCEPT");
+}
+
+TEST_F(StoreTest, MacrosAreAppendedAndCopiedOutPacked)
+{
+    EXPECT_EQ(kxRuleAddMacro(nullptr), KXRULE_E_NULL_POINTER);
+    EXPECT_EQ(kxRuleDeleteMacro(), 0);
+    EXPECT_EQ(kxRuleGetMacro(nullptr, 100), 0);
+
+    const auto one = Build::Macro("one", {Build::Item("text")});
+    auto three = Build::Macro(std::string(32, 'm'), {Build::Item("a"), Build::Item("b"), Build::Item("c", 99)});
+    ASSERT_EQ(kxRuleAddMacro(&*one), 0);
+    ASSERT_EQ(kxRuleAddMacro(&*three), 0);
+    EXPECT_EQ(kxRuleGetMacroCount(), 2);
+    EXPECT_EQ(kxRuleGetMacro(nullptr, 0), 40 * 2 + 137 * 4);
+    EXPECT_EQ(kxRuleGetMacro(nullptr, 10000), 628);
+
+    std::vector<unsigned char> bytes(640, 0xEE), untouched = bytes;
+    EXPECT_EQ(kxRuleGetMacro(bytes.data(), 627), 628);
+    EXPECT_EQ(bytes, untouched);
+    EXPECT_EQ(kxRuleGetMacro(bytes.data(), -1), 628);
+    EXPECT_EQ(bytes, untouched);
+    ASSERT_EQ(kxRuleGetMacro(bytes.data(), 628), 628);
+
+    std::vector<unsigned char> expected = one.Bytes();
+    three->szName[31] = 0; // a name without terminator is cut to 31 bytes
+    expected.insert(expected.end(), three.Bytes().begin(), three.Bytes().end());
+    for (const size_t reserved : {size_t{0}, one.Bytes().size()})
+        std::memset(expected.data() + reserved, 0xEE, 4); // left as it was in the buffer
+    expected.resize(640, 0xEE);
+    EXPECT_EQ(bytes, expected);
+
+    ASSERT_EQ(kxRuleAddMacro(&*one), 0) << "equal names are not looked for";
+    auto negative = Build::Macro("none", {});
+    negative->nItemCount = -3;
+    ASSERT_EQ(kxRuleAddMacro(&*negative), 0);
+    EXPECT_EQ(kxRuleGetMacroCount(), 4);
+    EXPECT_EQ(kxRuleGetMacro(nullptr, 0), 628 + 177 + 40);
+    EXPECT_EQ(kxRuleDeleteMacro(), 0);
+    EXPECT_EQ(kxRuleGetMacroCount(), 0);
+}
