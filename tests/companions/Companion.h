@@ -23,16 +23,30 @@ public:
     {
         EXPECT_NE(m_Module, nullptr) << file << ": error " << ::GetLastError();
     }
+    /// Loads a copy of the file in another folder, where it looks for its settings.
+    Companion(const std::filesystem::path& file, const std::filesystem::path& folder)
+        : Companion((std::filesystem::copy_file(file, folder / file.filename()), folder / file.filename()))
+    {
+    }
     ~Companion() { ::FreeLibrary(m_Module); }
     Companion(const Companion&) = delete;
     Companion& operator=(const Companion&) = delete;
 
-    template <class Function>
-    [[nodiscard]] Function* Find(const char* name) const
+    struct Address
+    {
+        void* Value;
+        template <class Function>
+        operator Function*() const
+        {
+            return reinterpret_cast<Function*>(Value);
+        }
+    };
+    /// Whatever function it is assigned to.
+    [[nodiscard]] Address Find(const char* name) const
     {
         void* const address = reinterpret_cast<void*>(::GetProcAddress(m_Module, name));
         EXPECT_NE(address, nullptr) << name;
-        return reinterpret_cast<Function*>(address);
+        return {address};
     }
 
 private:

@@ -42,7 +42,7 @@ protected:
 
     TempDir m_Dir;
     Companion m_Library{BinFolder() / L"KxHash.dll"};
-    decltype(&kxCfwGetHashValue) m_GetHashValue = m_Library.Find<decltype(kxCfwGetHashValue)>("kxCfwGetHashValue");
+    decltype(&kxCfwGetHashValue) m_GetHashValue = m_Library.Find("kxCfwGetHashValue");
 };
 
 TEST_F(Hash, GivesThePublishedValues)

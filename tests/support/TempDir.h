@@ -1,7 +1,6 @@
 // An empty directory of a test's own, removed with everything in it. Windows.
 #pragma once
 
-#include <cstdio>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
@@ -18,13 +17,10 @@ public:
         static int s_Count = 0;
         m_Path = std::filesystem::temp_directory_path() /
                  (L"kx-" + std::to_wstring(::GetCurrentProcessId()) + L"-" + std::to_wstring(++s_Count));
+        Remove(L"\\\\?\\" + m_Path.native()); // an earlier process of that number may have been killed
         std::filesystem::create_directories(m_Path);
     }
-    ~TempDir()
-    {
-        std::error_code ignored;
-        std::filesystem::remove_all(L"\\\\?\\" + m_Path.native(), ignored);
-    }
+    ~TempDir() { Remove(L"\\\\?\\" + m_Path.native()); }
     TempDir(const TempDir&) = delete;
     TempDir& operator=(const TempDir&) = delete;
 
@@ -32,6 +28,25 @@ public:
     [[nodiscard]] std::filesystem::path operator/(const std::filesystem::path& name) const { return m_Path / name; }
 
 private:
+    // std::filesystem::remove_all stops at paths beyond 260 characters, prefixed or not.
+    static void Remove(const std::wstring& folder)
+    {
+        WIN32_FIND_DATAW found;
+        const HANDLE find = ::FindFirstFileW((folder + L"\\*").c_str(), &found);
+        for (BOOL more = find != INVALID_HANDLE_VALUE; more; more = ::FindNextFileW(find, &found))
+        {
+            const std::wstring name = found.cFileName;
+            if (name == L"." || name == L"..")
+                continue;
+            if ((found.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY) != 0)
+                Remove(folder + L"\\" + name);
+            else
+                ::DeleteFileW((folder + L"\\" + name).c_str());
+        }
+        ::FindClose(find);
+        ::RemoveDirectoryW(folder.c_str());
+    }
+
     std::filesystem::path m_Path;
 };
 
