@@ -1,0 +1,189 @@
+// KxVqrDbg.dll: the trace library's entry points. They find the session, stop exceptions and leave GetLastError as it
+// was. The records are those of common/srclib/KxComn_DebugConfig.h; docs/settings.md describes files and settings.
+#include <cstdint>
+#include <cstring>
+#include <map>
+#include <memory>
+#include <new>
+#include <string>
+#include <type_traits>
+
+#include "common/srclib/KxComn_CriticalSection.h"
+#include "common/srclib/KxComn_DebugConfig.h"
+
+#include "companions/trace/Session.h"
+
+namespace
+{
+
+using KxCommon::Synchronize::CriticalSection;
+using KxTrace::Session;
+using Lock = KxCommon::Synchronize::ScopedLock<CriticalSection>;
+
+// Handles are numbers that are never given twice, so that a stale one is noticed.
+class SessionTable
+{
+public:
+    uint64_t Add(std::shared_ptr<Session> session)
+    {
+        const Lock lock(m_Lock);
+        m_Sessions.emplace(m_Next, std::move(session));
+        return m_Next++;
+    }
+    // Null when there is none of that number.
+    [[nodiscard]] std::shared_ptr<Session> Find(uint64_t handle)
+    {
+        const Lock lock(m_Lock);
+        const auto found = m_Sessions.find(handle);
+        return found == m_Sessions.end() ? nullptr : found->second;
+    }
+    [[nodiscard]] std::shared_ptr<Session> Remove(uint64_t handle)
+    {
+        const Lock lock(m_Lock);
+        const auto node = m_Sessions.extract(handle);
+        return node.empty() ? nullptr : node.mapped();
+    }
+
+private:
+    CriticalSection m_Lock;
+    std::map<uint64_t, std::shared_ptr<Session>> m_Sessions KX_GUARDED_BY(m_Lock);
+    uint64_t m_Next KX_GUARDED_BY(m_Lock) = 1;
+};
+
+SessionTable g_Sessions;
+
+template <class Body>
+int32_t Guarded(Body body) noexcept
+{
+    const DWORD lastError = ::GetLastError();
+    DWORD result = ERROR_GEN_FAILURE;
+    try
+    {
+        result = body();
+    }
+    catch (const std::bad_alloc&)
+    {
+        result = ERROR_NOT_ENOUGH_MEMORY;
+    }
+    catch (...)
+    {
+    }
+    ::SetLastError(lastError);
+    return static_cast<int32_t>(result);
+}
+
+// The folder of this library's file, in long form and with backslash; empty when the system does not tell.
+std::wstring OwnFolder()
+{
+    HMODULE self = nullptr;
+    ::GetModuleHandleExW(GET_MODULE_HANDLE_EX_FLAG_FROM_ADDRESS | GET_MODULE_HANDLE_EX_FLAG_UNCHANGED_REFCOUNT,
+                         reinterpret_cast<const wchar_t*>(&g_Sessions), &self);
+    std::wstring path(32768, L'\0');
+    path.resize(::GetModuleFileNameW(self, path.data(), static_cast<DWORD>(path.size())));
+    std::wstring full(32768, L'\0');
+    full.resize(::GetLongPathNameW(path.c_str(), full.data(), static_cast<DWORD>(full.size())));
+    if (!full.empty() && full.size() < 32768)
+        path = full;
+    return path.substr(0, path.rfind(L'\\') + 1);
+}
+
+} // namespace
+
+extern "C"
+{
+
+    /// Starts a session. Until KxPfw.ini in this library's folder says something else the settings are those of config.
+    /// Nothing is opened or created before the first line.
+    /// @param handle  receives the session's handle, never 0; set to 0 on failure
+    /// @param config  at any address; copied
+    /// @return 0, or ERROR_INVALID_PARAMETER (87)  a pointer is null
+    ///               ERROR_NOT_ENOUGH_MEMORY (8)
+    /// Every entry point may be called from any thread.
+    int32_t KxDbgInitialize(uint64_t* handle, const KxCommon::DebugConfigWide* config)
+    {
+        return Guarded(
+            [=]() -> DWORD
+            {
+                if (handle == nullptr)
+                    return ERROR_INVALID_PARAMETER;
+                *handle = 0;
+                if (config == nullptr)
+                    return ERROR_INVALID_PARAMETER;
+                *handle = g_Sessions.Add(std::make_shared<Session>(OwnFolder(), *config));
+                return ERROR_SUCCESS;
+            });
+    }
+
+    /// Ends a session and closes its log. Calls that are on their way in other threads are finished.
+    /// @return 0, or ERROR_INVALID_HANDLE (6)
+    int32_t KxDbgUninitialize(uint64_t handle)
+    {
+        return Guarded([=]() -> DWORD { return g_Sessions.Remove(handle) ? ERROR_SUCCESS : ERROR_INVALID_HANDLE; });
+    }
+
+    /// Writes one line, as UTF-8. Lines of several threads and processes do not mix.
+    /// @param time  when the line was made; it is part of the text too and not looked at here. May be null.
+    /// @param line  complete, with its CR LF; an empty one writes nothing
+    /// @return 0, also when the trace is off, or the Windows error that cost the line, among them
+    ///         ERROR_INVALID_HANDLE (6), ERROR_INVALID_PARAMETER (87)  line is null
+    ///         ERROR_ACCESS_DENIED (5)      the folder or the file may not be written, or a link is in its place
+    ///         ERROR_DISK_FULL (112)
+    ///         ERROR_FILE_TOO_LARGE (223)   the log has twice its permitted size and somebody keeps it from rolling over
+    int32_t KxDbgTrace(uint64_t handle, const SYSTEMTIME* /*time*/, const wchar_t* line)
+    {
+        return Guarded(
+            [=]() -> DWORD
+            {
+                const std::shared_ptr<Session> session = g_Sessions.Find(handle);
+                if (!session)
+                    return ERROR_INVALID_HANDLE;
+                return line == nullptr ? ERROR_INVALID_PARAMETER : session->Trace(line);
+            });
+    }
+
+    /// Replaces the settings until the session's section of KxPfw.ini changes. Session kind, unit, trace name and time of
+    /// the record are not looked at; the size limit, which it lacks, stays.
+    /// @param config  in the narrow form, at any address; copied
+    /// @return 0, or ERROR_INVALID_HANDLE (6), ERROR_INVALID_PARAMETER (87)  config is null
+    int32_t KxDbgSetDebugConfig(uint64_t handle, const KxCommon::DebugConfig* config)
+    {
+        return Guarded(
+            [=]() -> DWORD
+            {
+                const std::shared_ptr<Session> session = g_Sessions.Find(handle);
+                if (!session)
+                    return ERROR_INVALID_HANDLE;
+                if (config == nullptr)
+                    return ERROR_INVALID_PARAMETER;
+                session->SetConfig(*config);
+                return ERROR_SUCCESS;
+            });
+    }
+
+    /// The settings in force. A change of KxPfw.ini shows within a second.
+    /// @param config  at any address; filled whole on success, left alone otherwise. The time is when the settings were
+    ///                taken over.
+    /// @return 0, or ERROR_INVALID_HANDLE (6), ERROR_INVALID_PARAMETER (87)  config is null
+    int32_t KxDbgGetDebugConfig(uint64_t handle, KxCommon::DebugConfig* config)
+    {
+        return Guarded(
+            [=]() -> DWORD
+            {
+                const std::shared_ptr<Session> session = g_Sessions.Find(handle);
+                if (!session)
+                    return ERROR_INVALID_HANDLE;
+                if (config == nullptr)
+                    return ERROR_INVALID_PARAMETER;
+                const KxCommon::DebugConfig current = session->Config();
+                std::memcpy(config, &current, sizeof current);
+                return ERROR_SUCCESS;
+            });
+    }
+
+} // extern "C"
+
+static_assert(std::is_same_v<decltype(KxDbgInitialize), KxCommon::KxDbgInitializeFunction>);
+static_assert(std::is_same_v<decltype(KxDbgUninitialize), KxCommon::KxDbgUninitializeFunction>);
+static_assert(std::is_same_v<decltype(KxDbgTrace), KxCommon::KxDbgTraceFunction>);
+static_assert(std::is_same_v<decltype(KxDbgSetDebugConfig), KxCommon::KxDbgSetDebugConfigFunction>);
+static_assert(std::is_same_v<decltype(KxDbgGetDebugConfig), KxCommon::KxDbgGetDebugConfigFunction>);
