@@ -1,7 +1,11 @@
+#include <process.h>
+
 #include <algorithm>
+#include <chrono>
 #include <cstring>
 #include <filesystem>
 #include <map>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -30,10 +34,7 @@ protected:
     }
     void Start()
     {
-        if (m_Handle != 0)
-        {
-            EXPECT_EQ(m_Uninitialize(m_Handle), 0);
-        }
+        m_Uninitialize(m_Handle);
         ASSERT_EQ(m_Initialize(&m_Handle, &m_Config), 0);
         ASSERT_NE(m_Handle, 0u);
     }
@@ -45,7 +46,7 @@ protected:
         EXPECT_EQ(m_GetConfig(m_Handle, &config), 0);
         return config;
     }
-    // What is below the directory of the library beside the library and its settings, sorted.
+    // What lies in the directory and below it, without the library and its settings, sorted.
     [[nodiscard]] std::vector<std::wstring> Files() const
     {
         std::vector<std::wstring> files;
@@ -84,12 +85,11 @@ bool Comes(Condition condition)
 std::vector<std::string> LinesOf(const path& file)
 {
     std::vector<std::string> lines;
-    const std::string text = ReadBytes(file);
-    for (size_t begin = 0; begin < text.size();)
+    std::istringstream text(ReadBytes(file));
+    for (std::string line; std::getline(text, line);)
     {
-        const size_t end = text.find("\r\n", begin);
-        lines.push_back(text.substr(begin, end == std::string::npos ? end : end - begin));
-        begin = end == std::string::npos ? text.size() : end + 2;
+        EXPECT_TRUE(line.ends_with('\r')) << line;
+        lines.push_back(line.substr(0, line.size() - 1));
     }
     return lines;
 }
@@ -171,10 +171,8 @@ TEST_F(Trace, AnswersWithTheSectionOfTheSession)
     m_Config.Head.bServiceSession = 1;
     Start();
     config = Config();
-    const uint32_t level = config.Head.dwLevel;
-    EXPECT_EQ(level, 17u);
-    EXPECT_EQ(config.Head.bServiceSession, 1);
-    EXPECT_EQ(config.Head.bEnable, 0);
+    EXPECT_EQ(config.Head.dwLevel + 0, 17u);
+    EXPECT_EQ(config.Head.bServiceSession + config.Head.bEnable, 1);
     EXPECT_STREQ(config.szLogFolder, "c:\\temp\\");
     EXPECT_STREQ(config.szLogPrefix, "VQR_");
     EXPECT_STREQ(config.szLogFile, "service");
@@ -186,8 +184,8 @@ TEST_F(Trace, SeesTheSettingsChange)
     const auto level = [this] { return Config().Head.dwLevel + 0u; };
     const auto enabled = [this] { return Config().Head.bEnable != 0; };
 
-    // The same size and, as on a coarse clock, the same time.
-    const auto time = std::filesystem::last_write_time(m_Dir.Path());
+    // The same size and, as on a coarse clock, the same time: one that is too young to tell anything.
+    const auto time = std::filesystem::file_time_type::clock::now() + std::chrono::hours(1);
     Settings("Enable=1\r\nLevel=273\r\nLogFolder=\r\nLogFile=a\r\n");
     std::filesystem::last_write_time(m_Dir / L"KxPfw.ini", time);
     Start();
@@ -288,27 +286,18 @@ TEST_P(TraceProcesses, DoNotMixLines)
     Settings("Enable=1\r\nLogFolder=\r\nLogFile=\r\nLogSizeLimit=" + std::to_string(limit) + "\r\n");
     const std::wstring event = L"kx-trace-" + std::to_wstring(::GetCurrentProcessId());
     const KxCommon::UniqueKernelObject start(::CreateEventW(nullptr, TRUE, FALSE, event.c_str()));
-    std::vector<KxCommon::UniqueKernelObject> writers;
+    const std::wstring library = L"\"" + (m_Dir / L"KxVqrDbg.dll").native() + L"\"";
+    const std::wstring count = std::to_wstring(kCount);
+    std::vector<intptr_t> writers;
     for (const wchar_t* tag : {L"a", L"b", L"c"})
-    {
-        std::wstring command = L"\"" + (BinFolder() / L"trace_writer.exe").native() + L"\" \"" +
-                               (m_Dir / L"KxVqrDbg.dll").native() + L"\" " + event + L" " + tag + L" " +
-                               std::to_wstring(kCount);
-        STARTUPINFOW startup = {};
-        startup.cb = sizeof startup;
-        PROCESS_INFORMATION process;
-        ASSERT_TRUE(::CreateProcessW(nullptr, command.data(), nullptr, nullptr, FALSE, 0, nullptr, nullptr, &startup,
-                                     &process));
-        ::CloseHandle(process.hThread);
-        writers.emplace_back(process.hProcess);
-    }
+        writers.push_back(::_wspawnl(_P_NOWAIT, (BinFolder() / L"trace_writer.exe").c_str(), L"trace_writer",
+                                     library.c_str(), event.c_str(), tag, count.c_str(), nullptr));
     ::SetEvent(start.get());
-    for (const auto& writer : writers)
+    for (const intptr_t writer : writers)
     {
-        EXPECT_EQ(::WaitForSingleObject(writer.get(), 60000), WAIT_OBJECT_0);
-        DWORD code = 99;
-        ::GetExitCodeProcess(writer.get(), &code);
-        EXPECT_EQ(code, 0u);
+        int code = 99;
+        EXPECT_EQ(::_cwait(&code, writer, 0), writer);
+        EXPECT_EQ(code, 0);
     }
 
     std::map<std::string, int> last; // by thread
