@@ -32,8 +32,14 @@ constexpr uint32_t kTraceUnit = 1; // this library, among the product's modules 
 
 CCriticalSectionLock g_LifecycleLock; // one start or stop at a time; taken before the global lock
 CCriticalSectionLock g_GlobalLock;    // one export at a time
-CRuleMaster g_RuleMaster(g_GlobalLock);
 KxCommon::UniqueKernelObject g_Mutex; // held while the library is initialised
+
+} // namespace
+
+CRuleMaster g_RuleMaster(g_GlobalLock);
+
+namespace
+{
 
 // The frame of every export: lets no exception out.
 template <class Body>

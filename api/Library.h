@@ -5,3 +5,7 @@
 
 /// The library's own module, stored when it is loaded; null in a program that links the library statically.
 extern HMODULE g_ModuleHandle;
+
+/// The one store of the process.
+class CRuleMaster;
+extern CRuleMaster g_RuleMaster;
