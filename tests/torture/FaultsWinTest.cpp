@@ -1,0 +1,231 @@
+// Every system call on a file, and every allocation, failing: once, and from then on.
+#include <functional>
+
+#include "common/srclib/KxComn_Files.h"
+#include "tests/torture/Faults.h"
+#include "tests/torture/TortureTest.h"
+
+using KxCommon::Files::Operation;
+
+namespace
+{
+
+Faults g_FileFaults;
+
+DWORD FileFault(Operation)
+{
+    return g_FileFaults.IsFailing() ? g_FileFaults.Error : ERROR_SUCCESS;
+}
+
+} // namespace
+
+class FaultsTest : public TortureTest
+{
+protected:
+    void SetUp() override
+    {
+        TortureTest::SetUp();
+        FillStore();
+        ASSERT_EQ(kxRuleWrite(), 0);
+        m_Before = Snapshot();
+        ChangeStore();
+        ASSERT_EQ(kxRuleWrite(), 0);
+        m_After = Snapshot();
+        KxCommon::Files::SetFaultHook(FileFault);
+    }
+    void TearDown() override
+    {
+        KxCommon::Files::SetFaultHook(nullptr);
+        TortureTest::TearDown();
+    }
+    /// The store of m_Before in memory and on the disk, with the change made in memory.
+    void Begin()
+    {
+        Close();
+        Restore(m_Before);
+        Open();
+        ChangeStore();
+    }
+
+    Files m_Before, m_After;
+};
+
+TEST_F(FaultsTest, AnyFileCallOfAWriteMayFail)
+{
+    Campaign campaign("file call of a write fails");
+    struct
+    {
+        const char* name;
+        std::function<int32_t()> write;
+    } const rows[] = {{"kxRuleWrite", kxRuleWrite},
+                      {"kxRuleFlush", kxRuleFlush},
+                      {"kxRuleFinalize", []
+                       {
+                           const int32_t result = kxRuleFinalize(); // tells nobody of a failure
+                           return result == 0 ? KXRULE_E_FILE_WRITE : result;
+                       }}};
+    for (const auto& row : rows)
+    {
+        for (const DWORD error : {ERROR_DISK_FULL, ERROR_ACCESS_DENIED, ERROR_SHARING_VIOLATION})
+        {
+            if (error != ERROR_DISK_FULL && Campaign::Seconds() == 0)
+                continue; // the replacement waits for these to pass, which takes its time
+            for (const bool isForGood : {false, true})
+            {
+                bool hasFailed = true;
+                for (uint32_t k = 1; hasFailed; ++k)
+                {
+                    SCOPED_TRACE(std::string(row.name) + ", error " + std::to_string(error) + ", call " +
+                                 std::to_string(k) + (isForGood ? " and all after it" : ""));
+                    Begin();
+                    const DWORD handles = Handles();
+                    g_FileFaults.Arm(k, isForGood, error);
+                    const int32_t result = row.write();
+                    hasFailed = g_FileFaults.Disarm();
+                    static_cast<void>(campaign.Next(UINT64_MAX));
+                    EXPECT_LE(Handles(), handles);
+                    const Files now = Snapshot();
+                    EXPECT_TRUE(result == 0 || result == KXRULE_E_FILE_OPEN || result == KXRULE_E_FILE_WRITE) << result;
+                    EXPECT_TRUE(result != 0 || now == m_After) << "success without the files of success";
+                    ExpectOldOrNew(now, m_Before, m_After);
+                    if (row.name == std::string("kxRuleFinalize"))
+                        ASSERT_EQ(kxRuleInitialize(Directory().c_str(), nullptr), 0);
+                    else
+                        EXPECT_EQ(row.write(), 0) << "the next try";
+                    ASSERT_FALSE(HasFailure());
+                }
+            }
+        }
+    }
+}
+
+TEST_F(FaultsTest, AnyFileCallOfADeletionMayFail)
+{
+    Campaign campaign("file call of a deletion fails");
+    bool hasFailed = true;
+    for (uint32_t k = 1; hasFailed; ++k)
+    {
+        SCOPED_TRACE(k);
+        Close();
+        Restore(m_Before);
+        Open();
+        g_FileFaults.Arm(k, true, ERROR_ACCESS_DENIED);
+        const int32_t result = kxRuleDeleteRuleSet(1);
+        hasFailed = g_FileFaults.Disarm();
+        static_cast<void>(campaign.Next(UINT64_MAX));
+        const Files now = Snapshot();
+        EXPECT_EQ(now.at("KxRl0002.dat"), m_Before.at("KxRl0002.dat"));
+        EXPECT_TRUE(result == 0 || now == m_Before) << "files deleted though the list still names them";
+        EXPECT_EQ(SetIndexes(), (std::vector<uint16_t>{2}));
+        Reopen();
+        EXPECT_EQ(SetIndexes(), (std::vector<uint16_t>{2}));
+        EXPECT_FALSE(Exists("RuleBackup"));
+        ASSERT_FALSE(HasFailure());
+    }
+}
+
+TEST_F(FaultsTest, NoFailureOfAReadLosesAFile)
+{
+    Campaign campaign("file call of a read fails");
+    for (const DWORD error : {ERROR_ACCESS_DENIED, ERROR_CRC, ERROR_NOT_ENOUGH_MEMORY})
+    {
+        for (const bool isForGood : {false, true})
+        {
+            bool hasFailed = true;
+            for (uint32_t k = 1; hasFailed; ++k)
+            {
+                SCOPED_TRACE("error " + std::to_string(error) + ", call " + std::to_string(k) +
+                             (isForGood ? " and all after it" : ""));
+                ASSERT_EQ(kxRuleFinalize(), 0);
+                Restore(m_Before);
+                ASSERT_EQ(kxRuleInitialize(Directory().c_str(), nullptr), 0);
+                const DWORD handles = Handles();
+                g_FileFaults.Arm(k, isForGood, error);
+                const int32_t result = kxRuleRead();
+                hasFailed = g_FileFaults.Disarm();
+                static_cast<void>(campaign.Next(UINT64_MAX));
+                EXPECT_LE(Handles(), handles);
+                EXPECT_TRUE(result == 0 || result == KXRULE_E_FILE_OPEN || result == KXRULE_E_FILE_READ ||
+                            result == KXRULE_E_FILE_WRITE)
+                    << result;
+                ExpectNothingLost(Snapshot(), m_Before);
+                ASSERT_FALSE(HasFailure());
+            }
+        }
+    }
+}
+
+TEST_F(FaultsTest, LackOfMemoryIsToldAndNeverTakenForDamage)
+{
+    Campaign campaign("allocation fails");
+    auto set = Build::RuleSet(0, L"a name that does not fit into the string object itself", {Build::Access(1)});
+    auto macro = Build::Macro("a name that does not fit into the string", {Build::Item("a")});
+    const PFW_RULE rule = Build::Access(1);
+    const uint16_t active[] = {2, 3};
+    struct
+    {
+        const char* name;
+        std::function<int32_t()> call;
+        int32_t failure;
+        bool isReadAnew; // starts from a store that is not read yet
+    } const rows[] = {
+        {"kxRuleRead", kxRuleRead, KXRULE_E_FILE_READ, true},
+        {"kxRuleWrite", kxRuleWrite, KXRULE_E_FILE_WRITE, false},
+        {"kxRuleDeleteRuleSet", [] { return kxRuleDeleteRuleSet(2); }, KXRULE_E_FILE_WRITE, false},
+        {"kxRuleAddRuleSet", [&] { return kxRuleAddRuleSet(0, set.get()); }, KXRULE_E_NULL_POINTER, false},
+        {"kxRuleAddRule", [&] { return kxRuleAddRule(1, 200, &rule); }, KXRULE_E_NULL_POINTER, false},
+        {"kxRuleAddMacro", [&] { return kxRuleAddMacro(macro.get()); }, KXRULE_E_NULL_POINTER, false},
+        {"kxRuleSetActiveRuleSet", [&] { return kxRuleSetActiveRuleSet(active, 2); }, KXRULE_E_NULL_POINTER, false},
+        {"kxRuleGetRuleString", [] { return std::min(0, kxRuleGetRuleString(2, 7, nullptr, 0)); }, KXRULE_E_RULE_TEXT,
+         false},
+        {"kxRuleGetRuleString2", [&] { return std::min(0, kxRuleGetRuleString2(&rule, nullptr, 0)); },
+         KXRULE_E_RULE_TEXT, false},
+        {"kxRuleGetMacroString", [&] { return std::min(0, kxRuleGetMacroString(macro.get(), nullptr, 0)); },
+         KXRULE_E_MACRO_TEXT, false},
+    };
+    for (const auto& row : rows)
+    {
+        for (const bool isForGood : {false, true})
+        {
+            bool hasFailed = true;
+            for (uint32_t k = 1; hasFailed; ++k)
+            {
+                SCOPED_TRACE(std::string(row.name) + ", allocation " + std::to_string(k) +
+                             (isForGood ? " and all after it" : ""));
+                Begin();
+                if (row.isReadAnew)
+                {
+                    Close();
+                    Restore(m_Before);
+                    ASSERT_EQ(kxRuleInitialize(Directory().c_str(), nullptr), 0);
+                }
+                const Files before = Snapshot();
+                const auto indexes = SetIndexes();
+                const auto rules = Rules(1);
+                const int32_t macros = kxRuleGetMacroCount();
+                g_AllocationFaults.Arm(k, isForGood, 0);
+                const int32_t result = row.call();
+                hasFailed = g_AllocationFaults.Disarm();
+                static_cast<void>(campaign.Next(UINT64_MAX));
+                EXPECT_TRUE(result == 0 || (hasFailed && result == row.failure)) << result;
+                const Files now = Snapshot();
+                if (row.failure != KXRULE_E_FILE_WRITE)
+                {
+                    EXPECT_EQ(now, before) << "nothing is moved, copied or written";
+                }
+                else if (row.name == std::string("kxRuleWrite"))
+                {
+                    ExpectOldOrNew(now, m_Before, m_After);
+                }
+                if (result != 0 && row.failure == KXRULE_E_NULL_POINTER)
+                {
+                    EXPECT_EQ(SetIndexes(), indexes);
+                    EXPECT_EQ(Rules(1).size(), rules.size());
+                    EXPECT_EQ(kxRuleGetMacroCount(), macros);
+                    EXPECT_EQ(row.call(), 0) << "the next try";
+                }
+                ASSERT_FALSE(HasFailure());
+            }
+        }
+    }
+}
