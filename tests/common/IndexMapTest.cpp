@@ -1,11 +1,138 @@
 // The ordered map, against its counterpart in the standard library.
 #include "common/srclib/KxComn_IndexMap.h"
 
+#include <algorithm>
+#include <map>
+#include <random>
+#include <set>
+#include <stdexcept>
+
 #include <gtest/gtest.h>
 
-TEST(IndexMap, StartsEmpty)
+namespace
 {
-    const KxCommon::IndexMap<int> map;
-    EXPECT_TRUE(map.IsEmpty());
-    EXPECT_EQ(map.Find(0), nullptr);
+
+// A value that knows which of its kind live, and fails to come into being on demand.
+struct Value
+{
+    explicit Value(int number) : Number(number)
+    {
+        if (FailIn >= 0 && FailIn-- == 0)
+            throw std::runtime_error("asked for");
+        EXPECT_TRUE(Living.insert(this).second);
+    }
+    Value(const Value& other) : Value(other.Number) {}
+    Value& operator=(const Value&) = default;
+    ~Value() { EXPECT_EQ(Living.erase(this), 1u); }
+
+    int Number;
+    inline static std::set<const Value*> Living;
+    inline static int FailIn = -1; // constructions until one throws; negative: never
+};
+
+using Map = KxCommon::IndexMap<Value>;
+using Model = std::map<uint16_t, int>;
+
+Model Contents(const Map& map)
+{
+    Model contents;
+    EXPECT_TRUE(std::is_sorted(map.Keys().begin(), map.Keys().end()));
+    for (size_t i = 0; i < map.Size(); ++i)
+    {
+        EXPECT_EQ(map.Find(map.KeyAt(i)), &map.ValueAt(i));
+        contents.emplace(map.KeyAt(i), map.ValueAt(i).Number);
+    }
+    return contents;
 }
+
+TEST(IndexMap, BehavesLikeAnOrderedMap)
+{
+    std::mt19937 random(1);
+    Map map;
+    const Value* const place = &map.Emplace(65535, 0);
+    Model model = {{65535, 0}};
+    for (int step = 0; step < 8000; ++step)
+    {
+        const uint16_t key = static_cast<uint16_t>(random() % 300 * 218);  // 0 to 65182
+        const uint32_t action = random() % (step / 1000 % 2 == 0 ? 4 : 8); // grows, then shrinks
+        if (action > 2)
+            EXPECT_EQ(map.Erase(key), model.erase(key) == 1);
+        else
+        {
+            if (action < 2 && !map.Contains(key))
+                EXPECT_EQ(map.Emplace(key, step).Number, step);
+            else
+                EXPECT_EQ(map.Replace(key, step).Number, step);
+            model[key] = step;
+        }
+        EXPECT_EQ(map.LowerBound(key), std::distance(model.begin(), model.lower_bound(key)));
+        if (step % 100 != 0)
+            continue;
+        Map copy(map);
+        EXPECT_EQ(Value::Living.size(), 2 * model.size());
+        map = std::move(*&map); // onto itself
+        Map moved(std::move(map));
+        EXPECT_TRUE(map.IsEmpty());
+        map.Emplace(1, 1);
+        map = std::move(moved);
+        ASSERT_EQ(Contents(map), model) << step;
+        moved = copy;
+        EXPECT_EQ(copy.Erase(key), model.contains(key));
+        ASSERT_EQ(Contents(moved), model) << step;
+    }
+    EXPECT_EQ(map.Find(65535), place) << "values stay where they are";
+    EXPECT_TRUE(map.Erase(65535));
+    EXPECT_EQ(&map.Emplace(65534, 0), place) << "and their places are used again";
+    map.Clear();
+    EXPECT_TRUE(Value::Living.empty());
+}
+
+#if defined(__SANITIZE_ADDRESS__)
+constexpr uint32_t kStep = 8; // the sanitizer moves memory byte by byte: every eighth key keeps it short
+#else
+constexpr uint32_t kStep = 1;
+#endif
+
+TEST(IndexMap, HoldsEveryKeyInAnyOrder)
+{
+    for (const uint32_t factor : {1u, 65535u, 40503u}) // ascending, descending, scattered; odd: each key once
+    {
+        KxCommon::IndexMap<uint32_t> map;
+        for (uint32_t i = 0; i < 65536; i += kStep)
+            map.Emplace(static_cast<uint16_t>(i * factor), i);
+        EXPECT_TRUE(std::is_sorted(map.Keys().begin(), map.Keys().end())) << factor;
+        uint32_t found = 0;
+        for (uint32_t i = 0; i < 65536; i += kStep)
+            if (const uint32_t* const value = map.Find(static_cast<uint16_t>(i * factor)); value && *value == i)
+                ++found;
+        EXPECT_EQ(found, 65536 / kStep) << factor;
+    }
+}
+
+TEST(IndexMap, StaysAsItWasWhenAValueFails)
+{
+    Map map;
+    Model model;
+    for (uint16_t key = 100; key > 60; --key) // over the edges of several slabs
+    {
+        Value::FailIn = 0;
+        EXPECT_THROW(map.Emplace(key, 1), std::runtime_error);
+        ASSERT_EQ(Contents(map), model) << key;
+        map.Emplace(key, key);
+        model[key] = key;
+        Value::FailIn = 0;
+        EXPECT_THROW(map.Replace(100, 1), std::runtime_error);
+    }
+    Map other;
+    other.Emplace(1, 1);
+    for (const int k : {0, 4, 39})
+    {
+        Value::FailIn = k;
+        EXPECT_THROW(other = map, std::runtime_error);
+        EXPECT_EQ(Contents(other), (Model{{1, 1}})) << k;
+        EXPECT_EQ(Value::Living.size(), 41u) << "a copy that failed leaves nothing behind";
+    }
+    EXPECT_EQ(Contents(map), model);
+}
+
+} // namespace
