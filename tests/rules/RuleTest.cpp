@@ -1,0 +1,131 @@
+// What becomes of a record when it is made a rule, apart from its hash.
+#include "rules/Rule.h"
+
+#include <cstring>
+#include <string>
+
+#include <gtest/gtest.h>
+
+#include "tests/support/RecordBuilder.h"
+#include "tests/support/TraceSink.h"
+
+namespace
+{
+
+using namespace Build;
+
+bool SameBytes(const PFW_RULE& a, const PFW_RULE& b)
+{
+    return std::memcmp(&a, &b, 2845) == 0;
+}
+
+// Makes rules of every kind from records with an item in the places of an access rule. Only access rules may differ
+// from their record.
+template <class Item>
+void CheckStored(const char* name, Item (PFW_ACCESS::*items)[2], const Item& given, const Item& stored)
+{
+    for (const uint32_t kind : {0u, 1u, 2u, 3u, 4u, 5u, 6u, 7u})
+        for (const int i : {0, 1})
+        {
+            PFW_RULE record = Patterned<PFW_RULE>(); // no field is a range, zero or terminated by chance
+            record.dwKind = kind;
+            (record.Access.*items)[i] = given;
+            const CRule rule(record);
+            if (kind == 1 || kind == 6)
+            {
+                (record.Access.*items)[i] = stored;
+                // The last unit of the application's path.
+                std::memset(reinterpret_cast<char*>(&record) + (kind == 1 ? 1304 : 1308), 0, 2);
+            }
+            EXPECT_TRUE(SameBytes(rule.Record(), record)) << name << ", kind " << kind << ", item " << i;
+        }
+}
+
+// All bytes differ, so it shows whether the twelve behind an IPv4 address stay and those of an IPv6 address go along.
+RULE_ADDR Range(uint32_t family, uint32_t begin1, uint32_t begin2, uint32_t type = 5)
+{
+    RULE_ADDR item = Patterned<RULE_ADDR>();
+    item.dwType = type;
+    item.dwFamily = family;
+    item.Addr1.dwIPv4 = begin1;
+    item.Addr2.dwIPv4 = begin2;
+    return item;
+}
+
+RULE_ADDR Swapped(RULE_ADDR item)
+{
+    const PFW_ADDR first = item.Addr1;
+    item.Addr1 = item.Addr2;
+    item.Addr2 = first;
+    return item;
+}
+
+TEST(Rule, PutsAccessRangesInOrder)
+{
+    const struct
+    {
+        const char* Name;
+        RULE_ADDR Given, Stored;
+    } addresses[] = {
+        {"IPv4 in reverse", Range(2, Ip(10, 0, 0, 9), Ip(10, 0, 0, 1)), Range(2, Ip(10, 0, 0, 1), Ip(10, 0, 0, 9))},
+        {"IPv4 in order", Range(2, 1, 0x80000000), Range(2, 1, 0x80000000)},
+        {"IPv4 mask", Range(2, 9, 1, 3), Range(2, 9, 1, 3)},
+        {"IPv6 in reverse", Range(23, 0x01000090, 0x02000010), Swapped(Range(23, 0x01000090, 0x02000010))},
+        {"IPv6 in order", Range(23, 0x02000010, 0x01000090), Range(23, 0x02000010, 0x01000090)},
+        {"IPv6, last byte", Address6(5, 0x90, 0x10), Address6(5, 0x10, 0x90)},
+        {"another family", Range(7, 9, 1), Range(7, 9, 1)},
+    };
+    const struct
+    {
+        const char* Name;
+        RULE_PORT Given, Stored;
+    } ports[] = {
+        {"ports in reverse", Negated(PortRange(90, 80)), Negated(PortRange(80, 90))},
+        {"ports in order", PortRange(80, 40000), PortRange(80, 40000)},
+        {"single port", Port(2, 90, 80), Port(2, 90, 80)},
+    };
+    for (const auto& c : addresses)
+        CheckStored(c.Name, &PFW_ACCESS::Addr, c.Given, c.Stored);
+    for (const auto& c : ports)
+        CheckStored(c.Name, &PFW_ACCESS::Port, c.Given, c.Stored);
+}
+
+TEST(Rule, IsOtherwiseCopiedAsItStands)
+{
+    EXPECT_TRUE(SameBytes(CRule().Record(), Rule(0)));
+    PFW_RULE record = Patterned<PFW_RULE>();
+    record.dwKind = 1;
+    record.Access.Port[0] = PortRange(90, 80);
+    CRule rule;
+    rule.SetRule(record);
+    PFW_RULE out;
+    EXPECT_EQ(CRule(rule).GetRule(&out), 0);
+    EXPECT_TRUE(SameBytes(out, record));
+
+    TraceSink trace;
+    EXPECT_EQ(rule.GetRule(nullptr), -10012);
+    EXPECT_EQ(trace.Take(),
+              (std::vector<TracedLine>{{256, "CRule::GetRule(): Pointer to rule structure (parameter) is NULL."}}));
+}
+
+TEST(Rule, TellsBlankPortLists)
+{
+    const std::pair<RULE_PORT, bool> cases[] = {
+        {PortList(""), true},
+        {PortList("\t\x01 \x1F"), true},
+        {PortList("\x80\xFF"), true}, // bytes above 127 count as blanks
+        {PortList(std::string(129, ' ')), true},
+        {PortList(" 80"), false},
+        {PortList(std::string(128, ' ') + '8'), false},
+        {PortText(5, " "), false},
+    };
+    for (const auto& [port, isBlank] : cases)
+        for (const int i : {0, 1})
+        {
+            PFW_RULE record = Access();
+            record.Access.Port[i] = port;
+            EXPECT_EQ(CRule::HasBlankPortList(record), isBlank) << std::string(port.szList, 4);
+        }
+}
+
+} // namespace
