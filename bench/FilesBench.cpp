@@ -1,0 +1,324 @@
+// Reading and writing of whole stores: the library, the floor under it, its simplest form, and an SQL store, in turn
+// in one run. Reads of the full store run in a process of their own each, as a service's start does: most of their
+// cost is the first touch of new memory.
+//
+//     files_bench.exe --data=DIR --store=3x100|64x1024|growth [Google Benchmark's options]
+#include <algorithm>
+#include <cstdio>
+#include <cstdlib>
+#include <functional>
+#include <memory>
+
+#include "bench/Bench.h"
+#include "bench/FirstForm.h"
+#include "bench/OurStore.h"
+#include "bench/PlainStore.h"
+#include "bench/SqlStore.h"
+#include "persistence/Aes128.h"
+#include "persistence/FileFormat.h"
+
+#include <benchmark/benchmark.h>
+
+using namespace Bench;
+
+namespace
+{
+
+Shape ParseShape(const std::string& text)
+{
+    unsigned sets = 0;
+    unsigned rules = 0;
+    Check(std::sscanf(text.c_str(), "%ux%u", &sets, &rules) == 2, "a store is named SETSxRULES");
+    return {static_cast<uint16_t>(sets), static_cast<uint16_t>(rules)};
+}
+
+std::string SqlPath(const Shape& shape, const char* name)
+{
+    return DataRoot() + name + "-" + shape.Name() + ".db";
+}
+
+// ---------------------------------------------------------------------------------------------------- children --
+
+struct Child
+{
+    const char* Name;
+    std::function<std::function<void()>(const Shape&)> Prepare; // gives the work that is timed
+};
+
+std::shared_ptr<PlainStore> NewPlain(const Shape& shape, bool fill)
+{
+    auto store = std::make_shared<PlainStore>(DataDirectory("plain-" + shape.Name()));
+    if (fill)
+        store->Fill(shape);
+    return store;
+}
+
+std::shared_ptr<OurStore> NewOurs(const Shape& shape, bool fill)
+{
+    auto store = std::make_shared<OurStore>(DataDirectory("ours-" + shape.Name()));
+    if (fill)
+        store->Fill(shape);
+    return store;
+}
+
+std::function<void()> ReadSql(const Shape& shape, bool encrypted)
+{
+    const std::string path = SqlPath(shape, encrypted ? "sql-aes" : "sql");
+    auto sets = std::make_shared<SetMap>();
+    return [=] { // opened, read, closed, as the others do with their files
+        SqlStore(path, encrypted, SqlStore::Journal::Rollback).ReadAll(*sets);
+        Check(sets->Size() == shape.Sets, "sets read");
+    };
+}
+
+const Child kChildren[] = {
+    {"read/ours",
+     [](const Shape& shape)
+     {
+         return [shape, store = NewOurs(shape, false)]
+         {
+             store->ReadAll();
+             Check(store->Holds(shape), "rules read");
+         };
+     }},
+    {"read/floor",
+     [](const Shape& shape) { return [shape, store = NewPlain(shape, false)] { store->ReadAll(shape); }; }},
+    {"read/first", [](const Shape& shape)
+     { return [store = std::make_shared<FirstForm>(DataDirectory("ours-" + shape.Name()))] { store->ReadAll(); }; }},
+    {"read/sql", [](const Shape& shape) { return ReadSql(shape, false); }},
+    {"read/sql-aes", [](const Shape& shape) { return ReadSql(shape, true); }},
+    {"write/ours", [](const Shape& shape) { return [store = NewOurs(shape, true)] { store->WriteAll(); }; }},
+    {"write/floor", [](const Shape& shape) { return [store = NewPlain(shape, true)] { store->WriteAll(); }; }},
+    {"write/sql-aes",
+     [](const Shape& shape)
+     {
+         auto store = std::make_shared<SqlStore>(SqlPath(shape, "sql-aes-replace"), true, SqlStore::Journal::Rollback);
+         return [store, plain = NewPlain(shape, true)] { store->ReplaceAll(plain->Sets()); };
+     }},
+};
+
+int RunAsChild(const std::string& name, const Shape& shape, const std::string& report)
+{
+    for (const Child& child : kChildren)
+        if (name == child.Name)
+        {
+            const std::function<void()> work = child.Prepare(shape);
+            const Memory before = MemoryUse();
+            const double start = Seconds();
+            work();
+            const double seconds = Seconds() - start;
+            const Memory after = MemoryUse();
+            Report(report, {{"seconds", seconds},
+                            {"before", static_cast<double>(before.Now)},
+                            {"peak_before", static_cast<double>(before.Peak)},
+                            {"peak", static_cast<double>(after.Peak)}});
+            return 0;
+        }
+    Check(false, name.c_str());
+    return 1;
+}
+
+void ByChild(benchmark::State& state, const std::string& name, const Shape& shape)
+{
+    Numbers numbers;
+    for (auto _ : state)
+    {
+        numbers = RunChild("--child=" + name + " --store=" + shape.Name());
+        state.SetIterationTime(numbers["seconds"]);
+    }
+    // What the rules themselves take is there before a write, and comes with a read.
+    const double rules = name.starts_with("read") ? static_cast<double>(shape.Total() * sizeof(PFW_RULE)) : 0;
+    state.counters["peak_above_rules"] = numbers["peak"] - numbers["before"] - rules;
+    state.counters["peak_before"] = numbers["peak_before"] - numbers["before"];
+}
+
+// ------------------------------------------------------------------------------------------------- in one process --
+
+// One process holds the rules three times over: in the library, for the floor and the peer, and in the first form.
+struct Stores
+{
+    explicit Stores(const Shape& shape)
+        : Of(shape), Plain(NewPlain(shape, true)), First(DataDirectory("first-" + shape.Name())),
+          Ours(NewOurs(shape, true)), Records(Plain->Records())
+    {
+        First.Fill(shape);
+        Ours->WriteAll();
+        Plain->WriteAll();
+        First.WriteAll();
+        for (const bool encrypted : {false, true})
+            for (const char* name : {"", "-replace", "-wal"})
+                SqlStore::FillNew(SqlPath(shape, (std::string(encrypted ? "sql-aes" : "sql") + name).c_str()),
+                                  encrypted, Plain->Sets());
+    }
+    const Shape Of;
+    std::shared_ptr<PlainStore> Plain;
+    FirstForm First;
+    std::shared_ptr<OurStore> Ours;
+    std::vector<const PFW_RULE*> Records;
+};
+std::unique_ptr<Stores> g_Stores; // NOLINT: lives as long as main
+
+using Work = std::function<void()>;
+
+void Add(const std::string& name, Work prepare, Work work)
+{
+    auto* const registered =
+        benchmark::RegisterBenchmark((name + "/" + g_Stores->Of.Name()).c_str(),
+                                     [prepare = std::move(prepare), work = std::move(work)](auto& state)
+                                     {
+                                         for (auto _ : state)
+                                         {
+                                             if (prepare)
+                                                 prepare();
+                                             const double start = Seconds();
+                                             work();
+                                             state.SetIterationTime(Seconds() - start);
+                                         }
+                                     });
+    registered->UseManualTime()->Unit(benchmark::kMillisecond);
+    if (g_Stores->Of == kFull)
+        registered->Iterations(1);
+}
+
+void AddChild(const std::string& name, const std::string& child, const Shape& shape)
+{
+    benchmark::RegisterBenchmark((name + "/" + shape.Name()).c_str(),
+                                 [child, shape](auto& state) { ByChild(state, child, shape); })
+        ->UseManualTime()
+        ->Unit(benchmark::kMillisecond)
+        ->Iterations(1);
+}
+
+void AddSql(bool encrypted)
+{
+    const std::string name = encrypted ? "sql-aes" : "sql";
+    const Shape shape = g_Stores->Of;
+    const SetMap& sets = g_Stores->Plain->Sets();
+    for (const auto journal : {SqlStore::Journal::Rollback, SqlStore::Journal::WriteAhead})
+    {
+        const bool wal = journal == SqlStore::Journal::WriteAhead;
+        const std::string path = SqlPath(shape, (name + (wal ? "-wal" : "-replace")).c_str());
+        auto store = std::make_shared<std::unique_ptr<SqlStore>>();
+        const Work open = [=] { *store = std::make_unique<SqlStore>(path, encrypted, journal); };
+        Add("write/" + name + (wal ? "-wal" : "-rollback"), open, [=, &sets] { (*store)->ReplaceAll(sets); });
+        Add(
+            "change/" + name + (wal ? "-wal" : "-rollback"),
+            [=]
+            {
+                if (!*store)
+                    open();
+            },
+            [=] { (*store)->ReplaceOne(kFirstSet, RuleKey(50), *g_Stores->Records[50]); });
+    }
+    Add("write/" + name + "-fill", nullptr,
+        [=, &sets] { SqlStore::FillNew(SqlPath(shape, (name + "-fill").c_str()), encrypted, sets); });
+}
+
+void AddCipher()
+{
+    // The cipher alone in its best form: records out of memory, most chains at once, into a buffer that stays near.
+    const auto keys = std::make_shared<Aes128::KeySchedule>(FileFormat::kKey);
+    constexpr size_t kChains = Aes128::kMostChains;
+    const auto out = std::make_shared<std::vector<uint8_t>>(kChains * Aes128::CipherBytes(sizeof(PFW_RULE)));
+    Add("cipher/encrypt", nullptr,
+        [=]
+        {
+            const auto& records = g_Stores->Records;
+            for (size_t i = 0; i < records.size(); i += kChains)
+            {
+                const void* from[kChains];
+                uint8_t* to[kChains];
+                const size_t count = std::min(kChains, records.size() - i);
+                for (size_t j = 0; j < count; ++j)
+                {
+                    from[j] = records[i + j];
+                    to[j] = out->data() + j * Aes128::CipherBytes(sizeof(PFW_RULE));
+                }
+                Aes128::EncryptPadded(Aes128::BestCipher(), *keys, from, to, count, sizeof(PFW_RULE));
+            }
+        });
+    Add("cipher/decrypt", nullptr,
+        [=]
+        {
+            constexpr size_t kBlocks = sizeof(PFW_RULE) / Aes128::kBlock;
+            for (const PFW_RULE* record : g_Stores->Records)
+            {
+                uint8_t iv[Aes128::kBlock] = {};
+                Aes128::BestCipher().DecryptChain(*keys, reinterpret_cast<const uint8_t*>(record), out->data(), iv,
+                                                  kBlocks);
+            }
+        });
+}
+
+void AddAll(const Shape& shape)
+{
+    g_Stores = std::make_unique<Stores>(shape);
+    Add(
+        "write/ours", [=] { OurStore::MarkAll(shape); }, [] { g_Stores->Ours->WriteAll(); });
+    Add("write/floor", nullptr, [] { g_Stores->Plain->WriteAll(); });
+    Add("write/first", nullptr, [] { g_Stores->First.WriteAll(); });
+    Add("change/ours", nullptr, [] { g_Stores->Ours->ChangeOne(kFirstSet, RuleKey(50), *g_Stores->Records[50]); });
+    Add("change/floor", nullptr, [] { g_Stores->Plain->WriteSet(kFirstSet); });
+    AddSql(false);
+    AddSql(true);
+    AddCipher();
+    auto copy = std::make_shared<std::vector<PFW_RULE>>(shape.Total());
+    Add("copy", nullptr,
+        [=]
+        {
+            for (size_t i = 0; i < copy->size(); ++i)
+                (*copy)[i] = *g_Stores->Records[i];
+            benchmark::ClobberMemory();
+        });
+    for (const char* who : {"ours", "floor", "first", "sql", "sql-aes"})
+        if (shape == kFull)
+            AddChild(std::string("read/") + who, std::string("read/") + who, shape);
+    if (shape == kFull)
+    {
+        for (const char* who : {"ours", "floor", "sql-aes"})
+            AddChild(std::string("memory/write/") + who, std::string("write/") + who, shape);
+        return;
+    }
+    // Small: again and again in this process. The library goes on with what it read, which is what it wrote.
+    for (const Child& child : kChildren)
+        if (const std::string name = child.Name; name.starts_with("read") && name != "read/ours")
+            Add(name, nullptr, child.Prepare(shape));
+    Add("read/ours", nullptr, [] { g_Stores->Ours->ReadAll(); });
+}
+
+void AddGrowth()
+{
+    const auto add = [](const Shape& shape)
+    {
+        AddChild("growth/write/ours", "write/ours", shape);
+        AddChild("growth/write/floor", "write/floor", shape);
+        AddChild("growth/read/ours", "read/ours", shape);
+        AddChild("growth/read/floor", "read/floor", shape);
+    };
+    for (uint16_t n = 1; n <= KXRULE_MAX_RULESETS; n *= 2)
+        add({n, KXRULE_MAX_RULES});
+    for (uint16_t n = 1; n < KXRULE_MAX_RULES; n *= 2)
+        add({1, n});
+}
+
+} // namespace
+
+int main(int argc, char** argv)
+{
+    std::vector<char*> arguments(argv, argv + argc);
+    SetDataRoot(TakeOption(arguments, "data", "bench-data"));
+    const std::string store = TakeOption(arguments, "store", kSmall.Name());
+    const std::string report = TakeOption(arguments, "report", "");
+    if (const std::string child = TakeOption(arguments, "child", ""); !child.empty())
+        return RunAsChild(child, ParseShape(store), report);
+
+    int count = static_cast<int>(arguments.size());
+    benchmark::Initialize(&count, arguments.data());
+    if (store == "growth")
+        AddGrowth();
+    else
+        AddAll(ParseShape(store));
+    benchmark::RunSpecifiedBenchmarks();
+    g_Stores.reset();
+    return 0;
+}
