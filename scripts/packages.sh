@@ -7,6 +7,7 @@ declare -A groups=(
     [test]="g++ libc6-dev python3"
     [check]="clang clang-format clang-tidy lld llvm shellcheck"
     [package]="llvm zip"
+    [bench]="npm python3"
 )
 
 missing=()

@@ -1,0 +1,83 @@
+#!/bin/bash
+# bench.sh [--record]: measures the library against what the machine can do and against an SQL store, in a few minutes,
+# and prints one table. Results as JSON and plots: build/bench/results. --record puts table and plots into docs/performance.
+# KX_BENCH_ROUNDS: rounds of each measurement (7).
+. "$(dirname "$0")/steps.sh" 5
+
+deps=build/bench/deps
+results=build/bench/results
+
+# download DIRECTORY FILE SHA256 COMMAND...: fetches FILE into deps with the command unless it is there and right.
+download()
+{
+    local file=$1 sum=$2
+    shift 2
+    (
+        cd $deps
+        [ -f "$file" ] || "$@" >fetch.log 2>&1 || { cat fetch.log >&2; exit 1; }
+        sha256sum --quiet -c - <<<"$sum  $file"
+    )
+}
+
+# The source package from the system's own archive, without touching the system's list of sources.
+debianSource()
+{
+    local apt=$PWD/apt
+    mkdir -p "$apt/parts" "$apt/lists/partial" "$apt/cache"
+    [ ! -f /etc/apt/sources.list.d/debian.sources ] ||
+        sed 's/^Types: deb$/Types: deb-src/' /etc/apt/sources.list.d/debian.sources >"$apt/parts/source.sources"
+    [ ! -f /etc/apt/sources.list ] || sed -n 's/^deb /deb-src /p' /etc/apt/sources.list >"$apt/parts/source.list"
+    local options=(-qq -o Dir::Etc::sourcelist=/dev/null -o "Dir::Etc::sourceparts=$apt/parts"
+        -o "Dir::State::lists=$apt/lists" -o "Dir::Cache=$apt/cache" -o APT::Sandbox::User=root)
+    apt-get "${options[@]}" update
+    apt-get "${options[@]}" source --download-only "$1"
+}
+
+# run NAME PROGRAM [ARGUMENTS]
+run()
+{
+    local name=$1 program=$2
+    shift 2
+    echo "    $name"
+    quietly "bench-$name" cmake/wine-run.sh "build/bench/bin/$program.exe" --data=build/bench/data \
+        "--benchmark_repetitions=${KX_BENCH_ROUNDS:-7}" --benchmark_enable_random_interleaving=true \
+        "--benchmark_out=$results/bench-$name.json" --benchmark_out_format=json "$@"
+}
+
+step "packages"
+scripts/packages.sh build
+{ command -v npm && command -v python3; } >/dev/null || scripts/packages.sh bench # npm comes from elsewhere, too
+
+step "sources of the harness and of the peer"
+mkdir -p $deps
+harness=benchmark_1.7.1.orig.tar.gz
+peer=better-sqlite3-multiple-ciphers-12.11.1.tgz
+download $harness 6430e4092653380d9dc4ccb45a1e2dc9259d581f4866dc0759713126056bc1d7 debianSource benchmark=1.7.1-1
+download $peer 01388c78f46ce63c6aec021f67b364cc67bd637edba64f7add0c0230ce5f777a \
+    npm pack better-sqlite3-multiple-ciphers@12.11.1
+for archive in $harness $peer; do tar xzf "$deps/$archive" -C $deps; done
+
+step "build"
+configure bench
+NINJA_STATUS='    [%f/%t] ' cmake --build --preset bench --target files_bench calls_bench counts_bench
+
+step "run"
+trap stopWine EXIT
+rm -rf build/bench/data $results
+mkdir -p build/bench/data $results
+quietly bench-counts cmake/wine-run.sh build/bench/bin/counts_bench.exe --data=build/bench/data --out=$results/counts.json
+run files-full files_bench --store=64x1024
+run files-small files_bench --store=3x100 --benchmark_min_time=0.05
+run growth-files files_bench --store=growth --benchmark_repetitions=3
+run calls-full calls_bench --benchmark_filter='^(get|active)/.*/64x1024' --benchmark_min_time=0.1
+run calls-small calls_bench --benchmark_filter='^(get|active)/.*/3x100' --benchmark_min_time=0.1
+run calls-others calls_bench --benchmark_filter='^(add|line|trace)/' --benchmark_min_time=0.1
+run growth-calls calls_bench --benchmark_filter='^(growth|threads)/' --benchmark_min_time=0.02 --benchmark_repetitions=5
+rm -rf build/bench/data
+
+step "result ($SECONDS s in all)"
+if [ "${1-}" = --record ]; then
+    python3 bench/report.py $results --record docs/performance
+else
+    python3 bench/report.py $results
+fi
