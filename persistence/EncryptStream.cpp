@@ -66,8 +66,8 @@ bool CEncryptStream::WriteRecords(const void* const records[], size_t count, uin
         return false;
     const uint32_t prefix = static_cast<uint32_t>(cipherBytes);
     const size_t recordBytes = kPrefix + prefix;
-    if (count > 1)
-        Grow(count < kPiece / recordBytes ? std::min(kPiece, m_End + count * recordBytes) : kPiece);
+    if (count >= kPiece / recordBytes)
+        Grow(kPiece);
     const size_t together = std::clamp(kPiece / recordBytes, size_t{1}, Aes128::kMostChains);
     while (count > 0)
     {

@@ -1,10 +1,8 @@
 // A rule set file: the set's index and name, then its rules. docs/format.md, "Rule set files".
 #include "persistence/RuleSetFormat.h"
 
-#include <algorithm>
-#include <iterator>
+#include <vector>
 
-#include "persistence/Aes128.h"
 #include "persistence/FileFormat.h"
 
 namespace RuleSetFormat
@@ -54,15 +52,8 @@ void WriteHeader(CEncryptStream& stream, const Header& header)
 
 bool WriteRules(CEncryptStream& stream, const PFW_RULE* const rules[], size_t count)
 {
-    const void* batch[Aes128::kMostChains];
-    for (size_t begin = 0; begin < count; begin += std::size(batch))
-    {
-        const size_t length = std::min(std::size(batch), count - begin);
-        std::copy_n(rules + begin, length, batch);
-        if (!stream.WriteRecords(batch, length, sizeof(PFW_RULE)))
-            return false;
-    }
-    return true;
+    const std::vector<const void*> records(rules, rules + count); // all in one call: the stream then knows the size
+    return stream.WriteRecords(records.data(), count, sizeof(PFW_RULE));
 }
 
 } // namespace RuleSetFormat
