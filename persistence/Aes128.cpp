@@ -76,7 +76,8 @@ constexpr ByteTable kInverseSBox = Invert(kSBox);
 constexpr std::array<WordTable, 4> kEncrypt = MakeRoundTables(kSBox, {2, 1, 1, 3});
 constexpr std::array<WordTable, 4> kDecrypt = MakeRoundTables(kInverseSBox, {14, 9, 13, 11});
 
-// A state or round key: four columns, the first row in the lowest byte.
+// A state or round key as it lies in memory: four columns, the first row in the lowest byte.
+static_assert(std::endian::native == std::endian::little);
 using Columns = std::array<uint32_t, 4>;
 
 constexpr uint8_t Row(uint32_t column, int row)
@@ -84,21 +85,16 @@ constexpr uint8_t Row(uint32_t column, int row)
     return static_cast<uint8_t>(column >> (8 * row));
 }
 
-uint32_t LoadColumn(const uint8_t* from)
-{
-    return static_cast<uint32_t>(from[0]) | static_cast<uint32_t>(from[1]) << 8 | static_cast<uint32_t>(from[2]) << 16 |
-           static_cast<uint32_t>(from[3]) << 24;
-}
-
 Columns Load(const uint8_t* from)
 {
-    return {LoadColumn(from), LoadColumn(from + 4), LoadColumn(from + 8), LoadColumn(from + 12)};
+    Columns state;
+    std::memcpy(state.data(), from, kBlock);
+    return state;
 }
 
 void Store(uint8_t* to, const Columns& state)
 {
-    for (size_t i = 0; i < kBlock; ++i)
-        to[i] = Row(state[i / 4], static_cast<int>(i % 4));
+    std::memcpy(to, state.data(), kBlock);
 }
 
 Columns operator^(const Columns& a, const Columns& b)
