@@ -83,7 +83,8 @@ public:
         m_CheckMembership = m_Library.Find<decltype(::CheckTokenMembership)>("CheckTokenMembership");
     }
     [[nodiscard]] bool IsReady() const noexcept { return m_CreateSid != nullptr && m_CheckMembership != nullptr; }
-    [[nodiscard]] bool Check(bool* isMember) const noexcept
+    /// ERROR_SUCCESS, or the error of the call that failed.
+    [[nodiscard]] DWORD Check(bool* isMember) const noexcept
     {
         const UniqueLocalMemory sid(::LocalAlloc(LPTR, kSidSize));
         DWORD size = kSidSize;
@@ -91,9 +92,9 @@ public:
         if (!sid ||
             m_CreateSid(static_cast<WELL_KNOWN_SID_TYPE>(kLocalSystemSid), nullptr, sid.get(), &size) == FALSE ||
             m_CheckMembership(nullptr, sid.get(), &answer) == FALSE)
-            return false;
+            return ::GetLastError();
         *isMember = answer != FALSE;
-        return true;
+        return ERROR_SUCCESS;
     }
 
 private:
@@ -185,24 +186,20 @@ bool Harden(HANDLE object) noexcept
 
 bool IsLocalSystem(bool* isMember, DWORD* error) noexcept
 {
-    bool isDone = false;
     DWORD reason = ERROR_NOT_SUPPORTED;
     try
     {
         const TokenTest test;
         if (IsVersion(VersionClass::Nt51OrLater) && test.IsReady()) // the first systems with both calls
-        {
-            isDone = test.Check(isMember);
-            reason = ::GetLastError();
-        }
+            reason = test.Check(isMember);
     }
     catch (...)
     {
         reason = ERROR_NOT_ENOUGH_MEMORY;
     }
-    if (!isDone && error != nullptr)
+    if (reason != ERROR_SUCCESS && error != nullptr)
         *error = reason;
-    return isDone;
+    return reason == ERROR_SUCCESS;
 }
 
 bool IsServiceSession() noexcept
