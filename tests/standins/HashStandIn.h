@@ -1,0 +1,36 @@
+// A KxHash.dll that hashes nothing: it answers as it is told and keeps the paths that it was asked about.
+//
+//     TempDir dir;                    // the folder that InstallPath names; see tests/support/RegistryGuard.h
+//     HashStandIn hash(dir.Path());   // copies it there from bin/standins and holds it
+//     hash->Status = 5;
+//     hash->OnCall = [](const wchar_t*) { ::WaitForSingleObject(g_GoOn, INFINITE); };   // as slow as the test wants
+//
+// HashStandIn(folder, "no-function") lacks kxCfwGetHashValue. Tests read Paths; only the library grows it, one call
+// at a time.
+#pragma once
+
+#include <cstdint>
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include "api/KxPfwRule.h"
+#include "tests/standins/StandIn.h"
+
+struct HashStandInState
+{
+    int32_t Status = 0;
+    uint8_t Hash[KXRULE_HASH_BYTES] = {}; // written whatever the status
+    void (*OnCall)(const wchar_t* path) = nullptr;
+    std::vector<std::wstring> Paths; // one for each call
+};
+
+class HashStandIn : public StandIn<HashStandInState>
+{
+public:
+    explicit HashStandIn(const std::filesystem::path& folder, const std::string& variant = "whole")
+        : StandIn("KxHash.dll", folder, variant)
+    {
+    }
+    void SetHash(uint8_t byte) const { std::memset((*this)->Hash, byte, KXRULE_HASH_BYTES); }
+};

@@ -1,0 +1,58 @@
+// A KxVqrDbg.dll that writes nothing: it keeps what it is given and answers as it is told.
+//
+//     TempDir dir;                       // where the library under test looks for KxVqrDbg.dll
+//     TraceStandIn trace(dir.Path());    // copies it there from bin/standins and holds it
+//     trace->HasConfig = true; trace->Enable = 1; trace->Level = 273;       // what KxDbgGetDebugConfig answers
+//     ... the code under test initialises, traces, ends ...
+//     EXPECT_EQ(trace->Lines.at(0).Text, ...);
+//
+// TraceStandIn(folder, "no-trace") lacks an entry point: "no-initialize", "no-uninitialize", "no-trace", "no-config".
+// Tests read the lists; only the library grows them. Nothing here is locked: the callers are to come one at a time,
+// and Overlapped tells when they did not.
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "common/srclib/KxComn_DebugConfig.h"
+#include "tests/standins/StandIn.h"
+
+struct TraceStandInState
+{
+    // Orders.
+    int32_t InitializeResult = 0;
+    uint64_t Handle = 0x1234567890; // what KxDbgInitialize hands out
+    int32_t TraceResult = 0;
+    int32_t ConfigResult = 0;
+    bool HasConfig = false; // false: KxDbgGetDebugConfig answers what KxDbgInitialize was given
+    uint8_t Enable = 0;
+    uint32_t Level = 0;
+    DWORD LastError = 0;          // each entry point leaves this as GetLastError and as errno
+    void (*OnDetach)() = nullptr; // called when the process ends and the library has gone down; a call of an entry
+                                  // point after that crashes
+
+    // Records.
+    struct Line
+    {
+        uint64_t Handle;
+        SYSTEMTIME Time;
+        std::wstring Text;
+    };
+    std::vector<Line> Lines;
+    std::vector<KxCommon::DebugConfigWide> Configs; // one for each KxDbgInitialize
+    std::vector<uint64_t> Ended;                    // the handle of each KxDbgUninitialize
+    int ConfigCount = 0;                            // calls of KxDbgGetDebugConfig
+    std::atomic<int> Inside{0};
+    std::atomic<bool> Overlapped{false};
+};
+
+class TraceStandIn : public StandIn<TraceStandInState>
+{
+public:
+    explicit TraceStandIn(const std::filesystem::path& folder, const std::string& variant = "whole")
+        : StandIn("KxVqrDbg.dll", folder, variant)
+    {
+    }
+};
