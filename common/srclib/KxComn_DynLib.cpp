@@ -5,6 +5,8 @@
 
 #include "common/srclib/KxComn_Windows.h"
 
+#include "common/srclib/Utility.h"
+
 namespace KxCommon
 {
 
@@ -14,6 +16,11 @@ bool DynLib::Load(const std::string& path) noexcept
     // With a path, the module's own folder serves the libraries that it needs in turn. Neither the current folder nor
     // PATH takes part in either form, so nothing can be planted there.
     const bool isBareName = path.find_first_of("\\/:") == std::string::npos;
+    if (!isBareName && !IsAbsolutePath(path))
+    {
+        ::SetLastError(ERROR_BAD_PATHNAME);
+        return false;
+    }
     const DWORD flags = LOAD_LIBRARY_SEARCH_DEFAULT_DIRS | (isBareName ? 0 : LOAD_LIBRARY_SEARCH_DLL_LOAD_DIR);
     m_Module = ::LoadLibraryExA(path.c_str(), nullptr, flags);
     return m_Module != nullptr;

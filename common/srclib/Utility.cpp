@@ -68,6 +68,17 @@ bool NarrowShortModulePath(HMODULE module, char (&shortPath)[kPathSize]) noexcep
            ::WideCharToMultiByte(CP_ACP, 0, wide, -1, shortPath, kPathSize, nullptr, nullptr) > 0;
 }
 
+template <class View>
+bool IsAbsolute(View path) noexcept
+{
+    const auto isSeparator = [](auto unit) { return unit == '\\' || unit == '/'; };
+    const auto isLetter = [](auto unit) { return (unit | 0x20) >= 'a' && (unit | 0x20) <= 'z'; };
+    if (path.size() < 3)
+        return false;
+    return (isLetter(path[0]) && path[1] == ':' && isSeparator(path[2])) ||
+           (isSeparator(path[0]) && isSeparator(path[1]));
+}
+
 } // namespace
 
 std::string GetApplicationPath(HMODULE module) noexcept
@@ -104,14 +115,14 @@ void AppendSeparator(std::wstring& path)
         path += L'\\';
 }
 
+bool IsAbsolutePath(std::string_view path) noexcept
+{
+    return IsAbsolute(path);
+}
+
 bool IsAbsolutePath(std::wstring_view path) noexcept
 {
-    const auto isSeparator = [](wchar_t unit) { return unit == L'\\' || unit == L'/'; };
-    const auto isLetter = [](wchar_t unit) { return (unit | 0x20) >= L'a' && (unit | 0x20) <= L'z'; };
-    if (path.size() < 3)
-        return false;
-    return (isLetter(path[0]) && path[1] == L':' && isSeparator(path[2])) ||
-           (isSeparator(path[0]) && isSeparator(path[1]));
+    return IsAbsolute(path);
 }
 
 } // namespace KxCommon

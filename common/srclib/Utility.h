@@ -23,6 +23,7 @@ void AppendSeparator(std::string& path);
 void AppendSeparator(std::wstring& path);
 
 /// True for a path that means the same place whatever the current folder is: "C:\..." or "\\server\...".
+[[nodiscard]] bool IsAbsolutePath(std::string_view path) noexcept;
 [[nodiscard]] bool IsAbsolutePath(std::wstring_view path) noexcept;
 
 /// An owning block of bytes, zero when new.

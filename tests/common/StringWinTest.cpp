@@ -184,7 +184,10 @@ TEST(Utility, IsAbsolutePath)
         {L"C:dir", false}, {L"C:", false},    {L"1:\\", false},
     };
     for (const auto& [path, isAbsolute] : rows)
+    {
         EXPECT_EQ(IsAbsolutePath(path), isAbsolute) << testing::PrintToString(path);
+        EXPECT_EQ(IsAbsolutePath(String::ToNarrow(path)), isAbsolute) << testing::PrintToString(path);
+    }
 }
 
 } // namespace
