@@ -1,0 +1,309 @@
+// What one life of the library says, line by line: a copy of the DLL with a stand-in trace library beside it.
+#include "tests/api/StoreFixture.h"
+
+#include <functional>
+#include <optional>
+#include <regex>
+#include <sstream>
+
+#include "common/srclib/KxComn_Windows.h"
+#include "tests/standins/TraceStandIn.h"
+
+namespace
+{
+
+// The exports of a copy of the DLL in a folder of its own.
+class LibraryCopy
+{
+public:
+    explicit LibraryCopy(const std::filesystem::path& folder)
+    {
+        std::filesystem::copy_file(TestFolder() / "KxPfwRul.dll", folder / "KxPfwRul.dll");
+        m_Module = ::LoadLibraryW((folder / "KxPfwRul.dll").c_str());
+    }
+    ~LibraryCopy() { ::FreeLibrary(m_Module); }
+    LibraryCopy(const LibraryCopy&) = delete;
+    LibraryCopy& operator=(const LibraryCopy&) = delete;
+
+    /// The copy's function that has the signature and name of a declared one: Call("kxRuleRead", kxRuleRead).
+    template <class Result, class... Parameters, class... Arguments>
+    Result Call(const char* name, Result (*)(Parameters...), Arguments... arguments) const
+    {
+        void* const address = reinterpret_cast<void*>(::GetProcAddress(m_Module, name));
+        return reinterpret_cast<Result (*)(Parameters...)>(address)(arguments...);
+    }
+
+private:
+    HMODULE m_Module = nullptr;
+};
+
+} // namespace
+
+#define KX_CALL(function, ...) m_Library->Call(#function, function __VA_OPT__(, ) __VA_ARGS__)
+
+class TraceTest : public testing::Test
+{
+protected:
+    void SetUp() override
+    {
+        m_Trace.emplace(m_Folder.Path());
+        (*m_Trace)->HasConfig = true;
+        (*m_Trace)->Enable = 1;
+        (*m_Trace)->Level = 1 + 16 + 256;
+        m_Library.emplace(m_Folder.Path());
+    }
+    [[nodiscard]] std::string Rules() const { return (m_Folder / "rules").string() + '\\'; }
+    [[nodiscard]] std::filesystem::path RuleFile(const char* name) const { return m_Folder / "rules" / name; }
+    void Start() { KX_CALL(kxRuleInitialize, Rules().c_str(), static_cast<const char*>(nullptr)); }
+
+    /// The lines since the last call: tag, message and source file, without time, ids and line number; paths and
+    /// temporary names shortened.
+    std::string Said()
+    {
+        std::string said;
+        for (; m_Seen < (*m_Trace)->Lines.size(); ++m_Seen)
+        {
+            const std::wstring& wide = (*m_Trace)->Lines[m_Seen].Text;
+            std::string line(wide.begin(), wide.end());
+            std::smatch parts;
+            static const std::regex form(
+                R"(\d\d/\d\d/\d{4} \d\d:\d\d:\d\d\.\d{3} [0-9a-f]{4,}:[0-9a-f]{4,} (...) <PfwRule> ([^]*) - (\S+)\(\d+\)\r\n)");
+            if (!std::regex_match(line, parts, form))
+                return "a line of another form: " + line;
+            std::string message = parts[2];
+            for (size_t at; (at = message.find(Rules())) != std::string::npos;)
+                message.replace(at, Rules().size(), "DIR\\");
+            message = std::regex_replace(message, std::regex("(Mas|Mac|Rul)[0-9A-Fa-f]+\\.tmp"), "$1#.tmp");
+            message = std::regex_replace(message, std::regex("succeeded \\([0-9A-F]{8}\\)"), "succeeded (HANDLE)");
+            message = std::regex_replace(message, std::regex("RuleBackup\\\\[0-9]{12}"), "RuleBackup\\DATE");
+            said += parts[1].str() + ' ' + message + " - " + parts[3].str() + '\n';
+        }
+        return said;
+    }
+
+    TempDir m_Folder;
+    std::optional<TraceStandIn> m_Trace;
+    std::optional<LibraryCopy> m_Library;
+    size_t m_Seen = 0;
+};
+
+TEST_F(TraceTest, AWholeLife)
+{
+    Start();
+    KX_CALL(kxRuleRead);
+    auto set = Build::RuleSet(3, L"set", {Build::Access(1)});
+    KX_CALL(kxRuleAddRuleSet, uint16_t{0}, set.get());
+    auto rule = Build::Access(1);
+    KX_CALL(kxRuleAddRule, uint16_t{1}, uint16_t{2}, &rule);
+    KX_CALL(kxRuleGetRule, uint16_t{1}, uint16_t{2}, static_cast<PFW_RULE*>(nullptr));
+    KX_CALL(kxRuleWrite);
+    KX_CALL(kxRuleAddRuleSet, uint16_t{1}, set.get());
+    KX_CALL(kxRuleDeleteRuleSet, uint16_t{9});
+    KX_CALL(kxRuleFinalize);
+    EXPECT_EQ(Said(), std::string(R"(
+@@@ kxRuleInitialize Enter - KxPfwRule.cpp
+@@@ RulePath=DIR\, RuleMaster=KxRulMas.dat - RuleMaster.cpp
+@@@ kxRuleInitialize Return (0) - KxPfwRule.cpp
+@@@ kxRuleRead Enter - KxPfwRule.cpp
+@@@ CMasterFile::ReadAll Enter - RuleMasterFiles.cpp
+@@@ CRuleMaster::ReadMasterFile Enter - RuleMasterFiles.cpp
+@@@ 	Rule master file does not exist - RuleMasterFiles.cpp
+@@@ CRuleMaster::ReadMacroFile Enter - RuleMasterFiles.cpp
+@@@ 	Macro file does not exist - RuleMasterFiles.cpp
+@@@ CRuleMaster::ReadRuleSetFile Enter (index 0) - RuleMasterFiles.cpp
+@@@ 	The number of RuleSet=0 - RuleMasterFiles.cpp
+@@@ CRuleMaster::ReadRuleSetFile Return (0) - RuleMasterFiles.cpp
+@@@ CMasterFile::ReadAll Return - RuleMasterFiles.cpp
+@@@ kxRuleRead Return (0) - KxPfwRule.cpp
+@@@ kxRuleAddRuleSet Enter - KxPfwRule.cpp
+@@@ CRuleMaster::AddRuleSet Enter - RuleMaster.cpp
+@@@ CRuleMaster::AddRuleSet Return (0) - RuleMaster.cpp
+@@@ 	Index:1 - KxPfwRule.cpp
+@@@ kxRuleAddRuleSet Return (0) - KxPfwRule.cpp
+@@@ kxRuleAddRule Enter - KxPfwRule.cpp
+@@@ kxRuleAddRule Return (0) - KxPfwRule.cpp
+!!! CRule::GetRule(): Pointer to rule structure (parameter) is NULL. - Rule.cpp
+@@@ kxRuleWrite Enter - KxPfwRule.cpp
+@@@ CMasterFile::WriteAll Enter - RuleMasterFiles.cpp
+@@@ CRuleMaster::WriteMacroFile Enter - RuleMasterFiles.cpp
+@@@ CRuleMaster::WriteMacroFile Return - RuleMasterFiles.cpp
+@@@ CRuleMaster::WriteRuleSetFile Enter (index 0) - RuleMasterFiles.cpp
+@@@ 	Call CRuleSet::Write - RuleMasterFiles.cpp
+@@@ CRuleSet::Write Enter (DIR\) - RuleSetFile.cpp
+@@@ CRuleSet::Write return - RuleSetFile.cpp
+@@@ 	Return CRuleSet::Write (0) - RuleMasterFiles.cpp
+@@@ CRuleMaster::WriteRuleSetFile Return (0) - RuleMasterFiles.cpp
+@@@ CRuleMaster::WriteMasterFile Enter - RuleMasterFiles.cpp
+@@@ CRuleMaster::WriteMasterFile Return - RuleMasterFiles.cpp
+@@@ CMasterFile::WriteAll Return - RuleMasterFiles.cpp
+@@@ kxRuleWrite Return (0) - KxPfwRule.cpp
+@@@ kxRuleAddRuleSet Enter - KxPfwRule.cpp
+@@@ CRuleMaster::AddRuleSet Enter - RuleMaster.cpp
+@@@ 	Index:1 - KxPfwRule.cpp
+@@@ kxRuleAddRuleSet Return (-10015) - KxPfwRule.cpp
+@@@ kxRuleDeleteRuleSet Enter - KxPfwRule.cpp
+@@@ kxRuleDeleteRuleSet Return (-10015) - KxPfwRule.cpp
+@@@ kxRuleFinalize Enter - KxPfwRule.cpp
+@@@ CMasterFile::WriteAll Enter - RuleMasterFiles.cpp
+@@@ CRuleMaster::WriteMacroFile Enter - RuleMasterFiles.cpp
+@@@ CRuleMaster::WriteMacroFile Return - RuleMasterFiles.cpp
+@@@ CRuleMaster::WriteRuleSetFile Enter (index 0) - RuleMasterFiles.cpp
+@@@ CRuleMaster::WriteRuleSetFile Return (0) - RuleMasterFiles.cpp
+@@@ CRuleMaster::WriteMasterFile Enter - RuleMasterFiles.cpp
+@@@ CRuleMaster::WriteMasterFile Return - RuleMasterFiles.cpp
+@@@ CMasterFile::WriteAll Return - RuleMasterFiles.cpp
+@@@ CloseHandle succeeded (HANDLE) - PfwTimer.cpp
+@@@ CloseHandle succeeded (HANDLE) - PfwTimer.cpp
+@@@ g_RuleMaster.Finalize() Return (0) - KxPfwRule.cpp
+)")
+                          .substr(1));
+}
+
+TEST_F(TraceTest, ABrokenRuleSetThenAnUnusableMasterAndMacroFile)
+{
+    Start();
+    KX_CALL(kxRuleAddRuleSet, uint16_t{1}, Build::RuleSet(3, L"set", {Build::Access(1), Build::Access(2)}).get());
+    KX_CALL(kxRuleFinalize);
+    std::string bytes = ReadBytes(RuleFile("KxRl0001.dat"));
+    bytes.resize(bytes.size() - 1);
+    WriteBytes(RuleFile("KxRl0001.dat"), bytes);
+    Said();
+    Start();
+    KX_CALL(kxRuleRead);
+    KX_CALL(kxRuleFinalize);
+    EXPECT_EQ(Said(), std::string(R"(
+@@@ kxRuleInitialize Enter - KxPfwRule.cpp
+@@@ RulePath=DIR\, RuleMaster=KxRulMas.dat - RuleMaster.cpp
+@@@ kxRuleInitialize Return (0) - KxPfwRule.cpp
+@@@ kxRuleRead Enter - KxPfwRule.cpp
+@@@ CMasterFile::ReadAll Enter - RuleMasterFiles.cpp
+@@@ CRuleMaster::ReadMasterFile Enter - RuleMasterFiles.cpp
+@@@ CRuleMaster::ReadMasterFile Return - RuleMasterFiles.cpp
+@@@ CRuleMaster::ReadMacroFile Enter - RuleMasterFiles.cpp
+@@@ CRuleMaster::ReadMacroFile Return - RuleMasterFiles.cpp
+@@@ CRuleMaster::ReadRuleSetFile Enter (index 0) - RuleMasterFiles.cpp
+@@@ 	The number of RuleSet=1 - RuleMasterFiles.cpp
+@@@ 	Call CRuleSet::Read(KxRl0001.dat) - RuleMasterFiles.cpp
+@@@ CRuleSet::Read Enter (DIR\) - RuleSetFile.cpp
+!!! 	File read error [Body] - RuleSetFile.cpp
+!!! 	CRuleSet::Read() error -10056 (file="KxRl0001.dat") - RuleMasterFiles.cpp
+!!! 	Creating a rescue RuleSet instead of a broken/deleted RuleSet KxRl0001.dat - RuleMasterFiles.cpp
+@@@ 	Added rescue rule (index=1:30001, rule="ACCESS,,,,,,DROP") - RuleSetRescue.cpp
+@@@ 	Added rescue rule (index=1:30002, rule="ACCESS,,,,,,ACCEPT") - RuleSetRescue.cpp
+@@@ 	Added rescue rule (index=1:30003, rule="ACCESS,,,,,,ACCEPT") - RuleSetRescue.cpp
+@@@ CRuleSet::Write Enter (DIR\) - RuleSetFile.cpp
+@@@ CRuleSet::Write return - RuleSetFile.cpp
+@@@ CRuleMaster::ReadRuleSetFile Return (0) - RuleMasterFiles.cpp
+@@@ CMasterFile::ReadAll Return - RuleMasterFiles.cpp
+@@@ kxRuleRead Return (0) - KxPfwRule.cpp
+@@@ kxRuleFinalize Enter - KxPfwRule.cpp
+@@@ CloseHandle succeeded (HANDLE) - PfwTimer.cpp
+@@@ CloseHandle succeeded (HANDLE) - PfwTimer.cpp
+@@@ g_RuleMaster.Finalize() Return (0) - KxPfwRule.cpp
+)")
+                          .substr(1));
+
+    WriteBytes(RuleFile("KxRulMas.dat"), "xx");
+    WriteBytes(RuleFile("KxRulMac.dat"), "xx");
+    Start();
+    KX_CALL(kxRuleRead);
+    KX_CALL(kxRuleFinalize);
+    EXPECT_EQ(Said(), std::string(R"(
+@@@ kxRuleInitialize Enter - KxPfwRule.cpp
+@@@ RulePath=DIR\, RuleMaster=KxRulMas.dat - RuleMaster.cpp
+@@@ kxRuleInitialize Return (0) - KxPfwRule.cpp
+@@@ kxRuleRead Enter - KxPfwRule.cpp
+@@@ CMasterFile::ReadAll Enter - RuleMasterFiles.cpp
+@@@ CRuleMaster::ReadMasterFile Enter - RuleMasterFiles.cpp
+!!! 	MasterFile does not match magic - RuleMasterFiles.cpp
+!!! 	Read master file failed [Wrong magic] - RuleMasterFiles.cpp
+.w. BackupAllRules [Enter] - Backup.cpp
+.w. CreateBackupDirectoryByDate [Enter] - Backup.cpp
+@@@ Created backup directory [DIR\RuleBackup\DATE] - Backup.cpp
+@@@ Move master file : [DIR\KxRulMas.dat] -> [DIR\RuleBackup\DATE\KxRulMas.dat] - Backup.cpp
+@@@ Move ruleset file : [DIR\KxRl0001.dat] -> [DIR\RuleBackup\DATE\KxRl0001.dat] - Backup.cpp
+.w. BackupAllRules [Leave] - Backup.cpp
+@@@ CRuleMaster::ReadMasterFile Return - RuleMasterFiles.cpp
+@@@ CRuleMaster::ReadMacroFile Enter - RuleMasterFiles.cpp
+!!! 	MacroFile does not match magic - RuleMasterFiles.cpp
+!!! 	ReadMacroFile error (-10060) - RuleMasterFiles.cpp
+@@@ kxRuleRead Return (-10060) - KxPfwRule.cpp
+@@@ kxRuleFinalize Enter - KxPfwRule.cpp
+@@@ CloseHandle succeeded (HANDLE) - PfwTimer.cpp
+@@@ CloseHandle succeeded (HANDLE) - PfwTimer.cpp
+@@@ g_RuleMaster.Finalize() Return (0) - KxPfwRule.cpp
+)")
+                          .substr(1));
+}
+
+// Which calls say what when they refuse, and which of them say nothing on their way out.
+TEST_F(TraceTest, RefusedCalls)
+{
+    Start();
+    PFW_RULE blank = Build::Access(1);
+    blank.Access.Port[0] = Build::PortList("");
+    PFW_RULE nameless = Build::Access(2);
+    KX_CALL(kxRuleAddRuleSet, uint16_t{1}, Build::RuleSet(1, L"set", {nameless}).get());
+    Said();
+    const uint16_t zero = 0;
+    const auto none = static_cast<const char*>(nullptr);
+    struct
+    {
+        const char* name;
+        std::function<int32_t()> call;
+        int32_t result;
+        std::string said;
+    } const rows[] = {
+        {"second start", [&] { return KX_CALL(kxRuleInitialize, none, none); }, KXRULE_E_ALREADY_INITIALIZED,
+         "@@@ kxRuleInitialize Enter - KxPfwRule.cpp\n"
+         "@@@ rule path not specified. will use dll's location as rule path - KxPfwRule.cpp\n"
+         "!!! Already Initialized - KxPfwRule.cpp\n"},
+        {"active, null", [&] { return KX_CALL(kxRuleSetActiveRuleSet, static_cast<const uint16_t*>(nullptr), 1); },
+         KXRULE_E_NULL_POINTER,
+         "@@@ kxRuleSetActiveRuleSet Enter - KxPfwRule.cpp\n"
+         "@@@ Pointer to array of rule set is NULL but nCount is not ZERO. - KxPfwRule.cpp\n"},
+        {"active, 0", [&] { return KX_CALL(kxRuleSetActiveRuleSet, &zero, 1); }, KXRULE_E_NO_RULESET,
+         "@@@ kxRuleSetActiveRuleSet Enter - KxPfwRule.cpp\n!!! Invalid RuleSet index (0) - KxPfwRule.cpp\n"},
+        {"set, null", [&] { return KX_CALL(kxRuleAddRuleSet, zero, static_cast<PFW_RULESET*>(nullptr)); },
+         KXRULE_E_NULL_POINTER,
+         "@@@ kxRuleAddRuleSet Enter - KxPfwRule.cpp\n"
+         "@@@ Pointer to structure of rule set is NULL. - KxPfwRule.cpp\n"},
+        {"set, port list", [&] { return KX_CALL(kxRuleAddRuleSet, zero, Build::RuleSet(1, L"", {blank}).get()); },
+         KXRULE_E_PORT_LIST, "@@@ kxRuleAddRuleSet Enter - KxPfwRule.cpp\n"},
+        {"rule, null", [&] { return KX_CALL(kxRuleAddRule, zero, zero, static_cast<const PFW_RULE*>(nullptr)); },
+         KXRULE_E_NULL_POINTER,
+         "@@@ kxRuleAddRule Enter - KxPfwRule.cpp\n@@@ Pointer of Rule structure is NULL. - KxPfwRule.cpp\n"},
+        {"rule, port list", [&] { return KX_CALL(kxRuleAddRule, zero, zero, &blank); }, KXRULE_E_PORT_LIST,
+         "@@@ kxRuleAddRule Enter - KxPfwRule.cpp\n"},
+        {"macro, null", [&] { return KX_CALL(kxRuleAddMacro, static_cast<const PFW_MACRO*>(nullptr)); },
+         KXRULE_E_NULL_POINTER,
+         "@@@ kxRuleAddMacro Enter - KxPfwRule.cpp\n@@@ Pointer of Macro structure is NULL. - KxPfwRule.cpp\n"},
+        {"text, null",
+         [&] {
+             return KX_CALL(kxRuleGetRuleString2, static_cast<const PFW_RULE*>(nullptr), static_cast<char*>(nullptr),
+                            0);
+         },
+         KXRULE_E_NULL_POINTER,
+         "@@@ kxRuleGetRuleString2 Enter - KxPfwRule.cpp\n@@@ kxRuleGetRuleString2 Return (-10012) - KxPfwRule.cpp\n"},
+        {"hash",
+         [&]
+         {
+             return KX_CALL(kxRuleUpdateHashValue, static_cast<const KXWCHAR*>(nullptr),
+                            static_cast<const uint8_t*>(nullptr), static_cast<KXRULE_HASH_CALLBACK>(nullptr),
+                            static_cast<void*>(nullptr));
+         },
+         KXRULE_OK, ".w. CRule::UpdateHash, m_Rule.Access.wszAppName is empty RuleSet(1) Rule(2) - RuleHash.cpp\n"},
+    };
+    for (const auto& row : rows)
+    {
+        EXPECT_EQ(row.call(), row.result) << row.name;
+        EXPECT_EQ(Said(), row.said) << row.name;
+    }
+    KX_CALL(kxRuleFinalize);
+    Said();
+    Start();
+    Said();
+    EXPECT_EQ(KX_CALL(kxRuleFlush), 0);
+    EXPECT_EQ(Said(), "@@@ CRuleMaster::FlushRule not necessary - RuleMasterFiles.cpp\n");
+    KX_CALL(kxRuleFinalize);
+}
