@@ -125,7 +125,7 @@ void ReadValues(Storage::Base& storage, DebugConfig& config)
 
 // Runs what may throw; whatever it throws is deleted, and the answer is false.
 template <class Work>
-bool Guarded(Work work) noexcept
+bool Guarded(Work work) noexcept KX_NO_THREAD_SAFETY_ANALYSIS // what it is given carries its own
 {
     try
     {
@@ -219,7 +219,7 @@ bool DebugLog::Start(const Storage::Key& settings, const DebugConfig& config)
     AppendSeparator(path);
     if (!m_DbgLibrary.Load(path + Names::kTraceLibrary))
         return false;
-    const bool isStarted = Guarded([&] { return StartLibrary(config); });
+    const bool isStarted = Guarded([&]() KX_REQUIRES(m_TraceLock) { return StartLibrary(config); });
     if (!isStarted)
         m_DbgLibrary.Unload();
     return isStarted;
