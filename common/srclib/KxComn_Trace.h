@@ -5,8 +5,8 @@
 #include <atomic>
 #include <cstdint>
 
-#include "common/srclib/KxComn_Port.h"
 #include "api/KxPfwRule.h"
+#include "common/srclib/KxComn_Port.h"
 
 namespace KxCommon
 {
