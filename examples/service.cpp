@@ -1,0 +1,137 @@
+// service.cpp: how a service lives with the store. It reads the rules once, answers queries on several threads while
+// the library writes changes at its own interval, and finalises when it is told to stop.
+//
+// A query is a line such as "tcp 443" on the standard input; the answer names the first rule of the active rule sets
+// that speaks of that protocol and port. "block tcp 23" adds a rule. The end of the input stops the service.
+#include <condition_variable>
+#include <cstdio>
+#include <deque>
+#include <iostream>
+#include <mutex>
+#include <sstream>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include <KxPfwRule.hpp>
+
+namespace
+{
+
+// What the threads take their work from.
+class Queries
+{
+public:
+    void Put(std::string query)
+    {
+        const std::lock_guard lock(m_Lock);
+        m_Waiting.push_back(std::move(query));
+        m_Changed.notify_one();
+    }
+
+    void Close()
+    {
+        const std::lock_guard lock(m_Lock);
+        m_Closed = true;
+        m_Changed.notify_all();
+    }
+
+    // False when there is nothing left and nothing more will come.
+    bool Take(std::string& query)
+    {
+        std::unique_lock lock(m_Lock);
+        m_Changed.wait(lock, [this] { return m_Closed || !m_Waiting.empty(); });
+        if (m_Waiting.empty())
+            return false;
+        query = std::move(m_Waiting.front());
+        m_Waiting.pop_front();
+        return true;
+    }
+
+private:
+    std::mutex m_Lock;
+    std::condition_variable m_Changed;
+    std::deque<std::string> m_Waiting;
+    bool m_Closed = false;
+};
+
+bool SpeaksOf(const PFW_RULE& rule, uint32_t protocol, uint16_t port)
+{
+    if (rule.dwActive == 0 || rule.dwKind != KXRULE_KIND_ACCESS)
+        return false;
+    const uint32_t its = rule.Access.dwProtocol;
+    const bool both = its == KXRULE_PROTOCOL_TCPUDP || its == KXRULE_PROTOCOL_ANY;
+    const RULE_PORT& item = rule.Access.Port[1];
+    if (item.nType == KXRULE_PORT_SINGLE && item.wPort1 != port)
+        return false;
+    if (item.nType == KXRULE_PORT_RANGE && (port < item.wPort1 || port > item.wPort2))
+        return false;
+    return (both || its == protocol) && item.nType <= KXRULE_PORT_RANGE;
+}
+
+// One copy of each rule that is looked at, into the same record; any number of threads may do this at once.
+std::string Answer(const kxrule::Store& store, uint32_t protocol, uint16_t port)
+{
+    PFW_RULE rule;
+    for (const uint16_t set : store.activeRuleSets())
+    {
+        const int32_t last = store.lastRule(set).value;
+        for (int32_t index = store.firstRule(set).value; index <= last; ++index)
+            if (store.rule(set, static_cast<uint16_t>(index), rule) && SpeaksOf(rule, protocol, port))
+                if (const auto text = kxrule::text(rule))
+                    return *text;
+    }
+    return "no rule";
+}
+
+std::string Serve(kxrule::Store& store, const std::string& query)
+{
+    std::istringstream words(query);
+    std::string word;
+    uint16_t port = 0;
+    words >> word;
+    const bool block = word == "block";
+    if (block)
+        words >> word;
+    const uint32_t protocol = word == "udp" ? KXRULE_PROTOCOL_UDP : KXRULE_PROTOCOL_TCP;
+    const auto sets = store.activeRuleSets();
+    if (!(words >> port) || sets.empty())
+        return "not understood";
+    if (!block)
+        return Answer(store, protocol, port);
+    const auto item = kxrule::Port::parse(std::to_string(port));
+    const kxrule::Result result =
+        store.addRule(sets.front(), port, kxrule::access().protocol(protocol).port(*item).drop());
+    return std::string(result.name());
+}
+
+} // namespace
+
+int main(int argc, char** argv)
+{
+    kxrule::Store store;
+    if (const kxrule::Result result = store.open(argc > 1 ? argv[1] : nullptr); !result)
+        return std::fprintf(stderr, "open: %s\n", result.name().data()), 1;
+    if (const kxrule::Result result = store.read(); !result)
+        return std::fprintf(stderr, "read: %s\n", result.name().data()), 1;
+
+    Queries queries;
+    std::vector<std::jthread> threads;
+    for (int i = 0; i < 4; ++i)
+        threads.emplace_back(
+            [&store, &queries]
+            {
+                std::string query;
+                while (queries.Take(query))
+                    std::printf("%s: %s\n", query.c_str(), Serve(store, query).c_str());
+            });
+    std::string line;
+    while (std::getline(std::cin, line))
+        queries.Put(line);
+    queries.Close();
+    threads.clear(); // joins: no thread may be inside the library when the store goes
+
+    const kxrule::Result written = store.flush(); // closing writes too, but cannot report
+    std::printf("stopped: %s\n", written.name().data());
+    return written ? 0 : 1;
+}
