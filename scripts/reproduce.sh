@@ -1,0 +1,15 @@
+#!/bin/bash
+# reproduce.sh: packs the last commit twice, from clones in different folders, and compares the bytes.
+. "$(dirname "$0")/steps.sh" 3
+scratch=$(mktemp -d)
+trap 'rm -rf "$scratch"' EXIT
+
+for clone in one another/somewhere-else; do
+    step "clone, build and pack: $clone"
+    git clone -q . "$scratch/$clone"
+    "$scratch/$clone/scripts/package.sh" "$scratch/dist-${clone%%/*}" >"$scratch/log" 2>&1 || { cat "$scratch/log" >&2; exit 1; }
+done
+
+step "compare"
+(cd "$scratch/dist-one" && sha256sum -- *.zip) | tee "$scratch/sums"
+cd "$scratch/dist-another" && sha256sum -c "$scratch/sums"
