@@ -7,15 +7,12 @@ HashStandInState g_State;
 
 } // namespace
 
-#define KX_EXPORT extern "C" __declspec(dllexport)
-
-KX_EXPORT HashStandInState* KxStandInState()
+extern "C" HashStandInState* KxStandInState()
 {
     return &g_State;
 }
 
-#if !defined(KX_NO_FUNCTION)
-KX_EXPORT int32_t kxCfwGetHashValue(const wchar_t* path, uint8_t* hash)
+extern "C" int32_t kxCfwGetHashValue(const wchar_t* path, uint8_t* hash)
 {
     g_State.Paths.emplace_back(path);
     if (g_State.OnCall != nullptr)
@@ -23,4 +20,3 @@ KX_EXPORT int32_t kxCfwGetHashValue(const wchar_t* path, uint8_t* hash)
     std::memcpy(hash, g_State.Hash, sizeof g_State.Hash);
     return g_State.Status;
 }
-#endif

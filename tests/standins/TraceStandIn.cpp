@@ -30,43 +30,34 @@ public:
 
 } // namespace
 
-#define KX_EXPORT extern "C" __declspec(dllexport)
-
-KX_EXPORT TraceStandInState* KxStandInState()
+extern "C" TraceStandInState* KxStandInState()
 {
     return &g_State;
 }
 
-#if !defined(KX_NO_INITIALIZE)
-KX_EXPORT int32_t KxDbgInitialize(uint64_t* handle, const KxCommon::DebugConfigWide* config)
+extern "C" int32_t KxDbgInitialize(uint64_t* handle, const KxCommon::DebugConfigWide* config)
 {
     const Call call;
     g_State.Configs.push_back(*config);
     *handle = g_State.Handle;
     return g_State.InitializeResult;
 }
-#endif
 
-#if !defined(KX_NO_UNINITIALIZE)
-KX_EXPORT int32_t KxDbgUninitialize(uint64_t handle)
+extern "C" int32_t KxDbgUninitialize(uint64_t handle)
 {
     const Call call;
     g_State.Ended.push_back(handle);
     return 1; // nobody looks at it
 }
-#endif
 
-#if !defined(KX_NO_TRACE)
-KX_EXPORT int32_t KxDbgTrace(uint64_t handle, const SYSTEMTIME* time, const wchar_t* line)
+extern "C" int32_t KxDbgTrace(uint64_t handle, const SYSTEMTIME* time, const wchar_t* line)
 {
     const Call call;
     g_State.Lines.push_back({handle, *time, line});
     return g_State.TraceResult;
 }
-#endif
 
-#if !defined(KX_NO_CONFIG)
-KX_EXPORT int32_t KxDbgGetDebugConfig(uint64_t, KxCommon::DebugConfig* config)
+extern "C" int32_t KxDbgGetDebugConfig(uint64_t, KxCommon::DebugConfig* config)
 {
     const Call call;
     ++g_State.ConfigCount;
@@ -78,7 +69,6 @@ KX_EXPORT int32_t KxDbgGetDebugConfig(uint64_t, KxCommon::DebugConfig* config)
     }
     return g_State.ConfigResult;
 }
-#endif
 
 extern "C" BOOL WINAPI DllMain(HINSTANCE, DWORD reason, void* isProcessEnding)
 {
