@@ -153,7 +153,7 @@ void JsonReader::ReadHash(JsonValue value, const Path& path, uint8_t* to)
 {
     std::string bytes;
     if (value.Is(Kind::String) && ParseHex(value.Text(), bytes) && bytes.size() == KXRULE_HASH_BYTES)
-        std::memcpy(to, bytes.data(), bytes.size());
+        std::copy(bytes.begin(), bytes.end(), to);
     else
         Expected(value, path, "the hash as 40 hexadecimal digits");
 }

@@ -49,7 +49,7 @@ const uint8_t* BytesOf(const PFW_RULE& rule) noexcept
 
 bool Equal(const PFW_RULE& a, const PFW_RULE& b) noexcept
 {
-    return std::memcmp(&a, &b, sizeof a) == 0;
+    return std::memcmp(BytesOf(a), BytesOf(b), sizeof a) == 0; // byte for byte, padding is none
 }
 
 void OrderRange(RULE_ADDR& item) noexcept

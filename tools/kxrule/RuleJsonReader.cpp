@@ -59,9 +59,8 @@ void Reader::ReadRule(JsonValue value, const Path& path, PFW_RULE& rule)
         return;
     std::vector<RuleField> fields(CommonFields().begin(), CommonFields().end());
     fields.insert(fields.end(), KindFields(*kind).begin(), KindFields(*kind).end());
-    std::vector<std::string_view> names;
-    for (const RuleField& field : fields)
-        names.push_back(field.Name);
+    std::vector<std::string_view> names(fields.size());
+    std::transform(fields.begin(), fields.end(), names.begin(), [](const RuleField& field) { return field.Name; });
     names.push_back("raw");
     const std::string_view kindName = KeywordName(kKinds, *kind);
     const Members members = ReadMembers(

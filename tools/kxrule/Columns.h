@@ -1,0 +1,22 @@
+// Text in columns on a terminal.
+#pragma once
+
+#include <cstddef>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace Tool
+{
+
+/// Columns that UTF-8 text takes: East Asian characters two, combining ones none.
+[[nodiscard]] size_t DisplayWidth(std::string_view text) noexcept;
+/// Cut to that many columns, with an ellipsis when something is missing.
+[[nodiscard]] std::string CutToWidth(std::string_view text, size_t width);
+/// The rows as lines whose columns are aligned; the last column is not padded. Columns in toTheRight end flush.
+[[nodiscard]] std::vector<std::string> Aligned(const std::vector<std::vector<std::string>>& rows,
+                                               const std::vector<size_t>& toTheRight = {});
+/// What a terminal could take for a command becomes U+FFFD: texts of a store are not to be trusted.
+[[nodiscard]] std::string Printable(std::string_view text);
+
+} // namespace Tool

@@ -1,0 +1,74 @@
+// UTF-8 out, to a terminal or to a file or pipe.
+#pragma once
+
+#include <chrono>
+#include <string>
+#include <string_view>
+
+namespace Tool
+{
+
+enum class Style
+{
+    Plain,
+    Strong,
+    Dim,
+    Good,
+    Bad
+};
+
+class Console
+{
+public:
+    Console();
+    ~Console() { Flush(); }
+    Console(const Console&) = delete;
+    Console& operator=(const Console&) = delete;
+
+    /// Colours are used on a terminal that knows them unless NO_COLOR is set or this is called.
+    void DisableColour() noexcept { m_Colour = false; }
+
+    /// To standard output, gathered until Flush.
+    void Out(std::string_view text);
+    /// To standard error, at once, after what was gathered.
+    void Error(std::string_view text);
+    [[nodiscard]] std::string Paint(Style style, std::string_view text) const;
+    /// False when standard output could not take all of it (a full disk, a closed pipe).
+    bool Flush() noexcept;
+
+    [[nodiscard]] bool ErrorIsTerminal() const noexcept { return m_ErrorIsTerminal; }
+    /// Columns of the terminal behind standard output; 0 when it is none.
+    [[nodiscard]] size_t Width() const noexcept;
+
+    /// Asks a yes-or-no question on the terminal; false when nobody can answer.
+    [[nodiscard]] bool Confirm(std::string_view question);
+
+private:
+    std::string m_Gathered;
+    bool m_OutIsTerminal;
+    bool m_ErrorIsTerminal;
+    bool m_Colour;
+    bool m_Good = true;
+};
+
+/// A bar on the terminal behind standard error for work that takes more than a second; nothing elsewhere.
+class Progress
+{
+public:
+    Progress(Console& console, std::string label, size_t steps);
+    ~Progress();
+    Progress(const Progress&) = delete;
+    Progress& operator=(const Progress&) = delete;
+    void Step();
+
+private:
+    Console& m_Console;
+    std::string m_Label;
+    size_t m_Steps;
+    size_t m_Done = 0;
+    bool m_Shown = false;
+    std::chrono::steady_clock::time_point m_Begin = std::chrono::steady_clock::now();
+    std::chrono::steady_clock::time_point m_Drawn = m_Begin;
+};
+
+} // namespace Tool

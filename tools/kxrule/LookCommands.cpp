@@ -1,0 +1,227 @@
+// Commands that only look: list, show.
+#include <algorithm>
+
+#include <nlohmann/json.hpp>
+
+#include "tools/kxrule/Columns.h"
+#include "tools/kxrule/Commands.h"
+#include "tools/kxrule/ItemText.h"
+#include "tools/kxrule/RecordText.h"
+#include "tools/kxrule/RuleFields.h"
+#include "tools/kxrule/RuleJson.h"
+#include "tools/kxrule/Utf8.h"
+
+namespace Tool
+{
+namespace
+{
+
+using Json = nlohmann::ordered_json;
+
+bool IsActive(const Policy& policy, uint16_t index)
+{
+    return std::find(policy.Active->begin(), policy.Active->end(), index) != policy.Active->end();
+}
+
+std::string Count(size_t number, const char* what)
+{
+    return std::to_string(number) + " " + what + (number == 1 ? "" : "s");
+}
+
+std::string Text(const PFW_RULE& rule, const RuleField& field)
+{
+    return WideFieldText(reinterpret_cast<const uint8_t*>(&rule) + field.Places[0], field.Room);
+}
+
+std::string Description(const PFW_RULE& rule)
+{
+    return WideFieldText(&rule.wszDescription, KXRULE_DESCRIPTION_UNITS);
+}
+
+std::string Application(const PFW_RULE& rule)
+{
+    for (const RuleField& field : KindFields(rule.dwKind))
+    {
+        if (field.Type == FieldType::Application)
+            return Text(rule, field);
+    }
+    return {};
+}
+
+/// The addresses of a rule whose line leaves some of them out: the library renders no IPv6.
+std::string HiddenAddresses(const PFW_RULE& rule)
+{
+    std::string texts;
+    bool hidden = false;
+    for (const RuleField& field : KindFields(rule.dwKind))
+    {
+        for (size_t i = 0; field.Type == FieldType::Address && i < field.Count; ++i)
+        {
+            RULE_ADDR item;
+            std::memcpy(&item, reinterpret_cast<const uint8_t*>(&rule) + field.Places[i], sizeof item);
+            hidden = hidden || (item.dwFamily == KXRULE_FAMILY_IPV6 && item.dwType != KXRULE_ADDR_ANY &&
+                                item.dwType != KXRULE_ADDR_NAME);
+            texts += (texts.empty() ? "" : " ") + AddressText(item);
+        }
+    }
+    return hidden ? texts : std::string();
+}
+
+std::string LineOrKind(const std::string& line, const PFW_RULE& rule)
+{
+    if (!line.empty())
+        return line;
+    const std::string_view kind = KeywordName(kKinds, rule.dwKind);
+    return "(kind " + (kind.empty() ? std::to_string(rule.dwKind) : std::string(kind)) + " has no line of text)";
+}
+
+Json RuleAsJson(const PFW_RULE& rule, const std::string& line)
+{
+    Json json = Json::parse(RuleToJson(rule));
+    if (!line.empty())
+        json["line"] = line;
+    return json;
+}
+
+void PrintRule(Session& session, uint16_t ruleSetIndex, const PFW_RULE& rule)
+{
+    Console& console = session.Terminal();
+    const std::string line = LineOrKind(session.RuleLine(ruleSetIndex, rule.wRuleIndex), rule);
+    const std::string index = std::to_string(rule.wRuleIndex);
+    console.Out(std::string(index.size() < 7 ? 7 - index.size() : 0, ' ') + index + "  " +
+                console.Paint(rule.dwActive != 0 ? Style::Plain : Style::Dim, Printable(line)) +
+                (rule.dwActive != 0 ? "" : "  (off)") + "\n");
+    std::string more;
+    for (const std::string& part : {Description(rule), Application(rule), HiddenAddresses(rule)})
+    {
+        if (!part.empty())
+            more += (more.empty() ? "" : "  |  ") + Printable(part);
+    }
+    if (!more.empty())
+        console.Out("         " + console.Paint(Style::Dim, more) + "\n");
+}
+
+void PrintRuleSet(Session& session, const Policy& policy, const RuleSetRecord& ruleSet)
+{
+    Console& console = session.Terminal();
+    console.Out(console.Paint(Style::Strong,
+                              "Rule set " + std::to_string(ruleSet.Index) + "  " + Printable(ToUtf8(ruleSet.Name))) +
+                "  (" + Count(ruleSet.Rules.size(), "rule") +
+                (IsActive(policy, ruleSet.Index) ? ", active)" : ", not active)") + "\n");
+    for (const PFW_RULE& rule : ruleSet.Rules)
+        PrintRule(session, ruleSet.Index, rule);
+    console.Out("\n");
+}
+
+Json RuleSetAsJson(Session& session, const Policy& policy, const RuleSetRecord& ruleSet)
+{
+    Json json = {{"index", ruleSet.Index},
+                 {"name", ToUtf8(ruleSet.Name)},
+                 {"active", IsActive(policy, ruleSet.Index)},
+                 {"rules", Json::array()}};
+    for (const PFW_RULE& rule : ruleSet.Rules)
+        json["rules"].push_back(RuleAsJson(rule, session.RuleLine(ruleSet.Index, rule.wRuleIndex)));
+    return json;
+}
+
+void PrintMacros(Session& session, const Policy& policy)
+{
+    Console& console = session.Terminal();
+    if (policy.Macros->empty())
+        return;
+    console.Out(console.Paint(Style::Strong, "Macros") + "\n");
+    for (const MacroRecord& macro : *policy.Macros)
+        console.Out("  " + Printable(session.MacroLine(macro)) + "\n");
+}
+
+const RuleSetRecord& FindRuleSet(const Policy& policy, uint16_t index)
+{
+    for (const RuleSetRecord& ruleSet : policy.RuleSets)
+    {
+        if (ruleSet.Index == index)
+            return ruleSet;
+    }
+    throw Failure("there is no rule set " + std::to_string(index));
+}
+
+int ShowRule(Session& session, const RuleSetRecord& ruleSet, uint16_t ruleIndex)
+{
+    for (const PFW_RULE& rule : ruleSet.Rules)
+    {
+        if (rule.wRuleIndex != ruleIndex)
+            continue;
+        const std::string line = session.RuleLine(ruleSet.Index, ruleIndex);
+        if (session.Options().Json)
+            session.Terminal().Out(RuleAsJson(rule, line).dump(2) + "\n");
+        else
+            session.Terminal().Out(Printable(LineOrKind(line, rule)) + "\n" + RuleToJson(rule));
+        return ExitDone;
+    }
+    throw Failure("rule set " + std::to_string(ruleSet.Index) + " has no rule " + std::to_string(ruleIndex));
+}
+
+} // namespace
+
+int List(Session& session)
+{
+    session.OpenToLook();
+    const Policy policy = session.Read();
+    Console& console = session.Terminal();
+    if (session.Options().Json)
+    {
+        Json json = Json::array();
+        for (const RuleSetRecord& ruleSet : policy.RuleSets)
+            json.push_back({{"index", ruleSet.Index},
+                            {"name", ToUtf8(ruleSet.Name)},
+                            {"rules", ruleSet.Rules.size()},
+                            {"active", IsActive(policy, ruleSet.Index)}});
+        console.Out(json.dump(2) + "\n");
+        return ExitDone;
+    }
+    std::vector<std::vector<std::string>> rows = {{"index", "rules", "active", "name"}};
+    for (const RuleSetRecord& ruleSet : policy.RuleSets)
+        rows.push_back({std::to_string(ruleSet.Index), std::to_string(ruleSet.Rules.size()),
+                        IsActive(policy, ruleSet.Index) ? "yes" : "no", Printable(ToUtf8(ruleSet.Name))});
+    const std::vector<std::string> lines = Aligned(rows, {0, 1});
+    for (size_t i = 0; i < lines.size(); ++i)
+        console.Out((i == 0 ? console.Paint(Style::Strong, lines[i]) : lines[i]) + "\n");
+    console.Out(Count(policy.RuleSets.size(), "rule set") + ", " + Count(policy.Macros->size(), "macro") + "\n");
+    return ExitDone;
+}
+
+int Show(Session& session, std::optional<uint16_t> ruleSetIndex, std::optional<uint16_t> ruleIndex)
+{
+    session.OpenToLook();
+    const Policy policy = session.Read();
+    if (ruleIndex)
+        return ShowRule(session, FindRuleSet(policy, *ruleSetIndex), *ruleIndex);
+    if (session.Options().Json)
+    {
+        Json json;
+        if (ruleSetIndex)
+        {
+            json = RuleSetAsJson(session, policy, FindRuleSet(policy, *ruleSetIndex));
+        }
+        else
+        {
+            json = {{"ruleSets", Json::array()}, {"macros", Json::array()}};
+            for (const RuleSetRecord& ruleSet : policy.RuleSets)
+                json["ruleSets"].push_back(RuleSetAsJson(session, policy, ruleSet));
+            for (const MacroRecord& macro : *policy.Macros)
+                json["macros"].push_back({{"name", NarrowToUtf8(macro.Name)}, {"line", session.MacroLine(macro)}});
+        }
+        session.Terminal().Out(json.dump(2) + "\n");
+        return ExitDone;
+    }
+    if (ruleSetIndex)
+    {
+        PrintRuleSet(session, policy, FindRuleSet(policy, *ruleSetIndex));
+        return ExitDone;
+    }
+    for (const RuleSetRecord& ruleSet : policy.RuleSets)
+        PrintRuleSet(session, policy, ruleSet);
+    PrintMacros(session, policy);
+    return ExitDone;
+}
+
+} // namespace Tool

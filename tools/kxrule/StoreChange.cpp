@@ -1,0 +1,147 @@
+// Differences carried out through the library.
+#include "tools/kxrule/StoreChange.h"
+
+#include <algorithm>
+
+#include "tools/kxrule/RuleJson.h"
+
+namespace Tool
+{
+namespace
+{
+
+std::string RuleName(uint16_t ruleSetIndex, uint16_t ruleIndex)
+{
+    return "rule " + std::to_string(ruleIndex) + " of rule set " + std::to_string(ruleSetIndex);
+}
+
+/// Rule 0 cannot be deleted alone.
+bool NeedsEmptying(const RuleSetChange& change)
+{
+    return std::any_of(change.Rules.begin(), change.Rules.end(),
+                       [](const RuleChange& rule) { return rule.Index == 0 && rule.Before; });
+}
+
+/// What only deleting and adding the whole set can do: another name, and a rule that adding alone refuses but adding
+/// with its set takes.
+bool NeedsNewSet(const RuleSetChange& change)
+{
+    if (!change.NameBefore || !change.NameAfter)
+        return false;
+    if (*change.NameBefore != *change.NameAfter)
+        return true;
+    const bool all = NeedsEmptying(change);
+    return std::any_of(change.Rules.begin(), change.Rules.end(),
+                       [](const RuleChange& rule) { return rule.After && HasBlankPortList(*rule.After); }) ||
+           (all && std::any_of(change.RulesAfter.begin(), change.RulesAfter.end(), HasBlankPortList));
+}
+
+void AddRuleSet(Session& session, const RuleSetChange& change)
+{
+    std::vector<unsigned char> block = RuleSetBytes(change.Index, *change.NameAfter, change.RulesAfter);
+    Check(session.Library().AddRuleSet(change.Index, reinterpret_cast<PFW_RULESET*>(block.data())),
+          "adding rule set " + std::to_string(change.Index));
+}
+
+void DeleteRuleSet(Session& session, uint16_t index)
+{
+    Check(session.Library().DeleteRuleSet(index), "deleting rule set " + std::to_string(index));
+}
+
+/// Changes single rules: memory only, nothing reaches a file before the store is written.
+void ChangeRules(Session& session, const RuleSetChange& change)
+{
+    RuleLibrary& library = session.Library();
+    if (NeedsEmptying(change))
+    {
+        Check(library.DeleteRule(change.Index, 0), "emptying rule set " + std::to_string(change.Index));
+        for (const PFW_RULE& rule : change.RulesAfter)
+            Check(library.AddRule(change.Index, rule.wRuleIndex, &rule),
+                  "adding " + RuleName(change.Index, rule.wRuleIndex));
+        return;
+    }
+    // Deletions first: a full set has no room for more.
+    for (const RuleChange& rule : change.Rules)
+    {
+        if (rule.Before)
+            Check(library.DeleteRule(change.Index, rule.Index), "deleting " + RuleName(change.Index, rule.Index));
+    }
+    for (const RuleChange& rule : change.Rules)
+    {
+        if (rule.After)
+            Check(library.AddRule(change.Index, rule.Index, &*rule.After),
+                  "adding " + RuleName(change.Index, rule.Index));
+    }
+}
+
+void ChangeMacros(Session& session, const std::vector<MacroRecord>& macros)
+{
+    Check(session.Library().DeleteMacro(), "deleting the macros");
+    for (const MacroRecord& macro : macros)
+    {
+        const std::vector<unsigned char> block = MacroBytes(macro);
+        Check(session.Library().AddMacro(reinterpret_cast<const PFW_MACRO*>(block.data())), "adding a macro");
+    }
+}
+
+/// Deleting writes the master file and removes the set's file at once. So everything else is written before, and what
+/// is deleted lies in a backup.
+void DeleteRuleSets(Session& session, const PolicyDiff& diff)
+{
+    for (const RuleSetChange& change : diff.RuleSets)
+    {
+        if (!change.NameAfter || NeedsNewSet(change))
+            DeleteRuleSet(session, change.Index);
+    }
+}
+
+} // namespace
+
+void Apply(Session& session, const Policy& store, const PolicyDiff& diff)
+{
+    bool deletes = false;
+    for (const RuleSetChange& change : diff.RuleSets)
+        deletes = deletes || !change.NameAfter || NeedsNewSet(change);
+    if (deletes)
+        session.KeepCopy();
+    // Where there is room, what is new lies on the disk before what is old leaves it.
+    size_t added = store.RuleSets.size();
+    for (const RuleSetChange& change : diff.RuleSets)
+        added += change.NameBefore ? 0 : 1;
+    const bool deleteFirst = added > KXRULE_MAX_RULESETS;
+
+    Progress progress(session.Terminal(), "changing the store", diff.RuleSets.size());
+    session.BeginChange();
+    if (deleteFirst)
+        DeleteRuleSets(session, diff);
+    for (const RuleSetChange& change : diff.RuleSets)
+    {
+        if (!change.NameBefore)
+            AddRuleSet(session, change);
+        else if (change.NameAfter && !NeedsNewSet(change))
+            ChangeRules(session, change);
+        progress.Step();
+    }
+    if (diff.Macros)
+        ChangeMacros(session, *diff.Macros);
+    if (diff.Active)
+        Check(session.Library().SetActiveRuleSet(diff.Active->data(), static_cast<int32_t>(diff.Active->size())),
+              "setting the active list");
+    if (deletes)
+    {
+        if (!deleteFirst)
+        {
+            session.Write();
+            session.BeginChange();
+            DeleteRuleSets(session, diff);
+        }
+        for (const RuleSetChange& change : diff.RuleSets)
+        {
+            if (NeedsNewSet(change))
+                AddRuleSet(session, change);
+        }
+    }
+    session.Write();
+}
+
+} // namespace Tool
