@@ -11,7 +11,6 @@
 #include "common/srclib/Utility.h"
 
 using KxCommon::kTraceCall;
-using KxCommon::kTraceError;
 using RecordGuard = KxCommon::Synchronize::ScopedLock<CCriticalSectionLock>;
 
 namespace
