@@ -24,11 +24,11 @@ constexpr size_t kFormatStep = 256;
 // second).
 int Print(char* out, size_t size, const char* format, va_list arguments)
 {
-    return ::_vsnprintf(out, size, format, arguments);
+    return ::_vsnprintf_s(out, size, _TRUNCATE, format, arguments);
 }
 int Print(wchar_t* out, size_t size, const wchar_t* format, va_list arguments)
 {
-    return ::_vsnwprintf(out, size, format, arguments);
+    return ::_vsnwprintf_s(out, size, _TRUNCATE, format, arguments);
 }
 int Count(const char* format, va_list arguments)
 {
@@ -46,9 +46,8 @@ int Attempt(Character* out, size_t size, const Character* format, va_list argume
     va_copy(again, arguments);
     const int written = Print(out, size, format, again);
     va_end(again);
-    // A text of exactly the buffer's size was written without its terminator; it counts as one that did not fit.
     if (written >= 0)
-        return static_cast<size_t>(written) < size ? written : kDoesNotFit;
+        return written;
     va_copy(again, arguments);
     const int length = Count(format, again);
     va_end(again);
