@@ -1,9 +1,11 @@
 #include <cerrno>
-#include <cstdarg>
 #include <cstdio>
 #include <memory>
+#include <sstream>
 #include <string>
 #include <thread>
+#include <tuple>
+#include <utility>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -30,12 +32,19 @@ std::string Ascii(const std::wstring& wide)
     return text;
 }
 
-/// A text in a record that ends with NUL within its field.
-std::string Field(const DebugConfigWide& config, size_t offset, size_t units)
+/// Flags, numbers and texts of a configuration, in the order of the record.
+std::string Describe(const DebugConfigWide& config)
 {
-    const std::wstring text = Record::WideText(reinterpret_cast<const unsigned char*>(&config) + offset, units);
-    EXPECT_LT(text.size(), units);
-    return Ascii(text);
+    std::ostringstream out;
+    for (const uint8_t flag : {config.Head.bRobust, config.Head.bDebugger, config.Head.bEnable})
+        out << int{flag} << ' ';
+    for (const uint32_t number :
+         {config.Head.dwLogProcess, config.Head.dwLogUnitType, config.Head.dwUnit, config.Head.dwLevel})
+        out << number << ' ';
+    constexpr std::pair<size_t, size_t> kTexts[] = {{36, 32}, {100, 260}, {620, 256}, {1132, 256}, {1644, 256}};
+    for (const auto& [offset, units] : kTexts)
+        out << '|' << Ascii(Record::WideText(reinterpret_cast<const unsigned char*>(&config) + offset, units));
+    return out.str();
 }
 
 class DebugLogTest : public testing::Test
@@ -48,25 +57,24 @@ protected:
     {
         WriteBytes(m_Dir / "KxPfw.ini", "[InteractiveSession]\r\n" + lines + "[ServiceSession]\r\n" + lines);
     }
-    [[nodiscard]] bool Initialize(uint32_t kind = Storage::kIniFile, const char* name = "PfwRule",
-                                  uint32_t unit = 1) const
+    bool Initialize(uint32_t kind = Storage::kIniFile, const char* name = "PfwRule", uint32_t unit = 1) const
     {
         return g_DebugLog.Initialize(name, {kind, m_Location.c_str(), "KxPfw.ini"}, unit);
     }
-    void StartWithAllLevels(const std::string& variant = "whole")
+    void Start(const std::string& variant = "whole", const std::string& settings = "Enable=1\r\nLevel=4294967295\r\n")
     {
-        WriteSettings("Enable=1\r\nLevel=4294967295\r\n");
+        WriteSettings(settings);
         m_Library = std::make_unique<TraceStandIn>(m_Dir.Path(), variant);
         ASSERT_TRUE(Initialize());
     }
     [[nodiscard]] TraceStandIn& Library() const { return *m_Library; }
-
-    /// The message of the last line: what lies between the component's name and the place.
-    [[nodiscard]] std::wstring LastMessage() const
+    [[nodiscard]] std::string LastLine() const { return Ascii(Library()->Lines.back().Text); }
+    /// What lies between the component's name and the place.
+    [[nodiscard]] std::string LastMessage() const
     {
-        const std::wstring& line = Library()->Lines.back().Text;
-        const size_t begin = line.find(L"> ") + 2;
-        return line.substr(begin, line.rfind(L" - ") - begin);
+        const std::string line = LastLine();
+        const size_t begin = line.find("> ") + 2;
+        return line.substr(begin, line.rfind(" - ") - begin);
     }
 
     TempDir m_Dir;
@@ -76,90 +84,54 @@ protected:
 
 TEST_F(DebugLogTest, HandsTheSettingsOver)
 {
-    const std::string longText(300, 'x');
-    struct Row
-    {
-        const char* Name;
-        std::string Settings;
-        uint32_t Unit;
-        int Enable, Robust, Debugger;
-        uint32_t LogProcess, LogUnitType, Level;
-        std::string Folder, Prefix, File, Extension;
-    };
-    const Row rows[] = {
-        {"nothing set", "", 1, 0, 0, 0, 0, 0, 256, "c:\\temp\\", "VQR_", "KxPfw", "log"},
-        {"unit 0", "", 0, 0, 0, 0, 0, 0, 256, "c:\\temp\\", "VQR_", "KxProxy", "log"},
-        {"unit 2", "", 2, 0, 0, 0, 0, 0, 256, "c:\\temp\\", "VQR_", "KxProxy", "log"},
-        {"another unit", "", 3, 0, 0, 0, 0, 0, 256, "c:\\temp\\", "VQR_", "", "log"},
-        {"everything set",
-         "Enable=2\r\nLevel=273\r\nLogProcess=3\r\nLogUnitType=4\r\nLogFolder=d:\\logs\r\nLogPrefix=p\r\n"
+    const std::string name = "a name of thirty-two characters";
+    const std::string x(300, 'x');
+    const std::tuple<std::string, uint32_t, std::string> rows[] = {
+        {"", 1, "0 0 0 0 0 1 256 |" + name + "|c:\\temp\\|VQR_|KxPfw|log"},
+        {"", 0, "0 0 0 0 0 0 256 |" + name + "|c:\\temp\\|VQR_|KxProxy|log"},
+        {"", 2, "0 0 0 0 0 2 256 |" + name + "|c:\\temp\\|VQR_|KxProxy|log"},
+        {"", 3, "0 0 0 0 0 3 256 |" + name + "|c:\\temp\\|VQR_||log"},
+        {"Enable=2\r\nLevel=273\r\nLogProcess=3\r\nLogUnitType=4\r\nLogFolder=d:\\logs\r\nLogPrefix=p\r\n"
          "LogFile=f\r\nLogExtension=txt\r\nRobust=1\r\nDebugger=7\r\n",
-         1, 1, 1, 1, 3, 4, 273, "d:\\logs", "p", "f", "txt"},
-        {"texts longer than their fields",
-         "LogFolder=" + longText + "\r\nLogPrefix=" + longText + "\r\nLogFile=" + longText +
-             "\r\nLogExtension=" + longText + "\r\n",
-         1, 0, 0, 0, 0, 0, 256, longText.substr(0, 259), longText.substr(0, 255), longText.substr(0, 255),
-         longText.substr(0, 255)},
+         1, "1 1 1 3 4 1 273 |" + name + "|d:\\logs|p|f|txt"},
+        {"LogFolder=" + x + "\r\nLogPrefix=" + x + "\r\nLogFile=" + x + "\r\nLogExtension=" + x + "\r\n", 1,
+         "0 0 0 0 0 1 256 |" + name + '|' + x.substr(0, 259) + '|' + x.substr(0, 255) + '|' + x.substr(0, 255) + '|' +
+             x.substr(0, 255)},
     };
     m_Library = std::make_unique<TraceStandIn>(m_Dir.Path());
-    for (const Row& row : rows)
+    for (const auto& [settings, unit, expected] : rows)
     {
-        SCOPED_TRACE(row.Name);
-        WriteSettings(row.Settings);
-        ASSERT_TRUE(Initialize(Storage::kIniFile, "a name of thirty-two characters.", row.Unit));
-        const DebugConfigWide& config = Library()->Configs.back();
-        EXPECT_EQ(config.Head.bServiceSession, IsServiceSession() ? 1 : 0);
-        EXPECT_EQ(config.Head.bEnable, row.Enable);
-        EXPECT_EQ(config.Head.bRobust, row.Robust);
-        EXPECT_EQ(config.Head.bDebugger, row.Debugger);
-        EXPECT_GE(uint16_t{config.Head.ReadTime.wYear}, 2024);
-        EXPECT_EQ(uint32_t{config.Head.dwLogProcess}, row.LogProcess);
-        EXPECT_EQ(uint32_t{config.Head.dwLogUnitType}, row.LogUnitType);
-        EXPECT_EQ(uint32_t{config.Head.dwUnit}, row.Unit);
-        EXPECT_EQ(uint32_t{config.Head.dwLevel}, row.Level);
-        EXPECT_EQ(Field(config, 36, 32), "a name of thirty-two characters");
-        EXPECT_EQ(Field(config, 100, 260), row.Folder);
-        EXPECT_EQ(Field(config, 620, 256), row.Prefix);
-        EXPECT_EQ(Field(config, 1132, 256), row.File);
-        EXPECT_EQ(Field(config, 1644, 256), row.Extension);
+        WriteSettings(settings);
+        ASSERT_TRUE(Initialize(Storage::kIniFile, (name + ".").c_str(), unit)); // one more than the field holds
+        EXPECT_EQ(Describe(Library()->Configs.back()), expected);
+        EXPECT_EQ(Library()->Configs.back().Head.bServiceSession, IsServiceSession() ? 1 : 0);
+        EXPECT_GE(uint16_t{Library()->Configs.back().Head.ReadTime.wYear}, 2024);
         g_DebugLog.Uninitialize();
     }
 }
 
 TEST_F(DebugLogTest, AFailedStartLeavesNothingBehind)
 {
-    struct Row
-    {
-        const char* Name;
-        const char* Variant; // null: no library; empty: a file that is none
-        uint32_t Kind;
-        int32_t Result;
-        uint64_t Handle;
+    const std::tuple<const char*, const char*, uint32_t, int32_t, uint64_t> rows[] = {
+        // name; the library (null: none, empty: no library), storage; result and handle of its start
+        {"no library", nullptr, Storage::kIniFile, 0, 1},    {"a damaged library", "", Storage::kIniFile, 0, 1},
+        {"a failing one", "whole", Storage::kIniFile, 5, 1}, {"a null handle", "whole", Storage::kIniFile, 0, 0},
+        {"no entry point", "no-initialize", 1, 0, 1},        {"an unknown storage", "whole", 2, 0, 1},
     };
-    const Row rows[] = {
-        {"no library", nullptr, Storage::kIniFile, 0, 1},
-        {"a damaged library", "", Storage::kIniFile, 0, 1},
-        {"a failing library", "whole", Storage::kIniFile, 5, 1},
-        {"a null handle", "whole", Storage::kIniFile, 0, 0},
-        {"no entry point", "no-initialize", Storage::kIniFile, 0, 1},
-        {"an unknown storage", "whole", 2, 0, 1},
-        {"another unknown storage", "whole", 0xFFFFFFFF, 0, 1},
-    };
-    for (const Row& row : rows)
+    for (const auto& [name, variant, kind, result, handle] : rows)
     {
-        SCOPED_TRACE(row.Name);
+        SCOPED_TRACE(name);
         m_Library.reset();
-        WriteSettings("Enable=1\r\n");
         WriteBytes(m_Dir / "KxVqrDbg.dll", "MZ no library");
-        if (row.Variant == nullptr)
+        if (variant == nullptr)
             std::filesystem::remove(m_Dir / "KxVqrDbg.dll");
-        else if (*row.Variant != '\0')
+        else if (*variant != '\0')
         {
-            m_Library = std::make_unique<TraceStandIn>(m_Dir.Path(), row.Variant);
-            Library()->InitializeResult = row.Result;
-            Library()->Handle = row.Handle;
+            m_Library = std::make_unique<TraceStandIn>(m_Dir.Path(), variant);
+            Library()->InitializeResult = result;
+            Library()->Handle = handle;
         }
-        EXPECT_FALSE(Initialize(row.Kind));
+        EXPECT_FALSE(Initialize(kind));
         EXPECT_FALSE(g_TraceActive);
         EXPECT_FALSE(g_DebugLog.Trace(kFile, 1, kTraceError, "lost"));
         EXPECT_TRUE(m_Library == nullptr || (Library()->Lines.empty() && Library().Release()));
@@ -167,103 +139,92 @@ TEST_F(DebugLogTest, AFailedStartLeavesNothingBehind)
     }
 }
 
-TEST_F(DebugLogTest, EndsWithWhatItStarted)
+TEST_F(DebugLogTest, WorksWithWhatTheLibraryHasAndEndsIt)
 {
-    StartWithAllLevels();
-    EXPECT_TRUE(g_TraceActive);
-    EXPECT_TRUE(g_DebugLog.Trace(kFile, 1, kTraceError, "written"));
-    EXPECT_EQ(Library()->Lines.at(0).Handle, 0x1234567890u);
-    EXPECT_TRUE(g_DebugLog.Uninitialize());
-    EXPECT_FALSE(g_TraceActive);
-    EXPECT_EQ(Library()->Ended, std::vector<uint64_t>{0x1234567890u});
-    EXPECT_FALSE(g_DebugLog.Trace(kFile, 1, kTraceError, "lost"));
-    EXPECT_FALSE(g_DebugLog.Uninitialize());
-    EXPECT_EQ(Library()->Lines.size(), 1u);
-    EXPECT_TRUE(Library().Release()) << "still loaded";
+    const std::tuple<const char*, int32_t, bool, size_t> rows[] = {
+        // library, result of its trace; whether that is success, calls of its end
+        {"whole", 0, true, 1},     {"whole", 7, false, 1},          {"no-trace", 0, false, 1},
+        {"no-config", 0, true, 1}, {"no-uninitialize", 0, true, 0},
+    };
+    for (const auto& [variant, result, isWritten, ended] : rows)
+    {
+        SCOPED_TRACE(variant);
+        Start(variant);
+        Library()->TraceResult = result;
+        EXPECT_TRUE(g_TraceActive);
+        EXPECT_EQ(g_DebugLog.Trace(kFile, 1, 2, "m"), isWritten);
+        EXPECT_TRUE(g_DebugLog.Uninitialize());
+        EXPECT_FALSE(g_TraceActive);
+        EXPECT_EQ(Library()->Ended, std::vector<uint64_t>(ended, 0x1234567890u));
+        EXPECT_FALSE(g_DebugLog.Trace(kFile, 1, 2, "lost"));
+        EXPECT_FALSE(g_DebugLog.Uninitialize());
+        EXPECT_TRUE(Library().Release()) << "still loaded";
+    }
 }
 
-TEST_F(DebugLogTest, LooksLikeThis)
+TEST_F(DebugLogTest, ALineLooksLikeThis)
 {
-    struct Row
+    Start();
+    const std::pair<uint32_t, const char*> rows[] = {{1, ".w."}, {16, "@@@"},         {256, "!!!"},
+                                                     {2, "???"}, {0x80000000, "???"}, {17, "???"}};
+    for (const auto& [level, tag] : rows)
     {
-        uint32_t Level;
-        const char* Tag;
-    };
-    StartWithAllLevels();
-    for (const Row& row : {Row{1, ".w."}, {16, "@@@"}, {256, "!!!"}, {2, "???"}, {0x80000000, "???"}, {17, "???"}})
-    {
-        EXPECT_TRUE(g_DebugLog.Trace(".\\dir/KxPfwRule.cpp", 52, row.Level, "%s Enter 100%%", "kxRuleInitialize"));
-        EXPECT_TRUE(
-            g_DebugLog.TraceWide(L".\\KxPfwRule.cpp", 52, row.Level, L"%s %S 100%%", L"kxRuleInitialize", "Enter"));
+        EXPECT_TRUE(g_DebugLog.Trace(".\\dir/KxPfwRule.cpp", 52, level, "%s Enter 100%%", "kxRuleInitialize"));
+        const std::string narrow = LastLine();
+        EXPECT_TRUE(g_DebugLog.TraceWide(L"KxPfwRule.cpp", 52, level, L"%s %S 100%%", L"kxRuleInitialize", "Enter"));
         const SYSTEMTIME& time = Library()->Lines.back().Time;
         char expected[200];
-        ::snprintf(expected, sizeof expected,
-                   "%02u/%02u/%04u %02u:%02u:%02u.%03u %04lx:%04lx %s <PfwRule> kxRuleInitialize Enter 100%% - "
-                   "KxPfwRule.cpp(52)\r\n",
-                   time.wDay, time.wMonth, time.wYear, time.wHour, time.wMinute, time.wSecond, time.wMilliseconds,
-                   ::GetCurrentProcessId(), ::GetCurrentThreadId(), row.Tag);
-        const auto& lines = Library()->Lines;
-        EXPECT_EQ(Ascii(lines.back().Text), expected);
-        EXPECT_EQ(lines[lines.size() - 2].Text.substr(23), lines.back().Text.substr(23)) << "narrow and wide differ";
+        std::snprintf(expected, sizeof expected,
+                      "%02u/%02u/%04u %02u:%02u:%02u.%03u %04lx:%04lx %s <PfwRule> kxRuleInitialize Enter 100%% - "
+                      "KxPfwRule.cpp(52)\r\n",
+                      time.wDay, time.wMonth, time.wYear, time.wHour, time.wMinute, time.wSecond, time.wMilliseconds,
+                      ::GetCurrentProcessId(), ::GetCurrentThreadId(), tag);
+        EXPECT_EQ(LastLine(), expected);
+        EXPECT_EQ(narrow.substr(23), LastLine().substr(23)) << "narrow and wide differ";
+        EXPECT_EQ(Library()->Lines.back().Handle, 0x1234567890u);
     }
-    SYSTEMTIME now;
-    ::GetLocalTime(&now);
-    EXPECT_EQ(Library()->Lines.back().Time.wYear, now.wYear);
-    EXPECT_TRUE(g_DebugLog.Trace("NoFolder.cpp", 4294967295u, 1, "m"));
-    EXPECT_TRUE(Library()->Lines.back().Text.ends_with(L"<PfwRule> m - NoFolder.cpp(4294967295)\r\n"));
+    KX_TRACE(kTraceError, "by macro");
+    EXPECT_EQ(LastMessage(), "by macro");
+    KX_TRACE_WIDE(kTraceError, L"by [%S] %s", "wide", L"macro");
+    EXPECT_EQ(LastMessage(), "by [wide] macro");
+    EXPECT_NE(LastLine().find(" - DebugLogWinTest.cpp("), std::string::npos);
+    g_DebugLog.Uninitialize();
+    int evaluated = 0;
+    KX_TRACE(kTraceError, "off %d", ++evaluated);
+    EXPECT_EQ(evaluated, 0);
 }
 
 TEST_F(DebugLogTest, MessagesFitOrAreLeftOut)
 {
-    StartWithAllLevels();
+    Start();
     for (const size_t length : {0, 255, 256, 1023, 1024, 4095, 4096, 100000})
     {
-        const size_t expected = length > 4095 ? 0 : length;
-        EXPECT_TRUE(g_DebugLog.Trace(kFile, 1, 1, "%s", std::string(length, 'n').c_str())) << length;
-        EXPECT_EQ(LastMessage(), std::wstring(expected, L'n')) << length;
-        EXPECT_TRUE(g_DebugLog.TraceWide(L"Some.cpp", 1, 1, L"%s", std::wstring(length, L'w').c_str())) << length;
-        EXPECT_EQ(LastMessage(), std::wstring(expected, L'w')) << length;
+        const std::string expected(length > 4095 ? 0 : length, 'm');
+        EXPECT_TRUE(g_DebugLog.Trace(kFile, 1, 1, "%s", std::string(length, 'm').c_str())) << length;
+        EXPECT_EQ(LastMessage(), expected) << length;
+        EXPECT_TRUE(g_DebugLog.TraceWide(L"Some.cpp", 1, 1, L"%s", std::wstring(length, L'm').c_str())) << length;
+        EXPECT_EQ(LastMessage(), expected) << length;
     }
-    struct Row
-    {
-        std::string Format;
-        const wchar_t* Argument;
-        const wchar_t* Expected;
-    };
-    const Row rows[] = {
-        {"(%S)", L"C:\\app.exe", L"(C:\\app.exe)"},
-        {"(%S)", L"\x65E5\x672C", L"(debug log error)"}, // no counterpart in the C library's locale
-        {"%4090c%S", L"\x65E5\x672C", L"(debug log error)"},
-    };
-    for (const Row& row : rows)
-    {
-        if (row.Format[0] == '(')
-            EXPECT_TRUE(g_DebugLog.Trace(kFile, 1, 1, row.Format.c_str(), row.Argument));
-        else
-            EXPECT_TRUE(g_DebugLog.Trace(kFile, 1, 1, row.Format.c_str(), 'x', row.Argument));
-        EXPECT_EQ(LastMessage(), row.Expected) << row.Format;
-    }
+    const std::string wideText = "%*s(%S)";
     const char* const noFormat = nullptr;
     const wchar_t* const noWideFormat = nullptr;
+    EXPECT_TRUE(g_DebugLog.Trace(kFile, 1, 1, wideText.c_str(), 1, "x", L"C:\\app.exe"));
+    EXPECT_EQ(LastMessage(), "x(C:\\app.exe)");
+    for (const int width : {1, 300, 4090}) // no counterpart in the C library's locale, near each buffer's end
+    {
+        EXPECT_TRUE(g_DebugLog.Trace(kFile, 1, 1, wideText.c_str(), width, "x", L"\x65E5\x672C"));
+        EXPECT_EQ(LastMessage(), "(debug log error)");
+    }
     EXPECT_TRUE(g_DebugLog.Trace(kFile, 1, 1, noFormat));
-    EXPECT_EQ(LastMessage(), L"(debug log error) NULL _lpctszFormat");
+    EXPECT_EQ(LastMessage(), "(debug log error) NULL _lpctszFormat");
     EXPECT_TRUE(g_DebugLog.TraceWide(nullptr, 1, 1, noWideFormat));
-    EXPECT_EQ(LastMessage(), L"(debug log error) NULL _lpctszFormat");
+    EXPECT_EQ(LastMessage(), "(debug log error) NULL _lpctszFormat");
 }
 
 TEST_F(DebugLogTest, WritesWhatTheSettingsOfTheMomentAllow)
 {
-    struct Row
-    {
-        const char* Name;
-        int32_t ConfigResult;
-        uint8_t Enable;
-        uint32_t Mask;
-        uint32_t Level;
-        bool Result;
-        bool IsWritten;
-    };
-    const Row rows[] = {
+    const std::tuple<const char*, int32_t, uint8_t, uint32_t, uint32_t, bool, bool> rows[] = {
+        // name; result, Enable and Level of the library's answer; level of the line, result, whether it is written
         {"as the file said: errors alone", 1, 9, 0xFF, 16, false, false},
         {"as the file said: errors", 1, 0, 0, 256, true, true},
         {"the library's mask counts", 0, 1, 17, 16, true, true},
@@ -275,96 +236,66 @@ TEST_F(DebugLogTest, WritesWhatTheSettingsOfTheMomentAllow)
         {"enabled again", 0, 9, 256, 256, true, true},
         {"no mask, no line", 0, 1, 0, 256, false, false},
     };
-    WriteSettings("Enable=1\r\n");
-    m_Library = std::make_unique<TraceStandIn>(m_Dir.Path());
-    ASSERT_TRUE(Initialize());
+    Start("whole", "Enable=1\r\n");
     Library()->HasConfig = true;
-    const int before = Library()->ConfigCount;
-    for (const Row& row : rows)
+    for (const auto& [name, configResult, enable, mask, level, result, isWritten] : rows)
     {
-        Library()->ConfigResult = row.ConfigResult;
-        Library()->Enable = row.Enable;
-        Library()->Level = row.Mask;
+        Library()->ConfigResult = configResult;
+        Library()->Enable = enable;
+        Library()->Level = mask;
         const size_t lines = Library()->Lines.size();
-        EXPECT_EQ(g_DebugLog.Trace(kFile, 1, row.Level, "m"), row.Result) << row.Name;
-        EXPECT_EQ(Library()->Lines.size() - lines, row.IsWritten ? 1u : 0u) << row.Name;
-        EXPECT_EQ(g_DebugLog.Dump(kFile, 1, row.Level, "m", 1), row.Result) << row.Name;
-    }
-    EXPECT_EQ(Library()->ConfigCount - before, 2 * static_cast<int>(std::size(rows))) << "asked before every line";
-}
-
-TEST_F(DebugLogTest, WorksWithWhatTheLibraryHas)
-{
-    struct Row
-    {
-        const char* Variant;
-        int32_t TraceResult;
-        bool Result;
-    };
-    for (const Row& row :
-         {Row{"no-trace", 0, false}, {"no-config", 0, true}, {"no-uninitialize", 0, true}, {"whole", 7, false}})
-    {
-        SCOPED_TRACE(row.Variant);
-        StartWithAllLevels(row.Variant);
-        Library()->TraceResult = row.TraceResult;
-        EXPECT_EQ(g_DebugLog.Trace(kFile, 1, 2, "m"), row.Result);
-        EXPECT_TRUE(g_DebugLog.Uninitialize());
-        EXPECT_TRUE(Library().Release());
+        EXPECT_EQ(g_DebugLog.Trace(kFile, 1, level, "m"), result) << name;
+        EXPECT_EQ(g_DebugLog.Dump(kFile, 1, level, "m", 1), result) << name;
+        EXPECT_EQ(Library()->Lines.size() - lines, isWritten ? 2u : 0u) << name;
     }
 }
 
 TEST_F(DebugLogTest, ASecondStartReadsTheSettingsAgain)
 {
     m_Location += "\\"; // with and without a separator it is the same folder
-    StartWithAllLevels("no-config");
+    Start("no-config");
     WriteSettings("Enable=1\r\nLevel=16\r\n");
     EXPECT_TRUE(Initialize(Storage::kIniFile, "Second"));
     EXPECT_EQ(Library()->Configs.size(), 1u) << "the library is kept";
     EXPECT_FALSE(g_DebugLog.Trace(kFile, 1, 256, "m"));
     EXPECT_TRUE(g_DebugLog.Trace(kFile, 1, 16, "m"));
-    EXPECT_NE(Library()->Lines.at(0).Text.find(L" @@@ <Second> m - "), std::wstring::npos);
-
+    EXPECT_NE(LastLine().find(" @@@ <Second> m - "), std::string::npos);
     EXPECT_FALSE(Initialize(7, "Third")) << "an unknown storage";
     EXPECT_TRUE(g_DebugLog.Trace(kFile, 1, 16, "m")) << "the first start still counts";
-    EXPECT_NE(Library()->Lines.at(1).Text.find(L" @@@ <Third> m - "), std::wstring::npos);
+    EXPECT_NE(LastLine().find(" @@@ <Third> m - "), std::string::npos);
 }
 
-// 16 bytes to a row; what comes before the first row end is the line's head.
 TEST_F(DebugLogTest, Dumps)
 {
-    StartWithAllLevels();
+    Start();
     const unsigned char bytes[] = "A \x00~\x7F\x80"
-                                  "0123456789z"; // 17 bytes and the terminator
-    EXPECT_TRUE(g_DebugLog.Dump(kFile, 9, 1, bytes, 17));
-    EXPECT_EQ(LastMessage(), L">>> dump memory"
-                             L"\r\n 41 20 00 7e 7f 80 30 31 32 33 34 35 36 37 38 39A .~..0123456789"
-                             L"\r\n 7az");
-    EXPECT_TRUE(g_DebugLog.DumpWide(L"Some.cpp", 9, 1, bytes, 17));
-    EXPECT_EQ(Library()->Lines[0].Text.substr(23), Library()->Lines[1].Text.substr(23)) << "narrow and wide differ";
-    for (const void* const data : {static_cast<const void*>(bytes), static_cast<const void*>(nullptr)})
-    {
-        EXPECT_TRUE(g_DebugLog.Dump(kFile, 9, 1, data, data == nullptr ? 5 : 0));
-        EXPECT_EQ(LastMessage(), L">>> dump memory");
-    }
-
+                                  "0123456789z";
     const std::string many(2000, 'x');
-    EXPECT_TRUE(g_DebugLog.Dump(kFile, 9, 1, many.data(), 1800));
-    EXPECT_EQ(LastMessage().find(L"???"), std::wstring::npos);
-    EXPECT_TRUE(g_DebugLog.Dump(kFile, 9, 1, many.data(), 2000));
-    const std::wstring message = LastMessage();
-    const std::wstring head = L">>> dump memory\r\n??? size too big, dump 1800 bytes only!\r\n 78";
-    EXPECT_EQ(message.substr(0, head.size()), head);
-    size_t rows = 0;
-    for (size_t at = message.find(L"\r\n 78"); at != std::wstring::npos; at = message.find(L"\r\n 78", at + 1))
-        ++rows;
-    EXPECT_EQ(rows, 113u);
-    EXPECT_TRUE(message.ends_with(L"\r\n 78 78 78 78 78 78 78 78xxxxxxxx"));
+    std::string rows;
+    for (int i = 0; i < 112; ++i)
+        rows += "\r\n 78 78 78 78 78 78 78 78 78 78 78 78 78 78 78 78xxxxxxxxxxxxxxxx";
+    rows += "\r\n 78 78 78 78 78 78 78 78xxxxxxxx"; // the 113th
+    const std::tuple<const void*, uint32_t, std::string> table[] = {
+        {bytes, 17, "\r\n 41 20 00 7e 7f 80 30 31 32 33 34 35 36 37 38 39A .~..0123456789\r\n 7az"},
+        {bytes, 0, ""},
+        {nullptr, 5, ""},
+        {many.data(), 1800, rows},
+        {many.data(), 2000, "\r\n??? size too big, dump 1800 bytes only!" + rows},
+    };
+    for (const auto& [data, size, expected] : table)
+    {
+        EXPECT_TRUE(g_DebugLog.Dump(kFile, 9, 1, data, size));
+        EXPECT_EQ(LastMessage(), ">>> dump memory" + expected);
+        EXPECT_TRUE(g_DebugLog.DumpWide(L"dir\\Some.cpp", 9, 1, data, size));
+        EXPECT_EQ(LastMessage(), ">>> dump memory" + expected);
+        EXPECT_TRUE(LastLine().ends_with(" - Some.cpp(9)\r\n"));
+    }
 }
 
 TEST_F(DebugLogTest, LeavesTheCallersErrorsAlone)
 {
     static const std::string s_Unmappable = "%S";
-    StartWithAllLevels();
+    Start();
     Library()->LastError = 5;
     const std::pair<const char*, void (*)()> rows[] = {
         {"written", [] { KX_TRACE(kTraceDetail, "m"); }},
@@ -381,64 +312,41 @@ TEST_F(DebugLogTest, LeavesTheCallersErrorsAlone)
         EXPECT_EQ(::GetLastError(), 1234u) << name;
         EXPECT_EQ(errno, 77) << name;
     }
-    EXPECT_EQ(Library()->Lines.size(), 4u);
 }
 
-TEST_F(DebugLogTest, TheMacrosLeadHere)
+TEST_F(DebugLogTest, EightThreadsWriteWholeLinesInOrder)
 {
-    int evaluated = 0;
-    KX_TRACE(kTraceError, "off %d", ++evaluated);
-    EXPECT_EQ(evaluated, 0);
-    StartWithAllLevels();
-    KX_TRACE(kTraceError, "on %d", ++evaluated);
-    EXPECT_EQ(LastMessage(), L"on 1");
-    KX_TRACE_WIDE(kTraceError, L"on [%S] %s", "narrow", L"wide");
-    EXPECT_EQ(LastMessage(), L"on [narrow] wide");
-    EXPECT_NE(Library()->Lines.back().Text.find(L" - DebugLogWinTest.cpp("), std::wstring::npos);
-}
-
-TEST_F(DebugLogTest, EightThreadsWriteWholeLines)
-{
-    constexpr int kThreads = 8;
-    constexpr int kLines = 250;
-    StartWithAllLevels();
+    Start();
     std::vector<std::thread> threads;
-    for (int id = 0; id < kThreads; ++id)
+    for (size_t id = 0; id < 8; ++id)
     {
         threads.emplace_back(
             [id]
             {
-                for (int i = 0; i < kLines; ++i)
-                {
-                    if (i % 2 == 0)
-                        KX_TRACE(kTraceDetail, "[%d:%d]%s", id, i,
-                                 std::string(static_cast<size_t>(id) * 40, 'x').c_str());
-                    else
-                        KX_TRACE_WIDE(kTraceDetail, L"[%d:%d]", id, i);
-                }
+                for (int i = 0; i < 250; ++i)
+                    KX_TRACE(kTraceDetail, "[%u:%d]%s", unsigned(id), i, std::string(id * 150, 'x').c_str());
             });
     }
     for (std::thread& thread : threads)
         thread.join();
     EXPECT_FALSE(Library()->Overlapped);
-    ASSERT_EQ(Library()->Lines.size(), size_t{kThreads} * kLines);
-    std::vector<int> next(kThreads, 0);
+    EXPECT_EQ(Library()->Lines.size(), 2000u);
+    int next[8] = {};
     for (const TraceStandInState::Line& line : Library()->Lines)
     {
-        int id = -1;
-        int index = -1;
         const std::string text = Ascii(line.Text);
-        ASSERT_EQ(std::sscanf(text.c_str() + text.find('['), "[%d:%d]", &id, &index), 2) << text;
-        ASSERT_TRUE(id >= 0 && id < kThreads) << text;
-        EXPECT_EQ(index, next[static_cast<size_t>(id)]++) << text;
-        EXPECT_TRUE(text.ends_with(")\r\n")) << text;
+        unsigned id = 8;
+        int index = -1;
+        ASSERT_EQ(std::sscanf(text.c_str() + text.find('['), "[%u:%d]", &id, &index), 2) << text;
+        EXPECT_EQ(index, next[id % 8]++) << text;
+        EXPECT_NE(text.find("]" + std::string(id * 150, 'x') + " - DebugLogWinTest.cpp("), std::string::npos) << text;
     }
 }
 
 // The other half of the next test: ends with the trace up and a thread in the middle of it.
 TEST_F(DebugLogTest, DISABLED_EndsTheProcessWhileTracing)
 {
-    StartWithAllLevels();
+    Start();
     Library()->OnDetach = []
     {
         KX_TRACE(kTraceError, "the library has gone down");
@@ -460,16 +368,15 @@ TEST_F(DebugLogTest, DISABLED_EndsTheProcessWhileTracing)
 
 TEST_F(DebugLogTest, AProcessMayEndWhileTracing)
 {
+    std::wstring command = L"windows_tests --gtest_also_run_disabled_tests --gtest_filter=*EndsTheProcessWhileTracing";
     wchar_t self[MAX_PATH] = {};
     ::GetModuleFileNameW(nullptr, self, MAX_PATH);
-    std::wstring command = L"\"" + std::wstring(self) +
-                           L"\" --gtest_also_run_disabled_tests --gtest_filter=*DISABLED_EndsTheProcessWhileTracing";
     STARTUPINFOW startup = {};
     startup.cb = sizeof startup;
     startup.dwFlags = STARTF_USESTDHANDLES; // none: what it prints is of no interest
     PROCESS_INFORMATION process = {};
     ASSERT_TRUE(
-        ::CreateProcessW(nullptr, command.data(), nullptr, nullptr, FALSE, 0, nullptr, nullptr, &startup, &process));
+        ::CreateProcessW(self, command.data(), nullptr, nullptr, FALSE, 0, nullptr, nullptr, &startup, &process));
     const UniqueKernelObject owner(process.hProcess);
     const UniqueKernelObject threadOwner(process.hThread);
     if (::WaitForSingleObject(process.hProcess, 60000) != WAIT_OBJECT_0)

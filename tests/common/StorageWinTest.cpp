@@ -2,6 +2,8 @@
 #include <memory>
 #include <set>
 #include <string>
+#include <tuple>
+#include <utility>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -51,12 +53,6 @@ protected:
         ::RegDeleteKeyA(HKEY_LOCAL_MACHINE, m_Location.c_str());
     }
     [[nodiscard]] Storage::Key Where() const { return {Storage::kRegistry, m_Location.c_str(), nullptr}; }
-    void SetRaw(const char* name, DWORD type, const std::string& bytes) const
-    {
-        ASSERT_EQ(::RegSetKeyValueA(HKEY_LOCAL_MACHINE, (m_Location + "\\Key").c_str(), name, type, bytes.data(),
-                                    static_cast<DWORD>(bytes.size())),
-                  ERROR_SUCCESS);
-    }
 
     std::string m_Location = "SOFTWARE\\KxTest" + std::to_string(::GetCurrentProcessId());
     Storage::Registry m_Registry;
@@ -64,40 +60,33 @@ protected:
 
 TEST_F(RegistryTest, ReadsOnlyWhatHasTheRightTypeAndSize)
 {
-    struct Row
-    {
-        const char* Name;
-        DWORD Type; // REG_NONE: no such value
-        std::string Bytes;
-        uint32_t NumberCode, Number;
-        uint32_t TextCode;
-        std::string Text;
+    using namespace std::string_literals;
+    const std::tuple<const char*, DWORD, std::string, uint32_t, uint32_t, std::string> rows[] = {
+        // name, type and bytes; code of reading it as a number and as a text (0: it is one), the text
+        {"missing", REG_NONE, "", 2, 2, ""},
+        {"number", REG_DWORD, "\x04\x03\x02\xFF", 0, 13, ""},
+        {"short number", REG_DWORD, "\x01\x02", 13, 13, ""},
+        {"long number", REG_DWORD, "\x01\x02\x03\x04\x05", 13, 13, ""},
+        {"four bytes", REG_BINARY, "\x01\x02\x03\x04", 13, 13, ""},
+        {"text as long as a number", REG_SZ, "abc\0"s, 13, 0, "abc"},
+        {"no terminator", REG_SZ, "text", 13, 0, "text"},
+        {"no bytes", REG_SZ, "", 13, 0, ""},
+        {"ends early", REG_SZ, "te\0xt\0"s, 13, 0, "te"},
+        {"long", REG_SZ, std::string(5000, 'x'), 13, 0, std::string(5000, 'x')},
+        {"another type", REG_EXPAND_SZ, "t\0"s, 13, 13, ""},
     };
-    const Row rows[] = {
-        {"missing", REG_NONE, "", 2, 0, 2, ""},
-        {"number", REG_DWORD, std::string("\x04\x03\x02\xFF", 4), 0, 0xFF020304, 13, ""},
-        {"short number", REG_DWORD, "\x01\x02", 13, 0, 13, ""},
-        {"long number", REG_DWORD, "\x01\x02\x03\x04\x05", 13, 0, 13, ""},
-        {"four bytes", REG_BINARY, "\x01\x02\x03\x04", 13, 0, 13, ""},
-        {"text", REG_SZ, std::string("text\0", 5), 13, 0, 0, "text"},
-        {"text as long as a number", REG_SZ, std::string("abc\0", 4), 13, 0, 0, "abc"},
-        {"no terminator", REG_SZ, "text", 13, 0, 0, "text"},
-        {"no bytes", REG_SZ, "", 13, 0, 0, ""},
-        {"ends early", REG_SZ, std::string("te\0xt\0", 6), 13, 0, 0, "te"},
-        {"long", REG_SZ, std::string(5000, 'x'), 13, 0, 0, std::string(5000, 'x')},
-        {"another type", REG_EXPAND_SZ, std::string("t\0", 2), 13, 0, 13, ""},
-    };
-    for (const Row& row : rows)
+    for (const auto& [name, type, bytes, numberCode, textCode, expected] : rows)
     {
-        SCOPED_TRACE(row.Name);
-        if (row.Type != REG_NONE)
-            SetRaw(row.Name, row.Type, row.Bytes);
+        SCOPED_TRACE(name);
+        if (type != REG_NONE)
+            ::RegSetKeyValueA(HKEY_LOCAL_MACHINE, (m_Location + "\\Key").c_str(), name, type, bytes.data(),
+                              static_cast<DWORD>(bytes.size()));
         uint32_t number = 0;
         std::string text;
-        EXPECT_EQ(CodeOf([&] { number = m_Registry.ReadNumber(row.Name, 7); }, kRegistrySource), row.NumberCode);
-        EXPECT_EQ(number, row.Number);
-        EXPECT_EQ(CodeOf([&] { text = m_Registry.ReadString(row.Name, "default"); }, kRegistrySource), row.TextCode);
-        EXPECT_EQ(text, row.Text);
+        EXPECT_EQ(CodeOf([&, key = name] { number = m_Registry.ReadNumber(key, 7); }, kRegistrySource), numberCode);
+        EXPECT_EQ(number, numberCode == 0 ? 0xFF020304 : 0);
+        EXPECT_EQ(CodeOf([&, key = name] { text = m_Registry.ReadString(key, "default"); }, kRegistrySource), textCode);
+        EXPECT_EQ(text, expected);
     }
 }
 
@@ -106,94 +95,70 @@ TEST_F(RegistryTest, WritesEnumeratesAndDeletes)
     m_Registry.WriteString("b", "text");
     m_Registry.WriteNumber("a", 4294967295u);
     m_Registry.WriteBinary("c", "\1\0\2", 3);
-    Storage::Registry read;
+    Storage::Registry other;
+    other.OpenForWriting(Where(), "Key\\Sub", Storage::kView64);
     const std::string withSeparator = m_Location + "\\";
-    read.OpenForReading({Storage::kRegistryAlso, withSeparator.c_str(), nullptr}, "Key", Storage::kSystemView);
-    EXPECT_EQ(read.Path(), m_Location + "\\Key");
-    EXPECT_EQ(read.ReadString("b", ""), "text");
-    EXPECT_EQ(read.ReadNumber("a", 0), 4294967295u);
+    other.OpenForReading({Storage::kRegistryAlso, withSeparator.c_str(), nullptr}, "Key", Storage::kSystemView);
+    EXPECT_EQ(other.Path(), m_Location + "\\Key");
+    EXPECT_EQ(other.ReadString("b", ""), "text");
+    EXPECT_EQ(other.ReadNumber("a", 0), 4294967295u);
     char bytes[4] = {};
-    EXPECT_EQ(read.ReadBinary("c", bytes, sizeof bytes), 3u);
+    EXPECT_EQ(other.ReadBinary("c", bytes, sizeof bytes), 3u);
     EXPECT_EQ(std::string(bytes, 3), std::string("\1\0\2", 3));
-    EXPECT_EQ(CodeOf([&] { read.ReadBinary("c", bytes, 2); }, kRegistrySource), uint32_t{ERROR_MORE_DATA});
-    EXPECT_EQ(CodeOf([&] { read.ReadBinary("a", bytes, 4); }, kRegistrySource), 13u);
-    EXPECT_EQ(CodeOf([&] { read.WriteNumber("d", 1); }, kRegistrySource), uint32_t{ERROR_ACCESS_DENIED});
-    EXPECT_TRUE(read.Close());
-    EXPECT_FALSE(read.Close());
-    EXPECT_EQ(CodeOf([&] { read.ReadNumber("a", 0); }, kRegistrySource), uint32_t{ERROR_INVALID_HANDLE});
+    EXPECT_EQ(CodeOf([&] { other.ReadBinary("c", bytes, 2); }, kRegistrySource), uint32_t{ERROR_MORE_DATA});
+    EXPECT_EQ(CodeOf([&] { other.WriteNumber("d", 1); }, kRegistrySource), uint32_t{ERROR_ACCESS_DENIED});
 
-    Storage::Registry sub;
-    sub.OpenForWriting(Where(), "Key\\Sub", Storage::kSystemView);
-    sub.Close();
-    Storage::Registry list;
-    list.OpenForEnumerating(Where(), "Key", Storage::kSystemView);
+    other.OpenForEnumerating(Where(), "Key", Storage::kSystemView);
     std::set<std::string> names;
     std::string name;
-    for (uint32_t i = 0; list.EnumerateValues(i, name); ++i)
+    for (uint32_t i = 0; other.EnumerateValues(i, name); ++i)
         names.insert(name);
     EXPECT_EQ(names, (std::set<std::string>{"a", "b", "c"}));
-    EXPECT_TRUE(list.EnumerateKeys(0, name));
-    EXPECT_EQ(name, "Sub");
-    EXPECT_FALSE(list.EnumerateKeys(1, name));
+    EXPECT_TRUE(other.EnumerateKeys(0, name) && name == "Sub");
+    EXPECT_FALSE(other.EnumerateKeys(1, name));
 
-    Storage::Registry remove;
-    remove.OpenForDeleting(Where(), "Key", Storage::kSystemView);
-    EXPECT_TRUE(remove.DeleteValue("a"));
-    EXPECT_EQ(CodeOf([&] { remove.DeleteValue("a"); }, kRegistrySource), 2u);
-    EXPECT_TRUE(remove.DeleteKey("Sub"));
-    EXPECT_EQ(CodeOf([&] { remove.OpenForReading(Where(), "Key\\Sub", Storage::kSystemView); }, kRegistrySource), 2u);
-    EXPECT_EQ(CodeOf([&] { remove.DeleteKey("Sub"); }, kRegistrySource), uint32_t{ERROR_INVALID_HANDLE})
-        << "a failed open leaves nothing open";
-}
-
-TEST_F(RegistryTest, ViewsAreApart)
-{
-    m_Registry.WriteNumber("here", 64);
-    Storage::Registry other;
+    other.OpenForDeleting(Where(), "Key", 99); // no view: the system's own
+    EXPECT_TRUE(other.DeleteValue("a"));
+    EXPECT_EQ(CodeOf([&] { other.DeleteValue("a"); }, kRegistrySource), 2u);
+    EXPECT_TRUE(other.DeleteKey("Sub"));
+    EXPECT_EQ(CodeOf([&] { other.OpenForReading(Where(), "Key\\Sub", Storage::kSystemView); }, kRegistrySource), 2u);
     EXPECT_EQ(CodeOf([&] { other.OpenForReading(Where(), "Key", Storage::kView32); }, kRegistrySource), 2u);
-    for (const uint32_t view : {Storage::kView64, Storage::kSystemView, 99u})
-    {
-        other.OpenForReading(Where(), "Key", view);
-        EXPECT_EQ(other.ReadNumber("here", 0), 64u) << view;
-    }
+    EXPECT_EQ(CodeOf([&] { other.DeleteKey("Sub"); }, kRegistrySource), uint32_t{ERROR_INVALID_HANDLE})
+        << "a failed open leaves nothing open";
+    EXPECT_FALSE(other.Close());
 }
 
 // A missing value ends the reading there; what was not read keeps its preset. (The trace library is one that does not
 // answer with settings of its own, started with an INI file: a key's path is no folder.)
 TEST_F(RegistryTest, TheTraceReadsItsSettingsUpToTheFirstMissingOne)
 {
-    struct Row
-    {
-        const char* Name;
-        std::vector<std::pair<const char*, uint32_t>> Numbers;
-        bool IsEnabled, HasErrors, HasCalls; // level 256, level 16
-    };
-    const Row rows[] = {
-        {"no key", {}, false, false, false},
-        {"Enable is missing", {{"Level", 16}, {"LogProcess", 1}}, false, false, false},
-        {"Level is missing", {{"Enable", 1}, {"LogProcess", 1}}, true, true, false},
-        {"the rest is missing", {{"Enable", 3}, {"Level", 16}}, true, false, true},
-        {"disabled", {{"Enable", 0}, {"Level", 272}}, false, false, false},
+    using Numbers = std::vector<std::pair<const char*, uint32_t>>;
+    const std::tuple<Numbers, bool, bool, bool> rows[] = {
+        // what is there; whether it is enabled, writes errors, writes calls
+        {{}, false, false, false},
+        {{{"Level", 16}, {"LogProcess", 1}}, false, false, false},
+        {{{"Enable", 1}, {"LogProcess", 1}}, true, true, false},
+        {{{"Enable", 3}, {"Level", 16}}, true, false, true},
+        {{{"Enable", 0}, {"Level", 272}}, false, false, false},
     };
     const TempDir dir;
     const std::string folder = dir.Path().string();
     TraceStandIn library(dir.Path(), "no-config");
     ASSERT_TRUE(g_DebugLog.Initialize("Registry", {Storage::kIniFile, folder.c_str(), "none.ini"}, 1));
-    for (const Row& row : rows)
+    const char* const section = IsServiceSession() ? "Key\\ServiceSession" : "Key\\InteractiveSession";
+    const std::string parent = m_Location + "\\Key";
+    for (const auto& [numbers, isEnabled, hasErrors, hasCalls] : rows)
     {
-        const char* const section = IsServiceSession() ? "Key\\ServiceSession" : "Key\\InteractiveSession";
-        const std::string parent = m_Location + "\\Key";
         Storage::Registry key;
-        if (!row.Numbers.empty())
+        if (!numbers.empty())
             key.OpenForWriting(Where(), section, Storage::kSystemView);
-        for (const auto& [name, number] : row.Numbers)
+        for (const auto& [name, number] : numbers)
             key.WriteNumber(name, number);
-        EXPECT_TRUE(g_DebugLog.Initialize("Registry", {Storage::kRegistryAlso, parent.c_str(), nullptr}, 1))
-            << row.Name;
+        EXPECT_TRUE(g_DebugLog.Initialize("Registry", {Storage::kRegistryAlso, parent.c_str(), nullptr}, 1));
         const size_t before = library->Lines.size();
-        EXPECT_EQ(g_DebugLog.Trace("a.cpp", 1, 256, "error"), !row.IsEnabled || row.HasErrors) << row.Name;
-        EXPECT_EQ(g_DebugLog.Trace("a.cpp", 1, 16, "call"), !row.IsEnabled || row.HasCalls) << row.Name;
-        EXPECT_EQ(library->Lines.size() - before, size_t{row.HasErrors} + size_t{row.HasCalls}) << row.Name;
+        EXPECT_EQ(g_DebugLog.Trace("a.cpp", 1, 256, "error"), !isEnabled || hasErrors);
+        EXPECT_EQ(g_DebugLog.Trace("a.cpp", 1, 16, "call"), !isEnabled || hasCalls);
+        EXPECT_EQ(library->Lines.size() - before, size_t{hasErrors} + size_t{hasCalls});
         ::RegDeleteTreeA(HKEY_LOCAL_MACHINE, (m_Location + "\\" + section).c_str());
         ::RegDeleteKeyA(HKEY_LOCAL_MACHINE, (m_Location + "\\" + section).c_str());
     }
@@ -208,14 +173,8 @@ TEST(IniFile, ReadsAndWrites)
     WriteBytes(dir / "a.ini",
                "[One]\r\nNumber=4294967295\r\nNegative=-1\r\nText= some text \r\nBroken=12x\r\nEmpty=\r\nLong=" +
                    longText + "\r\nExact=" + std::string(255, 'e') + "\r\n[Two]\r\nNumber=2\r\n");
-    struct Row
-    {
-        const char* Section;
-        const char* Name;
-        uint32_t Number;  // default 77
-        std::string Text; // default "default"
-    };
-    const Row rows[] = {
+    const std::tuple<const char*, const char*, uint32_t, std::string> rows[] = {
+        // section, name; its number (default 77) and its text (default "default")
         {"One", "Number", 4294967295u, "4294967295"},
         {"One", "Negative", 4294967295u, "-1"},
         {"One", "Text", 0, "some text"},
@@ -231,12 +190,12 @@ TEST(IniFile, ReadsAndWrites)
     const std::string folder = dir.Path().string();
     for (const std::string& location : {folder, folder + "\\"})
     {
-        for (const Row& row : rows)
+        for (const auto& [section, name, number, text] : rows)
         {
             Storage::IniFile file;
-            file.OpenForReading({Storage::kIniFile, location.c_str(), "a.ini"}, row.Section, 0);
-            EXPECT_EQ(file.ReadNumber(row.Name, 77), row.Number) << row.Name;
-            EXPECT_EQ(file.ReadString(row.Name, "default"), row.Text) << row.Name;
+            file.OpenForReading({Storage::kIniFile, location.c_str(), "a.ini"}, section, 0);
+            EXPECT_EQ(file.ReadNumber(name, 77), number) << text;
+            EXPECT_EQ(file.ReadString(name, "default"), text) << text;
         }
     }
     Storage::IniFile file;
@@ -255,23 +214,12 @@ TEST(IniFile, ReadsAndWrites)
     EXPECT_EQ(file.ReadNumber("Number", 5), 5u) << "reading throws nothing";
 }
 
-// What a storage does not support does nothing.
-TEST(Storage, OffersTheSameOperationsForEveryKind)
+TEST(Storage, IsChosenByKind)
 {
     EXPECT_EQ(Storage::Create(2), nullptr);
     EXPECT_NE(dynamic_cast<Storage::Registry*>(Storage::Create(0).get()), nullptr);
     EXPECT_NE(dynamic_cast<Storage::Registry*>(Storage::Create(4).get()), nullptr);
-    const std::unique_ptr<Storage::Base> file = Storage::Create(1);
-    ASSERT_NE(dynamic_cast<Storage::IniFile*>(file.get()), nullptr);
-    const Storage::Key where{Storage::kIniFile, "C:\\", "none.ini"};
-    std::string name = "untouched";
-    EXPECT_FALSE(file->OpenForDeleting(where, "Section", 0));
-    EXPECT_FALSE(file->OpenForEnumerating(where, "Section", 0));
-    EXPECT_FALSE(file->EnumerateKeys(0, name));
-    EXPECT_FALSE(file->EnumerateValues(0, name));
-    EXPECT_EQ(file->ReadBinary("a", name.data(), 1), 0u);
-    EXPECT_FALSE(file->WriteBinary("a", "b", 1));
-    EXPECT_EQ(name, "untouched");
+    EXPECT_NE(dynamic_cast<Storage::IniFile*>(Storage::Create(1).get()), nullptr);
 }
 
 } // namespace

