@@ -2,6 +2,8 @@
 #pragma once
 
 #include <algorithm>
+#include <set>
+#include <utility>
 #include <vector>
 
 #include "common/srclib/KxComn_Files.h"
@@ -21,14 +23,18 @@ public:
     FileFaults(const FileFaults&) = delete;
     FileFaults& operator=(const FileFaults&) = delete;
 
-    /// Of the calls of an operation from now on, those numbered first to last fail with error.
-    void Fail(Operation operation, DWORD error, int first = 1, int last = 1 << 30)
+    /// Of the calls of each of these operations from now on, those numbered first to last fail with error.
+    void Fail(std::set<Operation> operations, DWORD error, int first = 1, int last = 1 << 30)
     {
         Calls.clear();
-        m_Operation = operation;
+        m_Operations = std::move(operations);
         m_Error = error;
         m_First = first;
         m_Last = last;
+    }
+    void Fail(Operation operation, DWORD error, int first = 1, int last = 1 << 30)
+    {
+        Fail(std::set<Operation>{operation}, error, first, last);
     }
     [[nodiscard]] int Count(Operation operation) const
     {
@@ -42,11 +48,11 @@ private:
     {
         Calls.push_back(operation);
         const int number = Count(operation);
-        return operation == m_Operation && number >= m_First && number <= m_Last ? m_Error : ERROR_SUCCESS;
+        return m_Operations.count(operation) != 0 && number >= m_First && number <= m_Last ? m_Error : ERROR_SUCCESS;
     }
 
     inline static FileFaults* s_Current = nullptr;
-    Operation m_Operation = Operation::Open;
+    std::set<Operation> m_Operations;
     DWORD m_Error = ERROR_SUCCESS;
     int m_First = 0;
     int m_Last = 0;
