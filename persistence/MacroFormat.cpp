@@ -1,10 +1,8 @@
 // The macro file: every macro with its items, in the order in which they were added. docs/format.md, "Macro file".
 #include "persistence/MacroFormat.h"
 
-#include <algorithm>
-#include <iterator>
-
-#include "persistence/Aes128.h"
+#include <utility>
+#include <vector>
 
 namespace MacroFormat
 {
@@ -26,16 +24,11 @@ bool ReadItems(CEncryptStream& stream, uint32_t count, std::vector<MACRO_ITEM>& 
 
 bool WriteItems(CEncryptStream& stream, const std::vector<MACRO_ITEM>& items)
 {
-    const void* batch[Aes128::kMostChains];
-    for (size_t begin = 0; begin < items.size(); begin += std::size(batch))
-    {
-        const size_t count = std::min(std::size(batch), items.size() - begin);
-        for (size_t i = 0; i < count; ++i)
-            batch[i] = &items[begin + i];
-        if (!stream.WriteRecords(batch, count, sizeof(MACRO_ITEM)))
-            return false;
-    }
-    return true;
+    std::vector<const void*> records;
+    records.reserve(items.size());
+    for (const MACRO_ITEM& item : items)
+        records.push_back(&item);
+    return stream.WriteRecords(records.data(), records.size(), sizeof(MACRO_ITEM));
 }
 
 } // namespace
