@@ -20,11 +20,11 @@ void BackupAllRules(const std::string& ruleDirectory, const std::string& masterF
 
 /// Copies master, macro and every rule set file into a new dated directory, leaving them in place. False when one of
 /// them could not be copied (traced): writing over it now would lose it.
-bool CopyAllRules(const std::string& ruleDirectory, const std::string& masterFileName,
-                  const std::string& macroFileName);
+[[nodiscard]] bool CopyAllRules(const std::string& ruleDirectory, const std::string& masterFileName,
+                                const std::string& macroFileName);
 
 /// Copies a rule set file to RuleBackup under its name with ".brk" behind it, over an earlier one; nothing when the
 /// file does not exist. False when it exists and could not be copied (traced).
-bool KeepBroken(const std::string& ruleDirectory, const std::string& fileName);
+[[nodiscard]] bool KeepBroken(const std::string& ruleDirectory, const std::string& fileName);
 
 } // namespace Backup

@@ -131,7 +131,7 @@ private:
     [[nodiscard]] int32_t WriteMacroFile();
     [[nodiscard]] int32_t WriteRuleSetFile();
     [[nodiscard]] int32_t WriteOneRuleSet(CRuleSet& ruleSet) KX_REQUIRES(m_Lock);
-    void KeepUnreadFiles() KX_REQUIRES(m_Lock);
+    [[nodiscard]] bool KeepUnreadFiles() KX_REQUIRES(m_Lock);
 
     CLock& m_OuterLock;
     MasterLock m_Lock;

@@ -269,8 +269,9 @@ int32_t CRuleMaster::RescueRuleSet(CRuleSet&& ruleSet)
     ruleSet.SetIndex(RuleSetRescue::IndexFromFileName(ruleSet.FileName()));
     KX_TRACE(kTraceError, "\tCreating a rescue RuleSet instead of a broken/deleted RuleSet %s",
              ruleSet.FileName().c_str());
-    // Whatever the failure was: a file that is there is kept, also one that somebody else holds open.
-    Backup::KeepBroken(m_RulePath, ruleSet.FileName());
+    // Whatever the failure was: a file that is there is kept, also one that somebody else holds open. The rescue goes on
+    // without the copy as well: a set that cannot be read must not stay that way for want of space.
+    static_cast<void>(Backup::KeepBroken(m_RulePath, ruleSet.FileName()));
     RuleSetRescue::MakeRescueSet(ruleSet);
     const int32_t result = ruleSet.Write(m_RulePath);
     if (result != KXRULE_OK)
@@ -310,20 +311,20 @@ int32_t CRuleMaster::WriteAll()
 }
 
 // A store that could not be read whole is not written over: files lie in the directory whose rules are not in memory,
-// and the list that is written next does not name them.
-void CRuleMaster::KeepUnreadFiles()
+// and the list that is written next does not name them. False: they could not be copied, so nothing may be written.
+bool CRuleMaster::KeepUnreadFiles()
 {
-    if (!m_IsReadIncomplete)
-        return;
-    Backup::CopyAllRules(m_RulePath, m_MasterFileName, m_MacroFileName);
-    m_IsReadIncomplete = false;
+    if (m_IsReadIncomplete && Backup::CopyAllRules(m_RulePath, m_MasterFileName, m_MacroFileName))
+        m_IsReadIncomplete = false;
+    return !m_IsReadIncomplete;
 }
 
 int32_t CRuleMaster::WriteMasterFile()
 {
     KX_TRACE(kTraceCall, "CRuleMaster::WriteMasterFile Enter");
     const MasterGuard guard(m_Lock);
-    KeepUnreadFiles();
+    if (!KeepUnreadFiles())
+        return KXRULE_E_FILE_WRITE;
     const Encoder encode = [this](CEncryptStream& stream) KX_REQUIRES(m_Lock) -> int32_t
     {
         MasterFields fields;
@@ -346,7 +347,8 @@ int32_t CRuleMaster::WriteMacroFile()
 {
     KX_TRACE(kTraceCall, "CRuleMaster::WriteMacroFile Enter");
     const MasterGuard guard(m_Lock);
-    KeepUnreadFiles();
+    if (!KeepUnreadFiles())
+        return KXRULE_E_FILE_WRITE;
     const Encoder encode = [this](CEncryptStream& stream) KX_REQUIRES(m_Lock) -> int32_t
     {
         if (MacroFormat::WriteMacros(stream, m_Macros))
@@ -384,8 +386,8 @@ int32_t CRuleMaster::WriteRuleSetFile()
 int32_t CRuleMaster::WriteOneRuleSet(CRuleSet& ruleSet)
 {
     std::string former = ruleSet.FileName();
-    if (!former.empty() && m_OldVersionSets.count(ruleSet.Index()) != 0)
-        Backup::KeepBroken(m_RulePath, former); // the file holds rules that were not read
+    if (!former.empty() && m_OldVersionSets.count(ruleSet.Index()) != 0 && !Backup::KeepBroken(m_RulePath, former))
+        return KXRULE_E_FILE_WRITE; // the file holds rules that were not read
     ruleSet.SetFileName(RuleFiles::RuleSetFileName(ruleSet.Index()));
     KX_TRACE(kTraceCall, "\tCall CRuleSet::Write");
     const int32_t result = ruleSet.Write(m_RulePath);

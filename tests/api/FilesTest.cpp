@@ -227,6 +227,10 @@ TEST_F(FilesTest, ABrokenMacroFileEndsTheReadAndNothingIsWrittenOverItsRuleSets)
         EXPECT_EQ(kxRuleGetMacroCount(), row.macros);
         EXPECT_EQ(Names("RuleBackup"), std::vector<std::string>{});
         ASSERT_EQ(AddSet(0), 0); // the caller does what it was told not to do
+        WriteFile("RuleBackup", "in the way");
+        EXPECT_EQ(kxRuleWrite(), KXRULE_E_FILE_WRITE) << "what cannot be copied is not written over";
+        EXPECT_EQ(ReadFile("KxRulMac.dat"), m_Damaged);
+        std::filesystem::remove(PathOf("RuleBackup"));
         ASSERT_EQ(kxRuleWrite(), 0);
         EXPECT_EQ(BackedUp(), (std::vector<std::string>{"KxRl0001.dat", "KxRl0002.dat", "KxRl00AB.dat", "KxRulMac.dat",
                                                         "KxRulMas.dat"}));
