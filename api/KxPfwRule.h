@@ -167,6 +167,8 @@ KXRULE_C_BEGIN
 
 /* ----------------------------------------------------------------------------------------------------- records -- */
 
+/* Unions name their largest member first, so that `= {0}` zeroes a record to its last byte with every compiler. */
+
 /* Members of nameless unions and structures are C11, but pedantic C++ compilers call them an extension. */
 #if defined(__clang__)
 #pragma clang diagnostic push
@@ -181,8 +183,8 @@ KXRULE_C_BEGIN
 /* An address value: 16 bytes. */
 typedef union KXRULE_PACKED PFW_ADDR
 {
-    uint32_t dwIPv4;    /* IPv4 address or mask in host byte order (10.0.0.1 is 0x0A000001), or a prefix length */
     uint8_t abIPv6[16]; /* IPv6 address in network order */
+    uint32_t dwIPv4;    /* IPv4 address or mask in host byte order (10.0.0.1 is 0x0A000001), or a prefix length */
 } PFW_ADDR;
 
 /* An address item of a rule or a macro: 48 bytes. */
@@ -209,13 +211,13 @@ typedef struct KXRULE_PACKED RULE_PORT
     int32_t nType; /* 0  KXRULE_PORT_... */
     KXRULE_EXTENSION union
     {
+        char szList[KXRULE_PORT_LIST_BYTES]; /* 4  types list and name: NUL-terminated text */
         KXRULE_EXTENSION struct
         {
             uint32_t dwNot;  /*  4  types single and range: nonzero: negated */
             uint16_t wPort1; /*  8  the port, or the lower end of a range */
             uint16_t wPort2; /* 10  the upper end of a range */
         };
-        char szList[KXRULE_PORT_LIST_BYTES]; /* 4  types list and name: NUL-terminated text */
     };
 } RULE_PORT;
 
@@ -314,13 +316,13 @@ typedef struct KXRULE_PACKED PFW_RULE
     uint32_t dwKind;                                  /* 136  KXRULE_KIND_...: which member below is meant */
     KXRULE_EXTENSION union
     {
+        uint8_t abKind[2705];    /* 140  the whole block */
         PFW_ACCESS Access;       /* 140 */
         PFW_NAT Nat;             /* 140 */
         PFW_THROTTLE Throttle;   /* 140 */
         PFW_STREAM Stream;       /* 140 */
         PFW_GENSTREAM GenStream; /* 140 */
         PFW_ACCESS2 Access2;     /* 140 */
-        uint8_t abKind[2705];    /* 140  the whole block */
     };
 } PFW_RULE;
 
@@ -338,9 +340,9 @@ typedef struct KXRULE_PACKED MACRO_ITEM
     uint32_t dwItemType; /* 0  KXRULE_ITEM_... */
     KXRULE_EXTENSION union
     {
+        char szText[KXRULE_MACRO_PAYLOAD_BYTES]; /* 4  KXRULE_ITEM_TEXT: NUL-terminated text */
         RULE_ADDR Addr;                          /* 4  KXRULE_ITEM_ADDR: the first 48 bytes */
         RULE_PORT Port;                          /* 4  KXRULE_ITEM_PORT */
-        char szText[KXRULE_MACRO_PAYLOAD_BYTES]; /* 4  KXRULE_ITEM_TEXT: NUL-terminated text */
     };
 } MACRO_ITEM;
 
@@ -653,6 +655,12 @@ KXRULE_STATIC_ASSERT(offsetof(MACRO_ITEM, szText) == 4);
 KXRULE_STATIC_ASSERT(sizeof(PFW_MACRO) == 40);
 KXRULE_STATIC_ASSERT(offsetof(PFW_MACRO, szName) == 4);
 KXRULE_STATIC_ASSERT(offsetof(PFW_MACRO, nItemCount) == 36);
+#if defined(__cplusplus) /* that a member can be read here tells that it is the one that {} zeroes */
+KXRULE_STATIC_ASSERT(PFW_ADDR{}.abIPv6[15] == 0);
+KXRULE_STATIC_ASSERT(RULE_PORT{}.szList[KXRULE_PORT_LIST_BYTES - 1] == 0);
+KXRULE_STATIC_ASSERT(PFW_RULE{}.abKind[2704] == 0);
+KXRULE_STATIC_ASSERT(MACRO_ITEM{}.szText[KXRULE_MACRO_PAYLOAD_BYTES - 1] == 0);
+#endif
 
 KXRULE_C_END
 
