@@ -5,8 +5,8 @@
 #include <charconv>
 #include <cstddef>
 #include <cstdint>
-#include <iterator>
 #include <string_view>
+#include <type_traits>
 
 #include "common/srclib/KxComn_Record.h"
 
@@ -141,11 +141,12 @@ void Append(std::string& text, const PFW_NAT& rule)
     text += Keyword(kNatTypes, rule.dwNatType);
 }
 
+// Numbers in arrays go by value, and not even the array is referred to: it may lie at an odd address.
 void Append(std::string& text, const PFW_THROTTLE& rule)
 {
     text += "THROTTLE,";
     AppendTraffic(text, rule);
-    for (size_t i = 0; i < std::size(rule.wLimit); ++i) // by value: the fields may lie at odd addresses
+    for (size_t i = 0; i < std::extent_v<decltype(rule.wLimit)>; ++i)
     {
         if (i > 0)
             text += ',';
@@ -175,7 +176,7 @@ void Append(std::string& text, const PFW_GENSTREAM& rule)
     AppendTraffic(text, rule);
     text += Keyword(kDirections, rule.dwDirection);
     text += ',';
-    for (size_t i = 0; i < std::size(rule.dwParam); ++i)
+    for (size_t i = 0; i < std::extent_v<decltype(rule.dwParam)>; ++i)
     {
         AppendNumber(text, uint32_t{rule.dwParam[i]});
         text += ',';
