@@ -4,7 +4,7 @@ target_include_directories(kx_flags INTERFACE ${CMAKE_SOURCE_DIR})
 target_compile_features(kx_flags INTERFACE cxx_std_20 c_std_11)
 target_compile_options(kx_flags INTERFACE
     -Wall -Wextra -Wpedantic -Wshadow
-    -Wno-restrict # GCC 12 warns falsely about `s = "literal"` at -O2
+    $<$<CXX_COMPILER_ID:GNU>:-Wno-restrict> # GCC 12 warns falsely about `s = "literal"` at -O2
     -ffile-prefix-map=${CMAKE_SOURCE_DIR}/= # same bytes from any checkout
     $<$<BOOL:${KX_WERROR}>:-Werror>)
 
@@ -22,6 +22,7 @@ if(WIN32)
 else()
     target_compile_definitions(kx_flags INTERFACE _GLIBCXX_ASSERTIONS)
     target_compile_options(kx_flags INTERFACE
-        -fsanitize=address,undefined -fno-sanitize-recover=all -fno-omit-frame-pointer)
+        -fsanitize=address,undefined -fno-sanitize-recover=all -fno-omit-frame-pointer
+        $<$<BOOL:${KX_FUZZ}>:-fsanitize=fuzzer-no-link>)
     target_link_options(kx_flags INTERFACE -fsanitize=address,undefined)
 endif()

@@ -6,6 +6,7 @@ declare -A groups=(
     [build]="g++-mingw-w64-x86-64-posix wine wine64 cmake ninja-build googletest libcli11-dev nlohmann-json3-dev"
     [test]="g++ libc6-dev python3"
     [check]="clang clang-format clang-tidy lld llvm shellcheck"
+    [fuzz]="clang g++ libclang-rt-dev llvm python3"
     [package]="llvm zip"
     [bench]="npm python3"
 )

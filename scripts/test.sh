@@ -1,16 +1,16 @@
 #!/bin/bash
 # test.sh [CTEST ARGUMENTS]: installs what is missing, builds all presets with warnings as errors, and runs every test,
 # natively and under Wine, and every check. Ends with ctest's summary of all of them.
-. "$(dirname "$0")/steps.sh" 5
+. "$(dirname "$0")/steps.sh" 6
 
 step "packages"
-scripts/packages.sh build test check
+scripts/packages.sh build test check fuzz
 
 cmake/wine-run.sh & # a new Wine prefix takes some seconds; the compiler leaves them free
 prefix=$!
 trap stopWine EXIT
 export NINJA_STATUS='    [%f/%t] '
-for preset in native release debug; do
+for preset in native release debug fuzz; do
     step "build ($preset)"
     configure $preset -DKX_WERROR=ON
     cmake --build --preset $preset

@@ -166,9 +166,9 @@ class Campaigns:
                 continue
             corpus = ROOT / "tests" / "fuzz" / "corpus" / target
             with tempfile.TemporaryDirectory() as found:
-                done = subprocess.run([str(program), f"-max_total_time={seconds}", f"-seed={self.seed}", "-rss_limit_mb=1024",
-                                       f"-artifact_prefix={found}/", found, *([str(corpus)] if corpus.exists() else [])],
-                                      stdin=subprocess.DEVNULL, capture_output=True, text=True)
+                done = subprocess.run([str(program), f"-max_total_time={seconds}", f"-seed={self.seed}", "-timeout=20",
+                                       "-rss_limit_mb=1024", f"-artifact_prefix={ROOT}/build/fuzz/", found, str(corpus)],
+                                      stdin=subprocess.DEVNULL, capture_output=True, text=True, errors="replace")
                 runs = re.findall(r"Done (\d+) runs", done.stderr)
                 losses = [] if done.returncode == 0 else [done.stderr[-2000:]]
                 self.row(target, int(runs[-1]) if runs else 0, losses)

@@ -1,0 +1,23 @@
+#!/bin/bash
+# torture.sh [MINUTES]: tries to lose a rule, for half an hour unless told otherwise: kills the writer, lets calls fail,
+# fills the disk, damages files, loads the library with threads, fuzzes the readers. Ends with a table of what was tried
+# and lost; fails when anything was.
+. "$(dirname "$0")/steps.sh" 4
+
+step "packages"
+scripts/packages.sh build fuzz
+
+cmake/wine-run.sh & # a new Wine prefix takes some seconds; the compiler leaves them free
+prefix=$!
+trap stopWine EXIT
+export NINJA_STATUS='    [%f/%t] '
+step "build (debug)"
+configure debug
+cmake --build --preset debug --target torture_tests victim
+step "build (fuzz)"
+configure fuzz
+cmake --build --preset fuzz
+wait $prefix
+
+step "campaigns"
+python3 scripts/torture.py --preset debug --minutes "${1:-30}"

@@ -1,0 +1,267 @@
+// Bytes as a rule or a macro: normalised, rendered, written, read back, shown as JSON. The first byte tells which; behind
+// it stands the record, zeroes following, or the macro's name and its items.
+#include <array>
+#include <cstring>
+#include <memory>
+#include <string>
+
+#include "common/srclib/KxComn_Record.h"
+#include "persistence/MacroFormat.h"
+#include "persistence/RuleSetFormat.h"
+#include "rules/Macro.h"
+#include "rules/Rule.h"
+#include "rules/RuleText.h"
+#include "tests/fuzz/Fuzz.h"
+#include "tests/support/FakeHashDll.h"
+#include "tests/support/MemoryStream.h"
+#include "tests/support/TraceSink.h"
+#include "tools/kxrule/RuleJson.h"
+
+namespace
+{
+
+constexpr size_t kUsedHead = offsetof(PFW_RULE, dwKind); // what stands before it is in no line
+
+struct NoLock final : CLock
+{
+    bool Lock() override { return true; }
+    bool Unlock() override { return true; }
+};
+
+bool Same(const void* a, const void* b, size_t size)
+{
+    return size == 0 || std::memcmp(a, b, size) == 0;
+}
+
+bool Same(const PFW_RULE& a, const PFW_RULE& b)
+{
+    return Same(&a, &b, sizeof a);
+}
+
+/// An item's text from a copy in memory of its own, so that reading past it shows.
+template <class Item>
+std::string TextOf(const Item& item, void (*append)(std::string&, const Item&))
+{
+    const auto alone = std::make_unique<Item>(item);
+    std::string text;
+    append(text, *alone);
+    return text;
+}
+
+template <size_t count>
+std::string TextsOf(const RULE_ADDR (&addresses)[count])
+{
+    std::string text;
+    for (const RULE_ADDR& address : addresses)
+        text += TextOf(address, RuleText::AppendAddress) + ',';
+    return text;
+}
+
+template <class Block>
+std::string TrafficOf(const Block& block)
+{
+    std::string text = TextsOf(block.Addr);
+    for (const RULE_PORT& port : block.Port)
+        text += TextOf(port, RuleText::AppendPort) + ',';
+    return text;
+}
+
+/// What the line says of addresses and ports, behind two keywords.
+std::string ExpectedTraffic(const PFW_RULE& rule)
+{
+    switch (rule.dwKind)
+    {
+    case KXRULE_KIND_ACCESS:
+        return TrafficOf(rule.Access);
+    case KXRULE_KIND_NAT:
+        return TrafficOf(rule.Nat);
+    case KXRULE_KIND_THROTTLE:
+        return TrafficOf(rule.Throttle);
+    case KXRULE_KIND_STREAM:
+        return TextsOf(rule.Stream.Addr);
+    default:
+        return TrafficOf(rule.GenStream);
+    }
+}
+
+/// The first byte behind what the line shows of a rule of that kind.
+size_t UsedEnd(uint32_t kind)
+{
+    switch (kind)
+    {
+    case KXRULE_KIND_ACCESS:
+        return offsetof(PFW_RULE, Access.wszAppName);
+    case KXRULE_KIND_NAT:
+        return offsetof(PFW_RULE, Nat.dwNatType) + sizeof(uint32_t);
+    case KXRULE_KIND_THROTTLE:
+        return offsetof(PFW_RULE, Throttle.szExtText) + KXRULE_EXT_TEXT_BYTES;
+    default:
+        return sizeof(PFW_RULE);
+    }
+}
+
+void CheckLine(const PFW_RULE& rule)
+{
+    const auto alone = std::make_unique<PFW_RULE>(rule);
+    std::string line = "before";
+    const uint32_t kind = rule.dwKind;
+    if (RuleText::Render(*alone, line) != KXRULE_OK)
+    {
+        KX_REQUIRE(line == "before" && (kind < KXRULE_KIND_ACCESS || kind > KXRULE_KIND_GENSTREAM));
+        return;
+    }
+    KX_REQUIRE(line.find('\0') == std::string::npos);
+    const size_t behind = line.find(',', line.find(',') + 1) + 1;
+    const std::string traffic = ExpectedTraffic(rule);
+    KX_REQUIRE(line.compare(behind, traffic.size(), traffic) == 0);
+
+    // A field without terminator must not bring its neighbours into the line.
+    uint8_t* const bytes = reinterpret_cast<uint8_t*>(alone.get());
+    std::fill_n(bytes, kUsedHead, 'x');
+    std::fill(bytes + UsedEnd(kind), bytes + sizeof rule, static_cast<uint8_t>('x'));
+    std::string again;
+    KX_REQUIRE(RuleText::Render(*alone, again) == KXRULE_OK && again == line);
+}
+
+void CheckRanges(const PFW_RULE& rule)
+{
+    for (const RULE_ADDR& item : rule.Access.Addr)
+    {
+        const bool isRange = item.dwType == KXRULE_ADDR_RANGE;
+        KX_REQUIRE(!isRange || item.dwFamily != KXRULE_FAMILY_IPV4 || item.Addr1.dwIPv4 <= item.Addr2.dwIPv4);
+        KX_REQUIRE(!isRange || item.dwFamily != KXRULE_FAMILY_IPV6 ||
+                   std::memcmp(item.Addr1.abIPv6, item.Addr2.abIPv6, sizeof item.Addr1) <= 0);
+    }
+    for (const RULE_PORT& item : rule.Access.Port)
+        KX_REQUIRE(item.nType != KXRULE_PORT_RANGE || item.wPort1 <= item.wPort2);
+}
+
+void CheckNormalised(const PFW_RULE& given, const PFW_RULE& rule)
+{
+    const bool isAccess = given.dwKind == KXRULE_KIND_ACCESS;
+    if (!isAccess && given.dwKind != KXRULE_KIND_ACCESS2)
+        return KX_REQUIRE(Same(given, rule));
+    CheckRanges(rule);
+    KX_REQUIRE((isAccess ? rule.Access.wszAppName : rule.Access2.wszAppName)[KXRULE_APP_NAME_UNITS - 1] == 0);
+    KX_REQUIRE(Same(CRule(rule).Record(), rule));
+    // Outside of ranges, the name's end, the hash and the switch behind it, nothing changes.
+    const size_t ends = isAccess ? offsetof(PFW_RULE, Access.dwSystem) : offsetof(PFW_RULE, Access2.dwSystem);
+    const uint8_t* const before = reinterpret_cast<const uint8_t*>(&given);
+    const uint8_t* const after = reinterpret_cast<const uint8_t*>(&rule);
+    const auto same = [=](size_t begin, size_t end) { return Same(before + begin, after + begin, end - begin); };
+    KX_REQUIRE(same(0, offsetof(PFW_RULE, Access.Addr)));
+    KX_REQUIRE(same(offsetof(PFW_RULE, Access.dwAction), ends - KXRULE_HASH_BYTES - sizeof(KXWCHAR)));
+    KX_REQUIRE(same(ends + sizeof(uint32_t), sizeof rule));
+}
+
+void CheckHash(CRule rule)
+{
+    const PFW_RULE before = rule.Record();
+    const TraceSink trace; // the lines show the application's name
+    std::vector<uint16_t> changed;
+    NoLock lock;
+    KX_REQUIRE(rule.UpdateHash(1, nullptr, nullptr, nullptr, nullptr, changed, lock) == KXRULE_OK);
+    PFW_RULE expected = before;
+    if (!changed.empty())
+        std::memcpy(expected.Access.abAppHash, rule.Record().Access.abAppHash, KXRULE_HASH_BYTES);
+    KX_REQUIRE(Same(rule.Record(), expected));
+    const std::array<uint8_t, KXRULE_HASH_BYTES> hash = {1, 2, 3};
+    const KxCommon::WideString name = KxCommon::Record::WideText(&before.Access.wszAppName, KXRULE_APP_NAME_UNITS);
+    KX_REQUIRE(rule.UpdateHash(1, name.c_str(), hash.data(), nullptr, nullptr, changed, lock) == KXRULE_OK);
+}
+
+void CheckFile(const PFW_RULE& rule)
+{
+    MemoryStream stream;
+    const PFW_RULE* const records[] = {&rule};
+    KX_REQUIRE(RuleSetFormat::WriteRules(stream, records, 1) && stream.Finish());
+    stream.Rewind();
+    RuleSetFormat::Header header;
+    header.RuleCount = 1;
+    KX_REQUIRE(RuleSetFormat::ReadRules(stream, header, [&](const PFW_RULE& read) { KX_REQUIRE(Same(read, rule)); }));
+}
+
+void CheckJson(const PFW_RULE& rule)
+{
+    PFW_RULE read{};
+    std::vector<Tool::JsonError> errors;
+    const bool isRefused = rule.dwKind == KXRULE_KIND_ACCESS && Tool::HasBlankPortList(rule);
+    KX_REQUIRE(Tool::ReadRule(Tool::RuleToJson(rule), read, errors) != isRefused);
+    KX_REQUIRE(errors.size() == (isRefused ? 1 : 0) && Same(read, rule));
+    if (rule.dwKind == KXRULE_KIND_ACCESS || rule.dwKind == KXRULE_KIND_ACCESS2)
+        KX_REQUIRE(Tool::HasBlankPortList(rule) == CRule::HasBlankPortList(rule));
+}
+
+void CheckRule(Fuzz::Input& input)
+{
+    const auto given = std::make_unique<PFW_RULE>();
+    std::memset(static_cast<void*>(given.get()), 0, sizeof *given);
+    input.TakeInto(given.get(), sizeof *given);
+    const CRule rule(*given);
+    CheckNormalised(*given, rule.Record());
+    CheckLine(rule.Record());
+    CheckHash(rule);
+    CheckFile(rule.Record());
+    CheckJson(rule.Record());
+}
+
+bool Same(const CMacro& a, const CMacro& b)
+{
+    return a.Name() == b.Name() && a.Items().size() == b.Items().size() &&
+           Same(a.Items().data(), b.Items().data(), a.Items().size() * sizeof(MACRO_ITEM));
+}
+
+void CheckMacro(Fuzz::Input& input)
+{
+    std::vector<uint8_t> record = input.TakeBytes(sizeof(PFW_MACRO));
+    const size_t count = (input.Left() + sizeof(MACRO_ITEM) - 1) / sizeof(MACRO_ITEM);
+    const std::vector<uint8_t> items = input.TakeBytes(count * sizeof(MACRO_ITEM));
+    record.insert(record.end(), items.begin(), items.end());
+    PFW_MACRO& head = *reinterpret_cast<PFW_MACRO*>(record.data());
+    if (head.nItemCount > 0) // how many there are is the caller's word
+        head.nItemCount = static_cast<int32_t>(count);
+    const CMacro macro(head);
+    KX_REQUIRE(macro.Items().size() == (head.nItemCount > 0 ? count : 0));
+
+    std::string text = "before";
+    const int32_t result = macro.GetMacroString(text);
+    KX_REQUIRE(macro.Items().empty() ? result == KXRULE_E_MACRO_TEXT && text == "before" : result == KXRULE_OK);
+    std::string expected;
+    for (const MACRO_ITEM& item : macro.Items())
+    {
+        expected += expected.empty() ? macro.Name() + '=' : std::string(",");
+        if (item.dwItemType == KXRULE_ITEM_ADDR)
+            expected += TextOf(item.Addr, RuleText::AppendAddress);
+        else if (item.dwItemType == KXRULE_ITEM_PORT)
+            expected += TextOf(item.Port, RuleText::AppendPort);
+        else if (item.dwItemType == KXRULE_ITEM_TEXT)
+            expected += std::string(item.szText, ::strnlen(item.szText, sizeof item.szText));
+    }
+    KX_REQUIRE(macro.Items().empty() || text == expected);
+
+    std::vector<uint8_t> copy(macro.RecordBytes());
+    macro.CopyRecord(copy.data());
+    KX_REQUIRE(Same(CMacro(*reinterpret_cast<const PFW_MACRO*>(copy.data())), macro));
+
+    MemoryStream stream;
+    KX_REQUIRE(MacroFormat::WriteMacros(stream, {macro, macro}) && stream.Finish());
+    stream.Rewind();
+    std::list<CMacro> macros;
+    static_cast<void>(RuleSetFormat::ReadVersion(stream));
+    KX_REQUIRE(MacroFormat::ReadMacros(stream, macros) && macros.size() == 2);
+    KX_REQUIRE(Same(macros.front(), macro) && Same(macros.back(), macro));
+}
+
+} // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
+{
+    FakeHashDll library;
+    library.Hash.fill(0xAB);
+    Fuzz::Input input(data, size);
+    if (input.Take<uint8_t>() % 2 == 0)
+        CheckRule(input);
+    else
+        CheckMacro(input);
+    return 0;
+}
