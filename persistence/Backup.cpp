@@ -61,7 +61,7 @@ std::string CreateBackupDirectoryByDate(const std::string& ruleDirectory)
     return directory;
 }
 
-void BackupAllRules(const std::string& ruleDirectory, const std::string& masterFileName)
+bool BackupAllRules(const std::string& ruleDirectory, const std::string& masterFileName)
 {
     KX_TRACE(KxCommon::kTraceDetail, "BackupAllRules [Enter]");
     const std::string backup = CreateBackupDirectoryByDate(ruleDirectory) + '\\';
@@ -69,28 +69,33 @@ void BackupAllRules(const std::string& ruleDirectory, const std::string& masterF
     const std::string master = ruleDirectory + masterFileName;
     const std::string keptMaster = backup + masterFileName;
     KX_TRACE_WIDE(KxCommon::kTraceCall, L"Move master file : [%S] -> [%S]", master.c_str(), keptMaster.c_str());
-    static_cast<void>(Files::Move(master.c_str(), keptMaster.c_str(), 0));
-    for (const std::string& name : RuleFiles::FindRuleSetFiles(ruleDirectory))
+    bool isComplete = true;
+    const std::vector<std::string> names = RuleFiles::FindRuleSetFiles(ruleDirectory, &isComplete);
+    isComplete = (Files::Move(master.c_str(), keptMaster.c_str(), 0) || !MayExist(master)) && isComplete;
+    for (const std::string& name : names)
     {
         const std::string file = ruleDirectory + name;
         const std::string kept = backup + name;
         KX_TRACE_WIDE(KxCommon::kTraceCall, L"Move ruleset file : [%S] -> [%S]", file.c_str(), kept.c_str());
-        static_cast<void>(Files::Move(file.c_str(), kept.c_str(), 0));
+        isComplete = (Files::Move(file.c_str(), kept.c_str(), 0) || !MayExist(file)) && isComplete;
     }
     KX_TRACE(KxCommon::kTraceDetail, "BackupAllRules [Leave]");
+    return isComplete;
 }
 
 bool CopyAllRules(const std::string& ruleDirectory, const std::string& masterFileName, const std::string& macroFileName)
 {
     const std::string backup = CreateBackupDirectoryByDate(ruleDirectory) + '\\';
-    std::vector<std::string> names = RuleFiles::FindRuleSetFiles(ruleDirectory);
+    bool complete = true;
+    std::vector<std::string> names = RuleFiles::FindRuleSetFiles(ruleDirectory, &complete);
     names.push_back(masterFileName);
     names.push_back(macroFileName);
-    bool complete = true;
     for (const std::string& name : names)
     {
         const std::string file = ruleDirectory + name;
-        if (!MayExist(file))
+        const DWORD attributes = Files::Attributes(file.c_str());
+        const bool isDirectory = attributes != INVALID_FILE_ATTRIBUTES && (attributes & FILE_ATTRIBUTE_DIRECTORY) != 0;
+        if (isDirectory || !MayExist(file))
             continue;
         std::string kept = backup + name;
         while (Files::Attributes(kept.c_str()) != INVALID_FILE_ATTRIBUTES)

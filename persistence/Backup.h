@@ -14,9 +14,9 @@ namespace Backup
 /// be made is found out by whoever puts something there.
 [[nodiscard]] std::string CreateBackupDirectoryByDate(const std::string& ruleDirectory);
 
-/// Moves the master file and every rule set file into a new dated directory. The macro file stays. Failures are
-/// tolerated: what cannot be moved stays where it is.
-void BackupAllRules(const std::string& ruleDirectory, const std::string& masterFileName);
+/// Moves the master file and every rule set file into a new dated directory. The macro file stays. What cannot be moved
+/// stays where it is, and the result is false: writing over it now would lose it.
+[[nodiscard]] bool BackupAllRules(const std::string& ruleDirectory, const std::string& masterFileName);
 
 /// Copies master, macro and every rule set file into a new dated directory, leaving them in place. False when one of
 /// them could not be copied (traced): writing over it now would lose it.

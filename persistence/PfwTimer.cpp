@@ -12,6 +12,7 @@
 
 #include "common/srclib/KxComn_Handle.h"
 #include "common/srclib/KxComn_Trace.h"
+#include "common/srclib/Utility.h"
 
 using KxCommon::UniqueKernelObject;
 using KxCommon::Synchronize::ScopedLock;
@@ -41,19 +42,6 @@ UniqueModule ReferenceOwnModule() noexcept
     ::GetModuleHandleExW(GET_MODULE_HANDLE_EX_FLAG_FROM_ADDRESS,
                          reinterpret_cast<const wchar_t*>(reinterpret_cast<const void*>(&ReferenceOwnModule)), &module);
     return UniqueModule(module);
-}
-
-// True when static objects are destroyed because the process ends. The system has ended all other threads by then,
-// wherever they were, with the locks that they held.
-bool IsProcessEnding() noexcept
-{
-    using Query = BOOLEAN(NTAPI*)();
-    const HMODULE system = ::GetModuleHandleW(L"ntdll.dll");
-    const auto query =
-        system == nullptr
-            ? nullptr
-            : reinterpret_cast<Query>(reinterpret_cast<void*>(::GetProcAddress(system, "RtlDllShutdownInProgress")));
-    return query != nullptr && query() != FALSE;
 }
 
 void CloseTraced(UniqueKernelObject& object) noexcept
@@ -146,7 +134,7 @@ CPfwTimer::CPfwTimer() = default;
 
 CPfwTimer::~CPfwTimer()
 {
-    if (IsProcessEnding())
+    if (KxCommon::IsProcessEnding()) // the threads are gone, and with them perhaps the lock
         return;
     KX_TRACE(KxCommon::kTraceCall, "~CPfwTimer Enter");
     {
@@ -172,6 +160,12 @@ try
     }
     auto entry = std::make_unique<Entry>(
         Entry{callback, interval, context, periodic, ReferenceOwnModule(), UniqueKernelObject(), UniqueKernelObject()});
+    if (!entry->Module)
+    {
+        const DWORD error = ::GetLastError();
+        KX_TRACE(KxCommon::kTraceError, "\tThe timer's module could not be referenced (%lu)", error);
+        return false;
+    }
     entry->Quit.reset(::CreateEventA(nullptr, FALSE, FALSE, nullptr));
     if (!entry->Quit)
     {
@@ -185,7 +179,15 @@ try
         m_Table.erase(position);
         return false;
     }
-    ::ResumeThread(position->second->Thread.get());
+    if (::ResumeThread(position->second->Thread.get()) == static_cast<DWORD>(-1))
+    {
+        const DWORD error = ::GetLastError();
+        KX_TRACE(KxCommon::kTraceError, "\tTimerThread could not be resumed (%lu)", error);
+        ::TerminateThread(position->second->Thread.get(), 0); // it has never run, so it holds nothing
+        position->second->Stop();
+        m_Table.erase(position);
+        return false;
+    }
     return true;
 }
 catch (const std::bad_alloc&)

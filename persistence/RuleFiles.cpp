@@ -94,44 +94,41 @@ int32_t WriteTemporary(const WriteJob& job, const std::string& temporary)
     return KXRULE_OK;
 }
 
-enum class Replaced
+// Calls attempt until it succeeds or fails for good. *error is that of the last attempt.
+template <class Attempt>
+bool Retry(const Attempt& attempt, DWORD* error) noexcept
 {
-    ByMove, // the temporary file is gone
-    ByCopy, // it is still there
-    Failed
-};
-
-// One attempt. *error is that of the copy, *lasting tells that waiting would not help.
-Replaced TryReplace(const char* temporary, const char* target, DWORD* error, bool* lasting) noexcept
-{
-    const DWORD attributes = Files::Attributes(target);
-    const bool odd = attributes != INVALID_FILE_ATTRIBUTES && (attributes & kOddAttributes) != 0;
-    if (!odd && Files::Move(temporary, target, MOVEFILE_REPLACE_EXISTING | MOVEFILE_WRITE_THROUGH))
-        return Replaced::ByMove;
-    if (Files::Copy(temporary, target))
-        return Replaced::ByCopy;
-    *error = ::GetLastError();
-    *lasting = *error != ERROR_SHARING_VIOLATION && (*error != ERROR_ACCESS_DENIED || odd);
-    return Replaced::Failed;
+    for (int number = 1;; ++number)
+    {
+        if (attempt())
+            return true;
+        *error = ::GetLastError();
+        const bool mayPass = *error == ERROR_SHARING_VIOLATION || *error == ERROR_ACCESS_DENIED;
+        if (!mayPass || number == kReplaceAttempts)
+            return false;
+        ::Sleep(kReplacePause);
+    }
 }
 
-// Puts the complete temporary file over the real one.
+// Puts the complete temporary file over the real one. A move replaces it in one step; a copy writes into it, so that a
+// crash in mid-copy leaves half a file, and is what remains where nothing can be moved.
 int32_t Replace(const std::string& temporary, const std::string& target) noexcept
 {
     DWORD error = ERROR_SUCCESS;
-    bool lasting = false;
-    Replaced replaced = TryReplace(temporary.c_str(), target.c_str(), &error, &lasting);
-    for (int attempt = 1; replaced == Replaced::Failed && !lasting && attempt < kReplaceAttempts; ++attempt)
+    const DWORD attributes = Files::Attributes(target.c_str());
+    const bool isOdd = attributes != INVALID_FILE_ATTRIBUTES && (attributes & kOddAttributes) != 0;
+    const auto move = [&]
+    { return Files::Move(temporary.c_str(), target.c_str(), MOVEFILE_REPLACE_EXISTING | MOVEFILE_WRITE_THROUGH); };
+    if (!isOdd && Retry(move, &error))
+        return KXRULE_OK;
+
+    if (!Files::Copy(temporary.c_str(), target.c_str()))
     {
-        ::Sleep(kReplacePause);
-        replaced = TryReplace(temporary.c_str(), target.c_str(), &error, &lasting);
-    }
-    if (replaced == Replaced::Failed)
-    {
+        error = ::GetLastError();
         KX_TRACE(KxCommon::kTraceError, "\tCopyFile() failed %lu (%s -> %s)", error, temporary.c_str(), target.c_str());
         return KXRULE_E_FILE_WRITE;
     }
-    if (replaced == Replaced::ByCopy && !Files::Delete(temporary.c_str()))
+    if (!Files::Delete(temporary.c_str()))
     {
         error = ::GetLastError();
         KX_TRACE(KxCommon::kTraceError, "\tDeleteFile() failed %lu (%s)", error, temporary.c_str());
@@ -174,10 +171,13 @@ bool IsRuleSetFileName(std::string_view name) noexcept
            name.substr(0, stem).find('.') == std::string_view::npos;
 }
 
-std::vector<std::string> FindRuleSetFiles(const std::string& directory)
+std::vector<std::string> FindRuleSetFiles(const std::string& directory, bool* isComplete)
 {
-    std::vector<std::string> names =
-        Files::FindFiles(directory + FileFormat::kRuleSetPrefix + "????" + FileFormat::kRuleSetExtension);
+    std::vector<std::string> names;
+    const bool isWhole =
+        Files::FindFiles(directory + FileFormat::kRuleSetPrefix + "????" + FileFormat::kRuleSetExtension, names);
+    if (isComplete != nullptr)
+        *isComplete = isWhole;
     std::erase_if(names, [](const std::string& name) { return !IsRuleSetFileName(name); });
     return names;
 }

@@ -21,8 +21,9 @@ namespace RuleFiles
 /// True for the names that the wildcard pattern of rule set files means: prefix, up to four characters, extension, in
 /// any letter case. The system's own matching also finds longer names through their short ones.
 [[nodiscard]] bool IsRuleSetFileName(std::string_view name) noexcept;
-/// The rule set files of a directory (with backslash), in the system's order.
-[[nodiscard]] std::vector<std::string> FindRuleSetFiles(const std::string& directory);
+/// The rule set files of a directory (with backslash), in the system's order. *isComplete, which may be null, tells
+/// whether the search came to its end.
+[[nodiscard]] std::vector<std::string> FindRuleSetFiles(const std::string& directory, bool* isComplete = nullptr);
 
 /// How one of the three writers differs from the others.
 struct WriteJob

@@ -18,6 +18,8 @@ public:
 
     void Lock() noexcept KX_ACQUIRE() { ::EnterCriticalSection(&m_Section); }
     void Unlock() noexcept KX_RELEASE() { ::LeaveCriticalSection(&m_Section); }
+    /// For waiting on a condition variable.
+    CRITICAL_SECTION* Native() noexcept { return &m_Section; }
 
 private:
     CRITICAL_SECTION m_Section;

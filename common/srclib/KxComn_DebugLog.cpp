@@ -42,21 +42,6 @@ private:
     int m_Errno;
 };
 
-// Once the process ends, other threads may have died with a lock in their hands, and the trace library may have gone
-// down before this one: nothing may be locked or called any more.
-bool IsProcessEnding() noexcept
-{
-    using Function = BOOLEAN NTAPI();
-    static Function* const s_IsEnding = []
-    {
-        const HMODULE ntdll = ::GetModuleHandleA("ntdll.dll");
-        void* const address =
-            ntdll == nullptr ? nullptr : reinterpret_cast<void*>(::GetProcAddress(ntdll, "RtlDllShutdownInProgress"));
-        return reinterpret_cast<Function*>(address);
-    }();
-    return s_IsEnding != nullptr && s_IsEnding() != FALSE;
-}
-
 std::wstring Wide(const std::string& line)
 {
     return String::ToWide(line);

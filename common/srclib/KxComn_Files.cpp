@@ -105,7 +105,13 @@ bool Move(const char* from, const char* to, DWORD flags) noexcept
 
 bool Copy(const char* from, const char* to) noexcept
 {
-    return !Refused(Operation::Copy) && ::CopyFileA(from, to, FALSE) != FALSE;
+    if (Refused(Operation::Copy) || ::CopyFileA(from, to, FALSE) == FALSE)
+        return false;
+    const UniqueFile copy(::CreateFileA(to, GENERIC_WRITE, FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE,
+                                        nullptr, OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, nullptr));
+    if (copy)
+        ::FlushFileBuffers(copy.get());
+    return true;
 }
 
 bool Delete(const char* path) noexcept
@@ -118,21 +124,19 @@ bool MakeDirectory(const char* path) noexcept
     return !Refused(Operation::MakeDirectory) && ::CreateDirectoryA(path, nullptr) != FALSE;
 }
 
-std::vector<std::string> FindFiles(const std::string& pattern)
+bool FindFiles(const std::string& pattern, std::vector<std::string>& names)
 {
-    std::vector<std::string> names;
     if (Refused(Operation::Find))
-        return names;
+        return false;
     WIN32_FIND_DATAA found;
     const UniqueFind search(::FindFirstFileA(pattern.c_str(), &found));
     if (!search)
-        return names;
+        return ::GetLastError() == ERROR_FILE_NOT_FOUND || ::GetLastError() == ERROR_PATH_NOT_FOUND;
     do
     {
-        if ((found.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY) == 0)
-            names.emplace_back(found.cFileName);
+        names.emplace_back(found.cFileName);
     } while (::FindNextFileA(search.get(), &found) != FALSE);
-    return names;
+    return ::GetLastError() == ERROR_NO_MORE_FILES;
 }
 
 } // namespace KxCommon::Files

@@ -55,13 +55,13 @@ bool Close(UniqueFile& file) noexcept;
 [[nodiscard]] DWORD Attributes(const char* path) noexcept;
 /// MoveFileExA with the given flags; 0: MoveFileA.
 [[nodiscard]] bool Move(const char* from, const char* to, DWORD flags) noexcept;
-/// CopyFileA, overwriting.
+/// CopyFileA, overwriting. What was copied is flushed as far as the system lets it: somebody removes the source next.
 [[nodiscard]] bool Copy(const char* from, const char* to) noexcept;
 [[nodiscard]] bool Delete(const char* path) noexcept;
 /// CreateDirectoryA, default security.
 [[nodiscard]] bool MakeDirectory(const char* path) noexcept;
-/// The names (not paths) that FindFirstFileA and FindNextFileA give for a pattern, directories left out; empty when
-/// there are none.
-[[nodiscard]] std::vector<std::string> FindFiles(const std::string& pattern);
+/// The names (not paths) that FindFirstFileA and FindNextFileA give for a pattern, directories too. False when the search
+/// failed or broke off, so that there may be more of them; finding none is success.
+[[nodiscard]] bool FindFiles(const std::string& pattern, std::vector<std::string>& names);
 
 } // namespace KxCommon::Files

@@ -125,4 +125,17 @@ bool IsAbsolutePath(std::wstring_view path) noexcept
     return IsAbsolute(path);
 }
 
+bool IsProcessEnding() noexcept
+{
+    using Function = BOOLEAN NTAPI();
+    static Function* const s_IsEnding = []
+    {
+        const HMODULE ntdll = ::GetModuleHandleA("ntdll.dll");
+        void* const address =
+            ntdll == nullptr ? nullptr : reinterpret_cast<void*>(::GetProcAddress(ntdll, "RtlDllShutdownInProgress"));
+        return reinterpret_cast<Function*>(address);
+    }();
+    return s_IsEnding != nullptr && s_IsEnding() != FALSE;
+}
+
 } // namespace KxCommon

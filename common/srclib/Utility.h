@@ -17,6 +17,10 @@ namespace KxCommon
 /// system refuses or the path does not fit 260 characters. Throws nothing.
 [[nodiscard]] std::string GetApplicationPath(HMODULE module) noexcept;
 
+/// True when the process ends: the system has ended all other threads by then, wherever they were and with whatever
+/// locks they held, and other libraries may have gone down.
+[[nodiscard]] bool IsProcessEnding() noexcept;
+
 /// Appends a backslash unless the path is empty or ends in one. In the narrow form a backslash that is the second
 /// half of a double-byte character does not count.
 void AppendSeparator(std::string& path);
