@@ -2,6 +2,7 @@
 #include "persistence/EncryptFile.h"
 
 #include <algorithm>
+#include <new>
 
 #include "common/srclib/KxComn_Files.h"
 
@@ -13,7 +14,23 @@ namespace
 constexpr DWORD kRetryStep = 20; // milliseconds
 constexpr ULONGLONG kRetryTime = 1000;
 
-KxCommon::UniqueFile OpenForReading(const char* path) noexcept
+// Lack of the machine's resources must not look like a missing or broken file.
+void ThrowIfExhausted(DWORD error)
+{
+    switch (error)
+    {
+    case ERROR_TOO_MANY_OPEN_FILES:
+    case ERROR_NOT_ENOUGH_MEMORY:
+    case ERROR_OUTOFMEMORY:
+    case ERROR_NO_SYSTEM_RESOURCES:
+    case ERROR_COMMITMENT_LIMIT:
+        throw std::bad_alloc();
+    default:
+        break;
+    }
+}
+
+KxCommon::UniqueFile OpenForReading(const char* path)
 {
     const ULONGLONG start = ::GetTickCount64();
     for (;;)
@@ -25,6 +42,7 @@ KxCommon::UniqueFile OpenForReading(const char* path) noexcept
         const bool mayPass = error == ERROR_SHARING_VIOLATION || error == ERROR_LOCK_VIOLATION;
         if (!mayPass || ::GetTickCount64() - start >= kRetryTime)
         {
+            ThrowIfExhausted(error);
             ::SetLastError(error);
             return file;
         }
@@ -57,6 +75,7 @@ bool CEncryptFile::Open(const char* path, DWORD access)
     {
         const DWORD error = ::GetLastError();
         m_File.reset();
+        ThrowIfExhausted(error);
         ::SetLastError(error);
         return false;
     }
@@ -78,7 +97,10 @@ bool CEncryptFile::FinishAndFlush()
 bool CEncryptFile::ReadBytes(void* out, uint32_t size, uint32_t* got)
 {
     if (!Files::Read(m_File.get(), out, size, got))
+    {
+        ThrowIfExhausted(::GetLastError());
         return false;
+    }
     m_Remaining -= std::min<uint64_t>(m_Remaining, *got);
     return true;
 }

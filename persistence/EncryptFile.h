@@ -13,7 +13,8 @@ public:
 
     /// False when a file is open already, or the system refuses. GENERIC_READ opens an existing file, and waits up to
     /// about a second for a sharing or lock violation to pass: a virus scanner's open file must not look like a broken
-    /// rule set. Any other access creates or truncates.
+    /// rule set. Any other access creates or truncates. Reading, here and later, throws std::bad_alloc when the system says
+    /// that it lacks memory or handles: that is no damage either.
     [[nodiscard]] bool Open(const char* path, DWORD access);
     /// False when no file is open or CloseHandle fails; no file is open afterwards. Bytes not yet handed over by
     /// Finish are dropped.

@@ -242,7 +242,8 @@ void CEncryptStream::Grow(size_t capacity)
 // Fetches the next piece behind what is left of the last one. At the end of the data nothing is added.
 bool CEncryptStream::Fill()
 {
-    std::copy(m_Buffer.get() + m_Position, m_Buffer.get() + m_End, m_Buffer.get());
+    if (m_Position != 0)
+        std::copy(m_Buffer.get() + m_Position, m_Buffer.get() + m_End, m_Buffer.get());
     m_End -= m_Position;
     m_Position = 0;
     // No more than there is, but something, so that the system is asked and its refusal seen.
