@@ -60,7 +60,7 @@ int32_t CHashDll::GetHashValue(const void* applicationPath, void* hash) const
         if (path[i] == L'\0')
             break;
     }
-    uint8_t value[KXRULE_HASH_BYTES];
+    alignas(8) uint8_t value[KXRULE_HASH_BYTES];
     std::memcpy(value, hash, sizeof value);
     const int32_t status = m_GetHashValue(path, value);
     std::memcpy(hash, value, sizeof value); // kept: what a failing function wrote stays

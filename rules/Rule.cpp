@@ -24,9 +24,12 @@ void OrderRange(RULE_ADDR& item) noexcept
     switch (item.dwFamily)
     {
     case KXRULE_FAMILY_IPV4: // four bytes change places, the other twelve are carried where they are
-        item.Addr1.dwIPv4 = std::min(low.dwIPv4, high.dwIPv4);
-        item.Addr2.dwIPv4 = std::max(low.dwIPv4, high.dwIPv4);
+    {
+        const uint32_t first = low.dwIPv4, second = high.dwIPv4;
+        item.Addr1.dwIPv4 = std::min(first, second);
+        item.Addr2.dwIPv4 = std::max(first, second);
         break;
+    }
     case KXRULE_FAMILY_IPV6:
         if (std::memcmp(low.abIPv6, high.abIPv6, sizeof low.abIPv6) > 0)
         {

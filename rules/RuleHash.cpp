@@ -59,7 +59,9 @@ bool IsSelected(const PFW_ACCESS& access, const Path& name, const KXWCHAR* appli
 {
     if (applicationPath == nullptr)
         return access.dwSystem == 0;
-    return !name.View().empty() && KxCommon::String::EqualNoCase(name.View(), Path(applicationPath).View());
+    // One unit more than a name can have: a longer path is equal to no name, not even to its own beginning.
+    const size_t length = KxCommon::Record::WideLength(applicationPath, KXRULE_APP_NAME_UNITS + 1);
+    return !name.View().empty() && KxCommon::String::EqualNoCase(name.View(), {applicationPath, length});
 }
 
 } // namespace
