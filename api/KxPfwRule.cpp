@@ -36,7 +36,25 @@ KxCommon::UniqueKernelObject g_Mutex; // held while the library is initialised
 
 } // namespace
 
-CRuleMaster g_RuleMaster(g_GlobalLock);
+namespace
+{
+
+// While the process ends the store is left as it is: threads that were killed may have left it half changed.
+union Store
+{
+    Store() : Master(g_GlobalLock) {}
+    ~Store()
+    {
+        if (!KxCommon::IsProcessEnding())
+            Master.~CRuleMaster();
+    }
+    CRuleMaster Master;
+};
+Store g_Store;
+
+} // namespace
+
+CRuleMaster& g_RuleMaster = g_Store.Master;
 
 namespace
 {
@@ -92,12 +110,14 @@ int32_t CopyText(const std::string& line, char* text, int32_t textSize) noexcept
 
 // Creates the mutex that marks an initialised library, open to everybody; the system's defaults where the attributes
 // cannot be built. It is never waited for, so another process that holds one of the same name stops nothing.
-KxCommon::UniqueKernelObject CreateLibraryMutex()
+KxCommon::UniqueKernelObject CreateLibraryMutex(DWORD* error)
 {
     KxCommon::AccessControl::SecurityAttributes attributes;
     attributes.AllowEveryone();
-    return KxCommon::UniqueKernelObject(
-        ::CreateMutexW(attributes.Record(), TRUE, KxCommon::GlobalName(KxCommon::Names::kMutexName).c_str()));
+    const KxCommon::WideString name = KxCommon::GlobalName(KxCommon::Names::kMutexName);
+    KxCommon::UniqueKernelObject mutex(::CreateMutexW(attributes.Record(), TRUE, name.c_str()));
+    *error = ::GetLastError();
+    return mutex;
 }
 
 int32_t Initialize(const char* rulePath, const char* masterFileName)
@@ -124,10 +144,10 @@ int32_t Initialize(const char* rulePath, const char* masterFileName)
         KX_TRACE(kTraceError, "Already Initialized");
         return KXRULE_E_ALREADY_INITIALIZED;
     }
-    KxCommon::UniqueKernelObject mutex = CreateLibraryMutex();
+    DWORD error = ERROR_SUCCESS;
+    KxCommon::UniqueKernelObject mutex = CreateLibraryMutex(&error);
     if (!mutex)
     {
-        const DWORD error = ::GetLastError();
         KX_TRACE(kTraceError, "Failed to Get Mutex (%u)", static_cast<unsigned>(error));
         return KXRULE_E_MUTEX;
     }
@@ -250,7 +270,7 @@ int32_t kxRuleAddRuleSet(uint16_t index, PFW_RULESET* ruleSet)
     return call.UnderGlobalLock(KXRULE_E_NULL_POINTER,
                                 [&]
                                 {
-                                    CRuleSet copy(*ruleSet);
+                                    CRuleSet copy(*ruleSet, ruleCount);
                                     const int32_t result = g_RuleMaster.AddRuleSet(index, copy);
                                     ruleSet->wRuleSetIndex = copy.Index(); // after a failure: the record's own
                                     KX_TRACE(kTraceCall, "\tIndex:%d", static_cast<int>(copy.Index()));

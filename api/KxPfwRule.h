@@ -385,7 +385,8 @@ typedef int32_t (*KXRULE_HASH_CALLBACK)(uint32_t ruleSetIndex, const PFW_RULE* r
  *   rulePath        the rule directory, created when missing (one level). Null or empty: the DLL's own directory.
  *   masterFileName  a bare file name for the master file. Null or empty: KxRulMas.dat.
  * 0, or KXRULE_E_ALREADY_INITIALIZED  the library is initialised; nothing changes but the trace settings, re-read
- *       KXRULE_E_MUTEX                Global\KxPfwRuleDllLockMutex could not be created; not initialised
+ *       KXRULE_E_MUTEX                Global\KxPfwRuleDllLockMutex could not be created, or memory ran out; not
+ *                                     initialised
  * Changes reach the disk every RuleWriteInterval milliseconds (docs/settings.md), 30 minutes unless configured.
  * One process at a time should write to a rule directory: nothing reloads what another process wrote.
  */
@@ -395,7 +396,8 @@ int32_t kxRuleInitialize(const char* rulePath, const char* masterFileName);
  * Writes pending changes, stops the timer, closes mutex and trace. Always 0, also when that last write failed: call
  * kxRuleFlush before it to learn of that. Without an initialised library it does nothing and returns 0. Master locks
  * that the calling thread kept are given back. While another thread keeps one, the call waits for that thread's
- * kxRuleFinalize.
+ * kxRuleFinalize, or for the thread's end. It waits for the timer's thread: not to be called from a load entry (DllMain)
+ * or the destructor of a global in a DLL, where that thread cannot end.
  */
 int32_t kxRuleFinalize(void);
 
@@ -407,8 +409,8 @@ int32_t kxRuleFinalize(void);
  *       KXRULE_E_MACRO_FORMAT    the macro file has another magic or version (no rule set has been read then)
  *       KXRULE_E_FILE_OPEN, KXRULE_E_FILE_WRITE  the rescue of the last listed rule set could not be written
  *       KXRULE_E_FILE_OPEN       the library is not initialised
- * After a failure the calling thread keeps the master lock until it calls kxRuleFinalize: its own calls go on,
- * changing calls of other threads wait. Do not change the store after a failed read: the first write copies all rule
+ * After a failure of an initialised library the calling thread keeps the master lock until it calls kxRuleFinalize or
+ * ends: its own calls go on, changing calls of other threads wait. Do not change the store after a failed read: the first write copies all rule
  * files into a dated backup directory, but it lists only what is in memory.
  */
 int32_t kxRuleRead(void);
@@ -443,7 +445,8 @@ int32_t kxRuleGetActiveRuleSet(uint16_t* indexes, int32_t maxCount);
 
 /*
  * Adds a rule set with its rules.
- *   index    the index it shall get, or 0 to have a free one allocated. The record's own wRuleSetIndex is no request.
+ *   index    the index it shall get, or 0 to have a free one allocated. One above 65280 is accepted but cannot be made
+ *            active. The record's own wRuleSetIndex is no request.
  *   ruleSet  in: KXRULE_RULESET_BYTES(nRuleCount) bytes, copied; access rules are normalised in the copy; of two
  *            rules with the same wRuleIndex the later one counts. Out: wRuleSetIndex on success, else unchanged.
  * 0, or KXRULE_E_NULL_POINTER       ruleSet is null, or memory ran out
@@ -462,6 +465,8 @@ int32_t kxRuleAddRuleSet(uint16_t index, PFW_RULESET* ruleSet);
  * 0, or KXRULE_E_NO_RULESET  no rule set has that index (never for 0)
  *       KXRULE_E_FILE_OPEN, KXRULE_E_FILE_WRITE  the master file could not be written; the rule set is gone from
  *                            memory all the same and its file stays
+ *       KXRULE_E_FILE_OPEN   not initialised; nothing changes
+ *       KXRULE_E_FILE_WRITE  memory ran out; the rule set may or may not be gone
  */
 int32_t kxRuleDeleteRuleSet(uint16_t index);
 
@@ -507,7 +512,7 @@ int32_t kxRuleAddRule(uint16_t ruleSetIndex, uint16_t ruleIndex, const PFW_RULE*
 int32_t kxRuleDeleteRule(uint16_t ruleSetIndex, uint16_t ruleIndex);
 
 /*
- * Copies one rule out. Neither allocates nor traces.
+ * Copies one rule out. Neither allocates nor, but for a null pointer, traces.
  * 0, or KXRULE_E_NO_RULESET    no rule set with that index
  *       KXRULE_E_NO_RULE       no rule with that index
  *       KXRULE_E_NULL_POINTER  rule is null (told only of a rule that exists)
@@ -576,12 +581,15 @@ int32_t kxRuleGetMacroString(const PFW_MACRO* macro, char* text, int32_t textSiz
  * Refreshes the application hashes of all rules, or of those bound to one application.
  *   applicationPath  NUL-terminated; compared ignoring case. Null: every rule whose dwSystem is 0.
  *   hash             20 bytes, or null. Null or all zero: compute the hash of every selected rule anew. Otherwise:
- *                    skip rules that already hold it; a SYSTEM rule takes it over, any other rule gets the hash
- *                    computed from its file, never this one.
+ *                    skip rules of applications that already hold it, give the others the hash computed from their
+ *                    file, never this one; a SYSTEM rule takes it over in any case.
  *   callback         called once per rule whose hash was set, or null; see KXRULE_HASH_CALLBACK
  *   context          handed to the callback
  * 0, or KXRULE_E_HASH_LIBRARY  KxHash.dll could not be loaded, or memory ran out
  *       any other value        the status with which kxCfwGetHashValue failed, unchanged
+ * Whatever a rule's kind, the bytes 784 to 1329 of its record are taken for an access rule's fields: a rule of kind 6 is
+ * not refreshed in its own fields, and other kinds may have bytes 1306 to 1325 replaced when they look like a path.
+ * Rules whose dwSystem is neither 0 nor 1 are left alone. An uninitialised library returns 0.
  * A rule that fails keeps its hash and does not stop its set; the walk ends after the first set with a failure and
  * returns that set's first one. Changed sets are written with the next timed write. Takes the master lock only.
  */

@@ -8,4 +8,4 @@ extern HMODULE g_ModuleHandle;
 
 /// The one store of the process.
 class CRuleMaster;
-extern CRuleMaster g_RuleMaster;
+extern CRuleMaster& g_RuleMaster;

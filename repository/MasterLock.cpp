@@ -1,55 +1,92 @@
-// The bookkeeping of kept locks; docs/threads.md.
+// The master lock; docs/threads.md.
 #include "repository/MasterLock.h"
+
+using StateGuard = KxCommon::Synchronize::ScopedLock<KxCommon::Synchronize::CriticalSection>;
 
 namespace
 {
 
-class SharedState // the guard of MasterLock's two fields
-{
-public:
-    explicit SharedState(SRWLOCK& lock) noexcept : m_Lock(lock) { ::AcquireSRWLockExclusive(&m_Lock); }
-    ~SharedState() { ::ReleaseSRWLockExclusive(&m_Lock); }
-    SharedState(const SharedState&) = delete;
-    SharedState& operator=(const SharedState&) = delete;
-
-private:
-    SRWLOCK& m_Lock;
-};
+constexpr DWORD kKeeperCheck = 100; // milliseconds between two looks whether the keeper is still there
 
 } // namespace
 
-void MasterLock::Keep() noexcept
+void MasterLock::Lock() noexcept KX_NO_THREAD_SAFETY_ANALYSIS
 {
-    const SharedState state(m_StateLock);
-    m_Keeper = ::GetCurrentThreadId(); // only the owner of the critical section gets here, so there is no other keeper
-    ++m_KeptHolds;
+    const StateGuard state(m_State);
+    while (m_Owner != 0 && IsOther())
+        WaitForOwner();
+    m_Owner = ::GetCurrentThreadId();
+    ++m_Holds;
 }
 
-void MasterLock::ReleaseKept() noexcept KX_NO_THREAD_SAFETY_ANALYSIS
+void MasterLock::Unlock() noexcept KX_NO_THREAD_SAFETY_ANALYSIS
 {
-    unsigned holds = 0;
+    const StateGuard state(m_State);
+    Release(1);
+}
+
+void MasterLock::Release(unsigned holds) noexcept
+{
+    m_Holds -= holds;
+    if (m_Holds > 0)
+        return;
+    m_Owner = 0;
+    WakeWaiters();
+}
+
+void MasterLock::WakeWaiters() noexcept
+{
+    if (m_Waiters > 0)
+        ::WakeAllConditionVariable(&m_Changed);
+}
+
+// Waits for a change. A kept lock whose thread has ended is given back in its place.
+void MasterLock::WaitForOwner() noexcept KX_NO_THREAD_SAFETY_ANALYSIS
+{
+    if (m_Keeper && ::WaitForSingleObject(m_Keeper.get(), 0) == WAIT_OBJECT_0)
     {
-        const SharedState state(m_StateLock);
-        if (m_Keeper != ::GetCurrentThreadId())
-            return;
-        m_Keeper = 0;
-        holds = m_KeptHolds;
         m_KeptHolds = 0;
+        m_Keeper.reset();
+        Release(m_Holds);
+        return;
     }
-    for (; holds > 0; --holds)
-        m_Section.Unlock();
-    ::WakeAllConditionVariable(&m_Released);
+    ++m_Waiters;
+    ::SleepConditionVariableCS(&m_Changed, m_State.Native(), m_Keeper ? kKeeperCheck : INFINITE);
+    --m_Waiters;
+}
+
+void MasterLock::Keep() noexcept
+{
+    const StateGuard state(m_State);
+    ++m_KeptHolds;
+    HANDLE thread = nullptr;
+    if (!m_Keeper && ::DuplicateHandle(::GetCurrentProcess(), ::GetCurrentThread(), ::GetCurrentProcess(), &thread,
+                                       SYNCHRONIZE, FALSE, 0) != FALSE)
+        m_Keeper.reset(thread);
+    WakeWaiters(); // whoever waits must look after the keeper from now on
+}
+
+void MasterLock::ReleaseKept() noexcept
+{
+    const StateGuard state(m_State);
+    if (m_KeptHolds == 0 || IsOther())
+        return;
+    const unsigned holds = m_KeptHolds;
+    m_KeptHolds = 0;
+    m_Keeper.reset();
+    Release(holds);
+    WakeWaiters(); // no longer kept, though this thread may still hold it
 }
 
 bool MasterLock::IsKeptByOther() noexcept
 {
-    const SharedState state(m_StateLock);
-    return m_Keeper != 0 && m_Keeper != ::GetCurrentThreadId();
+    const StateGuard state(m_State);
+    return m_KeptHolds > 0 && IsOther();
 }
 
 void MasterLock::WaitWhileKeptByOther() noexcept
 {
-    const SharedState state(m_StateLock);
-    while (m_Keeper != 0 && m_Keeper != ::GetCurrentThreadId())
-        ::SleepConditionVariableSRW(&m_Released, &m_StateLock, INFINITE, 0);
+    const StateGuard state(m_State);
+    while (m_KeptHolds > 0 && IsOther())
+        WaitForOwner();
 }

@@ -2,11 +2,13 @@
 #pragma once
 
 #include "common/srclib/KxComn_CriticalSection.h"
+#include "common/srclib/KxComn_Handle.h"
 
-/// A re-entrant critical section that can outlive the call that took it: two failures of the master leave it with the
-/// calling thread. Such a lock is "kept", and its thread is the keeper. Whoever else wants to change the store asks
-/// first and waits here, without the lock that all exports share, so that the keeper and all readers go on.
+/// A re-entrant lock that can outlive the call that took it: two failures of the master leave it with the calling
+/// thread. Such a lock is "kept", and its thread is the keeper. Whoever else wants to change the store asks first and
+/// waits here, without the lock that all exports share, so that the keeper and all readers go on.
 /// A lock becomes kept only under the global lock, so under that lock the answer of IsKeptByOther cannot turn to true.
+/// A system lock cannot be taken from a thread that has ended; this one is: nobody else could ever give it back.
 class KX_CAPABILITY("mutex") MasterLock
 {
 public:
@@ -14,8 +16,8 @@ public:
     MasterLock(const MasterLock&) = delete;
     MasterLock& operator=(const MasterLock&) = delete;
 
-    void Lock() noexcept KX_ACQUIRE() { m_Section.Lock(); }
-    void Unlock() noexcept KX_RELEASE() { m_Section.Unlock(); }
+    void Lock() noexcept KX_ACQUIRE();
+    void Unlock() noexcept KX_RELEASE();
 
     /// Turns one hold of the calling thread into a kept one. Global lock held.
     void Keep() noexcept;
@@ -27,11 +29,18 @@ public:
     void WaitWhileKeptByOther() noexcept;
 
 private:
-    KxCommon::Synchronize::CriticalSection m_Section;
-    SRWLOCK m_StateLock = SRWLOCK_INIT; // guards the two fields below; taken last, never while waiting for m_Section
-    CONDITION_VARIABLE m_Released = CONDITION_VARIABLE_INIT;
-    DWORD m_Keeper = 0; // thread id; 0 is none
-    unsigned m_KeptHolds = 0;
+    [[nodiscard]] bool IsOther() const noexcept KX_REQUIRES(m_State) { return m_Owner != ::GetCurrentThreadId(); }
+    void WaitForOwner() noexcept KX_REQUIRES(m_State);
+    void Release(unsigned holds) noexcept KX_REQUIRES(m_State);
+    void WakeWaiters() noexcept KX_REQUIRES(m_State);
+
+    KxCommon::Synchronize::CriticalSection m_State; // guards what follows; held for a moment only, taken last
+    CONDITION_VARIABLE m_Changed = CONDITION_VARIABLE_INIT;
+    DWORD m_Owner KX_GUARDED_BY(m_State) = 0; // thread id; 0 is none
+    unsigned m_Holds KX_GUARDED_BY(m_State) = 0;
+    unsigned m_Waiters KX_GUARDED_BY(m_State) = 0;
+    unsigned m_KeptHolds KX_GUARDED_BY(m_State) = 0; // of m_Holds
+    KxCommon::UniqueKernelObject m_Keeper KX_GUARDED_BY(m_State);
 };
 
 /// Holds the master lock for a scope, or, by its one named way out, beyond it.

@@ -47,9 +47,9 @@ int32_t CRuleMaster::Init(const std::string& rulePath, const char* masterFileNam
         m_MacroFileName = FileFormat::kMacroFileName;
         m_WriteInterval = std::max(KxCommon::Settings::WriteInterval(), kShortestInterval);
         m_IsDirty = false;
-        m_Modified.clear();
+        m_Modified.reset();
         m_IsReadIncomplete = false;
-        m_OldVersionSets.clear();
+        m_UnkeptSets.clear();
         m_IsLive = true;
     }
     // Without a timer the store works on: changes are then written by kxRuleWrite, kxRuleFlush and Finalize.
@@ -61,7 +61,10 @@ int32_t CRuleMaster::Init(const std::string& rulePath, const char* masterFileNam
 int32_t CRuleMaster::Finalize()
 {
     if (!m_IsLive)
+    {
+        m_Lock.ReleaseKept();
         return KXRULE_OK;
+    }
     if (m_IsDirty)
         static_cast<void>(WriteAll()); // there is nobody left to tell; kxRuleFlush before tells
     // The timer's thread may be waiting for a lock that this thread kept, and is waited for next.
@@ -96,10 +99,10 @@ void CRuleMaster::Empty() noexcept
     m_RuleSetFileNames.clear();
 }
 
-void CRuleMaster::MarkModified(uint16_t ruleSetIndex)
+void CRuleMaster::MarkModified(uint16_t ruleSetIndex) noexcept
 {
     m_IsDirty = true;
-    m_Modified.insert(ruleSetIndex);
+    m_Modified.set(ruleSetIndex);
 }
 
 void CRuleMaster::SetActiveRuleSet(std::vector<uint16_t> indexes)
@@ -149,7 +152,8 @@ int32_t CRuleMaster::AddRuleSet(uint16_t index, CRuleSet& ruleSet)
         MasterGuard guard(m_Lock);
         if (index != 0 && m_RuleSets.Contains(index))
         {
-            guard.KeepLocked(); // kept: docs/threads.md, "Locks that outlive a call"
+            if (m_IsLive)           // otherwise nobody would finalise, which gives the lock back
+                guard.KeepLocked(); // kept: docs/threads.md, "Locks that outlive a call"
             return KXRULE_E_NO_RULESET;
         }
         const uint16_t assigned = index != 0 ? index : AllocateIndex();
@@ -193,14 +197,14 @@ int32_t CRuleMaster::DeleteRuleSet(uint16_t index)
         if (index == 0)
         {
             m_RuleSets.Clear();
-            m_Modified.clear();
-            m_OldVersionSets.clear();
+            m_Modified.reset();
+            m_UnkeptSets.clear();
             m_NextIndex = 1;
         }
         else
         {
-            m_Modified.erase(index);
-            m_OldVersionSets.erase(index);
+            m_Modified.reset(index);
+            m_UnkeptSets.erase(index);
             m_RuleSets.Erase(index);
         }
     }
@@ -324,7 +328,7 @@ int32_t CRuleMaster::UpdateHashValue(const KXWCHAR* applicationPath, const uint8
 
     std::vector<uint16_t> changed;
     int32_t result = KXRULE_OK;
-    // By key, not by position: a callback that breaks its contract and deletes a set must not leave a dangling step.
+    // By key, not by position: a callback that breaks its contract may delete other sets (but not the one it was called for).
     for (uint32_t key = 0; result == KXRULE_OK && key <= std::numeric_limits<uint16_t>::max(); ++key)
     {
         const size_t position = m_RuleSets.LowerBound(static_cast<uint16_t>(key));
@@ -405,7 +409,7 @@ void CRuleMaster::CallbackFuncWriteTimeOut(void* context)
         if (master->WriteAll() == KXRULE_OK)
         {
             master->m_IsDirty = false;
-            master->m_Modified.clear();
+            master->m_Modified.reset();
         }
     }
     KX_TRACE(kTraceCall, "++++++++++++++++ CRuleMaster::CallbackFuncWriteTimeOut Leave +++++++++++++++++++++");

@@ -3,6 +3,7 @@
 #pragma once
 
 #include <atomic>
+#include <bitset>
 #include <cstdint>
 #include <list>
 #include <set>
@@ -108,22 +109,18 @@ private:
     /// The rule, or null with the code that says what is missing.
     [[nodiscard]] const CRule* FindRule(uint16_t ruleSetIndex, uint16_t ruleIndex, int32_t& result) const noexcept;
     [[nodiscard]] uint16_t AllocateIndex() noexcept KX_REQUIRES(m_Lock);
-    void MarkModified(uint16_t ruleSetIndex) KX_REQUIRES(m_Lock);
+    void MarkModified(uint16_t ruleSetIndex) noexcept KX_REQUIRES(m_Lock);
     void Empty() noexcept KX_REQUIRES(m_Lock);
 
     // RuleMasterFiles.cpp
-    struct ReadState // what one ReadAll has seen
-    {
-        bool IsMasterBackedUp = false;
-        bool IsRescueStored = false;
-    };
-    [[nodiscard]] int32_t ReadFiles(ReadState& state) KX_REQUIRES(m_Lock);
-    [[nodiscard]] int32_t ReadMasterFile(ReadState& state) KX_REQUIRES(m_Lock);
+    [[nodiscard]] int32_t ReadFiles(bool& isMasterBackedUp) KX_REQUIRES(m_Lock);
+    [[nodiscard]] int32_t ReadMasterFile(bool& isBackedUp) KX_REQUIRES(m_Lock);
     /// False on a first start: neither a master file nor rule set files.
     [[nodiscard]] bool ReadMasterFields() KX_REQUIRES(m_Lock);
-    void TakeMasterFields(const MasterFields& fields) KX_REQUIRES(m_Lock);
+    void TakeMasterFields(MasterFields&& fields) KX_REQUIRES(m_Lock);
+    void NoteUnopened(DWORD error) KX_REQUIRES(m_Lock);
     [[nodiscard]] int32_t ReadMacroFile() KX_REQUIRES(m_Lock);
-    [[nodiscard]] int32_t ReadRuleSetFile(ReadState& state) KX_REQUIRES(m_Lock);
+    [[nodiscard]] int32_t ReadRuleSetFile() KX_REQUIRES(m_Lock);
     [[nodiscard]] int32_t RescueRuleSet(CRuleSet&& ruleSet) KX_REQUIRES(m_Lock);
     void StoreRuleSet(CRuleSet&& ruleSet) KX_REQUIRES(m_Lock);
     [[nodiscard]] bool IsUsableRuleSetFileName(const std::string& name) const KX_REQUIRES(m_Lock);
@@ -148,11 +145,12 @@ private:
     std::vector<std::string> m_RuleSetFileNames KX_GUARDED_BY(m_Lock); // as the master file lists them
     CPfwTimer m_WriteTimer;
     std::atomic<bool> m_IsDirty = false;                 // something changed since the last successful timed write
-    std::set<uint16_t> m_Modified KX_GUARDED_BY(m_Lock); // rule sets whose files must be written
+    std::bitset<65536> m_Modified KX_GUARDED_BY(m_Lock); // rule sets whose files must be written
 
     std::atomic<bool> m_IsLive = false; // between Init and Finalize
-    // The last ReadAll failed, so files lie in the directory that are not in memory.
+    // Files may lie in the directory that the last ReadAll did not take into memory.
     bool m_IsReadIncomplete KX_GUARDED_BY(m_Lock) = false;
-    // Rule sets read from files of the old version: their rules are not in memory.
-    std::set<uint16_t> m_OldVersionSets KX_GUARDED_BY(m_Lock);
+    // Rule sets whose files hold what is not in memory and is not yet kept as a copy: read from the old version, or
+    // rescued without a copy.
+    std::set<uint16_t> m_UnkeptSets KX_GUARDED_BY(m_Lock);
 };

@@ -42,6 +42,18 @@ template <class Operation>
     return result;
 }
 
+// A name out of a file for a trace line: it may be of any length and forge lines.
+[[nodiscard]] std::string Printable(const std::string& name)
+{
+    std::string text = name.substr(0, 200);
+    for (char& character : text)
+    {
+        if (static_cast<unsigned char>(character) < 32)
+            character = '?';
+    }
+    return text;
+}
+
 [[nodiscard]] bool IsSameFile(const std::string& a, const std::string& b)
 {
     return KxCommon::String::EqualNoCase(KxCommon::String::ToWide(a), KxCommon::String::ToWide(b));
@@ -62,13 +74,15 @@ int32_t CRuleMaster::ReadAll()
     {
         MasterGuard guard(m_Lock);
         Empty();
-        m_OldVersionSets.clear();
-        ReadState state;
-        const int32_t result = ReadFiles(state);
-        // The rescue files of a store without a master file must be listed, or the next start takes them for garbage.
-        if (state.IsMasterBackedUp && state.IsRescueStored)
+        m_UnkeptSets.clear();
+        m_IsReadIncomplete = false;
+        bool isMasterBackedUp = false;
+        const int32_t result = ReadFiles(isMasterBackedUp);
+        // The files of a store without a master file must be listed, or the next start takes them for garbage.
+        if (isMasterBackedUp && !m_RuleSets.IsEmpty())
             m_IsDirty = true;
-        m_IsReadIncomplete = result != KXRULE_OK;
+        if (result != KXRULE_OK)
+            m_IsReadIncomplete = true;
         if (result != KXRULE_OK)
         {
             guard.KeepLocked(); // kept: docs/threads.md, "Locks that outlive a call"
@@ -79,19 +93,18 @@ int32_t CRuleMaster::ReadAll()
     return KXRULE_OK;
 }
 
-int32_t CRuleMaster::ReadFiles(ReadState& state)
+int32_t CRuleMaster::ReadFiles(bool& isMasterBackedUp)
 {
-    int32_t result =
-        Step("ReadMasterFile", KXRULE_E_FILE_READ, [&]() KX_REQUIRES(m_Lock) { return ReadMasterFile(state); });
+    int32_t result = Step("ReadMasterFile", KXRULE_E_FILE_READ,
+                          [&]() KX_REQUIRES(m_Lock) { return ReadMasterFile(isMasterBackedUp); });
     if (result == KXRULE_OK)
         result = Step("ReadMacroFile", KXRULE_E_FILE_READ, [&]() KX_REQUIRES(m_Lock) { return ReadMacroFile(); });
     if (result == KXRULE_OK)
-        result =
-            Step("ReadRuleSetFile", KXRULE_E_FILE_READ, [&]() KX_REQUIRES(m_Lock) { return ReadRuleSetFile(state); });
+        result = Step("ReadRuleSetFile", KXRULE_E_FILE_READ, [&]() KX_REQUIRES(m_Lock) { return ReadRuleSetFile(); });
     return result;
 }
 
-int32_t CRuleMaster::ReadMasterFile(ReadState& state)
+int32_t CRuleMaster::ReadMasterFile(bool& isBackedUp)
 {
     KX_TRACE(kTraceCall, "CRuleMaster::ReadMasterFile Enter");
     m_RuleSets.Clear();
@@ -105,15 +118,15 @@ int32_t CRuleMaster::ReadMasterFile(ReadState& state)
     catch (const RuleMasterException& exception)
     {
         KX_TRACE_WIDE(kTraceError, KXW("\tRead master file failed [%S]"), exception.what());
-        state.IsMasterBackedUp = true;
+        isBackedUp = true;
     }
     catch (CEncryptFile::Exception)
     {
         KX_TRACE(kTraceError, "\tCEncryptFile exception occurs");
-        state.IsMasterBackedUp = true;
+        isBackedUp = true;
     }
-    if (state.IsMasterBackedUp)
-        Backup::BackupAllRules(m_RulePath, m_MasterFileName);
+    if (isBackedUp && !Backup::BackupAllRules(m_RulePath, m_MasterFileName))
+        m_IsReadIncomplete = true; // what stayed is not written over either
     KX_TRACE(kTraceCall, "CRuleMaster::ReadMasterFile Return");
     return KXRULE_OK;
 }
@@ -123,8 +136,13 @@ bool CRuleMaster::ReadMasterFields()
     CEncryptFile file;
     if (!file.Open((m_RulePath + m_MasterFileName).c_str(), GENERIC_READ))
     {
+        NoteUnopened(::GetLastError());
         KX_TRACE(kTraceCall, "\tRule master file does not exist");
-        if (RuleFiles::FindRuleSetFiles(m_RulePath).empty())
+        bool isComplete = true;
+        const bool isFirstStart = RuleFiles::FindRuleSetFiles(m_RulePath, &isComplete).empty();
+        if (!isComplete)
+            m_IsReadIncomplete = true;
+        if (isFirstStart)
             return false;
         KX_TRACE(kTraceError, "Master file open failed. But ruleset file exists.");
         throw RuleMasterException("Garbage ruleset file exists");
@@ -153,14 +171,14 @@ bool CRuleMaster::ReadMasterFields()
     }
     catch (...) // what was read before the failure counts
     {
-        TakeMasterFields(fields);
+        TakeMasterFields(std::move(fields));
         throw;
     }
-    TakeMasterFields(fields);
+    TakeMasterFields(std::move(fields));
     return true;
 }
 
-void CRuleMaster::TakeMasterFields(const MasterFields& fields)
+void CRuleMaster::TakeMasterFields(MasterFields&& fields)
 {
     // The key is no secret: whoever may write the directory can name any file, and this one is written to. An empty
     // name would make every write fail.
@@ -168,10 +186,18 @@ void CRuleMaster::TakeMasterFields(const MasterFields& fields)
         !IsSameFile(fields.MacroFileName, m_MasterFileName))
         m_MacroFileName = fields.MacroFileName;
     else
-        KX_TRACE(kTraceError, "\tMacro file name ignored (%s)", fields.MacroFileName.c_str());
+        KX_TRACE(kTraceError, "\tMacro file name ignored (%s)", Printable(fields.MacroFileName).c_str());
     m_NextIndex = fields.NextIndex;
-    m_ActiveRuleSets.insert(m_ActiveRuleSets.end(), fields.ActiveRuleSets.begin(), fields.ActiveRuleSets.end());
-    m_RuleSetFileNames.insert(m_RuleSetFileNames.end(), fields.RuleSetFileNames.begin(), fields.RuleSetFileNames.end());
+    m_ActiveRuleSets = std::move(fields.ActiveRuleSets); // both were emptied before the read
+    m_RuleSetFileNames = std::move(fields.RuleSetFileNames);
+}
+
+// kept: a file that cannot be opened counts as one that does not exist. But if it is there, it was not read, and the
+// first write must not replace it without a copy.
+void CRuleMaster::NoteUnopened(DWORD error)
+{
+    if (error != ERROR_FILE_NOT_FOUND)
+        m_IsReadIncomplete = true;
 }
 
 int32_t CRuleMaster::ReadMacroFile()
@@ -180,6 +206,7 @@ int32_t CRuleMaster::ReadMacroFile()
     CEncryptFile file;
     if (!file.Open((m_RulePath + m_MacroFileName).c_str(), GENERIC_READ))
     {
+        NoteUnopened(::GetLastError());
         KX_TRACE(kTraceCall, "\tMacro file does not exist");
         return KXRULE_OK;
     }
@@ -223,7 +250,7 @@ bool CRuleMaster::IsUsableRuleSetFileName(const std::string& name) const
     return RuleFiles::IsBareName(name) && !IsSameFile(name, m_MasterFileName) && !IsSameFile(name, m_MacroFileName);
 }
 
-int32_t CRuleMaster::ReadRuleSetFile(ReadState& state)
+int32_t CRuleMaster::ReadRuleSetFile()
 {
     KX_TRACE(kTraceCall, "CRuleMaster::ReadRuleSetFile Enter (index %d)", 0);
     KX_TRACE(kTraceCall, "\tThe number of RuleSet=%d", static_cast<int>(m_RuleSetFileNames.size()));
@@ -232,7 +259,8 @@ int32_t CRuleMaster::ReadRuleSetFile(ReadState& state)
     {
         if (!IsUsableRuleSetFileName(fileName)) // hostile, or a set that was listed before it was ever written
         {
-            KX_TRACE(kTraceError, "\tCRuleSet::Read() error %d (file=\"%s\")", KXRULE_E_FILE_OPEN, fileName.c_str());
+            KX_TRACE(kTraceError, "\tCRuleSet::Read() error %d (file=\"%s\")", KXRULE_E_FILE_OPEN,
+                     Printable(fileName).c_str());
             continue;
         }
         CRuleSet ruleSet;
@@ -243,13 +271,12 @@ int32_t CRuleMaster::ReadRuleSetFile(ReadState& state)
         if (result == KXRULE_OK)
         {
             if (version == FileFormat::kOldVersion)
-                m_OldVersionSets.insert(ruleSet.Index());
+                m_UnkeptSets.insert(ruleSet.Index());
             StoreRuleSet(std::move(ruleSet));
             continue;
         }
         KX_TRACE(kTraceError, "\tCRuleSet::Read() error %d (file=\"%s\")", result, fileName.c_str());
         result = RescueRuleSet(std::move(ruleSet));
-        state.IsRescueStored = true;
     }
     KX_TRACE(kTraceCall, "CRuleMaster::ReadRuleSetFile Return (%d)", result);
     return result;
@@ -266,16 +293,32 @@ void CRuleMaster::StoreRuleSet(CRuleSet&& ruleSet)
 
 int32_t CRuleMaster::RescueRuleSet(CRuleSet&& ruleSet)
 {
-    ruleSet.SetIndex(RuleSetRescue::IndexFromFileName(ruleSet.FileName()));
+    const uint16_t index = RuleSetRescue::IndexFromFileName(ruleSet.FileName());
+    ruleSet.SetIndex(index);
     KX_TRACE(kTraceError, "\tCreating a rescue RuleSet instead of a broken/deleted RuleSet %s",
              ruleSet.FileName().c_str());
-    // Whatever the failure was: a file that is there is kept, also one that somebody else holds open. The rescue goes on
-    // without the copy as well: a set that cannot be read must not stay that way for want of space.
-    static_cast<void>(Backup::KeepBroken(m_RulePath, ruleSet.FileName()));
+    // Whatever the failure was: a file that is there is kept, also one that somebody else holds open.
+    const bool isKept = Backup::KeepBroken(m_RulePath, ruleSet.FileName());
+    // No such set could be told from others: 0 means "none", and a set of that index from another file is not replaced
+    // by a rescue. (A forged list may also name any number of files that are missing.)
+    if (index == 0 || m_RuleSets.Contains(index))
+    {
+        KX_TRACE(kTraceError, "\tNo rescue RuleSet for index %u (file=\"%s\")", static_cast<unsigned>(index),
+                 ruleSet.FileName().c_str());
+        return KXRULE_OK;
+    }
     RuleSetRescue::MakeRescueSet(ruleSet);
-    const int32_t result = ruleSet.Write(m_RulePath);
-    if (result != KXRULE_OK)
-        KX_TRACE(kTraceError, "\tFail to create RuleSet file (%d)", result);
+    int32_t result = KXRULE_OK;
+    if (isKept)
+    {
+        result = ruleSet.Write(m_RulePath);
+        if (result != KXRULE_OK)
+            KX_TRACE(kTraceError, "\tFail to create RuleSet file (%d)", result);
+    }
+    else
+    {
+        m_UnkeptSets.insert(index); // the file stays as it is until there is a copy of it
+    }
     StoreRuleSet(std::move(ruleSet));
     return result;
 }
@@ -372,11 +415,11 @@ int32_t CRuleMaster::WriteRuleSetFile()
         for (size_t i = 0; i < m_RuleSets.Size() && result == KXRULE_OK; ++i)
         {
             const uint16_t index = m_RuleSets.KeyAt(i);
-            if (m_Modified.count(index) == 0)
+            if (!m_Modified.test(index))
                 continue;
             result = WriteOneRuleSet(m_RuleSets.ValueAt(i));
             if (result == KXRULE_OK)
-                m_Modified.erase(index);
+                m_Modified.reset(index);
         }
     }
     KX_TRACE(kTraceCall, "CRuleMaster::WriteRuleSetFile Return (%d)", result);
@@ -386,15 +429,17 @@ int32_t CRuleMaster::WriteRuleSetFile()
 int32_t CRuleMaster::WriteOneRuleSet(CRuleSet& ruleSet)
 {
     std::string former = ruleSet.FileName();
-    if (!former.empty() && m_OldVersionSets.count(ruleSet.Index()) != 0 && !Backup::KeepBroken(m_RulePath, former))
-        return KXRULE_E_FILE_WRITE; // the file holds rules that were not read
+    if (m_UnkeptSets.count(ruleSet.Index()) != 0)
+    {
+        if (!Backup::KeepBroken(m_RulePath, former))
+            return KXRULE_E_FILE_WRITE;      // the file holds rules that were not read
+        m_UnkeptSets.erase(ruleSet.Index()); // once: the next copy might be one of half a file
+    }
     ruleSet.SetFileName(RuleFiles::RuleSetFileName(ruleSet.Index()));
     KX_TRACE(kTraceCall, "\tCall CRuleSet::Write");
     const int32_t result = ruleSet.Write(m_RulePath);
     KX_TRACE(kTraceCall, "\tReturn CRuleSet::Write (%d)", result);
-    if (result == KXRULE_OK)
-        m_OldVersionSets.erase(ruleSet.Index());
-    else
+    if (result != KXRULE_OK)
         ruleSet.SetFileName(std::move(former)); // a master file must not list a file that never came to be
     return result;
 }

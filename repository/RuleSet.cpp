@@ -13,12 +13,11 @@ constexpr size_t kNameUnits = KXRULE_RULESET_NAME_UNITS - 1; // without terminat
 
 } // namespace
 
-CRuleSet::CRuleSet(const PFW_RULESET& record)
+CRuleSet::CRuleSet(const PFW_RULESET& record, int32_t ruleCount)
     : m_Index(record.wRuleSetIndex), m_Name(KxCommon::Record::WideText(&record.wszName, kNameUnits))
 {
-    const int32_t count = record.nRuleCount;
     const PFW_RULE* const rules = KXRULE_RULES(&record);
-    for (int32_t i = 0; i < count; ++i)
+    for (int32_t i = 0; i < ruleCount; ++i)
         PutRule(rules[i]);
 }
 
@@ -63,7 +62,7 @@ int32_t CRuleSet::UpdateHash(const KXWCHAR* applicationPath, const uint8_t* hash
                              void* context, std::vector<uint16_t>& changed, CLock& recordLock)
 {
     int32_t first = KXRULE_OK;
-    for (size_t i = 0; i < m_Rules.Size(); ++i) // by position: nothing dangles even if a callback breaks its contract
+    for (size_t i = 0; i < m_Rules.Size(); ++i) // by position: a callback that breaks its contract may delete rules
     {
         const int32_t result =
             m_Rules.ValueAt(i).UpdateHash(m_Index, applicationPath, hash, callback, context, changed, recordLock);

@@ -19,9 +19,11 @@ public:
     using Rules = KxCommon::IndexMap<CRule>;
 
     CRuleSet() = default;
-    /// From a record and the rules behind it. Of two rules with the same index the later one counts; no limit on their
+    /// From a record and ruleCount rules behind it: the record's own count, which the caller has read once, since the
+    /// record is another's memory and may change. Of two rules with the same index the later one counts; no limit on their
     /// number (the master has one).
-    explicit CRuleSet(const PFW_RULESET& record);
+    CRuleSet(const PFW_RULESET& record, int32_t ruleCount);
+    explicit CRuleSet(const PFW_RULESET& record) : CRuleSet(record, record.nRuleCount) {}
     CRuleSet(const CRuleSet&) = default;
     CRuleSet(CRuleSet&&) = default;
     CRuleSet& operator=(const CRuleSet&) = default;

@@ -100,3 +100,16 @@ TEST_F(StoreTest, AFailedReadKeepsTheLockToo)
     EXPECT_EQ(added.get_future().get(), 0);
     other.join();
 }
+
+TEST_F(StoreTest, AKeeperThatIsGoneStopsNobody)
+{
+    ASSERT_EQ(AddSet(1), 0);
+    std::thread([] { EXPECT_EQ(AddSet(1), KXRULE_E_NO_RULESET); }).join(); // keeps the lock and ends
+    const PFW_RULE rule = Build::Access();
+    EXPECT_EQ(kxRuleAddRule(1, 1, &rule), 0);
+    std::thread([] { EXPECT_EQ(AddSet(1), KXRULE_E_NO_RULESET); }).join();
+    EXPECT_EQ(kxRuleFinalize(), 0);
+    EXPECT_EQ(AddSet(1), KXRULE_E_NO_RULESET) << "left over, but nothing is kept without a life";
+    ASSERT_EQ(kxRuleInitialize(Directory().c_str(), nullptr), 0);
+    std::thread([] { EXPECT_EQ(AddSet(1), 0); }).join();
+}

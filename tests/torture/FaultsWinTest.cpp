@@ -148,7 +148,19 @@ TEST_F(FaultsTest, NoFailureOfAReadLosesAFile)
                 EXPECT_TRUE(result == 0 || result == KXRULE_E_FILE_OPEN || result == KXRULE_E_FILE_READ ||
                             result == KXRULE_E_FILE_WRITE)
                     << result;
+                if (error == ERROR_NOT_ENOUGH_MEMORY && !isForGood)
+                {
+                    EXPECT_FALSE(Exists("RuleBackup")) << "lack of memory is taken for damage";
+                }
                 ExpectNothingLost(Snapshot(), m_Before);
+                ASSERT_EQ(kxRuleAddMacro(Build::Macro("m", {Build::Item("x")}).get()), 0);
+                static_cast<void>(AddSet(0)); // a caller that writes all the same
+                EXPECT_EQ(kxRuleWrite(), 0);
+                Files mustBeThere = m_Before; // but for what was read and is now written with the change
+                mustBeThere.erase("KxRulMas.dat");
+                if (kxRuleGetMacroCount() == 2)
+                    mustBeThere.erase("KxRulMac.dat");
+                ExpectNothingLost(Snapshot(), mustBeThere);
                 ASSERT_FALSE(HasFailure());
             }
         }
