@@ -2,12 +2,15 @@
 #include "tools/kxrule/RuleJson.h"
 
 #include <cstring>
+#include <fstream>
 #include <random>
+#include <set>
 
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
 
 #include "tests/support/RecordBuilder.h"
+#include "tools/kxrule/RuleFields.h"
 
 using Tool::JsonError;
 using Tool::Policy;
@@ -271,4 +274,53 @@ TEST(RuleJson, KnowsTheLibrarysLimits)
     ASSERT_EQ(errors.size(), 2u) << Texts(errors);
     EXPECT_EQ(errors[0].Text, "a store holds at most 64 rule sets, the file has 65");
     EXPECT_EQ(errors[1].Text, "a rule set holds at most 1024 rules, this one has 1025");
+}
+
+// docs/policy.schema.json names the members that the reader knows, kind by kind, and no others.
+TEST(RuleJson, TheSchemaNamesEveryField)
+{
+    std::ifstream file("docs/policy.schema.json");
+    const nlohmann::json definitions = nlohmann::json::parse(file)["$defs"];
+    const auto names = [](std::span<const Tool::RuleField> fields, bool required)
+    {
+        std::set<std::string> set;
+        for (const Tool::RuleField& field : fields)
+        {
+            if (!required || field.When == Tool::Presence::Always)
+                set.insert(field.Name);
+        }
+        return set;
+    };
+    const auto members = [](const nlohmann::json& definition)
+    {
+        std::set<std::string> set;
+        for (const auto& [name, value] : definition["properties"].items())
+            set.insert(name);
+        return set;
+    };
+    const auto required = [](const nlohmann::json& definition)
+    { return definition.value("required", std::set<std::string>()); };
+
+    std::set<std::string> common = names(Tool::CommonFields(), false);
+    common.insert("raw");
+    EXPECT_EQ(members(definitions["rule"]), common);
+    EXPECT_EQ(required(definitions["rule"]), names(Tool::CommonFields(), true));
+    for (const Tool::Keyword& kind : Tool::kKinds)
+    {
+        EXPECT_EQ(members(definitions[kind.Name]), names(Tool::KindFields(kind.Value), false)) << kind.Name;
+        EXPECT_EQ(required(definitions[kind.Name]), names(Tool::KindFields(kind.Value), true)) << kind.Name;
+        for (const Tool::RuleField& field : Tool::KindFields(kind.Value))
+        {
+            std::set<std::string> known;
+            for (const Tool::Keyword& keyword : field.Names)
+                known.insert(keyword.Name);
+            if (!known.empty())
+            {
+                EXPECT_EQ(
+                    definitions[kind.Name]["properties"][field.Name]["anyOf"][0]["enum"].get<std::set<std::string>>(),
+                    known)
+                    << kind.Name << " " << field.Name;
+            }
+        }
+    }
 }

@@ -1,0 +1,153 @@
+// The report page, and what it warns of.
+#include "tools/kxrule/Report.h"
+
+#include <cstdlib>
+#include <fstream>
+#include <iterator>
+
+#include <gtest/gtest.h>
+
+#include "rules/Macro.h"
+#include "rules/RuleText.h"
+#include "tests/support/RecordBuilder.h"
+#include "tools/kxrule/RuleJson.h"
+
+namespace
+{
+
+Tool::Policy Workstation()
+{
+    std::ifstream file("examples/workstation.json", std::ios::binary);
+    const std::string json{std::istreambuf_iterator<char>(file), {}};
+    Tool::Policy policy;
+    std::vector<Tool::JsonError> errors;
+    EXPECT_TRUE(Tool::ReadPolicy(json, policy, errors));
+    return policy;
+}
+
+std::string PageOf(const Tool::Policy& policy)
+{
+    const auto ruleLine = [&policy](uint16_t ruleSetIndex, uint16_t ruleIndex)
+    {
+        std::string line;
+        for (const Tool::RuleSetRecord& ruleSet : policy.RuleSets)
+        {
+            for (const PFW_RULE& rule : ruleSet.Rules)
+            {
+                if (ruleSet.Index == ruleSetIndex && rule.wRuleIndex == ruleIndex)
+                    static_cast<void>(RuleText::Render(rule, line));
+            }
+        }
+        return line;
+    };
+    const auto macroLine = [](const Tool::MacroRecord& macro)
+    {
+        std::string line;
+        static_cast<void>(CMacro(macro.Name, macro.Items).GetMacroString(line));
+        return line;
+    };
+    return Tool::ReportPage({policy, "C:\\Rules & more", "2024-05-17 12:00", ruleLine, macroLine});
+}
+
+size_t Occurrences(const std::string& text, const std::string& what)
+{
+    size_t count = 0;
+    for (size_t at = 0; (at = text.find(what, at)) != std::string::npos; ++at)
+        ++count;
+    return count;
+}
+
+} // namespace
+
+// Leaves the page for a browser and the policy for a schema validator where they are asked for.
+TEST(Report, ShowsAWholePolicy)
+{
+    Tool::Policy policy = Workstation();
+    const std::string hostile = "</td></style><script>alert(1)</script>&lt;\"'\x01";
+    PFW_RULE rule = Build::Access(1, KXW("C:\\<b>&\"'.exe"));
+    Build::SetText(&rule.wszDescription, KXRULE_DESCRIPTION_UNITS,
+                   KxCommon::WideString(hostile.begin(), hostile.end()));
+    policy.RuleSets.push_back({900, KxCommon::WideString(hostile.begin(), hostile.end()), {rule}});
+    policy.Active->push_back(900);
+    policy.Macros->push_back({"<i>", {Build::Item(hostile)}});
+
+    const std::string page = PageOf(policy);
+    EXPECT_EQ(Occurrences(page, "<tr class=\"rule"), 85u);
+    EXPECT_EQ(Occurrences(page, "<details class=\"set\""), 8u);
+    EXPECT_NE(page.find("Unterwegs – hôtels, cafés, 駅"), std::string::npos);
+    EXPECT_NE(page.find("ACCESS,TCPUDP,,!10.20.0.10:10.20.0.11,,53|853,REJECT"), std::string::npos);
+    EXPECT_NE(page.find("C:\\Rules &amp; more"), std::string::npos);
+    // Nothing but the page's own script and style, and nothing from elsewhere.
+    EXPECT_EQ(Occurrences(page, "<script"), 1u);
+    EXPECT_EQ(Occurrences(page, "</style"), 1u);
+    for (const char* const foreign :
+         {"http:", "https:", "src=", "url(", "@import", "\\<b>", "<i>", "alert(1)</", "\x01"})
+        EXPECT_EQ(page.find(foreign), std::string::npos) << foreign;
+
+    if (const char* const file = std::getenv("KX_REPORT_PAGE"))
+        std::ofstream(file, std::ios::binary) << page;
+    if (const char* const file = std::getenv("KX_EXPORTED_POLICY"))
+        std::ofstream(file, std::ios::binary) << Tool::PolicyToJson(policy);
+}
+
+TEST(Report, TheExampleHasNoRuleInVain)
+{
+    for (const Tool::Warning& warning : Tool::FindWarnings(Workstation()))
+        EXPECT_EQ(warning.Kind, Tool::WarningKind::NoHash) << warning.RuleSetIndex << " " << warning.RuleIndex;
+}
+
+TEST(Report, Warns)
+{
+    const std::string any = R"("kind": "access", "action": "accept")";
+    const std::string rescue =
+        any +
+        R"(, "protocol": 4294967295, "description": "This is a rescue rule. This rule file had been broken/deleted.")";
+    const std::string hash = R"(, "hash": "0102030405060708090a0b0c0d0e0f1011121314")";
+    const struct
+    {
+        const char* Name;
+        std::string Policy;
+        const char* Warnings; // rule set/rule and what is said of it
+    } cases[] = {
+        {"nothing", R"("active": [])", ""},
+        {"none active", R"("active": [], "ruleSets": [{"index": 1, "name": ""}])", "0 No rule set is active."},
+        {"not there", R"("active": [7])", "7 is active but does not exist."},
+        {"any to any", R"("active": [1], "ruleSets": [{"index": 1, "name": "", "rules": [{"index": 3, )" + any + "}]}]",
+         "1/3 accepts everything from anybody to anybody."},
+        {"no hash",
+         R"("active": [1], "ruleSets": [{"index": 1, "name": "", "rules": [)"
+         R"({"index": 3, "application": "a", "ports": ["any", 80], )" +
+             any + R"(}, {"index": 4, "application": "b", "ports": ["any", 80])" + hash + ", " + any + "}]}]",
+         "1/3 is bound to a program without a hash: it also matches whatever replaces it."},
+        {"across active sets in their order",
+         R"("active": [2, 1], "ruleSets": [)"
+         R"({"index": 1, "name": "", "rules": [{"index": 3, "ports": ["any", 80], )" +
+             any +
+             "}]},"
+             R"({"index": 2, "name": "", "rules": [{"index": 4, "ports": ["any", "1-99"], )" +
+             any + "}]}]",
+         "1/3 can never match: rule 4 of rule set 2 takes everything before it."},
+        {"not from sets that are not active",
+         R"("active": [1], "ruleSets": [)"
+         R"({"index": 1, "name": "", "rules": [{"index": 3, "ports": ["any", 80], )" +
+             any +
+             "}]},"
+             R"({"index": 2, "name": "", "rules": [{"index": 4, "ports": ["any", "80"], )" +
+             any + "}]}]",
+         ""},
+        {"rescue",
+         R"("active": [1], "ruleSets": [{"index": 1, "name": "", "rules": [{"index": 30000, )" + rescue + "}]}]",
+         "1/30000 is a rescue rule: the rules of this set were damaged and want replacing."},
+    };
+    for (const auto& c : cases)
+    {
+        Tool::Policy policy;
+        std::vector<Tool::JsonError> errors;
+        ASSERT_TRUE(Tool::ReadPolicy("{" + c.Policy + "}", policy, errors)) << c.Name << errors.front().Text;
+        std::string warnings;
+        for (const Tool::Warning& warning : Tool::FindWarnings(policy))
+            warnings += (warnings.empty() ? "" : "; ") + std::to_string(warning.RuleSetIndex) +
+                        (warning.HasRule ? "/" + std::to_string(warning.RuleIndex) : "") + " " + warning.Text;
+        EXPECT_EQ(warnings, c.Warnings) << c.Name;
+    }
+}
