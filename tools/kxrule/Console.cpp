@@ -121,10 +121,7 @@ bool Console::Confirm(std::string_view question)
     return answer[0] == 'y' || answer[0] == 'Y';
 }
 
-Progress::Progress(Console& console, std::string label, size_t steps)
-    : m_Console(console), m_Label(std::move(label)), m_Steps(steps)
-{
-}
+Progress::Progress(Console& console, std::string label) : m_Console(console), m_Label(std::move(label)) {}
 
 Progress::~Progress()
 {
@@ -132,18 +129,17 @@ Progress::~Progress()
         m_Console.Error("\r" + std::string(m_Label.size() + 40, ' ') + "\r");
 }
 
-void Progress::Step()
+void Progress::Show(size_t done, size_t all)
 {
     using namespace std::chrono;
-    ++m_Done;
     const steady_clock::time_point now = steady_clock::now();
-    if (!m_Console.ErrorIsTerminal() || m_Steps == 0 || now - m_Begin < seconds(1) ||
+    if (!m_Console.ErrorIsTerminal() || all == 0 || now - m_Begin < seconds(1) ||
         (m_Shown && now - m_Drawn < milliseconds(100)))
         return;
     constexpr size_t kBar = 24;
-    const size_t filled = std::min(kBar, kBar * m_Done / m_Steps);
+    const size_t filled = std::min(kBar, kBar * done / all);
     m_Console.Error("\r" + m_Label + " [" + std::string(filled, '#') + std::string(kBar - filled, '.') + "] " +
-                    std::to_string(100 * m_Done / m_Steps) + "% ");
+                    std::to_string(100 * done / all) + "% ");
     m_Drawn = now;
     m_Shown = true;
 }

@@ -55,17 +55,15 @@ private:
 class Progress
 {
 public:
-    Progress(Console& console, std::string label, size_t steps);
+    Progress(Console& console, std::string label);
     ~Progress();
     Progress(const Progress&) = delete;
     Progress& operator=(const Progress&) = delete;
-    void Step();
+    void Show(size_t done, size_t all);
 
 private:
     Console& m_Console;
     std::string m_Label;
-    size_t m_Steps;
-    size_t m_Done = 0;
     bool m_Shown = false;
     std::chrono::steady_clock::time_point m_Begin = std::chrono::steady_clock::now();
     std::chrono::steady_clock::time_point m_Drawn = m_Begin;

@@ -1,10 +1,12 @@
-// Commands that only look: list, show.
+// Commands that only look: list, show, macros, find, active.
 #include <algorithm>
+#include <cstring>
 
 #include <nlohmann/json.hpp>
 
 #include "tools/kxrule/Columns.h"
 #include "tools/kxrule/Commands.h"
+#include "tools/kxrule/Find.h"
 #include "tools/kxrule/ItemText.h"
 #include "tools/kxrule/RecordText.h"
 #include "tools/kxrule/RuleFields.h"
@@ -21,11 +23,6 @@ using Json = nlohmann::ordered_json;
 bool IsActive(const Policy& policy, uint16_t index)
 {
     return std::find(policy.Active->begin(), policy.Active->end(), index) != policy.Active->end();
-}
-
-std::string Count(size_t number, const char* what)
-{
-    return std::to_string(number) + " " + what + (number == 1 ? "" : "s");
 }
 
 std::string Text(const PFW_RULE& rule, const RuleField& field)
@@ -48,7 +45,13 @@ std::string Application(const PFW_RULE& rule)
     return {};
 }
 
-/// The addresses of a rule whose line leaves some of them out: the library renders no IPv6.
+/// The library renders no IPv6.
+bool IsHidden(const RULE_ADDR& item)
+{
+    return item.dwFamily == KXRULE_FAMILY_IPV6 && item.dwType != KXRULE_ADDR_ANY && item.dwType != KXRULE_ADDR_NAME;
+}
+
+/// The addresses of a rule whose line leaves some of them out.
 std::string HiddenAddresses(const PFW_RULE& rule)
 {
     std::string texts;
@@ -59,8 +62,7 @@ std::string HiddenAddresses(const PFW_RULE& rule)
         {
             RULE_ADDR item;
             std::memcpy(&item, reinterpret_cast<const uint8_t*>(&rule) + field.Places[i], sizeof item);
-            hidden = hidden || (item.dwFamily == KXRULE_FAMILY_IPV6 && item.dwType != KXRULE_ADDR_ANY &&
-                                item.dwType != KXRULE_ADDR_NAME);
+            hidden = hidden || IsHidden(item);
             texts += (texts.empty() ? "" : " ") + AddressText(item);
         }
     }
@@ -124,6 +126,20 @@ Json RuleSetAsJson(Session& session, const Policy& policy, const RuleSetRecord& 
     return json;
 }
 
+void PrintMacro(Session& session, const MacroRecord& macro)
+{
+    Console& console = session.Terminal();
+    console.Out("  " + Printable(session.MacroLine(macro)) + "\n");
+    std::string hidden;
+    for (const MACRO_ITEM& item : macro.Items)
+    {
+        if (item.dwItemType == KXRULE_ITEM_ADDR && IsHidden(item.Addr))
+            hidden += (hidden.empty() ? "" : " ") + AddressText(item.Addr);
+    }
+    if (!hidden.empty())
+        console.Out("    " + console.Paint(Style::Dim, hidden) + "\n");
+}
+
 void PrintMacros(Session& session, const Policy& policy)
 {
     Console& console = session.Terminal();
@@ -131,17 +147,7 @@ void PrintMacros(Session& session, const Policy& policy)
         return;
     console.Out(console.Paint(Style::Strong, "Macros") + "\n");
     for (const MacroRecord& macro : *policy.Macros)
-        console.Out("  " + Printable(session.MacroLine(macro)) + "\n");
-}
-
-const RuleSetRecord& FindRuleSet(const Policy& policy, uint16_t index)
-{
-    for (const RuleSetRecord& ruleSet : policy.RuleSets)
-    {
-        if (ruleSet.Index == index)
-            return ruleSet;
-    }
-    throw Failure("there is no rule set " + std::to_string(index));
+        PrintMacro(session, macro);
 }
 
 int ShowRule(Session& session, const RuleSetRecord& ruleSet, uint16_t ruleIndex)
@@ -161,6 +167,26 @@ int ShowRule(Session& session, const RuleSetRecord& ruleSet, uint16_t ruleIndex)
 }
 
 } // namespace
+
+std::string Count(size_t number, const char* what)
+{
+    return std::to_string(number) + " " + what + (number == 1 ? "" : "s");
+}
+
+RuleSetRecord& FindRuleSet(Policy& policy, uint16_t index)
+{
+    for (RuleSetRecord& ruleSet : policy.RuleSets)
+    {
+        if (ruleSet.Index == index)
+            return ruleSet;
+    }
+    throw Failure("there is no rule set " + std::to_string(index));
+}
+
+const RuleSetRecord& FindRuleSet(const Policy& policy, uint16_t index)
+{
+    return FindRuleSet(const_cast<Policy&>(policy), index); // handed back as const
+}
 
 int List(Session& session)
 {
@@ -221,6 +247,87 @@ int Show(Session& session, std::optional<uint16_t> ruleSetIndex, std::optional<u
     for (const RuleSetRecord& ruleSet : policy.RuleSets)
         PrintRuleSet(session, policy, ruleSet);
     PrintMacros(session, policy);
+    return ExitDone;
+}
+
+int Macros(Session& session)
+{
+    session.OpenToLook();
+    const Policy policy = session.Read();
+    if (!session.Options().Json)
+    {
+        for (const MacroRecord& macro : *policy.Macros)
+            PrintMacro(session, macro);
+        return ExitDone;
+    }
+    Policy macros;
+    macros.Macros = policy.Macros;
+    Json json = Json::parse(PolicyToJson(macros))["macros"];
+    for (size_t i = 0; i < json.size(); ++i)
+        json[i]["line"] = session.MacroLine((*policy.Macros)[i]);
+    session.Terminal().Out(json.dump(2) + "\n");
+    return ExitDone;
+}
+
+int FindCommand(Session& session, const std::string& query)
+{
+    session.OpenToLook();
+    const Policy policy = session.Read();
+    const std::vector<Hit> hits = Find(policy, query);
+    Console& console = session.Terminal();
+    if (session.Options().Json)
+    {
+        Json json = Json::array();
+        for (const Hit& hit : hits)
+        {
+            Json& entry = json.emplace_back();
+            if (hit.Macro != nullptr)
+                entry["macro"] = NarrowToUtf8(hit.Macro->Name);
+            if (hit.RuleSet != nullptr)
+                entry["ruleSet"] = hit.RuleSet->Index;
+            if (hit.Rule != nullptr)
+                entry["rule"] = uint16_t{hit.Rule->wRuleIndex};
+            entry["where"] = hit.Where;
+        }
+        console.Out(json.dump(2) + "\n");
+        return ExitDone;
+    }
+    const RuleSetRecord* shown = nullptr;
+    for (const Hit& hit : hits)
+    {
+        if (hit.RuleSet != nullptr && hit.RuleSet != shown)
+            console.Out(console.Paint(Style::Strong, "Rule set " + std::to_string(hit.RuleSet->Index) + "  " +
+                                                         Printable(ToUtf8(hit.RuleSet->Name))) +
+                        "\n");
+        shown = hit.RuleSet;
+        if (hit.RuleSet != nullptr && hit.Rule != nullptr)
+            PrintRule(session, hit.RuleSet->Index, *hit.Rule);
+        if (hit.Macro != nullptr)
+            PrintMacro(session, *hit.Macro);
+    }
+    console.Out(hits.empty() ? "nothing speaks of it\n" : Count(hits.size(), "hit") + "\n");
+    return ExitDone;
+}
+
+int Active(Session& session)
+{
+    session.OpenToLook();
+    const Policy policy = session.Read();
+    if (session.Options().Json)
+    {
+        session.Terminal().Out(Json(*policy.Active).dump() + "\n");
+        return ExitDone;
+    }
+    for (const uint16_t index : *policy.Active)
+    {
+        const auto found = std::find_if(policy.RuleSets.begin(), policy.RuleSets.end(),
+                                        [index](const RuleSetRecord& ruleSet) { return ruleSet.Index == index; });
+        session.Terminal().Out(
+            std::to_string(index) + "  " +
+            (found == policy.RuleSets.end() ? "(there is no such rule set)" : Printable(ToUtf8(found->Name))) + "\n");
+    }
+    if (policy.Active->empty())
+        session.Terminal().Out("no rule set is active\n");
     return ExitDone;
 }
 

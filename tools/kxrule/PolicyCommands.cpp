@@ -1,9 +1,11 @@
-// Policies in and out: import.
+// Policies in and out: import and export.
 #include <fcntl.h>
 #include <io.h>
 
 #include <cstdio>
 #include <memory>
+
+#include <nlohmann/json.hpp>
 
 #include "tools/kxrule/Columns.h"
 #include "tools/kxrule/Commands.h"
@@ -15,6 +17,8 @@ namespace Tool
 {
 namespace
 {
+
+using Json = nlohmann::ordered_json;
 
 struct CloseFile
 {
@@ -28,6 +32,69 @@ std::string ReadStream(std::FILE* file)
     for (size_t got = 0; (got = std::fread(piece, 1, sizeof piece, file)) > 0;)
         text.append(piece, got);
     return text;
+}
+
+/// A store's limits, looked at before anything is touched.
+void CheckLimits(const Policy& store, const PolicyDiff& diff)
+{
+    if (RuleSetsAfter(store, diff) > KXRULE_MAX_RULESETS)
+        throw Failure("the store would hold " + Count(RuleSetsAfter(store, diff), "rule set") + ", " +
+                      std::to_string(KXRULE_MAX_RULESETS) + " are the most");
+    for (const RuleSetChange& change : diff.RuleSets)
+    {
+        if (change.RulesAfter.size() > KXRULE_MAX_RULES)
+            throw Failure("rule set " + std::to_string(change.Index) + " would hold " +
+                          Count(change.RulesAfter.size(), "rule") + ", " + std::to_string(KXRULE_MAX_RULES) +
+                          " are the most");
+    }
+}
+
+const char* ChangeWord(bool before, bool after) noexcept
+{
+    return !before ? "added" : after ? "changed" : "removed";
+}
+
+Json DiffAsJson(const PolicyDiff& diff)
+{
+    Json json = {{"changed", !diff.IsEmpty()}, {"ruleSets", Json::array()}};
+    for (const RuleSetChange& change : diff.RuleSets)
+    {
+        Json& set = json["ruleSets"].emplace_back();
+        set["index"] = change.Index;
+        set["change"] = ChangeWord(change.NameBefore.has_value(), change.NameAfter.has_value());
+        set["name"] = ToUtf8(change.NameAfter ? *change.NameAfter : *change.NameBefore);
+        set["rules"] = Json::array();
+        for (const RuleChange& rule : change.Rules)
+        {
+            Json& entry = set["rules"].emplace_back();
+            entry["index"] = rule.Index;
+            entry["change"] = ChangeWord(rule.Before.has_value(), rule.After.has_value());
+            if (rule.Before)
+                entry["before"] = Json::parse(RuleToJson(*rule.Before));
+            if (rule.After)
+                entry["after"] = Json::parse(RuleToJson(*rule.After));
+        }
+    }
+    Policy rest;
+    rest.Macros = diff.Macros;
+    rest.Active = diff.Active;
+    const Json lists = Json::parse(PolicyToJson(rest));
+    for (const char* const name : {"macros", "active"})
+    {
+        if (lists.contains(name))
+            json[name] = lists[name];
+    }
+    return json;
+}
+
+/// False when the file is not good; what is wrong with it has then been told.
+bool ReadPolicyFile(Session& session, const std::string& file, Policy& policy)
+{
+    std::vector<JsonError> errors;
+    if (ReadPolicy(ReadTextFile(file), policy, errors))
+        return true;
+    session.Terminal().Error(ErrorLines(file, errors));
+    return false;
 }
 
 } // namespace
@@ -58,32 +125,84 @@ std::string ErrorLines(const std::string& path, const std::vector<JsonError>& er
     return lines;
 }
 
-int Import(Session& session, const ImportOptions& options)
+void WriteTextFile(Session& session, const std::string& path, std::string_view text)
 {
-    Console& console = session.Terminal();
-    const std::string text = ReadTextFile(options.File);
-    Policy policy;
-    std::vector<JsonError> errors;
-    if (!ReadPolicy(text, policy, errors))
+    if (path.empty() || path == "-")
+        return session.Terminal().Out(text);
+    const std::wstring file = AbsolutePath(path);
+    const std::wstring unfinished = file + L".tmp";
     {
-        console.Error(ErrorLines(options.File, errors));
-        return ExitFailed;
+        const std::unique_ptr<std::FILE, CloseFile> stream(::_wfopen(unfinished.c_str(), L"wb"));
+        if (!stream)
+            throw Failure(path + " cannot be written: " + SystemText(::GetLastError()));
+        if (std::fwrite(text.data(), 1, text.size(), stream.get()) != text.size() || std::fflush(stream.get()) != 0)
+            throw Failure(path + " cannot be written: " + SystemText(::GetLastError()));
     }
-    session.OpenToChange();
-    const Policy store = session.Read();
-    const PolicyDiff diff = Compare(store, policy, options.Replace ? MergeMode::Replace : MergeMode::Merge);
-    if (RuleSetsAfter(store, diff) > KXRULE_MAX_RULESETS)
-        throw Failure("the store would hold " + std::to_string(RuleSetsAfter(store, diff)) +
-                      " rule sets, 64 are the most");
-    for (const RuleSetChange& change : diff.RuleSets)
-    {
-        if (change.RulesAfter.size() > KXRULE_MAX_RULES)
-            throw Failure("rule set " + std::to_string(change.Index) + " would hold " +
-                          std::to_string(change.RulesAfter.size()) + " rules, 1024 are the most");
-    }
+    if (::MoveFileExW(unfinished.c_str(), file.c_str(), MOVEFILE_REPLACE_EXISTING) == FALSE)
+        throw Failure(path + " cannot be replaced: " + SystemText(::GetLastError()));
+}
+
+int Carry(Session& session, const Policy& store, const Policy& wanted, MergeMode mode)
+{
+    const PolicyDiff diff = Compare(store, wanted, mode);
+    CheckLimits(store, diff);
     if (!diff.IsEmpty())
         Apply(session, store, diff);
-    console.Out(DiffSummary(diff) + "\n");
+    session.Terminal().Out(session.Options().Json ? DiffAsJson(diff).dump(2) + "\n" : DiffSummary(diff) + "\n");
+    return ExitDone;
+}
+
+int Import(Session& session, const ImportOptions& options)
+{
+    Policy policy;
+    if (!ReadPolicyFile(session, options.File, policy))
+        return ExitFailed;
+    const MergeMode mode = options.Replace ? MergeMode::Replace : MergeMode::Merge;
+    if (!options.Check)
+    {
+        session.OpenToChange();
+        return Carry(session, session.Read(), policy, mode);
+    }
+    Policy store; // a directory that is still to be made holds nothing
+    if (session.DirectoryExists())
+    {
+        session.OpenToLook();
+        store = session.Read();
+    }
+    const PolicyDiff diff = Compare(store, policy, mode);
+    CheckLimits(store, diff);
+    session.Terminal().Out(session.Options().Json ? DiffAsJson(diff).dump(2) + "\n"
+                           : diff.IsEmpty()       ? "nothing would change\n"
+                                                  : DiffText(diff));
+    return diff.IsEmpty() ? ExitDone : ExitDifferent;
+}
+
+int ImportMacros(Session& session, const ImportOptions& options)
+{
+    Policy policy;
+    if (!ReadPolicyFile(session, options.File, policy))
+        return ExitFailed;
+    if (!policy.Macros)
+        throw Failure(options.File + " holds no macros");
+    session.OpenToChange();
+    const Policy store = session.Read();
+    Policy wanted;
+    wanted.Macros = options.Replace ? policy.Macros : Compare(store, policy, MergeMode::Merge).Macros;
+    return Carry(session, store, wanted, MergeMode::Merge);
+}
+
+int Export(Session& session, const std::vector<uint16_t>& ruleSetIndexes, const std::string& file)
+{
+    session.OpenToLook();
+    Policy policy = session.Read();
+    if (!ruleSetIndexes.empty())
+    {
+        Policy some;
+        for (const uint16_t index : ruleSetIndexes)
+            some.RuleSets.push_back(FindRuleSet(policy, index));
+        policy = std::move(some);
+    }
+    WriteTextFile(session, file, PolicyToJson(policy));
     return ExitDone;
 }
 

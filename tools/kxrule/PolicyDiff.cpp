@@ -110,8 +110,10 @@ void CompareRules(const std::vector<PFW_RULE>& before, const std::vector<PFW_RUL
     {
         for (; old < before.size() && before[old].wRuleIndex < given.wRuleIndex; ++old)
             keepOrDrop(before[old]);
-        PFW_RULE rule = AsStored(given);
-        const bool exists = old < before.size() && before[old].wRuleIndex == rule.wRuleIndex;
+        const bool exists = old < before.size() && before[old].wRuleIndex == given.wRuleIndex;
+        // A refreshed system rule holds a hash that adding it again would take away.
+        const bool same = exists && Equal(before[old], given);
+        PFW_RULE rule = same ? given : AsStored(given);
         if (exists)
             TakeOverHash(rule, before[old]);
         if (!exists)

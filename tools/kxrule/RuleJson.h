@@ -37,6 +37,10 @@ struct JsonError
 [[nodiscard]] std::string RuleToJson(const PFW_RULE& rule);
 [[nodiscard]] std::string RuleSetToJson(const RuleSetRecord& ruleSet);
 
+/// True when the record holds bytes that only "raw" can carry: unknown types, spare fields in use, remains behind a
+/// terminator, or damage that its file could not show.
+[[nodiscard]] bool HasUnexplainedBytes(const PFW_RULE& rule);
+
 /// True when a port list of a rule of kind 1 or 6 holds nothing that the library takes for text.
 [[nodiscard]] bool HasBlankPortList(const PFW_RULE& rule) noexcept;
 

@@ -409,6 +409,11 @@ std::string RuleToJson(const PFW_RULE& rule)
     return Finished(std::move(out));
 }
 
+bool HasUnexplainedBytes(const PFW_RULE& rule)
+{
+    return RuleToJson(rule).find("\n  \"raw\": [") != std::string::npos;
+}
+
 std::string RuleSetToJson(const RuleSetRecord& ruleSet)
 {
     std::string out;

@@ -30,12 +30,6 @@ std::string NarrowPath(const std::wstring& path)
     return *narrow;
 }
 
-bool IsDirectory(const std::wstring& path) noexcept
-{
-    const DWORD attributes = ::GetFileAttributesW(path.c_str());
-    return attributes != INVALID_FILE_ATTRIBUTES && (attributes & FILE_ATTRIBUTE_DIRECTORY) != 0;
-}
-
 } // namespace
 
 void Check(int32_t result, const std::string& attempt)
@@ -75,6 +69,12 @@ Session::~Session()
         static_cast<void>(m_Library.release()); // unloading is for libraries that have been finalised
 }
 
+bool Session::DirectoryExists() const noexcept
+{
+    const DWORD attributes = ::GetFileAttributesW(m_Directory.c_str());
+    return attributes != INVALID_FILE_ATTRIBUTES && (attributes & FILE_ATTRIBUTE_DIRECTORY) != 0;
+}
+
 void Session::RefuseWhileInUse() const
 {
     const std::wstring name = L"Global\\" + std::wstring(KxCommon::Names::kMutexName);
@@ -102,11 +102,11 @@ void Session::Open()
 
 void Session::OpenToLook()
 {
-    if (!IsDirectory(m_Directory))
+    if (!DirectoryExists())
         throw Failure(ToUtf8(m_Directory) + " is no directory");
     // The library answers damage by moving and rewriting files, which nobody asks for who only wants to look.
     std::string problems;
-    for (const FileReport& file : CheckStore(m_Directory, m_Options.Master).Files)
+    for (const FileReport& file : CheckStore(m_Directory, m_Options.Master, m_Console, false).Files)
     {
         if (file.What == Finding::Damaged)
             problems += "\n  " + ToUtf8(file.File.wstring()) + ": " + file.Problem;
@@ -143,8 +143,10 @@ std::vector<RuleSetRecord> Session::ReadRuleSets()
     m_Library->GetRuleSetIndex(indexes.data(), static_cast<int32_t>(indexes.size()));
     std::vector<RuleSetRecord> ruleSets;
     std::vector<unsigned char> block;
+    Progress progress(m_Console, "reading the store");
     for (const uint16_t index : indexes)
     {
+        progress.Show(ruleSets.size(), indexes.size());
         const int32_t count = m_Library->GetRuleSet(index, nullptr, 0);
         Check(count, "reading rule set " + std::to_string(index));
         block.resize(KXRULE_RULESET_BYTES(count));

@@ -50,6 +50,8 @@ public:
     /// The rule directory, absolute, with a backslash at its end.
     [[nodiscard]] const std::wstring& Directory() const noexcept { return m_Directory; }
 
+    [[nodiscard]] bool DirectoryExists() const noexcept;
+
     /// A stored rule's and any macro's line of text; empty when the library has none for it.
     [[nodiscard]] std::string RuleLine(uint16_t ruleSetIndex, uint16_t ruleIndex);
     [[nodiscard]] std::string MacroLine(const MacroRecord& macro);

@@ -110,7 +110,8 @@ void Apply(Session& session, const Policy& store, const PolicyDiff& diff)
         added += change.NameBefore ? 0 : 1;
     const bool deleteFirst = added > KXRULE_MAX_RULESETS;
 
-    Progress progress(session.Terminal(), "changing the store", diff.RuleSets.size());
+    Progress progress(session.Terminal(), "changing the store");
+    size_t done = 0;
     session.BeginChange();
     if (deleteFirst)
         DeleteRuleSets(session, diff);
@@ -120,7 +121,7 @@ void Apply(Session& session, const Policy& store, const PolicyDiff& diff)
             AddRuleSet(session, change);
         else if (change.NameAfter && !NeedsNewSet(change))
             ChangeRules(session, change);
-        progress.Step();
+        progress.Show(++done, diff.RuleSets.size());
     }
     if (diff.Macros)
         ChangeMacros(session, *diff.Macros);

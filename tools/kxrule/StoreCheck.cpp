@@ -4,6 +4,7 @@
 
 #include "persistence/FileFormat.h"
 #include "tools/kxrule/ResultCodes.h"
+#include "tools/kxrule/RuleJson.h"
 #include "tools/kxrule/StoreFiles.h"
 #include "tools/kxrule/Utf8.h"
 
@@ -35,14 +36,15 @@ std::string Count(size_t number, const char* what)
 class Checker
 {
 public:
-    Checker(const fs::path& directory, const std::string& masterFileName)
-        : m_Directory(directory),
+    Checker(const fs::path& directory, const std::string& masterFileName, bool thorough)
+        : m_Directory(directory), m_Thorough(thorough),
           m_Master(FromUtf8(masterFileName.empty() ? FileFormat::kMasterFileName : masterFileName))
     {
     }
 
-    StoreReport Check()
+    StoreReport Check(Console& console)
     {
+        Progress progress(console, "checking the files");
         std::error_code error;
         for (const fs::directory_entry& entry : fs::directory_iterator(m_Directory, error))
         {
@@ -53,8 +55,11 @@ public:
         if (CheckMaster())
         {
             CheckMacros();
-            for (const std::string& name : m_Fields.RuleSetFileNames)
-                CheckRuleSet(name);
+            for (size_t i = 0; i < m_Fields.RuleSetFileNames.size(); ++i)
+            {
+                progress.Show(i, m_Fields.RuleSetFileNames.size());
+                CheckRuleSet(m_Fields.RuleSetFileNames[i]);
+            }
             CheckActive();
         }
         for (const fs::path& name : m_Unlisted)
@@ -155,6 +160,15 @@ private:
         if (std::count(m_Indexes.begin(), m_Indexes.end(), content.RuleSet.Index) > 1)
             return Add(name, Finding::Note, summary + Count(content.RuleSet.Rules.size(), "rule"),
                        "another file has the same index", "the later one in the master file counts");
+        // A changed byte in the middle of a record shows in no length and no padding.
+        const size_t odd = !m_Thorough
+                               ? 0
+                               : static_cast<size_t>(std::count_if(content.RuleSet.Rules.begin(),
+                                                                   content.RuleSet.Rules.end(), HasUnexplainedBytes));
+        if (odd > 0)
+            return Add(name, Finding::Note, summary + Count(content.RuleSet.Rules.size(), "rule"),
+                       Count(odd, "rule") + " with bytes that no field explains",
+                       "it takes them as they are; \"kxrule dump\" shows them as raw");
         Add(name, Finding::Good, summary + Count(content.RuleSet.Rules.size(), "rule"));
     }
 
@@ -181,6 +195,7 @@ private:
     }
 
     const fs::path m_Directory;
+    const bool m_Thorough;
     const fs::path m_Master;
     MasterFields m_Fields;
     bool m_MasterIsGood = false;
@@ -197,9 +212,9 @@ bool StoreReport::IsDamaged() const noexcept
                        [](const FileReport& file) { return file.What == Finding::Damaged; });
 }
 
-StoreReport CheckStore(const fs::path& directory, const std::string& masterFileName)
+StoreReport CheckStore(const fs::path& directory, const std::string& masterFileName, Console& console, bool thorough)
 {
-    return Checker(directory, masterFileName).Check();
+    return Checker(directory, masterFileName, thorough).Check(console);
 }
 
 } // namespace Tool

@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "persistence/MasterFormat.h"
+#include "tools/kxrule/Console.h"
 #include "tools/kxrule/Policy.h"
 
 namespace Tool
@@ -58,8 +59,10 @@ struct StoreReport
     [[nodiscard]] bool IsDamaged() const noexcept;
 };
 
-/// Checks a rule directory as kxRuleRead would find it.
-[[nodiscard]] StoreReport CheckStore(const std::filesystem::path& directory, const std::string& masterFileName);
+/// Checks a rule directory as kxRuleRead would find it. The console shows progress. A thorough check
+/// looks into the rules, too.
+[[nodiscard]] StoreReport CheckStore(const std::filesystem::path& directory, const std::string& masterFileName,
+                                     Console& console, bool thorough);
 
 /// Master, macro and rule set files that exist in a directory, as bare names.
 [[nodiscard]] std::vector<std::filesystem::path> StoreFileNames(const std::filesystem::path& directory,
