@@ -14,8 +14,8 @@ namespace
 constexpr size_t kPiece = 1024 * 1024;
 constexpr size_t kSetHead = 104;     // what the library writes in front of the rules for a name of one block
 constexpr size_t kRuleRecord = 2852; // length and ciphertext of a rule
-constexpr size_t kMacroFile = 64;    // no macros
-constexpr size_t kMasterHead = 104;  // an empty active list
+constexpr size_t kMacroFile = 44;    // no macros
+constexpr size_t kMasterHead = 128;  // an empty active list
 constexpr size_t kMasterPerSet = 40;
 
 HANDLE OpenFile(const std::string& path, DWORD access, DWORD disposition)

@@ -1,8 +1,9 @@
 #!/usr/bin/env python3
-"""report.py RESULTS [--record DIRECTORY]: the table and the plots of one run of scripts/bench.sh.
+"""report.py RESULTS [DOCUMENT]: the table and the plots of one run of scripts/bench.sh.
 
-RESULTS holds the JSON files that the benchmark programs wrote. Prints the table and writes RESULTS/summary.json and the
-plots beside it; --record puts table.md and the plots into DIRECTORY too.
+RESULTS holds the JSON files that the benchmark programs wrote. Prints the table and writes summary.json and the plots
+there. With a document, the table takes the place of what stands between its two marks, and the plots go into the
+folder of the document's name.
 """
 import json
 import pathlib
@@ -208,13 +209,16 @@ def main(arguments):
                              for name, rounds in m.rounds.items()}
     (results / "summary.json").write_text(json.dumps(summary, indent=1, ensure_ascii=False))
     print("\n\n".join(aligned(rows) for rows in tables))
-    targets = [results]
-    if arguments[1:2] == ["--record"]:
-        targets.append(pathlib.Path(arguments[2]))
-        targets[-1].mkdir(parents=True, exist_ok=True)
-        (targets[-1] / "table.md").write_text("\n".join(markdown(rows) for rows in tables))
-    for target in targets:
-        plots(m, target)
+    plots(m, results)
+    if arguments[1:]:
+        document = pathlib.Path(arguments[1])
+        folder = document.with_suffix("")
+        folder.mkdir(exist_ok=True)
+        plots(m, folder)
+        before, rest = document.read_text().split("<!-- results -->\n")
+        after = rest.split("<!-- end of results -->\n")[1]
+        table = "\n".join(markdown(rows) for rows in tables)
+        document.write_text(f"{before}<!-- results -->\n{table}<!-- end of results -->\n{after}")
 
 
 if __name__ == "__main__":

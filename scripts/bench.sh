@@ -1,6 +1,6 @@
 #!/bin/bash
 # bench.sh [--record]: measures the library against what the machine can do and against an SQL store, in a few minutes,
-# and prints one table. Results as JSON and plots: build/bench/results. --record puts table and plots into docs/performance.
+# and prints one table. Results as JSON and plots: build/bench/results. --record puts table and plots into docs/performance.md.
 # KX_BENCH_ROUNDS: rounds of each measurement (7).
 . "$(dirname "$0")/steps.sh" 5
 
@@ -76,8 +76,5 @@ run growth-calls calls_bench --benchmark_filter='^(growth|threads)/' --benchmark
 rm -rf build/bench/data
 
 step "result ($SECONDS s in all)"
-if [ "${1-}" = --record ]; then
-    python3 bench/report.py $results --record docs/performance
-else
-    python3 bench/report.py $results
-fi
+if [ "${1-}" = --record ]; then document=docs/performance.md; else document=; fi
+python3 bench/report.py $results $document
