@@ -1,6 +1,7 @@
 // A rule set file: the set's index and name, then its rules. docs/format.md, "Rule set files".
 #include "persistence/RuleSetFormat.h"
 
+#include <algorithm>
 #include <vector>
 
 #include "persistence/FileFormat.h"
@@ -31,18 +32,14 @@ void ReadHeader(CEncryptStream& stream, uint32_t version, Header& header)
     stream.ReadU32(header.RuleCount);
 }
 
-bool ReadRules(CEncryptStream& stream, const Header& header, const std::function<void(const PFW_RULE&)>& take)
+int32_t RuleCount(const Header& header) noexcept
 {
-    // kept: a count with the top bit set is negative and means no rules, as it always did.
-    const int32_t count = static_cast<int32_t>(header.RuleCount);
-    PFW_RULE rule;
-    for (int32_t i = 0; i < count; ++i)
-    {
-        if (!stream.Read(&rule, sizeof rule, true))
-            return false;
-        take(rule);
-    }
-    return true;
+    return std::max(static_cast<int32_t>(header.RuleCount), 0);
+}
+
+bool ReadRule(CEncryptStream& stream, PFW_RULE& rule)
+{
+    return stream.Read(&rule, sizeof rule, true);
 }
 
 void WriteHeader(CEncryptStream& stream, const Header& header)

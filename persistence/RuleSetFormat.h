@@ -3,7 +3,6 @@
 
 #include <cstddef>
 #include <cstdint>
-#include <functional>
 
 #include "api/KxPfwRule.h"
 #include "common/srclib/KxComn_String.h"
@@ -24,9 +23,10 @@ struct Header
 [[nodiscard]] uint32_t ReadVersion(CEncryptStream& stream);
 /// Index, name and count behind a version that is one of the two known; throws as above.
 void ReadHeader(CEncryptStream& stream, uint32_t version, Header& header);
-/// Hands RuleCount (as a signed number) records to take, one at a time. False when one cannot be read.
-[[nodiscard]] bool ReadRules(CEncryptStream& stream, const Header& header,
-                             const std::function<void(const PFW_RULE&)>& take);
+/// The number of records behind the header. kept: a count with the top bit set is negative and means none.
+[[nodiscard]] int32_t RuleCount(const Header& header) noexcept;
+/// One record, decrypted into its place. False when it cannot be read; rule is then unspecified.
+[[nodiscard]] bool ReadRule(CEncryptStream& stream, PFW_RULE& rule);
 
 /// Version, index, name and count; throws as above.
 void WriteHeader(CEncryptStream& stream, const Header& header);

@@ -11,6 +11,8 @@
 #include "common/srclib/KxComn_String.h"
 #include "rules/Rule.h"
 
+class CEncryptStream;
+
 /// Every stored rule's wRuleIndex equals its key. No lock of its own: changes are made under the master lock, reads
 /// under the global lock (docs/threads.md).
 class CRuleSet
@@ -68,6 +70,8 @@ public:
     [[nodiscard]] int32_t Write(const std::string& directory) const;
 
 private:
+    [[nodiscard]] bool ReadRules(CEncryptStream& stream, int32_t count);
+
     uint64_t m_Companion = 0; // belongs to the set and is copied with it; nothing here interprets it
     std::string m_FileName;
     uint16_t m_Index = 0;

@@ -50,8 +50,7 @@ int32_t CRuleSet::Read(const std::string& directory, uint32_t* version)
         if (m_Index == 0) // means "none" and "all" everywhere else: such a set could never be deleted alone
             return Fail("File index is 0", KXRULE_E_FILE_READ);
         // kept: the old version's rules have another layout; such a set is read without them.
-        if (fileVersion == FileFormat::kVersion &&
-            !RuleSetFormat::ReadRules(file, header, [this](const PFW_RULE& rule) { PutRule(rule); }))
+        if (fileVersion == FileFormat::kVersion && !ReadRules(file, RuleSetFormat::RuleCount(header)))
             return Fail("File read error [Body]", KXRULE_E_FILE_READ);
     }
     catch (CEncryptFile::Exception)
@@ -60,6 +59,27 @@ int32_t CRuleSet::Read(const std::string& directory, uint32_t* version)
     }
     KX_TRACE(kTraceCall, "CRuleSet::Read Return");
     return KXRULE_OK;
+}
+
+// Each record is decrypted where the rule will stay: in new memory, the first touch is most of what reading costs.
+bool CRuleSet::ReadRules(CEncryptStream& stream, int32_t count)
+{
+    const auto keyOf = [](const CRule& rule) noexcept -> uint16_t { return rule.Record().wRuleIndex; };
+    const auto read = [&stream](PFW_RULE& record)
+    {
+        if (!RuleSetFormat::ReadRule(stream, record))
+            throw CEncryptStream::ReadError;
+    };
+    try
+    {
+        for (; count > 0; --count)
+            m_Rules.ReplaceKeyed(keyOf, read);
+    }
+    catch (CEncryptStream::Exception)
+    {
+        return false;
+    }
+    return true;
 }
 
 int32_t CRuleSet::Write(const std::string& directory) const

@@ -68,6 +68,11 @@ CRule::CRule() noexcept
 
 CRule::CRule(const PFW_RULE& record) : m_Rule(record)
 {
+    TakeOver();
+}
+
+void CRule::TakeOver()
+{
     const uint32_t kind = m_Rule.dwKind;
     if (kind != KXRULE_KIND_ACCESS && kind != KXRULE_KIND_ACCESS2)
         return;

@@ -1,6 +1,7 @@
 // CRule: one rule of a rule set, checked and normalised.
 #pragma once
 
+#include <concepts>
 #include <cstdint>
 #include <string>
 #include <vector>
@@ -17,6 +18,15 @@ public:
     /// Copies the record. Kinds 1 and 6: address and port ranges are put in order, the last unit of wszAppName becomes
     /// 0, and the hash is filled (see FillHash), whatever comes of that. Other kinds are kept as given.
     explicit CRule(const PFW_RULE& record);
+    /// The same for a record that fill writes where it lies, which spares a copy. What fill throws is let through.
+    template <std::invocable<PFW_RULE&> Fill>
+    explicit CRule(const Fill& fill)
+    {
+        // A plain store touches new memory first: the page fault costs more within the cipher's loop.
+        *(reinterpret_cast<volatile uint8_t*>(&m_Rule) + sizeof m_Rule - 1) = 0;
+        fill(m_Rule);
+        TakeOver();
+    }
     CRule(const CRule&) = default;
     CRule& operator=(const CRule&) = default;
     virtual ~CRule() = default; // the only virtual operation
@@ -46,6 +56,7 @@ public:
     [[nodiscard]] static bool HasBlankPortList(const PFW_RULE& record) noexcept;
 
 private:
+    void TakeOver();
     void Normalise() noexcept;
     int32_t FillHash();
 

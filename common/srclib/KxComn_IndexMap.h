@@ -69,29 +69,38 @@ public:
     template <class... Arguments>
     T& Emplace(uint16_t key, Arguments&&... arguments)
     {
-        const size_t position = LowerBound(key);
+        return ReplaceKeyed([key](const T&) noexcept { return key; }, std::forward<Arguments>(arguments)...);
+    }
+
+    /// Constructs a value under a key; a value that is there already goes. Strong guarantee.
+    template <class... Arguments>
+    T& Replace(uint16_t key, Arguments&&... arguments)
+    {
+        return ReplaceKeyed([key](const T&) noexcept { return key; }, std::forward<Arguments>(arguments)...);
+    }
+
+    /// The same for a value whose key is known only when it is there: keyOf finds it in the value and does not throw.
+    template <class KeyOf, class... Arguments>
+    T& ReplaceKeyed(const KeyOf& keyOf, Arguments&&... arguments)
+    {
         Grow(m_Keys);
         Grow(m_Values);
         if (m_Free.empty())
             AddSlab();
         T* const value = new (m_Free.back()) T(std::forward<Arguments>(arguments)...);
         m_Free.pop_back();
+        const uint16_t key = keyOf(*value);
+        const size_t position = LowerBound(key);
+        if (position < m_Keys.size() && m_Keys[position] == key)
+        {
+            T* const old = std::exchange(m_Values[position], value);
+            old->~T();
+            m_Free.push_back(old); // never allocates: AddSlab reserved for every value
+            return *value;
+        }
         m_Keys.insert(m_Keys.begin() + static_cast<std::ptrdiff_t>(position), key);
         m_Values.insert(m_Values.begin() + static_cast<std::ptrdiff_t>(position), value);
         return *value;
-    }
-
-    /// Constructs a value under a key; a value that is there already is replaced.
-    template <class... Arguments>
-    T& Replace(uint16_t key, Arguments&&... arguments)
-    {
-        if (T* const old = Find(key))
-        {
-            T value(std::forward<Arguments>(arguments)...);
-            *old = std::move(value);
-            return *old;
-        }
-        return Emplace(key, std::forward<Arguments>(arguments)...);
     }
 
     /// False when the key is not there.

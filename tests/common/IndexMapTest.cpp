@@ -59,8 +59,10 @@ TEST(IndexMap, BehavesLikeAnOrderedMap)
             EXPECT_EQ(map.Erase(key), model.erase(key) == 1);
         else
         {
-            if (action < 2 && !map.Contains(key))
+            if (action == 0 && !map.Contains(key))
                 EXPECT_EQ(map.Emplace(key, step).Number, step);
+            else if (action == 1)
+                EXPECT_EQ(map.ReplaceKeyed([key](const Value&) { return key; }, step).Number, step);
             else
                 EXPECT_EQ(map.Replace(key, step).Number, step);
             model[key] = step;

@@ -48,8 +48,14 @@ bool ReadFields(char kind, CEncryptStream& stream, Content& content)
     if (kind == 'c')
         return MacroFormat::ReadMacros(stream, content.Macros);
     RuleSetFormat::ReadHeader(stream, version, content.Set);
-    const auto take = [&](const PFW_RULE& rule) { content.Rules.push_back(rule); };
-    return version == FileFormat::kOldVersion || RuleSetFormat::ReadRules(stream, content.Set, take);
+    for (int32_t i = RuleSetFormat::RuleCount(content.Set); version != FileFormat::kOldVersion && i > 0; --i)
+    {
+        PFW_RULE rule;
+        if (!RuleSetFormat::ReadRule(stream, rule))
+            return false;
+        content.Rules.push_back(rule);
+    }
+    return true;
 }
 
 // What could be read, as text, and how the reading ended unless it went well.

@@ -76,10 +76,15 @@ void ReadRuleSet(CEncryptStream& stream, FileContent& content)
     content.RuleCount = header.RuleCount;
     if (content.Version == FileFormat::kOldVersion)
         return;
-    if (!RuleSetFormat::ReadRules(stream, header, [&](const PFW_RULE& rule) { content.RuleSet.Rules.push_back(rule); }))
-        Fail(content, KXRULE_E_FILE_READ,
-             "rule " + std::to_string(content.RuleSet.Rules.size() + 1) + " of " + std::to_string(header.RuleCount) +
-                 " is damaged or cut short");
+    for (int32_t i = RuleSetFormat::RuleCount(header); i > 0; --i)
+    {
+        PFW_RULE rule;
+        if (!RuleSetFormat::ReadRule(stream, rule))
+            return Fail(content, KXRULE_E_FILE_READ,
+                        "rule " + std::to_string(content.RuleSet.Rules.size() + 1) + " of " +
+                            std::to_string(header.RuleCount) + " is damaged or cut short");
+        content.RuleSet.Rules.push_back(rule);
+    }
 }
 
 } // namespace
