@@ -19,6 +19,7 @@
 
 #include <exception>
 #include <memory>
+#include <new>
 #include <span>
 #include <string>
 #include <utility>
@@ -37,7 +38,7 @@ public:
     constexpr explicit operator bool() const noexcept { return m_Code == KXRULE_OK; }
     constexpr int32_t code() const noexcept { return m_Code; }
 
-    /// As in KxPfwRule.h. Empty for a status of the hash library (Store::updateHashes), which has no name there.
+    /// As in KxPfwRule.h, with a NUL behind it. Empty for a status of the hash library (Store::updateHashes).
     constexpr std::string_view name() const noexcept
     {
 #define KXRULE_NAME(code)                                                                                              \
@@ -64,7 +65,7 @@ public:
             KXRULE_NAME(KXRULE_E_PORT_LIST)
             KXRULE_NAME(KXRULE_E_HASH_LIBRARY)
         default:
-            return {};
+            return "";
         }
 #undef KXRULE_NAME
     }
@@ -73,7 +74,8 @@ private:
     int32_t m_Code;
 };
 
-/// A value, or the result that says why there is none.
+/// A value, or the result that says why there is none. What * and -> give lives as long as the outcome does; * moves out
+/// of a temporary one, and -> wants one with a name, so that no range or text of a temporary is left behind.
 template <class T>
 struct [[nodiscard]] Outcome
 {
@@ -81,13 +83,16 @@ struct [[nodiscard]] Outcome
     T value = {}; // meaningful when the result is true
 
     explicit operator bool() const noexcept { return static_cast<bool>(result); }
-    T& operator*() noexcept { return value; }
-    const T& operator*() const noexcept { return value; }
-    T* operator->() noexcept { return &value; }
-    const T* operator->() const noexcept { return &value; }
+    T& operator*() & noexcept { return value; }
+    const T& operator*() const& noexcept { return value; }
+    T operator*() && noexcept { return std::move(value); }
+    T* operator->() & noexcept { return &value; }
+    const T* operator->() const& noexcept { return &value; }
+    const T* operator->() const&& = delete;
 };
 
-/// A rule set record with its rules behind it, in one block.
+/// A rule set record with its rules behind it, in one block. Without one (as made by default, or moved away) record() is
+/// null, there are no rules, and index and name must not be asked for.
 class RuleSet
 {
 public:
@@ -112,8 +117,9 @@ public:
         return text;
     }
 
-    std::span<PFW_RULE> rules() noexcept { return {first(), count()}; }
-    std::span<const PFW_RULE> rules() const noexcept { return {first(), count()}; }
+    std::span<PFW_RULE> rules() & noexcept { return {first(), count()}; }
+    std::span<const PFW_RULE> rules() const& noexcept { return {first(), count()}; }
+    void rules() const&& = delete; // they would go with the temporary
 
 private:
     friend class Store;
@@ -155,14 +161,13 @@ public:
         const unsigned char* m_At;
     };
 
-    Iterator begin() const noexcept { return Iterator(m_Bytes.get()); }
-    Iterator end() const noexcept { return Iterator(m_Bytes.get() + m_Size); }
+    Iterator begin() const noexcept { return Iterator(m_Bytes.data()); }
+    Iterator end() const noexcept { return Iterator(m_Bytes.data() + m_Bytes.size()); }
 
 private:
     friend class Store;
 
-    std::unique_ptr<unsigned char[]> m_Bytes;
-    size_t m_Size = 0;
+    std::vector<unsigned char> m_Bytes;
 };
 
 inline std::span<const MACRO_ITEM> items(const PFW_MACRO& macro) noexcept
@@ -205,7 +210,7 @@ template <class Call>
 std::vector<uint16_t> list(const Call& call)
 {
     std::vector<uint16_t> list(KXRULE_MAX_RULESETS);
-    while (true)
+    while (true) // between two calls another thread may lengthen the list
     {
         const auto count = static_cast<size_t>(number(call(list.data(), static_cast<int32_t>(list.size()))).value);
         const bool complete = count <= list.size();
@@ -269,8 +274,7 @@ public:
     std::vector<uint16_t> activeRuleSets() const { return detail::list(kxRuleGetActiveRuleSet); }
     Result setActiveRuleSets(std::span<const uint16_t> indexes) noexcept
     {
-        const uint16_t none = 0;
-        return kxRuleSetActiveRuleSet(indexes.empty() ? &none : indexes.data(), static_cast<int32_t>(indexes.size()));
+        return kxRuleSetActiveRuleSet(indexes.data(), static_cast<int32_t>(indexes.size()));
     }
 
     /// The set's own index is what the library gave it; index 0 has a free one chosen.
@@ -298,6 +302,8 @@ public:
             count = kxRuleGetRuleSet(index, set.value.record(), count);
         }
         set.result = detail::number(count).result;
+        if (!set)
+            set.value = RuleSet(); // it may have gone after it was counted
         return set;
     }
 
@@ -337,6 +343,7 @@ public:
     {
         return detail::number(kxRuleGetRuleBottomIndex(ruleSet));
     }
+    /// (A dwActive that equals one of the two codes counts as that code.)
     Outcome<bool> isActive(uint16_t ruleSet, uint16_t index) const noexcept
     {
         const int32_t value = kxRuleIsRuleActive(ruleSet, index);
@@ -351,21 +358,22 @@ public:
     Macros macros() const
     {
         Macros macros;
-        size_t needed = static_cast<size_t>(std::max(kxRuleGetMacro(nullptr, 0), 0));
-        while (needed > macros.m_Size)
+        int32_t needed = kxRuleGetMacro(nullptr, 0);
+        while (needed > static_cast<int32_t>(macros.m_Bytes.size()))
         {
+            if (needed == INT32_MAX) // or more: the library hands out less than that
+                throw std::bad_alloc();
             // Zeroed, since the library leaves each record's first word as it is.
-            macros.m_Bytes = std::make_unique<unsigned char[]>(needed);
-            macros.m_Size = needed;
-            needed = static_cast<size_t>(kxRuleGetMacro(macros.m_Bytes.get(), static_cast<int32_t>(needed)));
+            macros.m_Bytes.assign(static_cast<size_t>(needed), 0);
+            needed = kxRuleGetMacro(macros.m_Bytes.data(), needed);
         }
-        macros.m_Size = needed;
+        macros.m_Bytes.resize(static_cast<size_t>(needed));
         return macros;
     }
 
-    /// Refreshes application hashes: of the rules for one path, or of all (null). changed(uint32_t ruleSet,
-    /// const PFW_RULE& rule) is called for each rule that got one; it must not call the library. What it throws ends
-    /// no refresh: it is thrown on when all is done.
+    /// Refreshes application hashes: of the rules for one path, or of all (null). hash is null or 20 bytes; what they do
+    /// stands at kxRuleUpdateHashValue. changed(uint32_t ruleSet, const PFW_RULE& rule) is called for each rule that got
+    /// one; it must not call the library. What it throws ends no refresh: it is thrown on when all is done.
     template <class Changed>
     Result updateHashes(const KXWCHAR* applicationPath, const uint8_t* hash, Changed&& changed)
     {
@@ -393,9 +401,9 @@ public:
             std::rethrow_exception(context.thrown);
         return result;
     }
-    Result updateHashes(const KXWCHAR* applicationPath = nullptr) noexcept
+    Result updateHashes(const KXWCHAR* applicationPath = nullptr, const uint8_t* hash = nullptr) noexcept
     {
-        return kxRuleUpdateHashValue(applicationPath, nullptr, nullptr, nullptr);
+        return kxRuleUpdateHashValue(applicationPath, hash, nullptr, nullptr);
     }
 
 private:

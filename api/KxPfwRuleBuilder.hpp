@@ -2,7 +2,7 @@
  * KxPfwRuleBuilder.hpp: rules and macros put together in C++20. Most programs include KxPfwRule.hpp, which brings it.
  *
  *     const PFW_RULE web = kxrule::access().tcp().from("10.0.0.0/8").port("80,443").description(L"Web").accept();
- *     const PFW_MACRO& servers = kxrule::Macro("servers").add(kxrule::Address("10.0.0.1")).add(kxrule::Port("80"));
+ *     const auto servers = kxrule::Macro("servers").add(kxrule::Address("10.0.0.1")).add(kxrule::Port("80"));
  *
  * Literals are checked by the compiler: a wrong address or port does not build. Text that is known at run time goes
  * through Address::parse and Port::parse. Nothing here calls the library or throws.
@@ -286,7 +286,8 @@ private:
     std::array<char, KXRULE_PORT_LIST_BYTES> m_Text = {};
 };
 
-/// One rule under construction. It stands wherever a const PFW_RULE& is wanted, without a copy. Calls that a kind of
+/// One rule under construction. It stands wherever a const PFW_RULE& is wanted, without a copy; to keep the rule, copy it
+/// (const PFW_RULE rule = access()...): a reference would outlive the builder. Calls that a kind of
 /// rule has no field for do not compile; addresses and ports not mentioned are "any"; texts are cut to their fields.
 template <uint32_t Kind, auto PFW_RULE::*Body>
 class RuleBuilder
@@ -318,8 +319,14 @@ public:
     RuleBuilder& to(const Address& address) { return body().Addr[1] = address.record(), *this; }
     RuleBuilder& fromPort(const Port& port) { return body().Port[0] = port.record(), *this; }
     RuleBuilder& port(const Port& port) { return body().Port[1] = port.record(), *this; }
-    RuleBuilder& translated(const Address& address) { return body().Addr[2] = address.record(), *this; }
-    RuleBuilder& translatedPort(const Port& port) { return body().Port[2] = port.record(), *this; }
+    RuleBuilder& translated(const Address& address) requires(Kind == KXRULE_KIND_NAT)
+    {
+        return body().Addr[2] = address.record(), *this;
+    }
+    RuleBuilder& translatedPort(const Port& port) requires(Kind == KXRULE_KIND_NAT)
+    {
+        return body().Port[2] = port.record(), *this;
+    }
     RuleBuilder& protocol(uint32_t protocol) { return body().dwProtocol = protocol, *this; }
     RuleBuilder& icmp() { return protocol(KXRULE_PROTOCOL_ICMP); }
     RuleBuilder& tcp() { return protocol(KXRULE_PROTOCOL_TCP); }
@@ -374,6 +381,11 @@ private:
 inline auto access()
 {
     return RuleBuilder<KXRULE_KIND_ACCESS, &PFW_RULE::Access>();
+}
+/// The second layout of an access rule: no action, no extension, no text.
+inline auto access2()
+{
+    return RuleBuilder<KXRULE_KIND_ACCESS2, &PFW_RULE::Access2>();
 }
 inline auto nat()
 {
