@@ -60,13 +60,21 @@ bool SpeaksOf(const PFW_RULE& rule, uint32_t protocol, uint16_t port)
     if (rule.dwActive == 0 || rule.dwKind != KXRULE_KIND_ACCESS)
         return false;
     const uint32_t its = rule.Access.dwProtocol;
-    const bool both = its == KXRULE_PROTOCOL_TCPUDP || its == KXRULE_PROTOCOL_ANY;
+    if (its != protocol && its != KXRULE_PROTOCOL_TCPUDP && its != KXRULE_PROTOCOL_ANY)
+        return false;
     const RULE_PORT& item = rule.Access.Port[1];
-    if (item.nType == KXRULE_PORT_SINGLE && item.wPort1 != port)
+    switch (item.nType)
+    {
+    case KXRULE_PORT_NONE:
+    case KXRULE_PORT_ANY:
+        return true;
+    case KXRULE_PORT_SINGLE:
+        return (port == item.wPort1) != (item.dwNot != 0);
+    case KXRULE_PORT_RANGE:
+        return (port >= item.wPort1 && port <= item.wPort2) != (item.dwNot != 0);
+    default: // a list or a name, which this program does not look into
         return false;
-    if (item.nType == KXRULE_PORT_RANGE && (port < item.wPort1 || port > item.wPort2))
-        return false;
-    return (both || its == protocol) && item.nType <= KXRULE_PORT_RANGE;
+    }
 }
 
 // One copy of each rule that is looked at, into the same record; any number of threads may do this at once.

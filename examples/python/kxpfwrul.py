@@ -132,7 +132,7 @@ class Store:
     def rules(self, rule_set):
         count = self.call("kxRuleGetRuleSet", rule_set, None, 0)
         block = ctypes.create_string_buffer(ctypes.sizeof(PFW_RULESET) + count * ctypes.sizeof(PFW_RULE))
-        self.call("kxRuleGetRuleSet", rule_set, block, count)
+        count = min(count, self.call("kxRuleGetRuleSet", rule_set, block, count))  # another thread may change the set
         return list((PFW_RULE * count).from_buffer(block, ctypes.sizeof(PFW_RULESET)))
 
     def text(self, rule):
