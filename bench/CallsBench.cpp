@@ -6,18 +6,11 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <map>
 #include <memory>
-#include <numeric>
-#include <random>
 #include <string_view>
 
-#include "bench/Bench.h"
-#include "bench/OurStore.h"
-#include "bench/PlainStore.h"
-#include "bench/SqlStore.h"
+#include "bench/Calls.h"
 #include "common/srclib/KxComn_Trace.h"
-#include "common/srclib/KxComn_Windows.h"
 
 #include <benchmark/benchmark.h>
 
@@ -33,98 +26,7 @@ void TraceLine(const char*, uint32_t, uint32_t, const char*, ...) noexcept {}
 namespace
 {
 
-constexpr int kWholeCache = 600000; // kilobytes: holds the full store twice over
-
-class CriticalSection
-{
-public:
-    CriticalSection() { ::InitializeCriticalSection(&m_Section); }
-    ~CriticalSection() { ::DeleteCriticalSection(&m_Section); }
-    CriticalSection(const CriticalSection&) = delete;
-    CriticalSection& operator=(const CriticalSection&) = delete;
-    void Lock() { ::EnterCriticalSection(&m_Section); }
-    void Unlock() { ::LeaveCriticalSection(&m_Section); }
-
-private:
-    CRITICAL_SECTION m_Section;
-};
-CriticalSection g_First;
-CriticalSection g_Second;
-
 // ----------------------------------------------------------------------------------------------------- look-ups --
-
-struct Place
-{
-    uint16_t Set;
-    uint16_t Rule;
-};
-
-std::vector<Place> Places(const Shape& shape, bool shuffled)
-{
-    std::vector<Place> places;
-    for (uint16_t set = kFirstSet; set < kFirstSet + shape.Sets; ++set)
-        for (size_t i = 0; i < shape.Rules; ++i)
-            places.push_back({set, RuleKey(i)});
-    if (shuffled)
-        std::shuffle(places.begin(), places.end(), std::mt19937(1));
-    return places;
-}
-
-using TreeRules = std::map<uint16_t, StoredRule>;
-using TreeSets = std::map<uint16_t, TreeRules>;
-
-// The same rules in the library, side by side with known addresses, in trees, and in SQL. Kept until another shape is
-// asked for.
-struct LookUps
-{
-    explicit LookUps(const Shape& shape) : Of(shape), Ours(DataDirectory("calls")), Plain(DataDirectory("calls-plain"))
-    {
-        Ours.Fill(shape);
-        Plain.Fill(shape);
-        for (size_t i = 0; i < Plain.Sets().Size(); ++i)
-            for (size_t j = 0; j < Plain.Sets().ValueAt(i).Size(); ++j)
-                Trees[Plain.Sets().KeyAt(i)].emplace(Plain.Sets().ValueAt(i).KeyAt(j),
-                                                     Plain.Sets().ValueAt(i).ValueAt(j).Record);
-        for (const bool encrypted : {false, true})
-        {
-            const std::string path = DataRoot() + (encrypted ? "calls-aes.db" : "calls.db");
-            SqlStore::FillNew(path, encrypted, Plain.Sets());
-            auto& sql = Sql[encrypted];
-            sql = std::make_unique<SqlStore>(path, encrypted, SqlStore::Journal::Rollback, kWholeCache);
-            sql->Begin();
-            PFW_RULE rule;
-            for (const Place& place : Places(shape, false))
-                Check(sql->Get(place.Set, place.Rule, &rule), "a row");
-        }
-    }
-    ~LookUps()
-    {
-        for (uint16_t set = kFirstSet; set < kFirstSet + Of.Sets; ++set)
-            kxRuleDeleteRule(set, 0); // so that the last write is short
-        for (auto& sql : Sql)
-            sql->Commit();
-    }
-    const PFW_RULE* Address(const Place& place) const
-    {
-        return &Plain.Sets().Find(place.Set)->Find(place.Rule)->Record;
-    }
-    const Shape Of;
-    OurStore Ours;
-    PlainStore Plain;
-    TreeSets Trees;
-    std::unique_ptr<SqlStore> Sql[2];
-};
-std::unique_ptr<LookUps> g_LookUps; // NOLINT: lives as long as main
-
-LookUps& Use(const Shape& shape)
-{
-    if (!g_LookUps || !(g_LookUps->Of == shape))
-    {
-        g_LookUps.reset(); // the library holds one store at a time
-        g_LookUps = std::make_unique<LookUps>(shape);
-    }
-    return *g_LookUps;
-}
 
 template <class Look>
 void LookUp(benchmark::State& state, const Shape& shape, bool shuffled, Look look)
@@ -144,26 +46,13 @@ void LookUp(benchmark::State& state, const Shape& shape, bool shuffled, Look loo
     }
 }
 
-void OurGet(LookUps&, const Place& place, const PFW_RULE*, PFW_RULE* out)
-{
-    if (kxRuleGetRule(place.Set, place.Rule, out) != KXRULE_OK)
-        std::abort();
-}
-
-void FloorGet(LookUps&, const Place&, const PFW_RULE* address, PFW_RULE* out)
-{
-    g_First.Lock();
-    std::memcpy(out, address, sizeof(*out));
-    g_First.Unlock();
-}
-
 void TreeGet(LookUps& stores, const Place& place, const PFW_RULE*, PFW_RULE* out)
 {
-    g_First.Lock();
+    stores.Lock.Lock();
     const auto set = stores.Trees.find(place.Set);
     const auto rule = set->second.find(place.Rule);
     std::memcpy(out, &rule->second.Record, sizeof(*out));
-    g_First.Unlock();
+    stores.Lock.Unlock();
 }
 
 template <bool kEncrypted>
@@ -228,7 +117,7 @@ void AddGrowing(const Shape& shape)
     add("ours",
         [=](auto& state)
         {
-            g_LookUps.reset();
+            Forget();
             const OurStore store(DataDirectory("calls"));
             for (uint16_t set = kFirstSet; set < kFirstSet + shape.Sets; ++set)
                 OurStore::AddSet(set);
@@ -248,6 +137,8 @@ void AddGrowing(const Shape& shape)
     add("floor",
         [=](auto& state)
         {
+            CriticalSection first;
+            CriticalSection second;
             TreeSets trees;
             Growing(
                 state, shape,
@@ -258,11 +149,11 @@ void AddGrowing(const Shape& shape)
                 },
                 [&](uint16_t set, uint16_t key, const PFW_RULE& rule)
                 {
-                    g_First.Lock();
-                    g_Second.Lock();
+                    first.Lock();
+                    second.Lock();
                     trees.find(set)->second.emplace(key, rule);
-                    g_Second.Unlock();
-                    g_First.Unlock();
+                    second.Unlock();
+                    first.Unlock();
                 });
         });
     for (const bool encrypted : {false, true})
@@ -336,7 +227,7 @@ void AddLines()
     benchmark::RegisterBenchmark("line/ours",
                                  [](auto& state)
                                  {
-                                     g_LookUps.reset();
+                                     Forget();
                                      const OurStore store(DataDirectory("calls"));
                                      OurStore::AddSet(kFirstSet);
                                      const PFW_RULE rule = MakeTextRule();
@@ -404,141 +295,6 @@ void AddTrace()
     benchmark::RegisterBenchmark("trace/none", run(Step<false>))->UseRealTime();
 }
 
-// -------------------------------------------------------------------------------------------------------- growth --
-
-// Look-up and addition while one of the three grows: rules in the set, other sets, macros. 512 rules stay untouched by
-// what is timed but for the first row, where the set has as many rules as the row says.
-struct Crowd
-{
-    uint16_t Rules;
-    uint16_t Sets;
-    int Macros;
-};
-
-class CrowdedStore
-{
-public:
-    explicit CrowdedStore(const Crowd& crowd) : m_Crowd(crowd), m_Store(Directory())
-    {
-        m_Store.Fill({crowd.Sets, crowd.Rules});
-        std::vector<uint8_t> bytes(KXRULE_MACRO_BYTES(4));
-        auto* const macro = reinterpret_cast<PFW_MACRO*>(bytes.data());
-        macro->szName[0] = 'm';
-        macro->nItemCount = 4;
-        for (int i = 0; i < crowd.Macros; ++i)
-            kxRuleAddMacro(macro);
-    }
-    ~CrowdedStore()
-    {
-        kxRuleDeleteMacro();
-        for (uint16_t set = kFirstSet; set < kFirstSet + m_Crowd.Sets; ++set)
-            kxRuleDeleteRule(set, 0);
-    }
-
-private:
-    static std::string Directory()
-    {
-        g_LookUps.reset();
-        return DataDirectory("calls");
-    }
-    Crowd m_Crowd;
-    OurStore m_Store;
-};
-
-void CrowdedGet(benchmark::State& state, const Crowd& crowd)
-{
-    const CrowdedStore store(crowd);
-    // The same 512 look-ups each time, so that the processor's caches see the same.
-    std::vector<uint16_t> keys;
-    for (size_t i = 0; i < 512; ++i)
-        keys.push_back(RuleKey(i % crowd.Rules));
-    std::shuffle(keys.begin(), keys.end(), std::mt19937(1));
-    PFW_RULE out;
-    size_t i = 0;
-    for (auto _ : state)
-    {
-        if (kxRuleGetRule(kFirstSet, keys[i++ & 511], &out) != KXRULE_OK)
-            std::abort();
-        benchmark::DoNotOptimize(out);
-    }
-}
-
-void CrowdedAdd(benchmark::State& state, const Crowd& crowd)
-{
-    const CrowdedStore store(crowd);
-    const PFW_RULE rule = MakeRule(kFirstSet, 1);
-    const uint16_t key = RuleKey(crowd.Rules - 1u); // the last is taken away, untimed, and added again
-    for (auto _ : state)
-    {
-        constexpr int kTimes = 64;
-        double seconds = 0;
-        for (int i = 0; i < kTimes; ++i)
-        {
-            kxRuleDeleteRule(kFirstSet, key);
-            const double start = Seconds();
-            if (kxRuleAddRule(kFirstSet, key, &rule) != KXRULE_OK)
-                std::abort();
-            seconds += Seconds() - start;
-        }
-        state.SetIterationTime(seconds / kTimes);
-    }
-}
-
-void AddGrowth()
-{
-    const auto add = [](const std::string& what, int value, const Crowd& crowd)
-    {
-        const std::string name = "/" + what + "/" + std::to_string(value);
-        benchmark::RegisterBenchmark(("growth/get" + name).c_str(), [=](auto& state) { CrowdedGet(state, crowd); })
-            ->UseRealTime();
-        benchmark::RegisterBenchmark(("growth/add" + name).c_str(), [=](auto& state) { CrowdedAdd(state, crowd); })
-            ->UseManualTime()
-            ->Iterations(50);
-    };
-    for (uint16_t n = 1; n <= KXRULE_MAX_RULES; n *= 2)
-        add("rules", n, {n, 1, 0});
-    for (uint16_t n = 1; n <= KXRULE_MAX_RULESETS; n *= 2)
-        add("sets", n, {512, n, 0});
-    for (int n = 1; n <= 4096; n *= 4)
-        add("macros", n, {512, 1, n});
-    for (int threads = 1; threads <= 8; threads *= 2)
-    {
-        benchmark::RegisterBenchmark(
-            "threads/ours",
-            [](auto& state)
-            {
-                if (state.thread_index() == 0)
-                    Use(kSmall);
-                PFW_RULE out;
-                uint16_t i = 0;
-                for (auto _ : state)
-                {
-                    OurGet(*g_LookUps, {static_cast<uint16_t>(kFirstSet + i % kSmall.Sets), RuleKey(i % kSmall.Rules)},
-                           nullptr, &out);
-                    benchmark::DoNotOptimize(out);
-                    ++i;
-                }
-            })
-            ->Threads(threads)
-            ->UseRealTime();
-        benchmark::RegisterBenchmark("threads/floor",
-                                     [](auto& state)
-                                     {
-                                         if (state.thread_index() == 0)
-                                             Use(kSmall);
-                                         static PFW_RULE source;
-                                         PFW_RULE out;
-                                         for (auto _ : state)
-                                         {
-                                             FloorGet(*g_LookUps, {}, &source, &out);
-                                             benchmark::DoNotOptimize(out);
-                                         }
-                                     })
-            ->Threads(threads)
-            ->UseRealTime();
-    }
-}
-
 } // namespace
 
 int main(int argc, char** argv)
@@ -555,6 +311,6 @@ int main(int argc, char** argv)
     AddTrace();
     AddGrowth();
     benchmark::RunSpecifiedBenchmarks();
-    g_LookUps.reset();
+    Forget();
     return 0;
 }
