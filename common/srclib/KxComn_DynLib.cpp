@@ -5,6 +5,7 @@
 
 #include "common/srclib/KxComn_Windows.h"
 
+#include "common/srclib/KxComn_ErrorMode.h"
 #include "common/srclib/Utility.h"
 
 namespace KxCommon
@@ -21,6 +22,7 @@ bool DynLib::Load(const std::string& path) noexcept
         ::SetLastError(ERROR_BAD_PATHNAME);
         return false;
     }
+    const QuietErrors quiet;
     const DWORD flags = LOAD_LIBRARY_SEARCH_DEFAULT_DIRS | (isBareName ? 0 : LOAD_LIBRARY_SEARCH_DLL_LOAD_DIR);
     m_Module = ::LoadLibraryExA(path.c_str(), nullptr, flags);
     return m_Module != nullptr;

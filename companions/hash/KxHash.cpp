@@ -5,6 +5,7 @@
 #include <memory>
 #include <new>
 
+#include "common/srclib/KxComn_ErrorMode.h"
 #include "common/srclib/KxComn_Handle.h"
 #include "common/srclib/KxComn_Windows.h"
 
@@ -75,6 +76,7 @@ private:
 
 [[nodiscard]] DWORD HashFile(const wchar_t* path, uint8_t* hash20)
 {
+    const KxCommon::QuietErrors quiet; // the path may name a drive without a disk
     const std::wstring longPath = KxCompanions::LongPath(path);
     // The path comes out of a rule: should it name a pipe, its server gets to know who we are but not to act as us.
     const KxCommon::UniqueFile file(::CreateFileW(

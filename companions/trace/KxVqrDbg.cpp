@@ -10,6 +10,7 @@
 
 #include "common/srclib/KxComn_CriticalSection.h"
 #include "common/srclib/KxComn_DebugConfig.h"
+#include "common/srclib/KxComn_ErrorMode.h"
 
 #include "companions/trace/Session.h"
 
@@ -56,6 +57,7 @@ template <class Body>
 int32_t Guarded(Body body) noexcept
 {
     const DWORD lastError = ::GetLastError();
+    const KxCommon::QuietErrors quiet; // log and settings may lie on a drive without a disk
     DWORD result = ERROR_GEN_FAILURE;
     try
     {

@@ -87,6 +87,11 @@ TEST(DynLib, LoadsFromWhereItIsTold)
         EXPECT_FALSE(loaded.Load(path)) << path;
     std::filesystem::current_path(before);
     EXPECT_TRUE(loaded.Load("advapi32.dll"));
+
+    // A service has nobody to close a message box.
+    ASSERT_TRUE(loaded.Load((dir / "KxPlanted.dll").string()));
+    EXPECT_EQ(loaded.Find<HashStandInState*()>("KxStandInState")()->ErrorMode & 0x8001, 0x8001u);
+    EXPECT_EQ(::GetThreadErrorMode() & 0x8001, 0u);
 }
 
 } // namespace

@@ -12,6 +12,13 @@ extern "C" HashStandInState* KxStandInState()
     return &g_State;
 }
 
+extern "C" BOOL WINAPI DllMain(HINSTANCE, DWORD reason, void*)
+{
+    if (reason == DLL_PROCESS_ATTACH)
+        g_State.ErrorMode = ::GetThreadErrorMode();
+    return TRUE;
+}
+
 extern "C" int32_t kxCfwGetHashValue(const wchar_t* path, uint8_t* hash)
 {
     g_State.Paths.emplace_back(path);

@@ -23,6 +23,7 @@ struct HashStandInState
     uint8_t Hash[KXRULE_HASH_BYTES] = {}; // written whatever the status
     void (*OnCall)(const wchar_t* path) = nullptr;
     std::vector<std::wstring> Paths; // one for each call
+    DWORD ErrorMode = 0;             // of the thread that loaded the library
 };
 
 class HashStandIn : public StandIn<HashStandInState>
