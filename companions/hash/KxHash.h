@@ -33,7 +33,7 @@
  *     8     out of memory
  *     32    somebody has the file open without sharing it
  *     87    path or hash20 is null
- *     222   not a file on a volume but a pipe, a console or another device
+ *     222   not a file but a volume, a disk, a pipe, a console or another device
  * Any thread, no lock. Others may read, write, rename and delete the file during the call.
  */
 KXHASH_FUNCTION int32_t kxCfwGetHashValue(const wchar_t* path, uint8_t* hash20);
