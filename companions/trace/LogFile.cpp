@@ -16,9 +16,9 @@ namespace
 {
 
 constexpr uint64_t kRetryInterval = 1000; // milliseconds
-constexpr DWORD kPatience = 3000;         // also in milliseconds; an append takes microseconds, mostly
+constexpr DWORD kPatience = 3000;         // also in milliseconds; for a turn, where they are taken
 
-// One mutex for each path, for processes of all sessions and accounts: they may wait for it and release it, nothing
+// Who holds it may roll the log over. One mutex for each path, for processes of all sessions and accounts: they may wait for it and release it, nothing
 // more. Null when the system refuses.
 KxCommon::UniqueKernelObject MakeMutex(const std::wstring& path)
 {
@@ -42,9 +42,9 @@ KxCommon::UniqueKernelObject MakeMutex(const std::wstring& path)
 class [[nodiscard]] MutexGuard
 {
 public:
-    MutexGuard(HANDLE mutex, DWORD patience) noexcept : m_Mutex(mutex)
+    explicit MutexGuard(HANDLE mutex, DWORD patience = 0) noexcept : m_Mutex(mutex)
     {
-        // Abandoned: a process died while it appended. Every line is one write, so the file is in order.
+        // Abandoned: a process died in the middle. Each step leaves the files in order.
         const DWORD result = mutex == nullptr ? WAIT_FAILED : ::WaitForSingleObject(mutex, patience);
         m_Held = result == WAIT_OBJECT_0 || result == WAIT_ABANDONED;
     }
@@ -62,6 +62,14 @@ private:
     HANDLE m_Mutex;
     bool m_Held = false;
 };
+
+// With access to append alone, Windows finds the end and writes there in one step, whoever else does. Wine takes two
+// steps, so that two processes may write to the same place; there they take turns.
+bool AppendsInOneStep() noexcept
+{
+    static const bool s_Answer = ::GetProcAddress(::GetModuleHandleW(L"ntdll.dll"), "wine_get_version") == nullptr;
+    return s_Answer;
+}
 
 KxCommon::UniqueFile OpenToAppend(const std::wstring& path)
 {
@@ -113,10 +121,9 @@ DWORD LogFile::Append(const std::wstring& path, uint64_t limit, bool flush, std:
 
     DWORD error = ERROR_SUCCESS;
     {
-        const MutexGuard guard(m_Mutex.get(), m_Patience);
-        // Somebody sits on the mutex: appending is safe without it, so do not let the next lines wait as well.
-        m_Patience = guard.IsHeld() ? kPatience : 0;
-        error = MakeRoom(limit, guard.IsHeld() || !m_Mutex);
+        const MutexGuard turn(AppendsInOneStep() ? nullptr : m_Mutex.get(), m_Patience);
+        m_Patience = turn.IsHeld() ? kPatience : 0; // somebody sits on the mutex: the next lines do not wait as well
+        error = MakeRoom(limit);
         DWORD written = 0;
         if (error == ERROR_SUCCESS &&
             !::WriteFile(m_File.get(), line.data(), static_cast<DWORD>(line.size()), &written, nullptr))
@@ -158,17 +165,19 @@ bool LogFile::HasRoom(uint64_t limit) const noexcept
 }
 
 // A full file stays full, also under its new name. That is how every process learns that another one rolled over.
-DWORD LogFile::MakeRoom(uint64_t limit, bool alone)
+DWORD LogFile::MakeRoom(uint64_t limit)
 {
     if (HasRoom(limit))
         return ERROR_SUCCESS;
     const uint64_t now = ::GetTickCount64();
     if (now >= m_RollOverAt)
     {
+        const MutexGuard guard(m_Mutex.get());
         m_Error = Open(); // perhaps somebody has rolled over already
         if (m_Error != ERROR_SUCCESS || HasRoom(limit))
             return m_Error;
-        if (alone)
+        // Two at once would cost the predecessor, no line to come. So nobody can stop the log by sitting on the mutex.
+        if (guard.IsHeld() || !m_Mutex || !HasRoom(2 * limit))
         {
             m_File.reset();
             if (!RollOver())

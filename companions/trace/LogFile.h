@@ -29,14 +29,14 @@ public:
 
 private:
     [[nodiscard]] DWORD Open();
-    [[nodiscard]] DWORD MakeRoom(uint64_t limit, bool alone);
+    [[nodiscard]] DWORD MakeRoom(uint64_t limit);
     [[nodiscard]] bool HasRoom(uint64_t limit) const noexcept;
     [[nodiscard]] bool RollOver() const;
 
     std::wstring m_Path;
     KxCommon::UniqueFile m_File;
-    KxCommon::UniqueKernelObject m_Mutex; // held while appending, by all processes that write to this path
-    DWORD m_Patience = 0;                 // how long to wait for it, in milliseconds
+    KxCommon::UniqueKernelObject m_Mutex; // one for all processes that write to this path; held to roll over
+    DWORD m_Patience = 0;                 // how long to wait for a turn, in milliseconds
     DWORD m_Error = 0;                    // why there is no m_File
     uint64_t m_OpenAt = 0;                // in ticks
     uint64_t m_RollOverAt = 0;            // in ticks

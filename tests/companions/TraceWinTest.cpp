@@ -4,9 +4,11 @@
 #include <chrono>
 #include <cstring>
 #include <filesystem>
+#include <future>
 #include <map>
 #include <sstream>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -81,6 +83,43 @@ bool Comes(Condition condition)
     }
     return true;
 }
+
+// A thread that sits on the mutex of a log.
+class MutexHolder
+{
+public:
+    explicit MutexHolder(const path& log)
+    {
+        std::wstring name = log.native();
+        ::CharUpperW(name.data());
+        uint64_t hash = 14695981039346656037u;
+        for (const wchar_t unit : name)
+            hash = (hash ^ unit) * 1099511628211u;
+        name = L"Global\\KxVqrDbg-" + std::to_wstring(hash);
+        const HANDLE mutex = ::OpenMutexW(SYNCHRONIZE | MUTEX_MODIFY_STATE, FALSE, name.c_str());
+        EXPECT_NE(mutex, nullptr);
+        std::promise<void> held;
+        m_Thread = std::thread(
+            [this, mutex, &held]
+            {
+                EXPECT_EQ(::WaitForSingleObject(mutex, 10000), WAIT_OBJECT_0);
+                held.set_value();
+                m_Done.get_future().wait();
+                ::ReleaseMutex(mutex);
+                ::CloseHandle(mutex);
+            });
+        held.get_future().wait();
+    }
+    ~MutexHolder()
+    {
+        m_Done.set_value();
+        m_Thread.join();
+    }
+
+private:
+    std::promise<void> m_Done;
+    std::thread m_Thread;
+};
 
 std::vector<std::string> LinesOf(const path& file)
 {
@@ -273,6 +312,15 @@ TEST_F(Trace, KeepsOnePredecessorAndTheSizeLimit)
     ASSERT_TRUE(Comes([&] { return Line(L"after") == 0; }));
     EXPECT_EQ(ReadBytes(log), "after\r\n");
     EXPECT_EQ(std::filesystem::file_size(old), 8200u);
+    {
+        // Somebody sits on the mutex of the log: it grows, but goes on.
+        const MutexHolder holder(log);
+        EXPECT_EQ(write(82), 0);
+        EXPECT_EQ(std::filesystem::file_size(log), 8207u);
+        EXPECT_EQ(write(10), 0);
+    }
+    EXPECT_EQ(LinesOf(log).size(), 10u);
+    EXPECT_EQ(std::filesystem::file_size(old), 8207u);
 }
 
 class TraceProcesses : public Trace, public testing::WithParamInterface<int>
