@@ -69,7 +69,8 @@ DWORD Session::Trace(const wchar_t* line)
     }
     if (!destination->Enable || *line == L'\0')
         return ERROR_SUCCESS;
-    if (destination->Debugger)
+    // Without a debugger the text would go to a buffer that any process can make, read and keep others waiting at.
+    if (destination->Debugger && ::IsDebuggerPresent() != FALSE)
         ::OutputDebugStringW(line);
 
     const std::string utf8 = ToUtf8(line);
