@@ -2,6 +2,7 @@
 #include "common/srclib/Utility.h"
 
 #include <cstdlib>
+#include <cwchar>
 
 #include "common/srclib/KxComn_SecurityAttributes.h"
 #include "common/srclib/KxComn_String.h"
@@ -64,8 +65,15 @@ bool NarrowShortModulePath(HMODULE module, char (&shortPath)[kPathSize]) noexcep
     if (IsVersion(VersionClass::Consumer))
         return ShortModulePath(module, shortPath);
     wchar_t wide[kPathSize] = {};
-    return ShortModulePath(module, wide) &&
-           ::WideCharToMultiByte(CP_ACP, 0, wide, -1, shortPath, kPathSize, nullptr, nullptr) > 0;
+    if (!ShortModulePath(module, wide))
+        return false;
+    // What the code page cannot express, substitutes would replace: the path of another folder, perhaps somebody's.
+    wchar_t back[kPathSize] = {};
+    if (::WideCharToMultiByte(CP_ACP, 0, wide, -1, shortPath, kPathSize, nullptr, nullptr) > 0 &&
+        ::MultiByteToWideChar(CP_ACP, 0, shortPath, -1, back, kPathSize) > 0 && std::wcscmp(wide, back) == 0)
+        return true;
+    KX_TRACE(kTraceError, "GetApplicationPath // the code page has no name for the path");
+    return false;
 }
 
 template <class View>

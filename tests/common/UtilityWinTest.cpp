@@ -28,6 +28,13 @@ TEST(GetApplicationPath, IsTheModulesFolder)
     EXPECT_EQ(path.find(' '), std::string::npos) << "the short form: " << path;
     EXPECT_TRUE(std::filesystem::exists(path + "marker")) << path;
     EXPECT_TRUE(std::filesystem::exists(GetApplicationPath(nullptr) + "standins"));
+
+    // In the code page a with a bar above is plain a, and the folder another one.
+    const std::filesystem::path other = dir / L"\x0101";
+    std::filesystem::create_directory(other);
+    const HashStandIn otherLibrary(other);
+    const std::string otherPath = GetApplicationPath(::GetModuleHandleW((other / "KxHash.dll").c_str()));
+    EXPECT_TRUE(otherPath.empty() || std::filesystem::exists(otherPath + "KxHash.dll")) << otherPath;
 }
 
 TEST(GetApplicationPath, AnswersAFailureWithNothingAndOneLine)
