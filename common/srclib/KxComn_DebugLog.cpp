@@ -79,33 +79,20 @@ DebugConfigWide Widen(const DebugConfig& config)
     return wide;
 }
 
-const char* DefaultLogFile(uint32_t unit)
-{
-    switch (unit)
-    {
-    case 0:
-    case 2:
-        return "KxProxy";
-    case 1:
-        return "KxPfw";
-    default:
-        return "";
-    }
-}
-
 // In this order: where a missing value throws, the values before it count.
 void ReadValues(Storage::Base& storage, DebugConfig& config)
 {
-    config.Head.bEnable = storage.ReadNumber("Enable", 0) != 0;
-    config.Head.dwLevel = storage.ReadNumber("Level", kTraceError);
-    config.Head.dwLogProcess = storage.ReadNumber("LogProcess", 0);
-    config.Head.dwLogUnitType = storage.ReadNumber("LogUnitType", 0);
-    SetField(config.szLogFolder, storage.ReadString("LogFolder", "c:\\temp\\"));
-    SetField(config.szLogPrefix, storage.ReadString("LogPrefix", "VQR_"));
-    SetField(config.szLogFile, storage.ReadString("LogFile", DefaultLogFile(config.Head.dwUnit)));
-    SetField(config.szLogExtension, storage.ReadString("LogExtension", "log"));
-    config.Head.bRobust = storage.ReadNumber("Robust", 0) != 0;
-    config.Head.bDebugger = storage.ReadNumber("Debugger", 0) != 0;
+    using namespace DebugSettings;
+    config.Head.bEnable = storage.ReadNumber(kEnable, 0) != 0;
+    config.Head.dwLevel = storage.ReadNumber(kLevel, kDefaultLevel);
+    config.Head.dwLogProcess = storage.ReadNumber(kLogProcess, 0);
+    config.Head.dwLogUnitType = storage.ReadNumber(kLogUnitType, 0);
+    SetField(config.szLogFolder, storage.ReadString(kLogFolder, kDefaultLogFolder));
+    SetField(config.szLogPrefix, storage.ReadString(kLogPrefix, kDefaultLogPrefix));
+    SetField(config.szLogFile, storage.ReadString(kLogFile, DefaultLogFile(config.Head.dwUnit)));
+    SetField(config.szLogExtension, storage.ReadString(kLogExtension, kDefaultLogExtension));
+    config.Head.bRobust = storage.ReadNumber(kRobust, 0) != 0;
+    config.Head.bDebugger = storage.ReadNumber(kDebugger, 0) != 0;
 }
 
 // Runs what may throw; whatever it throws is deleted, and the answer is false.
@@ -178,14 +165,16 @@ bool DebugLog::ReadConfig(const Storage::Key& settings, uint32_t unit, DebugConf
     config.Head.ReadTime = now;
     config.Head.bServiceSession = IsServiceSession();
     config.Head.dwUnit = unit;
-    config.Head.dwLevel = kTraceError;
+    config.Head.dwLevel = DebugSettings::kDefaultLevel;
     SetField(config.szTraceName, m_TraceName);
     try
     {
         const std::unique_ptr<Storage::Base> storage = Storage::Create(settings.Kind);
         if (storage == nullptr)
             return false;
-        storage->OpenForReading(settings, config.Head.bServiceSession != 0 ? "ServiceSession" : "InteractiveSession",
+        storage->OpenForReading(settings,
+                                config.Head.bServiceSession != 0 ? DebugSettings::kServiceSection
+                                                                 : DebugSettings::kInteractiveSection,
                                 Storage::kSystemView);
         ReadValues(*storage, config);
         storage->Close();
