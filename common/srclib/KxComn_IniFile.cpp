@@ -73,9 +73,10 @@ uint32_t IniFile::ReadNumber(const char* name, uint32_t defaultNumber)
 
 bool IniFile::WriteString(const char* name, const char* text)
 {
-    if (::WritePrivateProfileStringA(m_Section.c_str(), OrEmpty(name), OrEmpty(text), m_Path.c_str()) == FALSE)
-        throw new Exception(::GetLastError(), "..\\..\\..\\Common\\srclib\\KxComn_IniFile.cpp");
-    return true;
+    if (::WritePrivateProfileStringA(m_Section.c_str(), OrEmpty(name), OrEmpty(text), m_Path.c_str()) != FALSE)
+        return true;
+    const DWORD error = ::GetLastError(); // the memory for the exception may change it
+    throw new Exception(error, "..\\..\\..\\Common\\srclib\\KxComn_IniFile.cpp");
 }
 
 bool IniFile::WriteNumber(const char* name, uint32_t number)

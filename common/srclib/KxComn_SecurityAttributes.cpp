@@ -237,8 +237,9 @@ const SecurityAttributes DefSecAttr;
 
 SecurityAttributes::SecurityAttributes(const char* sddl) : m_Converted(Convert(sddl))
 {
+    const DWORD error = ::GetLastError(); // the memory for the exception may change it
     if (!m_Converted)
-        throw new Exception(::GetLastError());
+        throw new Exception(error);
     m_Record.lpSecurityDescriptor = m_Converted.get();
 }
 
