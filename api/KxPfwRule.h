@@ -386,7 +386,7 @@ typedef int32_t (*KXRULE_HASH_CALLBACK)(uint32_t ruleSetIndex, const PFW_RULE* r
  *   masterFileName  a bare file name for the master file. Null or empty: KxRulMas.dat.
  * 0, or KXRULE_E_ALREADY_INITIALIZED  the library is initialised; nothing changes but the trace settings, re-read
  *       KXRULE_E_MUTEX                Global\KxPfwRuleDllLockMutex could not be created, or memory ran out; not
- *                                     initialised
+ *                                     initialised, but the trace goes on until kxRuleFinalize is called
  * Changes reach the disk every RuleWriteInterval milliseconds (docs/settings.md), 30 minutes unless configured.
  * One process at a time should write to a rule directory: nothing reloads what another process wrote.
  */

@@ -36,8 +36,10 @@ public:
 };
 
 /// One key or section: open, read or write by name, close. All failures are thrown as Storage::Exception by pointer.
-/// The order of the operations is fixed. An operation that a storage does not support does nothing and returns zero,
-/// false or an empty text; that is what these here do.
+/// The order of the operations is fixed: with MSVC the destructor has slot 0 and OpenForReading slot 1. GCC gives the
+/// destructor two slots, so that there each operation stands one further on; objects of this class are used only by
+/// modules of the same compiler, as their texts are the compiler's own as well. An operation that a storage does not
+/// support does nothing and returns zero, false or an empty text; that is what these here do.
 class Base
 {
 public:
