@@ -13,9 +13,9 @@
 namespace KxCommon
 {
 
-/// The folder of a module's file in short (8.3) form, ending in a backslash; empty, with one line of trace, when the
-/// system refuses, when the path does not fit 260 characters and when the active code page cannot express it. Throws
-/// nothing.
+/// The folder of a module's file, ending in a backslash, in short (8.3) form as far as the volume has short names.
+/// Empty, with one line of trace, when the system refuses, when the path does not fit 260 characters and when the
+/// active code page cannot express it; empty without one when it cannot be split or memory runs out. Throws nothing.
 [[nodiscard]] std::string GetApplicationPath(HMODULE module) noexcept;
 
 /// True when the process ends: the system has ended all other threads by then, wherever they were and with whatever
