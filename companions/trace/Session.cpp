@@ -62,11 +62,7 @@ void Session::SetConfig(const KxCommon::DebugConfig& config)
 DWORD Session::Trace(const wchar_t* line)
 {
     Refresh();
-    std::shared_ptr<const Destination> destination;
-    {
-        const Lock lock(m_ConfigLock);
-        destination = m_Destination;
-    }
+    std::shared_ptr<const Destination> destination = CurrentDestination();
     if (!destination->Enable || *line == L'\0')
         return ERROR_SUCCESS;
     // Without a debugger the text would go to a buffer that any process can make, read and keep others waiting at.
@@ -75,7 +71,15 @@ DWORD Session::Trace(const wchar_t* line)
 
     const std::string utf8 = ToUtf8(line);
     const Lock lock(m_LogLock);
-    return m_Log.Append(destination->Path, destination->Limit, destination->Robust, utf8);
+    destination = CurrentDestination(); // a trace that went off meanwhile has closed its log for good
+    return destination->Enable ? m_Log.Append(destination->Path, destination->Limit, destination->Robust, utf8)
+                               : ERROR_SUCCESS;
+}
+
+std::shared_ptr<const Session::Destination> Session::CurrentDestination()
+{
+    const Lock lock(m_ConfigLock);
+    return m_Destination;
 }
 
 // At most once a second, by one thread at a time; the others go on with the settings they have.

@@ -15,8 +15,8 @@
 namespace KxTrace
 {
 
-/// Any thread may call any function. Two locks, never held together: one for the settings, held for a copy only, and
-/// one for the log, held while a line is appended. Neither is held while KxPfw.ini is read.
+/// Any thread may call any function. Two locks: one for the log, held while a line is appended, and one for the settings,
+/// held for a copy only and taken last. Neither is held while KxPfw.ini is read.
 class Session
 {
 public:
@@ -39,6 +39,7 @@ private:
         std::wstring Path;
     };
 
+    [[nodiscard]] std::shared_ptr<const Destination> CurrentDestination();
     void Refresh();
     void Apply(const Settings& settings);
 
