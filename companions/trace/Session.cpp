@@ -3,7 +3,6 @@
 
 #include <cwchar>
 #include <iterator>
-#include <optional>
 #include <utility>
 
 #include "common/srclib/KxComn_Names.h"
@@ -96,8 +95,7 @@ void Session::Refresh()
     } const done{m_Refreshing};
 
     m_RefreshAt.store(now + kInterval, std::memory_order_relaxed);
-    if (const std::optional<Settings> settings = m_SettingsFile.Changed())
-        Apply(*settings);
+    m_SettingsFile.Update([this](const Settings& settings) { Apply(settings); });
 }
 
 void Session::Apply(const Settings& settings)

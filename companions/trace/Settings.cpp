@@ -7,7 +7,6 @@
 #include <string_view>
 #include <utility>
 
-#include "common/srclib/KxComn_Handle.h"
 #include "common/srclib/KxComn_Record.h"
 
 namespace KxTrace
@@ -144,11 +143,15 @@ SettingsFile::SettingsFile(std::wstring path, bool serviceSession, uint32_t unit
 {
 }
 
-std::optional<Settings> SettingsFile::Changed()
+void SettingsFile::Update(const std::function<void(const Settings&)>& apply)
 {
     Stamp stamp;
-    if (!Look(stamp) || (stamp == m_Stamp && !m_Doubtful) || (stamp.Exists && !IsReadable()))
-        return std::nullopt;
+    if (!Look(stamp) || (stamp == m_Stamp && !m_Doubtful))
+        return;
+    // Held open: the profile functions do not tell a file that somebody has locked from one that is empty.
+    const KxCommon::UniqueFile file = stamp.Exists ? OpenToRead() : KxCommon::UniqueFile();
+    if (stamp.Exists && !file)
+        return;
 
     // Two changes within the clock's grain leave the same stamp, on some volumes for two seconds. So a stamp that young
     // is not believed the next time; the contents are compared instead.
@@ -156,16 +159,16 @@ std::optional<Settings> SettingsFile::Changed()
     FILETIME time;
     ::GetSystemTimeAsFileTime(&time);
     const uint64_t now = static_cast<uint64_t>(time.dwHighDateTime) << 32 | time.dwLowDateTime;
-    m_Doubtful = stamp.Exists && stamp.Written + kGrain > now;
-    m_Stamp = stamp;
 
     std::optional<Settings> settings;
     if (stamp.Exists)
         settings = Read();
-    if (settings == m_Seen)
-        return std::nullopt;
-    m_Seen = settings;
-    return settings ? settings : Defaults();
+    if (settings != m_Seen)
+        apply(settings ? *settings : Defaults());
+    // Last: whatever failed before comes again with the next call.
+    m_Seen = std::move(settings);
+    m_Stamp = stamp;
+    m_Doubtful = stamp.Exists && stamp.Written + kGrain > now;
 }
 
 bool SettingsFile::Look(Stamp& stamp) const
@@ -183,12 +186,11 @@ bool SettingsFile::Look(Stamp& stamp) const
     return true;
 }
 
-// The profile functions do not tell a file that is locked from one that is empty.
-bool SettingsFile::IsReadable() const
+KxCommon::UniqueFile SettingsFile::OpenToRead() const
 {
-    return static_cast<bool>(KxCommon::UniqueFile(
-        ::CreateFileW(m_Path.c_str(), GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, nullptr,
-                      OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, nullptr)));
+    return KxCommon::UniqueFile(::CreateFileW(m_Path.c_str(), GENERIC_READ,
+                                              FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, nullptr,
+                                              OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, nullptr));
 }
 
 std::optional<Settings> SettingsFile::Read() const

@@ -3,10 +3,12 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <optional>
 #include <string>
 
 #include "common/srclib/KxComn_DebugConfig.h"
+#include "common/srclib/KxComn_Handle.h"
 
 namespace KxTrace
 {
@@ -64,10 +66,10 @@ class SettingsFile
 public:
     SettingsFile(std::wstring path, bool serviceSession, uint32_t unit);
 
-    /// What the section says now, if that differs from what it said at the call before; nothing at the first call when
-    /// the section is missing or empty. A section that disappears leaves the defaults. While the file cannot be read
-    /// (an editor may hold it) nothing counts as changed.
-    [[nodiscard]] std::optional<Settings> Changed();
+    /// Calls apply with what the section says now, if that differs from what it said when apply was last done; not at the
+    /// first call when the section is missing or empty. A section that disappears leaves the defaults. While the file
+    /// cannot be read (an editor may hold it) nothing counts as changed. What apply throws goes on to the caller.
+    void Update(const std::function<void(const Settings&)>& apply);
 
 private:
     struct Stamp
@@ -79,7 +81,7 @@ private:
     };
 
     [[nodiscard]] bool Look(Stamp& stamp) const;
-    [[nodiscard]] bool IsReadable() const;
+    [[nodiscard]] KxCommon::UniqueFile OpenToRead() const;
     [[nodiscard]] std::optional<Settings> Read() const;
     [[nodiscard]] Settings Defaults() const;
     [[nodiscard]] std::wstring Text(const char* key, const std::wstring& missing, uint32_t units) const;
