@@ -1,7 +1,11 @@
 // Rules, macros and their texts through the exports.
 #include "tests/api/StoreFixture.h"
 
+#include <algorithm>
 #include <functional>
+
+#include "tests/standins/HashStandIn.h"
+#include "tests/support/RegistryGuard.h"
 
 using Indexes = std::vector<uint16_t>;
 
@@ -184,4 +188,60 @@ TEST_F(StoreTest, MacrosAreAppendedAndCopiedOutPacked)
     EXPECT_EQ(kxRuleGetMacro(nullptr, 0), 628 + 177 + 40);
     EXPECT_EQ(kxRuleDeleteMacro(), 0);
     EXPECT_EQ(kxRuleGetMacroCount(), 0);
+}
+
+// A rule that fails keeps its hash; its set is gone through to the end, and the walk ends there.
+TEST_F(StoreTest, HashesAreRefreshedUpToTheFirstSetThatFails)
+{
+    static HashStandInState* s_Library;
+    const RegistryGuard registry;
+    const TempDir folder;
+    registry.SetText(L"InstallPath", folder.Path().native());
+    const HashStandIn library(folder.Path());
+    s_Library = library.operator->();
+    library->OnCall = [](const wchar_t* path) { s_Library->Status = *path == L'b' ? 31 : 0; };
+    const auto hashes = []
+    {
+        std::string all; // the last byte of each, '-' for zero
+        for (const uint16_t set : SetIndexes())
+        {
+            for (const PFW_RULE& rule : Rules(set))
+                all += static_cast<char>(std::max<uint8_t>(rule.Access.abAppHash[19], '-'));
+        }
+        return all;
+    };
+    std::vector<uint32_t> calls;
+    const auto called = [](uint32_t set, const PFW_RULE* rule, void* context) -> int32_t
+    {
+        static_cast<std::vector<uint32_t>*>(context)->push_back(set * 100 + rule->wRuleIndex);
+        EXPECT_EQ(rule->Access.abAppHash[19], 'b') << "called before the change";
+        return -1;
+    };
+
+    library.SetHash('a');
+    ASSERT_EQ(AddSet(7, {Build::Access(1, L"c.exe")}), 0);
+    ASSERT_EQ(AddSet(3, {Build::Access(4, L"d.exe"), Build::Access(2, L"c.exe"), Build::Access(1, L"bad.exe")}), 0);
+    ASSERT_EQ(AddSet(2, {Build::Access(9, L"C.exe"), Build::Access(8, L"SYSTEM"), Build::Access(7)}), 0);
+    Reopen(); // nothing is pending
+    EXPECT_EQ(hashes(), "--aaaaa");
+    library.SetHash('b');
+    EXPECT_EQ(kxRuleUpdateHashValue(nullptr, nullptr, called, &calls), 31);
+    EXPECT_EQ(calls, (std::vector<uint32_t>{209, 302, 304}));
+    EXPECT_EQ(hashes(), "--babba");
+    Reopen();
+    EXPECT_EQ(hashes(), "--babba") << "not marked for writing";
+
+    calls.clear();
+    EXPECT_EQ(kxRuleUpdateHashValue(L"SYSTEM", s_Library->Hash, called, &calls), 0);
+    EXPECT_EQ(kxRuleUpdateHashValue(L"C.EXE", s_Library->Hash, called, &calls), 0) << "two have it already";
+    EXPECT_EQ(calls, (std::vector<uint32_t>{208, 701}));
+    EXPECT_EQ(hashes(), "-bbabbb");
+
+    registry.SetText(L"InstallPath", L""); // no library
+    EXPECT_EQ(kxRuleUpdateHashValue(L"other.exe", nullptr, called, &calls), 0) << "no rule has it";
+    EXPECT_EQ(kxRuleUpdateHashValue(L"c.exe", nullptr, called, &calls), KXRULE_E_HASH_LIBRARY);
+    const PFW_RULE rule = Build::Access(0, L"c.exe");
+    EXPECT_EQ(kxRuleAddRule(7, 2, &rule), 0);
+    EXPECT_EQ(hashes(), "-bbabbb-");
+    EXPECT_EQ(calls.size(), 2u);
 }
