@@ -18,7 +18,12 @@
  *
  * Threads: any thread may call any function. All but kxRuleGetRuleString2, kxRuleGetMacroString and
  * kxRuleUpdateHashValue run one at a time, under the global lock. Two failures leave the store's master lock with the
- * calling thread (see kxRuleAddRuleSet and kxRuleRead, and docs/threads.md).
+ * calling thread (see kxRuleAddRuleSet and kxRuleRead, and docs/threads.md): until that thread calls kxRuleFinalize or
+ * ends, calls of other threads that change, read, write or refresh the store wait, and so do timed writes. Nothing
+ * reaches the disk meanwhile, unless that thread writes it.
+ *
+ * Before kxRuleInitialize and after kxRuleFinalize the functions that look, add and delete work on what is in memory,
+ * with their usual results; the next kxRuleInitialize empties it. Only what is done between the two reaches the disk.
  *
  * Results are KXRULE_OK (0) or one of the negative codes below; some functions return a count, a length or a size
  * instead. Only the codes listed at a function are returned by it. No function throws.
@@ -329,7 +334,7 @@ typedef struct KXRULE_PACKED PFW_RULE
 /* The head of a rule set: 136 bytes, followed without a gap by nRuleCount records of PFW_RULE (KXRULE_RULES). */
 typedef struct KXRULE_PACKED PFW_RULESET
 {
-    uint16_t wRuleSetIndex;                     /*   0  1 to 65280 */
+    uint16_t wRuleSetIndex;                     /*   0  1 to 65535; above 65280 it cannot be active */
     KXWCHAR wszName[KXRULE_RULESET_NAME_UNITS]; /*   2  at most 64 units and the terminator */
     int32_t nRuleCount;                         /* 132  below 1: no rules */
 } PFW_RULESET;
@@ -382,7 +387,9 @@ typedef int32_t (*KXRULE_HASH_CALLBACK)(uint32_t ruleSetIndex, const PFW_RULE* r
 
 /*
  * Starts the library: trace, named mutex, empty store, delayed write timer. Reads no rule file; see kxRuleRead.
- *   rulePath        the rule directory, created when missing (one level). Null or empty: the DLL's own directory.
+ *   rulePath        the rule directory, a full path: a relative one follows the process's current directory at every
+ *                   access. Null or empty: the DLL's own directory (the current one where that cannot be told).
+ *                   Created when missing (one level); if that fails, the first write says KXRULE_E_FILE_OPEN.
  *   masterFileName  a bare file name for the master file. Null or empty: KxRulMas.dat.
  * 0, or KXRULE_E_ALREADY_INITIALIZED  the library is initialised; nothing changes but the trace settings, re-read
  *       KXRULE_E_MUTEX                Global\KxPfwRuleDllLockMutex could not be created, or memory ran out; not
@@ -396,22 +403,23 @@ int32_t kxRuleInitialize(const char* rulePath, const char* masterFileName);
  * Writes pending changes, stops the timer, closes mutex and trace. Always 0, also when that last write failed: call
  * kxRuleFlush before it to learn of that. Without an initialised library it does nothing and returns 0. Master locks
  * that the calling thread kept are given back. While another thread keeps one, the call waits for that thread's
- * kxRuleFinalize, or for the thread's end. It waits for the timer's thread: not to be called from a load entry (DllMain)
- * or the destructor of a global in a DLL, where that thread cannot end.
+ * kxRuleFinalize, or for the thread's end. It waits for the timer's thread: not to be called from a load entry
+ * (DllMain) or the destructor of a global in a DLL, where that thread cannot end.
  */
 int32_t kxRuleFinalize(void);
 
 /*
  * Discards what is in memory and reads master, macro and rule set files. Damage is answered, not reported, where the
- * store can go on: an unusable master file moves all rule files to a dated backup directory, an unreadable rule set
- * becomes a rescue rule set and is kept as a .brk copy (docs/recovery.md).
+ * store can go on: an unusable master file, or a missing one beside rule set files, moves it and all rule set files to
+ * a dated backup directory (the macro file stays), the store is then empty and the result 0; an unreadable rule set
+ * becomes a rescue rule set and is kept as a .brk copy (docs/recovery.md). May load KxHash.dll.
  * 0, or KXRULE_E_FILE_READ       the macro file is damaged (no rule set has been read then), or memory ran out
  *       KXRULE_E_MACRO_FORMAT    the macro file has another magic or version (no rule set has been read then)
  *       KXRULE_E_FILE_OPEN, KXRULE_E_FILE_WRITE  the rescue of the last listed rule set could not be written
  *       KXRULE_E_FILE_OPEN       the library is not initialised
  * After a failure of an initialised library the calling thread keeps the master lock until it calls kxRuleFinalize or
- * ends: its own calls go on, changing calls of other threads wait. Do not change the store after a failed read: the first write copies all rule
- * files into a dated backup directory, but it lists only what is in memory.
+ * ends: its own calls go on, those of other threads wait. Do not change the store after a failed read: the first write
+ * copies all rule files into a dated backup directory, but it lists only what is in memory.
  */
 int32_t kxRuleRead(void);
 
@@ -419,7 +427,9 @@ int32_t kxRuleRead(void);
  * Writes macro file, modified rule sets and master file now. Each file is written beside the old one and put over
  * it only when complete and flushed.
  * 0, or KXRULE_E_FILE_OPEN   a temporary file could not be made in the rule directory, or not initialised
- *       KXRULE_E_FILE_WRITE  a file could not be written or replaced, or memory ran out; the old file stays
+ *       KXRULE_E_FILE_WRITE  a file could not be written or replaced, or memory ran out; the old file stays. Or what
+ *                            would be written over was never read and could not be copied away first
+ *                            (docs/recovery.md); nothing is written then
  */
 int32_t kxRuleWrite(void);
 
@@ -453,9 +463,10 @@ int32_t kxRuleGetActiveRuleSet(uint16_t* indexes, int32_t maxCount);
  *       KXRULE_E_PORT_LIST          a rule of kind 1 has an empty or blank port list; kind 6 is not checked here
  *       KXRULE_E_TOO_MANY_RULESETS  64 rule sets are there
  *       KXRULE_E_TOO_MANY_RULES     more than 1024 different wRuleIndex values
- *       KXRULE_E_NO_RULESET         index is in use. The calling thread then keeps the master lock until it calls
- *                                   kxRuleFinalize: its own calls go on, changing calls of other threads wait. Add
- *                                   with index 0, or ask kxRuleGetRuleSetIndex first.
+ *       KXRULE_E_NO_RULESET         index is in use. In an initialised library the calling thread then keeps the
+ *                                   master lock until it calls kxRuleFinalize or ends: its own calls go on, those of
+ *                                   other threads wait. Add with index 0, or ask kxRuleGetRuleSetIndex first.
+ * May load KxHash.dll, once for each access rule without a hash.
  */
 int32_t kxRuleAddRuleSet(uint16_t index, PFW_RULESET* ruleSet);
 
@@ -463,8 +474,8 @@ int32_t kxRuleAddRuleSet(uint16_t index, PFW_RULESET* ruleSet);
  * Removes a rule set, or all of them (index 0), rewrites the master file at once and then deletes the files of what
  * was removed. The active list does not change.
  * 0, or KXRULE_E_NO_RULESET  no rule set has that index (never for 0)
- *       KXRULE_E_FILE_OPEN, KXRULE_E_FILE_WRITE  the master file could not be written; the rule set is gone from
- *                            memory all the same and its file stays
+ *       KXRULE_E_FILE_OPEN, KXRULE_E_FILE_WRITE  the master file could not be written (as in kxRuleWrite); the rule
+ *                            set is gone from memory all the same and its file stays
  *       KXRULE_E_FILE_OPEN   not initialised; nothing changes
  *       KXRULE_E_FILE_WRITE  memory ran out; the rule set may or may not be gone
  */
@@ -492,7 +503,7 @@ int32_t kxRuleGetRuleBottomIndex(uint16_t ruleSetIndex);
 
 /*
  * Adds one rule to a rule set. It reaches the disk with the next timed write, or at once with kxRuleWrite.
- *   ruleSetIndex  an existing rule set, 1 to 65280
+ *   ruleSetIndex  an existing rule set
  *   ruleIndex     the rule's key in the set, 0 to 65535; wins over the record's own wRuleIndex
  *   rule          2845 bytes, copied; access rules are normalised in the copy and get their application's hash
  * 0, or KXRULE_E_NULL_POINTER    rule is null, or memory ran out
@@ -562,7 +573,8 @@ int32_t kxRuleGetMacro(void* buffer, int32_t bufferSize);
 int32_t kxRuleGetRuleString(uint16_t ruleSetIndex, uint16_t ruleIndex, char* text, int32_t textSize);
 
 /*
- * A record that need not be stored as a line of text. Takes no lock; may load KxHash.dll.
+ * A record that need not be stored as a line of text, normalised as if it were added. Takes no lock; may load
+ * KxHash.dll.
  * The length, or KXRULE_E_NULL_POINTER  rule is null
  *                KXRULE_E_RULE_TEXT     its kind is not 1 to 5, or memory ran out
  */
@@ -587,11 +599,12 @@ int32_t kxRuleGetMacroString(const PFW_MACRO* macro, char* text, int32_t textSiz
  *   context          handed to the callback
  * 0, or KXRULE_E_HASH_LIBRARY  KxHash.dll could not be loaded, or memory ran out
  *       any other value        the status with which kxCfwGetHashValue failed, unchanged
- * Whatever a rule's kind, the bytes 784 to 1329 of its record are taken for an access rule's fields: a rule of kind 6 is
- * not refreshed in its own fields, and other kinds may have bytes 1306 to 1325 replaced when they look like a path.
+ * Whatever a rule's kind, the bytes 784 to 1329 of its record are taken for an access rule's fields: a rule of kind 6
+ * is not refreshed in its own fields, and other kinds may have bytes 1306 to 1325 replaced when they look like a path.
  * Rules whose dwSystem is neither 0 nor 1 are left alone. An uninitialised library returns 0.
  * A rule that fails keeps its hash and does not stop its set; the walk ends after the first set with a failure and
- * returns that set's first one. Changed sets are written with the next timed write. Takes the master lock only.
+ * returns that set's first one. Changed sets are written with the next timed write. Takes the master lock only, for as
+ * long as it reads files: a call that changes the store waits for it meanwhile, and behind that call all others.
  */
 int32_t kxRuleUpdateHashValue(const KXWCHAR* applicationPath, const uint8_t* hash, KXRULE_HASH_CALLBACK callback,
                               void* context);

@@ -186,7 +186,7 @@ private:
         return true;
     }
 
-    /// The bytes that the groups fill; 0 for anything else. A dotted address may stand for the address's last two groups.
+    /// The bytes that the groups fill; 0 for anything else. A dotted address may stand for the last two groups.
     static constexpr size_t parseGroups(std::string_view text, Bytes& bytes, bool end)
     {
         size_t count = 0;
@@ -286,9 +286,9 @@ private:
     std::array<char, KXRULE_PORT_LIST_BYTES> m_Text = {};
 };
 
-/// One rule under construction. It stands wherever a const PFW_RULE& is wanted, without a copy; to keep the rule, copy it
-/// (const PFW_RULE rule = access()...): a reference would outlive the builder. Calls that a kind of
-/// rule has no field for do not compile; addresses and ports not mentioned are "any"; texts are cut to their fields.
+/// One rule under construction. It stands wherever a const PFW_RULE& is wanted, without a copy; to keep the rule, copy
+/// it (const PFW_RULE rule = access()...): a reference would outlive the builder. Calls that a kind of rule has no field
+/// for do not compile; addresses and ports not mentioned are "any"; texts are cut to their fields.
 template <uint32_t Kind, auto PFW_RULE::*Body>
 class RuleBuilder
 {

@@ -328,7 +328,8 @@ int32_t CRuleMaster::UpdateHashValue(const KXWCHAR* applicationPath, const uint8
 
     std::vector<uint16_t> changed;
     int32_t result = KXRULE_OK;
-    // By key, not by position: a callback that breaks its contract may delete other sets (but not the one it was called for).
+    // By key, not by position: a callback that breaks its contract may delete other sets (but not the one it was called
+    // for).
     for (uint32_t key = 0; result == KXRULE_OK && key <= std::numeric_limits<uint16_t>::max(); ++key)
     {
         const size_t position = m_RuleSets.LowerBound(static_cast<uint16_t>(key));

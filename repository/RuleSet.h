@@ -22,8 +22,8 @@ public:
 
     CRuleSet() = default;
     /// From a record and ruleCount rules behind it: the record's own count, which the caller has read once, since the
-    /// record is another's memory and may change. Of two rules with the same index the later one counts; no limit on their
-    /// number (the master has one).
+    /// record is another's memory and may change. Of two rules with the same index the later one counts; no limit on
+    /// their number (the master has one).
     CRuleSet(const PFW_RULESET& record, int32_t ruleCount);
     explicit CRuleSet(const PFW_RULESET& record) : CRuleSet(record, record.nRuleCount) {}
     CRuleSet(const CRuleSet&) = default;
