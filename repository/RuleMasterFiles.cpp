@@ -23,12 +23,14 @@ namespace
 
 using Encoder = std::function<int32_t(CEncryptStream&)>;
 
-// One step of ReadAll or WriteAll. Lack of memory is a failure of the step, never taken for damage of a file.
+// One step of ReadAll or WriteAll. Lack of memory is a failure of the step, never taken for damage of a file. Nor does
+// anything else pass: the hash library is called while rules are read, and what it throws must not get round the steps
+// that follow a failure.
 template <class Operation>
-[[nodiscard]] int32_t Step(const char* name, int32_t outOfMemory,
+[[nodiscard]] int32_t Step(const char* name, int32_t unexpected,
                            const Operation& operation) KX_NO_THREAD_SAFETY_ANALYSIS // the operations carry their own
 {
-    int32_t result = outOfMemory;
+    int32_t result = unexpected;
     try
     {
         result = operation();
@@ -36,6 +38,10 @@ template <class Operation>
     catch (const std::bad_alloc&)
     {
         KX_TRACE(kTraceError, "\tout of memory");
+    }
+    catch (...)
+    {
+        KX_TRACE(kTraceError, "\tunexpected exception");
     }
     if (result != KXRULE_OK)
         KX_TRACE(kTraceError, "\t%s error (%d)", name, result);
@@ -82,9 +88,8 @@ int32_t CRuleMaster::ReadAll()
         if (isMasterBackedUp && !m_RuleSets.IsEmpty())
             m_IsDirty = true;
         if (result != KXRULE_OK)
-            m_IsReadIncomplete = true;
-        if (result != KXRULE_OK)
         {
+            m_IsReadIncomplete = true;
             guard.KeepLocked(); // kept: docs/threads.md, "Locks that outlive a call"
             return result;
         }
