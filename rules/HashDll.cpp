@@ -1,6 +1,7 @@
 // The hash library comes from the product's folder and from nowhere else: docs/security.md.
 #include "rules/HashDll.h"
 
+#include <algorithm>
 #include <cstddef>
 #include <cstring>
 #include <string>
@@ -20,6 +21,7 @@ namespace
 std::string LibraryPath()
 {
     std::wstring folder = KxCommon::Settings::InstallPath();
+    std::replace(folder.begin(), folder.end(), L'/', L'\\'); // a loader wants them so to look beside the library
     KxCommon::AppendSeparator(folder);
     const std::string narrow = KxCommon::String::ToNarrow(folder);
     if (!KxCommon::IsAbsolutePath(folder) || KxCommon::String::ToWide(narrow) != folder)
