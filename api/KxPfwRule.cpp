@@ -105,7 +105,7 @@ private:
 int32_t CopyText(const std::string& line, char* text, int32_t textSize) noexcept
 {
     KxCommon::String::CopyBounded(text, textSize, line);
-    return static_cast<int32_t>(line.size());
+    return static_cast<int32_t>(std::min<size_t>(line.size(), INT32_MAX));
 }
 
 // Creates the mutex that marks an initialised library, open to everybody; the system's defaults where the attributes
