@@ -95,6 +95,18 @@ TEST_F(FilesTest, ChangesAreTrackedUntilATimedWrite)
 {
     EXPECT_EQ(kxRuleFlush(), 0);
     EXPECT_EQ(Names(), std::vector<std::string>{}) << "nothing changed, nothing written";
+    auto macro = Build::Macro("m", {});
+    const std::function<int32_t()> changes[] = {[&] { return kxRuleAddMacro(macro.get()); }, kxRuleDeleteMacro,
+                                                [] { return kxRuleSetActiveRuleSet(nullptr, 0); }};
+    for (const auto& change : changes)
+    {
+        ASSERT_EQ(change(), 0);
+        ASSERT_EQ(kxRuleFlush(), 0);
+        EXPECT_TRUE(Exists("KxRulMas.dat")) << "change " << &change - changes;
+        Close();
+        std::filesystem::remove(PathOf("KxRulMas.dat"));
+        Open();
+    }
     ASSERT_EQ(AddSet(1), 0);
     ASSERT_EQ(kxRuleFlush(), 0);
     EXPECT_TRUE(Exists("KxRl0001.dat"));

@@ -6,13 +6,17 @@
 #include <future>
 #include <thread>
 
+#include "common/srclib/KxComn_Handle.h"
+
 using Indexes = std::vector<uint16_t>;
 
 TEST_F(StoreTest, ASecondStartIsRefusedAndChangesNothing)
 {
     ASSERT_EQ(AddSet(1), 0);
-    EXPECT_EQ(kxRuleInitialize(nullptr, nullptr), KXRULE_E_ALREADY_INITIALIZED);
+    EXPECT_EQ(kxRuleInitialize(nullptr, nullptr), -10061);
     EXPECT_EQ(SetIndexes(), Indexes{1});
+    const KxCommon::UniqueKernelObject mutex(::OpenMutexW(SYNCHRONIZE, FALSE, L"Global\\KxPfwRuleDllLockMutex"));
+    EXPECT_TRUE(mutex) << "other programs look for it under this name";
     EXPECT_EQ(kxRuleFinalize(), 0);
     EXPECT_EQ(kxRuleFinalize(), 0) << "nothing to stop";
     ASSERT_EQ(kxRuleInitialize(Directory().c_str(), ""), 0);

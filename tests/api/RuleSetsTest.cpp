@@ -94,7 +94,7 @@ TEST_F(StoreTest, AddRuleSetRefusalsInTheirOrder)
     blankNat.Nat.Port[0] = Build::PortList("");
 
     EXPECT_EQ(kxRuleAddRuleSet(1, nullptr), KXRULE_E_NULL_POINTER);
-    EXPECT_EQ(AddSet(1, {Build::Access(5), blank}), KXRULE_E_PORT_LIST);
+    EXPECT_EQ(AddSet(1, {Build::Access(5), blank}), -10064);
     EXPECT_EQ(SetIndexes(), Indexes{});
     EXPECT_EQ(AddSet(1, {blank6, blankNat}), 0) << "only kind 1 is checked";
 
@@ -108,7 +108,7 @@ TEST_F(StoreTest, AddRuleSetRefusalsInTheirOrder)
     for (uint16_t i = 3; i <= KXRULE_MAX_RULESETS; ++i)
         ASSERT_EQ(AddSet(i), 0);
     rules.back().wRuleIndex = 5000;
-    EXPECT_EQ(AddSet(0, rules), KXRULE_E_TOO_MANY_RULESETS) << "before the number of rules";
+    EXPECT_EQ(AddSet(0, rules), -10017) << "before the number of rules";
     EXPECT_EQ(AddSet(1), KXRULE_E_TOO_MANY_RULESETS) << "before the index in use";
     auto refused = Build::RuleSet(4711, L"x");
     EXPECT_EQ(kxRuleAddRuleSet(1, refused.get()), KXRULE_E_TOO_MANY_RULESETS);
@@ -128,6 +128,8 @@ TEST_F(StoreTest, GetRuleSetReportsAllAndCopiesWhatFits)
     {
         std::vector<unsigned char> bytes(KXRULE_RULESET_BYTES(4), 0xEE);
         PFW_RULESET* const record = reinterpret_cast<PFW_RULESET*>(bytes.data());
+        EXPECT_EQ(kxRuleGetRuleSet(8, record, maxRules), KXRULE_E_NO_RULESET);
+        EXPECT_EQ(record->wRuleSetIndex, 0xEEEE);
         EXPECT_EQ(kxRuleGetRuleSet(7, record, maxRules), 3);
         const size_t copied = maxRules < 0 ? 0 : static_cast<size_t>(maxRules > 3 ? 3 : maxRules);
         const size_t written = maxRules < 0 ? 0 : KXRULE_RULESET_BYTES(copied);

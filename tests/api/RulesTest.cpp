@@ -3,6 +3,7 @@
 
 #include <algorithm>
 #include <functional>
+#include <future>
 
 #include "tests/standins/HashStandIn.h"
 #include "tests/support/RegistryGuard.h"
@@ -86,6 +87,9 @@ TEST_F(StoreTest, RecordsComeBackByteForByteButForWhatIsNormalised)
     range.Access.Port[1] = Build::PortRange(90, 80);
     ASSERT_EQ(kxRuleAddRule(1, 1, &range), 0);
     EXPECT_EQ(Line(1, 1), "ACCESS,TCP,10.0.0.1:192.0.0.9,,,80:90,ACCEPT");
+    char text[64] = {};
+    EXPECT_EQ(kxRuleGetRuleString2(&range, text, sizeof text), 44) << text;
+    EXPECT_EQ(std::string(text), Line(1, 1));
 }
 
 TEST_F(StoreTest, GetRuleTellsWhatIsMissingBeforeItLooksAtThePointer)
@@ -215,6 +219,7 @@ TEST_F(StoreTest, HashesAreRefreshedUpToTheFirstSetThatFails)
     {
         static_cast<std::vector<uint32_t>*>(context)->push_back(set * 100 + rule->wRuleIndex);
         EXPECT_EQ(rule->Access.abAppHash[19], 'b') << "called before the change";
+        EXPECT_EQ(std::async(std::launch::async, kxRuleGetRuleTopIndex, uint16_t{2}).get(), 7) << "readers go on";
         return -1;
     };
 
@@ -237,6 +242,8 @@ TEST_F(StoreTest, HashesAreRefreshedUpToTheFirstSetThatFails)
     EXPECT_EQ(calls, (std::vector<uint32_t>{208, 701}));
     EXPECT_EQ(hashes(), "-bbabbb");
 
+    EXPECT_EQ(kxRuleUpdateHashValue(L"d.exe", nullptr, nullptr, nullptr), 0) << "nobody to call";
+
     registry.SetText(L"InstallPath", L""); // no library
     EXPECT_EQ(kxRuleUpdateHashValue(L"other.exe", nullptr, called, &calls), 0) << "no rule has it";
     EXPECT_EQ(kxRuleUpdateHashValue(L"c.exe", nullptr, called, &calls), KXRULE_E_HASH_LIBRARY);
@@ -244,4 +251,7 @@ TEST_F(StoreTest, HashesAreRefreshedUpToTheFirstSetThatFails)
     EXPECT_EQ(kxRuleAddRule(7, 2, &rule), 0);
     EXPECT_EQ(hashes(), "-bbabbb-");
     EXPECT_EQ(calls.size(), 2u);
+    registry.SetText(L"InstallPath", folder.Path().generic_wstring()); // with slashes
+    Reopen();
+    EXPECT_EQ(hashes(), "--babbbb") << "the system's goes, what was added without a library gets its own";
 }

@@ -8,6 +8,7 @@
 
 #include "common/srclib/KxComn_Windows.h"
 #include "tests/standins/TraceStandIn.h"
+#include "tests/support/RegistryGuard.h"
 
 namespace
 {
@@ -89,7 +90,11 @@ protected:
 
 TEST_F(TraceTest, AWholeLife)
 {
+    WriteBytes(m_Folder / "KxPfw.ini", "[ServiceSession]\nLogPrefix=Q_\n[InteractiveSession]\nLogPrefix=Q_\n");
     Start();
+    ASSERT_EQ((*m_Trace)->Configs.size(), 1u);
+    EXPECT_EQ((*m_Trace)->Configs[0].Head.dwUnit, 1u);
+    EXPECT_EQ(KxCommon::Record::WideText(&(*m_Trace)->Configs[0].szLogPrefix, 256), L"Q_");
     KX_CALL(kxRuleRead);
     auto set = Build::RuleSet(3, L"set", {Build::Access(1)});
     KX_CALL(kxRuleAddRuleSet, uint16_t{0}, set.get());
@@ -242,8 +247,9 @@ TEST_F(TraceTest, RefusedCalls)
     Start();
     PFW_RULE blank = Build::Access(1);
     blank.Access.Port[0] = Build::PortList("");
-    PFW_RULE nameless = Build::Access(2);
-    KX_CALL(kxRuleAddRuleSet, uint16_t{1}, Build::RuleSet(1, L"set", {nameless}).get());
+    const RegistryGuard registry; // no hash library
+    const std::vector<PFW_RULE> rules = {Build::Access(2), Build::Access(3, L"C:\\ü.exe")};
+    KX_CALL(kxRuleAddRuleSet, uint16_t{1}, Build::RuleSet(1, L"set", rules).get());
     Said();
     const uint16_t zero = 0;
     const auto none = static_cast<const char*>(nullptr);
@@ -292,7 +298,10 @@ TEST_F(TraceTest, RefusedCalls)
                             static_cast<const uint8_t*>(nullptr), static_cast<KXRULE_HASH_CALLBACK>(nullptr),
                             static_cast<void*>(nullptr));
          },
-         KXRULE_OK, ".w. CRule::UpdateHash, m_Rule.Access.wszAppName is empty RuleSet(1) Rule(2) - RuleHash.cpp\n"},
+         KXRULE_E_HASH_LIBRARY,
+         ".w. CRule::UpdateHash, m_Rule.Access.wszAppName is empty RuleSet(1) Rule(2) - RuleHash.cpp\n"
+         ".w. CRule::UpdateHash, Updating hash RuleSet(1) Rule(3) (C:\\\xFC.exe) - RuleHash.cpp\n"
+         "!!! CHashDll::Init load library error - HashDll.cpp\n"},
     };
     for (const auto& row : rows)
     {
@@ -305,5 +314,9 @@ TEST_F(TraceTest, RefusedCalls)
     Said();
     EXPECT_EQ(KX_CALL(kxRuleFlush), 0);
     EXPECT_EQ(Said(), "@@@ CRuleMaster::FlushRule not necessary - RuleMasterFiles.cpp\n");
+    KX_CALL(kxRuleFinalize);
+    EXPECT_EQ(KX_CALL(kxRuleInitialize, none, none), 0);
+    EXPECT_EQ(KX_CALL(kxRuleWrite), 0);
+    EXPECT_TRUE(std::filesystem::exists(m_Folder.Path() / "KxRulMas.dat")) << "the library's own directory";
     KX_CALL(kxRuleFinalize);
 }
