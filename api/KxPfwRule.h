@@ -23,7 +23,8 @@
  * reaches the disk meanwhile, unless that thread writes it.
  *
  * Before kxRuleInitialize and after kxRuleFinalize the functions that look, add and delete work on what is in memory,
- * with their usual results; the next kxRuleInitialize empties it. Only what is done between the two reaches the disk.
+ * with their usual results (but for kxRuleDeleteRuleSet, which refuses); the next kxRuleInitialize empties it. Only what
+ * is done between the two reaches the disk.
  *
  * Results are KXRULE_OK (0) or one of the negative codes below; some functions return a count, a length or a size
  * instead. Only the codes listed at a function are returned by it. No function throws.
@@ -379,7 +380,8 @@ typedef struct KXRULE_PACKED PFW_MACRO
  *   ruleSetIndex  the rule's set
  *   rule          the stored record after the change; valid during the call only, not to be written to
  *   context       the caller's value
- * The result is ignored. The call is made under the master lock: it must not call any function of the library.
+ * The result is ignored. The call is made under the master lock: it must not call any function of the library, nor
+ * wait for a thread that does, nor throw.
  */
 typedef int32_t (*KXRULE_HASH_CALLBACK)(uint32_t ruleSetIndex, const PFW_RULE* rule, void* context);
 
@@ -411,8 +413,9 @@ int32_t kxRuleFinalize(void);
 /*
  * Discards what is in memory and reads master, macro and rule set files. Damage is answered, not reported, where the
  * store can go on: an unusable master file, or a missing one beside rule set files, moves it and all rule set files to
- * a dated backup directory (the macro file stays), the store is then empty and the result 0; an unreadable rule set
- * becomes a rescue rule set and is kept as a .brk copy (docs/recovery.md). May load KxHash.dll.
+ * a dated backup directory (the macro file stays); at most rescue rule sets remain, for those that it named before the
+ * damage, and the result says nothing of it. An unreadable rule set becomes a rescue rule set and is kept as a .brk copy
+ * (docs/recovery.md). May load KxHash.dll.
  * 0, or KXRULE_E_FILE_READ       the macro file is damaged (no rule set has been read then), or memory ran out
  *       KXRULE_E_MACRO_FORMAT    the macro file has another magic or version (no rule set has been read then)
  *       KXRULE_E_FILE_OPEN, KXRULE_E_FILE_WRITE  the rescue of the last listed rule set could not be written
@@ -429,7 +432,7 @@ int32_t kxRuleRead(void);
  * 0, or KXRULE_E_FILE_OPEN   a temporary file could not be made in the rule directory, or not initialised
  *       KXRULE_E_FILE_WRITE  a file could not be written or replaced, or memory ran out; the old file stays. Or what
  *                            would be written over was never read and could not be copied away first
- *                            (docs/recovery.md); nothing is written then
+ *                            (docs/recovery.md); that file is not written then, nor what comes after it
  */
 int32_t kxRuleWrite(void);
 
@@ -594,13 +597,16 @@ int32_t kxRuleGetMacroString(const PFW_MACRO* macro, char* text, int32_t textSiz
  *   applicationPath  NUL-terminated; compared ignoring case. Null: every rule whose dwSystem is 0.
  *   hash             20 bytes, or null. Null or all zero: compute the hash of every selected rule anew. Otherwise:
  *                    skip rules of applications that already hold it, give the others the hash computed from their
- *                    file, never this one; a SYSTEM rule takes it over in any case.
+ *                    file, never this one; a rule whose dwSystem is 1, selected by its name, takes it over
+ *                    in any case, until the next kxRuleRead.
  *   callback         called once per rule whose hash was set, or null; see KXRULE_HASH_CALLBACK
  *   context          handed to the callback
  * 0, or KXRULE_E_HASH_LIBRARY  KxHash.dll could not be loaded, or memory ran out
  *       any other value        the status with which kxCfwGetHashValue failed, unchanged
  * Whatever a rule's kind, the bytes 784 to 1329 of its record are taken for an access rule's fields: a rule of kind 6
  * is not refreshed in its own fields, and other kinds may have bytes 1306 to 1325 replaced when they look like a path.
+ * A stream rule whose text has 271 to 812 bytes looks so: a refresh of all applications asks for the hash of a part of
+ * that text, fails, and ends with that set. Refresh application by application where there are such rules.
  * Rules whose dwSystem is neither 0 nor 1 are left alone. An uninitialised library returns 0.
  * A rule that fails keeps its hash and does not stop its set; the walk ends after the first set with a failure and
  * returns that set's first one. Changed sets are written with the next timed write. Takes the master lock only, for as

@@ -157,7 +157,7 @@ int32_t CRuleMaster::AddRuleSet(uint16_t index, CRuleSet& ruleSet)
             return KXRULE_E_NO_RULESET;
         }
         const uint16_t assigned = index != 0 ? index : AllocateIndex();
-        MarkModified(assigned);
+        MarkModified(assigned); // first: a mark without a set harms nobody, a set without its mark is never written
         m_RuleSets.Emplace(assigned, std::move(ruleSet)).SetIndex(assigned);
         ruleSet.SetIndex(assigned); // NOLINT(bugprone-use-after-move): the caller asks the emptied set for its index
         m_NextIndex = assigned;

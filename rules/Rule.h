@@ -16,7 +16,8 @@ public:
     /// All bytes zero.
     CRule() noexcept;
     /// Copies the record. Kinds 1 and 6: address and port ranges are put in order, the last unit of wszAppName becomes
-    /// 0, and the hash is filled (see FillHash), whatever comes of that. Other kinds are kept as given.
+    /// 0, and the hash is filled, whatever comes of that: a rule of "SYSTEM" gets dwSystem 1 and a hash of zeroes, one
+    /// with another name, dwSystem 0 and a hash of zeroes gets the library's. Other kinds are kept as given.
     explicit CRule(const PFW_RULE& record);
     /// The same for a record that fill writes where it lies, which spares a copy. What fill throws is let through.
     template <std::invocable<PFW_RULE&> Fill>
