@@ -223,13 +223,13 @@ TEST_F(StoreTest, HashesAreRefreshedUpToTheFirstSetThatFails)
         return -1;
     };
 
-    library.SetHash('a');
+    library->SetHash('a');
     ASSERT_EQ(AddSet(7, {Build::Access(1, L"c.exe")}), 0);
     ASSERT_EQ(AddSet(3, {Build::Access(4, L"d.exe"), Build::Access(2, L"c.exe"), Build::Access(1, L"bad.exe")}), 0);
     ASSERT_EQ(AddSet(2, {Build::Access(9, L"C.exe"), Build::Access(8, L"SYSTEM"), Build::Access(7)}), 0);
     Reopen(); // nothing is pending
     EXPECT_EQ(hashes(), "--aaaaa");
-    library.SetHash('b');
+    library->SetHash('b');
     EXPECT_EQ(kxRuleUpdateHashValue(nullptr, nullptr, called, &calls), 31);
     EXPECT_EQ(calls, (std::vector<uint32_t>{209, 302, 304}));
     EXPECT_EQ(hashes(), "--babba");

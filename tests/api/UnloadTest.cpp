@@ -2,8 +2,8 @@
 #include <gtest/gtest.h>
 
 #include "api/KxPfwRule.h"
-#include "common/srclib/KxComn_Handle.h"
 #include "tests/standins/StandIn.h"
+#include "tests/support/OtherProcess.h"
 #include "tests/support/TempDir.h"
 
 namespace
@@ -39,19 +39,7 @@ TEST(UnloadTest, DISABLED_EndsTheProcess)
 
 TEST(UnloadTest, EndsWithItsProcess)
 {
-    std::wstring command = L"api_tests --gtest_also_run_disabled_tests --gtest_filter=*DISABLED_EndsTheProcess";
-    STARTUPINFOW startup = {};
-    startup.cb = sizeof startup;
-    startup.dwFlags = STARTF_USESTDHANDLES; // none: what it prints is of no interest
-    PROCESS_INFORMATION process = {};
-    ASSERT_TRUE(::CreateProcessW((TestFolder() / "api_tests.exe").c_str(), command.data(), nullptr, nullptr, FALSE, 0,
-                                 nullptr, nullptr, &startup, &process));
-    const KxCommon::UniqueKernelObject owner(process.hProcess), threadOwner(process.hThread);
-    if (::WaitForSingleObject(process.hProcess, 60000) != WAIT_OBJECT_0)
-        ::TerminateProcess(process.hProcess, 258); // hung
-    DWORD exitCode = 1;
-    ::GetExitCodeProcess(process.hProcess, &exitCode);
-    EXPECT_EQ(exitCode, 0u);
+    EXPECT_EQ(OtherProcess(L"EndsTheProcess").ExitCode(), 0u);
 }
 
 } // namespace

@@ -1,7 +1,6 @@
 #include <cerrno>
 #include <cstdio>
 #include <memory>
-#include <sstream>
 #include <string>
 #include <thread>
 #include <tuple>
@@ -11,10 +10,10 @@
 #include <gtest/gtest.h>
 
 #include "common/srclib/KxComn_DebugLog.h"
-#include "common/srclib/KxComn_Record.h"
 #include "common/srclib/KxComn_SecurityAttributes.h"
 #include "common/srclib/KxComn_Trace.h"
 #include "tests/standins/TraceStandIn.h"
+#include "tests/support/OtherProcess.h"
 #include "tests/support/TempDir.h"
 
 namespace
@@ -26,25 +25,7 @@ constexpr char kFile[] = "..\\dir/Some.cpp";
 
 std::string Ascii(const std::wstring& wide)
 {
-    std::string text;
-    for (const wchar_t unit : wide)
-        text += static_cast<char>(unit);
-    return text;
-}
-
-/// Flags, numbers and texts of a configuration, in the order of the record.
-std::string Describe(const DebugConfigWide& config)
-{
-    std::ostringstream out;
-    for (const uint8_t flag : {config.Head.bRobust, config.Head.bDebugger, config.Head.bEnable})
-        out << int{flag} << ' ';
-    for (const uint32_t number :
-         {config.Head.dwLogProcess, config.Head.dwLogUnitType, config.Head.dwUnit, config.Head.dwLevel})
-        out << number << ' ';
-    constexpr std::pair<size_t, size_t> kTexts[] = {{36, 32}, {100, 260}, {620, 256}, {1132, 256}, {1644, 256}};
-    for (const auto& [offset, units] : kTexts)
-        out << '|' << Ascii(Record::WideText(reinterpret_cast<const unsigned char*>(&config) + offset, units));
-    return out.str();
+    return {wide.begin(), wide.end()};
 }
 
 class DebugLogTest : public testing::Test
@@ -69,12 +50,10 @@ protected:
     }
     [[nodiscard]] TraceStandIn& Library() const { return *m_Library; }
     [[nodiscard]] std::string LastLine() const { return Ascii(Library()->Lines.back().Text); }
-    /// What lies between the component's name and the place.
-    [[nodiscard]] std::string LastMessage() const
+    /// The last line's message, with or without the place behind it.
+    void ExpectMessage(const std::string& message) const
     {
-        const std::string line = LastLine();
-        const size_t begin = line.find("> ") + 2;
-        return line.substr(begin, line.rfind(" - ") - begin);
+        EXPECT_NE((LastLine() + " - ").find("> " + message + " - "), std::string::npos) << LastLine();
     }
 
     TempDir m_Dir;
@@ -84,8 +63,8 @@ protected:
 
 TEST_F(DebugLogTest, HandsTheSettingsOver)
 {
-    const std::string name = "a name of thirty-two characters";
-    const std::string x(300, 'x');
+    const std::string name = "a name of thirty-two characters"; // that less the terminator
+    const std::string x(300, 'x'), x259(259, 'x'), x255(255, 'x');
     const std::tuple<std::string, uint32_t, std::string> rows[] = {
         {"", 1, "0 0 0 0 0 1 256 |" + name + "|c:\\temp\\|VQR_|KxPfw|log"},
         {"", 0, "0 0 0 0 0 0 256 |" + name + "|c:\\temp\\|VQR_|KxProxy|log"},
@@ -95,70 +74,53 @@ TEST_F(DebugLogTest, HandsTheSettingsOver)
          "LogFile=f\r\nLogExtension=txt\r\nRobust=1\r\nDebugger=7\r\n",
          1, "1 1 1 3 4 1 273 |" + name + "|d:\\logs|p|f|txt"},
         {"LogFolder=" + x + "\r\nLogPrefix=" + x + "\r\nLogFile=" + x + "\r\nLogExtension=" + x + "\r\n", 1,
-         "0 0 0 0 0 1 256 |" + name + '|' + x.substr(0, 259) + '|' + x.substr(0, 255) + '|' + x.substr(0, 255) + '|' +
-             x.substr(0, 255)},
+         "0 0 0 0 0 1 256 |" + name + '|' + x259 + '|' + x255 + '|' + x255 + '|' + x255},
     };
     m_Library = std::make_unique<TraceStandIn>(m_Dir.Path());
     for (const auto& [settings, unit, expected] : rows)
     {
         WriteSettings(settings);
-        ASSERT_TRUE(Initialize(Storage::kIniFile, (name + ".").c_str(), unit)); // one more than the field holds
-        EXPECT_EQ(Describe(Library()->Configs.back()), expected);
-        EXPECT_EQ(Library()->Configs.back().Head.bServiceSession, IsServiceSession() ? 1 : 0);
+        ASSERT_TRUE(Initialize(Storage::kIniFile, (name + ".").c_str(), unit));
+        EXPECT_EQ(Describe(Library()->Configs.back()), (IsServiceSession() ? "1 " : "0 ") + expected);
         EXPECT_GE(uint16_t{Library()->Configs.back().Head.ReadTime.wYear}, 2024);
         g_DebugLog.Uninitialize();
     }
 }
 
-TEST_F(DebugLogTest, AFailedStartLeavesNothingBehind)
+TEST_F(DebugLogTest, WorksWithWhatTheLibraryHasAndLeavesNothingBehind)
 {
-    const std::tuple<const char*, const char*, uint32_t, int32_t, uint64_t> rows[] = {
-        // name; the library (null: none, empty: no library), storage; result and handle of its start
-        {"no library", nullptr, Storage::kIniFile, 0, 1},    {"a damaged library", "", Storage::kIniFile, 0, 1},
-        {"a failing one", "whole", Storage::kIniFile, 5, 1}, {"a null handle", "whole", Storage::kIniFile, 0, 0},
-        {"no entry point", "no-initialize", 1, 0, 1},        {"an unknown storage", "whole", 2, 0, 1},
+    const std::tuple<std::string, uint32_t, int32_t, uint64_t, int32_t, bool, bool> rows[] = {
+        // library, storage; result and handle of its start, result of its trace; whether it starts, whether it writes
+        {"missing", 1, 0, 7, 0, false, false},       {"damaged", 1, 0, 7, 0, false, false},
+        {"no-initialize", 1, 0, 7, 0, false, false}, {"whole", 1, 5, 7, 0, false, false},
+        {"whole", 1, 0, 0, 0, false, false},         {"whole", 2, 0, 7, 0, false, false},
+        {"whole", 1, 0, 7, 0, true, true},           {"whole", 1, 0, 7, 5, true, false},
+        {"no-trace", 1, 0, 7, 0, true, false},       {"no-config", 1, 0, 7, 0, true, true},
+        {"no-uninitialize", 1, 0, 7, 0, true, true},
     };
-    for (const auto& [name, variant, kind, result, handle] : rows)
+    WriteSettings("Enable=1\r\n");
+    for (const auto& [variant, kind, startResult, handle, traceResult, starts, writes] : rows)
     {
-        SCOPED_TRACE(name);
+        SCOPED_TRACE(testing::Message() << variant << kind << startResult << handle << traceResult);
         m_Library.reset();
-        WriteBytes(m_Dir / "KxVqrDbg.dll", "MZ no library");
-        if (variant == nullptr)
-            std::filesystem::remove(m_Dir / "KxVqrDbg.dll");
-        else if (*variant != '\0')
+        std::filesystem::remove(m_Dir / "KxVqrDbg.dll");
+        if (variant == "damaged")
+            WriteBytes(m_Dir / "KxVqrDbg.dll", "MZ no library");
+        else if (variant != "missing")
         {
             m_Library = std::make_unique<TraceStandIn>(m_Dir.Path(), variant);
-            Library()->InitializeResult = result;
+            Library()->InitializeResult = startResult;
             Library()->Handle = handle;
+            Library()->TraceResult = traceResult;
         }
-        EXPECT_FALSE(Initialize(kind));
-        EXPECT_FALSE(g_TraceActive);
-        EXPECT_FALSE(g_DebugLog.Trace(kFile, 1, kTraceError, "lost"));
-        EXPECT_TRUE(m_Library == nullptr || (Library()->Lines.empty() && Library().Release()));
-        EXPECT_FALSE(g_DebugLog.Uninitialize());
-    }
-}
-
-TEST_F(DebugLogTest, WorksWithWhatTheLibraryHasAndEndsIt)
-{
-    const std::tuple<const char*, int32_t, bool, size_t> rows[] = {
-        // library, result of its trace; whether that is success, calls of its end
-        {"whole", 0, true, 1},     {"whole", 7, false, 1},          {"no-trace", 0, false, 1},
-        {"no-config", 0, true, 1}, {"no-uninitialize", 0, true, 0},
-    };
-    for (const auto& [variant, result, isWritten, ended] : rows)
-    {
-        SCOPED_TRACE(variant);
-        Start(variant);
-        Library()->TraceResult = result;
-        EXPECT_TRUE(g_TraceActive);
-        EXPECT_EQ(g_DebugLog.Trace(kFile, 1, 2, "m"), isWritten);
-        EXPECT_TRUE(g_DebugLog.Uninitialize());
-        EXPECT_FALSE(g_TraceActive);
-        EXPECT_EQ(Library()->Ended, std::vector<uint64_t>(ended, 0x1234567890u));
-        EXPECT_FALSE(g_DebugLog.Trace(kFile, 1, 2, "lost"));
-        EXPECT_FALSE(g_DebugLog.Uninitialize());
-        EXPECT_TRUE(Library().Release()) << "still loaded";
+        EXPECT_EQ(Initialize(kind), starts);
+        EXPECT_EQ(g_TraceActive, starts);
+        EXPECT_EQ(g_DebugLog.Trace(kFile, 1, kTraceError, "m"), writes);
+        EXPECT_EQ(g_DebugLog.Uninitialize(), starts);
+        EXPECT_FALSE(g_TraceActive || g_DebugLog.Trace(kFile, 1, kTraceError, "lost") || g_DebugLog.Uninitialize());
+        const bool isEnded = starts && variant != "no-uninitialize";
+        EXPECT_TRUE(m_Library == nullptr || Library()->Ended == std::vector<uint64_t>(isEnded ? 1 : 0, handle));
+        EXPECT_TRUE(m_Library == nullptr || Library().Release()) << "still loaded";
     }
 }
 
@@ -184,10 +146,9 @@ TEST_F(DebugLogTest, ALineLooksLikeThis)
         EXPECT_EQ(Library()->Lines.back().Handle, 0x1234567890u);
     }
     KX_TRACE(kTraceError, "by macro");
-    EXPECT_EQ(LastMessage(), "by macro");
+    ExpectMessage("by macro");
     KX_TRACE_WIDE(kTraceError, L"by [%S] %s", "wide", L"macro");
-    EXPECT_EQ(LastMessage(), "by [wide] macro");
-    EXPECT_NE(LastLine().find(" - DebugLogWinTest.cpp("), std::string::npos);
+    ExpectMessage("by [wide] macro - DebugLogWinTest.cpp(" + std::to_string(__LINE__ - 1) + ")\r\n");
     g_DebugLog.Uninitialize();
     int evaluated = 0;
     KX_TRACE(kTraceError, "off %d", ++evaluated);
@@ -199,26 +160,27 @@ TEST_F(DebugLogTest, MessagesFitOrAreLeftOut)
     Start();
     for (const size_t length : {0, 255, 256, 1023, 1024, 4095, 4096, 100000})
     {
-        const std::string expected(length > 4095 ? 0 : length, 'm');
         EXPECT_TRUE(g_DebugLog.Trace(kFile, 1, 1, "%s", std::string(length, 'm').c_str())) << length;
-        EXPECT_EQ(LastMessage(), expected) << length;
+        ExpectMessage(std::string(length > 4095 ? 0 : length, 'm'));
         EXPECT_TRUE(g_DebugLog.TraceWide(L"Some.cpp", 1, 1, L"%s", std::wstring(length, L'm').c_str())) << length;
-        EXPECT_EQ(LastMessage(), expected) << length;
+        ExpectMessage(std::string(length > 4095 ? 0 : length, 'm'));
     }
-    const std::string wideText = "%*s(%S)";
-    const char* const noFormat = nullptr;
-    const wchar_t* const noWideFormat = nullptr;
-    EXPECT_TRUE(g_DebugLog.Trace(kFile, 1, 1, wideText.c_str(), 1, "x", L"C:\\app.exe"));
-    EXPECT_EQ(LastMessage(), "x(C:\\app.exe)");
-    for (const int width : {1, 300, 4090}) // no counterpart in the C library's locale, near each buffer's end
+    const std::tuple<const char*, int, const wchar_t*, const char*> rows[] = {
+        {"%*s(%S)", 1, L"C:\\app.exe", "x(C:\\app.exe)"},
+        // no counterpart in the C library's locale, near each buffer's end
+        {"%*s(%S)", 1, L"\x65E5\x672C", "(debug log error)"},
+        {"%*s(%S)", 300, L"\x65E5\x672C", "(debug log error)"},
+        {"%*s(%S)", 4090, L"\x65E5\x672C", "(debug log error)"},
+        {nullptr, 1, L"", "(debug log error) NULL _lpctszFormat"},
+    };
+    for (const auto& [format, width, text, expected] : rows)
     {
-        EXPECT_TRUE(g_DebugLog.Trace(kFile, 1, 1, wideText.c_str(), width, "x", L"\x65E5\x672C"));
-        EXPECT_EQ(LastMessage(), "(debug log error)");
+        EXPECT_TRUE(g_DebugLog.Trace(kFile, 1, 1, format, width, "x", text));
+        ExpectMessage(expected);
     }
-    EXPECT_TRUE(g_DebugLog.Trace(kFile, 1, 1, noFormat));
-    EXPECT_EQ(LastMessage(), "(debug log error) NULL _lpctszFormat");
-    EXPECT_TRUE(g_DebugLog.TraceWide(nullptr, 1, 1, noWideFormat));
-    EXPECT_EQ(LastMessage(), "(debug log error) NULL _lpctszFormat");
+    const wchar_t* const noFormat = nullptr;
+    EXPECT_TRUE(g_DebugLog.TraceWide(nullptr, 1, 1, noFormat));
+    ExpectMessage("(debug log error) NULL _lpctszFormat");
 }
 
 TEST_F(DebugLogTest, WritesWhatTheSettingsOfTheMomentAllow)
@@ -285,10 +247,9 @@ TEST_F(DebugLogTest, Dumps)
     for (const auto& [data, size, expected] : table)
     {
         EXPECT_TRUE(g_DebugLog.Dump(kFile, 9, 1, data, size));
-        EXPECT_EQ(LastMessage(), ">>> dump memory" + expected);
+        ExpectMessage(">>> dump memory" + expected + " - Some.cpp(9)\r\n");
         EXPECT_TRUE(g_DebugLog.DumpWide(L"dir\\Some.cpp", 9, 1, data, size));
-        EXPECT_EQ(LastMessage(), ">>> dump memory" + expected);
-        EXPECT_TRUE(LastLine().ends_with(" - Some.cpp(9)\r\n"));
+        ExpectMessage(">>> dump memory" + expected + " - Some.cpp(9)\r\n");
     }
 }
 
@@ -335,11 +296,11 @@ TEST_F(DebugLogTest, EightThreadsWriteWholeLinesInOrder)
     for (const TraceStandInState::Line& line : Library()->Lines)
     {
         const std::string text = Ascii(line.Text);
-        unsigned id = 8;
-        int index = -1;
-        ASSERT_EQ(std::sscanf(text.c_str() + text.find('['), "[%u:%d]", &id, &index), 2) << text;
-        EXPECT_EQ(index, next[id % 8]++) << text;
-        EXPECT_NE(text.find("]" + std::string(id * 150, 'x') + " - DebugLogWinTest.cpp("), std::string::npos) << text;
+        const size_t begin = text.find('[');
+        const size_t id = static_cast<size_t>(text.at(begin + 1) - '0') % 8;
+        const std::string expected = "[" + std::to_string(id) + ":" + std::to_string(next[id]++) + "]" +
+                                     std::string(id * 150, 'x') + " - DebugLogWinTest.cpp(";
+        ASSERT_EQ(text.substr(begin, expected.size()), expected);
     }
 }
 
@@ -368,22 +329,7 @@ TEST_F(DebugLogTest, DISABLED_EndsTheProcessWhileTracing)
 
 TEST_F(DebugLogTest, AProcessMayEndWhileTracing)
 {
-    std::wstring command = L"windows_tests --gtest_also_run_disabled_tests --gtest_filter=*EndsTheProcessWhileTracing";
-    wchar_t self[MAX_PATH] = {};
-    ::GetModuleFileNameW(nullptr, self, MAX_PATH);
-    STARTUPINFOW startup = {};
-    startup.cb = sizeof startup;
-    startup.dwFlags = STARTF_USESTDHANDLES; // none: what it prints is of no interest
-    PROCESS_INFORMATION process = {};
-    ASSERT_TRUE(
-        ::CreateProcessW(self, command.data(), nullptr, nullptr, FALSE, 0, nullptr, nullptr, &startup, &process));
-    const UniqueKernelObject owner(process.hProcess);
-    const UniqueKernelObject threadOwner(process.hThread);
-    if (::WaitForSingleObject(process.hProcess, 60000) != WAIT_OBJECT_0)
-        ::TerminateProcess(process.hProcess, 258); // hung
-    DWORD exitCode = 0;
-    ::GetExitCodeProcess(process.hProcess, &exitCode);
-    EXPECT_EQ(exitCode, 42u);
+    EXPECT_EQ(OtherProcess(L"EndsTheProcessWhileTracing").ExitCode(), 42u);
 }
 
 } // namespace

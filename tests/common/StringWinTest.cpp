@@ -1,13 +1,12 @@
-#include <memory>
 #include <string>
 #include <tuple>
 #include <utility>
-#include <vector>
 
 #include <gtest/gtest.h>
 
 #include "common/srclib/KxComn_String.h"
 #include "common/srclib/Utility.h"
+#include "tests/support/Thrown.h"
 
 namespace
 {
@@ -67,28 +66,19 @@ TEST(String, FormatGrowsToAnyLengthOrThrows)
 {
     for (const size_t length : {0, 1, 255, 256, 257, 511, 512, 1000, 70000})
     {
+        const std::string text(length, 'x');
+        const std::wstring wideText(length, L'y');
         std::string narrow = "old";
-        EXPECT_TRUE(String::Format(narrow, "%s", std::string(length, 'x').c_str()));
-        EXPECT_EQ(narrow, std::string(length, 'x'));
         std::wstring wide = L"old";
-        EXPECT_TRUE(String::Format(wide, L"%s", std::wstring(length, L'y').c_str()));
-        EXPECT_EQ(wide, std::wstring(length, L'y'));
+        EXPECT_TRUE(String::Format(narrow, "%s", text.c_str()) && narrow == text) << length;
+        EXPECT_TRUE(String::Format(wide, L"%s", wideText.c_str()) && wide == wideText) << length;
     }
     const std::pair<const char*, uint32_t> rows[] = {{nullptr, ERROR_INVALID_PARAMETER}, {"%S", ERROR_INVALID_DATA}};
     for (const auto& [format, code] : rows)
     {
         std::string out = "old";
-        try
-        {
-            String::Format(out, format, L"\x65E5"); // no counterpart in the C library's locale
-            ADD_FAILURE() << "no exception";
-        }
-        catch (String::Exception* e)
-        {
-            const std::unique_ptr<Exception::Base> owner(e);
-            EXPECT_EQ(e->Code(), code);
-            EXPECT_STREQ(e->Source(), "..\\..\\..\\Common\\srclib\\KxComn_String.cpp");
-        }
+        const auto fails = [&, bad = format] { String::Format(out, bad, L"\x65E5"); }; // not in the C library's locale
+        EXPECT_EQ(Thrown<String::Exception>("String", fails), code);
         EXPECT_EQ(out, "old");
     }
 }

@@ -1,9 +1,8 @@
-#include <functional>
-#include <memory>
+#include "common/srclib/KxComn_ThreadBase.h"
 
 #include <gtest/gtest.h>
 
-#include "common/srclib/KxComn_ThreadBase.h"
+#include "tests/support/Thrown.h"
 
 namespace
 {
@@ -11,20 +10,10 @@ namespace
 using namespace KxCommon;
 using AccessControl::DefSecAttr;
 
-/// The code of the exception that work throws, 0 when it throws none.
-uint32_t CodeOf(const std::function<void()>& work)
+template <class Work>
+uint32_t CodeOf(const Work& work)
 {
-    try
-    {
-        work();
-        return 0;
-    }
-    catch (Thread::Exception* e)
-    {
-        const std::unique_ptr<Exception::Base> owner(e);
-        EXPECT_STREQ(e->Source(), "..\\..\\..\\Common\\srclib\\KxComn_ThreadBase.cpp");
-        return e->Code();
-    }
+    return Thrown<Thread::Exception>("ThreadBase", work);
 }
 
 unsigned __stdcall WaitFor(void* event)
@@ -33,66 +22,51 @@ unsigned __stdcall WaitFor(void* event)
     return 5;
 }
 
-class ThreadBase : public testing::Test
+// Three threads one after the other: one runs to its end, two are terminated, before and after their start. Of the
+// latter somebody else closes the handle: each call's own error comes out, and Close resets all the same.
+TEST(ThreadBase, RunsWaitsAndTerminates)
 {
-protected:
-    void ExpectNoThread()
-    {
-        EXPECT_TRUE(m_Thread.Handle() == nullptr && m_Thread.ThreadId() == 0);
-        EXPECT_EQ(m_Thread.DefaultTimeout(), 0xFFFFFFFFu);
-        EXPECT_FALSE(m_Thread.IsRunning());
-        EXPECT_EQ(CodeOf([&] { m_Thread.Start(false, 0, THREAD_PRIORITY_NORMAL); }), 6u);
-        EXPECT_EQ(CodeOf([&] { m_Thread.Wait(); }), 6u);
-        EXPECT_EQ(CodeOf([&] { m_Thread.Close(); }), 6u);
-        EXPECT_EQ(CodeOf([&] { m_Thread.Terminate(); }), 6u);
-    }
-
-    UniqueKernelObject m_GoOn{::CreateEventW(nullptr, TRUE, FALSE, nullptr)};
-    Thread::Base m_Thread;
-};
-
-TEST_F(ThreadBase, RunsToItsEnd)
-{
-    ExpectNoThread();
-    EXPECT_EQ(CodeOf([&] { m_Thread.Create(DefSecAttr, nullptr, nullptr); }), 6u);
+    const UniqueKernelObject goOn(::CreateEventW(nullptr, TRUE, TRUE, nullptr));
     AccessControl::SecurityAttributes everyone;
     ASSERT_TRUE(everyone.AllowEveryone());
-    m_Thread.Create(everyone, WaitFor, m_GoOn.get());
-    DWORD value = 0;
-    EXPECT_TRUE(::GetHandleInformation(m_Thread.Handle(), &value) && value == HANDLE_FLAG_INHERIT);
-    EXPECT_EQ(m_Thread.ThreadId(), ::GetThreadId(m_Thread.Handle()));
-    EXPECT_EQ(CodeOf([&] { m_Thread.Create(DefSecAttr, WaitFor, nullptr); }), uint32_t{ERROR_ALREADY_EXISTS});
-    ::SetEvent(m_GoOn.get());
-    EXPECT_EQ(CodeOf([&] { m_Thread.Start(false, 0, 12345); }), 87u) << "no such priority";
-    EXPECT_EQ(CodeOf([&] { m_Thread.Wait(0); }), 258u) << "it is still suspended";
-    EXPECT_TRUE(m_Thread.IsRunning());
-    m_Thread.Start(true, INFINITE, THREAD_PRIORITY_ABOVE_NORMAL);
-    EXPECT_EQ(::GetThreadPriority(m_Thread.Handle()), THREAD_PRIORITY_ABOVE_NORMAL);
-    EXPECT_FALSE(m_Thread.IsRunning());
-    EXPECT_TRUE(::GetExitCodeThread(m_Thread.Handle(), &value) && value == 5);
-    m_Thread.SetDefaultTimeout(1);
-    m_Thread.Close();
-    ExpectNoThread();
-}
-
-// In the end somebody else closes the handle: each call's own error comes out, and Close resets all the same.
-TEST_F(ThreadBase, WaitsAsToldAndTerminates)
-{
-    for (const bool isStarted : {false, true})
+    Thread::Base thread;
+    for (const int round : {0, 1, 2, 3})
     {
-        m_Thread.Create(DefSecAttr, WaitFor, m_GoOn.get());
-        DWORD value = 0;
-        EXPECT_TRUE(::GetHandleInformation(m_Thread.Handle(), &value) && value == 0) << "default security";
-        EXPECT_TRUE(!isStarted || CodeOf([&] { m_Thread.Start(true, 1, THREAD_PRIORITY_NORMAL); }) == 258u);
-        m_Thread.SetDefaultTimeout(0);
-        EXPECT_EQ(CodeOf([&] { m_Thread.Wait(); }), 258u);
-        m_Thread.Terminate();
-        EXPECT_TRUE(m_Thread.Wait(INFINITE));
-        EXPECT_TRUE(::GetExitCodeThread(m_Thread.Handle(), &value) && value == 995);
-        ::CloseHandle(m_Thread.Handle());
-        EXPECT_EQ(CodeOf([&] { (void)m_Thread.IsRunning(); }), 6u);
-        EXPECT_EQ(CodeOf([&] { m_Thread.Close(); }), 6u);
-        ExpectNoThread();
+        EXPECT_TRUE(thread.Handle() == nullptr && thread.ThreadId() == 0 && !thread.IsRunning());
+        EXPECT_EQ(thread.DefaultTimeout(), 0xFFFFFFFFu);
+        EXPECT_EQ(CodeOf([&] { thread.Start(false, 0, THREAD_PRIORITY_NORMAL); }), 6u);
+        EXPECT_EQ(CodeOf([&] { thread.Wait(); }), 6u);
+        EXPECT_EQ(CodeOf([&] { thread.Close(); }), 6u);
+        EXPECT_EQ(CodeOf([&] { thread.Terminate(); }), 6u);
+        EXPECT_EQ(CodeOf([&] { thread.Create(DefSecAttr, nullptr, nullptr); }), 6u);
+        if (round == 3)
+            break;
+
+        thread.Create(round == 0 ? everyone : DefSecAttr, WaitFor, goOn.get());
+        DWORD flags = 9, exitCode = 0;
+        EXPECT_TRUE(::GetHandleInformation(thread.Handle(), &flags) && flags == (round == 0 ? 1u : 0u)) << "inherited";
+        EXPECT_EQ(thread.ThreadId(), ::GetThreadId(thread.Handle()));
+        EXPECT_EQ(CodeOf([&] { thread.Create(DefSecAttr, WaitFor, nullptr); }), 183u);
+        EXPECT_EQ(CodeOf([&] { thread.Start(false, 0, 12345); }), 87u) << "no such priority";
+        thread.SetDefaultTimeout(0);
+        EXPECT_EQ(CodeOf([&] { thread.Wait(); }), 258u) << "it is still suspended";
+        EXPECT_TRUE(thread.IsRunning());
+        if (round == 0)
+        {
+            thread.Start(true, INFINITE, THREAD_PRIORITY_ABOVE_NORMAL);
+            EXPECT_EQ(::GetThreadPriority(thread.Handle()), THREAD_PRIORITY_ABOVE_NORMAL);
+            EXPECT_TRUE(::GetExitCodeThread(thread.Handle(), &exitCode) && exitCode == 5 && !thread.IsRunning());
+            thread.Close();
+            ::ResetEvent(goOn.get());
+            continue;
+        }
+        EXPECT_TRUE(round == 1 || CodeOf([&] { thread.Start(true, 1, THREAD_PRIORITY_NORMAL); }) == 258u);
+        thread.Terminate();
+        EXPECT_TRUE(thread.Wait(INFINITE));
+        EXPECT_TRUE(::GetExitCodeThread(thread.Handle(), &exitCode) && exitCode == 995);
+        ::CloseHandle(thread.Handle());
+        EXPECT_EQ(CodeOf([&] { (void)thread.IsRunning(); }), 6u);
+        EXPECT_EQ(CodeOf([&] { thread.Close(); }), 6u);
     }
 }
 

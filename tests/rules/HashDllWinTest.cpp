@@ -86,7 +86,7 @@ TEST_F(HashDllTest, HashesWhatARecordHolds)
             std::memset(record, 0xAA, sizeof record);
             std::memcpy(name, path.c_str(), std::min<size_t>(path.size() + 1, 261) * 2);
             library->Status = status;
-            library.SetHash(0x5C);
+            library->SetHash(0x5C);
             CHashDll hash;
             ASSERT_TRUE(hash.Init());
             EXPECT_EQ(hash.GetHashValue(name, value), status);

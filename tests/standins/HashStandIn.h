@@ -19,6 +19,9 @@
 
 struct HashStandInState
 {
+    static constexpr const char* kLibrary = "KxHash.dll";
+    void SetHash(uint8_t byte) { std::memset(Hash, byte, sizeof Hash); }
+
     int32_t Status = 0;
     uint8_t Hash[KXRULE_HASH_BYTES] = {}; // written whatever the status
     void (*OnCall)(const wchar_t* path) = nullptr;
@@ -26,12 +29,4 @@ struct HashStandInState
     DWORD ErrorMode = 0;             // of the thread that loaded the library
 };
 
-class HashStandIn : public StandIn<HashStandInState>
-{
-public:
-    explicit HashStandIn(const std::filesystem::path& folder, const std::string& variant = "whole")
-        : StandIn("KxHash.dll", folder, variant)
-    {
-    }
-    void SetHash(uint8_t byte) const { std::memset((*this)->Hash, byte, KXRULE_HASH_BYTES); }
-};
+using HashStandIn = StandIn<HashStandInState>;

@@ -1,4 +1,4 @@
-// How a test holds a stand-in library.
+// How a test holds a library: one of the product's, or a stand-in for one.
 #pragma once
 
 #include <filesystem>
@@ -15,41 +15,68 @@
     return std::filesystem::path(path).parent_path();
 }
 
-/// Copies a stand-in into the folder where the code under test will look for it and holds it from then on, so that
-/// what it has recorded outlives the loading and releasing by others. State is what the two share.
-template <class State>
-class StandIn
+/// A library that is loaded as its host does it: at run time, from a file.
+class LoadedLibrary
 {
 public:
-    /// @param variant  the folder below bin/standins
-    StandIn(const char* library, const std::filesystem::path& folder, const std::string& variant = "whole")
-        : m_Path(folder / library)
+    explicit LoadedLibrary(const std::filesystem::path& file) : m_File(file), m_Module(::LoadLibraryW(file.c_str()))
     {
-        std::filesystem::copy_file(TestFolder() / "standins" / variant / library, m_Path,
-                                   std::filesystem::copy_options::overwrite_existing);
-        m_Module = ::LoadLibraryW(m_Path.c_str());
         if (m_Module == nullptr)
-            throw std::runtime_error("cannot load the stand-in " + m_Path.string());
-        void* const address = reinterpret_cast<void*>(::GetProcAddress(m_Module, "KxStandInState"));
-        m_State = reinterpret_cast<State* (*)()>(address)();
+            throw std::runtime_error("cannot load " + file.string());
     }
-    ~StandIn() { Release(); }
-    StandIn(const StandIn&) = delete;
-    StandIn& operator=(const StandIn&) = delete;
+    /// Loads a copy from the folder where the code under test will look for it, or where it looks for its settings.
+    LoadedLibrary(const std::filesystem::path& file, const std::filesystem::path& folder)
+        : LoadedLibrary((std::filesystem::copy_file(file, folder / file.filename(),
+                                                    std::filesystem::copy_options::overwrite_existing),
+                         folder / file.filename()))
+    {
+    }
+    ~LoadedLibrary() { Release(); }
+    LoadedLibrary(const LoadedLibrary&) = delete;
+    LoadedLibrary& operator=(const LoadedLibrary&) = delete;
 
-    State* operator->() const noexcept { return m_State; }
-
+    struct Address
+    {
+        void* Value;
+        template <class Function>
+        operator Function*() const
+        {
+            return reinterpret_cast<Function*>(Value);
+        }
+    };
+    /// Whatever function it is assigned to.
+    [[nodiscard]] Address Find(const char* name) const
+    {
+        return {reinterpret_cast<void*>(::GetProcAddress(m_Module, name))};
+    }
     /// Gives the library up. True when nobody else holds it: it is gone.
     bool Release()
     {
         if (m_Module != nullptr)
             ::FreeLibrary(m_Module);
         m_Module = nullptr;
-        return ::GetModuleHandleW(m_Path.c_str()) == nullptr;
+        return ::GetModuleHandleW(m_File.c_str()) == nullptr;
     }
 
 private:
-    std::filesystem::path m_Path;
-    HMODULE m_Module = nullptr;
-    State* m_State = nullptr;
+    std::filesystem::path m_File;
+    HMODULE m_Module;
+};
+
+/// Holds a stand-in, so that what it has recorded outlives the loading and releasing by others. State is what test and
+/// stand-in share; variant the folder below bin/standins.
+template <class State>
+class StandIn : public LoadedLibrary
+{
+public:
+    explicit StandIn(const std::filesystem::path& folder, const std::string& variant = "whole")
+        : LoadedLibrary(TestFolder() / "standins" / variant / State::kLibrary, folder)
+    {
+        State* (*const state)() = Find("KxStandInState");
+        m_State = state();
+    }
+    State* operator->() const noexcept { return m_State; }
+
+private:
+    State* m_State;
 };

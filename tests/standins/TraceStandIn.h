@@ -13,7 +13,10 @@
 
 #include <atomic>
 #include <cstdint>
+#include <cstring>
+#include <sstream>
 #include <string>
+#include <type_traits>
 #include <vector>
 
 #include "common/srclib/KxComn_DebugConfig.h"
@@ -21,6 +24,8 @@
 
 struct TraceStandInState
 {
+    static constexpr const char* kLibrary = "KxVqrDbg.dll";
+
     // Orders.
     int32_t InitializeResult = 0;
     uint64_t Handle = 0x1234567890; // what KxDbgInitialize hands out
@@ -48,11 +53,34 @@ struct TraceStandInState
     std::atomic<bool> Overlapped{false};
 };
 
-class TraceStandIn : public StandIn<TraceStandInState>
+using TraceStandIn = StandIn<TraceStandInState>;
+
+/// A configuration as text: flags, numbers and texts in the order of the record. A unit beyond ASCII as its number; a
+/// star for what is left behind a text's end.
+template <class Character>
+std::string Describe(const KxCommon::DebugConfigRecord<Character>& config)
 {
-public:
-    explicit TraceStandIn(const std::filesystem::path& folder, const std::string& variant = "whole")
-        : StandIn("KxVqrDbg.dll", folder, variant)
+    const KxCommon::DebugConfigHead head = config.Head;
+    std::ostringstream out;
+    for (const uint32_t number :
+         {uint32_t{head.bServiceSession}, uint32_t{head.bRobust}, uint32_t{head.bDebugger}, uint32_t{head.bEnable},
+          uint32_t{head.dwLogProcess}, uint32_t{head.dwLogUnitType}, uint32_t{head.dwUnit}, uint32_t{head.dwLevel}})
+        out << number << ' ';
+    const unsigned char* at = reinterpret_cast<const unsigned char*>(&config) + sizeof head;
+    for (const size_t units : {32, 260, 256, 256, 256})
     {
+        out << '|';
+        bool hasEnded = false;
+        for (size_t i = 0; i < units; ++i, at += sizeof(Character))
+        {
+            std::make_unsigned_t<Character> unit;
+            std::memcpy(&unit, at, sizeof unit);
+            if (unit >= 128)
+                out << '#' << unit + 0u;
+            else if (unit != 0)
+                out << (hasEnded ? '*' : static_cast<char>(unit));
+            hasEnded = hasEnded || unit == 0;
+        }
     }
-};
+    return out.str();
+}
