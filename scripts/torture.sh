@@ -1,7 +1,7 @@
 #!/bin/bash
-# torture.sh [MINUTES]: tries to lose a rule, for half an hour unless told otherwise: kills the writer, lets calls fail,
-# fills the disk, damages files, loads the library with threads, fuzzes the readers. Ends with a table of what was tried
-# and lost; fails when anything was.
+# torture.sh [MINUTES [PRESET]]: tries to lose a rule, for half an hour unless told otherwise: kills the writer, lets
+# calls fail, fills the disk, damages files, loads the library with threads, fuzzes the readers. Ends with a table of
+# what was tried and lost; fails when anything was. The preset is debug, whose assertions see more, or release.
 . "$(dirname "$0")/steps.sh" 4
 
 step "packages"
@@ -11,13 +11,14 @@ cmake/wine-run.sh & # a new Wine prefix takes some seconds; the compiler leaves 
 prefix=$!
 trap stopWine EXIT
 export NINJA_STATUS='    [%f/%t] '
-step "build (debug)"
-configure debug
-cmake --build --preset debug --target torture_tests victim
+preset=${2:-debug}
+step "build ($preset)"
+configure "$preset"
+cmake --build --preset "$preset" --target torture_tests victim kx_standins
 step "build (fuzz)"
 configure fuzz
 cmake --build --preset fuzz
 wait $prefix
 
 step "campaigns"
-python3 scripts/torture.py --preset debug --minutes "${1:-30}"
+python3 scripts/torture.py --preset "$preset" --minutes "${1:-30}"

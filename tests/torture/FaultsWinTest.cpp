@@ -52,7 +52,7 @@ protected:
 
 TEST_F(FaultsTest, AnyFileCallOfAWriteMayFail)
 {
-    Campaign campaign("file call of a write fails");
+    Campaign campaign("fails: file call of a write fails");
     struct
     {
         const char* name;
@@ -82,7 +82,7 @@ TEST_F(FaultsTest, AnyFileCallOfAWriteMayFail)
                     g_FileFaults.Arm(k, isForGood, error);
                     const int32_t result = row.write();
                     hasFailed = g_FileFaults.Disarm();
-                    static_cast<void>(campaign.Next(UINT64_MAX));
+                    campaign.Count(1);
                     EXPECT_LE(Handles(), handles);
                     const Files now = Snapshot();
                     EXPECT_TRUE(result == 0 || result == KXRULE_E_FILE_OPEN || result == KXRULE_E_FILE_WRITE) << result;
@@ -101,7 +101,7 @@ TEST_F(FaultsTest, AnyFileCallOfAWriteMayFail)
 
 TEST_F(FaultsTest, AnyFileCallOfADeletionMayFail)
 {
-    Campaign campaign("file call of a deletion fails");
+    Campaign campaign("fails: file call of a deletion fails");
     bool hasFailed = true;
     for (uint32_t k = 1; hasFailed; ++k)
     {
@@ -112,7 +112,7 @@ TEST_F(FaultsTest, AnyFileCallOfADeletionMayFail)
         g_FileFaults.Arm(k, true, ERROR_ACCESS_DENIED);
         const int32_t result = kxRuleDeleteRuleSet(1);
         hasFailed = g_FileFaults.Disarm();
-        static_cast<void>(campaign.Next(UINT64_MAX));
+        campaign.Count(1);
         const Files now = Snapshot();
         EXPECT_EQ(now.at("KxRl0002.dat"), m_Before.at("KxRl0002.dat"));
         EXPECT_TRUE(result == 0 || now == m_Before) << "files deleted though the list still names them";
@@ -126,7 +126,7 @@ TEST_F(FaultsTest, AnyFileCallOfADeletionMayFail)
 
 TEST_F(FaultsTest, NoFailureOfAReadLosesAFile)
 {
-    Campaign campaign("file call of a read fails");
+    Campaign campaign("fails: file call of a read fails");
     for (const DWORD error : {ERROR_ACCESS_DENIED, ERROR_CRC, ERROR_NOT_ENOUGH_MEMORY})
     {
         for (const bool isForGood : {false, true})
@@ -143,7 +143,7 @@ TEST_F(FaultsTest, NoFailureOfAReadLosesAFile)
                 g_FileFaults.Arm(k, isForGood, error);
                 const int32_t result = kxRuleRead();
                 hasFailed = g_FileFaults.Disarm();
-                static_cast<void>(campaign.Next(UINT64_MAX));
+                campaign.Count(1);
                 EXPECT_LE(Handles(), handles);
                 EXPECT_TRUE(result == 0 || result == KXRULE_E_FILE_OPEN || result == KXRULE_E_FILE_READ ||
                             result == KXRULE_E_FILE_WRITE)
@@ -169,7 +169,7 @@ TEST_F(FaultsTest, NoFailureOfAReadLosesAFile)
 
 TEST_F(FaultsTest, LackOfMemoryIsToldAndNeverTakenForDamage)
 {
-    Campaign campaign("allocation fails");
+    Campaign campaign("fails: allocation fails");
     auto set = Build::RuleSet(0, L"a name that does not fit into the string object itself", {Build::Access(1)});
     auto macro = Build::Macro("a name that does not fit into the string", {Build::Item("a")});
     const PFW_RULE rule = Build::Access(1);
@@ -218,7 +218,7 @@ TEST_F(FaultsTest, LackOfMemoryIsToldAndNeverTakenForDamage)
                 g_AllocationFaults.Arm(k, isForGood, 0);
                 const int32_t result = row.call();
                 hasFailed = g_AllocationFaults.Disarm();
-                static_cast<void>(campaign.Next(UINT64_MAX));
+                campaign.Count(1);
                 EXPECT_TRUE(result == 0 || (hasFailed && result == row.failure)) << result;
                 const Files now = Snapshot();
                 if (row.failure != KXRULE_E_FILE_WRITE)

@@ -2,6 +2,8 @@
 // form. The seed is printed, and the same seed repeats the run.
 #pragma once
 
+#include <gtest/gtest.h>
+
 #include <chrono>
 #include <cstdint>
 #include <cstdio>
@@ -11,11 +13,14 @@
 class Campaign
 {
 public:
-    explicit Campaign(const char* name) : m_Seed(Number("KX_TORTURE_SEED", 1)), m_Random(m_Seed)
+    explicit Campaign(const char* name) : m_Name(name), m_Seed(Number("KX_TORTURE_SEED", 1)), m_Random(m_Seed) {}
+    /// torture.py reads this line.
+    ~Campaign()
     {
-        std::printf("campaign %s: seed %u, %u s\n", name, m_Seed, Seconds());
+        const auto* const test = testing::UnitTest::GetInstance()->current_test_info();
+        std::printf("campaign %s: %llu tries, seed %u, %d lost\n", m_Name, static_cast<unsigned long long>(m_Tries),
+                    m_Seed, test->result()->total_part_count());
     }
-    ~Campaign() { std::printf("campaign done: %llu tries\n", static_cast<unsigned long long>(m_Tries)); }
     Campaign(const Campaign&) = delete;
     Campaign& operator=(const Campaign&) = delete;
 
@@ -24,11 +29,16 @@ public:
     /// Counts a try; false when the time, or in the short form the number, is used up.
     [[nodiscard]] bool Next(uint64_t triesInShortForm)
     {
-        const bool isOver = Seconds() == 0
-                                ? m_Tries >= triesInShortForm
-                                : std::chrono::steady_clock::now() - m_Start > std::chrono::seconds(Seconds());
+        const bool isOver = Seconds() == 0 ? m_Tries >= triesInShortForm : IsTimeUp();
         m_Tries += isOver ? 0 : 1;
         return !isOver;
+    }
+    /// Counts tries of a campaign that has its own measure of how many there are.
+    void Count(uint64_t tries) { m_Tries += tries; }
+    /// Whether the time is used up; always in the short form.
+    [[nodiscard]] bool IsTimeUp() const
+    {
+        return std::chrono::steady_clock::now() - m_Start > std::chrono::seconds(Seconds());
     }
     /// 0 to below - 1.
     [[nodiscard]] uint32_t Random(uint32_t below) { return static_cast<uint32_t>(m_Random() % below); }
@@ -40,6 +50,7 @@ private:
         return text == nullptr ? otherwise : static_cast<unsigned>(std::strtoul(text, nullptr, 10));
     }
 
+    const char* m_Name;
     unsigned m_Seed;
     std::mt19937 m_Random;
     uint64_t m_Tries = 0;
