@@ -1,6 +1,7 @@
 // Read afresh at every call. Not through Storage::Registry, which is narrow and throws for a missing value.
 #include "common/srclib/KxComn_Settings.h"
 
+#include <algorithm>
 #include <cwchar>
 
 #include "common/srclib/KxComn_Handle.h"
@@ -14,6 +15,7 @@ namespace
 {
 
 constexpr uint32_t kDefaultWriteInterval = 30 * 60 * 1000;
+constexpr uint32_t kShortestWriteInterval = 60 * 1000;
 
 UniqueRegKey OpenProductKey() noexcept
 {
@@ -36,7 +38,7 @@ uint32_t WriteInterval() noexcept
                            &size) != ERROR_SUCCESS ||
         type != REG_DWORD || size != sizeof value)
         return kDefaultWriteInterval;
-    return value;
+    return std::max<uint32_t>(value, kShortestWriteInterval);
 }
 
 std::wstring InstallPath()

@@ -103,8 +103,9 @@ TEST(Settings, AreReadWithTheRightTypeAlone)
 {
     using namespace std::string_literals;
     const std::tuple<DWORD, std::string, uint32_t> rows[] = {
-        {REG_NONE, "", 1800000}, // none
-        {REG_DWORD, "\x10\x27\0\0"s, 10000},
+        {REG_NONE, "", 1800000},             // none
+        {REG_DWORD, "\x5F\xEA\0\0"s, 60000}, // not below a minute
+        {REG_DWORD, "\x61\xEA\0\0"s, 60001},
         {REG_DWORD, "\xFF\xFF\xFF\xFF", 0xFFFFFFFF},
         {REG_DWORD, "\x10\x27", 1800000},
         {REG_DWORD, "\x10\x27\0\0\0\0\0\0"s, 1800000},
