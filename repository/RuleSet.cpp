@@ -43,7 +43,7 @@ int32_t CRuleSet::DeleteRule(uint16_t ruleIndex) noexcept
 
 void CRuleSet::PutRule(const PFW_RULE& record)
 {
-    m_Rules.Replace(record.wRuleIndex, record);
+    m_Rules.ReplaceKeyed(KeyOf, record);
 }
 
 void CRuleSet::CopyRecord(PFW_RULESET* record, int32_t maxRules) const noexcept

@@ -70,6 +70,8 @@ public:
     [[nodiscard]] int32_t Write(const std::string& directory) const;
 
 private:
+    // A record is copied first and asked for its index then: the one it came from is another's memory and may change.
+    [[nodiscard]] static uint16_t KeyOf(const CRule& rule) noexcept { return rule.Record().wRuleIndex; }
     [[nodiscard]] bool ReadRules(CEncryptStream& stream, int32_t count);
 
     uint64_t m_Companion = 0; // belongs to the set and is copied with it; nothing here interprets it

@@ -64,7 +64,6 @@ int32_t CRuleSet::Read(const std::string& directory, uint32_t* version)
 // Each record is decrypted where the rule will stay: in new memory, the first touch is most of what reading costs.
 bool CRuleSet::ReadRules(CEncryptStream& stream, int32_t count)
 {
-    const auto keyOf = [](const CRule& rule) noexcept -> uint16_t { return rule.Record().wRuleIndex; };
     const auto read = [&stream](PFW_RULE& record)
     {
         if (!RuleSetFormat::ReadRule(stream, record))
@@ -73,7 +72,7 @@ bool CRuleSet::ReadRules(CEncryptStream& stream, int32_t count)
     try
     {
         for (; count > 0; --count)
-            m_Rules.ReplaceKeyed(keyOf, read);
+            m_Rules.ReplaceKeyed(KeyOf, read);
     }
     catch (CEncryptStream::Exception)
     {
