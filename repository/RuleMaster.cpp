@@ -3,12 +3,14 @@
 
 #include <algorithm>
 #include <limits>
+#include <new>
 #include <utility>
 
 #include "common/srclib/KxComn_Files.h"
 #include "common/srclib/KxComn_Settings.h"
 #include "common/srclib/KxComn_Trace.h"
 #include "common/srclib/Utility.h"
+#include "persistence/Backup.h"
 
 using KxCommon::kTraceCall;
 using RecordGuard = KxCommon::Synchronize::ScopedLock<CCriticalSectionLock>;
@@ -18,7 +20,26 @@ namespace
 
 constexpr uint32_t kTimerProcess = 0;
 constexpr uint32_t kTimerIndex = 0xFFFFFFAE;
-constexpr uint32_t kShortestInterval = 60000;
+
+// The file of a deleted rule set. Both texts are made before anything changes, so that nothing throws afterwards.
+struct GoneFile
+{
+    std::string Name;
+    std::string Path;
+    bool IsUnkept;
+};
+
+bool IsKept(const std::string& rulePath, const std::string& fileName) noexcept
+{
+    try
+    {
+        return Backup::KeepBroken(rulePath, fileName);
+    }
+    catch (const std::bad_alloc&)
+    {
+        return false;
+    }
+}
 
 int32_t CopyIndexes(const std::vector<uint16_t>& from, uint16_t* to, int32_t maxCount) noexcept
 {
@@ -45,7 +66,7 @@ int32_t CRuleMaster::Init(const std::string& rulePath, const char* masterFileNam
             static_cast<void>(KxCommon::Files::MakeDirectory(m_RulePath.c_str())); // a missing one shows at the writes
         m_MasterFileName = std::move(masterName);
         m_MacroFileName = FileFormat::kMacroFileName;
-        m_WriteInterval = std::max(KxCommon::Settings::WriteInterval(), kShortestInterval);
+        m_WriteInterval = KxCommon::Settings::WriteInterval();
         m_IsDirty = false;
         m_Modified.reset();
         m_IsReadIncomplete = false;
@@ -157,8 +178,8 @@ int32_t CRuleMaster::AddRuleSet(uint16_t index, CRuleSet& ruleSet)
             return KXRULE_E_NO_RULESET;
         }
         const uint16_t assigned = index != 0 ? index : AllocateIndex();
-        MarkModified(assigned); // first: a mark without a set harms nobody, a set without its mark is never written
         m_RuleSets.Emplace(assigned, std::move(ruleSet)).SetIndex(assigned);
+        MarkModified(assigned);
         ruleSet.SetIndex(assigned); // NOLINT(bugprone-use-after-move): the caller asks the emptied set for its index
         m_NextIndex = assigned;
     }
@@ -185,13 +206,15 @@ int32_t CRuleMaster::DeleteRuleSet(uint16_t index)
             return KXRULE_E_NO_RULESET;
     } while (!MayChange());
 
-    std::vector<std::string> fileNames;
+    std::vector<GoneFile> files;
     {
         const MasterGuard guard(m_Lock);
         for (size_t i = 0; i < m_RuleSets.Size(); ++i)
         {
-            if (index == 0 || m_RuleSets.KeyAt(i) == index)
-                fileNames.push_back(m_RuleSets.ValueAt(i).FileName());
+            const uint16_t key = m_RuleSets.KeyAt(i);
+            const std::string& name = m_RuleSets.ValueAt(i).FileName();
+            if ((index == 0 || key == index) && !name.empty()) // a set that was never written has no file
+                files.push_back({name, m_RulePath + name, m_UnkeptSets.count(key) != 0});
         }
         m_IsDirty = true;
         if (index == 0)
@@ -214,12 +237,13 @@ int32_t CRuleMaster::DeleteRuleSet(uint16_t index)
     const int32_t result = WriteMasterFile();
     if (result != KXRULE_OK)
         return result;
-    for (const std::string& fileName : fileNames)
+    for (const GoneFile& file : files)
     {
         const MasterGuard guard(m_Lock);
         m_IsDirty = true;
-        if (!fileName.empty()) // a set that was never written has no file
-            static_cast<void>(KxCommon::Files::Delete((m_RulePath + fileName).c_str()));
+        // What a file holds beyond the set that was deleted goes only when there is a copy of it.
+        if (!file.IsUnkept || IsKept(m_RulePath, file.Name))
+            static_cast<void>(KxCommon::Files::Delete(file.Path.c_str()));
     }
     return KXRULE_OK;
 }

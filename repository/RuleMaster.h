@@ -26,8 +26,8 @@ struct MasterFields;
 /// outer lock, never wait for the master lock, and take the record lock for the moment of copying a rule, because the
 /// hash refresh changes hashes without the outer lock.
 /// A changing operation that finds the master lock kept by another thread releases the outer lock while it waits.
-/// Operations that can run out of memory let std::bad_alloc through with the store as it was; ReadAll and the writers
-/// turn it into a code.
+/// Operations that can run out of memory let std::bad_alloc through with the store as it was (but for DeleteRuleSet, which
+/// writes, and UpdateHashValue, which marks what it has changed); ReadAll and the writers turn it into a code.
 class CRuleMaster
 {
 public:

@@ -124,6 +124,33 @@ TEST_F(FilesTest, ChangesAreTrackedUntilATimedWrite)
     EXPECT_EQ(RuleIndexes(1), Indexes{3}) << "kxRuleFinalize writes what is pending";
 }
 
+TEST_F(FilesTest, ABrokenFileStaysUntilThereIsACopyOfIt)
+{
+    for (const bool hasRoom : {false, true})
+    {
+        SCOPED_TRACE(hasRoom);
+        WriteStore();
+        Damage("KxRl00AB.dat",
+               [this](std::string& file)
+               {
+                   file.resize(file.size() - 1);
+                   WriteFile("RuleBackup", "no directory");
+               });
+        EXPECT_EQ(NameOf(0xAB), kRescueName);
+        EXPECT_EQ(ReadFile("KxRl00AB.dat"), m_Damaged) << "written over";
+        const PFW_RULE rule = Build::Access();
+        EXPECT_EQ(kxRuleAddRule(0xAB, 1, &rule), 0);
+        EXPECT_EQ(kxRuleWrite(), KXRULE_E_FILE_WRITE);
+        if (hasRoom)
+            std::filesystem::remove(PathOf("RuleBackup"));
+        EXPECT_EQ(kxRuleDeleteRuleSet(0), 0);
+        EXPECT_EQ(kxRuleDeleteMacro(), 0);
+        EXPECT_EQ(ReadFile(hasRoom ? "RuleBackup\\KxRl00AB.dat.brk" : "KxRl00AB.dat"), m_Damaged);
+        EXPECT_EQ(Exists("KxRl00AB.dat"), !hasRoom);
+        EXPECT_FALSE(Exists("KxRl0002.dat")) << "what is in memory needs no copy";
+    }
+}
+
 TEST_F(FilesTest, BrokenRuleSetsBecomeRescueSets)
 {
     const size_t body = 44 + 20 + 4 + 16 + 20; // of a set with a name of four letters

@@ -74,6 +74,7 @@ TEST_F(StoreTest, AllocationGoesOnFromTheIndexGivenOutLast)
     ASSERT_EQ(kxRuleDeleteRuleSet(4), 0);
     EXPECT_EQ(add(0), 4) << "the newest is given out again: the search starts at it";
     EXPECT_EQ(add(500), 500);
+    EXPECT_EQ(add(1), KXRULE_E_NO_RULESET) << "a refusal moves nothing";
     EXPECT_EQ(add(0), 501);
     EXPECT_EQ(add(65280), 65280);
     EXPECT_EQ(add(0), 2) << "65280 wraps to 1, which is taken";
@@ -113,6 +114,8 @@ TEST_F(StoreTest, AddRuleSetRefusalsInTheirOrder)
     auto refused = Build::RuleSet(4711, L"x");
     EXPECT_EQ(kxRuleAddRuleSet(1, refused.get()), KXRULE_E_TOO_MANY_RULESETS);
     EXPECT_EQ(refused->wRuleSetIndex, 4711) << "a refusal leaves the record's index alone";
+    Reopen();
+    EXPECT_EQ(AddSet(0), KXRULE_E_TOO_MANY_RULESETS) << "sets from files count";
 }
 
 TEST_F(StoreTest, GetRuleSetReportsAllAndCopiesWhatFits)
