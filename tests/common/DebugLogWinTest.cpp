@@ -28,6 +28,18 @@ std::string Ascii(const std::wstring& wide)
     return {wide.begin(), wide.end()};
 }
 
+/// Expects that a traced function finds its caller's error numbers as they were.
+class ErrorsStay
+{
+public:
+    ErrorsStay()
+    {
+        ::SetLastError(1234);
+        errno = 77;
+    }
+    ~ErrorsStay() { EXPECT_TRUE(::GetLastError() == 1234 && errno == 77); }
+};
+
 class DebugLogTest : public testing::Test
 {
 protected:
@@ -145,10 +157,14 @@ TEST_F(DebugLogTest, ALineLooksLikeThis)
         EXPECT_EQ(narrow.substr(23), LastLine().substr(23)) << "narrow and wide differ";
         EXPECT_EQ(Library()->Lines.back().Handle, 0x1234567890u);
     }
-    KX_TRACE(kTraceError, "by macro");
-    ExpectMessage("by macro");
-    KX_TRACE_WIDE(kTraceError, L"by [%S] %s", "wide", L"macro");
-    ExpectMessage("by [wide] macro - DebugLogWinTest.cpp(" + std::to_string(__LINE__ - 1) + ")\r\n");
+    Library()->LastError = 5;
+    {
+        const ErrorsStay errors;
+        KX_TRACE(kTraceError, "by macro");
+        ExpectMessage("by macro");
+        KX_TRACE_WIDE(kTraceError, L"by [%S] %s", "wide", L"macro");
+        ExpectMessage("by [wide] macro - DebugLogWinTest.cpp(" + std::to_string(__LINE__ - 1) + ")\r\n");
+    }
     g_DebugLog.Uninitialize();
     int evaluated = 0;
     KX_TRACE(kTraceError, "off %d", ++evaluated);
@@ -175,6 +191,7 @@ TEST_F(DebugLogTest, MessagesFitOrAreLeftOut)
     };
     for (const auto& [format, width, text, expected] : rows)
     {
+        const ErrorsStay errors;
         EXPECT_TRUE(g_DebugLog.Trace(kFile, 1, 1, format, width, "x", text));
         ExpectMessage(expected);
     }
@@ -205,7 +222,9 @@ TEST_F(DebugLogTest, WritesWhatTheSettingsOfTheMomentAllow)
         Library()->ConfigResult = configResult;
         Library()->Enable = enable;
         Library()->Level = mask;
+        Library()->LastError = 5;
         const size_t lines = Library()->Lines.size();
+        const ErrorsStay errors;
         EXPECT_EQ(g_DebugLog.Trace(kFile, 1, level, "m"), result) << name;
         EXPECT_EQ(g_DebugLog.Dump(kFile, 1, level, "m", 1), result) << name;
         EXPECT_EQ(Library()->Lines.size() - lines, isWritten ? 2u : 0u) << name;
@@ -250,28 +269,6 @@ TEST_F(DebugLogTest, Dumps)
         ExpectMessage(">>> dump memory" + expected + " - Some.cpp(9)\r\n");
         EXPECT_TRUE(g_DebugLog.DumpWide(L"dir\\Some.cpp", 9, 1, data, size));
         ExpectMessage(">>> dump memory" + expected + " - Some.cpp(9)\r\n");
-    }
-}
-
-TEST_F(DebugLogTest, LeavesTheCallersErrorsAlone)
-{
-    static const std::string s_Unmappable = "%S";
-    Start();
-    Library()->LastError = 5;
-    const std::pair<const char*, void (*)()> rows[] = {
-        {"written", [] { KX_TRACE(kTraceDetail, "m"); }},
-        {"written wide", [] { KX_TRACE_WIDE(kTraceDetail, L"m"); }},
-        {"not formatted", [] { KX_TRACE(kTraceDetail, s_Unmappable.c_str(), L"\x65E5"); }},
-        {"dumped", [] { g_DebugLog.Dump(kFile, 1, 1, "dump", 4); }},
-        {"filtered out", [] { g_DebugLog.Trace(kFile, 1, 0, "m"); }},
-    };
-    for (const auto& [name, call] : rows)
-    {
-        ::SetLastError(1234);
-        errno = 77;
-        call();
-        EXPECT_EQ(::GetLastError(), 1234u) << name;
-        EXPECT_EQ(errno, 77) << name;
     }
 }
 

@@ -53,10 +53,8 @@ TEST(String, EqualNoCaseFoldsAsFileNames)
         {L"C:\\Dir\\App.EXE", L"c:\\dir\\APP.exe", true},
         {L"app.exe", L"app.ex", false},
         {L"\x00DC\x0416", L"\x00FC\x0436", true}, // Ü, Ж
-        {L"stra\x00DF"
-         L"e",
-         L"strasse", false},      // no linguistic equality
-        {L"\x0131", L"I", false}, // dotless i is a name of its own
+        {L"fu\x00DF", L"fuss", false},            // no linguistic equality
+        {L"\x0131", L"I", false},                 // dotless i is a name of its own
     };
     for (const auto& [a, b, isEqual] : rows)
         EXPECT_EQ(String::EqualNoCase(a, b), isEqual) << testing::PrintToString(std::wstring(a));
