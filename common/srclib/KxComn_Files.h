@@ -60,8 +60,8 @@ bool Close(UniqueFile& file) noexcept;
 [[nodiscard]] bool Delete(const char* path) noexcept;
 /// CreateDirectoryA, default security.
 [[nodiscard]] bool MakeDirectory(const char* path) noexcept;
-/// The names (not paths) that FindFirstFileA and FindNextFileA give for a pattern, directories too. False when the search
-/// failed or broke off, so that there may be more of them; finding none is success.
+/// The names (not paths) that FindFirstFileA and FindNextFileA give for a pattern, directories too. False when the
+/// search failed or broke off, so that there may be more of them; finding none is success.
 [[nodiscard]] bool FindFiles(const std::string& pattern, std::vector<std::string>& names);
 
 } // namespace KxCommon::Files

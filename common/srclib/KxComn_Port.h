@@ -1,7 +1,7 @@
 // What differs between compilers, and nothing else: the only place with compiler extensions beside the public header.
 #pragma once
 
-// printf-style functions: GCC checks their arguments. On Windows it is the system's C library that formats ("ms_printf":
+// printf-style functions: GCC checks their arguments. On Windows the system's C library formats ("ms_printf":
 // %S is UTF-16 text, %I64u is known). Natively %S has no two-byte counterpart, so nothing is checked there.
 #if defined(__GNUC__) && !defined(__clang__) && defined(_WIN32)
 #define KX_PRINTF(formatIndex, firstArgument) __attribute__((format(ms_printf, formatIndex, firstArgument)))

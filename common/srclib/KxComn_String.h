@@ -47,7 +47,8 @@ bool Format(WideString& out, const KXWCHAR* format, ...);
 /// Active code page to UTF-16. Bytes without a meaning are converted as the system does it; empty when it refuses.
 [[nodiscard]] WideString ToWide(std::string_view text);
 
-/// UTF-16 to the active code page; empty when the system refuses. Units without a counterpart become the system's default character.
+/// UTF-16 to the active code page; empty when the system refuses. Units without a counterpart become the system's
+/// default character, or one that looks like them.
 [[nodiscard]] std::string ToNarrow(WideStringView text);
 
 /// Equal as the file system compares names: unit by unit, ignoring case.

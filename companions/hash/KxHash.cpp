@@ -84,8 +84,8 @@ private:
         FILE_FLAG_SEQUENTIAL_SCAN | SECURITY_SQOS_PRESENT | SECURITY_IDENTIFICATION, nullptr));
     if (!file)
         return ::GetLastError();
-    // Reading a pipe or a console could wait for ever, reading a whole disk nearly so. A volume or a disk is of the type
-    // of a file; what it has not is a file's information.
+    // Reading a pipe or a console could wait for ever, reading a whole disk nearly so. A volume or a disk is of the
+    // type of a file; what it has not is a file's information.
     BY_HANDLE_FILE_INFORMATION info;
     if (::GetFileType(file.get()) != FILE_TYPE_DISK || ::GetFileInformationByHandle(file.get(), &info) == FALSE)
         return ERROR_BAD_FILE_TYPE;

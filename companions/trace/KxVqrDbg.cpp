@@ -130,7 +130,7 @@ extern "C"
     ///         ERROR_INVALID_HANDLE (6), ERROR_INVALID_PARAMETER (87)  line is null
     ///         ERROR_ACCESS_DENIED (5)      the folder or the file may not be written, or a link is in its place
     ///         ERROR_DISK_FULL (112)
-    ///         ERROR_FILE_TOO_LARGE (223)   the log has twice its permitted size and somebody keeps it from rolling over
+    ///         ERROR_FILE_TOO_LARGE (223)   the log has twice its size limit and somebody keeps it from rolling over
     int32_t KxDbgTrace(uint64_t handle, const SYSTEMTIME* /*time*/, const wchar_t* line)
     {
         return Guarded(
@@ -143,8 +143,8 @@ extern "C"
             });
     }
 
-    /// Replaces the settings until the session's section of KxPfw.ini changes. Session kind, unit, trace name and time of
-    /// the record are not looked at; the size limit, which it lacks, stays.
+    /// Replaces the settings until the session's section of KxPfw.ini changes. Session kind, unit, trace name and time
+    /// of the record are not looked at; the size limit, which it lacks, stays.
     /// @param config  in the narrow form, at any address; copied
     /// @return 0, or ERROR_INVALID_HANDLE (6), ERROR_INVALID_PARAMETER (87)  config is null
     int32_t KxDbgSetDebugConfig(uint64_t handle, const KxCommon::DebugConfig* config)

@@ -18,8 +18,8 @@ namespace
 constexpr uint64_t kRetryInterval = 1000; // milliseconds
 constexpr DWORD kPatience = 3000;         // also in milliseconds; for a turn, where they are taken
 
-// Who holds it may roll the log over. One mutex for each path, for processes of all sessions and accounts: they may wait for it and release it, nothing
-// more. Null when the system refuses.
+// Who holds it may roll the log over. One mutex for each path, for processes of all sessions and accounts: they may
+// wait for it and release it, nothing more. Null when the system refuses.
 KxCommon::UniqueKernelObject MakeMutex(const std::wstring& path)
 {
     std::wstring folded(path.size(), L'\0');

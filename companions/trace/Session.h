@@ -15,8 +15,8 @@
 namespace KxTrace
 {
 
-/// Any thread may call any function. Two locks: one for the log, held while a line is appended, and one for the settings,
-/// held for a copy only and taken last. Neither is held while KxPfw.ini is read.
+/// Any thread may call any function. Two locks: one for the log, held while a line is appended, and one for the
+/// settings, held for a copy only and taken last. Neither is held while KxPfw.ini is read.
 class Session
 {
 public:

@@ -66,9 +66,9 @@ class SettingsFile
 public:
     SettingsFile(std::wstring path, bool serviceSession, uint32_t unit);
 
-    /// Calls apply with what the section says now, if that differs from what it said when apply was last done; not at the
-    /// first call when the section is missing or empty. A section that disappears leaves the defaults. While the file
-    /// cannot be read (an editor may hold it) nothing counts as changed. What apply throws goes on to the caller.
+    /// Calls apply with what the section says now, if that differs from what it said when apply was last done; not at
+    /// the first call when the section is missing or empty. A section that disappears leaves the defaults. While the
+    /// file cannot be read (an editor may hold it) nothing counts as changed. What apply throws goes on to the caller.
     void Update(const std::function<void(const Settings&)>& apply);
 
 private:
