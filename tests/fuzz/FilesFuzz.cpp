@@ -61,8 +61,14 @@ struct Content
             if (kind == Kind::Macros)
                 return MacroFormat::ReadMacros(stream, Macros);
             RuleSetFormat::ReadHeader(stream, version, Set);
-            return isOld ||
-                   RuleSetFormat::ReadRules(stream, Set, [this](const PFW_RULE& rule) { Rules.push_back(rule); });
+            for (int32_t left = isOld ? 0 : RuleSetFormat::RuleCount(Set); left > 0; --left)
+            {
+                PFW_RULE rule;
+                if (!RuleSetFormat::ReadRule(stream, rule))
+                    return false;
+                Rules.push_back(rule);
+            }
+            return true;
         }
         catch (CEncryptStream::Exception exception)
         {

@@ -176,9 +176,8 @@ void CheckFile(const PFW_RULE& rule)
     const PFW_RULE* const records[] = {&rule};
     KX_REQUIRE(RuleSetFormat::WriteRules(stream, records, 1) && stream.Finish());
     stream.Rewind();
-    RuleSetFormat::Header header;
-    header.RuleCount = 1;
-    KX_REQUIRE(RuleSetFormat::ReadRules(stream, header, [&](const PFW_RULE& read) { KX_REQUIRE(Same(read, rule)); }));
+    PFW_RULE read;
+    KX_REQUIRE(RuleSetFormat::ReadRule(stream, read) && Same(read, rule));
 }
 
 void CheckJson(const PFW_RULE& rule)
