@@ -6,14 +6,12 @@
 #include <string>
 
 #include "common/srclib/KxComn_Record.h"
-#include "persistence/MacroFormat.h"
-#include "persistence/RuleSetFormat.h"
 #include "rules/Macro.h"
 #include "rules/Rule.h"
 #include "rules/RuleText.h"
 #include "tests/fuzz/Fuzz.h"
 #include "tests/support/FakeHashDll.h"
-#include "tests/support/MemoryStream.h"
+#include "tests/support/FileContent.h"
 #include "tests/support/TraceSink.h"
 #include "tools/kxrule/RuleJson.h"
 
@@ -172,12 +170,10 @@ void CheckHash(CRule rule)
 
 void CheckFile(const PFW_RULE& rule)
 {
-    MemoryStream stream;
-    const PFW_RULE* const records[] = {&rule};
-    KX_REQUIRE(RuleSetFormat::WriteRules(stream, records, 1) && stream.Finish());
-    stream.Rewind();
-    PFW_RULE read;
-    KX_REQUIRE(RuleSetFormat::ReadRule(stream, read) && Same(read, rule));
+    FileContent content, read;
+    content.Rules = {rule};
+    MemoryStream stream(content.Write(FileContent::Kind::RuleSet));
+    KX_REQUIRE(read.Read(FileContent::Kind::RuleSet, stream).empty() && read == content);
 }
 
 void CheckJson(const PFW_RULE& rule)
@@ -202,12 +198,6 @@ void CheckRule(Fuzz::Input& input)
     CheckHash(rule);
     CheckFile(rule.Record());
     CheckJson(rule.Record());
-}
-
-bool Same(const CMacro& a, const CMacro& b)
-{
-    return a.Name() == b.Name() && a.Items().size() == b.Items().size() &&
-           Same(a.Items().data(), b.Items().data(), a.Items().size() * sizeof(MACRO_ITEM));
 }
 
 void CheckMacro(Fuzz::Input& input)
@@ -240,15 +230,12 @@ void CheckMacro(Fuzz::Input& input)
 
     std::vector<uint8_t> copy(macro.RecordBytes());
     macro.CopyRecord(copy.data());
-    KX_REQUIRE(Same(CMacro(*reinterpret_cast<const PFW_MACRO*>(copy.data())), macro));
+    KX_REQUIRE(SameMacro(CMacro(*reinterpret_cast<const PFW_MACRO*>(copy.data())), macro));
 
-    MemoryStream stream;
-    KX_REQUIRE(MacroFormat::WriteMacros(stream, {macro, macro}) && stream.Finish());
-    stream.Rewind();
-    std::list<CMacro> macros;
-    static_cast<void>(RuleSetFormat::ReadVersion(stream));
-    KX_REQUIRE(MacroFormat::ReadMacros(stream, macros) && macros.size() == 2);
-    KX_REQUIRE(Same(macros.front(), macro) && Same(macros.back(), macro));
+    FileContent content, read;
+    content.Macros = {macro, macro};
+    MemoryStream stream(content.Write(FileContent::Kind::Macros));
+    KX_REQUIRE(read.Read(FileContent::Kind::Macros, stream).empty() && read == content);
 }
 
 } // namespace

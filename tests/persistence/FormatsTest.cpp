@@ -6,12 +6,8 @@
 #include <regex>
 #include <sstream>
 
-#include "persistence/FileFormat.h"
-#include "persistence/MacroFormat.h"
-#include "persistence/MasterFormat.h"
-#include "persistence/RuleSetFormat.h"
+#include "tests/support/FileContent.h"
 #include "tests/support/Hex.h"
-#include "tests/support/MemoryStream.h"
 
 namespace
 {
@@ -23,58 +19,19 @@ Bytes DataFile(const std::string& name) // tests run in the root of the tree
     return Bytes(std::istreambuf_iterator<char>(stream), {});
 }
 
-struct Content
-{
-    MasterFields Master{"", 0, {}, {}};
-    std::list<CMacro> Macros;
-    RuleSetFormat::Header Set;
-    std::vector<PFW_RULE> Rules;
-};
-
 // Which of the three a file is, is told by the third letter of its name: maSter, maCros, ruLeset.
-bool ReadFields(char kind, CEncryptStream& stream, Content& content)
+FileContent::Kind KindOf(const std::string& name)
 {
-    char magic[FileFormat::kMagicBytes];
-    if (kind == 's')
-    {
-        const MasterFormat::Head head = MasterFormat::ReadHead(stream);
-        if (head != MasterFormat::Head::Good)
-            throw head;
-        MasterFormat::ReadFields(stream, content.Master);
-        return true;
-    }
-    EXPECT_TRUE(stream.Read(magic, sizeof magic, false));
-    const uint32_t version = RuleSetFormat::ReadVersion(stream);
-    if (kind == 'c')
-        return MacroFormat::ReadMacros(stream, content.Macros);
-    RuleSetFormat::ReadHeader(stream, version, content.Set);
-    for (int32_t i = RuleSetFormat::RuleCount(content.Set); version != FileFormat::kOldVersion && i > 0; --i)
-    {
-        PFW_RULE rule;
-        if (!RuleSetFormat::ReadRule(stream, rule))
-            return false;
-        content.Rules.push_back(rule);
-    }
-    return true;
+    return name[2] == 's'   ? FileContent::Kind::Master
+           : name[2] == 'c' ? FileContent::Kind::Macros
+                            : FileContent::Kind::RuleSet;
 }
 
 // What could be read, as text, and how the reading ended unless it went well.
-std::string Read(const std::string& name, const Bytes& file, Content& content)
+std::string Read(const std::string& name, const Bytes& file, FileContent& content)
 {
     MemoryStream stream(file);
-    std::string end;
-    try
-    {
-        end = ReadFields(name[2], stream, content) ? "" : "!item";
-    }
-    catch (CEncryptStream::Exception exception)
-    {
-        end = exception == CEncryptStream::ReadError ? "!field" : "!write";
-    }
-    catch (MasterFormat::Head head)
-    {
-        end = head == MasterFormat::Head::WrongMagic ? "!magic" : "!version";
-    }
+    const std::string end = content.Read(KindOf(name), stream);
     std::ostringstream out;
     if (name[2] == 's')
         out << content.Master.MacroFileName << ' ' << content.Master.NextIndex << ' ';
@@ -87,28 +44,6 @@ std::string Read(const std::string& name, const Bytes& file, Content& content)
     for (const CMacro& macro : content.Macros)
         out << macro.Name() << '=' << macro.Items().size() << ' ';
     return out.str() + end;
-}
-
-// Empty when it could not be written.
-Bytes Write(char kind, const Content& content, size_t failAt = MemoryStream::kNever)
-{
-    MemoryStream stream;
-    stream.FailAt = failAt;
-    EXPECT_TRUE(stream.Write(kind == 's' ? "KRSM" : kind == 'c' ? "KMAC" : "KRSF", 4, false));
-    bool isWritten = true;
-    if (kind == 's')
-        MasterFormat::WriteFields(stream, content.Master);
-    if (kind == 'c')
-        isWritten = MacroFormat::WriteMacros(stream, content.Macros);
-    if (kind == 'l')
-    {
-        std::vector<const PFW_RULE*> rules;
-        for (const PFW_RULE& rule : content.Rules)
-            rules.push_back(&rule);
-        RuleSetFormat::WriteHeader(stream, content.Set);
-        isWritten = RuleSetFormat::WriteRules(stream, rules.data(), rules.size());
-    }
-    return isWritten && stream.Finish() ? stream.Data : Bytes();
 }
 
 TEST(FormatsTest, ReadsAndWritesTheFilesOfAnotherCipher)
@@ -129,19 +64,19 @@ TEST(FormatsTest, ReadsAndWritesTheFilesOfAnotherCipher)
     };
     for (const auto& c : cases)
     {
-        Content content;
+        FileContent content;
         const Bytes file = DataFile(c.File);
         EXPECT_EQ(file.size(), c.Size) << c.File;
         EXPECT_EQ(Read(c.File, file, content), c.Expected) << c.File;
-        EXPECT_EQ(Write(c.File[2], content), file) << c.File; // so every byte was read
+        EXPECT_EQ(content.Write(KindOf(c.File)), file) << c.File; // so every byte was read
     }
-    Content old, large;
+    FileContent old, large;
     EXPECT_EQ(Read("ruleset", DataFile("ruleset-old.dat"), old), "7 Old 0");
     // A stream gathers bytes before it hands them over and fails
     large.Macros.emplace_back("", std::vector<MACRO_ITEM>(10000));
     large.Rules.resize(KXRULE_MAX_RULES);
-    EXPECT_EQ(Write('c', large, 1000), Bytes());
-    EXPECT_EQ(Write('l', large, 1000), Bytes());
+    EXPECT_EQ(large.Write(FileContent::Kind::Macros, 1000), Bytes());
+    EXPECT_EQ(large.Write(FileContent::Kind::RuleSet, 1000), Bytes());
 }
 
 constexpr int64_t kCut = -1;
@@ -197,7 +132,7 @@ TEST(FormatsTest, DamageKeepsWhatStandsBeforeIt)
         Bytes file = DataFile(c.File);
         const auto check = [&](const Bytes& bytes)
         {
-            Content content;
+            FileContent content;
             EXPECT_EQ(Read(c.File, bytes, content), c.Expected) << c.File << ", " << bytes.size() << ", " << c.Number;
         };
         for (size_t size = c.Begin; size < c.End; ++size)

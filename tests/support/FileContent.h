@@ -1,0 +1,115 @@
+// What the three files hold, read and written through the formats of persistence/ alone.
+#pragma once
+
+#include <algorithm>
+#include <cstring>
+#include <list>
+#include <string>
+#include <vector>
+
+#include "persistence/FileFormat.h"
+#include "persistence/MacroFormat.h"
+#include "persistence/MasterFormat.h"
+#include "persistence/RuleSetFormat.h"
+#include "tests/support/MemoryStream.h"
+
+/// Byte for byte; records of the interface have no operator of their own.
+template <class Record>
+bool SameRecords(const std::vector<Record>& a, const std::vector<Record>& b)
+{
+    return a.size() == b.size() && (a.empty() || std::memcmp(a.data(), b.data(), a.size() * sizeof(Record)) == 0);
+}
+
+inline bool SameMacro(const CMacro& a, const CMacro& b)
+{
+    return a.Name() == b.Name() && SameRecords(a.Items(), b.Items());
+}
+
+struct FileContent
+{
+    enum class Kind
+    {
+        Master,
+        Macros,
+        RuleSet
+    };
+
+    MasterFields Master{"", 0, {}, {}};
+    std::list<CMacro> Macros;
+    RuleSetFormat::Header Set;
+    std::vector<PFW_RULE> Rules;
+
+    /// What ended the reading early, or nothing. What was read is there in any case.
+    std::string Read(Kind kind, CEncryptStream& stream)
+    try
+    {
+        if (kind == Kind::Master)
+        {
+            const MasterFormat::Head head = MasterFormat::ReadHead(stream);
+            if (head != MasterFormat::Head::Good)
+                return head == MasterFormat::Head::WrongMagic ? "!magic" : "!version";
+            MasterFormat::ReadFields(stream, Master);
+            return "";
+        }
+        char magic[FileFormat::kMagicBytes] = {};
+        if (!stream.Read(magic, sizeof magic, false) || std::memcmp(magic, Magic(kind), sizeof magic) != 0)
+            return "!magic";
+        const uint32_t version = RuleSetFormat::ReadVersion(stream);
+        const bool isOld = kind == Kind::RuleSet && version == FileFormat::kOldVersion;
+        if (version != FileFormat::kVersion && !isOld)
+            return "!version";
+        if (kind == Kind::Macros)
+            return MacroFormat::ReadMacros(stream, Macros) ? "" : "!item";
+        RuleSetFormat::ReadHeader(stream, version, Set);
+        for (int32_t i = RuleSetFormat::RuleCount(Set); !isOld && i > 0; --i)
+        {
+            PFW_RULE rule;
+            if (!RuleSetFormat::ReadRule(stream, rule))
+                return "!item";
+            Rules.push_back(rule);
+        }
+        return "";
+    }
+    catch (CEncryptStream::Exception exception)
+    {
+        return exception == CEncryptStream::ReadError ? "!field" : "!write";
+    }
+
+    /// The file's bytes; none when it could not be written.
+    [[nodiscard]] std::vector<uint8_t> Write(Kind kind, size_t failAt = MemoryStream::kNever) const
+    {
+        MemoryStream stream;
+        stream.FailAt = failAt;
+        bool isWritten = stream.Write(Magic(kind), FileFormat::kMagicBytes, false);
+        if (kind == Kind::Master)
+            MasterFormat::WriteFields(stream, Master);
+        else if (kind == Kind::Macros)
+            isWritten = isWritten && MacroFormat::WriteMacros(stream, Macros);
+        else
+        {
+            std::vector<const PFW_RULE*> rules;
+            for (const PFW_RULE& rule : Rules)
+                rules.push_back(&rule);
+            RuleSetFormat::WriteHeader(stream, {Set.Index, Set.Name, static_cast<uint32_t>(rules.size())});
+            isWritten = isWritten && RuleSetFormat::WriteRules(stream, rules.data(), rules.size());
+        }
+        return isWritten && stream.Finish() ? std::move(stream.Data) : std::vector<uint8_t>();
+    }
+
+    bool operator==(const FileContent& other) const
+    {
+        return Master.MacroFileName == other.Master.MacroFileName && Master.NextIndex == other.Master.NextIndex &&
+               Master.ActiveRuleSets == other.Master.ActiveRuleSets &&
+               Master.RuleSetFileNames == other.Master.RuleSetFileNames &&
+               std::equal(Macros.begin(), Macros.end(), other.Macros.begin(), other.Macros.end(), SameMacro) &&
+               Set.Index == other.Set.Index && Set.Name == other.Set.Name && SameRecords(Rules, other.Rules);
+    }
+
+private:
+    static const char* Magic(Kind kind)
+    {
+        return kind == Kind::Master   ? FileFormat::kMasterMagic
+               : kind == Kind::Macros ? FileFormat::kMacroMagic
+                                      : FileFormat::kRuleSetMagic;
+    }
+};
