@@ -1,4 +1,5 @@
-// The code page of the core's tests: ASCII.
+// The code page of the core's tests: ASCII, and behind it two bytes a character as in the code pages of East Asia. What
+// has no meaning becomes a character of two bytes on the way to UTF-16 and a question mark on the way back.
 #include <algorithm>
 #include <cstring>
 
@@ -6,6 +7,18 @@
 
 namespace
 {
+
+constexpr KXWCHAR kSubstitute = 0x8145;
+
+bool IsLead(unsigned byte) noexcept
+{
+    return byte >= 0x80 && byte < 0xA0;
+}
+
+bool IsTrail(unsigned byte) noexcept
+{
+    return byte >= 0x40;
+}
 
 char16_t Lower(KXWCHAR unit)
 {
@@ -20,16 +33,29 @@ namespace KxCommon::String
 WideString ToWide(std::string_view text)
 {
     WideString wide;
-    for (const char byte : text)
-        wide += static_cast<KXWCHAR>(static_cast<unsigned char>(byte) < 128 ? byte : '?');
+    for (size_t i = 0; i < text.size(); ++i)
+    {
+        const unsigned byte = static_cast<unsigned char>(text[i]);
+        const unsigned next = i + 1 < text.size() ? static_cast<unsigned char>(text[i + 1]) : 0;
+        const bool isPair = IsLead(byte) && IsTrail(next);
+        wide += byte < 0x80 ? static_cast<KXWCHAR>(byte)
+                : isPair    ? static_cast<KXWCHAR>(byte << 8 | next)
+                            : kSubstitute;
+        i += isPair ? 1 : 0;
+    }
     return wide;
 }
 
 std::string ToNarrow(WideStringView text)
 {
     std::string narrow;
-    for (const KXWCHAR unit : text)
-        narrow += static_cast<char>(unit < 128 ? unit : '?');
+    for (const unsigned unit : text)
+    {
+        if (IsLead(unit >> 8) && IsTrail(unit & 0xFF))
+            narrow += {static_cast<char>(unit >> 8), static_cast<char>(unit & 0xFF)};
+        else
+            narrow += unit < 0x80 ? static_cast<char>(unit) : '?';
+    }
     return narrow;
 }
 

@@ -83,7 +83,19 @@ bool PutWide(void* field, size_t room, std::string_view text, std::string& why)
 
 std::string NarrowFieldText(const void* field, size_t room)
 {
-    return NarrowToReturnableUtf8(KxCommon::Record::Text(field, room - 1));
+    std::string text = NarrowToReturnableUtf8(KxCommon::Record::Text(field, room - 1));
+    // A double-byte code page may substitute two bytes for one without a meaning, and the field's end may cut a
+    // character in half: what no longer fits is left to "raw".
+    std::optional<std::string> narrow = Utf8ToNarrow(text);
+    while (!text.empty() && (!narrow || narrow->size() >= room))
+    {
+        size_t last = text.size() - 1;
+        while (last > 0 && (static_cast<unsigned char>(text[last]) & 0xC0) == 0x80)
+            --last;
+        text.resize(last);
+        narrow = Utf8ToNarrow(text);
+    }
+    return text;
 }
 
 std::string WideFieldText(const void* field, size_t room)
