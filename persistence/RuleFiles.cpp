@@ -1,9 +1,7 @@
-// The files of a rule directory: their names, and how each of them is written. docs/format.md, "How a file is written",
+// The files of a rule directory: how they are found, and how each of them is written. docs/format.md, "How a file is written",
 // tells why through a temporary file and why moved.
 #include "persistence/RuleFiles.h"
 
-#include <algorithm>
-#include <cstdio>
 #include <new>
 
 #include "common/srclib/KxComn_Windows.h"
@@ -13,6 +11,7 @@
 #include "common/srclib/KxComn_Trace.h"
 #include "persistence/EncryptFile.h"
 #include "persistence/FileFormat.h"
+#include "persistence/RuleFileNames.h"
 
 namespace RuleFiles
 {
@@ -22,8 +21,6 @@ namespace
 
 namespace Files = KxCommon::Files;
 
-constexpr size_t kLongestName = 200; // leaves room for the directory within the system's 260
-
 // Somebody who reads the real file holds it briefly: a second process of ours, a virus scanner. Together about 0.3 s.
 constexpr int kReplaceAttempts = 10;
 constexpr DWORD kReplacePause = 30; // milliseconds
@@ -32,31 +29,6 @@ constexpr DWORD kReplacePause = 30; // milliseconds
 // directories, and goes through a link to what it means; a move would do something else, or replace the link.
 constexpr DWORD kOddAttributes = FILE_ATTRIBUTE_READONLY | FILE_ATTRIBUTE_HIDDEN | FILE_ATTRIBUTE_SYSTEM |
                                  FILE_ATTRIBUTE_DIRECTORY | FILE_ATTRIBUTE_REPARSE_POINT;
-
-// ASCII only: file names of the library and of devices have no other letters.
-constexpr char ToUpper(char character) noexcept
-{
-    return character >= 'a' && character <= 'z' ? static_cast<char>(character - 'a' + 'A') : character;
-}
-
-bool EqualNoCase(std::string_view a, std::string_view b) noexcept
-{
-    return std::equal(a.begin(), a.end(), b.begin(), b.end(), [](char x, char y) { return ToUpper(x) == ToUpper(y); });
-}
-
-// The system takes these for devices in every directory, whatever extension follows.
-bool IsDeviceName(std::string_view name) noexcept
-{
-    std::string_view stem = name.substr(0, name.find('.'));
-    while (stem.ends_with(' '))
-        stem.remove_suffix(1);
-    for (const std::string_view device : {"CON", "PRN", "AUX", "NUL", "CLOCK$", "CONIN$", "CONOUT$"})
-        if (EqualNoCase(stem, device))
-            return true;
-    // Superscript digits count as well; where they are in the code page is not looked up.
-    return stem.size() == 4 && (EqualNoCase(stem.substr(0, 3), "COM") || EqualNoCase(stem.substr(0, 3), "LPT")) &&
-           ((stem[3] >= '0' && stem[3] <= '9') || static_cast<unsigned char>(stem[3]) >= 128);
-}
 
 // Writes and closes the temporary file.
 int32_t WriteTemporary(const WriteJob& job, const std::string& temporary)
@@ -137,39 +109,6 @@ int32_t Replace(const std::string& temporary, const std::string& target) noexcep
 }
 
 } // namespace
-
-std::string RuleSetFileName(uint16_t index)
-{
-    char name[sizeof FileFormat::kRuleSetPrefix + 4 + sizeof FileFormat::kRuleSetExtension];
-    std::snprintf(name, sizeof name, "%s%04X%s", FileFormat::kRuleSetPrefix, static_cast<unsigned>(index),
-                  FileFormat::kRuleSetExtension);
-    return name;
-}
-
-bool IsBareName(std::string_view name) noexcept
-{
-    if (name.empty() || name.size() > kLongestName)
-        return false;
-    for (const char character : name)
-        if (static_cast<unsigned char>(character) < 32 ||
-            std::string_view("\\/:*?\"<>|").find(character) != std::string_view::npos)
-            return false;
-    for (const char end : {name.front(), name.back()})
-        if (end == '.' || end == ' ')
-            return false;
-    return !IsDeviceName(name);
-}
-
-bool IsRuleSetFileName(std::string_view name) noexcept
-{
-    const std::string_view prefix = FileFormat::kRuleSetPrefix;
-    const std::string_view extension = FileFormat::kRuleSetExtension;
-    if (name.size() < prefix.size() + extension.size() || name.size() > prefix.size() + 4 + extension.size())
-        return false;
-    const size_t stem = name.size() - extension.size();
-    return EqualNoCase(name.substr(0, prefix.size()), prefix) && EqualNoCase(name.substr(stem), extension) &&
-           name.substr(0, stem).find('.') == std::string_view::npos;
-}
 
 std::vector<std::string> FindRuleSetFiles(const std::string& directory, bool* isComplete)
 {

@@ -1,10 +1,9 @@
-// The files of a rule directory: their names, and the one way in which all of them are written.
+// The files of a rule directory: finding them, and the one way in which all of them are written.
 #pragma once
 
 #include <cstdint>
 #include <functional>
 #include <string>
-#include <string_view>
 #include <vector>
 
 #include "persistence/EncryptStream.h"
@@ -12,15 +11,6 @@
 namespace RuleFiles
 {
 
-/// "KxRl" + four upper-case hexadecimal digits + ".dat".
-[[nodiscard]] std::string RuleSetFileName(uint16_t index);
-/// True for a name that can only mean a file in the rule directory itself: no separator, colon, wildcard, quote,
-/// angle bracket, bar or control byte, no leading or trailing dot or blank, no device name, not empty, at most 200
-/// bytes. Names out of a master file pass here before anything is opened.
-[[nodiscard]] bool IsBareName(std::string_view name) noexcept;
-/// True for the names that the wildcard pattern of rule set files means: prefix, up to four characters, extension, in
-/// any letter case. The system's own matching also finds longer names through their short ones.
-[[nodiscard]] bool IsRuleSetFileName(std::string_view name) noexcept;
 /// The rule set files of a directory (with backslash), in the system's order. *isComplete, which may be null, tells
 /// whether the search came to its end.
 [[nodiscard]] std::vector<std::string> FindRuleSetFiles(const std::string& directory, bool* isComplete = nullptr);

@@ -11,6 +11,7 @@
 #include "persistence/EncryptFile.h"
 #include "persistence/MacroFormat.h"
 #include "persistence/MasterFormat.h"
+#include "persistence/RuleFileNames.h"
 #include "persistence/RuleFiles.h"
 #include "repository/RuleMaster.h"
 #include "repository/RuleSetRescue.h"
@@ -298,7 +299,7 @@ void CRuleMaster::StoreRuleSet(CRuleSet&& ruleSet)
 
 int32_t CRuleMaster::RescueRuleSet(CRuleSet&& ruleSet)
 {
-    const uint16_t index = RuleSetRescue::IndexFromFileName(ruleSet.FileName());
+    const uint16_t index = RuleFiles::IndexFromFileName(ruleSet.FileName());
     ruleSet.SetIndex(index);
     KX_TRACE(kTraceError, "\tCreating a rescue RuleSet instead of a broken/deleted RuleSet %s",
              ruleSet.FileName().c_str());

@@ -2,13 +2,11 @@
 // the user what happened. docs/recovery.md explains the whole.
 #include "repository/RuleSetRescue.h"
 
-#include <charconv>
 #include <cstring>
 #include <string>
 
 #include "common/srclib/KxComn_Names.h"
 #include "common/srclib/KxComn_Trace.h"
-#include "persistence/FileFormat.h"
 
 namespace
 {
@@ -68,19 +66,6 @@ void AddRescueRule(CRuleSet& ruleSet, const RescueRule& rescueRule)
 
 namespace RuleSetRescue
 {
-
-uint16_t IndexFromFileName(std::string_view fileName) noexcept
-{
-    constexpr size_t kPrefix = sizeof FileFormat::kRuleSetPrefix - 1;
-    constexpr size_t kDigits = 4;
-    uint16_t index = 0;
-    if (fileName.size() > kPrefix)
-    {
-        const std::string_view digits = fileName.substr(kPrefix, kDigits);
-        std::from_chars(digits.data(), digits.data() + digits.size(), index, 16);
-    }
-    return index;
-}
 
 void MakeRescueSet(CRuleSet& ruleSet)
 {

@@ -1,6 +1,7 @@
 // Bytes as each of the three files, through the readers of persistence/. An input is a head of five bytes (which file,
 // how its content is given, how the system gives the bytes) and the content: either the file as it lies on the disk, or
 // its fields before encryption, since hardly any change of an encrypted field leaves its padding good.
+#include "persistence/RuleFileNames.h"
 #include "repository/RuleSet.h"
 #include "repository/RuleSetRescue.h"
 #include "tests/fuzz/Fuzz.h"
@@ -81,7 +82,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
     if (kind == Kind::RuleSet)
         PutIntoSet(content, isWhole);
     for (const std::string& name : content.Master.RuleSetFileNames)
-        static_cast<void>(RuleSetRescue::IndexFromFileName(name));
+        static_cast<void>(RuleFiles::IndexFromFileName(name));
 
     // In whatever pieces the system gives the bytes, and what a system failed to give is missing at the end only.
     FileContent other;

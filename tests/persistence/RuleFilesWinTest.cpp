@@ -6,6 +6,7 @@
 #include <regex>
 #include <set>
 
+#include "persistence/RuleFileNames.h"
 #include "tests/standins/TraceRecorder.h"
 #include "tests/support/FileFaults.h"
 #include "tests/support/TempDir.h"

@@ -6,6 +6,7 @@
 
 #include <gtest/gtest.h>
 
+#include "persistence/RuleFileNames.h"
 #include "tests/support/RecordBuilder.h"
 #include "tests/support/TraceSink.h"
 
@@ -34,7 +35,7 @@ TEST(RuleSetRescue, TakesTheIndexFromTheFileName)
         {"", 0},
     };
     for (const auto& [name, index] : cases)
-        EXPECT_EQ(RuleSetRescue::IndexFromFileName(name), index) << name;
+        EXPECT_EQ(RuleFiles::IndexFromFileName(name), index) << name;
 }
 
 TEST(RuleSetRescue, AddsThreeRules)

@@ -1,0 +1,24 @@
+// The names of the files of a rule directory, and which of the names out of a master file are used.
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <string_view>
+
+namespace RuleFiles
+{
+
+/// "KxRl" + four upper-case hexadecimal digits + ".dat".
+[[nodiscard]] std::string RuleSetFileName(uint16_t index);
+/// True for a name that can only mean a file in the rule directory itself: no separator, colon, wildcard, quote,
+/// angle bracket, bar or control byte, no leading or trailing dot or blank, no device name, not empty, at most 200
+/// bytes. Names out of a master file pass here before anything is opened.
+[[nodiscard]] bool IsBareName(std::string_view name) noexcept;
+/// True for the names that the wildcard pattern of rule set files means: prefix, up to four characters, extension, in
+/// any letter case. The system's own matching also finds longer names through their short ones.
+[[nodiscard]] bool IsRuleSetFileName(std::string_view name) noexcept;
+/// The index in a rule set file's name: up to four hexadecimal digits behind the four-character prefix, 0 when there
+/// is none.
+[[nodiscard]] uint16_t IndexFromFileName(std::string_view fileName) noexcept;
+
+} // namespace RuleFiles
