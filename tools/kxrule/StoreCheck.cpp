@@ -2,7 +2,10 @@
 #include <algorithm>
 #include <map>
 
+#include "common/srclib/KxComn_Windows.h"
+
 #include "persistence/FileFormat.h"
+#include "persistence/RuleFileNames.h"
 #include "tools/kxrule/ResultCodes.h"
 #include "tools/kxrule/RuleJson.h"
 #include "tools/kxrule/StoreFiles.h"
@@ -18,14 +21,27 @@ namespace fs = std::filesystem;
 constexpr char kMovedAway[] =
     "the library would move the master file and all rule set files into a dated directory below "
     "RuleBackup";
+constexpr char kCopiedFirst[] =
+    "and before its first write copy every file into a dated directory below RuleBackup; it writes nothing (-10057) "
+    "while one of them cannot be copied";
 
-/// Whether a name out of a master file can only mean a file in the directory itself.
-bool IsBareName(const std::string& name) noexcept
+/// Whether there is something of that name, be it something that cannot be opened.
+bool IsThere(const fs::path& path) noexcept
 {
-    const auto isPlain = [](char c) { return static_cast<unsigned char>(c) >= 0x20 && c != '\x7F'; };
-    return !name.empty() && name.size() <= 200 && name.find_first_of("\\/:*?\"<>|") == std::string::npos &&
-           name.front() != '.' && name.front() != ' ' && name.back() != '.' && name.back() != ' ' &&
-           std::all_of(name.begin(), name.end(), isPlain);
+    if (::GetFileAttributesW(path.c_str()) != INVALID_FILE_ATTRIBUTES)
+        return true;
+    const DWORD error = ::GetLastError();
+    return error != ERROR_FILE_NOT_FOUND && error != ERROR_PATH_NOT_FOUND;
+}
+
+bool IsUnopened(const FileContent& content) noexcept
+{
+    return content.Result == KXRULE_E_FILE_OPEN;
+}
+
+bool IsSameName(const fs::path& a, const fs::path& b)
+{
+    return KxCommon::String::EqualNoCase(a.wstring(), b.wstring());
 }
 
 std::string Count(size_t number, const char* what)
@@ -52,16 +68,14 @@ public:
                 m_Unlisted.push_back(entry.path().filename());
         }
         std::sort(m_Unlisted.begin(), m_Unlisted.end());
-        if (CheckMaster())
+        CheckMaster();
+        CheckMacros();
+        for (size_t i = 0; i < m_Fields.RuleSetFileNames.size(); ++i)
         {
-            CheckMacros();
-            for (size_t i = 0; i < m_Fields.RuleSetFileNames.size(); ++i)
-            {
-                progress.Show(i, m_Fields.RuleSetFileNames.size());
-                CheckRuleSet(m_Fields.RuleSetFileNames[i]);
-            }
-            CheckActive();
+            progress.Show(i, m_Fields.RuleSetFileNames.size());
+            CheckRuleSet(m_Fields.RuleSetFileNames[i]);
         }
+        CheckActive();
         for (const fs::path& name : m_Unlisted)
             CheckUnlisted(name);
         for (const fs::path& name : TemporaryFileNames(m_Directory))
@@ -76,19 +90,17 @@ private:
         m_Report.Files.push_back({name, what, std::move(content), std::move(problem), std::move(consequence)});
     }
 
-    /// False when nothing that it would name can be looked at.
-    bool CheckMaster()
+    void CheckMaster()
     {
-        std::error_code error;
-        if (!fs::exists(m_Directory / m_Master, error))
+        if (!IsThere(m_Directory / m_Master))
         {
-            if (m_Unlisted.empty())
+            m_MasterIsGood = m_Unlisted.empty();
+            if (m_MasterIsGood)
                 Add(m_Master, Finding::Note, {}, "it is missing, and so are rule sets",
                     "the library would start empty");
             else
                 Add(m_Master, Finding::Damaged, {}, "it is missing", std::string(kMovedAway) + " and start empty");
-            m_MasterIsGood = m_Unlisted.empty();
-            return m_Unlisted.empty() && fs::exists(m_Directory / FileFormat::kMacroFileName, error);
+            return;
         }
         FileContent content = ReadStoreFile(m_Directory / m_Master);
         if (content.Problem.empty() && content.Kind != FileKind::Master)
@@ -99,27 +111,29 @@ private:
             Add(m_Master, Finding::Good,
                 Count(m_Fields.RuleSetFileNames.size(), "rule set") + ", " +
                     std::to_string(m_Fields.ActiveRuleSets.size()) + " active");
+        else if (IsUnopened(content))
+            Add(m_Master, Finding::Damaged, {}, content.Problem,
+                (m_Unlisted.empty() ? "the library would start empty, " : std::string(kMovedAway) + ", start empty, ") +
+                    kCopiedFirst);
         else
             Add(m_Master, Finding::Damaged, {}, content.Problem,
                 std::string(kMovedAway) + "; rule sets whose names could be read would become rescue sets");
-        return true;
     }
 
     void CheckMacros()
     {
-        std::string name = FileFormat::kMacroFileName;
-        if (!m_Fields.MacroFileName.empty() && !IsBareName(m_Fields.MacroFileName))
-            Add(m_Master, Finding::Note, {}, "it names a macro file that is no plain file name",
-                "the library would use " + name);
-        else if (!m_Fields.MacroFileName.empty())
-            name = NarrowToUtf8(m_Fields.MacroFileName);
-        const fs::path file = FromUtf8(name);
-        std::error_code error;
-        if (!fs::exists(m_Directory / file, error))
+        const fs::path file = m_MacroFile = UsedMacroFileName(m_Fields, m_Master);
+        if (!m_Fields.MacroFileName.empty() && !IsSameName(FromUtf8(NarrowToUtf8(m_Fields.MacroFileName)), file))
+            Add(m_Master, Finding::Note, {}, "it names a macro file that cannot be one",
+                "the library would use " + ToUtf8(file.wstring()));
+        if (!IsThere(m_Directory / file))
             return Add(file, Finding::Note, {}, "it is missing", "the library would have no macros");
         FileContent content = ReadStoreFile(m_Directory / file);
         if (content.Problem.empty() && content.Kind == FileKind::Macros)
             return Add(file, Finding::Good, Count(content.Macros.size(), "macro"));
+        if (IsUnopened(content))
+            return Add(file, Finding::Damaged, {}, content.Problem,
+                       std::string("the library would go on without macros, ") + kCopiedFirst);
         const bool wrongFormat =
             content.Result == KXRULE_E_MACRO_FORMAT || !content.Known || content.Kind != FileKind::Macros;
         if (content.Kind != FileKind::Macros && content.Problem.empty())
@@ -129,47 +143,67 @@ private:
                 ResultText(wrongFormat ? KXRULE_E_MACRO_FORMAT : KXRULE_E_FILE_READ));
     }
 
+    /// Names that the library does not open.
+    bool IsIgnored(const std::string& narrowName, const fs::path& name) const
+    {
+        return !RuleFiles::IsBareName(narrowName) || IsSameName(name, m_Master) || IsSameName(name, m_MacroFile);
+    }
+
+    /// What stands in for a rule set that cannot be read.
+    std::string Rescue(const std::string& narrowName) const
+    {
+        const uint16_t index = RuleFiles::IndexFromFileName(narrowName);
+        const bool isTaken = std::find(m_Indexes.begin(), m_Indexes.end(), index) != m_Indexes.end();
+        return index == 0 || isTaken ? "nothing would take its place" : "a rescue set would take its place";
+    }
+
     void CheckRuleSet(const std::string& narrowName)
     {
         const fs::path name = FromUtf8(NarrowToUtf8(narrowName));
-        if (!IsBareName(narrowName))
+        if (IsIgnored(narrowName, name))
             return Add(m_Master, Finding::Note, {},
-                       "it lists a rule set file whose name is no plain file name: \"" + NarrowToUtf8(narrowName) +
-                           "\"",
+                       "it lists a rule set file whose name cannot be one: \"" + NarrowToUtf8(narrowName) + "\"",
                        "the library would ignore it");
-        std::erase_if(m_Unlisted, [&](const fs::path& other)
-                      { return KxCommon::String::EqualNoCase(other.wstring(), name.wstring()); });
-        std::error_code error;
-        if (!fs::exists(m_Directory / name, error))
-            return Add(name, Finding::Damaged, {}, "it is missing", "a rescue set would take its place");
+        std::erase_if(m_Unlisted, [&](const fs::path& other) { return IsSameName(other, name); });
+        if (!IsThere(m_Directory / name))
+            return Add(name, Finding::Damaged, {}, "it is missing", Rescue(narrowName));
         const FileContent content = ReadStoreFile(m_Directory / name);
-        const bool wrongKind = content.Known && content.Kind != FileKind::RuleSet;
-        if (!content.Problem.empty() || wrongKind)
-            return Add(name, Finding::Damaged, {}, wrongKind ? "it is no rule set file" : content.Problem,
-                       "the library would copy it to RuleBackup and put a rescue set in its place, keeping " +
+        const std::string problem = RuleSetProblem(content);
+        const std::string summary = std::to_string(content.RuleSet.Index) + " \"" + ToUtf8(content.RuleSet.Name) +
+                                    "\", " + Count(content.RuleSet.Rules.size(), "rule");
+        if (!m_MasterIsGood) // by the time it is looked for, it has been moved
+            return Add(name, problem.empty() ? Finding::Note : Finding::Damaged, problem.empty() ? summary : "",
+                       problem, "it would be moved with the master file, and " + Rescue(narrowName));
+        if (IsUnopened(content))
+            return Add(name, Finding::Damaged, {}, problem,
+                       Rescue(narrowName) + " in memory; the file stays until it has been copied to RuleBackup");
+        if (!problem.empty())
+            return Add(name, Finding::Damaged, {}, problem,
+                       "the library would copy it to RuleBackup, and " + Rescue(narrowName) + ", keeping " +
                            Count(content.RuleSet.Rules.size(), "rule") + " in front of the damage");
-        if (content.RuleSet.Index == 0)
-            return Add(name, Finding::Damaged, {}, "its index is 0",
-                       "the library would copy it to RuleBackup and put a rescue set in its place");
         m_Indexes.push_back(content.RuleSet.Index);
-        const std::string summary =
-            std::to_string(content.RuleSet.Index) + " \"" + ToUtf8(content.RuleSet.Name) + "\", ";
         if (content.Version == FileFormat::kOldVersion)
-            return Add(name, Finding::Note, summary + "version 1",
+            return Add(name, Finding::Note, summary + " read",
                        std::to_string(content.RuleCount) + " rules of version 1", "the library does not read them");
         if (std::count(m_Indexes.begin(), m_Indexes.end(), content.RuleSet.Index) > 1)
-            return Add(name, Finding::Note, summary + Count(content.RuleSet.Rules.size(), "rule"),
-                       "another file has the same index", "the later one in the master file counts");
+            return Add(name, Finding::Note, summary, "another file has the same index",
+                       "the later one in the master file counts");
         // A changed byte in the middle of a record shows in no length and no padding.
         const size_t odd = !m_Thorough
                                ? 0
                                : static_cast<size_t>(std::count_if(content.RuleSet.Rules.begin(),
                                                                    content.RuleSet.Rules.end(), HasUnexplainedBytes));
         if (odd > 0)
-            return Add(name, Finding::Note, summary + Count(content.RuleSet.Rules.size(), "rule"),
-                       Count(odd, "rule") + " with bytes that no field explains",
+            return Add(name, Finding::Note, summary, Count(odd, "rule") + " with bytes that no field explains",
                        "it takes them as they are; \"kxrule dump\" shows them as raw");
-        Add(name, Finding::Good, summary + Count(content.RuleSet.Rules.size(), "rule"));
+        Add(name, Finding::Good, summary);
+    }
+
+    static std::string RuleSetProblem(const FileContent& content)
+    {
+        if (content.Known && content.Kind != FileKind::RuleSet)
+            return "it is no rule set file";
+        return content.Problem.empty() && content.RuleSet.Index == 0 ? "its index is 0" : content.Problem;
     }
 
     void CheckActive()
@@ -185,19 +219,20 @@ private:
 
     void CheckUnlisted(const fs::path& name)
     {
-        const FileContent content = ReadStoreFile(m_Directory / name);
-        const std::string problem = "the master file does not list it";
-        Add(name, Finding::Note, {},
-            m_MasterIsGood            ? problem + (content.Problem.empty() ? "" : ", and " + content.Problem)
-            : content.Problem.empty() ? "nothing is wrong with it"
-                                      : content.Problem,
-            m_MasterIsGood ? "the library would not read it" : "it would be moved with the master file");
+        const std::string problem = RuleSetProblem(ReadStoreFile(m_Directory / name));
+        const std::string unlisted = "the master file does not list it";
+        if (m_MasterIsGood)
+            return Add(name, Finding::Note, {}, unlisted + (problem.empty() ? "" : ", and " + problem),
+                       "the library would not read it");
+        Add(name, Finding::Note, {}, problem.empty() ? "nothing is wrong with it" : problem,
+            "it would be moved with the master file");
     }
 
     const fs::path m_Directory;
     const bool m_Thorough;
     const fs::path m_Master;
     MasterFields m_Fields;
+    fs::path m_MacroFile;
     bool m_MasterIsGood = false;
     std::vector<fs::path> m_Unlisted; // rule set files in the directory that the master file has not named so far
     std::vector<uint16_t> m_Indexes;

@@ -7,6 +7,7 @@
 
 #include "persistence/FileFormat.h"
 #include "persistence/MacroFormat.h"
+#include "persistence/RuleFileNames.h"
 #include "persistence/RuleSetFormat.h"
 #include "tools/kxrule/Failure.h"
 #include "tools/kxrule/FileStream.h"
@@ -140,10 +141,15 @@ FileContent ReadStoreFile(const fs::path& file)
 
 bool IsRuleSetFileName(const fs::path& name)
 {
-    const std::wstring text = name.wstring();
-    constexpr size_t kDigits = 4;
-    return text.size() == sizeof FileFormat::kRuleSetPrefix - 1 + kDigits + sizeof FileFormat::kRuleSetExtension - 1 &&
-           StartsWith(text, FileFormat::kRuleSetPrefix) && EndsWith(text, FileFormat::kRuleSetExtension);
+    return RuleFiles::IsRuleSetFileName(ToUtf8(name.wstring()));
+}
+
+fs::path UsedMacroFileName(const MasterFields& fields, const fs::path& master)
+{
+    fs::path name = FromUtf8(NarrowToUtf8(fields.MacroFileName));
+    const bool isUsed = RuleFiles::IsBareName(fields.MacroFileName) && !IsRuleSetFileName(name) &&
+                        !KxCommon::String::EqualNoCase(name.wstring(), master.wstring());
+    return isUsed ? name : fs::path(FileFormat::kMacroFileName);
 }
 
 std::vector<fs::path> StoreFileNames(const fs::path& directory, const std::string& masterFileName)
@@ -155,10 +161,7 @@ std::vector<fs::path> StoreFileNames(const fs::path& directory, const std::strin
     if (fs::is_regular_file(directory / master, error))
     {
         names.push_back(master);
-        const FileContent content = ReadStoreFile(directory / master);
-        const fs::path named = FromUtf8(NarrowToUtf8(content.Master.MacroFileName));
-        if (!named.empty() && named == named.filename())
-            macros = named;
+        macros = UsedMacroFileName(ReadStoreFile(directory / master).Master, master);
     }
     if (fs::is_regular_file(directory / macros, error))
         names.push_back(macros);

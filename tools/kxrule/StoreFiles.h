@@ -67,9 +67,11 @@ struct StoreReport
 /// Master, macro and rule set files that exist in a directory, as bare names.
 [[nodiscard]] std::vector<std::filesystem::path> StoreFileNames(const std::filesystem::path& directory,
                                                                 const std::string& masterFileName);
+/// The macro file that the library uses with this master file: the one it names unless the name is refused.
+[[nodiscard]] std::filesystem::path UsedMacroFileName(const MasterFields& fields, const std::filesystem::path& master);
 /// Leftovers of writes that did not come to their end.
 [[nodiscard]] std::vector<std::filesystem::path> TemporaryFileNames(const std::filesystem::path& directory);
-/// Whether a name is KxRl????.dat.
+/// Whether the library takes a name for that of a rule set file.
 [[nodiscard]] bool IsRuleSetFileName(const std::filesystem::path& name);
 
 /// Copies files from one directory to another, which is made when it is missing. Throws Failure.
