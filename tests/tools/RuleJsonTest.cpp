@@ -212,7 +212,8 @@ TEST(RuleJson, ReportsEverythingThatIsWrong)
     {"index": 7, "kind": 9}]},
   {"index": 2, "name": "a", "rules": {}},
   {"index": 2, "name": "a", "name": "b"},
-  7
+  7,
+  {"index": 3, "name": "a", "rules": [oops, nix, {"index": nix, "kind": 9}, {"index": 1-, "kind": 9}]}
 ]})";
     const std::pair<const char*, const char*> expected[] = {
         {"1:13 version", "a whole number from 1 to 1, found 2"},
@@ -246,6 +247,10 @@ TEST(RuleJson, ReportsEverythingThatIsWrong)
         {"14:3 ruleSets[2]", "a rule set 2 already"},
         {"14:29 ruleSets[2]", "\"name\" stands here twice"},
         {"15:3 ruleSets[3]", "a rule set as an object with index, name, rules, raw, found 7"},
+        {"16:39 ruleSets[4].rules[0]", "texts stand between quotes"},
+        {"16:45 ruleSets[4].rules[1]", "texts stand between quotes"},
+        {"16:60 ruleSets[4].rules[2].index", "texts stand between quotes"},
+        {"16:87 ruleSets[4].rules[3].index", "this is no number"},
     };
     Policy policy;
     std::vector<JsonError> errors;
@@ -274,6 +279,14 @@ TEST(RuleJson, KnowsTheLibrarysLimits)
     ASSERT_EQ(errors.size(), 2u) << Texts(errors);
     EXPECT_EQ(errors[0].Text, "a store holds at most 64 rule sets, the file has 65");
     EXPECT_EQ(errors[1].Text, "a rule set holds at most 1024 rules, this one has 1025");
+
+    std::string zeroes = "0";
+    for (int i = 1; i < 1500; ++i)
+        zeroes += ",\n0";
+    EXPECT_FALSE(Tool::ReadPolicy("{\"active\": [" + zeroes + "]}", policy, errors));
+    ASSERT_EQ(errors.size(), 1001u);
+    EXPECT_EQ(errors[999].Line, 1000u);
+    EXPECT_EQ(errors[1000].Text, "and 500 more");
 }
 
 // docs/policy.schema.json names the members that the reader knows, kind by kind, and no others.

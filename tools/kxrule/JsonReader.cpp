@@ -16,6 +16,8 @@ namespace
 
 using KxCommon::Record::Store;
 
+constexpr size_t kMostFindings = 1000; // nobody reads more, and a file may have millions
+
 /// A value for an error message.
 std::string Found(JsonValue value)
 {
@@ -57,10 +59,32 @@ JsonReader::JsonReader(std::string_view json) : m_Tree(json)
         m_Findings.push_back({complaint.Offset, {}, complaint.Text});
 }
 
+void JsonReader::Report(size_t offset, const Path& path, std::string text)
+{
+    ++m_Failures;
+    if (m_Findings.size() < kMostFindings)
+        m_Findings.push_back({offset, path.Text(), std::move(text)});
+    else
+        ++m_LeftOut;
+}
+
 void JsonReader::Expected(JsonValue value, const Path& path, const std::string& what)
 {
-    if (!value.Is(Kind::Broken))
-        Report(value.Offset(), path, "expected " + what + ", found " + Found(value));
+    if (value.Is(Kind::Broken))
+        return NameBroken(value, path);
+    Report(value.Offset(), path, "expected " + what + ", found " + Found(value));
+}
+
+void JsonReader::NameBroken(JsonValue value, const Path& path)
+{
+    ++m_Failures;
+    const size_t end = value.Offset() + std::max<size_t>(value.Raw().size(), 1);
+    for (size_t i = 0; i < m_Tree.Complaints().size(); ++i)
+    {
+        Finding& finding = m_Findings[i];
+        if (finding.Offset >= value.Offset() && finding.Offset < end && finding.Path.empty())
+            finding.Path = path.Text();
+    }
 }
 
 bool JsonReader::Finish(std::vector<JsonError>& errors)
@@ -74,6 +98,8 @@ bool JsonReader::Finish(std::vector<JsonError>& errors)
         const Place place = locator.Find(finding.Offset);
         errors.push_back({place.Line, place.Column, std::move(finding.Path), std::move(finding.Text)});
     }
+    if (m_LeftOut > 0)
+        errors.push_back({errors.back().Line, errors.back().Column, {}, "and " + std::to_string(m_LeftOut) + " more"});
     return errors.empty();
 }
 
@@ -234,10 +260,10 @@ void JsonReader::ReadField(const RuleField& field, JsonValue value, const Path& 
         return ReadOne(field, value, path, record + field.Places[0]);
     if (!value.Is(Kind::Array) || value.ItemCount() != field.Count)
     {
+        if (value.Is(Kind::Broken))
+            return NameBroken(value, path);
         const std::string found = value.Is(Kind::Array) ? std::to_string(value.ItemCount()) : Found(value);
-        if (!value.Is(Kind::Broken))
-            Report(value.Offset(), path, "expected an array of " + std::to_string(field.Count) + ", found " + found);
-        return;
+        return Report(value.Offset(), path, "expected an array of " + std::to_string(field.Count) + ", found " + found);
     }
     size_t index = 0;
     value.ForEachItem(

@@ -46,19 +46,18 @@ public:
     explicit JsonReader(std::string_view json);
 
     [[nodiscard]] JsonValue Root() const noexcept { return m_Tree.Root(); }
-    /// All that was found, in the file's order; true when there is nothing.
+    /// All that was found, in the file's order, the last one telling how many more there are when they are too many to
+    /// read; true when there is nothing.
     [[nodiscard]] bool Finish(std::vector<JsonError>& errors);
 
 protected:
     using Kind = JsonTree::Kind;
     using Members = std::vector<std::optional<JsonValue>>;
 
-    void Report(size_t offset, const Path& path, std::string text)
-    {
-        m_Findings.push_back({offset, path.Text(), std::move(text)});
-    }
-    [[nodiscard]] size_t Findings() const noexcept { return m_Findings.size(); }
-    /// "expected ..., found ...". Broken values have been complained about already.
+    void Report(size_t offset, const Path& path, std::string text);
+    /// How much could not be read so far, broken values included.
+    [[nodiscard]] size_t Failures() const noexcept { return m_Failures; }
+    /// "expected ..., found ...". Broken values have been complained about already, and get their path here.
     void Expected(JsonValue value, const Path& path, const std::string& what);
 
     /// The members of an object in the order of names. Unknown and repeated ones are reported.
@@ -91,13 +90,16 @@ private:
         std::string Text;
     };
 
+    void NameBroken(JsonValue value, const Path& path);
     std::optional<std::string> ReadText(JsonValue value, const Path& path, const char* what);
     void ReadOne(const RuleField& field, JsonValue value, const Path& path, uint8_t* to);
     void ReadExtension(const RuleField& field, JsonValue value, const Path& path, uint8_t* record);
     void ReadHash(JsonValue value, const Path& path, uint8_t* to);
 
     JsonTree m_Tree;
-    std::vector<Finding> m_Findings;
+    std::vector<Finding> m_Findings; // the tree's complaints come first
+    size_t m_Failures = 0;
+    size_t m_LeftOut = 0; // findings beyond the most that are kept
 };
 
 } // namespace Tool

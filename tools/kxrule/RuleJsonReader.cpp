@@ -93,10 +93,10 @@ void Reader::ReadRules(JsonValue value, const Path& path, RuleSetRecord& ruleSet
               [&](JsonValue item, const Path& where)
               {
                   PFW_RULE rule{};
-                  const size_t before = Findings();
+                  const size_t before = Failures();
                   ReadRule(item, where, rule);
                   const uint16_t index = rule.wRuleIndex;
-                  if (Findings() > before)
+                  if (Failures() > before)
                       return;
                   if (used[index])
                       Report(item.Offset(), where, "the rule set has a rule " + std::to_string(index) + " already");
