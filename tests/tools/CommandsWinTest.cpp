@@ -68,7 +68,10 @@ TEST_F(Commands, Change)
         {{L"add-rule", L"9", rule}, 1, "there is no rule set 9"},
         {{L"show", L"700"}, 0, "      0  ACCESS,ANY,v6,,,,DROP\n         @v6 fe80::1\n      5  NAT,ANY,,,,,,,DNAT\n"},
         {{L"show", L"700", L"0"}, 0, "\"addresses\": [\"@v6\", \"fe80::1\"]"},
-        {{L"show", L"700", L"1"}, 1, "has no rule 1"},
+        {{L"show", L"700", L"1"}, 1, "kxrule: rule set 700 has no rule 1\n"},
+        {{L"show", L"700", L"1", L"--json"}, 1, "{\"error\": \"rule set 700 has no rule 1\", \"exitCode\": 1}"},
+        {{L"--json", L"shwo"}, 2, "{\"error\": \"\\\"shwo\\\" is no command; --help tells more\", \"exitCode\": 2}"},
+        {{L"show", L"/1"}, 2, "Value /1 not in range"}, // no option of the old style: a path may begin like that
         {{L"find", L"fe80::/64", L"--json"}, 0, "\"where\": \"addresses\""},
         {{L"find", L"reise"}, 0, "Rule set 700  Reise"},
         {{L"find", L"10.0.0.1"}, 0, "nothing speaks of it"},
@@ -129,8 +132,8 @@ TEST_F(Commands, VerifyTellsWhatTheLibraryWouldDo)
     const struct
     {
         const char* Name;
-        const char* File; // null: removed
-        std::function<void(std::string&)> Damage;
+        const char* File;                         // null: no master file
+        std::function<void(std::string&)> Damage; // null: it cannot be opened, being a directory
         const char* Says;
     } cases[] = {
         {"a good store", "KxRl0001.dat", [](std::string&) {}, "nothing is damaged"},
@@ -145,6 +148,9 @@ TEST_F(Commands, VerifyTellsWhatTheLibraryWouldDo)
         {"a changed byte", "KxRl0003.dat", [](std::string& bytes) { bytes[3500] = static_cast<char>(~bytes[3500]); },
          "1 rule with bytes that no field explains"},
         {"no master", nullptr, {}, "it is missing"},
+        {"a closed master", "KxRulMas.dat", {}, "below RuleBackup, start empty, and before its first write copy"},
+        {"closed macros", "KxRulMac.dat", {}, "would go on without macros, and before its first write copy"},
+        {"a closed set", "KxRl0003.dat", {}, "a rescue set would take its place in memory; the file stays until"},
     };
     const std::filesystem::path good = m_Directory / "good";
     std::filesystem::copy(RuleDirectory(), good);
@@ -152,10 +158,12 @@ TEST_F(Commands, VerifyTellsWhatTheLibraryWouldDo)
     {
         std::filesystem::remove_all(RuleDirectory());
         std::filesystem::copy(good, RuleDirectory());
-        if (c.File != nullptr)
+        if (c.Damage)
             Damage(c.File, c.Damage);
         else
-            std::filesystem::remove(RuleDirectory() / "KxRulMas.dat");
+            std::filesystem::remove(RuleDirectory() / (c.File != nullptr ? c.File : "KxRulMas.dat"));
+        if (c.File != nullptr && !c.Damage)
+            std::filesystem::create_directory(RuleDirectory() / c.File);
         const std::string before = Snapshot();
         const Run verify = Kxrule({L"verify"});
         const Json json = Json::parse(Kxrule({L"verify", L"--json"}).Out);
@@ -180,7 +188,7 @@ TEST_F(Commands, BackupAndRestore)
     const std::wstring all = (backup).wstring();
     const std::wstring one = (backup / "KxRl0002.dat").wstring();
     const std::string before = Kxrule({L"export"}).Out;
-    Follow({{{L"backup", all}, 0, "9 files copied"},
+    Follow({{{L"backup", all, L"--json"}, 0, "\"copied\": [\n    \"KxRulMas.dat\","},
             {{L"backup", all}, 1, "is not an empty directory"},
             {{L"restore", one}, 0, "nothing changed"},
             {{L"delete-set", L"2", L"3"}, 0, "2 rule sets removed"},
@@ -188,7 +196,7 @@ TEST_F(Commands, BackupAndRestore)
             {{L"restore", one}, 0, "1 rule set added, 20 rules added"},
             {{L"restore", (backup / "KxRulMas.dat").wstring()}, 1, "is restored with its directory"},
             {{L"macros", L"clear"}, 0, ""},
-            {{L"restore", (backup / "KxRulMac.dat").wstring()}, 0, "the macros are restored"},
+            {{L"restore", (backup / "KxRulMac.dat").wstring()}, 0, "1 file restored; what was there before lies in"},
             {{L"macros"}, 0, "web-ports="},
             {{L"restore", all}, 0, "9 files restored; what was there before lies in"}});
     EXPECT_TRUE(Kxrule({L"export"}).Out == before);
@@ -220,7 +228,7 @@ TEST_F(Commands, TidyRemovesOnlyWhatWritesLeave)
         WriteBytes(RuleDirectory() / name, "x");
     Follow({{{L"verify"}, 0, "an unfinished write"},
             {{L"tidy"}, 1, "--yes"},
-            {{L"tidy", L"--yes"}, 0, "3 files removed"}});
+            {{L"tidy", L"--yes", L"--json"}, 0, "{\n  \"removed\": [\n    \"Mas1.tmp\",\n"}});
     EXPECT_TRUE(Snapshot() == before);
     const char* const others[] = {"Master.tmp", "Rul.tmp", "Rul12345.tmp", "Rul1.tmp.txt", "RulG.tmp"};
     for (const char* const name : others)

@@ -46,8 +46,11 @@ Json ReportAsJson(const StoreReport& report)
     return json;
 }
 
-void PrintReport(Console& console, const StoreReport& report)
+void PrintReport(Session& session, const StoreReport& report)
 {
+    Console& console = session.Terminal();
+    if (session.Options().Json)
+        return console.Out(ReportAsJson(report).dump(2) + "\n");
     std::vector<std::vector<std::string>> rows;
     for (const FileReport& file : report.Files)
     {
@@ -91,17 +94,45 @@ bool IsSameDirectory(const fs::path& a, const fs::path& b)
            first.nFileIndexHigh == second.nFileIndexHigh && first.nFileIndexLow == second.nFileIndexLow;
 }
 
-/// Puts files into the rule directory: each is copied beside the place it goes to and then put there in one step.
-void PutFiles(const fs::path& from, const fs::path& directory, const std::vector<fs::path>& names)
+/// Puts a file into the rule directory: it is copied beside the place it goes to and then put there in one step.
+void PutFile(const fs::path& file, const fs::path& directory, const fs::path& name)
 {
+    const fs::path unfinished = directory / (name.wstring() + L".new");
+    if (::CopyFileW(file.c_str(), unfinished.c_str(), FALSE) == FALSE ||
+        ::MoveFileExW(unfinished.c_str(), (directory / name).c_str(),
+                      MOVEFILE_REPLACE_EXISTING | MOVEFILE_WRITE_THROUGH) == FALSE)
+        throw Failure("putting " + Name(name) + " in place: " + SystemText(::GetLastError()));
+}
+
+/// Copies what is about to be replaced; the directory with the copies, empty when there was nothing.
+fs::path KeepReplaced(const fs::path& directory, const std::vector<fs::path>& names)
+{
+    if (names.empty())
+        return {};
+    fs::path kept = NewBackupDirectory(directory);
+    CopyFiles(directory, kept, names);
+    return kept;
+}
+
+Json NamesAsJson(const std::vector<fs::path>& names)
+{
+    Json json = Json::array();
     for (const fs::path& name : names)
+        json.push_back(ToUtf8(name.wstring()));
+    return json;
+}
+
+void TellRestored(Session& session, const std::vector<fs::path>& names, const fs::path& kept)
+{
+    if (session.Options().Json)
     {
-        const fs::path unfinished = directory / (name.wstring() + L".new");
-        if (::CopyFileW((from / name).c_str(), unfinished.c_str(), FALSE) == FALSE ||
-            ::MoveFileExW(unfinished.c_str(), (directory / name).c_str(),
-                          MOVEFILE_REPLACE_EXISTING | MOVEFILE_WRITE_THROUGH) == FALSE)
-            throw Failure("putting " + Name(name) + " in place: " + SystemText(::GetLastError()));
+        Json json = {{"restored", NamesAsJson(names)}};
+        if (!kept.empty())
+            json["kept"] = ToUtf8(kept.wstring());
+        return session.Terminal().Out(json.dump(2) + "\n");
     }
+    session.Terminal().Out(Count(names.size(), "file") + " restored" +
+                           (kept.empty() ? "" : "; what was there before lies in " + Name(kept)) + "\n");
 }
 
 int RestoreDirectory(Session& session, const fs::path& source)
@@ -116,7 +147,7 @@ int RestoreDirectory(Session& session, const fs::path& source)
     const StoreReport report = CheckStore(source, master, session.Terminal(), false);
     if (report.IsDamaged())
     {
-        PrintReport(session.Terminal(), report);
+        PrintReport(session, report);
         throw Failure(Name(source) +
                       " is damaged and is not restored; its good rule set files can be restored one by one");
     }
@@ -124,22 +155,17 @@ int RestoreDirectory(Session& session, const fs::path& source)
     const fs::path directory = session.Directory();
     fs::create_directories(directory, error);
     const std::vector<fs::path> replaced = StoreFileNames(directory, master);
-    fs::path kept;
-    if (!replaced.empty())
-    {
-        kept = NewBackupDirectory(directory);
-        CopyFiles(directory, kept, replaced);
-    }
+    const fs::path kept = KeepReplaced(directory, replaced);
     // The master file comes last: until it is there, the old one names the old files.
     std::vector<fs::path> order(names.rbegin(), names.rend());
-    PutFiles(source, directory, order);
+    for (const fs::path& name : order)
+        PutFile(source / name, directory, name);
     for (const fs::path& name : replaced)
     {
         if (IsRuleSetFileName(name) && std::find(names.begin(), names.end(), name) == names.end())
             fs::remove(directory / name, error);
     }
-    session.Terminal().Out(Count(names.size(), "file") + " restored" +
-                           (kept.empty() ? "" : "; what was there before lies in " + Name(kept)) + "\n");
+    TellRestored(session, order, kept);
     return ExitDone;
 }
 
@@ -156,14 +182,9 @@ int RestoreMacros(Session& session, const fs::path& file)
         if (!IsRuleSetFileName(other) && ReadStoreFile(directory / other).Kind == FileKind::Macros)
             name = other;
     }
-    if (!replaced.empty())
-        CopyFiles(directory, NewBackupDirectory(directory), replaced);
-    const fs::path unfinished = directory / (name.wstring() + L".new");
-    if (::CopyFileW(file.c_str(), unfinished.c_str(), FALSE) == FALSE ||
-        ::MoveFileExW(unfinished.c_str(), (directory / name).c_str(),
-                      MOVEFILE_REPLACE_EXISTING | MOVEFILE_WRITE_THROUGH) == FALSE)
-        throw Failure("putting " + Name(name) + " in place: " + SystemText(::GetLastError()));
-    session.Terminal().Out("the macros are restored\n");
+    const fs::path kept = KeepReplaced(directory, replaced);
+    PutFile(file, directory, name);
+    TellRestored(session, {name}, kept);
     return ExitDone;
 }
 
@@ -200,10 +221,7 @@ int Verify(Session& session)
 {
     RequireDirectory(session.Directory());
     const StoreReport report = CheckStore(session.Directory(), session.Options().Master, session.Terminal(), true);
-    if (session.Options().Json)
-        session.Terminal().Out(ReportAsJson(report).dump(2) + "\n");
-    else
-        PrintReport(session.Terminal(), report);
+    PrintReport(session, report);
     return report.IsDamaged() ? ExitFailed : ExitDone;
 }
 
@@ -218,7 +236,11 @@ int Backup(Session& session, const std::string& target)
     if (fs::exists(directory, error) && !fs::is_empty(directory, error))
         throw Failure(Name(directory) + " is not an empty directory");
     CopyFiles(session.Directory(), directory, names);
-    session.Terminal().Out(Count(names.size(), "file") + " copied to " + Name(directory) + "\n");
+    if (session.Options().Json)
+        session.Terminal().Out(Json({{"copied", NamesAsJson(names)}, {"to", ToUtf8(directory.wstring())}}).dump(2) +
+                               "\n");
+    else
+        session.Terminal().Out(Count(names.size(), "file") + " copied to " + Name(directory) + "\n");
     return ExitDone;
 }
 
@@ -239,21 +261,27 @@ int Tidy(Session& session, bool yes)
     const std::vector<fs::path> names = TemporaryFileNames(directory);
     if (names.empty())
     {
-        console.Out("no temporary files\n");
+        console.Out(session.Options().Json ? "{\"removed\": []}\n" : "no temporary files\n");
         return ExitDone;
     }
     session.RefuseWhileInUse(); // a write may be going on
     for (const fs::path& name : names)
-        console.Out(Name(name) + "\n");
+        console.Out(session.Options().Json ? "" : Name(name) + "\n");
     if (!yes && !console.Confirm("remove " + Count(names.size(), "file") + "?"))
         throw Failure("nothing is removed; --yes does so without asking");
-    size_t removed = 0;
+    std::vector<fs::path> removed;
     std::error_code error;
     for (const fs::path& name : names)
-        removed += fs::remove(directory / name, error) ? 1 : 0;
-    console.Out(Count(removed, "file") + " removed\n");
-    if (removed < names.size())
-        throw Failure(Count(names.size() - removed, "file") + " could not be removed");
+    {
+        if (fs::remove(directory / name, error))
+            removed.push_back(name);
+    }
+    if (session.Options().Json)
+        console.Out(Json({{"removed", NamesAsJson(removed)}}).dump(2) + "\n");
+    else
+        console.Out(Count(removed.size(), "file") + " removed\n");
+    if (removed.size() < names.size())
+        throw Failure(Count(names.size() - removed.size(), "file") + " could not be removed");
     return ExitDone;
 }
 

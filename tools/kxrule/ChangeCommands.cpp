@@ -92,10 +92,7 @@ int AddRule(Session& session, uint16_t ruleSetIndex, const std::string& rule, bo
     PFW_RULE record{};
     std::vector<JsonError> errors;
     if (!ReadRule(isText ? rule : ReadTextFile(rule), record, errors))
-    {
-        session.Terminal().Error(ErrorLines(isText ? "RULE" : rule, errors));
-        return ExitFailed;
-    }
+        return TellMistakes(session, isText ? "RULE" : rule, errors);
     session.OpenToChange();
     const Policy store = session.Read();
     Policy wanted = store;
@@ -180,7 +177,7 @@ int RefreshHashes(Session& session, const std::string& application)
                                " computed\n");
     }
     if (result != KXRULE_OK)
-        throw Failure("computing hashes: " + ResultText(result));
+        throw Failure("computing hashes: " + ResultText(result), ExitFailed, result);
     return ExitDone;
 }
 

@@ -34,11 +34,12 @@ public:
     {
         m_App.name("kxrule");
         m_App.require_subcommand(1);
+        m_App.allow_windows_style_options(false); // a path may begin with a slash
         m_App.fallthrough();
         m_App.add_option("--dir", m_Options.Directory, "The rule directory; the library's own when it is not given")
             ->type_name("DIR");
         m_App.add_option("--master", m_Options.Master, "The name of the master file in it")->type_name("NAME");
-        m_App.add_flag("--json", m_Options.Json, "Print JSON for other programs");
+        m_App.add_flag("--json", m_Options.Json, "Print JSON for other programs; errors, too, on standard error");
         m_App.add_flag("--no-color", m_Options.NoColour, "No colours, as with the environment variable NO_COLOR");
         m_App.add_flag("--force", m_Options.Force, "Change the store even while another process uses it");
         m_App.set_version_flag("--version", "kxrule " KX_VERSION);
@@ -62,10 +63,17 @@ public:
         {
             std::ostringstream out;
             std::ostringstream problems;
-            const int code = m_App.exit(error, out, problems);
+            if (m_App.exit(error, out, problems) != 0)
+            {
+                const bool unknown = m_App.get_subcommands().empty() && !m_App.remaining().empty();
+                throw Failure((unknown ? "\"" + m_App.remaining().front() + "\" is no " +
+                                             (m_App.remaining().front()[0] == '-' ? "option" : "command")
+                                       : error.what()) +
+                                  "; --help tells more",
+                              ExitUsage);
+            }
             console.Out(out.str());
-            console.Error(problems.str());
-            return code == 0 ? ExitDone : ExitUsage;
+            return ExitDone;
         }
         if (m_Options.NoColour)
             console.DisableColour();

@@ -64,7 +64,8 @@ int Carry(Session& session, const Policy& store, const Policy& wanted, MergeMode
 [[nodiscard]] std::string ReadTextFile(const std::string& path);
 /// Puts text into a file, whole or not at all; "-" or nothing: standard output.
 void WriteTextFile(Session& session, const std::string& path, std::string_view text);
-/// One line an error: FILE:LINE:COLUMN: where: what.
-[[nodiscard]] std::string ErrorLines(const std::string& path, const std::vector<JsonError>& errors);
+/// What is wrong in a file, one line each: FILE:LINE:COLUMN: where: what.
+/// @return ExitFailed
+int TellMistakes(Session& session, const std::string& path, const std::vector<JsonError>& errors);
 
 } // namespace Tool

@@ -16,15 +16,21 @@ enum ExitCode
     ExitDifferent = 3 // import --check: something would change
 };
 
-/// Thrown by value; what() is UTF-8 and goes to the user behind "kxrule: ". May hold several lines.
+/// Thrown by value; what() is UTF-8 and goes to the user behind "kxrule: ". May hold several lines. The result is the
+/// library's code when it was the library that failed.
 class Failure : public std::runtime_error
 {
 public:
-    explicit Failure(const std::string& text, ExitCode code = ExitFailed) : std::runtime_error(text), m_Code(code) {}
+    explicit Failure(const std::string& text, ExitCode code = ExitFailed, int32_t result = 0)
+        : std::runtime_error(text), m_Code(code), m_Result(result)
+    {
+    }
     [[nodiscard]] ExitCode Code() const noexcept { return m_Code; }
+    [[nodiscard]] int32_t Result() const noexcept { return m_Result; }
 
 private:
     ExitCode m_Code;
+    int32_t m_Result;
 };
 
 /// A Windows error number with the system's words for it.

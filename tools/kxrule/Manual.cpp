@@ -81,6 +81,13 @@ PowerShell: put `kxrule completion powershell | Out-String | Invoke-Expression` 
 `source <(kxrule completion bash)`.
 )";
 
+constexpr char kErrors[] =
+    R"(What goes wrong is told on standard error: a line for people, or with `--json` an object with `"error"` in words and
+`"exitCode"`; `"result"` and `"name"` are the library's code, where it was the library that failed. Every mistake in a
+policy is an element of `"mistakes"`, with `"file"`, `"line"`, `"column"`, `"where"` and `"text"`.
+
+)";
+
 std::vector<const CLI::App*> Commands(const CLI::App& app)
 {
     return app.get_subcommands([](const CLI::App*) { return true; });
@@ -176,7 +183,7 @@ std::string Manual(const CLI::App& app)
         out += "| `" + Written(option) + "` | " + option->get_description() + " |\n";
     out += "\nThese options may stand in front of a command or behind it; `--help` behind every one.\n\n";
     const std::string footer = app.get_footer();
-    out += footer.substr(footer.find("Exit codes")) + "\n\n## Commands\n\n";
+    out += footer.substr(footer.find("Exit codes")) + "\n\n" + kErrors + "## Commands\n\n";
     for (const CLI::App* const command : Commands(app))
         AppendCommand(out, *command, "kxrule " + command->get_name(), "###");
     return out + kGuide;

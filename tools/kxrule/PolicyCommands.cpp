@@ -93,7 +93,7 @@ bool ReadPolicyFile(Session& session, const std::string& file, Policy& policy)
     std::vector<JsonError> errors;
     if (ReadPolicy(ReadTextFile(file), policy, errors))
         return true;
-    session.Terminal().Error(ErrorLines(file, errors));
+    TellMistakes(session, file, errors);
     return false;
 }
 
@@ -115,14 +115,28 @@ std::string ReadTextFile(const std::string& path)
     return text;
 }
 
-std::string ErrorLines(const std::string& path, const std::vector<JsonError>& errors)
+int TellMistakes(Session& session, const std::string& path, const std::vector<JsonError>& errors)
 {
+    const std::string name = path == "-" ? "standard input" : path;
+    if (session.Options().Json)
+    {
+        Json json = {{"error", name + " holds mistakes"}, {"exitCode", ExitFailed}, {"mistakes", Json::array()}};
+        for (const JsonError& error : errors)
+            json["mistakes"].push_back({{"file", name},
+                                        {"line", error.Line},
+                                        {"column", error.Column},
+                                        {"where", error.Path},
+                                        {"text", error.Text}});
+        // Whatever is not UTF-8 in a text comes from the file.
+        session.Terminal().Error(json.dump(2, ' ', false, Json::error_handler_t::replace) + "\n");
+        return ExitFailed;
+    }
     std::string lines;
     for (const JsonError& error : errors)
-        lines += (path == "-" ? "standard input" : path) + ":" + std::to_string(error.Line) + ":" +
-                 std::to_string(error.Column) + ": " + (error.Path.empty() ? "" : error.Path + ": ") +
-                 Printable(error.Text) + "\n";
-    return lines;
+        lines += name + ":" + std::to_string(error.Line) + ":" + std::to_string(error.Column) + ": " +
+                 (error.Path.empty() ? "" : error.Path + ": ") + Printable(error.Text) + "\n";
+    session.Terminal().Error(lines);
+    return ExitFailed;
 }
 
 void WriteTextFile(Session& session, const std::string& path, std::string_view text)

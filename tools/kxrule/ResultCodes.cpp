@@ -52,4 +52,14 @@ std::string ResultText(int32_t code)
     return std::to_string(code) + ": the status of the hash library";
 }
 
+std::string_view ResultName(int32_t code) noexcept
+{
+    for (const ResultCode& known : kCodes)
+    {
+        if (known.Code == code)
+            return std::string_view(known.Text).substr(0, std::string_view(known.Text).find(':'));
+    }
+    return {};
+}
+
 } // namespace Tool

@@ -3,11 +3,15 @@
 
 #include <cstdint>
 #include <string>
+#include <string_view>
 
 namespace Tool
 {
 
 /// Such as "-10055 KXRULE_E_FILE_OPEN: a file could not be opened".
 [[nodiscard]] std::string ResultText(int32_t code);
+
+/// Such as "KXRULE_E_FILE_OPEN"; empty for a code that is not the library's own.
+[[nodiscard]] std::string_view ResultName(int32_t code) noexcept;
 
 } // namespace Tool

@@ -35,7 +35,7 @@ std::string NarrowPath(const std::wstring& path)
 void Check(int32_t result, const std::string& attempt)
 {
     if (result < 0)
-        throw Failure(attempt + ": " + ResultText(result));
+        throw Failure(attempt + ": " + ResultText(result), ExitFailed, result);
 }
 
 std::wstring AbsolutePath(const std::string& path)
@@ -97,7 +97,8 @@ void Session::Open()
     const int32_t result = m_Library->Read();
     if (result != KXRULE_OK)
         throw Failure("reading " + ToUtf8(m_Directory) + ": " + ResultText(result) +
-                      "; \"kxrule verify\" tells which file");
+                          "; \"kxrule verify\" tells which file",
+                      ExitFailed, result);
 }
 
 void Session::OpenToLook()

@@ -1,11 +1,34 @@
 // kxrule: the rule store for people and scripts. docs/kxrule.md is its manual.
+#include <algorithm>
 #include <exception>
 #include <string>
 #include <vector>
 
 #include "tools/kxrule/CommandLine.h"
 #include "tools/kxrule/Failure.h"
+#include "tools/kxrule/JsonTree.h"
+#include "tools/kxrule/ResultCodes.h"
 #include "tools/kxrule/Utf8.h"
+
+namespace
+{
+
+/// Why a command failed: a line for people, JSON for programs.
+void Tell(Tool::Console& console, bool json, const Tool::Failure& failure)
+{
+    if (!json)
+        return console.Error(std::string("kxrule: ") + failure.what() + "\n");
+    std::string text = "{\"error\": ";
+    Tool::AppendJsonString(text, failure.what());
+    text += ", \"exitCode\": " + std::to_string(failure.Code());
+    if (failure.Result() != 0)
+        text += ", \"result\": " + std::to_string(failure.Result());
+    if (const std::string_view name = Tool::ResultName(failure.Result()); failure.Result() != 0 && !name.empty())
+        text += ", \"name\": \"" + std::string(name) + "\"";
+    console.Error(text + "}\n");
+}
+
+} // namespace
 
 int wmain(int count, wchar_t** arguments)
 {
@@ -13,31 +36,36 @@ int wmain(int count, wchar_t** arguments)
     {
         Tool::Console console;
         int code = Tool::ExitFailed;
+        bool json = false;
+        const auto fail = [&](const Tool::Failure& failure)
+        {
+            Tell(console, json, failure);
+            code = failure.Code();
+        };
         try
         {
             std::vector<std::string> texts;
             for (int i = 1; i < count; ++i)
                 texts.push_back(Tool::ToUtf8(arguments[i]));
+            // Known before the rest is: the command line itself may be what is wrong.
+            const auto end = std::find(texts.begin(), texts.end(), "--");
+            json = std::find(texts.begin(), end, "--json") != end;
             code = Tool::RunCommandLine(texts, console);
         }
         catch (const Tool::Failure& failure)
         {
-            console.Error(std::string("kxrule: ") + failure.what() + "\n");
-            code = failure.Code();
+            fail(failure);
         }
         catch (const std::bad_alloc&)
         {
-            console.Error("kxrule: memory ran out\n");
+            fail(Tool::Failure("memory ran out"));
         }
         catch (const std::exception& exception)
         {
-            console.Error(std::string("kxrule: ") + exception.what() + "\n");
+            fail(Tool::Failure(exception.what()));
         }
         if (!console.Flush() && code == Tool::ExitDone)
-        {
-            console.Error("kxrule: the output could not be written\n");
-            code = Tool::ExitFailed;
-        }
+            fail(Tool::Failure("the output could not be written"));
         return code;
     }
     catch (...) // nothing is left to say it with
