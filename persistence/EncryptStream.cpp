@@ -5,6 +5,7 @@
 #include <bit>
 #include <cstring>
 #include <limits>
+#include <utility>
 
 #include "persistence/Aes128.h"
 #include "persistence/FileFormat.h"
@@ -205,6 +206,7 @@ void CEncryptStream::ResetBuffer(bool usable) noexcept
 {
     m_Buffer.reset();
     m_Capacity = m_Position = m_End = 0;
+    m_IsCareful = false;
     m_Mode = usable ? Mode::Fresh : Mode::Unusable;
 }
 
@@ -239,8 +241,9 @@ void CEncryptStream::Grow(size_t capacity)
     m_Capacity = capacity;
 }
 
-// Fetches the next piece behind what is left of the last one. At the end of the data nothing is added.
-bool CEncryptStream::Fill()
+// Fetches the next piece behind what is left of the last one, of which needed bytes are waited for. At the end of the data
+// nothing is added.
+bool CEncryptStream::Fill(size_t needed)
 {
     if (m_Position != 0)
         std::copy(m_Buffer.get() + m_Position, m_Buffer.get() + m_End, m_Buffer.get());
@@ -248,11 +251,20 @@ bool CEncryptStream::Fill()
     m_Position = 0;
     // No more than there is, but something, so that the system is asked and its refusal seen.
     Grow(static_cast<size_t>(std::clamp<uint64_t>(Left(), Aes128::kBlock, kPiece)));
-    uint32_t got = 0;
-    if (!ReadBytes(m_Buffer.get() + m_End, static_cast<uint32_t>(m_Capacity - m_End), &got))
-        return false;
-    m_End += got;
-    return true;
+    const auto fetch = [this](size_t size)
+    {
+        uint32_t got = 0;
+        if (!ReadBytes(m_Buffer.get() + m_End, static_cast<uint32_t>(size), &got))
+            return false;
+        m_End += got;
+        return true;
+    };
+    const size_t room = m_Capacity - m_End;
+    if (!m_IsCareful && fetch(room))
+        return true;
+    // A bad sector further on must not cost what lies before it: from now on no more than what is asked for.
+    const bool isNew = !std::exchange(m_IsCareful, true);
+    return (!isNew || needed < room) && fetch(std::min(needed, room));
 }
 
 // Makes sure of size bytes, at most a piece, in one stretch at the read position.
@@ -263,7 +275,7 @@ bool CEncryptStream::Gather(size_t size)
     while (m_End - m_Position < size)
     {
         const size_t before = m_End - m_Position;
-        if (!Fill() || m_End == before)
+        if (!Fill(size - before) || m_End == before)
             return false;
     }
     return true;
@@ -293,7 +305,7 @@ bool CEncryptStream::ReadPlain(void* buffer, uint32_t size)
     uint8_t* out = static_cast<uint8_t*>(buffer);
     while (size > 0)
     {
-        if (m_Position == m_End && !Fill())
+        if (m_Position == m_End && !Fill(size))
             return false;
         const size_t part = std::min<size_t>(size, m_End - m_Position);
         if (part == 0)

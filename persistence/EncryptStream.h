@@ -79,7 +79,7 @@ private:
     uint64_t Left();
     bool HasRecord(uint64_t size);
     void Grow(size_t capacity);
-    bool Fill();
+    bool Fill(size_t needed);
     bool Gather(size_t size);
     bool MakeRoom(size_t size);
     bool HandOver();
@@ -93,4 +93,5 @@ private:
     size_t m_Position = 0;
     size_t m_End = 0;
     Mode m_Mode = Mode::Fresh;
+    bool m_IsCareful = false; // reading: a large piece was refused
 };

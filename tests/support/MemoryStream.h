@@ -35,10 +35,10 @@ protected:
     bool ReadBytes(void* out, uint32_t size, uint32_t* got) override
     {
         Calls.push_back(size);
-        if (m_Position >= FailAt)
-            return false;
-        const size_t end = std::min({Data.size(), EndAt, FailAt});
+        const size_t end = std::min(Data.size(), EndAt);
         const size_t part = std::min({size_t{size}, MostAtOnce, end - std::min(m_Position, end)});
+        if (m_Position + part > FailAt || m_Position >= FailAt) // the whole call is refused, as the system does
+            return false;
         std::copy_n(Data.begin() + static_cast<ptrdiff_t>(m_Position), part, static_cast<uint8_t*>(out));
         m_Position += part;
         *got = static_cast<uint32_t>(part);
