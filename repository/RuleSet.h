@@ -72,6 +72,7 @@ public:
 private:
     // A record is copied first and asked for its index then: the one it came from is another's memory and may change.
     [[nodiscard]] static uint16_t KeyOf(const CRule& rule) noexcept { return rule.Record().wRuleIndex; }
+    [[nodiscard]] int32_t Decode(const std::string& directory, uint32_t* version);
     [[nodiscard]] bool ReadRules(CEncryptStream& stream, int32_t count);
 
     uint64_t m_Companion = 0; // belongs to the set and is copied with it; nothing here interprets it

@@ -27,6 +27,17 @@ namespace
 int32_t CRuleSet::Read(const std::string& directory, uint32_t* version)
 {
     KX_TRACE(kTraceCall, "CRuleSet::Read Enter (%s)", directory.c_str());
+    const int32_t result = Decode(directory, version);
+    // Only now that the file is closed: this may read whole programs, and nobody else can open the file meanwhile.
+    for (size_t i = 0; i < m_Rules.Size(); ++i)
+        m_Rules.ValueAt(i).TakeOver();
+    if (result == KXRULE_OK)
+        KX_TRACE(kTraceCall, "CRuleSet::Read Return");
+    return result;
+}
+
+int32_t CRuleSet::Decode(const std::string& directory, uint32_t* version)
+{
     CEncryptFile file;
     if (!file.Open((directory + m_FileName).c_str(), GENERIC_READ))
         return Fail("File open error", KXRULE_E_FILE_OPEN);
@@ -57,7 +68,6 @@ int32_t CRuleSet::Read(const std::string& directory, uint32_t* version)
     {
         return Fail("CEncryptFile exception occurs", KXRULE_E_FILE_READ);
     }
-    KX_TRACE(kTraceCall, "CRuleSet::Read Return");
     return KXRULE_OK;
 }
 
@@ -90,7 +100,7 @@ int32_t CRuleSet::Write(const std::string& directory) const
         std::vector<const PFW_RULE*> records(m_Rules.Size());
         for (size_t i = 0; i < records.size(); ++i)
             records[i] = &m_Rules.ValueAt(i).Record();
-        if (!RuleSetFormat::WriteRules(stream, records.data(), records.size()))
+        if (!RuleSetFormat::WriteRules(stream, records.data(), records.size()) || !stream.Finish())
             return Fail("File write error [File-Body]", KXRULE_E_FILE_WRITE);
         return KXRULE_OK;
     };

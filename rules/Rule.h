@@ -19,15 +19,17 @@ public:
     /// 0, and the hash is filled, whatever comes of that: a rule of "SYSTEM" gets dwSystem 1 and a hash of zeroes, one
     /// with another name, dwSystem 0 and a hash of zeroes gets the library's. Other kinds are kept as given.
     explicit CRule(const PFW_RULE& record);
-    /// The same for a record that fill writes where it lies, which spares a copy. What fill throws is let through.
+    /// For a record that fill writes where it lies, which spares a copy; TakeOver is still to be called. What fill throws
+    /// is let through.
     template <std::invocable<PFW_RULE&> Fill>
     explicit CRule(const Fill& fill)
     {
         // A plain store touches new memory first: the page fault costs more within the cipher's loop.
         *(reinterpret_cast<volatile uint8_t*>(&m_Rule) + sizeof m_Rule - 1) = 0;
         fill(m_Rule);
-        TakeOver();
     }
+    /// Puts the ranges in order and fills the hash, as above: a second step, because it may read whole programs.
+    void TakeOver();
     CRule(const CRule&) = default;
     CRule& operator=(const CRule&) = default;
     virtual ~CRule() = default; // the only virtual operation
@@ -57,7 +59,6 @@ public:
     [[nodiscard]] static bool HasBlankPortList(const PFW_RULE& record) noexcept;
 
 private:
-    void TakeOver();
     void Normalise() noexcept;
     int32_t FillHash();
 
