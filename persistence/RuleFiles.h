@@ -29,7 +29,8 @@ struct WriteJob
 };
 
 /// Writes a temporary file in the directory, flushes it, and puts it over the real one. On any failure the real file
-/// keeps its content under its name, and the temporary file stays. Every failure is traced.
+/// keeps its content under its name (unless the move was refused and the copy in its place broke off), and the temporary
+/// file stays, whole in that case. Every failure is traced.
 /// @return 0, KXRULE_E_FILE_OPEN (temporary file), KXRULE_E_FILE_WRITE
 [[nodiscard]] int32_t Write(const WriteJob& job);
 

@@ -109,9 +109,7 @@ bool Copy(const char* from, const char* to) noexcept
         return false;
     const UniqueFile copy(::CreateFileA(to, GENERIC_WRITE, FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE,
                                         nullptr, OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, nullptr));
-    if (copy)
-        ::FlushFileBuffers(copy.get());
-    return true;
+    return !copy || Flush(copy.get()); // a read-only copy cannot be opened; it is as safe as it gets
 }
 
 bool Delete(const char* path) noexcept
