@@ -396,6 +396,8 @@ typedef int32_t (*KXRULE_HASH_CALLBACK)(uint32_t ruleSetIndex, const PFW_RULE* r
  * 0, or KXRULE_E_ALREADY_INITIALIZED  the library is initialised; nothing changes but the trace settings, re-read
  *       KXRULE_E_MUTEX                Global\KxPfwRuleDllLockMutex could not be created, or memory ran out; not
  *                                     initialised, but the trace goes on until kxRuleFinalize is called
+ * Call kxRuleRead next, also on a directory believed to be empty: what is written without it replaces the store that
+ * lies there and does not list its rule sets.
  * Changes reach the disk every RuleWriteInterval milliseconds (docs/settings.md), 30 minutes unless configured.
  * One process at a time should write to a rule directory: nothing reloads what another process wrote.
  */

@@ -28,13 +28,30 @@ bool MayExist(const std::string& path) noexcept
     return error != ERROR_FILE_NOT_FOUND && error != ERROR_PATH_NOT_FOUND;
 }
 
-bool CopyTraced(const std::string& from, const std::string& to) noexcept
+// 0, or the system's error.
+DWORD CopyTraced(const std::string& from, const std::string& to) noexcept
 {
     if (Files::Copy(from.c_str(), to.c_str()))
-        return true;
+        return ERROR_SUCCESS;
     const DWORD error = ::GetLastError();
     KX_TRACE(KxCommon::kTraceError, "\tCopyFile() failed (%lu): %s -> %s", error, from.c_str(), to.c_str());
-    return false;
+    return error == ERROR_SUCCESS ? ERROR_GEN_FAILURE : error;
+}
+
+// Lengthens a name until nothing bears it.
+std::string FreeName(std::string path)
+{
+    while (Files::Attributes(path.c_str()) != INVALID_FILE_ATTRIBUTES)
+        path += '_';
+    return path;
+}
+
+// Where the broken file of that name is kept; makes the directory for it.
+std::string BrokenName(const std::string& ruleDirectory, const std::string& fileName)
+{
+    const std::string directory = Directory(ruleDirectory);
+    static_cast<void>(Files::MakeDirectory(directory.c_str())); // mostly there already
+    return directory + '\\' + fileName + FileFormat::kBrokenExtension;
 }
 
 } // namespace
@@ -83,9 +100,9 @@ bool BackupAllRules(const std::string& ruleDirectory, const std::string& masterF
     return isComplete;
 }
 
-bool CopyAllRules(const std::string& ruleDirectory, const std::string& masterFileName, const std::string& macroFileName)
+bool SafetyCopy::Complete(const std::string& ruleDirectory, const std::string& masterFileName,
+                          const std::string& macroFileName)
 {
-    const std::string backup = CreateBackupDirectoryByDate(ruleDirectory) + '\\';
     bool complete = true;
     std::vector<std::string> names = RuleFiles::FindRuleSetFiles(ruleDirectory, &complete);
     names.push_back(masterFileName);
@@ -95,24 +112,39 @@ bool CopyAllRules(const std::string& ruleDirectory, const std::string& masterFil
         const std::string file = ruleDirectory + name;
         const DWORD attributes = Files::Attributes(file.c_str());
         const bool isDirectory = attributes != INVALID_FILE_ATTRIBUTES && (attributes & FILE_ATTRIBUTE_DIRECTORY) != 0;
-        if (isDirectory || !MayExist(file))
+        if (isDirectory || m_Copied.count(name) != 0 || !MayExist(file))
             continue;
-        std::string kept = backup + name;
-        while (Files::Attributes(kept.c_str()) != INVALID_FILE_ATTRIBUTES)
-            kept += '_'; // a backup of the same second: both are kept
-        complete = CopyTraced(file, kept) && complete;
+        if (m_Directory.empty() || Files::Attributes(m_Directory.c_str()) == INVALID_FILE_ATTRIBUTES)
+        {
+            m_Directory = CreateBackupDirectoryByDate(ruleDirectory) + '\\';
+            m_Copied.clear();
+        }
+        // A free name: a backup of the same second shares the directory, and both are kept.
+        if (CopyTraced(file, FreeName(m_Directory + name)) == ERROR_SUCCESS)
+            m_Copied.insert(name);
+        else
+            complete = false;
     }
     return complete;
 }
 
-bool KeepBroken(const std::string& ruleDirectory, const std::string& fileName)
+uint32_t KeepBroken(const std::string& ruleDirectory, const std::string& fileName, bool mayReplace)
 {
     const std::string file = ruleDirectory + fileName;
     if (!MayExist(file))
-        return true;
-    const std::string directory = Directory(ruleDirectory);
-    static_cast<void>(Files::MakeDirectory(directory.c_str())); // mostly there already
-    return CopyTraced(file, directory + '\\' + fileName + FileFormat::kBrokenExtension);
+        return ERROR_SUCCESS;
+    const std::string kept = BrokenName(ruleDirectory, fileName);
+    const std::string free = FreeName(kept);
+    if (free == kept || !mayReplace)
+        return CopyTraced(file, free);
+    // An earlier copy may be read-only, as its file was.
+    return CopyTraced(file, kept) == ERROR_SUCCESS ? ERROR_SUCCESS : CopyTraced(file, free);
+}
+
+bool MoveBroken(const std::string& ruleDirectory, const std::string& fileName)
+{
+    const std::string file = ruleDirectory + fileName;
+    return Files::Move(file.c_str(), FreeName(BrokenName(ruleDirectory, fileName)).c_str(), 0);
 }
 
 } // namespace Backup

@@ -33,7 +33,7 @@ bool IsKept(const std::string& rulePath, const std::string& fileName) noexcept
 {
     try
     {
-        return Backup::KeepBroken(rulePath, fileName);
+        return Backup::KeepBroken(rulePath, fileName, false) == 0;
     }
     catch (const std::bad_alloc&)
     {
@@ -61,6 +61,10 @@ int32_t CRuleMaster::Init(const std::string& rulePath, const char* masterFileNam
         const MasterGuard guard(m_Lock);
         m_NextIndex = 1;
         Empty();
+        // Stopping and starting makes nobody forget that this directory was not read whole.
+        m_IsReadIncomplete = m_IsReadIncomplete && path == m_RulePath;
+        if (!m_IsReadIncomplete)
+            m_SafetyCopy = {};
         m_RulePath = std::move(path);
         if (KxCommon::Files::Attributes(m_RulePath.c_str()) != FILE_ATTRIBUTE_DIRECTORY)
             static_cast<void>(KxCommon::Files::MakeDirectory(m_RulePath.c_str())); // a missing one shows at the writes
@@ -69,7 +73,6 @@ int32_t CRuleMaster::Init(const std::string& rulePath, const char* masterFileNam
         m_WriteInterval = KxCommon::Settings::WriteInterval();
         m_IsDirty = false;
         m_Modified.reset();
-        m_IsReadIncomplete = false;
         m_UnkeptSets.clear();
         m_IsLive = true;
     }

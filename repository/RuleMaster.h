@@ -13,6 +13,7 @@
 #include "api/KxPfwRule.h"
 #include "common/srclib/KxComn_CriticalSection.h"
 #include "common/srclib/KxComn_IndexMap.h"
+#include "persistence/Backup.h"
 #include "persistence/FileFormat.h"
 #include "persistence/PfwTimer.h"
 #include "repository/MasterLock.h"
@@ -121,7 +122,7 @@ private:
     void NoteUnopened(DWORD error) KX_REQUIRES(m_Lock);
     [[nodiscard]] int32_t ReadMacroFile() KX_REQUIRES(m_Lock);
     [[nodiscard]] int32_t ReadRuleSetFile() KX_REQUIRES(m_Lock);
-    [[nodiscard]] int32_t RescueRuleSet(CRuleSet&& ruleSet) KX_REQUIRES(m_Lock);
+    [[nodiscard]] int32_t RescueRuleSet(CRuleSet&& ruleSet, bool isDamaged) KX_REQUIRES(m_Lock);
     void StoreRuleSet(CRuleSet&& ruleSet) KX_REQUIRES(m_Lock);
     [[nodiscard]] bool IsUsableRuleSetFileName(const std::string& name) const KX_REQUIRES(m_Lock);
     [[nodiscard]] int32_t WriteMasterFile();
@@ -129,6 +130,7 @@ private:
     [[nodiscard]] int32_t WriteRuleSetFile();
     [[nodiscard]] int32_t WriteOneRuleSet(CRuleSet& ruleSet) KX_REQUIRES(m_Lock);
     [[nodiscard]] bool KeepUnreadFiles() KX_REQUIRES(m_Lock);
+    [[nodiscard]] bool KeepUnread(const std::string& fileName) KX_REQUIRES(m_Lock);
 
     CLock& m_OuterLock;
     MasterLock m_Lock;
@@ -150,6 +152,7 @@ private:
     std::atomic<bool> m_IsLive = false; // between Init and Finalize
     // Files may lie in the directory that the last ReadAll did not take into memory.
     bool m_IsReadIncomplete KX_GUARDED_BY(m_Lock) = false;
+    Backup::SafetyCopy m_SafetyCopy KX_GUARDED_BY(m_Lock); // of those files
     // Rule sets whose files hold what is not in memory and is not yet kept as a copy: read from the old version, or
     // rescued without a copy.
     std::set<uint16_t> m_UnkeptSets KX_GUARDED_BY(m_Lock);

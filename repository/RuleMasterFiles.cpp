@@ -83,6 +83,7 @@ int32_t CRuleMaster::ReadAll()
         Empty();
         m_UnkeptSets.clear();
         m_IsReadIncomplete = false;
+        m_SafetyCopy = {};
         bool isMasterBackedUp = false;
         const int32_t result = ReadFiles(isMasterBackedUp);
         // The files of a store without a master file must be listed, or the next start takes them for garbage.
@@ -140,7 +141,8 @@ int32_t CRuleMaster::ReadMasterFile(bool& isBackedUp)
 bool CRuleMaster::ReadMasterFields()
 {
     CEncryptFile file;
-    if (!file.Open((m_RulePath + m_MasterFileName).c_str(), GENERIC_READ))
+    const std::string path = m_RulePath + m_MasterFileName;
+    if (!file.Open(path.c_str(), GENERIC_READ))
     {
         NoteUnopened(::GetLastError());
         KX_TRACE(kTraceCall, "\tRule master file does not exist");
@@ -202,7 +204,7 @@ void CRuleMaster::TakeMasterFields(MasterFields&& fields)
 // first write must not replace it without a copy.
 void CRuleMaster::NoteUnopened(DWORD error)
 {
-    if (error != ERROR_FILE_NOT_FOUND)
+    if (error != ERROR_FILE_NOT_FOUND && error != ERROR_PATH_NOT_FOUND)
         m_IsReadIncomplete = true;
 }
 
@@ -210,7 +212,8 @@ int32_t CRuleMaster::ReadMacroFile()
 {
     KX_TRACE(kTraceCall, "CRuleMaster::ReadMacroFile Enter");
     CEncryptFile file;
-    if (!file.Open((m_RulePath + m_MacroFileName).c_str(), GENERIC_READ))
+    const std::string path = m_RulePath + m_MacroFileName;
+    if (!file.Open(path.c_str(), GENERIC_READ))
     {
         NoteUnopened(::GetLastError());
         KX_TRACE(kTraceCall, "\tMacro file does not exist");
@@ -282,7 +285,7 @@ int32_t CRuleMaster::ReadRuleSetFile()
             continue;
         }
         KX_TRACE(kTraceError, "\tCRuleSet::Read() error %d (file=\"%s\")", result, fileName.c_str());
-        result = RescueRuleSet(std::move(ruleSet));
+        result = RescueRuleSet(std::move(ruleSet), result != KXRULE_E_FILE_OPEN);
     }
     KX_TRACE(kTraceCall, "CRuleMaster::ReadRuleSetFile Return (%d)", result);
     return result;
@@ -297,14 +300,15 @@ void CRuleMaster::StoreRuleSet(CRuleSet&& ruleSet)
     m_RuleSets.Replace(index, std::move(ruleSet));
 }
 
-int32_t CRuleMaster::RescueRuleSet(CRuleSet&& ruleSet)
+int32_t CRuleMaster::RescueRuleSet(CRuleSet&& ruleSet, bool isDamaged)
 {
     const uint16_t index = RuleFiles::IndexFromFileName(ruleSet.FileName());
     ruleSet.SetIndex(index);
     KX_TRACE(kTraceError, "\tCreating a rescue RuleSet instead of a broken/deleted RuleSet %s",
              ruleSet.FileName().c_str());
-    // Whatever the failure was: a file that is there is kept, also one that somebody else holds open.
-    const bool isKept = Backup::KeepBroken(m_RulePath, ruleSet.FileName());
+    // Whatever the failure was: a file that is there is kept, also one that somebody else holds open. That one may well
+    // be whole, so it does not take the place of an earlier copy.
+    const bool isKept = Backup::KeepBroken(m_RulePath, ruleSet.FileName(), isDamaged) == 0;
     // No such set could be told from others: 0 means "none", and a set of that index from another file is not replaced
     // by a rescue. (A forged list may also name any number of files that are missing.)
     if (index == 0 || m_RuleSets.Contains(index))
@@ -363,7 +367,7 @@ int32_t CRuleMaster::WriteAll()
 // and the list that is written next does not name them. False: they could not be copied, so nothing may be written.
 bool CRuleMaster::KeepUnreadFiles()
 {
-    if (m_IsReadIncomplete && Backup::CopyAllRules(m_RulePath, m_MasterFileName, m_MacroFileName))
+    if (m_IsReadIncomplete && m_SafetyCopy.Complete(m_RulePath, m_MasterFileName, m_MacroFileName))
         m_IsReadIncomplete = false;
     return !m_IsReadIncomplete;
 }
@@ -383,6 +387,8 @@ int32_t CRuleMaster::WriteMasterFile()
         for (size_t i = 0; i < m_RuleSets.Size(); ++i)
             fields.RuleSetFileNames.push_back(m_RuleSets.ValueAt(i).FileName());
         MasterFormat::WriteFields(stream, fields);
+        if (!stream.Finish())
+            throw CEncryptStream::WriteError;
         return KXRULE_OK;
     };
     const int32_t result = RuleFiles::Write(
@@ -400,7 +406,7 @@ int32_t CRuleMaster::WriteMacroFile()
         return KXRULE_E_FILE_WRITE;
     const Encoder encode = [this](CEncryptStream& stream) KX_REQUIRES(m_Lock) -> int32_t
     {
-        if (MacroFormat::WriteMacros(stream, m_Macros))
+        if (MacroFormat::WriteMacros(stream, m_Macros) && stream.Finish())
             return KXRULE_OK;
         KX_TRACE(kTraceError, "\tFile write error");
         return KXRULE_E_FILE_WRITE;
@@ -432,16 +438,39 @@ int32_t CRuleMaster::WriteRuleSetFile()
     return result;
 }
 
+// A file that cannot be read for good, as on a bad sector, is moved out of the way: it must not keep all others from being
+// written. One that is held open, or has no room for its copy, is tried again with the next write.
+bool CRuleMaster::KeepUnread(const std::string& fileName)
+{
+    switch (Backup::KeepBroken(m_RulePath, fileName, false))
+    {
+    case ERROR_SUCCESS:
+        return true;
+    case ERROR_ACCESS_DENIED:
+    case ERROR_SHARING_VIOLATION:
+    case ERROR_LOCK_VIOLATION:
+    case ERROR_HANDLE_DISK_FULL:
+    case ERROR_DISK_FULL:
+        return false;
+    default:
+        return Backup::MoveBroken(m_RulePath, fileName);
+    }
+}
+
 int32_t CRuleMaster::WriteOneRuleSet(CRuleSet& ruleSet)
 {
     std::string former = ruleSet.FileName();
+    std::string target = RuleFiles::RuleSetFileName(ruleSet.Index());
     if (m_UnkeptSets.count(ruleSet.Index()) != 0)
     {
-        if (!Backup::KeepBroken(m_RulePath, former))
+        if (!KeepUnread(former))
             return KXRULE_E_FILE_WRITE;      // the file holds rules that were not read
         m_UnkeptSets.erase(ruleSet.Index()); // once: the next copy might be one of half a file
     }
-    ruleSet.SetFileName(RuleFiles::RuleSetFileName(ruleSet.Index()));
+    // A set that came from a file of another name: the file that is written over now is somebody else's.
+    if (!former.empty() && !IsSameFile(former, target) && Backup::KeepBroken(m_RulePath, target, false) != 0)
+        return KXRULE_E_FILE_WRITE;
+    ruleSet.SetFileName(std::move(target));
     KX_TRACE(kTraceCall, "\tCall CRuleSet::Write");
     const int32_t result = ruleSet.Write(m_RulePath);
     KX_TRACE(kTraceCall, "\tReturn CRuleSet::Write (%d)", result);
