@@ -11,8 +11,10 @@ rm -rf "$scratch"
 mkdir -p "$scratch"
 
 cmake --install build/release --strip --prefix "$sdk" >"$scratch/install.log"
-for file in bin/{KxPfwRul.dll,KxHash.dll,KxVqrDbg.dll} include/KxPfwRule.{h,hpp} lib/{libKxPfwRul.dll.a,KxPfwRul.lib} \
-    lib/cmake/KxPfwRul/KxPfwRulConfig.cmake share/doc/KxPfwRul/{README.md,LICENSE,docs/format.md,examples/CMakeLists.txt}; do
+for file in bin/{KxPfwRul.dll,KxHash.dll,KxVqrDbg.dll,kxrule.exe} \
+    include/{KxPfwRule.h,KxPfwRule.hpp,KxPfwRuleBuilder.hpp} \
+    lib/{libKxPfwRul.dll.a,KxPfwRul.lib,cmake/KxPfwRul/KxPfwRulConfig.cmake} \
+    share/doc/KxPfwRul/{README.md,LICENSE,docs/{architecture,format,kxrule}.md,examples/CMakeLists.txt}; do
     [ -f "$sdk/$file" ] || { echo "not installed: $file" >&2; exit 1; }
 done
 
