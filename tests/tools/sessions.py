@@ -1,0 +1,163 @@
+#!/usr/bin/env python3
+"""sessions.py BIN SESSION... [--write]: plays recorded sessions of kxrule and shows where they went another way.
+
+A session is a text file. It begins in an empty directory and is read line by line:
+
+  # text           said to the reader
+  $ kxrule ARGS    runs "kxrule --force --dir règles ARGS": other tests may have the library initialised meanwhile
+  $ kxrule.exe ARGS  runs it with these arguments alone; "< FILE" and "> FILE" at the end are what they are in a shell
+  ! write FILE     makes a file of the lines "| text" that follow
+  ! fetch FILE     copies a file of the source tree
+  ! copy FROM TO, ! remove PATH, ! mkdir PATH, ! truncate FILE SIZE (from the end if negative), ! flip FILE OFFSET, ! append FILE TEXT
+  ! same A B       says whether two files, or what two directories hold, are the same
+  ! hold           another process has the library initialised from here on
+
+Every other line is what came of the line above: standard output, standard error behind "2>", [exit N] unless it is 0,
+and in brackets the files that were added (+), removed (-) or written (~). DIR is the session's directory, DATED a
+dated one; of a line past 300 characters the rest is a checksum. With --write the sessions are recorded anew; look at
+what changed before you keep it.
+"""
+import difflib
+import os
+import pathlib
+import re
+import shlex
+import shutil
+import signal
+import subprocess
+import sys
+import tempfile
+import zlib
+
+ROOT = pathlib.Path(__file__).resolve().parents[2]
+RULES = "règles"
+MARKS = ("# ", "$ ", "! ", "| ")
+
+
+class Session:
+    def __init__(self, binaries, directory, environment):
+        self.binaries, self.directory, self.environment = binaries, pathlib.Path(directory), environment
+        self.held = None
+
+    def start(self, program, *arguments, source=subprocess.DEVNULL, error=subprocess.DEVNULL):
+        return subprocess.Popen(["wine", self.binaries / program, *arguments], cwd=self.directory, env=self.environment,
+                                stdin=source, stdout=subprocess.PIPE, stderr=error)
+
+    def files(self):
+        """What tells a file that was written from one that was not."""
+        return {path.relative_to(self.directory): (path.stat().st_mtime_ns, path.stat().st_ino, path.read_bytes())
+                for path in sorted(self.directory.rglob("*")) if path.is_file() and "held" not in path.parts}
+
+    def plain(self, text):
+        windows = "Z:" + str(self.directory).replace("/", "\\")
+        text = text.replace(windows.replace("\\", "\\\\"), "DIR").replace(windows, "DIR")
+        text = re.sub(r"(RuleBackup[\\/]+)\d{12}(-\d+)?", r"\1DATED", text)
+        return re.sub(r"[\0-\t\x0b-\x1f\x7f\ue000-\uf8ff]", lambda hidden: f"\\x{ord(hidden[0]):02x}", text)
+
+    def kxrule(self, program, *arguments):
+        before = self.files()
+        own = [] if program == "kxrule.exe" else ["--force", "--dir", RULES]
+        source, target = subprocess.DEVNULL, None
+        if arguments[-2:-1] == ("<",):
+            source, arguments = (self.directory / arguments[-1]).open("rb"), arguments[:-2]
+        elif arguments[-2:-1] == (">",):
+            target, arguments = self.directory / arguments[-1], arguments[:-2]
+        process = self.start("kxrule.exe", *own, *arguments, source=source, error=subprocess.PIPE)
+        out, error = process.communicate()
+        if target:
+            target.write_bytes(out)
+            out = b""
+        out, error = (self.plain(piece.decode(errors="backslashreplace")).splitlines() for piece in (out, error))
+        after = self.files()
+        out = [" " + line if line[:2] in MARKS else line for line in out]
+        lines = [line if len(line) <= 300 else f"{line[:250]}... {len(line)} characters, {zlib.crc32(line.encode()):08x}"
+                 for line in out + ["2> " + line for line in error]]
+        if process.returncode != 0:
+            lines.append(f"[exit {process.returncode}]")
+        touched = [("+" if path not in before else "-" if path not in after else "~") + self.plain(str(path))
+                   for path in sorted(before.keys() | after.keys()) if before.get(path) != after.get(path)]
+        return lines + ([f"[{' '.join(touched)}]"] if touched else [])
+
+    def help(self, verb, *arguments, body=()):
+        paths = [self.directory / argument for argument in arguments]
+        if verb == "write":
+            paths[0].write_text("".join(line[2:] + "\n" for line in body))
+        elif verb == "fetch":
+            shutil.copy(ROOT / arguments[0], self.directory)
+        elif verb == "copy":
+            (shutil.copytree if paths[0].is_dir() else shutil.copy)(*paths)
+        elif verb == "remove":
+            shutil.rmtree(paths[0]) if paths[0].is_dir() else paths[0].unlink()
+        elif verb == "mkdir":
+            paths[0].mkdir()
+        elif verb == "truncate":
+            size = int(arguments[1])
+            os.truncate(paths[0], size if size >= 0 else paths[0].stat().st_size + size)
+        elif verb == "flip":
+            content = bytearray(paths[0].read_bytes())
+            content[int(arguments[1])] ^= 0xFF
+            paths[0].write_bytes(content)
+        elif verb == "append":
+            with paths[0].open("a") as file:
+                file.write(arguments[1])
+        elif verb == "same":
+            a, b = ({path.relative_to(top): path.read_bytes() for path in [top, *top.rglob("*")] if path.is_file()}
+                    for top in paths)
+            return ["yes" if a == b else "no: " + " ".join(str(p) for p in sorted(a.keys() | b.keys())
+                                                           if a.get(p) != b.get(p))]
+        elif verb == "hold":
+            self.held = self.start("victim.exe", "write", "held")
+            self.held.stdout.readline()
+            os.kill(self.held.pid, signal.SIGSTOP)  # it does nothing but be there
+        else:
+            raise SystemExit(f"! {verb}: no such help")
+        return []
+
+    def play(self, script):
+        played = []
+        given = [line for line in script.splitlines() if line == "" or line[:2] in MARKS]
+        for at, line in enumerate(given):
+            if line or (played and played[-1]):
+                played.append(line)
+            if line[:2] == "$ ":
+                played += self.kxrule(*shlex.split(line[2:]))
+            elif line[:2] == "! ":
+                end = next((i for i in range(at + 1, len(given)) if given[i][:2] != "| "), len(given))
+                if end == at + 1:
+                    played += self.help(*shlex.split(line[2:]))
+                else:
+                    self.help(*shlex.split(line[2:]), body=given[at + 1:end])
+        return "\n".join(played).rstrip() + "\n"
+
+    def end(self):
+        if self.held:
+            self.held.kill()
+            self.held.wait()
+
+
+def main():
+    arguments = [argument for argument in sys.argv[1:] if argument != "--write"]
+    # wine-run.sh prepares Wine; its environment, taken once, spares a shell and two more programs for every command.
+    prepared = subprocess.run(["bash", "-c", '. "$0" && env -0', ROOT / "cmake/wine-run.sh"], check=True, text=True,
+                              stdout=subprocess.PIPE).stdout
+    environment = dict(variable.split("=", 1) for variable in prepared.split("\0") if variable)
+    different = False
+    for file in map(pathlib.Path, arguments[1:]):
+        with tempfile.TemporaryDirectory() as directory:
+            session = Session(pathlib.Path(arguments[0]).resolve(), directory, environment)
+            try:
+                played = session.play(file.read_text())
+            finally:
+                session.end()
+        recorded = file.read_text()
+        if "--write" in sys.argv:
+            file.write_text(played)
+        elif played != recorded:
+            different = True
+            sys.stdout.writelines(difflib.unified_diff(recorded.splitlines(True), played.splitlines(True),
+                                                       f"{file.name} as recorded", "now", n=4))
+    return 1 if different else 0
+
+
+if __name__ == "__main__":
+    sys.exit(main())
