@@ -21,6 +21,7 @@
 
 using KxCommon::kTraceCall;
 using KxCommon::kTraceError;
+using KxCommon::Synchronize::LockRank;
 using GlobalGuard = KxCommon::Synchronize::ScopedLock<CCriticalSectionLock>;
 
 HMODULE g_ModuleHandle = nullptr;
@@ -30,9 +31,9 @@ namespace
 
 constexpr uint32_t kTraceUnit = 1; // this library, among the product's modules that trace
 
-CCriticalSectionLock g_LifecycleLock; // one start or stop at a time; taken before the global lock
-CCriticalSectionLock g_GlobalLock;    // one export at a time
-KxCommon::UniqueKernelObject g_Mutex; // held while the library is initialised
+CCriticalSectionLock g_LifecycleLock(LockRank::Lifecycle); // one start or stop at a time
+CCriticalSectionLock g_GlobalLock(LockRank::Global);       // one export at a time
+KxCommon::UniqueKernelObject g_Mutex;                      // held while the library is initialised
 
 } // namespace
 

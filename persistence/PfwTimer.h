@@ -30,6 +30,6 @@ public:
 
 private:
     struct Entry;
-    CCriticalSectionLock m_Lock;
+    CCriticalSectionLock m_Lock{KxCommon::Synchronize::LockRank::TimerTable};
     std::map<uint64_t, std::unique_ptr<Entry>> m_Table KX_GUARDED_BY(m_Lock);
 };

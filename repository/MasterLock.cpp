@@ -12,6 +12,7 @@ constexpr DWORD kKeeperCheck = 100; // milliseconds between two looks whether th
 
 void MasterLock::Lock() noexcept KX_NO_THREAD_SAFETY_ANALYSIS
 {
+    NoteTaking();
     const StateGuard state(m_State);
     while (m_Owner != 0 && IsOther())
         WaitForOwner();
@@ -21,6 +22,7 @@ void MasterLock::Lock() noexcept KX_NO_THREAD_SAFETY_ANALYSIS
 
 void MasterLock::Unlock() noexcept KX_NO_THREAD_SAFETY_ANALYSIS
 {
+    NoteGone();
     const StateGuard state(m_State);
     Release(1);
 }
@@ -57,6 +59,7 @@ void MasterLock::WaitForOwner() noexcept KX_NO_THREAD_SAFETY_ANALYSIS
 
 void MasterLock::Keep() noexcept
 {
+    NoteGone(); // the keeper's next call takes the global lock
     const StateGuard state(m_State);
     ++m_KeptHolds;
     HANDLE thread = nullptr;

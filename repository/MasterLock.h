@@ -9,10 +9,10 @@
 /// waits here, without the lock that all exports share, so that the keeper and all readers go on.
 /// A lock becomes kept only under the global lock, so under that lock the answer of IsKeptByOther cannot turn to true.
 /// A system lock cannot be taken from a thread that has ended; this one is: nobody else could ever give it back.
-class KX_CAPABILITY("mutex") MasterLock
+class KX_CAPABILITY("mutex") MasterLock : private KxCommon::Synchronize::LockOrder
 {
 public:
-    MasterLock() noexcept = default;
+    MasterLock() noexcept : LockOrder(KxCommon::Synchronize::LockRank::Master) {}
     MasterLock(const MasterLock&) = delete;
     MasterLock& operator=(const MasterLock&) = delete;
 

@@ -134,7 +134,8 @@ private:
 
     CLock& m_OuterLock;
     MasterLock m_Lock;
-    CCriticalSectionLock m_RecordLock; // taken last, for the copy of a record or the store of a hash
+    // For the copy of a record or the store of a hash.
+    CCriticalSectionLock m_RecordLock{KxCommon::Synchronize::LockRank::Record};
 
     uint32_t m_WriteInterval = 0; // milliseconds
     uint16_t m_NextIndex KX_GUARDED_BY(m_Lock) = 1;

@@ -2,22 +2,34 @@
 #pragma once
 
 #include "common/srclib/KxComn_Lock.h"
+#include "common/srclib/KxComn_LockOrder.h"
 #include "common/srclib/KxComn_Windows.h"
 
 namespace KxCommon::Synchronize
 {
 
 /// A critical section that lives as long as its owner.
-class KX_CAPABILITY("mutex") CriticalSection
+class KX_CAPABILITY("mutex") CriticalSection : private LockOrder
 {
 public:
-    CriticalSection() noexcept { ::InitializeCriticalSection(&m_Section); }
+    explicit CriticalSection(LockRank rank = LockRank::Innermost) noexcept : LockOrder(rank)
+    {
+        ::InitializeCriticalSection(&m_Section);
+    }
     ~CriticalSection() { ::DeleteCriticalSection(&m_Section); }
     CriticalSection(const CriticalSection&) = delete;
     CriticalSection& operator=(const CriticalSection&) = delete;
 
-    void Lock() noexcept KX_ACQUIRE() { ::EnterCriticalSection(&m_Section); }
-    void Unlock() noexcept KX_RELEASE() { ::LeaveCriticalSection(&m_Section); }
+    void Lock() noexcept KX_ACQUIRE()
+    {
+        NoteTaking();
+        ::EnterCriticalSection(&m_Section);
+    }
+    void Unlock() noexcept KX_RELEASE()
+    {
+        NoteGone();
+        ::LeaveCriticalSection(&m_Section);
+    }
     /// For waiting on a condition variable.
     CRITICAL_SECTION* Native() noexcept { return &m_Section; }
 
@@ -31,7 +43,7 @@ private:
 class KX_CAPABILITY("mutex") CCriticalSectionLock final : public CLock
 {
 public:
-    CCriticalSectionLock() noexcept = default;
+    explicit CCriticalSectionLock(KxCommon::Synchronize::LockRank rank) noexcept : m_Section(rank) {}
     CCriticalSectionLock(const CCriticalSectionLock&) = delete;
     CCriticalSectionLock& operator=(const CCriticalSectionLock&) = delete;
 

@@ -79,7 +79,7 @@ private:
     std::string m_TraceName KX_GUARDED_BY(m_TraceLock);
     Library::KxDbg m_DbgLibrary KX_GUARDED_BY(m_TraceLock);
     uint64_t m_DbgHandle KX_GUARDED_BY(m_TraceLock) = 0;
-    Synchronize::CriticalSection m_TraceLock; // held across every public operation; re-entrant
+    Synchronize::CriticalSection m_TraceLock{Synchronize::LockRank::Trace}; // across every public operation
 };
 
 /// Never destroyed: timers and other globals trace while they go down, in whatever order that is.

@@ -1,0 +1,89 @@
+// The order of the library's locks, asserted in builds without NDEBUG; in others nothing of it is left. The table is in
+// docs/threads.md.
+#pragma once
+
+#include <cassert>
+#include <cstddef>
+
+namespace KxCommon::Synchronize
+{
+
+/// Whoever holds a lock may take those that stand behind it, and once more what it holds already.
+enum class LockRank
+{
+    Lifecycle,
+    Global,
+    TimerTable,
+    Master,
+    Record,
+    Trace,
+    Innermost // nothing is taken under it
+};
+
+/// Base of every lock class: knows which locks the calling thread holds, last taken last.
+#ifdef NDEBUG
+class LockOrder
+{
+protected:
+    explicit LockOrder(LockRank) noexcept {}
+    void NoteTaking() const noexcept {}
+    void NoteGone() const noexcept {}
+};
+#else
+class LockOrder
+{
+protected:
+    explicit LockOrder(LockRank rank) noexcept : m_Rank(rank) {}
+
+    /// Before the lock is waited for: a wrong order shows although nobody else is there to make it a deadlock.
+    void NoteTaking() const noexcept
+    {
+        Record& held = Held();
+        assert(MayTake(held) && "locks out of order: see docs/threads.md");
+        assert(held.Count < kMostHeld);
+        held.Locks[held.Count++] = this;
+    }
+    /// Given back, or kept beyond the call: a kept lock binds its thread to no order, since no other thread waits for it
+    /// with a lock in its hands.
+    void NoteGone() const noexcept
+    {
+        Record& held = Held();
+        for (size_t i = held.Count; i-- > 0;)
+        {
+            if (held.Locks[i] != this)
+                continue;
+            for (--held.Count; i < held.Count; ++i)
+                held.Locks[i] = held.Locks[i + 1];
+            return;
+        }
+    }
+
+private:
+    static constexpr size_t kMostHeld = 16;
+    struct Record
+    {
+        size_t Count;
+        const LockOrder* Locks[kMostHeld];
+    };
+    static Record& Held() noexcept
+    {
+        thread_local Record held;
+        return held;
+    }
+    [[nodiscard]] bool MayTake(const Record& held) const noexcept
+    {
+        bool isInOrder = true;
+        for (size_t i = 0; i < held.Count; ++i)
+        {
+            if (held.Locks[i] == this)
+                return true;
+            isInOrder = isInOrder && held.Locks[i]->m_Rank < m_Rank;
+        }
+        return isInOrder;
+    }
+
+    LockRank m_Rank;
+};
+#endif
+
+} // namespace KxCommon::Synchronize
