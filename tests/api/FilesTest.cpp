@@ -4,6 +4,8 @@
 #include <filesystem>
 #include <functional>
 
+#include "tests/standins/StandIn.h"
+
 using Indexes = std::vector<uint16_t>;
 
 namespace
@@ -154,6 +156,7 @@ TEST_F(FilesTest, ABrokenFileStaysUntilThereIsACopyOfIt)
 TEST_F(FilesTest, BrokenRuleSetsBecomeRescueSets)
 {
     const size_t body = 44 + 20 + 4 + 16 + 20; // of a set with a name of four letters
+    const std::string zero = ReadBytes("tests/data/ruleset-empty.dat").substr(68); // a record: its number of rules
     struct
     {
         const char* name;
@@ -163,6 +166,9 @@ TEST_F(FilesTest, BrokenRuleSetsBecomeRescueSets)
         {"empty", [](std::string& file) { file = ""; }, {30000, 30001, 30002}},
         {"other magic", [](std::string& file) { file[3] = 'M'; }, {30000, 30001, 30002}},
         {"cut in the head", [](std::string& file) { file.resize(30); }, {30000, 30001, 30002}},
+        {"index 0, which no set can have",
+         [&](std::string& file) { file.replace(24, 20, zero); },
+         {30000, 30001, 30002}},
         {"cut in the first rule", [=](std::string& file) { file.resize(body + 2000); }, {30000, 30001, 30002}},
         {"cut in the second rule", [=](std::string& file) { file.resize(body + 2852 + 1); }, {10, 30001, 30002, 30003}},
         {"a byte of the last rule",
@@ -201,6 +207,27 @@ TEST_F(FilesTest, BrokenRuleSetsBecomeRescueSets)
     EXPECT_EQ(RuleIndexes(2), (Indexes{30000, 30001, 30002})) << "a missing file is rescued, too";
     EXPECT_EQ(NameOf(2), kRescueName);
     EXPECT_FALSE(Exists("RuleBackup")) << "but there is nothing to keep";
+}
+
+// Its rules are not read, so its file is kept before it is written over, and once: the next copy would have none of them.
+TEST_F(FilesTest, AFileOfTheOldVersionIsKept)
+{
+    const std::string old = ReadBytes("tests/data/ruleset-old.dat");
+    ASSERT_EQ(AddSet(7), 0);
+    Close();
+    WriteFile("KxRl0007.dat", old);
+    Open();
+    EXPECT_EQ(NameOf(7), L"Old");
+    for (const uint16_t index : {1, 2})
+    {
+        const PFW_RULE rule = Build::Access();
+        ASSERT_EQ(kxRuleAddRule(7, index, &rule), 0);
+        EXPECT_EQ(Exists("RuleBackup"), index == 2);
+        ASSERT_EQ(kxRuleWrite(), 0);
+        EXPECT_EQ(ReadFile("RuleBackup\\KxRl0007.dat.brk"), old);
+    }
+    Reopen();
+    EXPECT_EQ(RuleIndexes(7), (Indexes{1, 2}));
 }
 
 TEST_F(FilesTest, AnUnusableMasterFileMovesAllRuleFilesAway)
@@ -310,4 +337,10 @@ TEST_F(FilesTest, FileNamesOfTheCaller)
     ASSERT_EQ(kxRuleFinalize(), 0);
     ASSERT_EQ(kxRuleInitialize(PathOf("new").c_str(), ""), 0);
     EXPECT_TRUE(std::filesystem::is_directory(PathOf("new"))) << "the directory is made, one level";
+    ASSERT_EQ(kxRuleFinalize(), 0);
+    ASSERT_EQ(kxRuleInitialize(nullptr, "own-folder.dat"), 0);
+    ASSERT_EQ(kxRuleDeleteRuleSet(0), 0);
+    ASSERT_EQ(kxRuleFinalize(), 0);
+    EXPECT_TRUE(std::filesystem::remove(TestFolder() / "own-folder.dat")) << "the folder of the library";
+    EXPECT_TRUE(std::filesystem::remove(TestFolder() / "KxRulMac.dat"));
 }

@@ -3,6 +3,7 @@
 
 #include <atomic>
 #include <filesystem>
+#include <functional>
 #include <future>
 #include <thread>
 
@@ -53,41 +54,55 @@ TEST_F(StoreTest, AKeptLockStopsNeitherItsKeeperNorReaders)
     ASSERT_EQ(AddSet(1), KXRULE_E_NO_RULESET); // this thread keeps the lock from here on
     ASSERT_EQ(AddSet(1), KXRULE_E_NO_RULESET); // twice
 
-    std::atomic<bool> isChanged = false;
-    std::promise<void> isAboutToChange;
-    std::thread changer(
-        [&]
-        {
-            const PFW_RULE rule = Build::Access();
-            EXPECT_EQ(kxRuleAddRule(1, 1, nullptr), KXRULE_E_NULL_POINTER) << "refused at once";
-            EXPECT_EQ(kxRuleAddRule(9, 1, &rule), KXRULE_E_NO_RULESET) << "refused at once";
-            isAboutToChange.set_value();
-            EXPECT_EQ(kxRuleAddRule(1, 2, &rule), 0);
-            isChanged = true;
-        });
-    std::thread finaliser(
-        [&]
-        {
-            isAboutToChange.get_future().wait();
-            EXPECT_EQ(kxRuleFinalize(), 0);
-        });
+    const PFW_RULE rule = Build::Access();
+    const uint16_t active[] = {1};
+    auto macro = Build::Macro("m", {});
+    const std::function<int32_t()> changes[] = {
+        kxRuleFinalize,
+        kxRuleRead,
+        kxRuleWrite,
+        kxRuleFlush,
+        kxRuleDeleteMacro,
+        [&] { return kxRuleSetActiveRuleSet(active, 1); },
+        [] { return AddSet(0); },
+        [] { return kxRuleDeleteRuleSet(1); },
+        [&] { return kxRuleAddRule(1, 2, &rule); },
+        [] { return kxRuleDeleteRule(1, 1); },
+        [] { return kxRuleUpdateHashValue(nullptr, nullptr, nullptr, nullptr); },
+        [&] { return kxRuleAddMacro(macro.get()); },
+    };
+    std::atomic<size_t> begun = 0;
+    std::atomic<uint32_t> ended = 0; // a bit each
+    std::vector<std::thread> changers;
+    for (const auto& change : changes)
+    {
+        changers.emplace_back(
+            [&]
+            {
+                ++begun;
+                static_cast<void>(change());
+                ended |= 1u << (&change - changes);
+            });
+    }
     std::thread(
         [&]
         {
+            EXPECT_EQ(kxRuleAddRule(1, 1, nullptr), KXRULE_E_NULL_POINTER) << "refused at once";
+            EXPECT_EQ(kxRuleAddRule(9, 1, &rule), KXRULE_E_NO_RULESET) << "refused at once";
             PFW_RULE got{};
+            while (begun < std::size(changes))
+                std::this_thread::yield();
             for (int i = 0; i < 1000; ++i)
                 ASSERT_EQ(kxRuleGetRule(1, 1, &got), 0); // a reader on another thread
         })
         .join();
-    const PFW_RULE rule = Build::Access();
     for (uint16_t i = 100; i < 600; ++i)
         ASSERT_EQ(kxRuleAddRule(1, i, &rule), 0) << "the keeper's own change";
     EXPECT_EQ(kxRuleWrite(), 0);
-    EXPECT_FALSE(isChanged);
+    EXPECT_EQ(ended, 0u) << "did not wait";
     EXPECT_EQ(kxRuleFinalize(), 0);
-    changer.join();
-    finaliser.join();
-    EXPECT_TRUE(isChanged);
+    for (std::thread& changer : changers)
+        changer.join();
     ASSERT_EQ(kxRuleInitialize(Directory().c_str(), nullptr), 0);
     ASSERT_EQ(kxRuleRead(), 0);
     EXPECT_EQ(Rules(1).size(), 501u);

@@ -1,9 +1,8 @@
 // Real files, damaged in every way: cut, bits flipped, lengths and counts replaced, records swapped, hostile names.
 #include <algorithm>
 
-#include "persistence/EncryptFile.h"
-#include "persistence/FileFormat.h"
-#include "persistence/MasterFormat.h"
+#include "persistence/RuleFileNames.h"
+#include "tests/support/FileContent.h"
 #include "tests/torture/TortureTest.h"
 
 class DamageTest : public TortureTest
@@ -12,7 +11,7 @@ protected:
     void SetUp() override
     {
         TortureTest::SetUp();
-        FillStore();
+        FillStore(40);
         ASSERT_EQ(kxRuleWrite(), 0);
         m_Good = Snapshot();
     }
@@ -48,6 +47,13 @@ protected:
                         << "neither read nor rescued";
             }
         }
+    }
+    static std::string MasterFile(const MasterFields& fields)
+    {
+        FileContent content;
+        content.Master = fields;
+        const std::vector<uint8_t> bytes = content.Write(FileContent::Kind::Master);
+        return {bytes.begin(), bytes.end()};
     }
     [[nodiscard]] std::filesystem::path Outside() const
     {
@@ -104,14 +110,10 @@ TEST_F(DamageTest, LengthsAndCountsReplaced)
                 Try(name, content);
                 if (length == 16) // perhaps a number: a valid record with another one
                 {
-                    const std::string scratch = PathOf("scratch.tmp");
-                    CEncryptFile file;
-                    ASSERT_TRUE(file.Open(scratch.c_str(), GENERIC_WRITE));
-                    file.WriteU32(value);
-                    ASSERT_TRUE(file.FinishAndFlush());
-                    file.Close();
+                    MemoryStream number;
+                    ASSERT_TRUE(number.WriteU32(value).Finish());
                     content = good;
-                    content.replace(record, 20, ReadBytes(scratch));
+                    content.replace(record, 20, std::string(number.Data.begin(), number.Data.end()));
                     Try(name, content);
                 }
                 campaign.Count(1);
@@ -173,16 +175,11 @@ TEST_F(DamageTest, HostileNamesInTheMasterFile)
         {
             SCOPED_TRACE((isMacroFile ? "macro file " : "rule set ") + name);
             campaign.Count(1);
-            MasterFields fields;
-            fields.MacroFileName = isMacroFile ? name : FileFormat::kMacroFileName;
-            fields.RuleSetFileNames = {"KxRl0001.dat", isMacroFile ? "KxRl0002.dat" : name, "KxRl0002.dat"};
-            CEncryptFile file;
-            ASSERT_TRUE(file.Open(PathOf("forged.tmp").c_str(), GENERIC_WRITE));
-            ASSERT_TRUE(file.Write(FileFormat::kMasterMagic, 4, false));
-            MasterFormat::WriteFields(file, fields);
-            ASSERT_TRUE(file.FinishAndFlush());
-            file.Close();
-            Try(FileFormat::kMasterFileName, ReadFile("forged.tmp"));
+            const MasterFields fields{isMacroFile ? name : FileFormat::kMacroFileName,
+                                      1,
+                                      {},
+                                      {"KxRl0001.dat", isMacroFile ? "KxRl0002.dat" : name, "KxRl0002.dat"}};
+            Try(FileFormat::kMasterFileName, MasterFile(fields));
             EXPECT_EQ(Rules(1).size(), 3u);
             EXPECT_EQ(Rules(2).size(), 40u);
             ASSERT_EQ(kxRuleAddMacro(Build::Macro("m", {Build::Item("x")}).get()), 0);
@@ -192,5 +189,16 @@ TEST_F(DamageTest, HostileNamesInTheMasterFile)
             EXPECT_EQ(ReadBytes(Outside()), "outside");
             ASSERT_FALSE(HasFailure());
         }
+    }
+    // More than can be added; each is missing, and rescued.
+    MasterFields fields{FileFormat::kMacroFileName, 1, {}, {}};
+    for (uint16_t index = 1; index <= KXRULE_MAX_RULESETS + 6; ++index)
+        fields.RuleSetFileNames.push_back(RuleFiles::RuleSetFileName(index));
+    Try(FileFormat::kMasterFileName, MasterFile(fields));
+    for (int life = 0; life < 2; ++life)
+    {
+        EXPECT_EQ(SetIndexes().size(), 70u);
+        EXPECT_EQ(AddSet(0), KXRULE_E_TOO_MANY_RULESETS);
+        Reopen();
     }
 }

@@ -1,7 +1,10 @@
 // Every system call on a file, and every allocation, failing: once, and from then on.
 #include <functional>
+#include <stdexcept>
 
+#include "api/Library.h"
 #include "common/srclib/KxComn_Files.h"
+#include "repository/RuleMaster.h"
 #include "tests/torture/Faults.h"
 #include "tests/torture/TortureTest.h"
 
@@ -25,7 +28,7 @@ protected:
     void SetUp() override
     {
         TortureTest::SetUp();
-        FillStore();
+        FillStore(100); // more than a stream gathers before it writes
         ASSERT_EQ(kxRuleWrite(), 0);
         m_Before = Snapshot();
         ChangeStore();
@@ -52,7 +55,7 @@ protected:
 
 TEST_F(FaultsTest, AnyFileCallOfAWriteMayFail)
 {
-    Campaign campaign("fails: file call of a write fails");
+    Campaign campaign("fails: file call of a write");
     struct
     {
         const char* name;
@@ -101,7 +104,7 @@ TEST_F(FaultsTest, AnyFileCallOfAWriteMayFail)
 
 TEST_F(FaultsTest, AnyFileCallOfADeletionMayFail)
 {
-    Campaign campaign("fails: file call of a deletion fails");
+    Campaign campaign("fails: file call of a deletion");
     bool hasFailed = true;
     for (uint32_t k = 1; hasFailed; ++k)
     {
@@ -126,7 +129,7 @@ TEST_F(FaultsTest, AnyFileCallOfADeletionMayFail)
 
 TEST_F(FaultsTest, NoFailureOfAReadLosesAFile)
 {
-    Campaign campaign("fails: file call of a read fails");
+    Campaign campaign("fails: file call of a read");
     for (const DWORD error : {ERROR_ACCESS_DENIED, ERROR_CRC, ERROR_NOT_ENOUGH_MEMORY})
     {
         for (const bool isForGood : {false, true})
@@ -167,9 +170,57 @@ TEST_F(FaultsTest, NoFailureOfAReadLosesAFile)
     }
 }
 
+// A change is written at the next tick for as long as it takes, and nothing without a change.
+TEST_F(FaultsTest, TimedWritesGoOnUntilOneSucceeds)
+{
+    const auto tick = [](DWORD error)
+    {
+        g_FileFaults.Arm(1, true, error);
+        CRuleMaster::CallbackFuncWriteTimeOut(&g_RuleMaster);
+        return g_FileFaults.Disarm();
+    };
+    Begin();
+    EXPECT_TRUE(tick(ERROR_DISK_FULL));
+    EXPECT_EQ(Snapshot(), m_Before);
+    EXPECT_TRUE(tick(ERROR_DISK_FULL)) << "tries again";
+    EXPECT_TRUE(tick(ERROR_SUCCESS));
+    EXPECT_EQ(Snapshot(), m_After);
+    EXPECT_FALSE(tick(ERROR_DISK_FULL)) << "no change, but a file was touched";
+
+    // What a refresh had changed when its callback threw is a change all the same.
+    ASSERT_EQ(AddSet(4, {Build::Access(1, L"SYSTEM"), Build::Access(2, L"SYSTEM")}), 0);
+    tick(ERROR_SUCCESS);
+    const std::string before = ReadFile("KxRl0004.dat");
+    const std::vector<uint8_t> hash(KXRULE_HASH_BYTES, 7);
+    const auto throws = [](uint32_t, const PFW_RULE*, void*) -> int32_t { throw std::runtime_error("callback"); };
+    EXPECT_EQ(kxRuleUpdateHashValue(L"SYSTEM", hash.data(), throws, nullptr), KXRULE_E_HASH_LIBRARY);
+    EXPECT_EQ(Rules(4)[0].Access.abAppHash[0] + Rules(4)[1].Access.abAppHash[0], 7) << "one of two";
+    EXPECT_TRUE(tick(ERROR_SUCCESS));
+    EXPECT_NE(ReadFile("KxRl0004.dat"), before);
+}
+
+// The damaged file is kept, but there is no room for the rescue set: the read fails, and nothing gets lost on the way.
+TEST_F(FaultsTest, ARescueSetThatCannotBeWrittenFailsTheRead)
+{
+    Close();
+    Restore(m_Before);
+    const std::string damaged = m_Before.at("KxRl0002.dat").substr(0, 1000);
+    WriteFile("KxRl0002.dat", damaged);
+    ASSERT_EQ(kxRuleInitialize(Directory().c_str(), nullptr), 0);
+    KxCommon::Files::SetFaultHook([](Operation operation) -> DWORD
+                                  { return operation == Operation::Write ? ERROR_DISK_FULL : ERROR_SUCCESS; });
+    EXPECT_EQ(kxRuleRead(), KXRULE_E_FILE_WRITE);
+    EXPECT_EQ(ReadFile("KxRl0002.dat"), damaged);
+    EXPECT_EQ(ReadFile("RuleBackup\\KxRl0002.dat.brk"), damaged);
+    KxCommon::Files::SetFaultHook(FileFault);
+    Reopen();
+    EXPECT_EQ(RuleIndexes(2), (std::vector<uint16_t>{30000, 30001, 30002}));
+    EXPECT_EQ(Rules(1).size(), 3u);
+}
+
 TEST_F(FaultsTest, LackOfMemoryIsToldAndNeverTakenForDamage)
 {
-    Campaign campaign("fails: allocation fails");
+    Campaign campaign("fails: allocation");
     auto set = Build::RuleSet(0, L"a name that does not fit into the string object itself", {Build::Access(1)});
     auto macro = Build::Macro("a name that does not fit into the string", {Build::Item("a")});
     const PFW_RULE rule = Build::Access(1);

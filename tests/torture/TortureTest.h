@@ -13,11 +13,11 @@ class TortureTest : public StoreTest
 protected:
     using Files = std::map<std::string, std::string>; // path below the rule directory, content
 
-    /// Two sets, of 3 and of 40 rules, a macro and an active list.
-    static void FillStore()
+    /// Two sets, of 3 rules and of many, a macro and an active list.
+    static void FillStore(uint16_t many)
     {
         std::vector<PFW_RULE> rules;
-        for (uint16_t i = 0; i < 40; ++i)
+        for (uint16_t i = 0; i < many; ++i)
             rules.push_back(Build::Access(i));
         ASSERT_EQ(AddSet(1, {rules.begin(), rules.begin() + 3}, L"small"), 0);
         ASSERT_EQ(AddSet(2, rules, L"large"), 0);
