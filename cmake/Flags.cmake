@@ -5,13 +5,14 @@ target_compile_features(kx_flags INTERFACE cxx_std_20 c_std_11)
 target_compile_options(kx_flags INTERFACE
     -Wall -Wextra -Wpedantic -Wshadow
     $<$<CXX_COMPILER_ID:GNU>:-Wno-restrict> # GCC 12 warns falsely about `s = "literal"` at -O2
-    -ffile-prefix-map=${CMAKE_SOURCE_DIR}/= # same bytes from any checkout
+    # Same bytes from any checkout. (What counts coverage has to find the sources.)
+    $<$<NOT:$<CONFIG:Coverage>>:-ffile-prefix-map=${CMAKE_SOURCE_DIR}/=>
     $<$<BOOL:${KX_WERROR}>:-Werror>)
 
 if(WIN32)
     target_compile_definitions(kx_flags INTERFACE
         _WIN32_WINNT=0x0601 WINVER=0x0601 WIN32_LEAN_AND_MEAN NOMINMAX
-        $<$<CONFIG:Debug>:_GLIBCXX_ASSERTIONS> $<$<NOT:$<CONFIG:Debug>>:_FORTIFY_SOURCE=2>)
+        $<$<CONFIG:Debug>:_GLIBCXX_ASSERTIONS> $<$<NOT:$<CONFIG:Debug,Coverage>>:_FORTIFY_SOURCE=2>)
     target_compile_options(kx_flags INTERFACE
         -fstack-protector-strong -fcf-protection
         $<$<CONFIG:Debug>:-fsanitize=undefined -fsanitize-undefined-trap-on-error>)
@@ -20,9 +21,10 @@ if(WIN32)
         -static -fstack-protector-strong
         -Wl,--dynamicbase -Wl,--high-entropy-va -Wl,--nxcompat -Wl,--no-insert-timestamp)
 else()
+    # With coverage, the sanitizers' checks would count as branches.
     target_compile_definitions(kx_flags INTERFACE _GLIBCXX_ASSERTIONS)
     target_compile_options(kx_flags INTERFACE
-        -fsanitize=address,undefined -fno-sanitize-recover=all -fno-omit-frame-pointer
+        "$<$<NOT:$<CONFIG:Coverage>>:-fsanitize=address,undefined;-fno-sanitize-recover=all;-fno-omit-frame-pointer>"
         $<$<BOOL:${KX_FUZZ}>:-fsanitize=fuzzer-no-link>)
-    target_link_options(kx_flags INTERFACE -fsanitize=address,undefined)
+    target_link_options(kx_flags INTERFACE $<$<NOT:$<CONFIG:Coverage>>:-fsanitize=address,undefined>)
 endif()

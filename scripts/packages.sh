@@ -8,6 +8,7 @@ declare -A groups=(
     [check]="clang clang-format clang-tidy lld llvm shellcheck"
     [fuzz]="clang g++ libclang-rt-dev llvm python3"
     [package]="llvm zip"
+    [coverage]="gcovr python3"
     [bench]="npm python3"
 )
 
