@@ -37,16 +37,6 @@ TEST_F(StoreTest, WithoutStartNothingTouchesTheDisk)
     EXPECT_TRUE(std::filesystem::is_empty(Directory()));
 }
 
-TEST_F(StoreTest, StartAndStopOverAndOver)
-{
-    for (int i = 0; i < 200; ++i)
-    {
-        ASSERT_EQ(kxRuleFinalize(), 0);
-        ASSERT_EQ(kxRuleInitialize(Directory().c_str(), nullptr), 0);
-        ASSERT_EQ(kxRuleRead(), 0);
-    }
-}
-
 // The keeper goes on, readers go on, whoever changes waits, and all ends when the keeper finalises.
 TEST_F(StoreTest, AKeptLockStopsNeitherItsKeeperNorReaders)
 {

@@ -49,6 +49,30 @@ protected:
         Open();
         ChangeStore();
     }
+    /// Acts with the first call failing, the second and so on, until none fails any more; that one alone, and all after
+    /// it, too. Each time from the state that begin makes.
+    template <class Begin, class Act, class Check>
+    void ForEachFault(const std::string& name, Campaign& campaign, Faults& faults, DWORD error, const Begin& begin,
+                      const Act& act, const Check& check)
+    {
+        for (const bool isForGood : {false, true})
+        {
+            bool hasFailed = true;
+            for (uint32_t k = 1; hasFailed && !HasFailure(); ++k)
+            {
+                SCOPED_TRACE(name + ", error " + std::to_string(error) + ", call " + std::to_string(k) +
+                             (isForGood ? " and all after it" : ""));
+                begin();
+                const DWORD handles = Handles();
+                faults.Arm(k, isForGood, error);
+                const int32_t result = act();
+                hasFailed = faults.Disarm();
+                campaign.Count(1);
+                EXPECT_LE(Handles(), handles);
+                check(result, hasFailed, isForGood);
+            }
+        }
+    }
 
     Files m_Before, m_After;
 };
@@ -73,20 +97,10 @@ TEST_F(FaultsTest, AnyFileCallOfAWriteMayFail)
         {
             if (error != ERROR_DISK_FULL && Campaign::Seconds() == 0)
                 continue; // the replacement waits for these to pass, which takes its time
-            for (const bool isForGood : {false, true})
-            {
-                bool hasFailed = true;
-                for (uint32_t k = 1; hasFailed; ++k)
+            ForEachFault(
+                row.name, campaign, g_FileFaults, error, [this] { Begin(); }, row.write,
+                [&](int32_t result, bool, bool)
                 {
-                    SCOPED_TRACE(std::string(row.name) + ", error " + std::to_string(error) + ", call " +
-                                 std::to_string(k) + (isForGood ? " and all after it" : ""));
-                    Begin();
-                    const DWORD handles = Handles();
-                    g_FileFaults.Arm(k, isForGood, error);
-                    const int32_t result = row.write();
-                    hasFailed = g_FileFaults.Disarm();
-                    campaign.Count(1);
-                    EXPECT_LE(Handles(), handles);
                     const Files now = Snapshot();
                     EXPECT_TRUE(result == 0 || result == KXRULE_E_FILE_OPEN || result == KXRULE_E_FILE_WRITE) << result;
                     EXPECT_TRUE(result != 0 || now == m_After) << "success without the files of success";
@@ -95,9 +109,7 @@ TEST_F(FaultsTest, AnyFileCallOfAWriteMayFail)
                         ASSERT_EQ(kxRuleInitialize(Directory().c_str(), nullptr), 0);
                     else
                         EXPECT_EQ(row.write(), 0) << "the next try";
-                    ASSERT_FALSE(HasFailure());
-                }
-            }
+                });
         }
     }
 }
@@ -105,26 +117,25 @@ TEST_F(FaultsTest, AnyFileCallOfAWriteMayFail)
 TEST_F(FaultsTest, AnyFileCallOfADeletionMayFail)
 {
     Campaign campaign("fails: file call of a deletion");
-    bool hasFailed = true;
-    for (uint32_t k = 1; hasFailed; ++k)
-    {
-        SCOPED_TRACE(k);
-        Close();
-        Restore(m_Before);
-        Open();
-        g_FileFaults.Arm(k, true, ERROR_ACCESS_DENIED);
-        const int32_t result = kxRuleDeleteRuleSet(1);
-        hasFailed = g_FileFaults.Disarm();
-        campaign.Count(1);
-        const Files now = Snapshot();
-        EXPECT_EQ(now.at("KxRl0002.dat"), m_Before.at("KxRl0002.dat"));
-        EXPECT_TRUE(result == 0 || now == m_Before) << "files deleted though the list still names them";
-        EXPECT_EQ(SetIndexes(), (std::vector<uint16_t>{2}));
-        Reopen();
-        EXPECT_EQ(SetIndexes(), (std::vector<uint16_t>{2}));
-        EXPECT_FALSE(Exists("RuleBackup"));
-        ASSERT_FALSE(HasFailure());
-    }
+    ForEachFault(
+        "kxRuleDeleteRuleSet", campaign, g_FileFaults, ERROR_ACCESS_DENIED,
+        [this]
+        {
+            Close();
+            Restore(m_Before);
+            Open();
+        },
+        [] { return kxRuleDeleteRuleSet(1); },
+        [&](int32_t result, bool, bool)
+        {
+            const Files now = Snapshot();
+            EXPECT_EQ(now.at("KxRl0002.dat"), m_Before.at("KxRl0002.dat"));
+            EXPECT_TRUE(result == 0 || now == m_Before) << "files deleted though the list still names them";
+            EXPECT_EQ(SetIndexes(), (std::vector<uint16_t>{2}));
+            Reopen();
+            EXPECT_EQ(SetIndexes(), (std::vector<uint16_t>{2}));
+            EXPECT_FALSE(Exists("RuleBackup"));
+        });
 }
 
 TEST_F(FaultsTest, NoFailureOfAReadLosesAFile)
@@ -132,22 +143,17 @@ TEST_F(FaultsTest, NoFailureOfAReadLosesAFile)
     Campaign campaign("fails: file call of a read");
     for (const DWORD error : {ERROR_ACCESS_DENIED, ERROR_CRC, ERROR_NOT_ENOUGH_MEMORY})
     {
-        for (const bool isForGood : {false, true})
-        {
-            bool hasFailed = true;
-            for (uint32_t k = 1; hasFailed; ++k)
+        ForEachFault(
+            "kxRuleRead", campaign, g_FileFaults, error,
+            [this]
             {
-                SCOPED_TRACE("error " + std::to_string(error) + ", call " + std::to_string(k) +
-                             (isForGood ? " and all after it" : ""));
                 ASSERT_EQ(kxRuleFinalize(), 0);
                 Restore(m_Before);
                 ASSERT_EQ(kxRuleInitialize(Directory().c_str(), nullptr), 0);
-                const DWORD handles = Handles();
-                g_FileFaults.Arm(k, isForGood, error);
-                const int32_t result = kxRuleRead();
-                hasFailed = g_FileFaults.Disarm();
-                campaign.Count(1);
-                EXPECT_LE(Handles(), handles);
+            },
+            kxRuleRead,
+            [&](int32_t result, bool, bool isForGood)
+            {
                 EXPECT_TRUE(result == 0 || result == KXRULE_E_FILE_OPEN || result == KXRULE_E_FILE_READ ||
                             result == KXRULE_E_FILE_WRITE)
                     << result;
@@ -164,9 +170,7 @@ TEST_F(FaultsTest, NoFailureOfAReadLosesAFile)
                 if (kxRuleGetMacroCount() == 2)
                     mustBeThere.erase("KxRulMac.dat");
                 ExpectNothingLost(Snapshot(), mustBeThere);
-                ASSERT_FALSE(HasFailure());
-            }
-        }
+            });
     }
 }
 
@@ -248,13 +252,14 @@ TEST_F(FaultsTest, LackOfMemoryIsToldAndNeverTakenForDamage)
     };
     for (const auto& row : rows)
     {
-        for (const bool isForGood : {false, true})
-        {
-            bool hasFailed = true;
-            for (uint32_t k = 1; hasFailed; ++k)
+        Files before;
+        std::vector<uint16_t> indexes;
+        size_t rules = 0;
+        int32_t macros = 0;
+        ForEachFault(
+            row.name, campaign, g_AllocationFaults, 0,
+            [&]
             {
-                SCOPED_TRACE(std::string(row.name) + ", allocation " + std::to_string(k) +
-                             (isForGood ? " and all after it" : ""));
                 Begin();
                 if (row.isReadAnew)
                 {
@@ -262,33 +267,27 @@ TEST_F(FaultsTest, LackOfMemoryIsToldAndNeverTakenForDamage)
                     Restore(m_Before);
                     ASSERT_EQ(kxRuleInitialize(Directory().c_str(), nullptr), 0);
                 }
-                const Files before = Snapshot();
-                const auto indexes = SetIndexes();
-                const auto rules = Rules(1);
-                const int32_t macros = kxRuleGetMacroCount();
-                g_AllocationFaults.Arm(k, isForGood, 0);
-                const int32_t result = row.call();
-                hasFailed = g_AllocationFaults.Disarm();
-                campaign.Count(1);
+                before = Snapshot();
+                indexes = SetIndexes();
+                rules = Rules(1).size();
+                macros = kxRuleGetMacroCount();
+            },
+            row.call,
+            [&](int32_t result, bool hasFailed, bool)
+            {
                 EXPECT_TRUE(result == 0 || (hasFailed && result == row.failure)) << result;
                 const Files now = Snapshot();
                 if (row.failure != KXRULE_E_FILE_WRITE)
-                {
                     EXPECT_EQ(now, before) << "nothing is moved, copied or written";
-                }
                 else if (row.name == std::string("kxRuleWrite"))
-                {
                     ExpectOldOrNew(now, m_Before, m_After);
-                }
                 if (result != 0 && row.failure == KXRULE_E_NULL_POINTER)
                 {
                     EXPECT_EQ(SetIndexes(), indexes);
-                    EXPECT_EQ(Rules(1).size(), rules.size());
+                    EXPECT_EQ(Rules(1).size(), rules);
                     EXPECT_EQ(kxRuleGetMacroCount(), macros);
                     EXPECT_EQ(row.call(), 0) << "the next try";
                 }
-                ASSERT_FALSE(HasFailure());
-            }
-        }
+            });
     }
 }
