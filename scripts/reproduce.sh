@@ -3,10 +3,13 @@
 . "$(dirname "$0")/steps.sh" 3
 scratch=$(mktemp -d)
 trap 'rm -rf "$scratch"' EXIT
+export CCACHE_DISABLE=1          # an object out of a cache would prove nothing
+commit=$(git rev-parse HEAD) # another one may come while the first is being packed
 
 for clone in one another/somewhere-else; do
     step "clone, build and pack: $clone"
-    git clone -q . "$scratch/$clone"
+    git clone -q --no-checkout . "$scratch/$clone"
+    git -C "$scratch/$clone" checkout -q --detach "$commit"
     "$scratch/$clone/scripts/package.sh" "$scratch/dist-${clone%%/*}" >"$scratch/log" 2>&1 || { cat "$scratch/log" >&2; exit 1; }
 done
 
