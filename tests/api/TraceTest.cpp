@@ -1,4 +1,5 @@
-// What one life of the library says, line by line: a copy of the DLL with a stand-in trace library beside it.
+// What one life of the library says, line by line, as tests/data/trace-*.txt: a copy of the DLL with a stand-in trace
+// library beside it.
 #include "tests/api/StoreFixture.h"
 
 #include <functional>
@@ -105,63 +106,7 @@ TEST_F(TraceTest, AWholeLife)
     KX_CALL(kxRuleAddRuleSet, uint16_t{1}, set.get());
     KX_CALL(kxRuleDeleteRuleSet, uint16_t{9});
     KX_CALL(kxRuleFinalize);
-    EXPECT_EQ(Said(), std::string(R"(
-@@@ kxRuleInitialize Enter - KxPfwRule.cpp
-@@@ RulePath=DIR\, RuleMaster=KxRulMas.dat - RuleMaster.cpp
-@@@ kxRuleInitialize Return (0) - KxPfwRule.cpp
-@@@ kxRuleRead Enter - KxPfwRule.cpp
-@@@ CMasterFile::ReadAll Enter - RuleMasterFiles.cpp
-@@@ CRuleMaster::ReadMasterFile Enter - RuleMasterFiles.cpp
-@@@ 	Rule master file does not exist - RuleMasterFiles.cpp
-@@@ CRuleMaster::ReadMacroFile Enter - RuleMasterFiles.cpp
-@@@ 	Macro file does not exist - RuleMasterFiles.cpp
-@@@ CRuleMaster::ReadRuleSetFile Enter (index 0) - RuleMasterFiles.cpp
-@@@ 	The number of RuleSet=0 - RuleMasterFiles.cpp
-@@@ CRuleMaster::ReadRuleSetFile Return (0) - RuleMasterFiles.cpp
-@@@ CMasterFile::ReadAll Return - RuleMasterFiles.cpp
-@@@ kxRuleRead Return (0) - KxPfwRule.cpp
-@@@ kxRuleAddRuleSet Enter - KxPfwRule.cpp
-@@@ CRuleMaster::AddRuleSet Enter - RuleMaster.cpp
-@@@ CRuleMaster::AddRuleSet Return (0) - RuleMaster.cpp
-@@@ 	Index:1 - KxPfwRule.cpp
-@@@ kxRuleAddRuleSet Return (0) - KxPfwRule.cpp
-@@@ kxRuleAddRule Enter - KxPfwRule.cpp
-@@@ kxRuleAddRule Return (0) - KxPfwRule.cpp
-!!! CRule::GetRule(): Pointer to rule structure (parameter) is NULL. - Rule.cpp
-@@@ kxRuleWrite Enter - KxPfwRule.cpp
-@@@ CMasterFile::WriteAll Enter - RuleMasterFiles.cpp
-@@@ CRuleMaster::WriteMacroFile Enter - RuleMasterFiles.cpp
-@@@ CRuleMaster::WriteMacroFile Return - RuleMasterFiles.cpp
-@@@ CRuleMaster::WriteRuleSetFile Enter (index 0) - RuleMasterFiles.cpp
-@@@ 	Call CRuleSet::Write - RuleMasterFiles.cpp
-@@@ CRuleSet::Write Enter (DIR\) - RuleSetFile.cpp
-@@@ CRuleSet::Write return - RuleSetFile.cpp
-@@@ 	Return CRuleSet::Write (0) - RuleMasterFiles.cpp
-@@@ CRuleMaster::WriteRuleSetFile Return (0) - RuleMasterFiles.cpp
-@@@ CRuleMaster::WriteMasterFile Enter - RuleMasterFiles.cpp
-@@@ CRuleMaster::WriteMasterFile Return - RuleMasterFiles.cpp
-@@@ CMasterFile::WriteAll Return - RuleMasterFiles.cpp
-@@@ kxRuleWrite Return (0) - KxPfwRule.cpp
-@@@ kxRuleAddRuleSet Enter - KxPfwRule.cpp
-@@@ CRuleMaster::AddRuleSet Enter - RuleMaster.cpp
-@@@ 	Index:1 - KxPfwRule.cpp
-@@@ kxRuleAddRuleSet Return (-10015) - KxPfwRule.cpp
-@@@ kxRuleDeleteRuleSet Enter - KxPfwRule.cpp
-@@@ kxRuleDeleteRuleSet Return (-10015) - KxPfwRule.cpp
-@@@ kxRuleFinalize Enter - KxPfwRule.cpp
-@@@ CMasterFile::WriteAll Enter - RuleMasterFiles.cpp
-@@@ CRuleMaster::WriteMacroFile Enter - RuleMasterFiles.cpp
-@@@ CRuleMaster::WriteMacroFile Return - RuleMasterFiles.cpp
-@@@ CRuleMaster::WriteRuleSetFile Enter (index 0) - RuleMasterFiles.cpp
-@@@ CRuleMaster::WriteRuleSetFile Return (0) - RuleMasterFiles.cpp
-@@@ CRuleMaster::WriteMasterFile Enter - RuleMasterFiles.cpp
-@@@ CRuleMaster::WriteMasterFile Return - RuleMasterFiles.cpp
-@@@ CMasterFile::WriteAll Return - RuleMasterFiles.cpp
-@@@ CloseHandle succeeded (HANDLE) - PfwTimer.cpp
-@@@ CloseHandle succeeded (HANDLE) - PfwTimer.cpp
-@@@ g_RuleMaster.Finalize() Return (0) - KxPfwRule.cpp
-)")
-                          .substr(1));
+    EXPECT_EQ(Said(), ReadBytes("tests/data/trace-life.txt"));
 }
 
 TEST_F(TraceTest, ABrokenRuleSetThenAnUnusableMasterAndMacroFile)
@@ -176,69 +121,14 @@ TEST_F(TraceTest, ABrokenRuleSetThenAnUnusableMasterAndMacroFile)
     Start();
     KX_CALL(kxRuleRead);
     KX_CALL(kxRuleFinalize);
-    EXPECT_EQ(Said(), std::string(R"(
-@@@ kxRuleInitialize Enter - KxPfwRule.cpp
-@@@ RulePath=DIR\, RuleMaster=KxRulMas.dat - RuleMaster.cpp
-@@@ kxRuleInitialize Return (0) - KxPfwRule.cpp
-@@@ kxRuleRead Enter - KxPfwRule.cpp
-@@@ CMasterFile::ReadAll Enter - RuleMasterFiles.cpp
-@@@ CRuleMaster::ReadMasterFile Enter - RuleMasterFiles.cpp
-@@@ CRuleMaster::ReadMasterFile Return - RuleMasterFiles.cpp
-@@@ CRuleMaster::ReadMacroFile Enter - RuleMasterFiles.cpp
-@@@ CRuleMaster::ReadMacroFile Return - RuleMasterFiles.cpp
-@@@ CRuleMaster::ReadRuleSetFile Enter (index 0) - RuleMasterFiles.cpp
-@@@ 	The number of RuleSet=1 - RuleMasterFiles.cpp
-@@@ 	Call CRuleSet::Read(KxRl0001.dat) - RuleMasterFiles.cpp
-@@@ CRuleSet::Read Enter (DIR\) - RuleSetFile.cpp
-!!! 	File read error [Body] - RuleSetFile.cpp
-!!! 	CRuleSet::Read() error -10056 (file="KxRl0001.dat") - RuleMasterFiles.cpp
-!!! 	Creating a rescue RuleSet instead of a broken/deleted RuleSet KxRl0001.dat - RuleMasterFiles.cpp
-@@@ 	Added rescue rule (index=1:30001, rule="ACCESS,,,,,,DROP") - RuleSetRescue.cpp
-@@@ 	Added rescue rule (index=1:30002, rule="ACCESS,,,,,,ACCEPT") - RuleSetRescue.cpp
-@@@ 	Added rescue rule (index=1:30003, rule="ACCESS,,,,,,ACCEPT") - RuleSetRescue.cpp
-@@@ CRuleSet::Write Enter (DIR\) - RuleSetFile.cpp
-@@@ CRuleSet::Write return - RuleSetFile.cpp
-@@@ CRuleMaster::ReadRuleSetFile Return (0) - RuleMasterFiles.cpp
-@@@ CMasterFile::ReadAll Return - RuleMasterFiles.cpp
-@@@ kxRuleRead Return (0) - KxPfwRule.cpp
-@@@ kxRuleFinalize Enter - KxPfwRule.cpp
-@@@ CloseHandle succeeded (HANDLE) - PfwTimer.cpp
-@@@ CloseHandle succeeded (HANDLE) - PfwTimer.cpp
-@@@ g_RuleMaster.Finalize() Return (0) - KxPfwRule.cpp
-)")
-                          .substr(1));
+    EXPECT_EQ(Said(), ReadBytes("tests/data/trace-rescue.txt"));
 
     WriteBytes(RuleFile("KxRulMas.dat"), "xx");
     WriteBytes(RuleFile("KxRulMac.dat"), "xx");
     Start();
     KX_CALL(kxRuleRead);
     KX_CALL(kxRuleFinalize);
-    EXPECT_EQ(Said(), std::string(R"(
-@@@ kxRuleInitialize Enter - KxPfwRule.cpp
-@@@ RulePath=DIR\, RuleMaster=KxRulMas.dat - RuleMaster.cpp
-@@@ kxRuleInitialize Return (0) - KxPfwRule.cpp
-@@@ kxRuleRead Enter - KxPfwRule.cpp
-@@@ CMasterFile::ReadAll Enter - RuleMasterFiles.cpp
-@@@ CRuleMaster::ReadMasterFile Enter - RuleMasterFiles.cpp
-!!! 	MasterFile does not match magic - RuleMasterFiles.cpp
-!!! 	Read master file failed [Wrong magic] - RuleMasterFiles.cpp
-.w. BackupAllRules [Enter] - Backup.cpp
-.w. CreateBackupDirectoryByDate [Enter] - Backup.cpp
-@@@ Created backup directory [DIR\RuleBackup\DATE] - Backup.cpp
-@@@ Move master file : [DIR\KxRulMas.dat] -> [DIR\RuleBackup\DATE\KxRulMas.dat] - Backup.cpp
-@@@ Move ruleset file : [DIR\KxRl0001.dat] -> [DIR\RuleBackup\DATE\KxRl0001.dat] - Backup.cpp
-.w. BackupAllRules [Leave] - Backup.cpp
-@@@ CRuleMaster::ReadMasterFile Return - RuleMasterFiles.cpp
-@@@ CRuleMaster::ReadMacroFile Enter - RuleMasterFiles.cpp
-!!! 	MacroFile does not match magic - RuleMasterFiles.cpp
-!!! 	ReadMacroFile error (-10060) - RuleMasterFiles.cpp
-@@@ kxRuleRead Return (-10060) - KxPfwRule.cpp
-@@@ kxRuleFinalize Enter - KxPfwRule.cpp
-@@@ CloseHandle succeeded (HANDLE) - PfwTimer.cpp
-@@@ CloseHandle succeeded (HANDLE) - PfwTimer.cpp
-@@@ g_RuleMaster.Finalize() Return (0) - KxPfwRule.cpp
-)")
-                          .substr(1));
+    EXPECT_EQ(Said(), ReadBytes("tests/data/trace-moved.txt"));
 }
 
 // Which calls say what when they refuse, and which of them say nothing on their way out.
