@@ -2,6 +2,7 @@
 #include "tools/kxrule/ItemText.h"
 
 #include <cstring>
+#include <sstream>
 
 #include <gtest/gtest.h>
 
@@ -65,43 +66,18 @@ TEST(ItemText, Addresses)
         EXPECT_EQ(Bytes(item), c.Bytes) << c.Text;
         EXPECT_EQ(Tool::AddressText(item), c.Back == nullptr ? c.Text : c.Back);
     }
-    for (const char* const text : {"",
-                                   "!",
-                                   "10",
-                                   "10.0.0",
-                                   "10.0.0.256",
-                                   "10.0.0.01",
-                                   "10.0.0.1/",
-                                   "10.0.0.1/33",
-                                   "10.0.0.1/255.0.0",
-                                   "10.0.0.1-",
-                                   "10.0.0.1-fe80::1",
-                                   "fe80::/129",
-                                   "1:2:3:4:5:6:7",
-                                   "1:2:3:4:5:6:7:8:9",
-                                   "1::2::3",
-                                   ":1",
-                                   "1:",
-                                   "1:2:3:4:5:6:7:",
-                                   ":::",
-                                   "12345::",
-                                   "g::",
-                                   "10.0.0.1:10.0.0.2",
-                                   " 10.0.0.1",
-                                   "Any",
-                                   "!any",
-                                   "!@name",
-                                   "::1.2.3",
-                                   "1.2.3.4::",
-                                   "@12345678901234567890123456789012345678901234"})
+    std::istringstream wrong(
+        ";!;10;10.0.0;10.0.0.256;10.0.0.01;10.0.0.1/;10.0.0.1/33;10.0.0.1/255.0.0;10.0.0.1-;"
+        "10.0.0.1-fe80::1;fe80::/129;1:2:3:4:5:6:7;1:2:3:4:5:6:7:8:9;1::2::3;:1;1:;1:2:3:4:5:6:7:;:::;"
+        "12345::;g::;10.0.0.1:10.0.0.2; 10.0.0.1;Any;!any;!@name;::1.2.3;1.2.3.4::;"
+        "@12345678901234567890123456789012345678901234;");
+    for (std::string text; std::getline(wrong, text, ';');)
     {
         RULE_ADDR item = Build::AnyAddress();
         std::string why;
         EXPECT_FALSE(Tool::ParseAddress(text, item, why)) << text;
         EXPECT_FALSE(why.empty()) << text;
-        EXPECT_EQ(Bytes(item), "01000000000000000"
-                               "2")
-            << text;
+        EXPECT_EQ(Bytes(item), Bytes(Build::AnyAddress())) << text;
     }
 }
 

@@ -171,21 +171,3 @@ TEST(PolicyDiff, TakesAComputedHashForThePolicys)
     Build::SetText(&wanted.Access.wszAppName, KXRULE_APP_NAME_UNITS, KXW("C:\\b.exe")); // another file has another
     EXPECT_EQ(Tool::Compare(store, policy, MergeMode::Merge).RuleSets[0].RulesAfter[0].Access.abAppHash[19], 0);
 }
-
-TEST(PolicyDiff, ShowsChangesAsLines)
-{
-    const Policy store = Read("{" + Sets({Set(1, "alt", {"1", "2"}), Set(2, "b", {})}) + ", \"active\": [1, 2]}");
-    Policy policy = Read("{" + Sets({Set(1, "neu", {"1", "2x"}), Set(3, "c", {"7"})}) + ", \"active\": []}");
-    const Tool::PolicyDiff diff = Tool::Compare(store, policy, MergeMode::Replace);
-    EXPECT_EQ(Tool::DiffText(diff), R"(~ rule set 1  "alt" becomes "neu"
-  ~ rule 2  "nat"  "2x"
-      -  "description": "2"
-      +  "description": "2x"
-- rule set 2  "b"
-+ rule set 3  "c"
-  + rule 7  "nat"  "7"
-~ active  [1, 2] becomes []
-)");
-    EXPECT_EQ(Tool::DiffSummary(diff), "1 rule set added, 1 rule set changed, 1 rule set removed, 1 rule added, 1 rule "
-                                       "changed, active list changed");
-}

@@ -98,56 +98,46 @@ TEST(Report, TheExampleHasNoRuleInVain)
 
 TEST(Report, Warns)
 {
-    const std::string any = R"("kind": "access", "action": "accept")";
-    const std::string rescue =
-        any +
-        R"(, "protocol": 4294967295, "description": "This is a rescue rule. This rule file had been broken/deleted.")";
+    // A rule set of one rule that accepts, and what else there is to say of the rule.
+    const auto set = [](int index, int rule, const std::string& more)
+    {
+        return "{\"index\": " + std::to_string(index) +
+               ", \"name\": \"\", \"rules\": [{\"index\": " + std::to_string(rule) +
+               R"(, "kind": "access", "action": "accept")" + more + "}]}";
+    };
+    const std::string web = R"(, "ports": ["any", 80])";
     const std::string hash = R"(, "hash": "0102030405060708090a0b0c0d0e0f1011121314")";
+    const std::string rescue =
+        R"(, "protocol": 4294967295, "description": "This is a rescue rule. This rule file had been broken/deleted.")";
     const struct
     {
-        const char* Name;
-        std::string Policy;
+        std::string Active, RuleSets;
         const char* Warnings; // rule set/rule and what is said of it
     } cases[] = {
-        {"nothing", R"("active": [])", ""},
-        {"none active", R"("active": [], "ruleSets": [{"index": 1, "name": ""}])", "0 No rule set is active."},
-        {"not there", R"("active": [7])", "7 is active but does not exist."},
-        {"any to any", R"("active": [1], "ruleSets": [{"index": 1, "name": "", "rules": [{"index": 3, )" + any + "}]}]",
-         "1/3 accepts everything from anybody to anybody."},
-        {"no hash",
-         R"("active": [1], "ruleSets": [{"index": 1, "name": "", "rules": [)"
-         R"({"index": 3, "application": "a", "ports": ["any", 80], )" +
-             any + R"(}, {"index": 4, "application": "b", "ports": ["any", 80])" + hash + ", " + any + "}]}]",
+        {"", "", ""},
+        {"", set(1, 3, web), "0 No rule set is active."},
+        {"7", "", "7 is active but does not exist."},
+        {"1", set(1, 3, ""), "1/3 accepts everything from anybody to anybody."},
+        {"1", set(1, 3, web + R"(, "application": "a")"),
          "1/3 is bound to a program without a hash: it also matches whatever replaces it."},
-        {"across active sets in their order",
-         R"("active": [2, 1], "ruleSets": [)"
-         R"({"index": 1, "name": "", "rules": [{"index": 3, "ports": ["any", 80], )" +
-             any +
-             "}]},"
-             R"({"index": 2, "name": "", "rules": [{"index": 4, "ports": ["any", "1-99"], )" +
-             any + "}]}]",
+        {"1", set(1, 3, web + R"(, "application": "a")" + hash), ""},
+        {"2, 1", set(1, 3, web) + "," + set(2, 4, R"(, "ports": ["any", "1-99"])"), // in the order of the active list
          "1/3 can never match: rule 4 of rule set 2 takes everything before it."},
-        {"not from sets that are not active",
-         R"("active": [1], "ruleSets": [)"
-         R"({"index": 1, "name": "", "rules": [{"index": 3, "ports": ["any", 80], )" +
-             any +
-             "}]},"
-             R"({"index": 2, "name": "", "rules": [{"index": 4, "ports": ["any", "80"], )" +
-             any + "}]}]",
-         ""},
-        {"rescue",
-         R"("active": [1], "ruleSets": [{"index": 1, "name": "", "rules": [{"index": 30000, )" + rescue + "}]}]",
+        {"1", set(1, 3, web) + "," + set(2, 4, web), ""}, // sets that are not active take nothing
+        {"1", set(1, 30000, rescue),
          "1/30000 is a rescue rule: the rules of this set were damaged and want replacing."},
     };
     for (const auto& c : cases)
     {
         Tool::Policy policy;
         std::vector<Tool::JsonError> errors;
-        ASSERT_TRUE(Tool::ReadPolicy("{" + c.Policy + "}", policy, errors)) << c.Name << errors.front().Text;
+        ASSERT_TRUE(
+            Tool::ReadPolicy("{\"active\": [" + c.Active + "], \"ruleSets\": [" + c.RuleSets + "]}", policy, errors))
+            << c.RuleSets;
         std::string warnings;
         for (const Tool::Warning& warning : Tool::FindWarnings(policy))
             warnings += (warnings.empty() ? "" : "; ") + std::to_string(warning.RuleSetIndex) +
                         (warning.HasRule ? "/" + std::to_string(warning.RuleIndex) : "") + " " + warning.Text;
-        EXPECT_EQ(warnings, c.Warnings) << c.Name;
+        EXPECT_EQ(warnings, c.Warnings) << c.Active << c.RuleSets;
     }
 }

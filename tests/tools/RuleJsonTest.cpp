@@ -32,6 +32,26 @@ std::string_view Bytes(const PFW_RULE& rule)
     return {reinterpret_cast<const char*>(&rule), sizeof rule};
 }
 
+/// Names and records, bytes and all, one behind the other.
+std::string Contents(const Policy& policy)
+{
+    std::string all;
+    const auto add = [&all](const auto* first, size_t count)
+    { all.append(reinterpret_cast<const char*>(first), count * sizeof *first).append(std::to_string(count)); };
+    for (const Tool::MacroRecord& macro : *policy.Macros)
+    {
+        add(macro.Name.data(), macro.Name.size());
+        add(macro.Items.data(), macro.Items.size());
+    }
+    for (const Tool::RuleSetRecord& ruleSet : policy.RuleSets)
+    {
+        add(&ruleSet.Index, 1);
+        add(ruleSet.Name.data(), ruleSet.Name.size());
+        add(ruleSet.Rules.data(), ruleSet.Rules.size());
+    }
+    return all;
+}
+
 /// Written, read and compared; the text has to be JSON for others too.
 void ExpectSurvives(const PFW_RULE& rule, const std::string& what)
 {
@@ -122,24 +142,7 @@ TEST(RuleJson, GivesPoliciesBackAndIsStable)
         std::vector<JsonError> errors;
         ASSERT_TRUE(Tool::ReadPolicy(json, back, errors)) << Texts(errors) << json;
         EXPECT_EQ(back.Active, policy.Active);
-        ASSERT_EQ(back.Macros->size(), macros.size());
-        for (size_t i = 0; i < macros.size(); ++i)
-        {
-            EXPECT_EQ((*back.Macros)[i].Name, macros[i].Name);
-            ASSERT_EQ((*back.Macros)[i].Items.size(), macros[i].Items.size());
-            for (size_t item = 0; item < macros[i].Items.size(); ++item)
-                EXPECT_EQ(0, std::memcmp(&(*back.Macros)[i].Items[item], &macros[i].Items[item], sizeof(MACRO_ITEM)))
-                    << json;
-        }
-        ASSERT_EQ(back.RuleSets.size(), policy.RuleSets.size());
-        for (size_t i = 0; i < back.RuleSets.size(); ++i)
-        {
-            EXPECT_EQ(back.RuleSets[i].Index, policy.RuleSets[i].Index);
-            EXPECT_EQ(back.RuleSets[i].Name, policy.RuleSets[i].Name);
-            ASSERT_EQ(back.RuleSets[i].Rules.size(), policy.RuleSets[i].Rules.size());
-            for (size_t rule = 0; rule < back.RuleSets[i].Rules.size(); ++rule)
-                EXPECT_EQ(Bytes(back.RuleSets[i].Rules[rule]), Bytes(policy.RuleSets[i].Rules[rule]));
-        }
+        EXPECT_TRUE(Contents(back) == Contents(policy)) << json;
         EXPECT_EQ(Tool::PolicyToJson(back), json);
     }
 }
@@ -194,75 +197,6 @@ TEST(RuleJson, WritesNoMoreThanTheRecordHolds)
 }
 )";
     EXPECT_EQ(Tool::RuleToJson(rule), expected);
-}
-
-TEST(RuleJson, ReportsEverythingThatIsWrong)
-{
-    const char* const json = R"({"version": 2, "active": [1, 0, "x"], "macro": [],
-"macros": [{"items": [{"address": "1.2.3"}, {"port": "80", "text": "x"}, {"type": 9, "raw": ["3: 00", "137: 00", "4: 0"]}]}],
-"ruleSets": [
-  {"index": 65281, "name": "01234567890123456789012345678901234567890123456789012345678901234", "rules": [
-    {"index": 1},
-    {"index": 2, "kind": "acess", "foo": 1},
-    {"index": 3, "kind": "access", "ports": ["any"], "protocol": "tpc", "active": "yes", "adresses": []},
-    {"index": 4, "kind": "access", "action": "drop", "ports": ["list: ", "80-x"], "hash": "00", "description": 5},
-    {"index": 5, "kind": "nat", "natType": "snat", "action": "drop"},
-    {"index": 65536, "kind": "throttle", "limits": [1, 2, 3, 4, 5, 65536]},
-    {"index": 7, "kind": 9},
-    {"index": 7, "kind": 9}]},
-  {"index": 2, "name": "a", "rules": {}},
-  {"index": 2, "name": "a", "name": "b"},
-  7,
-  {"index": 3, "name": "a", "rules": [oops, nix, {"index": nix, "kind": 9}, {"index": 1-, "kind": 9}]}
-]})";
-    const std::pair<const char*, const char*> expected[] = {
-        {"1:13 version", "a whole number from 1 to 1, found 2"},
-        {"1:30 active[1]", "a whole number from 1 to 65280, found 0"},
-        {"1:33 active[2]", "found \"x\""},
-        {"1:39 ", "\"macro\" is no member of a policy; expected $schema, version, active, macros, ruleSets"},
-        {"2:12 macros[0]", "\"name\" is missing"},
-        {"2:35 macros[0].items[0].address", "(\"1.2.3\" is no address), found \"1.2.3\""},
-        {"2:45 macros[0].items[1]", "one of address, port, text"},
-        {"2:94 macros[0].items[2].raw[0]", "within 4 and 137, found \"3: 00\""},
-        {"2:103 macros[0].items[2].raw[1]", "found \"137: 00\""},
-        {"2:114 macros[0].items[2].raw[2]", "found \"4: 0\""},
-        {"4:13 ruleSets[0].index", "from 1 to 65280, found 65281"},
-        {"4:28 ruleSets[0].name", "at most 64 UTF-16 units fit, the text has 65"},
-        {"5:5 ruleSets[0].rules[0]", "\"kind\" is missing; expected access, nat,"},
-        {"6:26 ruleSets[0].rules[1].kind", "access2 or a whole number from 0 to 4294967295, found \"acess\""},
-        {"7:5 ruleSets[0].rules[2]", "\"action\" is missing"},
-        {"7:45 ruleSets[0].rules[2].ports", "an array of 2, found 1"},
-        {"7:66 ruleSets[0].rules[2].protocol", "any, icmp, tcp, udp, tcpudp or a whole number"},
-        {"7:83 ruleSets[0].rules[2].active", "true, false or a whole number"},
-        {"7:90 ruleSets[0].rules[2]", "\"adresses\" is no member of a rule of kind access; expected index, kind,"},
-        {"8:5 ruleSets[0].rules[3]", "a port list is empty or blank"},
-        {"8:74 ruleSets[0].rules[3].ports[1]", "(\"80-x\" is none of these), found \"80-x\""},
-        {"8:91 ruleSets[0].rules[3].hash", "40 hexadecimal digits, found \"00\""},
-        {"8:112 ruleSets[0].rules[3].description", "a text, found 5"},
-        {"9:52 ruleSets[0].rules[4]", "\"action\" is no member of a rule of kind nat"},
-        {"10:15 ruleSets[0].rules[5].index", "from 0 to 65535, found 65536"},
-        {"10:68 ruleSets[0].rules[5].limits[5]", "from 0 to 65535, found 65536"},
-        {"12:5 ruleSets[0].rules[7]", "a rule 7 already"},
-        {"13:38 ruleSets[1].rules", "an array of rules, found an object"},
-        {"14:3 ruleSets[2]", "a rule set 2 already"},
-        {"14:29 ruleSets[2]", "\"name\" stands here twice"},
-        {"15:3 ruleSets[3]", "a rule set as an object with index, name, rules, raw, found 7"},
-        {"16:39 ruleSets[4].rules[0]", "texts stand between quotes"},
-        {"16:45 ruleSets[4].rules[1]", "texts stand between quotes"},
-        {"16:60 ruleSets[4].rules[2].index", "texts stand between quotes"},
-        {"16:87 ruleSets[4].rules[3].index", "this is no number"},
-    };
-    Policy policy;
-    std::vector<JsonError> errors;
-    EXPECT_FALSE(Tool::ReadPolicy(json, policy, errors));
-    ASSERT_EQ(errors.size(), std::size(expected)) << Texts(errors);
-    for (size_t i = 0; i < errors.size(); ++i)
-    {
-        const std::string place =
-            std::to_string(errors[i].Line) + ":" + std::to_string(errors[i].Column) + " " + errors[i].Path;
-        EXPECT_EQ(place, expected[i].first) << errors[i].Text;
-        EXPECT_NE(errors[i].Text.find(expected[i].second), std::string::npos) << place << ": " << errors[i].Text;
-    }
 }
 
 TEST(RuleJson, KnowsTheLibrarysLimits)

@@ -1,0 +1,106 @@
+// Ranges, and which rules cover others.
+#include "tools/kxrule/Ranges.h"
+
+#include <gtest/gtest.h>
+
+#include "tests/support/RecordBuilder.h"
+#include "tools/kxrule/ItemText.h"
+
+namespace
+{
+
+RULE_ADDR Address(const std::string& text)
+{
+    RULE_ADDR item{};
+    std::string why;
+    EXPECT_TRUE(Tool::ParseAddress(text, item, why)) << text;
+    return item;
+}
+
+RULE_PORT Port(const std::string& text)
+{
+    RULE_PORT item{};
+    std::string why;
+    EXPECT_TRUE(Tool::ParsePort(text, item, why)) << text;
+    return item;
+}
+
+} // namespace
+
+TEST(Ranges, AddressesCover)
+{
+    const struct
+    {
+        const char* Outer;
+        const char* Inner;
+        bool Covers;
+        bool Back;
+    } cases[] = {
+        {"any", "10.0.0.1", true, false},
+        {"any", "@x", true, false},
+        {"any", "none", true, false},
+        {"@x", "@x", true, true},
+        {"@x", "@y", false, false},
+        {"10.0.0.0/8", "10.255.255.255", true, false},
+        {"10.0.0.0/8", "11.0.0.0", false, false},
+        {"10.3.0.0/8", "10.0.0.0/255.0.0.0", true, true}, // bits behind the mask do not count
+        {"10.0.0.0/9", "10.0.0.0-10.127.255.255", true, true},
+        {"10.0.0.9-10.0.0.1", "10.0.0.5", true, false},
+        {"10.0.0.0/255.0.255.0", "10.0.0.1", false, false}, // a mask with gaps: cannot be told
+        {"0.0.0.0/0", "!10.0.0.1", false, false},
+        {"!10.0.0.1", "10.0.0.2", true, false},
+        {"!10.0.0.1", "10.0.0.0/30", false, false},
+        {"!10.0.0.1", "!10.0.0.0/8", true, false},
+        {"!10.0.0.1", "any", false, true},
+        {"fe80::/10", "fe80::1-febf::2", true, false},
+        {"::/0", "10.0.0.1", false, false},
+        {"2001:db8::/33", "2001:db8:7fff:ffff::", true, false},
+    };
+    for (const auto& c : cases)
+    {
+        EXPECT_EQ(Tool::Covers(Address(c.Outer), Address(c.Inner)), c.Covers) << c.Outer << " " << c.Inner;
+        EXPECT_EQ(Tool::Covers(Address(c.Inner), Address(c.Outer)), c.Back) << c.Inner << " " << c.Outer;
+    }
+}
+
+TEST(Ranges, PortsCover)
+{
+    const struct
+    {
+        const char* Outer;
+        const char* Inner;
+        bool Covers;
+        bool Back;
+    } cases[] = {
+        {"any", "80", true, false},         {"none", "@x", true, false},        {"@x", "@x", true, true},
+        {"80-90", "80,85-90", true, false}, {"80,81-90", "80-90", true, true},  {"1-5,7-9", "5-7", false, false},
+        {"!80", "81-65535", true, false},   {"!80", "0,79,90", true, false},    {"!80-90", "85", false, false},
+        {"!0-65535", "5", false, false},    {"list:80;90", "80", false, false},
+    };
+    for (const auto& c : cases)
+    {
+        EXPECT_EQ(Tool::Covers(Port(c.Outer), Port(c.Inner)), c.Covers) << c.Outer << " " << c.Inner;
+        EXPECT_EQ(Tool::Covers(Port(c.Inner), Port(c.Outer)), c.Back) << c.Inner << " " << c.Outer;
+    }
+}
+
+TEST(Ranges, RulesCover)
+{
+    PFW_RULE all = Build::Access(1);
+    PFW_RULE one = Build::Access(2, KXW("C:\\A.exe"));
+    one.Access.Port[1] = Build::Single(uint16_t{80});
+    EXPECT_TRUE(Tool::Covers(all, one));
+    EXPECT_FALSE(Tool::Covers(one, all));
+    PFW_RULE same = one;
+    Build::SetText(&same.Access.wszAppName, KXRULE_APP_NAME_UNITS, KXW("c:\\a.EXE"));
+    EXPECT_TRUE(Tool::Covers(same, one));
+    all.dwActive = 0;
+    EXPECT_FALSE(Tool::Covers(all, one));
+    all.dwActive = 1;
+    all.Access.dwProtocol = KXRULE_PROTOCOL_UDP;
+    EXPECT_FALSE(Tool::Covers(all, one));
+    all.Access.dwProtocol = KXRULE_PROTOCOL_TCPUDP;
+    EXPECT_TRUE(Tool::Covers(all, one));
+    all.Access.dwExtFlag = 1; // what an extension narrows is not known here
+    EXPECT_FALSE(Tool::Covers(all, one));
+}
