@@ -55,7 +55,7 @@ private:
     uint32_t m_SizeLimit KX_GUARDED_BY(m_ConfigLock) = kDefaultSizeLimit;
     std::shared_ptr<const Destination> m_Destination KX_GUARDED_BY(m_ConfigLock);
 
-    KxCommon::Synchronize::CriticalSection m_LogLock;
+    KxCommon::Synchronize::CriticalSection m_LogLock{KxCommon::Synchronize::LockRank::Trace}; // then the other
     LogFile m_Log KX_GUARDED_BY(m_LogLock);
 };
 
