@@ -32,9 +32,16 @@ class Campaigns:
         return [RUN, str(self.bin / "victim.exe"), mode, "Z:" + str(directory).replace("/", "\\"), *map(str, arguments)]
 
     def run(self, mode, directory, *arguments):
-        done = subprocess.run(self.victim(mode, directory, *arguments), stdin=subprocess.DEVNULL,
-                              capture_output=True, text=True, timeout=120)
-        return done.returncode, done.stdout.replace("\r", "")
+        """Exit code and output. A process that ends before it begins is shown and started once more: seen under Wine with
+        much else running."""
+        for attempt in range(2):
+            done = subprocess.run(self.victim(mode, directory, *arguments), stdin=subprocess.DEVNULL,
+                                  capture_output=True, text=True, timeout=120)
+            if attempt == 0 and done.returncode not in (0, 1) and not done.stdout:
+                print(f"  {mode} ended with {done.returncode} before it began: {done.stderr[-200:]}", flush=True)
+                continue
+            said = done.stdout.replace("\r", "")
+            return done.returncode, said if said or done.returncode == 0 else f"exit code {done.returncode}"
 
     def row(self, name, tries, losses):
         self.rows.append((name, tries, self.seed, losses))
