@@ -25,17 +25,26 @@ RULE_PORT Port(const std::string& text)
     return item;
 }
 
+struct Case
+{
+    const char* Outer;
+    const char* Inner;
+    bool Covers;
+    bool Back;
+};
+
+template <class Parse>
+void ExpectCovers(const Case& c, const Parse& parse)
+{
+    EXPECT_EQ(Tool::Covers(parse(c.Outer), parse(c.Inner)), c.Covers) << c.Outer << " " << c.Inner;
+    EXPECT_EQ(Tool::Covers(parse(c.Inner), parse(c.Outer)), c.Back) << c.Inner << " " << c.Outer;
+}
+
 } // namespace
 
 TEST(Ranges, AddressesCover)
 {
-    const struct
-    {
-        const char* Outer;
-        const char* Inner;
-        bool Covers;
-        bool Back;
-    } cases[] = {
+    const Case cases[] = {
         {"any", "10.0.0.1", true, false},
         {"any", "@x", true, false},
         {"any", "none", true, false},
@@ -56,32 +65,20 @@ TEST(Ranges, AddressesCover)
         {"::/0", "10.0.0.1", false, false},
         {"2001:db8::/33", "2001:db8:7fff:ffff::", true, false},
     };
-    for (const auto& c : cases)
-    {
-        EXPECT_EQ(Tool::Covers(Address(c.Outer), Address(c.Inner)), c.Covers) << c.Outer << " " << c.Inner;
-        EXPECT_EQ(Tool::Covers(Address(c.Inner), Address(c.Outer)), c.Back) << c.Inner << " " << c.Outer;
-    }
+    for (const Case& c : cases)
+        ExpectCovers(c, Address);
 }
 
 TEST(Ranges, PortsCover)
 {
-    const struct
-    {
-        const char* Outer;
-        const char* Inner;
-        bool Covers;
-        bool Back;
-    } cases[] = {
+    const Case cases[] = {
         {"any", "80", true, false},         {"none", "@x", true, false},        {"@x", "@x", true, true},
         {"80-90", "80,85-90", true, false}, {"80,81-90", "80-90", true, true},  {"1-5,7-9", "5-7", false, false},
         {"!80", "81-65535", true, false},   {"!80", "0,79,90", true, false},    {"!80-90", "85", false, false},
         {"!0-65535", "5", false, false},    {"list:80;90", "80", false, false},
     };
-    for (const auto& c : cases)
-    {
-        EXPECT_EQ(Tool::Covers(Port(c.Outer), Port(c.Inner)), c.Covers) << c.Outer << " " << c.Inner;
-        EXPECT_EQ(Tool::Covers(Port(c.Inner), Port(c.Outer)), c.Back) << c.Inner << " " << c.Outer;
-    }
+    for (const Case& c : cases)
+        ExpectCovers(c, Port);
 }
 
 TEST(Ranges, RulesCover)
