@@ -63,8 +63,7 @@ int32_t CRuleMaster::Init(const std::string& rulePath, const char* masterFileNam
         Empty();
         // Stopping and starting makes nobody forget that this directory was not read whole.
         m_IsReadIncomplete = m_IsReadIncomplete && path == m_RulePath;
-        if (!m_IsReadIncomplete)
-            m_SafetyCopy = {};
+        m_SafetyCopy = {}; // others may have written since
         m_RulePath = std::move(path);
         if (KxCommon::Files::Attributes(m_RulePath.c_str()) != FILE_ATTRIBUTE_DIRECTORY)
             static_cast<void>(KxCommon::Files::MakeDirectory(m_RulePath.c_str())); // a missing one shows at the writes
