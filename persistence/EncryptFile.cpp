@@ -57,7 +57,7 @@ KxCommon::UniqueFile OpenForReading(const char* path)
 
 } // namespace
 
-CEncryptFile::CEncryptFile()
+CEncryptFile::CEncryptFile(CStreamBuffer* lent) : CEncryptStream(lent)
 {
     ResetBuffer(false);
 }

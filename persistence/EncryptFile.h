@@ -8,7 +8,7 @@
 class CEncryptFile final : public CEncryptStream
 {
 public:
-    CEncryptFile();
+    explicit CEncryptFile(CStreamBuffer* lent = nullptr);
     ~CEncryptFile() override;
 
     /// False when a file is open already, or the system refuses. GENERIC_READ opens an existing file, and waits up to

@@ -46,6 +46,17 @@ void WriteField(CEncryptStream& stream, const void* field, uint64_t size)
 
 } // namespace
 
+// Not a vector: that would fill with zeros what is about to be overwritten.
+void CStreamBuffer::Grow(size_t capacity, size_t used)
+{
+    if (capacity <= m_Capacity)
+        return;
+    std::unique_ptr<uint8_t[]> larger = std::make_unique_for_overwrite<uint8_t[]>(capacity);
+    std::copy_n(m_Bytes.get(), used, larger.get());
+    m_Bytes = std::move(larger);
+    m_Capacity = capacity;
+}
+
 bool CEncryptStream::Read(void* buffer, uint32_t size, bool encrypted)
 {
     if (!Enter(Mode::Reading))
@@ -68,7 +79,7 @@ bool CEncryptStream::WriteRecords(const void* const records[], size_t count, uin
     const uint32_t prefix = static_cast<uint32_t>(cipherBytes);
     const size_t recordBytes = kPrefix + prefix;
     if (count >= kPiece / recordBytes)
-        Grow(kPiece);
+        m_Buffer.Grow(kPiece, m_End);
     const size_t together = std::clamp(kPiece / recordBytes, size_t{1}, Aes128::kMostChains);
     while (count > 0)
     {
@@ -78,8 +89,8 @@ bool CEncryptStream::WriteRecords(const void* const records[], size_t count, uin
         uint8_t* out[Aes128::kMostChains];
         for (size_t i = 0; i < group; ++i)
         {
-            std::memcpy(m_Buffer.get() + m_End, &prefix, kPrefix);
-            out[i] = m_Buffer.get() + m_End + kPrefix;
+            std::memcpy(m_Buffer.Bytes() + m_End, &prefix, kPrefix);
+            out[i] = m_Buffer.Bytes() + m_End + kPrefix;
             m_End += recordBytes;
         }
         Aes128::EncryptPadded(Aes128::BestCipher(), Keys(), records, out, group, size);
@@ -204,8 +215,8 @@ CEncryptStream& CEncryptStream::WriteArray(const std::vector<uint16_t>& array)
 
 void CEncryptStream::ResetBuffer(bool usable) noexcept
 {
-    m_Buffer.reset();
-    m_Capacity = m_Position = m_End = 0;
+    m_Own = {};
+    m_Position = m_End = 0;
     m_IsCareful = false;
     m_Mode = usable ? Mode::Fresh : Mode::Unusable;
 }
@@ -230,36 +241,25 @@ bool CEncryptStream::HasRecord(uint64_t size)
     return left >= kPrefix && Aes128::CipherBytes(size) <= left - kPrefix;
 }
 
-// Not a vector: that would fill with zeros what is about to be overwritten.
-void CEncryptStream::Grow(size_t capacity)
-{
-    if (capacity <= m_Capacity)
-        return;
-    std::unique_ptr<uint8_t[]> larger = std::make_unique_for_overwrite<uint8_t[]>(capacity);
-    std::copy_n(m_Buffer.get(), m_End, larger.get());
-    m_Buffer = std::move(larger);
-    m_Capacity = capacity;
-}
-
 // Fetches the next piece behind what is left of the last one, of which needed bytes are waited for. At the end of the data
 // nothing is added.
 bool CEncryptStream::Fill(size_t needed)
 {
     if (m_Position != 0)
-        std::copy(m_Buffer.get() + m_Position, m_Buffer.get() + m_End, m_Buffer.get());
+        std::copy(m_Buffer.Bytes() + m_Position, m_Buffer.Bytes() + m_End, m_Buffer.Bytes());
     m_End -= m_Position;
     m_Position = 0;
     // No more than there is, but something, so that the system is asked and its refusal seen.
-    Grow(static_cast<size_t>(std::clamp<uint64_t>(Left(), Aes128::kBlock, kPiece)));
+    m_Buffer.Grow(static_cast<size_t>(std::clamp<uint64_t>(Left(), Aes128::kBlock, kPiece)), m_End);
     const auto fetch = [this](size_t size)
     {
         uint32_t got = 0;
-        if (!ReadBytes(m_Buffer.get() + m_End, static_cast<uint32_t>(size), &got))
+        if (!ReadBytes(m_Buffer.Bytes() + m_End, static_cast<uint32_t>(size), &got))
             return false;
         m_End += got;
         return true;
     };
-    const size_t room = m_Capacity - m_End;
+    const size_t room = m_Buffer.Capacity() - m_End;
     if (!m_IsCareful && fetch(room))
         return true;
     // A bad sector further on must not cost what lies before it: from now on no more than what is asked for.
@@ -285,8 +285,8 @@ bool CEncryptStream::MakeRoom(size_t size)
 {
     if (m_End > 0 && m_End + size > kPiece && !HandOver())
         return false;
-    if (m_End + size > m_Capacity)
-        Grow(std::max(m_End + size, std::clamp(2 * m_Capacity, kFirstPiece, kPiece)));
+    if (m_End + size > m_Buffer.Capacity())
+        m_Buffer.Grow(std::max(m_End + size, std::clamp(2 * m_Buffer.Capacity(), kFirstPiece, kPiece)), m_End);
     return true;
 }
 
@@ -294,7 +294,7 @@ bool CEncryptStream::HandOver()
 {
     const uint32_t size = static_cast<uint32_t>(m_End);
     m_End = 0;
-    if (size == 0 || WriteBytes(m_Buffer.get(), size))
+    if (size == 0 || WriteBytes(m_Buffer.Bytes(), size))
         return true;
     m_Mode = Mode::Unusable; // bytes are missing: what follows must not look complete
     return false;
@@ -310,7 +310,7 @@ bool CEncryptStream::ReadPlain(void* buffer, uint32_t size)
         const size_t part = std::min<size_t>(size, m_End - m_Position);
         if (part == 0)
             break;
-        out = std::copy_n(m_Buffer.get() + m_Position, part, out);
+        out = std::copy_n(m_Buffer.Bytes() + m_Position, part, out);
         m_Position += part;
         size -= static_cast<uint32_t>(part);
     }
@@ -322,7 +322,7 @@ bool CEncryptStream::ReadRecord(void* buffer, uint32_t size)
     if (!Gather(kPrefix))
         return false;
     uint32_t cipherBytes;
-    std::memcpy(&cipherBytes, m_Buffer.get() + m_Position, kPrefix);
+    std::memcpy(&cipherBytes, m_Buffer.Bytes() + m_Position, kPrefix);
     m_Position += kPrefix;
     const bool fits = cipherBytes == Aes128::CipherBytes(size) || (size == 0 && cipherBytes == Aes128::kBlock);
     if (!fits || cipherBytes > Left())
@@ -334,12 +334,12 @@ bool CEncryptStream::ReadRecord(void* buffer, uint32_t size)
     {
         if (!Gather(kPiece))
             return false;
-        Aes128::BestCipher().DecryptChain(Keys(), m_Buffer.get() + m_Position, out, iv, kPiece / Aes128::kBlock);
+        Aes128::BestCipher().DecryptChain(Keys(), m_Buffer.Bytes() + m_Position, out, iv, kPiece / Aes128::kBlock);
         m_Position += kPiece;
     }
     if (!Gather(cipherBytes))
         return false;
-    const uint8_t* const in = m_Buffer.get() + m_Position;
+    const uint8_t* const in = m_Buffer.Bytes() + m_Position;
     m_Position += cipherBytes;
     return Aes128::DecryptPadded(Aes128::BestCipher(), Keys(), iv, in, cipherBytes, out, size);
 }
@@ -348,7 +348,7 @@ bool CEncryptStream::WritePlain(const void* buffer, uint32_t size)
 {
     if (!MakeRoom(size))
         return false;
-    std::copy_n(static_cast<const uint8_t*>(buffer), size, m_Buffer.get() + m_End);
+    std::copy_n(static_cast<const uint8_t*>(buffer), size, m_Buffer.Bytes() + m_End);
     m_End += size;
     return true;
 }

@@ -11,6 +11,21 @@
 
 #include "common/srclib/KxComn_String.h"
 
+/// The memory in which a stream gathers bytes. Whoever goes through many files lends one to each stream in turn: the first
+/// touch of new memory costs more than all calls for a file of a quarter of a megabyte.
+class CStreamBuffer
+{
+public:
+    [[nodiscard]] uint8_t* Bytes() noexcept { return m_Bytes.get(); }
+    [[nodiscard]] size_t Capacity() const noexcept { return m_Capacity; }
+    /// Makes it at least that large, with the first used bytes kept. Strong guarantee.
+    void Grow(size_t capacity, size_t used);
+
+private:
+    std::unique_ptr<uint8_t[]> m_Bytes;
+    size_t m_Capacity = 0;
+};
+
 /// The low-level operations report false and never throw anything but std::bad_alloc; the typed ones throw Exception by
 /// value. A stream is read or written, not both. Bytes are gathered in memory and given to the derived class in large
 /// pieces, so a failure to write may show only at a later write, or at Finish.
@@ -24,7 +39,8 @@ public:
         WriteError = 1
     };
 
-    CEncryptStream() = default;
+    /// The buffer, if one is lent, outlives the stream and serves no other one meanwhile.
+    explicit CEncryptStream(CStreamBuffer* lent = nullptr) noexcept : m_Buffer(lent != nullptr ? *lent : m_Own) {}
     CEncryptStream(const CEncryptStream&) = delete;
     CEncryptStream& operator=(const CEncryptStream&) = delete;
     virtual ~CEncryptStream() = default;
@@ -78,7 +94,6 @@ private:
     bool Enter(Mode mode) noexcept;
     uint64_t Left();
     bool HasRecord(uint64_t size);
-    void Grow(size_t capacity);
     bool Fill(size_t needed);
     bool Gather(size_t size);
     bool MakeRoom(size_t size);
@@ -88,8 +103,8 @@ private:
     bool WritePlain(const void* buffer, uint32_t size);
 
     // Reading: [m_Position, m_End) is what was fetched and not yet asked for. Writing: [0, m_End) is to be handed over.
-    std::unique_ptr<uint8_t[]> m_Buffer;
-    size_t m_Capacity = 0;
+    CStreamBuffer m_Own;
+    CStreamBuffer& m_Buffer; // m_Own, or the one that was lent
     size_t m_Position = 0;
     size_t m_End = 0;
     Mode m_Mode = Mode::Fresh;

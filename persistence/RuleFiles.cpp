@@ -33,7 +33,7 @@ constexpr DWORD kOddAttributes = FILE_ATTRIBUTE_READONLY | FILE_ATTRIBUTE_HIDDEN
 // Writes and closes the temporary file.
 int32_t WriteTemporary(const WriteJob& job, const std::string& temporary)
 {
-    CEncryptFile file;
+    CEncryptFile file(job.Lent);
     if (!file.Open(temporary.c_str(), GENERIC_WRITE))
     {
         if (job.TraceTemporaryName)

@@ -128,7 +128,7 @@ private:
     [[nodiscard]] int32_t WriteMasterFile();
     [[nodiscard]] int32_t WriteMacroFile();
     [[nodiscard]] int32_t WriteRuleSetFile();
-    [[nodiscard]] int32_t WriteOneRuleSet(CRuleSet& ruleSet) KX_REQUIRES(m_Lock);
+    [[nodiscard]] int32_t WriteOneRuleSet(CRuleSet& ruleSet, CStreamBuffer& buffer) KX_REQUIRES(m_Lock);
     [[nodiscard]] bool KeepUnreadFiles() KX_REQUIRES(m_Lock);
     [[nodiscard]] bool KeepUnread(const std::string& fileName) KX_REQUIRES(m_Lock);
 

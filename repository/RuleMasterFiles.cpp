@@ -264,6 +264,7 @@ int32_t CRuleMaster::ReadRuleSetFile()
     KX_TRACE(kTraceCall, "CRuleMaster::ReadRuleSetFile Enter (index %d)", 0);
     KX_TRACE(kTraceCall, "\tThe number of RuleSet=%d", static_cast<int>(m_RuleSetFileNames.size()));
     int32_t result = KXRULE_OK;
+    CStreamBuffer buffer; // one for all files
     for (const std::string& fileName : m_RuleSetFileNames)
     {
         if (!IsUsableRuleSetFileName(fileName)) // hostile, or a set that was listed before it was ever written
@@ -276,7 +277,7 @@ int32_t CRuleMaster::ReadRuleSetFile()
         ruleSet.SetFileName(fileName);
         KX_TRACE(kTraceCall, "\tCall CRuleSet::Read(%s)", fileName.c_str());
         uint32_t version = 0;
-        result = ruleSet.Read(m_RulePath, &version);
+        result = ruleSet.Read(m_RulePath, &version, &buffer);
         if (result == KXRULE_OK)
         {
             if (version == FileFormat::kOldVersion)
@@ -424,12 +425,13 @@ int32_t CRuleMaster::WriteRuleSetFile()
     int32_t result = KXRULE_OK;
     {
         const MasterGuard guard(m_Lock);
+        CStreamBuffer buffer; // one for all files
         for (size_t i = 0; i < m_RuleSets.Size() && result == KXRULE_OK; ++i)
         {
             const uint16_t index = m_RuleSets.KeyAt(i);
             if (!m_Modified.test(index))
                 continue;
-            result = WriteOneRuleSet(m_RuleSets.ValueAt(i));
+            result = WriteOneRuleSet(m_RuleSets.ValueAt(i), buffer);
             if (result == KXRULE_OK)
                 m_Modified.reset(index);
         }
@@ -457,7 +459,7 @@ bool CRuleMaster::KeepUnread(const std::string& fileName)
     }
 }
 
-int32_t CRuleMaster::WriteOneRuleSet(CRuleSet& ruleSet)
+int32_t CRuleMaster::WriteOneRuleSet(CRuleSet& ruleSet, CStreamBuffer& buffer)
 {
     std::string former = ruleSet.FileName();
     std::string target = RuleFiles::RuleSetFileName(ruleSet.Index());
@@ -472,7 +474,7 @@ int32_t CRuleMaster::WriteOneRuleSet(CRuleSet& ruleSet)
         return KXRULE_E_FILE_WRITE;
     ruleSet.SetFileName(std::move(target));
     KX_TRACE(kTraceCall, "\tCall CRuleSet::Write");
-    const int32_t result = ruleSet.Write(m_RulePath);
+    const int32_t result = ruleSet.Write(m_RulePath, &buffer);
     KX_TRACE(kTraceCall, "\tReturn CRuleSet::Write (%d)", result);
     if (result != KXRULE_OK)
         ruleSet.SetFileName(std::move(former)); // a master file must not list a file that never came to be

@@ -12,6 +12,7 @@
 #include "rules/Rule.h"
 
 class CEncryptStream;
+class CStreamBuffer;
 
 /// Every stored rule's wRuleIndex equals its key. No lock of its own: changes are made under the master lock, reads
 /// under the global lock (docs/threads.md).
@@ -64,15 +65,16 @@ public:
     /// RuleSetFile.cpp. The directory ends in a backslash; the file is directory + FileName().
     /// 0, KXRULE_E_FILE_OPEN, KXRULE_E_FILE_READ, KXRULE_E_RULESET_FORMAT. What was read before a failure stays.
     /// *version is set to the file's version as soon as it is known. Lets std::bad_alloc through: lack of memory is
-    /// not damage.
-    [[nodiscard]] int32_t Read(const std::string& directory, uint32_t* version = nullptr);
+    /// not damage. Both gather the bytes in the lent buffer, if there is one.
+    [[nodiscard]] int32_t Read(const std::string& directory, uint32_t* version = nullptr,
+                               CStreamBuffer* lent = nullptr);
     /// 0, KXRULE_E_FILE_OPEN, KXRULE_E_FILE_WRITE.
-    [[nodiscard]] int32_t Write(const std::string& directory) const;
+    [[nodiscard]] int32_t Write(const std::string& directory, CStreamBuffer* lent = nullptr) const;
 
 private:
     // A record is copied first and asked for its index then: the one it came from is another's memory and may change.
     [[nodiscard]] static uint16_t KeyOf(const CRule& rule) noexcept { return rule.Record().wRuleIndex; }
-    [[nodiscard]] int32_t Decode(const std::string& directory, uint32_t* version);
+    [[nodiscard]] int32_t Decode(const std::string& directory, uint32_t* version, CStreamBuffer* lent);
     [[nodiscard]] bool ReadRules(CEncryptStream& stream, int32_t count);
 
     uint64_t m_Companion = 0; // belongs to the set and is copied with it; nothing here interprets it

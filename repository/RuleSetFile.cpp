@@ -24,10 +24,10 @@ namespace
 
 } // namespace
 
-int32_t CRuleSet::Read(const std::string& directory, uint32_t* version)
+int32_t CRuleSet::Read(const std::string& directory, uint32_t* version, CStreamBuffer* lent)
 {
     KX_TRACE(kTraceCall, "CRuleSet::Read Enter (%s)", directory.c_str());
-    const int32_t result = Decode(directory, version);
+    const int32_t result = Decode(directory, version, lent);
     // Only now that the file is closed: this may read whole programs, and nobody else can open the file meanwhile.
     for (size_t i = 0; i < m_Rules.Size(); ++i)
         m_Rules.ValueAt(i).TakeOver();
@@ -36,9 +36,9 @@ int32_t CRuleSet::Read(const std::string& directory, uint32_t* version)
     return result;
 }
 
-int32_t CRuleSet::Decode(const std::string& directory, uint32_t* version)
+int32_t CRuleSet::Decode(const std::string& directory, uint32_t* version, CStreamBuffer* lent)
 {
-    CEncryptFile file;
+    CEncryptFile file(lent);
     if (!file.Open((directory + m_FileName).c_str(), GENERIC_READ))
         return Fail("File open error", KXRULE_E_FILE_OPEN);
     char magic[FileFormat::kMagicBytes] = {}; // a shorter file is a file with another magic
@@ -91,7 +91,7 @@ bool CRuleSet::ReadRules(CEncryptStream& stream, int32_t count)
     return true;
 }
 
-int32_t CRuleSet::Write(const std::string& directory) const
+int32_t CRuleSet::Write(const std::string& directory, CStreamBuffer* lent) const
 {
     KX_TRACE(kTraceCall, "CRuleSet::Write Enter (%s)", directory.c_str());
     const std::function<int32_t(CEncryptStream&)> encode = [this](CEncryptStream& stream) -> int32_t
@@ -105,7 +105,7 @@ int32_t CRuleSet::Write(const std::string& directory) const
         return KXRULE_OK;
     };
     const int32_t result = RuleFiles::Write(
-        {directory, FileFormat::kRuleSetTemporary, m_FileName, FileFormat::kRuleSetMagic, false, encode});
+        {directory, FileFormat::kRuleSetTemporary, m_FileName, FileFormat::kRuleSetMagic, false, encode, lent});
     if (result == KXRULE_OK)
         KX_TRACE(kTraceCall, "CRuleSet::Write return");
     return result;
