@@ -88,13 +88,16 @@ int32_t CRuleMaster::Finalize()
         m_Lock.ReleaseKept();
         return KXRULE_OK;
     }
-    if (m_IsDirty)
-        static_cast<void>(WriteAll()); // there is nobody left to tell; kxRuleFlush before tells
+    {
+        // A hash refresh comes without the outer lock: what one has changed is written too, and none begins afterwards.
+        const MasterGuard guard(m_Lock);
+        if (m_IsDirty)
+            static_cast<void>(WriteAll()); // there is nobody left to tell; kxRuleFlush before tells
+        m_IsLive = false;
+    }
     // The timer's thread may be waiting for a lock that this thread kept, and is waited for next.
     m_Lock.ReleaseKept();
     m_WriteTimer.Unregister(kTimerProcess, kTimerIndex);
-    const MasterGuard guard(m_Lock); // a hash refresh comes without the outer lock: let it end
-    m_IsLive = false;
     return KXRULE_OK;
 }
 

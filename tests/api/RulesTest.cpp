@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <functional>
 #include <future>
+#include <thread>
 
 #include "tests/standins/HashStandIn.h"
 #include "tests/support/RegistryGuard.h"
@@ -254,4 +255,22 @@ TEST_F(StoreTest, HashesAreRefreshedUpToTheFirstSetThatFails)
     registry.SetText(L"InstallPath", folder.Path().generic_wstring()); // with slashes
     Reopen();
     EXPECT_EQ(hashes(), "--babbbb") << "the system's goes, what was added without a library gets its own";
+}
+
+TEST_F(StoreTest, AStopWritesWhatARefreshChangesMeanwhile)
+{
+    ASSERT_EQ(AddSet(1, {Build::Access(1, L"SYSTEM")}), 0);
+    Reopen();                                            // nothing is pending
+    const std::string before = ReadFile("KxRl0001.dat"); // a read would take the hash away again
+    std::future<int32_t> stop;
+    const auto stopping = [](uint32_t, const PFW_RULE*, void* context) -> int32_t
+    {
+        *static_cast<std::future<int32_t>*>(context) = std::async(std::launch::async, kxRuleFinalize);
+        std::this_thread::sleep_for(std::chrono::milliseconds(100)); // it comes to where it waits for the refresh
+        return 0;
+    };
+    const std::vector<uint8_t> hash(KXRULE_HASH_BYTES, 7);
+    EXPECT_EQ(kxRuleUpdateHashValue(L"SYSTEM", hash.data(), stopping, &stop), 0);
+    EXPECT_EQ(stop.get(), 0);
+    EXPECT_TRUE(ReadFile("KxRl0001.dat") != before);
 }
