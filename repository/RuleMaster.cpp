@@ -372,7 +372,6 @@ int32_t CRuleMaster::UpdateHashValue(const KXWCHAR* applicationPath, const uint8
         }
         catch (...) // from the callback, or for want of memory: what has changed is written all the same
         {
-            MarkModified(static_cast<uint16_t>(key));
             for (const uint16_t index : changed)
                 MarkModified(index);
             throw;
