@@ -1,5 +1,6 @@
 // The master's file operations: what is read and written in which order, and what becomes of damage. The layouts are
 // in persistence/ and docs/format.md, recovery is explained in docs/recovery.md.
+#include <algorithm>
 #include <cstring>
 #include <functional>
 #include <new>
@@ -369,7 +370,10 @@ int32_t CRuleMaster::WriteAll()
 bool CRuleMaster::KeepUnreadFiles()
 {
     if (m_IsReadIncomplete && m_SafetyCopy.Complete(m_RulePath, m_MasterFileName, m_MacroFileName))
+    {
         m_IsReadIncomplete = false;
+        m_RuleSetFileNames.clear(); // WriteOneRuleSet need not keep them once more
+    }
     return !m_IsReadIncomplete;
 }
 
@@ -469,8 +473,12 @@ int32_t CRuleMaster::WriteOneRuleSet(CRuleSet& ruleSet, CStreamBuffer& buffer)
             return KXRULE_E_FILE_WRITE;      // the file holds rules that were not read
         m_UnkeptSets.erase(ruleSet.Index()); // once: the next copy might be one of half a file
     }
-    // A set that came from a file of another name: the file that is written over now is somebody else's.
-    if (!former.empty() && !IsSameFile(former, target) && Backup::KeepBroken(m_RulePath, target, false) != 0)
+    // The file that is written over now is somebody else's: the set came from a file of another name, or it is new and
+    // the master file listed that name for another one.
+    const auto isTarget = [&target](const std::string& name) { return IsSameFile(name, target); };
+    const bool isForeign = former.empty() ? std::any_of(m_RuleSetFileNames.begin(), m_RuleSetFileNames.end(), isTarget)
+                                          : !IsSameFile(former, target);
+    if (isForeign && Backup::KeepBroken(m_RulePath, target, false) != 0)
         return KXRULE_E_FILE_WRITE;
     ruleSet.SetFileName(std::move(target));
     KX_TRACE(kTraceCall, "\tCall CRuleSet::Write");

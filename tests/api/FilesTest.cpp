@@ -131,6 +131,7 @@ TEST_F(FilesTest, ABrokenFileStaysUntilThereIsACopyOfIt)
     for (const bool hasRoom : {false, true})
     {
         SCOPED_TRACE(hasRoom);
+        std::filesystem::remove(PathOf("RuleBackup"));
         WriteStore();
         Damage("KxRl00AB.dat",
                [this](std::string& file)
@@ -147,6 +148,12 @@ TEST_F(FilesTest, ABrokenFileStaysUntilThereIsACopyOfIt)
             std::filesystem::remove(PathOf("RuleBackup"));
         EXPECT_EQ(kxRuleDeleteRuleSet(0), 0);
         EXPECT_EQ(kxRuleDeleteMacro(), 0);
+        if (!hasRoom)
+        {
+            EXPECT_EQ(AddSet(0xAB), 0);
+            EXPECT_EQ(kxRuleWrite(), KXRULE_E_FILE_WRITE) << "nor does a new set go over it";
+            EXPECT_EQ(kxRuleDeleteRuleSet(0), 0);
+        }
         EXPECT_EQ(ReadFile(hasRoom ? "RuleBackup\\KxRl00AB.dat.brk" : "KxRl00AB.dat"), m_Damaged);
         EXPECT_EQ(Exists("KxRl00AB.dat"), !hasRoom);
         EXPECT_FALSE(Exists("KxRl0002.dat")) << "what is in memory needs no copy";
@@ -323,6 +330,33 @@ TEST_F(FilesTest, AFailedWriteLeavesTheFileAsItWas)
     for (const std::string& name : Names())
         temporary += name.rfind("Rul", 0) == 0 && name.rfind("RuleB", 0) != 0;
     EXPECT_EQ(temporary, 1u) << "the temporary file of the failed write stays";
+}
+
+// Somebody has exchanged the names of two files. Each is read, and none is written over without a copy.
+TEST_F(FilesTest, TheFileOfAnotherSetIsKept)
+{
+    for (const bool isNew : {false, true})
+    {
+        SCOPED_TRACE(isNew);
+        ASSERT_EQ(kxRuleDeleteRuleSet(0), 0);
+        WriteStore();
+        Close();
+        std::filesystem::remove_all(PathOf("RuleBackup"));
+        const std::string first = ReadFile("KxRl0001.dat"), second = ReadFile("KxRl0002.dat");
+        WriteFile("KxRl0001.dat", second);
+        WriteFile("KxRl0002.dat", first);
+        Open();
+        EXPECT_EQ(SetIndexes(), (Indexes{1, 2, 0xAB}));
+        if (isNew)
+        {
+            ASSERT_EQ(kxRuleDeleteRuleSet(1), 0);
+            ASSERT_EQ(AddSet(1), 0);
+        }
+        else
+            ASSERT_EQ(kxRuleDeleteRule(1, 10), 0);
+        ASSERT_EQ(kxRuleWrite(), 0);
+        EXPECT_EQ(ReadFile("RuleBackup\\KxRl0001.dat.brk"), second);
+    }
 }
 
 TEST_F(FilesTest, FileNamesOfTheCaller)
