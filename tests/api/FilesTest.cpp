@@ -163,19 +163,13 @@ TEST_F(FilesTest, ABrokenFileStaysUntilThereIsACopyOfIt)
 TEST_F(FilesTest, BrokenRuleSetsBecomeRescueSets)
 {
     const size_t body = 44 + 20 + 4 + 16 + 20; // of a set with a name of four letters
-    const std::string zero = ReadBytes("tests/data/ruleset-empty.dat").substr(68); // a record: its number of rules
     struct
     {
         const char* name;
         std::function<void(std::string&)> damage;
         Indexes rules;
     } const rows[] = {
-        {"empty", [](std::string& file) { file = ""; }, {30000, 30001, 30002}},
         {"other magic", [](std::string& file) { file[3] = 'M'; }, {30000, 30001, 30002}},
-        {"cut in the head", [](std::string& file) { file.resize(30); }, {30000, 30001, 30002}},
-        {"index 0, which no set can have",
-         [&](std::string& file) { file.replace(24, 20, zero); },
-         {30000, 30001, 30002}},
         {"cut in the first rule", [=](std::string& file) { file.resize(body + 2000); }, {30000, 30001, 30002}},
         {"cut in the second rule", [=](std::string& file) { file.resize(body + 2852 + 1); }, {10, 30001, 30002, 30003}},
         {"a byte of the last rule",
@@ -245,9 +239,7 @@ TEST_F(FilesTest, AnUnusableMasterFileMovesAllRuleFilesAway)
         std::function<void(std::string&)> damage;
         Indexes sets; // rescued, because their names had been read
     } const rows[] = {
-        {"other magic", [](std::string& file) { file[3] = 'F'; }, {}},
-        {"empty", [](std::string& file) { file = ""; }, {}},
-        {"version", [](std::string& file) { file[10] ^= 1; }, {}},
+        {"other version", [](std::string& file) { file.replace(4, 20, file.substr(24, 20)); }, {}},
         {"cut behind the first name", [](std::string& file) { file.resize(file.size() - 80); }, {1}},
     };
     for (const auto& row : rows)
@@ -283,9 +275,8 @@ TEST_F(FilesTest, ABrokenMacroFileEndsTheReadAndNothingIsWrittenOverItsRuleSets)
         int32_t result;
         int32_t macros;
     } const rows[] = {
-        {"other magic", [](std::string& file) { file[0] = 'x'; }, KXRULE_E_MACRO_FORMAT, 0},
-        {"empty", [](std::string& file) { file = ""; }, KXRULE_E_MACRO_FORMAT, 0},
-        {"version", [](std::string& file) { file[12] ^= 1; }, KXRULE_E_FILE_READ, 0},
+        {"other version", [](std::string& file) { file.replace(4, 20, file.substr(24, 20)); }, KXRULE_E_MACRO_FORMAT,
+         0},
         {"cut in the last item", [](std::string& file) { file.resize(file.size() - 1); }, KXRULE_E_FILE_READ, 1},
     };
     for (const auto& row : rows)
@@ -330,6 +321,12 @@ TEST_F(FilesTest, AFailedWriteLeavesTheFileAsItWas)
     for (const std::string& name : Names())
         temporary += name.rfind("Rul", 0) == 0 && name.rfind("RuleB", 0) != 0;
     EXPECT_EQ(temporary, 1u) << "the temporary file of the failed write stays";
+    std::filesystem::create_directory(PathOf("KxRl0003.dat"));
+    ASSERT_EQ(AddSet(3), 0);
+    EXPECT_EQ(kxRuleWrite(), KXRULE_E_FILE_WRITE);
+    ASSERT_EQ(kxRuleDeleteRuleSet(0xAB), 0); // writes the list
+    Reopen();
+    EXPECT_EQ(SetIndexes(), (Indexes{1, 2})) << "a file that never came to be is not listed";
 }
 
 // Somebody has exchanged the names of two files. Each is read, and none is written over without a copy.
@@ -357,6 +354,26 @@ TEST_F(FilesTest, TheFileOfAnotherSetIsKept)
         ASSERT_EQ(kxRuleWrite(), 0);
         EXPECT_EQ(ReadFile("RuleBackup\\KxRl0001.dat.brk"), second);
     }
+}
+
+TEST_F(FilesTest, TheMasterFileNamesTheMacroFile)
+{
+    WriteStore();
+    Close();
+    const std::string others = ReadFile("KxRulMac.dat"); // one macro
+    WriteFile("KxRulMas.dat", ReadBytes("tests/data/master-many.dat"));
+    WriteFile("OtherMac.dat", ReadBytes("tests/data/macros.dat"));
+    Open();
+    EXPECT_EQ(kxRuleGetMacroCount(), 3);
+    ASSERT_EQ(kxRuleDeleteMacro(), 0);
+    Reopen();
+    EXPECT_EQ(kxRuleGetMacroCount(), 0) << "the name was written back";
+    EXPECT_EQ(ReadFile("OtherMac.dat"), ReadBytes("tests/data/macros-empty.dat"));
+    EXPECT_EQ(ReadFile("KxRulMac.dat"), others);
+    Close();
+    ASSERT_EQ(kxRuleInitialize(Directory().c_str(), nullptr), 0);
+    ASSERT_EQ(kxRuleWrite(), 0);
+    EXPECT_EQ(ReadFile("KxRulMac.dat").size(), 44u) << "a new life begins with the default name";
 }
 
 TEST_F(FilesTest, FileNamesOfTheCaller)
