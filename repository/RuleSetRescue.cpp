@@ -14,7 +14,7 @@ namespace
 constexpr KXWCHAR kName[] = KXW("This is a rescue RuleSet for a broken/deleted RuleSet.");
 constexpr KXWCHAR kDescription[] = KXW("This is a rescue rule. This rule file had been broken/deleted.");
 constexpr uint16_t kFirstRuleIndex = 30000;
-constexpr uint32_t kNoProtocol = 0xFFFFFFFF; // matches nothing, and has no keyword in the rule's text
+constexpr uint32_t kNoProtocol = 0xFFFFFFFF; // in no protocol table: the rule's text shows none
 
 struct RescueRule
 {
