@@ -215,8 +215,8 @@ void RemoveOldLogs(const LogName& name)
 
     const auto isLogOfAnother = [&name](std::wstring_view found)
     {
-        const std::wstring start = name.Stem + L"_p";
-        if (!found.starts_with(start) || found.starts_with(name.Stem + name.Process + name.Extension))
+        const std::wstring start = name.Stem + L"_p", own = name.Stem + name.Process + name.Extension;
+        if (!found.starts_with(start) || found == own || found == own + L".old")
             return false;
         found.remove_prefix(start.size());
         const size_t digits = std::min(found.find_first_not_of(L"0123456789"), found.size());

@@ -427,4 +427,14 @@ TEST_F(Trace, RemovesTheOldestLogsOfOtherProcesses)
     EXPECT_EQ(Files(), expected);
 }
 
+TEST_F(Trace, RemovesTheLogsOfProcessesWhoseNumbersBeginAsItsOwn)
+{
+    const std::wstring own = L"VQR_KxPfw_p" + std::to_wstring(::GetCurrentProcessId());
+    for (int i = 100; i < 125; ++i)
+        WriteBytes(m_Dir / (own + std::to_wstring(i)), "");
+    Settings("LogProcess=1\r\nLogExtension=\r\n");
+    Start();
+    EXPECT_EQ(Files().size(), 20u);
+}
+
 } // namespace
