@@ -68,13 +68,22 @@ TEST(SecurityAttributes, GivesTheRecordForACreatingCall)
 
 TEST(SecurityAttributes, HardensAnObject)
 {
-    const UniqueKernelObject event(::CreateEventW(nullptr, TRUE, FALSE, nullptr));
-    EXPECT_TRUE(Harden(event.get()));
-    EXPECT_TRUE(IsForUsers(event.get()));
-    HANDLE copy = nullptr; // without the right to change the access list
-    ASSERT_TRUE(
-        ::DuplicateHandle(::GetCurrentProcess(), event.get(), ::GetCurrentProcess(), &copy, SYNCHRONIZE, FALSE, 0));
-    EXPECT_FALSE(Harden(UniqueKernelObject(copy).get()));
+    const std::tuple<DWORD, bool, bool> rows[] = {
+        // rights of the handle; whether it is hardened, whether the access list is in place
+        {EVENT_ALL_ACCESS, true, true},
+        {READ_CONTROL | WRITE_DAC, false, true}, // the label needs WRITE_OWNER; the access list stays
+        {READ_CONTROL | WRITE_OWNER, false, false},
+        {SYNCHRONIZE, false, false},
+    };
+    for (const auto& [rights, isHardened, isForUsers] : rows)
+    {
+        const UniqueKernelObject event(::CreateEventW(nullptr, TRUE, FALSE, nullptr));
+        HANDLE copy = nullptr;
+        ASSERT_TRUE(
+            ::DuplicateHandle(::GetCurrentProcess(), event.get(), ::GetCurrentProcess(), &copy, rights, FALSE, 0));
+        EXPECT_EQ(Harden(UniqueKernelObject(copy).get()), isHardened) << rights;
+        EXPECT_EQ(IsForUsers(event.get()), isForUsers) << rights;
+    }
 }
 
 TEST(SecurityAttributes, NamesAndFindsGlobalEvents)

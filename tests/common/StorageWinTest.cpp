@@ -107,6 +107,8 @@ TEST_F(RegistryTest, WritesEnumeratesAndDeletes)
     EXPECT_EQ(CodeOf([&] { other.OpenForReading(Where(), "Key\\Sub", Storage::kSystemView); }), 2u);
     EXPECT_EQ(CodeOf([&] { other.OpenForReading(Where(), "Key", Storage::kView32); }), 2u);
     EXPECT_EQ(CodeOf([&] { other.DeleteKey("Sub"); }), 6u) << "a failed open leaves nothing open";
+    EXPECT_EQ(CodeOf([&] { other.EnumerateKeys(0, name); }), 6u);
+    EXPECT_EQ(CodeOf([&] { other.EnumerateValues(0, name); }), 6u);
     EXPECT_TRUE(m_Registry.Close() && !other.Close());
 }
 
