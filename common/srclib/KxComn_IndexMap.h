@@ -15,7 +15,8 @@ namespace KxCommon
 /// Keys lie sorted side by side, so a look-up touches two or three cache lines instead of one per tree level; values
 /// lie in slabs of many, never move, and cost no allocation each. Find is logarithmic; adding is, too, when keys
 /// arrive in ascending order, and otherwise moves the later keys (two and eight bytes each, 65536 at most).
-/// No lock of its own. Values are neither copied nor moved after construction; references stay valid until erased or replaced.
+/// No lock of its own. Values are neither copied nor moved after construction; references stay valid until erased or
+/// replaced.
 template <class T>
 class IndexMap
 {

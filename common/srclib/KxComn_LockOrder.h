@@ -43,8 +43,8 @@ protected:
         assert(held.Count < kMostHeld);
         held.Locks[held.Count++] = this;
     }
-    /// Given back, or kept beyond the call: a kept lock binds its thread to no order, since no other thread waits for it
-    /// with a lock in its hands.
+    /// Given back, or kept beyond the call: a kept lock binds its thread to no order, since no other thread waits for
+    /// it with a lock in its hands.
     void NoteGone() const noexcept
     {
         Record& held = Held();
