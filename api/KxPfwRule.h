@@ -597,10 +597,11 @@ int32_t kxRuleGetMacroString(const PFW_MACRO* macro, char* text, int32_t textSiz
 /*
  * Refreshes the application hashes of all rules, or of those bound to one application.
  *   applicationPath  NUL-terminated; compared ignoring case. Null: every rule whose dwSystem is 0.
- *   hash             20 bytes, or null. Null or all zero: compute the hash of every selected rule anew. Otherwise:
- *                    skip rules of applications that already hold it, give the others the hash computed from their
- *                    file, never this one; a rule whose dwSystem is 1, selected by its name, takes it over
- *                    in any case, until the next kxRuleRead.
+ *   hash             20 bytes, or null. Null or all zero: compute the hash of every selected rule whose dwSystem is 0
+ *                    anew. Otherwise: skip those that already hold it, give the others the hash computed from their
+ *                    file, never this one. A rule whose dwSystem is 1, selected by its name, takes over a hash that
+ *                    is not zero in any case (if it is named SYSTEM, until the next kxRuleRead), and is otherwise
+ *                    left alone.
  *   callback         called once per rule whose hash was set, or null; see KXRULE_HASH_CALLBACK
  *   context          handed to the callback
  * 0, or KXRULE_E_HASH_LIBRARY  KxHash.dll could not be loaded, or memory ran out
@@ -660,12 +661,14 @@ KXRULE_STATIC_ASSERT(offsetof(PFW_RULE, Throttle.Addr) == 144);
 KXRULE_STATIC_ASSERT(offsetof(PFW_RULE, Throttle.Port) == 240);
 KXRULE_STATIC_ASSERT(offsetof(PFW_RULE, Throttle.wLimit) == 506);
 KXRULE_STATIC_ASSERT(offsetof(PFW_RULE, Throttle.dwExtFlag) == 518);
+KXRULE_STATIC_ASSERT(offsetof(PFW_RULE, Throttle.dwExtValue) == 522);
 KXRULE_STATIC_ASSERT(offsetof(PFW_RULE, Throttle.szExtText) == 528);
 KXRULE_STATIC_ASSERT(offsetof(PFW_RULE, Stream.dwStreamParam) == 240);
 KXRULE_STATIC_ASSERT(offsetof(PFW_RULE, Stream.dwAction) == 244);
 KXRULE_STATIC_ASSERT(offsetof(PFW_RULE, Stream.dwExtValue) == 252);
 KXRULE_STATIC_ASSERT(offsetof(PFW_RULE, Stream.szExtText) == 258);
 KXRULE_STATIC_ASSERT(offsetof(PFW_RULE, Stream.szStreamText) == 514);
+KXRULE_STATIC_ASSERT(offsetof(PFW_RULE, GenStream.Addr) == 144);
 KXRULE_STATIC_ASSERT(offsetof(PFW_RULE, GenStream.Port) == 240);
 KXRULE_STATIC_ASSERT(offsetof(PFW_RULE, GenStream.dwDirection) == 506);
 KXRULE_STATIC_ASSERT(offsetof(PFW_RULE, GenStream.dwParam) == 510);

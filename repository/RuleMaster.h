@@ -22,10 +22,10 @@
 
 struct MasterFields;
 
-/// Locks (docs/threads.md). The exports call every operation but UpdateHashValue with the outer (global) lock held;
-/// the timer's thread comes without it. The master lock guards every change. Operations that only read rely on the
-/// outer lock, never wait for the master lock, and take the record lock for the moment of copying a rule, because the
-/// hash refresh changes hashes without the outer lock.
+/// Locks (docs/threads.md). The exports call every operation but UpdateHashValue, IsLive and WaitWhileKeptByOther with
+/// the outer (global) lock held; the timer's thread comes without it. The master lock guards every change. Operations
+/// that only read rely on the outer lock, never wait for the master lock, and take the record lock for the moment of
+/// copying a rule, because the hash refresh changes hashes without the outer lock.
 /// A changing operation that finds the master lock kept by another thread releases the outer lock while it waits.
 /// Operations that can run out of memory let std::bad_alloc through with the store as it was (but for DeleteRuleSet, which
 /// writes, and UpdateHashValue, which marks what it has changed); ReadAll and the writers turn it into a code.

@@ -39,7 +39,7 @@ private:
 
 } // namespace KxCommon::Synchronize
 
-/// The lock class of the exports and of the timer table.
+/// The lock class of the exports, of the timer table and of the rule records.
 class KX_CAPABILITY("mutex") CCriticalSectionLock final : public CLock
 {
 public:
