@@ -16,10 +16,11 @@ using namespace Build;
 using KxCommon::WideString;
 using Hash = std::array<uint8_t, 20>;
 
+// Hashes are told apart by the last byte alone.
 Hash HashOf(int byte)
 {
-    Hash hash;
-    hash.fill(static_cast<uint8_t>(byte));
+    Hash hash{};
+    hash[19] = static_cast<uint8_t>(byte);
     return hash;
 }
 
@@ -29,14 +30,15 @@ PFW_RULE RuleFor(uint32_t kind, size_t offset, const WideString& application, ui
     PFW_RULE rule = Rule(kind, 7);
     char* const fields = reinterpret_cast<char*>(&rule) + offset;
     SetText(fields, 261, application);
-    std::memset(fields + 522, hash, 20);
+    fields[541] = static_cast<char>(hash);
     std::memcpy(fields + 542, &system, 4);
     return rule;
 }
 
 const WideString kApp = KXW("C:\\a.exe");
-const WideString kLong(261, 'L'); // fills the field: no terminator
-constexpr int kComputed = 0xCC;   // what the library answers
+const WideString kLong(261, 'L');   // fills the field: no terminator
+const WideString kLonger(262, 'L'); // no name has so many
+constexpr int kComputed = 0xCC;     // what the library answers
 
 TEST(RuleHash, IsFilledInWhenARuleIsMade)
 {
@@ -77,7 +79,7 @@ TEST(RuleHash, IsFilledInWhenARuleIsMade)
             EXPECT_TRUE(c.Loads == 0 || library.Hashed[0] == c.Application.substr(0, 260)) << c.Name;
         }
     const CRule rule(RuleFor(1, 784, kApp, 0, 0)); // no library
-    EXPECT_EQ(+rule.Record().Access.abAppHash[0], 0);
+    EXPECT_EQ(+rule.Record().Access.abAppHash[19], 0);
 }
 
 struct CountingLock final : CLock
@@ -120,6 +122,7 @@ const UpdateCase kUpdates[] = {
     {"no name, hash as stored", 0, {}, 5, nullptr, 5, Untouched, 5},
     {"no name, path given", 0, {}, 5, KXW(""), -1, Untouched, 5},
     {"no terminator", 0, kLong, 5, kLong.c_str(), -1, Changes, kComputed},
+    {"path longer than any name", 0, kLong, 5, kLonger.c_str(), -1, Untouched, 5},
     {"system, hash given", 1, KXW("SYSTEM"), 5, KXW("SYSTEM"), 6, Changes, 6},
     {"system, hash as stored", 1, KXW("SYSTEM"), 6, KXW("system"), 6, Changes, 6},
     {"system, zero hash", 1, KXW("SYSTEM"), 5, KXW("SYSTEM"), 0, Untouched, 5},
@@ -143,6 +146,7 @@ void CheckUpdate(const UpdateCase& c, uint32_t kind, Outcome outcome, FakeHashDl
     CRule rule;
     rule.SetRule(RuleFor(kind, 784, c.Application, c.System, c.Hash));
     const bool isChanged = outcome == Changes;
+    const KXRULE_HASH_CALLBACK callback = kind == 6 ? nullptr : CheckCallback;
     PFW_RULE expected = RuleFor(kind, 784, c.Application, c.System, isChanged ? c.HashAfter : c.Hash);
     const Hash given = HashOf(c.Given);
     const std::vector<uint16_t> before = kind == 1 ? std::vector<uint16_t>{9} : std::vector<uint16_t>{3, 9};
@@ -155,11 +159,11 @@ void CheckUpdate(const UpdateCase& c, uint32_t kind, Outcome outcome, FakeHashDl
         lines = {{1, "CRule::UpdateHash, m_Rule.Access.wszAppName is empty RuleSet(3) Rule(7)"}};
     if (outcome == Fails || isChanged)
         lines = {{1, "CRule::UpdateHash, Updating hash RuleSet(3) Rule(7) (" + name + ")"}};
-    if (isChanged)
+    if (isChanged && callback != nullptr)
         lines.push_back({1, "Call callback function"});
 
     TraceSink trace;
-    EXPECT_EQ(rule.UpdateHash(3, c.Path, c.Given < 0 ? nullptr : given.data(), CheckCallback, &expected, changed, lock),
+    EXPECT_EQ(rule.UpdateHash(3, c.Path, c.Given < 0 ? nullptr : given.data(), callback, &expected, changed, lock),
               result)
         << c.Name;
     EXPECT_EQ(trace.Take(), lines) << c.Name;

@@ -123,6 +123,7 @@ TEST(Rule, TellsBlankPortLists)
         for (const int i : {0, 1})
         {
             PFW_RULE record = Access();
+            record.Access.Port[1].nType = record.Access.dwAction = '!'; // behind either list stands what is no blank
             record.Access.Port[i] = port;
             EXPECT_EQ(CRule::HasBlankPortList(record), isBlank) << std::string(port.szList, 4);
         }

@@ -45,6 +45,8 @@ RULE_ADDR OfType(uint32_t type)
 
 TEST(RuleText, ShowsAddresses)
 {
+    RULE_ADDR noFamily = OfType(2);
+    noFamily.dwFamily = 0;
     const ItemCase<RULE_ADDR> cases[] = {
         {"any", OfType(1), ""},
         {"single", Single(Ip(255, 255, 255, 255)), "255.255.255.255"},
@@ -58,6 +60,7 @@ TEST(RuleText, ShowsAddresses)
         {"name", AddressName("dns"), "dns"}, // it lies where the others have their negation
         {"name without terminator", AddressName(std::string(44, 'n')), std::string(44, 'n')},
         {"IPv6", Negated(Address6(2)), ""},
+        {"no family", noFamily, ""},
     };
     CheckItems(RuleText::AppendAddress, cases);
 }
@@ -68,7 +71,7 @@ TEST(RuleText, ShowsPorts)
         {"negative type", Port(-1, 80), ""},
         {"none", Port(0, 80), ""},
         {"any", Port(1, 80), ""},
-        {"single", Port(2, 65535, 7), "65535"},
+        {"negated single", Negated(Port(2, 65535, 7)), "!65535"},
         {"negated range", Negated(PortRange(80, 90)), "!80:90"},
         {"list", PortList("80,443,1000-2000"), "80|443|1000:2000"},
         {"list without terminator", PortList(std::string(129, '1')), std::string(129, '1')},
