@@ -27,13 +27,10 @@ each() { xargs -r -P 2 -I '{}' "$@"; }
 # The layout of the text.
 checkFormat() { files '\.(c|cpp|h|hpp)$' | xargs clang-format --dry-run -Werror; }
 
-# The lock annotations: what is guarded is touched under its lock only. With it, Clang's own warnings.
-checkLocks() { sources | each clang++ "${windows[@]}" "${flags[@]}" -fsyntax-only -Wthread-safety -Werror '{}'; }
-
-# Findings come on standard output; the other holds little but the count of what system headers would give.
+# With Clang's own warnings and the lock annotations: what is guarded is touched under its lock only. Findings come on standard output; the other holds little but the count of what system headers would give.
 checkTidy()
 {
-    sources | each clang-tidy --quiet '{}' -- "${windows[@]}" "${flags[@]}" 2>build/check/tidy.log ||
+    sources | each clang-tidy --quiet '{}' -- "${windows[@]}" "${flags[@]}" -Wthread-safety 2>build/check/tidy.log ||
         { cat build/check/tidy.log >&2; return 1; }
 }
 
@@ -98,7 +95,7 @@ checkText()
 checkShell() { { files '\.sh$'; echo .ci/run; } | xargs shellcheck -x -P SCRIPTDIR; }
 
 thirdParty
-[ $# -gt 0 ] || set -- format text shell contract headers locks tables tidy
+[ $# -gt 0 ] || set -- format text shell contract headers tables tidy
 for name in "$@"; do
     started=$SECONDS
     set +e # a condition around the call would take errexit from the checks
