@@ -204,7 +204,16 @@ TEST_F(StoreTest, HashesAreRefreshedUpToTheFirstSetThatFails)
     registry.SetText(L"InstallPath", folder.Path().native());
     const HashStandIn library(folder.Path());
     s_Library = library.operator->();
-    library->OnCall = [](const wchar_t* path) { s_Library->Status = *path == L'b' ? 31 : 0; };
+    library->OnCall = [](const wchar_t* path)
+    {
+        s_Library->Status = *path == L'b' ? 31 : 0;
+        const auto texts = [] // wait for no call, not even for one that hashes under the global lock
+        {
+            EXPECT_EQ(kxRuleGetRuleString2(nullptr, nullptr, 0), KXRULE_E_NULL_POINTER);
+            EXPECT_EQ(kxRuleGetMacroString(nullptr, nullptr, 0), KXRULE_E_NULL_POINTER);
+        };
+        std::async(std::launch::async, texts).get();
+    };
     const auto hashes = []
     {
         std::string all; // the last byte of each, '-' for zero

@@ -35,6 +35,23 @@ public:
         return reinterpret_cast<Result (*)(Parameters...)>(address)(arguments...);
     }
 
+    /// Puts another function in the place of one that the copy has from kernel32.
+    void Redirect(const char* name, void* to) const
+    {
+        auto* const base = reinterpret_cast<unsigned char*>(m_Module);
+        const auto* const head =
+            reinterpret_cast<IMAGE_NT_HEADERS*>(base + reinterpret_cast<IMAGE_DOS_HEADER*>(base)->e_lfanew);
+        const IMAGE_DATA_DIRECTORY table = head->OptionalHeader.DataDirectory[IMAGE_DIRECTORY_ENTRY_IAT];
+        void* const from = reinterpret_cast<void*>(::GetProcAddress(::GetModuleHandleA("kernel32.dll"), name));
+        void** const first = reinterpret_cast<void**>(base + table.VirtualAddress);
+        void** const last = first + table.Size / sizeof *first;
+        void** const at = std::find(first, last, from);
+        ASSERT_NE(at, last) << name;
+        DWORD before = 0;
+        ::VirtualProtect(at, sizeof *at, PAGE_READWRITE, &before);
+        *at = to;
+    }
+
 private:
     HMODULE m_Module = nullptr;
 };
@@ -131,6 +148,105 @@ TEST_F(TraceTest, ABrokenRuleSetThenAnUnusableMasterAndMacroFile)
     EXPECT_EQ(Said(), ReadBytes("tests/data/trace-moved.txt"));
 }
 
+// The export's own lines, or none.
+TEST_F(TraceTest, CallsSayTheirNameAndTheirResult)
+{
+    Start();
+    PFW_RULE rule = Build::Access(2), got{};
+    rule.dwActive = 7;
+    auto macro = Build::Macro("m", {Build::Item("a")});
+    char* const text = nullptr;
+    uint16_t* const indexes = nullptr;
+    KX_CALL(kxRuleAddRuleSet, uint16_t{1}, Build::RuleSet(1, L"set", {rule}).get());
+    Said();
+#define KX_ROW(result, isSilent, function, ...)                                                                        \
+    {                                                                                                                  \
+#function, [&] { return KX_CALL(function __VA_OPT__(, ) __VA_ARGS__); }, result, isSilent                      \
+    }
+    struct
+    {
+        std::string name;
+        std::function<int32_t()> call;
+        int32_t result;
+        bool isSilent;
+    } const rows[] = {
+        KX_ROW(0, false, kxRuleSetActiveRuleSet, indexes, 0),
+        KX_ROW(0, false, kxRuleGetActiveRuleSet, indexes, 0),
+        KX_ROW(1, false, kxRuleGetRuleSetIndex, indexes, 0),
+        KX_ROW(1, false, kxRuleGetRuleSet, uint16_t{1}, static_cast<PFW_RULESET*>(nullptr), 0),
+        KX_ROW(2, false, kxRuleGetRuleTopIndex, uint16_t{1}),
+        KX_ROW(-10015, false, kxRuleGetRuleBottomIndex, uint16_t{9}),
+        KX_ROW(7, false, kxRuleIsRuleActive, uint16_t{1}, uint16_t{2}),
+        KX_ROW(21, false, kxRuleGetRuleString, uint16_t{1}, uint16_t{2}, text, 0),
+        KX_ROW(21, false, kxRuleGetRuleString2, &rule, text, 0),
+        KX_ROW(-10012, false, kxRuleGetRuleString2, static_cast<const PFW_RULE*>(nullptr), text, 0),
+        KX_ROW(0, false, kxRuleAddMacro, macro.get()),
+        KX_ROW(1, false, kxRuleGetMacroCount),
+        KX_ROW(177, false, kxRuleGetMacro, static_cast<void*>(nullptr), 0),
+        KX_ROW(0, false, kxRuleDeleteMacro),
+        KX_ROW(-10016, false, kxRuleDeleteRule, uint16_t{1}, uint16_t{3}),
+        KX_ROW(0, true, kxRuleGetRule, uint16_t{1}, uint16_t{2}, &got),
+        KX_ROW(3, true, kxRuleGetMacroString, macro.get(), text, 0),
+        KX_ROW(-10012, true, kxRuleGetMacroString, static_cast<const PFW_MACRO*>(nullptr), text, 0),
+    };
+#undef KX_ROW
+    for (const auto& row : rows)
+    {
+        EXPECT_EQ(row.call(), row.result) << row.name;
+        const std::string lines = "@@@ " + row.name + " Enter - KxPfwRule.cpp\n@@@ " + row.name + " Return (" +
+                                  std::to_string(row.result) + ") - KxPfwRule.cpp\n";
+        EXPECT_EQ(Said(), row.isSilent ? "" : lines);
+    }
+    KX_CALL(kxRuleFinalize);
+}
+
+TEST_F(TraceTest, TheStepOfAWriteThatFailed)
+{
+    Start();
+    KX_CALL(kxRuleAddRuleSet, uint16_t{1}, Build::RuleSet(1, L"set").get());
+    const std::pair<const char*, std::string> rows[] = {
+        {"KxRulMac.dat", "WriteMacroFile"}, {"KxRl0001.dat", "WriteRuleSetFile"}, {"KxRulMas.dat", "WriteMasterFile"}};
+    for (const auto& [file, step] : rows)
+    {
+        std::filesystem::create_directory(RuleFile(file)); // neither move nor copy can replace a directory
+        Said();
+        EXPECT_EQ(KX_CALL(kxRuleWrite), KXRULE_E_FILE_WRITE);
+        const std::string said = Said();
+        EXPECT_NE(said.find("!!! \t" + step + " error (-10057) - RuleMasterFiles.cpp\n"), std::string::npos) << said;
+        EXPECT_EQ(said.find("WriteAll Return"), std::string::npos);
+        std::filesystem::remove(RuleFile(file));
+    }
+    KX_CALL(kxRuleFinalize);
+}
+
+static bool g_IsAskedAsPromised = false;
+
+static HANDLE WINAPI RefuseMutex(SECURITY_ATTRIBUTES* attributes, BOOL isOwner, const wchar_t* name)
+{
+    BOOL isPresent = FALSE, isDefaulted = FALSE;
+    PACL list = nullptr;
+    g_IsAskedAsPromised =
+        attributes != nullptr && attributes->nLength == sizeof *attributes && attributes->bInheritHandle != FALSE &&
+        ::GetSecurityDescriptorDacl(attributes->lpSecurityDescriptor, &isPresent, &list, &isDefaulted) != FALSE &&
+        isPresent != FALSE && list == nullptr && isOwner != FALSE &&
+        name == std::wstring(L"Global\\KxPfwRuleDllLockMutex");
+    ::SetLastError(4711);
+    return nullptr;
+}
+
+TEST_F(TraceTest, WithoutTheMutexItDoesNotStart)
+{
+    m_Library->Redirect("CreateMutexW", reinterpret_cast<void*>(RefuseMutex));
+    for (int i = 0; i < 2; ++i) // a refused start is none, so the second is refused for the same reason
+    {
+        EXPECT_EQ(KX_CALL(kxRuleInitialize, Rules().c_str(), static_cast<const char*>(nullptr)), KXRULE_E_MUTEX);
+        EXPECT_EQ(Said(),
+                  "@@@ kxRuleInitialize Enter - KxPfwRule.cpp\n!!! Failed to Get Mutex (4711) - KxPfwRule.cpp\n");
+    }
+    EXPECT_TRUE(g_IsAskedAsPromised);
+    EXPECT_EQ(KX_CALL(kxRuleFinalize), 0);
+}
+
 // Which calls say what when they refuse, and which of them say nothing on their way out.
 TEST_F(TraceTest, RefusedCalls)
 {
@@ -141,7 +257,10 @@ TEST_F(TraceTest, RefusedCalls)
     const std::vector<PFW_RULE> rules = {Build::Access(2), Build::Access(3, L"C:\\ü.exe")};
     KX_CALL(kxRuleAddRuleSet, uint16_t{1}, Build::RuleSet(1, L"set", rules).get());
     Said();
-    const uint16_t zero = 0;
+    std::vector<PFW_RULE> tooMany;
+    for (uint16_t i = 0; i <= KXRULE_MAX_RULES; ++i)
+        tooMany.push_back(Build::Access(i));
+    const uint16_t zero = 0, active[] = {5, 65281, 0};
     const auto none = static_cast<const char*>(nullptr);
     struct
     {
@@ -158,14 +277,20 @@ TEST_F(TraceTest, RefusedCalls)
          KXRULE_E_NULL_POINTER,
          "@@@ kxRuleSetActiveRuleSet Enter - KxPfwRule.cpp\n"
          "@@@ Pointer to array of rule set is NULL but nCount is not ZERO. - KxPfwRule.cpp\n"},
-        {"active, 0", [&] { return KX_CALL(kxRuleSetActiveRuleSet, &zero, 1); }, KXRULE_E_NO_RULESET,
-         "@@@ kxRuleSetActiveRuleSet Enter - KxPfwRule.cpp\n!!! Invalid RuleSet index (0) - KxPfwRule.cpp\n"},
+        {"active, the first of two that are wrong", [&] { return KX_CALL(kxRuleSetActiveRuleSet, &active[0], 3); },
+         KXRULE_E_NO_RULESET,
+         "@@@ kxRuleSetActiveRuleSet Enter - KxPfwRule.cpp\n!!! Invalid RuleSet index (65281) - KxPfwRule.cpp\n"},
         {"set, null", [&] { return KX_CALL(kxRuleAddRuleSet, zero, static_cast<PFW_RULESET*>(nullptr)); },
          KXRULE_E_NULL_POINTER,
          "@@@ kxRuleAddRuleSet Enter - KxPfwRule.cpp\n"
          "@@@ Pointer to structure of rule set is NULL. - KxPfwRule.cpp\n"},
         {"set, port list", [&] { return KX_CALL(kxRuleAddRuleSet, zero, Build::RuleSet(1, L"", {blank}).get()); },
          KXRULE_E_PORT_LIST, "@@@ kxRuleAddRuleSet Enter - KxPfwRule.cpp\n"},
+        {"set, too many rules", [&] { return KX_CALL(kxRuleAddRuleSet, zero, Build::RuleSet(7, L"", tooMany).get()); },
+         KXRULE_E_TOO_MANY_RULES,
+         "@@@ kxRuleAddRuleSet Enter - KxPfwRule.cpp\n@@@ CRuleMaster::AddRuleSet Enter - RuleMaster.cpp\n"
+         "@@@ CRuleMaster::AddRuleSet Return (-10018) - RuleMaster.cpp\n@@@ \tIndex:7 - KxPfwRule.cpp\n"
+         "@@@ kxRuleAddRuleSet Return (-10018) - KxPfwRule.cpp\n"},
         {"rule, null", [&] { return KX_CALL(kxRuleAddRule, zero, zero, static_cast<const PFW_RULE*>(nullptr)); },
          KXRULE_E_NULL_POINTER,
          "@@@ kxRuleAddRule Enter - KxPfwRule.cpp\n@@@ Pointer of Rule structure is NULL. - KxPfwRule.cpp\n"},
@@ -174,13 +299,6 @@ TEST_F(TraceTest, RefusedCalls)
         {"macro, null", [&] { return KX_CALL(kxRuleAddMacro, static_cast<const PFW_MACRO*>(nullptr)); },
          KXRULE_E_NULL_POINTER,
          "@@@ kxRuleAddMacro Enter - KxPfwRule.cpp\n@@@ Pointer of Macro structure is NULL. - KxPfwRule.cpp\n"},
-        {"text, null",
-         [&] {
-             return KX_CALL(kxRuleGetRuleString2, static_cast<const PFW_RULE*>(nullptr), static_cast<char*>(nullptr),
-                            0);
-         },
-         KXRULE_E_NULL_POINTER,
-         "@@@ kxRuleGetRuleString2 Enter - KxPfwRule.cpp\n@@@ kxRuleGetRuleString2 Return (-10012) - KxPfwRule.cpp\n"},
         {"hash",
          [&]
          {
@@ -205,7 +323,7 @@ TEST_F(TraceTest, RefusedCalls)
     EXPECT_EQ(KX_CALL(kxRuleFlush), 0);
     EXPECT_EQ(Said(), "@@@ CRuleMaster::FlushRule not necessary - RuleMasterFiles.cpp\n");
     KX_CALL(kxRuleFinalize);
-    EXPECT_EQ(KX_CALL(kxRuleInitialize, none, none), 0);
+    EXPECT_EQ(KX_CALL(kxRuleInitialize, "", none), 0);
     EXPECT_EQ(KX_CALL(kxRuleWrite), 0);
     EXPECT_TRUE(std::filesystem::exists(m_Folder.Path() / "KxRulMas.dat")) << "the library's own directory";
     KX_CALL(kxRuleFinalize);
