@@ -8,6 +8,7 @@
 #include <thread>
 
 #include "common/srclib/KxComn_Handle.h"
+#include "repository/RuleMaster.h"
 #include "tests/standins/TraceRecorder.h"
 
 namespace
@@ -79,6 +80,16 @@ TEST(PfwTimerTest, KeysAndLines)
                          "@@@ The specified key has already deleted: ProcessID(0x00000007) Index(0x00000000)",
                          "@@@ CloseHandle succeeded (#)", "@@@ CloseHandle succeeded (#)", "@@@ ~CPfwTimer Enter",
                          "@@@ CloseHandle succeeded (#)", "@@@ CloseHandle succeeded (#)", "@@@ ~CPfwTimer Return"}));
+}
+
+TEST(PfwTimerTest, TheStoresCallbackSaysThatItWasCalled)
+{
+    TraceRecorder trace;
+    CRuleMaster::CallbackFuncWriteTimeOut(nullptr);
+    EXPECT_EQ(trace.Take(),
+              (std::vector<std::string>{
+                  "@@@ ################ CRuleMaster::CallbackFuncWriteTimeOut Enter ####################",
+                  "@@@ ++++++++++++++++ CRuleMaster::CallbackFuncWriteTimeOut Leave +++++++++++++++++++++"}));
 }
 
 TEST(PfwTimerTest, UnregisterWaitsForACallInProgress)

@@ -201,4 +201,7 @@ TEST_F(DamageTest, HostileNamesInTheMasterFile)
         EXPECT_EQ(AddSet(0), KXRULE_E_TOO_MANY_RULESETS);
         Reopen();
     }
+    Try(FileFormat::kMasterFileName, MasterFile({FileFormat::kMacroFileName, 0, {}, {}}));
+    EXPECT_EQ(AddSet(0), 0);
+    EXPECT_EQ(SetIndexes(), std::vector<uint16_t>{1}) << "0, the next one in the file, is no index";
 }
