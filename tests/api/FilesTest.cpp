@@ -72,6 +72,10 @@ TEST_F(FilesTest, WhatWasWrittenComesBackInANewLife)
     ASSERT_EQ(kxRuleInitialize(Directory().c_str(), nullptr), 0);
     EXPECT_EQ(SetIndexes(), Indexes{}) << "nothing is read before kxRuleRead";
     ASSERT_EQ(kxRuleRead(), 0);
+    ASSERT_EQ(kxRuleDeleteRule(2, 10), 0);
+    ASSERT_EQ(AddSet(7), 0);
+    ASSERT_EQ(kxRuleSetActiveRuleSet(nullptr, 0), 0);
+    ASSERT_EQ(kxRuleRead(), 0) << "what is in memory is discarded, and nothing is there twice";
     EXPECT_EQ(SetIndexes(), (Indexes{1, 2, 0xAB}));
     EXPECT_EQ(ActiveIndexes(), (Indexes{2, 9}));
     EXPECT_EQ(NameOf(2), L"Büro");
@@ -79,6 +83,9 @@ TEST_F(FilesTest, WhatWasWrittenComesBackInANewLife)
     const auto after = Rules(2);
     ASSERT_EQ(after.size(), before.size());
     EXPECT_EQ(std::memcmp(after.data(), before.data(), before.size() * sizeof(PFW_RULE)), 0);
+    std::filesystem::remove(PathOf("KxRl0002.dat"));
+    ASSERT_EQ(kxRuleFlush(), 0);
+    EXPECT_TRUE(Exists("KxRl0002.dat")) << "marked before the read";
     EXPECT_EQ(AddSet(0), 0);
     EXPECT_EQ(SetIndexes().back(), 0xAC) << "the next index is kept, too";
 }
@@ -95,6 +102,9 @@ TEST_F(FilesTest, FilesHaveTheirDocumentedSizes)
 
 TEST_F(FilesTest, ChangesAreTrackedUntilATimedWrite)
 {
+    const PFW_RULE rule = Build::Access();
+    EXPECT_EQ(kxRuleAddRule(9, 1, &rule), KXRULE_E_NO_RULESET);
+    EXPECT_EQ(kxRuleDeleteRule(9, 1), KXRULE_E_NO_RULESET);
     EXPECT_EQ(kxRuleFlush(), 0);
     EXPECT_EQ(Names(), std::vector<std::string>{}) << "nothing changed, nothing written";
     auto macro = Build::Macro("m", {});
@@ -117,13 +127,20 @@ TEST_F(FilesTest, ChangesAreTrackedUntilATimedWrite)
     ASSERT_EQ(kxRuleFlush(), 0);
     EXPECT_TRUE(Exists("KxRulMas.dat")) << "only a timed write makes the store clean";
     EXPECT_FALSE(Exists("KxRl0001.dat")) << "the set itself was not changed again";
-    const PFW_RULE rule = Build::Access();
-    ASSERT_EQ(kxRuleDeleteRule(1, 99), KXRULE_E_NO_RULE);
-    ASSERT_EQ(kxRuleFlush(), 0);
-    EXPECT_TRUE(Exists("KxRl0001.dat")) << "a refused change marks its set all the same";
     ASSERT_EQ(kxRuleAddRule(1, 3, &rule), 0);
+    const std::function<int32_t()> refused[] = {[] { return kxRuleDeleteRule(1, 99); },
+                                                [&] { return kxRuleAddRule(1, 3, &rule); }};
+    for (const auto& change : refused)
+    {
+        ASSERT_EQ(kxRuleFlush(), 0);
+        std::filesystem::remove(PathOf("KxRl0001.dat"));
+        ASSERT_NE(change(), 0);
+        ASSERT_EQ(kxRuleFlush(), 0);
+        EXPECT_TRUE(Exists("KxRl0001.dat")) << "a refused change marks its set all the same";
+    }
+    ASSERT_EQ(kxRuleAddRule(1, 4, &rule), 0);
     Reopen();
-    EXPECT_EQ(RuleIndexes(1), Indexes{3}) << "kxRuleFinalize writes what is pending";
+    EXPECT_EQ(RuleIndexes(1), (Indexes{3, 4})) << "kxRuleFinalize writes what is pending";
 }
 
 TEST_F(FilesTest, ABrokenFileStaysUntilThereIsACopyOfIt)
