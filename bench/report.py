@@ -110,10 +110,10 @@ ALONE = [
 ]
 
 
-def verdict(ratio, goal, most):
+def verdict(value, goal, most, unit=""):
     if goal is None:
         return "–"
-    return ("≤ " if most else "≥ ") + f"{goal:g} " + ("met" if (ratio <= goal if most else ratio >= goal) else "**missed**")
+    return ("≤ " if most else "≥ ") + f"{goal:g}{unit} " + ("met" if (value <= goal if most else value >= goal) else "**missed**")
 
 
 def main_table(m, summary):
@@ -148,10 +148,10 @@ def other_table(m, counts, summary):
         value = m.counter(name, "peak_above_rules") / mib
         peer = m.counter(name.replace("ours", "sql-aes"), "peak_above_rules") / mib
         rows.append([f"peak memory above the rules, full {work}", f"{value:.1f} MiB (SQL {peer:.1f} MiB)",
-                     verdict(value, 4, True) + " MiB"])
+                     verdict(value, 4, True, " MiB")])
         summary[f"peak_above_rules_{work}_mib"] = value
     trace = max(m.median("trace/off") - m.median("trace/none"), 0)
-    rows.append(["a trace call that is off", f"{trace:.2f} ns", verdict(trace, 5, True) + " ns"])
+    rows.append(["a trace call that is off", f"{trace:.2f} ns", verdict(trace, 5, True, " ns")])
     summary["trace_off_ns"] = trace
     for work, operations in counts.items():
         rows.append([f"file calls, {'one rule changed' if work == 'change' else 'full ' + work}",

@@ -1,7 +1,7 @@
 #!/bin/bash
 # bench.sh [--record]: measures the library against what the machine can do and against an SQL store, in a few minutes,
 # and prints one table. Results as JSON and plots: build/bench/results. --record puts table and plots into docs/performance.md.
-# KX_BENCH_ROUNDS: rounds of each measurement (7).
+# KX_BENCH_ROUNDS: rounds of each measurement (5).
 . "$(dirname "$0")/steps.sh" 5
 
 deps=build/bench/deps
@@ -40,7 +40,7 @@ run()
     shift 2
     echo "    $name"
     quietly "bench-$name" cmake/wine-run.sh "build/bench/bin/$program.exe" --data=build/bench/data \
-        "--benchmark_repetitions=${KX_BENCH_ROUNDS:-7}" --benchmark_enable_random_interleaving=true \
+        "--benchmark_repetitions=${KX_BENCH_ROUNDS:-5}" --benchmark_enable_random_interleaving=true \
         "--benchmark_out=$results/bench-$name.json" --benchmark_out_format=json "$@"
 }
 
