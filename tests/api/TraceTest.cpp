@@ -200,25 +200,6 @@ TEST_F(TraceTest, CallsSayTheirNameAndTheirResult)
     KX_CALL(kxRuleFinalize);
 }
 
-TEST_F(TraceTest, TheStepOfAWriteThatFailed)
-{
-    Start();
-    KX_CALL(kxRuleAddRuleSet, uint16_t{1}, Build::RuleSet(1, L"set").get());
-    const std::pair<const char*, std::string> rows[] = {
-        {"KxRulMac.dat", "WriteMacroFile"}, {"KxRl0001.dat", "WriteRuleSetFile"}, {"KxRulMas.dat", "WriteMasterFile"}};
-    for (const auto& [file, step] : rows)
-    {
-        std::filesystem::create_directory(RuleFile(file)); // neither move nor copy can replace a directory
-        Said();
-        EXPECT_EQ(KX_CALL(kxRuleWrite), KXRULE_E_FILE_WRITE);
-        const std::string said = Said();
-        EXPECT_NE(said.find("!!! \t" + step + " error (-10057) - RuleMasterFiles.cpp\n"), std::string::npos) << said;
-        EXPECT_EQ(said.find("WriteAll Return"), std::string::npos);
-        std::filesystem::remove(RuleFile(file));
-    }
-    KX_CALL(kxRuleFinalize);
-}
-
 static bool g_IsAskedAsPromised = false;
 
 static HANDLE WINAPI RefuseMutex(SECURITY_ATTRIBUTES* attributes, BOOL isOwner, const wchar_t* name)

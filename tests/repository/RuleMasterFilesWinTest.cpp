@@ -140,9 +140,14 @@ TEST(RuleMasterFiles, WhatIsSaidOfDamage)
         EXPECT_EQ(row.IsWritten ? store.WriteAll() : store.ReadAll(), row.Result);
         faults.Fail(row.Fault, ERROR_SUCCESS);
         std::string said;
+        bool saysReturn = false;
         for (const std::string& line : trace.Take())
+        {
             if (line.starts_with("!!! "))
                 said += line.substr(4) + '\n';
+            saysReturn |= line.ends_with("All Return");
+        }
+        EXPECT_EQ(saysReturn, row.Result == 0);
         const std::string path = dir.Path().string() + '\\';
         for (size_t at; (at = said.find(path)) != std::string::npos;)
             said.erase(at, path.size());
