@@ -26,7 +26,7 @@ struct WriteJob
     /// Writes everything behind the magic. 0, or a result code that has been traced; may throw
     /// CEncryptStream::Exception and std::bad_alloc.
     const std::function<int32_t(CEncryptStream&)>& Encode;
-    CStreamBuffer* Lent = nullptr;
+    CStreamBuffer* Lent = nullptr; // what the bytes are gathered in, if somebody has one
 };
 
 /// Writes a temporary file in the directory, flushes it, and puts it over the real one. On any failure the real file
