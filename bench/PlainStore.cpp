@@ -25,35 +25,36 @@ HANDLE OpenFile(const std::string& path, DWORD access, DWORD disposition)
     return file;
 }
 
-// Gathers bytes and hands them to the system in pieces of 1 MB.
+// Gathers bytes and hands them to the system in pieces of exactly 1 MB but for the last.
 class PieceWriter
 {
 public:
     PieceWriter(const std::string& path, std::vector<uint8_t>& piece)
         : m_File(OpenFile(path, GENERIC_WRITE, CREATE_ALWAYS)), m_Piece(piece)
     {
-        m_Piece.resize(kPiece);
+        m_Piece.resize(kPiece + kRuleRecord);
     }
     uint8_t* Room(size_t size)
     {
-        if (kPiece - m_Used < size)
-            Flush();
+        if (m_Used >= kPiece)
+            Flush(kPiece);
         m_Used += size;
         return m_Piece.data() + (m_Used - size);
     }
     void Finish()
     {
-        Flush();
+        Flush(m_Used);
         Check(::FlushFileBuffers(m_File) != FALSE, "FlushFileBuffers");
         ::CloseHandle(m_File);
     }
 
 private:
-    void Flush()
+    void Flush(size_t size)
     {
         DWORD written = 0;
-        Check(::WriteFile(m_File, m_Piece.data(), static_cast<DWORD>(m_Used), &written, nullptr) != FALSE, "WriteFile");
-        m_Used = 0;
+        Check(::WriteFile(m_File, m_Piece.data(), static_cast<DWORD>(size), &written, nullptr) != FALSE, "WriteFile");
+        m_Used -= size;
+        std::memmove(m_Piece.data(), m_Piece.data() + size, m_Used);
     }
     HANDLE m_File;
     std::vector<uint8_t>& m_Piece;

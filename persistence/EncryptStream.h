@@ -97,7 +97,7 @@ private:
     bool Fill(size_t needed);
     bool Gather(size_t size);
     bool MakeRoom(size_t size);
-    bool HandOver();
+    bool HandOver(size_t size);
     bool ReadPlain(void* buffer, uint32_t size);
     bool ReadRecord(void* buffer, uint32_t size);
     bool WritePlain(const void* buffer, uint32_t size);
