@@ -86,17 +86,12 @@ public:
     {
         Grow(m_Keys);
         Grow(m_Values);
-        if (m_Free.empty())
-            AddSlab();
-        T* const value = new (m_Free.back()) T(std::forward<Arguments>(arguments)...);
-        m_Free.pop_back();
+        T* const value = Construct(std::forward<Arguments>(arguments)...);
         const uint16_t key = keyOf(*value);
         const size_t position = LowerBound(key);
         if (position < m_Keys.size() && m_Keys[position] == key)
         {
-            T* const old = std::exchange(m_Values[position], value);
-            old->~T();
-            m_Free.push_back(old); // never allocates: AddSlab reserved for every value
+            Destroy(std::exchange(m_Values[position], value));
             return *value;
         }
         m_Keys.insert(m_Keys.begin() + static_cast<std::ptrdiff_t>(position), key);
@@ -110,8 +105,7 @@ public:
         const size_t position = LowerBound(key);
         if (position >= m_Keys.size() || m_Keys[position] != key)
             return false;
-        m_Values[position]->~T();
-        m_Free.push_back(m_Values[position]); // never allocates: AddSlab reserved for every value
+        Destroy(m_Values[position]);
         m_Keys.erase(m_Keys.begin() + static_cast<std::ptrdiff_t>(position));
         m_Values.erase(m_Values.begin() + static_cast<std::ptrdiff_t>(position));
         return true;
@@ -132,8 +126,15 @@ private:
         Slab& operator=(Slab&&) = delete;
         T* Memory;
     };
+    /// What an erased value leaves in its place.
+    struct FreePlace
+    {
+        FreePlace* Next;
+    };
 
     static_assert(alignof(T) <= __STDCPP_DEFAULT_NEW_ALIGNMENT__, "slabs are plain memory");
+    static_assert(sizeof(T) >= sizeof(FreePlace), "a place holds the way to the next free one");
+    static_assert(alignof(T) >= alignof(FreePlace), "and may lie where a value does");
 
     static constexpr size_t kFirstSlab = 4;
     static constexpr size_t kLargestSlab = 64;
@@ -146,15 +147,43 @@ private:
             vector.reserve(std::max<size_t>(kFirstSlab, vector.size() * 2));
     }
 
-    void AddSlab()
+    template <class... Arguments>
+    T* Construct(Arguments&&... arguments)
     {
-        const size_t capacity = std::clamp(m_Keys.size(), kFirstSlab, kLargestSlab);
-        m_Free.reserve(m_Keys.size() + capacity);
-        m_Slabs.emplace_back(capacity);
-        T* const memory = m_Slabs.back().Memory;
-        for (size_t i = capacity; i > 0; --i) // handed out from the back: lowest address first
-            m_Free.push_back(memory + (i - 1));
+        void* const place = TakePlace();
+        try
+        {
+            return new (place) T(std::forward<Arguments>(arguments)...);
+        }
+        catch (...)
+        {
+            ReturnPlace(place);
+            throw;
+        }
     }
+
+    void Destroy(T* value) noexcept
+    {
+        value->~T();
+        ReturnPlace(value);
+    }
+
+    void* TakePlace()
+    {
+        if (m_Free != nullptr)
+            return std::exchange(m_Free, m_Free->Next);
+        if (m_Untouched == 0)
+        {
+            const size_t capacity = std::clamp(m_Keys.size(), kFirstSlab, kLargestSlab);
+            m_Slabs.emplace_back(capacity);
+            m_Untouched = capacity;
+            m_Next = m_Slabs.back().Memory;
+        }
+        --m_Untouched;
+        return m_Next++;
+    }
+
+    void ReturnPlace(void* place) noexcept { m_Free = new (place) FreePlace{m_Free}; }
 
     void DestroyValues() noexcept
     {
@@ -166,14 +195,18 @@ private:
     {
         m_Keys.swap(other.m_Keys);
         m_Values.swap(other.m_Values);
-        m_Free.swap(other.m_Free);
         m_Slabs.swap(other.m_Slabs);
+        std::swap(m_Free, other.m_Free);
+        std::swap(m_Next, other.m_Next);
+        std::swap(m_Untouched, other.m_Untouched);
     }
 
     std::vector<uint16_t> m_Keys; // ascending
     std::vector<T*> m_Values;     // m_Values[i] belongs to m_Keys[i]
-    std::vector<T*> m_Free;       // unused places in the slabs
     std::vector<Slab> m_Slabs;
+    FreePlace* m_Free = nullptr; // places of erased values
+    T* m_Next = nullptr;         // m_Untouched places from here on, at the end of the last slab
+    size_t m_Untouched = 0;
 };
 
 } // namespace KxCommon

@@ -15,7 +15,7 @@ namespace
 // A value that knows which of its kind live, and fails to come into being on demand.
 struct Value
 {
-    explicit Value(int number) : Number(number)
+    explicit Value(int64_t number) : Number(number)
     {
         if (FailIn >= 0 && FailIn-- == 0)
             throw std::runtime_error("asked for");
@@ -25,7 +25,7 @@ struct Value
     Value& operator=(const Value&) = default;
     ~Value() { EXPECT_EQ(Living.erase(this), 1u); }
 
-    int Number;
+    int64_t Number;
     inline static std::set<const Value*> Living;
     inline static int FailIn = -1; // constructions until one throws; negative: never
 };
@@ -37,7 +37,7 @@ constexpr uint32_t kStep = 1;
 #endif
 
 using Map = KxCommon::IndexMap<Value>;
-using Model = std::map<uint16_t, int>;
+using Model = std::map<uint16_t, int64_t>;
 
 Model Contents(const Map& map)
 {
@@ -99,7 +99,7 @@ TEST(IndexMap, HoldsEveryKeyInAnyOrder)
 {
     for (const uint32_t factor : {1u, 65535u, 40503u}) // ascending, descending, scattered; odd: each key once
     {
-        KxCommon::IndexMap<uint32_t> map;
+        KxCommon::IndexMap<uint64_t> map;
         for (uint32_t i = 0; i < 65536; i += kStep)
             map.Emplace(static_cast<uint16_t>(i * factor), i);
         EXPECT_TRUE(std::is_sorted(map.Keys().begin(), map.Keys().end())) << factor;
