@@ -27,11 +27,13 @@ each() { xargs -r -P 2 -I '{}' "$@"; }
 # The layout of the text.
 checkFormat() { files '\.(c|cpp|h|hpp)$' | xargs clang-format --dry-run -Werror; }
 
-# With Clang's own warnings and the lock annotations: what is guarded is touched under its lock only. Findings come on
-# standard output; the other holds little but the count of what system headers would give.
+# With Clang's own warnings and the lock annotations: what is guarded is touched under its lock only. The analyzer leaves a
+# function after 50000 states instead of 225000, which takes half the time. Findings come on standard output; the other
+# holds little but the count of what system headers would give.
 checkTidy()
 {
-    sources | each clang-tidy --quiet '{}' -- "${windows[@]}" "${flags[@]}" -Wthread-safety 2>build/check/tidy.log ||
+    sources | each clang-tidy --quiet '{}' -- "${windows[@]}" "${flags[@]}" -Wthread-safety \
+        -Xclang -analyzer-config -Xclang max-nodes=50000 2>build/check/tidy.log ||
         { cat build/check/tidy.log >&2; return 1; }
 }
 
