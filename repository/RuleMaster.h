@@ -130,6 +130,7 @@ private:
     [[nodiscard]] int32_t WriteRuleSetFile();
     [[nodiscard]] int32_t WriteOneRuleSet(CRuleSet& ruleSet, CStreamBuffer& buffer) KX_REQUIRES(m_Lock);
     [[nodiscard]] bool KeepUnreadFiles() KX_REQUIRES(m_Lock);
+    void MarkDisplacedRuleSets() KX_REQUIRES(m_Lock);
     [[nodiscard]] bool KeepUnread(const std::string& fileName) KX_REQUIRES(m_Lock);
 
     CLock& m_OuterLock;

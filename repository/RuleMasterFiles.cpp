@@ -429,6 +429,7 @@ int32_t CRuleMaster::WriteRuleSetFile()
     int32_t result = KXRULE_OK;
     {
         const MasterGuard guard(m_Lock);
+        MarkDisplacedRuleSets();
         CStreamBuffer buffer; // one for all files
         for (size_t i = 0; i < m_RuleSets.Size() && result == KXRULE_OK; ++i)
         {
@@ -442,6 +443,27 @@ int32_t CRuleMaster::WriteRuleSetFile()
     }
     KX_TRACE(kTraceCall, "CRuleMaster::WriteRuleSetFile Return (%d)", result);
     return result;
+}
+
+// Two files may have had their names exchanged: a set that is written takes the file of another one, which must then be
+// written as well, or the list would name a file that no longer holds it.
+void CRuleMaster::MarkDisplacedRuleSets()
+{
+    for (bool isDone = false; !isDone;)
+    {
+        isDone = true;
+        for (size_t i = 0; i < m_RuleSets.Size(); ++i)
+        {
+            const uint16_t index = m_RuleSets.KeyAt(i);
+            const std::string& fileName = m_RuleSets.ValueAt(i).FileName();
+            const uint16_t taker = RuleFiles::IndexFromFileName(fileName);
+            if (taker == index || m_Modified.test(index) || !m_Modified.test(taker) || !m_RuleSets.Contains(taker) ||
+                !IsSameFile(fileName, RuleFiles::RuleSetFileName(taker)))
+                continue;
+            m_Modified.set(index);
+            isDone = false;
+        }
+    }
 }
 
 // A file that cannot be read for good, as on a bad sector, is moved out of the way: it must not keep all others from being
@@ -478,7 +500,7 @@ int32_t CRuleMaster::WriteOneRuleSet(CRuleSet& ruleSet, CStreamBuffer& buffer)
     const auto isTarget = [&target](const std::string& name) { return IsSameFile(name, target); };
     const bool isForeign = former.empty() ? std::any_of(m_RuleSetFileNames.begin(), m_RuleSetFileNames.end(), isTarget)
                                           : !IsSameFile(former, target);
-    if (isForeign && Backup::KeepBroken(m_RulePath, target, false) != 0)
+    if (isForeign && !KeepUnread(target))
         return KXRULE_E_FILE_WRITE;
     ruleSet.SetFileName(std::move(target));
     KX_TRACE(kTraceCall, "\tCall CRuleSet::Write");

@@ -346,7 +346,7 @@ TEST_F(FilesTest, AFailedWriteLeavesTheFileAsItWas)
     EXPECT_EQ(SetIndexes(), (Indexes{1, 2})) << "a file that never came to be is not listed";
 }
 
-// Somebody has exchanged the names of two files. Each is read, and none is written over without a copy.
+// Somebody has exchanged the names of two files. Each is read, none is written over without a copy, and both sets stay.
 TEST_F(FilesTest, TheFileOfAnotherSetIsKept)
 {
     for (const bool isNew : {false, true})
@@ -370,6 +370,9 @@ TEST_F(FilesTest, TheFileOfAnotherSetIsKept)
             ASSERT_EQ(kxRuleDeleteRule(1, 10), 0);
         ASSERT_EQ(kxRuleWrite(), 0);
         EXPECT_EQ(ReadFile("RuleBackup\\KxRl0001.dat.brk"), second);
+        EXPECT_EQ(ReadFile("KxRl0002.dat"), second);
+        Reopen();
+        EXPECT_EQ(SetIndexes(), (Indexes{1, 2, 0xAB}));
     }
 }
 

@@ -222,6 +222,38 @@ TEST_F(FaultsTest, ARescueSetThatCannotBeWrittenFailsTheRead)
     EXPECT_EQ(Rules(1).size(), 3u);
 }
 
+// Nothing goes over a file that holds what is not in memory. While it is held open the write fails; when it cannot be read
+// at all it is moved aside, so that it does not keep the others from being written.
+TEST_F(FaultsTest, AFileThatCannotBeCopiedIsMovedAside)
+{
+    static DWORD error;
+    for (const bool isForeign : {false, true}) // a damaged file, and that of another set
+    {
+        SCOPED_TRACE(isForeign);
+        Close();
+        Restore(m_Before);
+        const std::string there = isForeign ? m_Before.at("KxRl0002.dat") : m_Before.at("KxRl0001.dat").substr(0, 1000);
+        WriteFile("KxRl0001.dat", there);
+        if (isForeign)
+            WriteFile("KxRl0002.dat", m_Before.at("KxRl0001.dat"));
+        KxCommon::Files::SetFaultHook([](Operation operation)
+                                      { return operation == Operation::Copy ? error : ERROR_SUCCESS; });
+        error = ERROR_CRC;
+        Open();
+        EXPECT_EQ(kxRuleDeleteRule(1, 9999), -10016); // marks the set
+        error = ERROR_SHARING_VIOLATION;
+        EXPECT_EQ(kxRuleWrite(), KXRULE_E_FILE_WRITE);
+        EXPECT_EQ(ReadFile("KxRl0001.dat"), there);
+        error = ERROR_CRC;
+        EXPECT_EQ(kxRuleWrite(), 0);
+        EXPECT_EQ(ReadFile("RuleBackup\\KxRl0001.dat.brk"), there);
+        KxCommon::Files::SetFaultHook(FileFault);
+        Reopen();
+        EXPECT_EQ(SetIndexes(), (std::vector<uint16_t>{1, 2}));
+        EXPECT_EQ(Rules(1).size(), 3u);
+    }
+}
+
 TEST_F(FaultsTest, LackOfMemoryIsToldAndNeverTakenForDamage)
 {
     Campaign campaign("fails: allocation");
