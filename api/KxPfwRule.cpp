@@ -1,6 +1,6 @@
 // The 25 exports: check the arguments, take the global lock, call the master once, trace. KxPfwRule.h is their
 // documentation, docs/threads.md that of the locks.
-#include "api/KxPfwRule.h"
+#include "api/include/KxPfwRule.h"
 
 #include <memory>
 #include <string>

@@ -6,7 +6,7 @@
 #include <string>
 #include <vector>
 
-#include "api/KxPfwRule.h"
+#include "api/include/KxPfwRule.h"
 
 namespace Bench
 {

@@ -6,7 +6,7 @@
 #include <map>
 #include <string>
 
-#include "api/KxPfwRule.h"
+#include "api/include/KxPfwRule.h"
 #include "bench/Bench.h"
 
 namespace Bench

@@ -5,7 +5,7 @@
 #include <string>
 #include <vector>
 
-#include "api/KxPfwRule.h"
+#include "api/include/KxPfwRule.h"
 #include "bench/Bench.h"
 #include "common/srclib/KxComn_IndexMap.h"
 

@@ -5,7 +5,7 @@
 #include <cstdint>
 #include <string>
 
-#include "api/KxPfwRule.h"
+#include "api/include/KxPfwRule.h"
 #include "bench/Bench.h"
 #include "bench/PlainStore.h"
 

@@ -18,7 +18,7 @@ foreach(target KxHash KxVqrDbg kxrule)
         install(TARGETS ${target} RUNTIME DESTINATION bin)
     endif()
 endforeach()
-install(FILES api/KxPfwRule.h api/KxPfwRule.hpp api/KxPfwRuleBuilder.hpp DESTINATION include)
+install(FILES api/include/KxPfwRule.h api/include/KxPfwRule.hpp api/include/KxPfwRuleBuilder.hpp DESTINATION include)
 
 write_basic_package_version_file(${CMAKE_BINARY_DIR}/KxPfwRulConfigVersion.cmake COMPATIBILITY SameMajorVersion)
 install(FILES cmake/KxPfwRulConfig.cmake ${CMAKE_BINARY_DIR}/KxPfwRulConfigVersion.cmake DESTINATION lib/cmake/KxPfwRul)

@@ -6,7 +6,7 @@
 
 #include "common/srclib/KxComn_Windows.h"
 
-#include "api/KxPfwRule.h"
+#include "api/include/KxPfwRule.h"
 #include "common/srclib/KxComn_Files.h"
 #include "common/srclib/KxComn_Trace.h"
 #include "persistence/EncryptFile.h"

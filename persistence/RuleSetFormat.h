@@ -4,7 +4,7 @@
 #include <cstddef>
 #include <cstdint>
 
-#include "api/KxPfwRule.h"
+#include "api/include/KxPfwRule.h"
 #include "common/srclib/KxComn_String.h"
 #include "persistence/EncryptStream.h"
 

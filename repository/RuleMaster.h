@@ -10,7 +10,7 @@
 #include <string>
 #include <vector>
 
-#include "api/KxPfwRule.h"
+#include "api/include/KxPfwRule.h"
 #include "common/srclib/KxComn_CriticalSection.h"
 #include "common/srclib/KxComn_IndexMap.h"
 #include "persistence/Backup.h"

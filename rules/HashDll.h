@@ -3,7 +3,7 @@
 
 #include <cstdint>
 
-#include "api/KxPfwRule.h"
+#include "api/include/KxPfwRule.h"
 #include "common/srclib/KxComn_DynLib.h"
 
 /// Made on the stack for every single hash, so that the library is never held between calls.

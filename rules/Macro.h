@@ -5,7 +5,7 @@
 #include <string>
 #include <vector>
 
-#include "api/KxPfwRule.h"
+#include "api/include/KxPfwRule.h"
 
 class CMacro
 {

@@ -1,4 +1,4 @@
-// A rule's record: taken over, put in order, handed out. The layout is in api/KxPfwRule.h.
+// A rule's record: taken over, put in order, handed out. The layout is in api/include/KxPfwRule.h.
 #include "rules/Rule.h"
 
 #include <algorithm>

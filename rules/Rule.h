@@ -6,7 +6,7 @@
 #include <string>
 #include <vector>
 
-#include "api/KxPfwRule.h"
+#include "api/include/KxPfwRule.h"
 #include "common/srclib/KxComn_Lock.h"
 
 /// Holds one record by value. No lock of its own; see docs/threads.md for who may touch it when.

@@ -3,7 +3,7 @@
 
 #include <string>
 
-#include "api/KxPfwRule.h"
+#include "api/include/KxPfwRule.h"
 
 namespace RuleText
 {

@@ -47,7 +47,7 @@ checkHeaders()
 # The public header for every compiler that a caller may have.
 checkContract()
 {
-    local header=api/KxPfwRule.h standard compiler
+    local header=api/include/KxPfwRule.h standard compiler
     for standard in c11 c17; do
         for compiler in gcc clang x86_64-w64-mingw32-gcc-posix "clang --target=x86_64-pc-windows-msvc -ffreestanding"; do
             $compiler -std=$standard -pedantic -Wall -Wextra -Werror -fsyntax-only -x c $header
@@ -77,7 +77,7 @@ tables()
 checkTables()
 {
     local names
-    mapfile -t names < <(grep -oE '^int32_t kxRule\w+' api/KxPfwRule.h | cut -d ' ' -f 2)
+    mapfile -t names < <(grep -oE '^int32_t kxRule\w+' api/include/KxPfwRule.h | cut -d ' ' -f 2)
     [ ${#names[@]} = 25 ] || { echo "the header declares ${#names[@]} functions" >&2; return 1; }
     tables KxPfwRul.dll "${names[@]}"
     tables KxHash.dll kxCfwGetHashValue
@@ -90,7 +90,7 @@ checkText()
 {
     local bad=0
     files . | grep -vE '\.(png|dat|bin)$' | xargs grep -nIE '\b[Ss]pec(s|ification)?\b|\bParts? [0-9]+\.[0-9]|/(work|root|home)/\w' && bad=1
-    files '\.(c|cpp|h|hpp|py|sh|cmake)$' | grep -vx api/KxPfwRule.h | xargs wc -l |
+    files '\.(c|cpp|h|hpp|py|sh|cmake)$' | grep -vx api/include/KxPfwRule.h | xargs wc -l |
         awk '$2 != "total" && $1 > 600 { print $2 ": " $1 " lines"; bad = 1 } END { exit bad }' || bad=1
     return $bad
 }

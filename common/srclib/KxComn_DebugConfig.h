@@ -8,7 +8,7 @@
 
 #include "common/srclib/KxComn_Windows.h"
 
-#include "api/KxPfwRule.h"
+#include "api/include/KxPfwRule.h"
 
 namespace KxCommon
 {

@@ -2,7 +2,7 @@
 // the settings.
 #pragma once
 
-#include "api/KxPfwRule.h"
+#include "api/include/KxPfwRule.h"
 
 #if defined(_WIN32)
 #define KXW(text) L##text

@@ -6,7 +6,7 @@
 #include <cstring>
 #include <string_view>
 
-#include "api/KxPfwRule.h"
+#include "api/include/KxPfwRule.h"
 #include "common/srclib/KxComn_String.h"
 
 namespace KxCommon::Record

@@ -7,7 +7,7 @@
 #include <string>
 #include <string_view>
 
-#include "api/KxPfwRule.h"
+#include "api/include/KxPfwRule.h"
 #include "common/srclib/KxComn_Exception.h"
 #include "common/srclib/KxComn_Port.h"
 

@@ -5,7 +5,7 @@
 #include <atomic>
 #include <cstdint>
 
-#include "api/KxPfwRule.h"
+#include "api/include/KxPfwRule.h"
 #include "common/srclib/KxComn_Port.h"
 
 namespace KxCommon

@@ -9,7 +9,7 @@
 #include <string>
 #include <vector>
 
-#include "api/KxPfwRule.h"
+#include "api/include/KxPfwRule.h"
 #include "common/srclib/KxComn_Record.h"
 #include "tests/support/RecordBuilder.h"
 #include "tests/support/TempDir.h"

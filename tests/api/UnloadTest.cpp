@@ -1,7 +1,7 @@
 // The library leaves without kxRuleFinalize: unloaded, or with its process. Its timer's thread is asleep then.
 #include <gtest/gtest.h>
 
-#include "api/KxPfwRule.h"
+#include "api/include/KxPfwRule.h"
 #include "tests/standins/StandIn.h"
 #include "tests/support/OtherProcess.h"
 #include "tests/support/TempDir.h"

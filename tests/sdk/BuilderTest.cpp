@@ -1,5 +1,5 @@
 // The builders of the C++ layer, seen through the rules' own text and through bytes.
-#include "api/KxPfwRuleBuilder.hpp"
+#include "api/include/KxPfwRuleBuilder.hpp"
 
 #include <cstring>
 #include <gtest/gtest.h>

@@ -27,7 +27,7 @@ def check_layouts():
     """Whatever the example says of a record, a C compiler must find in the header."""
     records = [kxpfwrul.PFW_ADDR, kxpfwrul.RULE_ADDR, kxpfwrul.RULE_PORT, kxpfwrul.PFW_ACCESS, kxpfwrul.PFW_RULE,
                kxpfwrul.PFW_RULESET]
-    lines = ['#include "api/KxPfwRule.h"']
+    lines = ['#include "api/include/KxPfwRule.h"']
     for record in records:
         name = record.__name__
         if name != "PFW_ACCESS":  # in Python an access rule ends with its last field

@@ -2,7 +2,7 @@
 #include <stdio.h>
 #include <string.h>
 
-#include "api/KxPfwRule.h"
+#include "api/include/KxPfwRule.h"
 
 static PFW_RULESET g_Head;
 static PFW_RULE g_Rules[4];

@@ -14,7 +14,7 @@
 #include <string>
 #include <vector>
 
-#include "api/KxPfwRule.h"
+#include "api/include/KxPfwRule.h"
 #include "tests/standins/StandIn.h"
 
 struct HashStandInState

@@ -6,7 +6,7 @@
 #include <functional>
 #include <vector>
 
-#include "api/KxPfwRule.h"
+#include "api/include/KxPfwRule.h"
 #include "common/srclib/KxComn_String.h"
 
 /// What CHashDll does for as long as this lives; without one, loading fails. One at a time.

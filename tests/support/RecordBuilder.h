@@ -8,7 +8,7 @@
 #include <string_view>
 #include <vector>
 
-#include "api/KxPfwRule.h"
+#include "api/include/KxPfwRule.h"
 #include "common/srclib/KxComn_Names.h"
 #include "common/srclib/KxComn_String.h"
 

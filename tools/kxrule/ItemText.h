@@ -7,7 +7,7 @@
 #include <string>
 #include <string_view>
 
-#include "api/KxPfwRule.h"
+#include "api/include/KxPfwRule.h"
 
 namespace Tool
 {

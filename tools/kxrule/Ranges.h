@@ -6,7 +6,7 @@
 #include <optional>
 #include <vector>
 
-#include "api/KxPfwRule.h"
+#include "api/include/KxPfwRule.h"
 
 namespace Tool
 {

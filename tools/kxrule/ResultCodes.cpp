@@ -1,7 +1,7 @@
 // The library's result codes in words.
 #include "tools/kxrule/ResultCodes.h"
 
-#include "api/KxPfwRule.h"
+#include "api/include/KxPfwRule.h"
 
 namespace Tool
 {

@@ -8,7 +8,7 @@
 #include <span>
 #include <string_view>
 
-#include "api/KxPfwRule.h"
+#include "api/include/KxPfwRule.h"
 
 namespace Tool
 {

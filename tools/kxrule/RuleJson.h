@@ -10,7 +10,7 @@
 #include <string_view>
 #include <vector>
 
-#include "api/KxPfwRule.h"
+#include "api/include/KxPfwRule.h"
 #include "tools/kxrule/Policy.h"
 
 namespace Tool

@@ -3,7 +3,7 @@
 
 #include <string>
 
-#include "api/KxPfwRule.h"
+#include "api/include/KxPfwRule.h"
 #include "common/srclib/KxComn_Windows.h"
 
 namespace Tool
