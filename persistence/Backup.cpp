@@ -1,150 +1,153 @@
 // Copies of what could not be read, so that nothing is lost by going on without it. docs/recovery.md tells where what
 // lies and how to get rules back from it.
-#include "persistence/Backup.h"
-
 #include <cstdio>
 
 #include "common/srclib/KxComn_Windows.h"
 
 #include "common/srclib/KxComn_Files.h"
 #include "common/srclib/KxComn_Trace.h"
-#include "persistence/FileFormat.h"
-#include "persistence/RuleFiles.h"
+#include "persistence/EncryptFile.h"
+#include "persistence/RuleDirectory.h"
+#include "persistence/RuleSetFiles.h"
+#include "persistence/RuleSetFormat.h"
 
-namespace Backup
-{
+namespace Files = KxCommon::Files;
 
 namespace
 {
 
-namespace Files = KxCommon::Files;
-
-// False only when it is certain that there is nothing: a file that cannot be looked at may still be one to keep.
-bool MayExist(const std::string& path) noexcept
+// The first name of its kind, or that one with a number after it.
+std::string Numbered(const std::string& name, unsigned number)
 {
-    if (Files::Attributes(path.c_str()) != INVALID_FILE_ATTRIBUTES)
+    return number == 1 ? name : name + std::to_string(number);
+}
+
+std::string FreeName(const std::string& name)
+{
+    unsigned number = 1;
+    while (Files::MayExist(Numbered(name, number).c_str()))
+        ++number;
+    return Numbered(name, number);
+}
+
+// Only of a damaged copy is it certain that it is not the last whole one of a rule set.
+bool MayWriteOver(const std::string& copy)
+{
+    if (!Files::MayExist(copy.c_str()))
         return true;
-    const DWORD error = ::GetLastError();
-    return error != ERROR_FILE_NOT_FOUND && error != ERROR_PATH_NOT_FOUND;
+    CEncryptFile file;
+    return file.Open(copy.c_str(), GENERIC_READ) && !RuleSetFormat::IsWhole(file);
 }
 
-// 0, or the system's error.
-DWORD CopyTraced(const std::string& from, const std::string& to) noexcept
+std::string DateNow()
 {
-    if (Files::Copy(from.c_str(), to.c_str()))
-        return ERROR_SUCCESS;
-    const DWORD error = ::GetLastError();
-    KX_TRACE(KxCommon::kTraceError, "\tCopyFile() failed (%lu): %s -> %s", error, from.c_str(), to.c_str());
-    return error == ERROR_SUCCESS ? ERROR_GEN_FAILURE : error;
-}
-
-// Lengthens a name until nothing bears it.
-std::string FreeName(std::string path)
-{
-    while (Files::Attributes(path.c_str()) != INVALID_FILE_ATTRIBUTES)
-        path += '_';
-    return path;
-}
-
-// Where the broken file of that name is kept; makes the directory for it.
-std::string BrokenName(const std::string& ruleDirectory, const std::string& fileName)
-{
-    const std::string directory = Directory(ruleDirectory);
-    static_cast<void>(Files::MakeDirectory(directory.c_str())); // mostly there already
-    return directory + '\\' + fileName + FileFormat::kBrokenExtension;
-}
-
-} // namespace
-
-std::string Directory(const std::string& ruleDirectory)
-{
-    return ruleDirectory + FileFormat::kBackupDirectory;
-}
-
-std::string CreateBackupDirectoryByDate(const std::string& ruleDirectory)
-{
-    KX_TRACE_WIDE(KxCommon::kTraceDetail, L"CreateBackupDirectoryByDate [Enter]");
-    std::string directory = Directory(ruleDirectory);
-    static_cast<void>(Files::MakeDirectory(directory.c_str())); // mostly there already
-
     SYSTEMTIME now;
     ::GetLocalTime(&now);
     char dated[64];
     std::snprintf(dated, sizeof dated, "\\%02d%02d%02d%02d%02d%02d", now.wYear - 2000, now.wMonth, now.wDay, now.wHour,
                   now.wMinute, now.wSecond);
-    directory += dated;
-    static_cast<void>(Files::MakeDirectory(directory.c_str())); // a backup in the same second shares it
-    KX_TRACE_WIDE(KxCommon::kTraceCall, L"Created backup directory [%S]", directory.c_str());
+    return dated;
+}
+
+} // namespace
+
+// With a dated directory in it, if a date is given. Its name, ending in a backslash.
+std::string RuleDirectory::MakeBackupDirectory(const std::string& dated) const
+{
+    std::string name = FileFormat::kBackupDirectory;
+    static_cast<void>(Files::MakeDirectory(PathOf(name).c_str())); // mostly there already
+    if (!dated.empty())
+        static_cast<void>(Files::MakeDirectory(PathOf(name += dated).c_str())); // a backup in the same second shares it
+    return name += '\\';
+}
+
+std::string RuleDirectory::CreateBackupDirectoryByDate() const
+{
+    KX_TRACE_WIDE(KxCommon::kTraceDetail, L"CreateBackupDirectoryByDate [Enter]");
+    std::string directory = MakeBackupDirectory(DateNow());
+    const std::string shown = ShownPathOf(directory.substr(0, directory.size() - 1));
+    KX_TRACE_WIDE(KxCommon::kTraceCall, L"Created backup directory [%S]", shown.c_str());
     return directory;
 }
 
-bool BackupAllRules(const std::string& ruleDirectory, const std::string& masterFileName)
+bool RuleDirectory::BackupAllRules() const
 {
     KX_TRACE(KxCommon::kTraceDetail, "BackupAllRules [Enter]");
-    const std::string backup = CreateBackupDirectoryByDate(ruleDirectory) + '\\';
-    // The lines come first: after a crash in between they tell where to look.
-    const std::string master = ruleDirectory + masterFileName;
-    const std::string keptMaster = backup + masterFileName;
-    KX_TRACE_WIDE(KxCommon::kTraceCall, L"Move master file : [%S] -> [%S]", master.c_str(), keptMaster.c_str());
-    bool isComplete = true;
-    const std::vector<std::string> names = RuleFiles::FindRuleSetFiles(ruleDirectory, &isComplete);
-    isComplete = (Files::Move(master.c_str(), keptMaster.c_str(), 0) || !MayExist(master)) && isComplete;
-    for (const std::string& name : names)
+    const std::string backup = CreateBackupDirectoryByDate();
+    // The line comes first: after a crash in between it tells where to look.
+    const auto move = [&](const wchar_t* line, const std::string& name)
     {
-        const std::string file = ruleDirectory + name;
-        const std::string kept = backup + name;
-        KX_TRACE_WIDE(KxCommon::kTraceCall, L"Move ruleset file : [%S] -> [%S]", file.c_str(), kept.c_str());
-        isComplete = (Files::Move(file.c_str(), kept.c_str(), 0) || !MayExist(file)) && isComplete;
-    }
+        KX_TRACE_WIDE(KxCommon::kTraceCall, line, ShownPathOf(name).c_str(), ShownPathOf(backup + name).c_str());
+        return Files::Move(PathOf(name).c_str(), PathOf(backup + name).c_str(), false) || !MayExist(name);
+    };
+    bool isComplete = move(L"Move master file : [%S] -> [%S]", m_MasterFileName);
+    std::vector<std::string> names;
+    isComplete = FindRuleSetFiles(names) && isComplete;
+    for (const std::string& name : names)
+        isComplete = move(L"Move ruleset file : [%S] -> [%S]", name) && isComplete;
     KX_TRACE(KxCommon::kTraceDetail, "BackupAllRules [Leave]");
     return isComplete;
 }
 
-bool SafetyCopy::Complete(const std::string& ruleDirectory, const std::string& masterFileName,
-                          const std::string& macroFileName)
+void RuleDirectory::CopyUnread(RuleSetFiles& files) const
 {
-    bool complete = true;
-    std::vector<std::string> names = RuleFiles::FindRuleSetFiles(ruleDirectory, &complete);
-    names.push_back(masterFileName);
-    names.push_back(macroFileName);
+    std::vector<std::string> names;
+    static_cast<void>(FindRuleSetFiles(names)); // what it misses is copied when it is written over
+    names.push_back(m_MasterFileName);
+    names.push_back(m_MacroFileName);
+    std::string backup;
     for (const std::string& name : names)
     {
-        const std::string file = ruleDirectory + name;
-        const DWORD attributes = Files::Attributes(file.c_str());
-        const bool isDirectory = attributes != INVALID_FILE_ATTRIBUTES && (attributes & FILE_ATTRIBUTE_DIRECTORY) != 0;
-        if (isDirectory || m_Copied.count(name) != 0 || !MayExist(file))
+        if (!files.HoldsMore(name) || !IsFile(name))
             continue;
-        if (m_Directory.empty() || Files::Attributes(m_Directory.c_str()) == INVALID_FILE_ATTRIBUTES)
-        {
-            m_Directory = CreateBackupDirectoryByDate(ruleDirectory) + '\\';
-            m_Copied.clear();
-        }
-        // A free name: a backup of the same second shares the directory, and both are kept.
-        if (CopyTraced(file, FreeName(m_Directory + name)) == ERROR_SUCCESS)
-            m_Copied.insert(name);
-        else
-            complete = false;
+        if (backup.empty())
+            backup = MakeBackupDirectory(DateNow());
+        // A free name: a backup of the same second shares the directory, and both stay.
+        const std::string copy = FreeName(PathOf(backup + name)).substr(m_Path.size());
+        if (CopyTraced(name, copy, true) == ERROR_SUCCESS)
+            files.NoteKept(name);
     }
-    return complete;
 }
 
-uint32_t KeepBroken(const std::string& ruleDirectory, const std::string& fileName, bool mayReplace)
+// 0, or the system's error.
+uint32_t RuleDirectory::CopyTraced(const std::string& from, const std::string& to, bool isTraced) const
 {
-    const std::string file = ruleDirectory + fileName;
-    if (!MayExist(file))
+    if (Files::Copy(PathOf(from).c_str(), PathOf(to).c_str()))
         return ERROR_SUCCESS;
-    const std::string kept = BrokenName(ruleDirectory, fileName);
-    const std::string free = FreeName(kept);
-    if (free == kept || !mayReplace)
-        return CopyTraced(file, free);
-    // An earlier copy may be read-only, as its file was.
-    return CopyTraced(file, kept) == ERROR_SUCCESS ? ERROR_SUCCESS : CopyTraced(file, free);
+    const DWORD error = ::GetLastError();
+    if (isTraced)
+        KX_TRACE(KxCommon::kTraceError, "\tCopyFile() failed (%lu): %s -> %s", error, ShownPathOf(from).c_str(),
+                 ShownPathOf(to).c_str());
+    return error == ERROR_SUCCESS ? ERROR_GEN_FAILURE : error;
 }
 
-bool MoveBroken(const std::string& ruleDirectory, const std::string& fileName)
+uint32_t RuleDirectory::CopyBroken(const std::string& fileName, bool isTraced) const
 {
-    const std::string file = ruleDirectory + fileName;
-    return Files::Move(file.c_str(), FreeName(BrokenName(ruleDirectory, fileName)).c_str(), 0);
+    if (!IsFile(fileName))
+        return ERROR_SUCCESS;
+    const std::string copy = MakeBackupDirectory({}) + fileName + FileFormat::kBrokenExtension;
+    unsigned number = 1;
+    while (!MayWriteOver(PathOf(Numbered(copy, number))))
+        ++number;
+    const uint32_t error = CopyTraced(fileName, Numbered(copy, number), isTraced);
+    // A damaged earlier copy may be read-only, as its file was.
+    if (error != ERROR_ACCESS_DENIED || !Files::MayExist(PathOf(Numbered(copy, number)).c_str()))
+        return error;
+    return CopyTraced(fileName, FreeName(PathOf(copy)).substr(m_Path.size()), isTraced);
 }
 
-} // namespace Backup
+uint32_t RuleDirectory::KeepBroken(const std::string& fileName, bool isTraced) const
+{
+    if (CopyBroken(fileName, isTraced) == ERROR_SUCCESS)
+        return ERROR_SUCCESS;
+    // Beside itself it needs neither room nor RuleBackup nor sectors that can be read.
+    for (unsigned number = 1;; ++number)
+    {
+        const std::string aside = Numbered(fileName + FileFormat::kBrokenExtension, number);
+        if (Files::Move(PathOf(fileName).c_str(), PathOf(aside).c_str(), false))
+            return ERROR_SUCCESS;
+        const DWORD error = ::GetLastError();
+        if (error != ERROR_ALREADY_EXISTS && error != ERROR_FILE_EXISTS)
+            return error == ERROR_SUCCESS ? ERROR_GEN_FAILURE : error;
+    }
+}

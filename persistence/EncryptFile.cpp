@@ -11,9 +11,6 @@ namespace Files = KxCommon::Files;
 namespace
 {
 
-constexpr DWORD kRetryStep = 20; // milliseconds
-constexpr ULONGLONG kRetryTime = 1000;
-
 // Lack of the machine's resources must not look like a missing or broken file.
 void ThrowIfExhausted(DWORD error)
 {
@@ -35,24 +32,20 @@ void ThrowIfExhausted(DWORD error)
     }
 }
 
-KxCommon::UniqueFile OpenForReading(const char* path)
+// Without sharing; where somebody else has the file open, so that he goes on and no writer comes in. (Others' handles must
+// then allow ours, so this keeps out writers alone: a reader is not one.)
+KxCommon::UniqueFile OpenPatiently(const char* path, DWORD access, DWORD disposition, DWORD patience)
 {
-    const ULONGLONG start = ::GetTickCount64();
-    for (;;)
+    KxCommon::UniqueFile file;
+    const auto attempt = [&]
     {
-        KxCommon::UniqueFile file = Files::Open(path, GENERIC_READ, OPEN_EXISTING);
-        if (file)
-            return file;
-        const DWORD error = ::GetLastError();
-        const bool mayPass = error == ERROR_SHARING_VIOLATION || error == ERROR_LOCK_VIOLATION;
-        if (!mayPass || ::GetTickCount64() - start >= kRetryTime)
-        {
-            ThrowIfExhausted(error);
-            ::SetLastError(error);
-            return file;
-        }
-        ::Sleep(kRetryStep);
-    }
+        file = Files::Open(path, access, disposition);
+        if (!file && Files::IsBusy(::GetLastError()))
+            file = Files::Open(path, access, disposition, FILE_SHARE_READ | FILE_SHARE_DELETE);
+        return static_cast<bool>(file);
+    };
+    Files::Persist(patience, attempt, Files::IsBusy);
+    return file;
 }
 
 } // namespace
@@ -67,20 +60,19 @@ CEncryptFile::~CEncryptFile()
     Close();
 }
 
-bool CEncryptFile::Open(const char* path, DWORD access)
+bool CEncryptFile::Open(const char* path, DWORD access, DWORD patience)
 {
     if (m_File)
         return false;
     const bool reading = access == GENERIC_READ;
-    m_File = reading ? OpenForReading(path) : Files::Open(path, access, CREATE_ALWAYS);
-    if (!m_File)
-        return false;
+    m_File = OpenPatiently(path, access, reading ? OPEN_EXISTING : CREATE_ALWAYS, patience);
     m_Remaining = 0;
-    if (reading && !Files::Size(m_File.get(), &m_Remaining))
+    if (!m_File || (reading && !Files::Size(m_File.get(), &m_Remaining)))
     {
         const DWORD error = ::GetLastError();
         m_File.reset();
-        ThrowIfExhausted(error);
+        if (reading)
+            ThrowIfExhausted(error);
         ::SetLastError(error);
         return false;
     }

@@ -4,18 +4,21 @@
 #include "common/srclib/KxComn_Handle.h"
 #include "persistence/EncryptStream.h"
 
-/// Opened without sharing. The destructor closes the file. Traces nothing: its users do.
+/// Opened without sharing if possible. The destructor closes the file. Traces nothing: its users do.
 class CEncryptFile final : public CEncryptStream
 {
 public:
     explicit CEncryptFile(CStreamBuffer* lent = nullptr);
     ~CEncryptFile() override;
 
-    /// False when a file is open already, or the system refuses. GENERIC_READ opens an existing file, and waits up to
-    /// about a second for a sharing or lock violation to pass: a virus scanner's open file must not look like a broken
-    /// rule set. Any other access creates or truncates. Reading, here and later, throws std::bad_alloc when the system says
-    /// that it lacks memory or handles: that is no damage either.
-    [[nodiscard]] bool Open(const char* path, DWORD access);
+    static constexpr DWORD kPatience = 1000; // milliseconds
+
+    /// False when a file is open already, or the system refuses; GetLastError tells why. GENERIC_READ opens an existing
+    /// file, any other access creates or truncates. Where others have the file open, it is opened beside them as long as
+    /// no one else may write; where that is refused too, patience milliseconds are waited for it to pass: a virus
+    /// scanner's open file must not look like a broken rule set. Reading, here and later, throws std::bad_alloc when the
+    /// system says that it lacks memory or handles: that is no damage either.
+    [[nodiscard]] bool Open(const char* path, DWORD access, DWORD patience = kPatience);
     /// False when no file is open or CloseHandle fails; no file is open afterwards. Bytes not yet handed over by
     /// Finish are dropped.
     bool Close();

@@ -33,6 +33,19 @@ bool WriteItems(CEncryptStream& stream, const std::vector<MACRO_ITEM>& items)
 
 } // namespace
 
+FileDefect Read(CEncryptStream& stream, std::list<CMacro>& macros)
+{
+    const FileDefect defect = ReadHead(stream, FileKind::Macros).Defect;
+    try
+    {
+        return defect == FileDefect::None && !ReadMacros(stream, macros) ? FileDefect::DamagedItem : defect;
+    }
+    catch (CEncryptStream::Exception)
+    {
+        return FileDefect::Damaged;
+    }
+}
+
 bool ReadMacros(CEncryptStream& stream, std::list<CMacro>& macros)
 {
     uint32_t macroCount = 0;

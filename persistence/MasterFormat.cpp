@@ -2,24 +2,22 @@
 // docs/format.md, "Master file".
 #include "persistence/MasterFormat.h"
 
-#include <cstring>
-
-#include "persistence/FileFormat.h"
-
 namespace MasterFormat
 {
 
-Head ReadHead(CEncryptStream& stream)
+FileDefect Read(CEncryptStream& stream, MasterFields& fields)
 {
-    // A file of fewer bytes reads as success and leaves the rest: it has the wrong magic, it is not unreadable.
-    char magic[FileFormat::kMagicBytes] = {};
-    if (!stream.Read(magic, sizeof magic, false))
-        return Head::Unreadable;
-    if (std::memcmp(magic, FileFormat::kMasterMagic, sizeof magic) != 0)
-        return Head::WrongMagic;
-    uint32_t version = 0;
-    stream.ReadU32(version);
-    return version == FileFormat::kVersion ? Head::Good : Head::WrongVersion;
+    const FileDefect defect = ReadHead(stream, FileKind::Master).Defect;
+    try
+    {
+        if (defect == FileDefect::None)
+            ReadFields(stream, fields);
+        return defect;
+    }
+    catch (CEncryptStream::Exception)
+    {
+        return FileDefect::Damaged;
+    }
 }
 
 void ReadFields(CEncryptStream& stream, MasterFields& fields)

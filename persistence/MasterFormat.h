@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "persistence/EncryptStream.h"
+#include "persistence/FileHead.h"
 
 struct MasterFields
 {
@@ -18,17 +19,9 @@ struct MasterFields
 namespace MasterFormat
 {
 
-enum class Head
-{
-    Good,
-    Unreadable,
-    WrongMagic,
-    WrongVersion
-};
-
-/// Magic and version. Throws CEncryptStream::Exception when the version record cannot be read.
-[[nodiscard]] Head ReadHead(CEncryptStream& stream);
-/// The fields, in order. Each is stored as soon as it is read (ActiveRuleSets and RuleSetFileNames are appended to), so
+/// A whole file, from its head on. What was read before a defect is in fields.
+[[nodiscard]] FileDefect Read(CEncryptStream& stream, MasterFields& fields);
+/// The fields after the head, in order. Throws CEncryptStream::Exception. Each is stored as soon as it is read (ActiveRuleSets and RuleSetFileNames are appended to), so
 /// what was read before an exception is there. The count of names reserves nothing.
 void ReadFields(CEncryptStream& stream, MasterFields& fields);
 /// Everything behind the magic, version first.

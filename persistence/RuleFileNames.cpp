@@ -75,6 +75,11 @@ bool IsRuleSetFileName(std::string_view name) noexcept
            name.substr(0, stem).find('.') == std::string_view::npos;
 }
 
+bool IsOwnRuleSetFileName(std::string_view name) noexcept
+{
+    return EqualNoCase(name, RuleSetFileName(IndexFromFileName(name)));
+}
+
 uint16_t IndexFromFileName(std::string_view fileName) noexcept
 {
     constexpr size_t kPrefix = sizeof FileFormat::kRuleSetPrefix - 1;

@@ -14,6 +14,8 @@ namespace RuleFiles
 /// angle bracket, bar or control byte, no leading or trailing dot or blank, no device name, not empty, at most 200
 /// bytes. Names out of a master file pass here before anything is opened.
 [[nodiscard]] bool IsBareName(std::string_view name) noexcept;
+/// True for the names that RuleSetFileName gives, in any letter case: no other file may bear one.
+[[nodiscard]] bool IsOwnRuleSetFileName(std::string_view name) noexcept;
 /// True for the names that the wildcard pattern of rule set files means: prefix, up to four characters, extension, in
 /// any letter case. The system's own matching also finds longer names through their short ones.
 [[nodiscard]] bool IsRuleSetFileName(std::string_view name) noexcept;

@@ -5,16 +5,10 @@
 #include <vector>
 
 #include "persistence/FileFormat.h"
+#include "persistence/FileHead.h"
 
 namespace RuleSetFormat
 {
-
-uint32_t ReadVersion(CEncryptStream& stream)
-{
-    uint32_t version = 0;
-    stream.ReadU32(version);
-    return version;
-}
 
 void ReadHeader(CEncryptStream& stream, uint32_t version, Header& header)
 {
@@ -40,6 +34,29 @@ int32_t RuleCount(const Header& header) noexcept
 bool ReadRule(CEncryptStream& stream, PFW_RULE& rule)
 {
     return stream.Read(&rule, sizeof rule, true);
+}
+
+bool IsWhole(CEncryptStream& stream)
+{
+    const FileHead head = ReadHead(stream, FileKind::RuleSet);
+    if (head.Defect != FileDefect::None)
+        return false;
+    try
+    {
+        Header header;
+        ReadHeader(stream, head.Version, header);
+        PFW_RULE rule;
+        for (int32_t i = head.Version == FileFormat::kOldVersion ? 0 : RuleCount(header); i > 0; --i)
+        {
+            if (!ReadRule(stream, rule))
+                return false;
+        }
+        return header.Index != 0;
+    }
+    catch (CEncryptStream::Exception)
+    {
+        return false;
+    }
 }
 
 void WriteHeader(CEncryptStream& stream, const Header& header)

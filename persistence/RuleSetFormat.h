@@ -19,14 +19,15 @@ struct Header
     uint32_t RuleCount = 0;
 };
 
-/// The version record; throws CEncryptStream::Exception.
-[[nodiscard]] uint32_t ReadVersion(CEncryptStream& stream);
-/// Index, name and count behind a version that is one of the two known; throws as above.
+/// Index, name and count after a version that is one of the two known; throws CEncryptStream::Exception.
 void ReadHeader(CEncryptStream& stream, uint32_t version, Header& header);
 /// The number of records behind the header. kept: a count with the top bit set is negative and means none.
 [[nodiscard]] int32_t RuleCount(const Header& header) noexcept;
 /// One record, decrypted into its place. False when it cannot be read; rule is then unspecified.
 [[nodiscard]] bool ReadRule(CEncryptStream& stream, PFW_RULE& rule);
+/// Reads a whole file from its head on: whether the library would take it as it is. (It does not read the rules of an old
+/// version, so those are not looked at.)
+[[nodiscard]] bool IsWhole(CEncryptStream& stream);
 
 /// Version, index, name and count; throws as above.
 void WriteHeader(CEncryptStream& stream, const Header& header);

@@ -53,7 +53,7 @@ void MasterLock::WaitForOwner() noexcept KX_NO_THREAD_SAFETY_ANALYSIS
         return;
     }
     ++m_Waiters;
-    ::SleepConditionVariableCS(&m_Changed, m_State.Native(), m_Keeper ? kKeeperCheck : INFINITE);
+    ::SleepConditionVariableCS(&m_Changed, m_State.Native(), m_KeptHolds > 0 ? kKeeperCheck : INFINITE);
     --m_Waiters;
 }
 
@@ -72,13 +72,13 @@ void MasterLock::Keep() noexcept
 void MasterLock::ReleaseKept() noexcept
 {
     const StateGuard state(m_State);
-    if (m_KeptHolds == 0 || IsOther())
+    if (m_KeptHolds == 0)
         return;
     const unsigned holds = m_KeptHolds;
     m_KeptHolds = 0;
     m_Keeper.reset();
     Release(holds);
-    WakeWaiters(); // no longer kept, though this thread may still hold it
+    WakeWaiters(); // no longer kept, though its keeper may still hold it
 }
 
 bool MasterLock::IsKeptByOther() noexcept
@@ -91,5 +91,12 @@ void MasterLock::WaitWhileKeptByOther() noexcept
 {
     const StateGuard state(m_State);
     while (m_KeptHolds > 0 && IsOther())
+        WaitForOwner();
+}
+
+void MasterLock::WaitOnceWhileKeptByOther() noexcept
+{
+    const StateGuard state(m_State);
+    if (m_KeptHolds > 0 && IsOther())
         WaitForOwner();
 }

@@ -21,12 +21,14 @@ public:
 
     /// Turns one hold of the calling thread into a kept one. Global lock held.
     void Keep() noexcept;
-    /// Gives all kept holds of the calling thread back and wakes those who wait; nothing when it keeps none.
+    /// Gives all kept holds back, whichever thread keeps them, and wakes those who wait. Global lock held.
     void ReleaseKept() noexcept;
 
     [[nodiscard]] bool IsKeptByOther() noexcept;
     /// Returns when no other thread keeps the lock. No lock that the keeper needs may be held.
     void WaitWhileKeptByOther() noexcept;
+    /// Returns after a moment, or at once when no other thread keeps the lock.
+    void WaitOnceWhileKeptByOther() noexcept;
 
 private:
     [[nodiscard]] bool IsOther() const noexcept KX_REQUIRES(m_State) { return m_Owner != ::GetCurrentThreadId(); }

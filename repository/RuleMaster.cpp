@@ -6,11 +6,8 @@
 #include <new>
 #include <utility>
 
-#include "common/srclib/KxComn_Files.h"
 #include "common/srclib/KxComn_Settings.h"
 #include "common/srclib/KxComn_Trace.h"
-#include "common/srclib/Utility.h"
-#include "persistence/Backup.h"
 
 using KxCommon::kTraceCall;
 using RecordGuard = KxCommon::Synchronize::ScopedLock<CCriticalSectionLock>;
@@ -20,26 +17,7 @@ namespace
 
 constexpr uint32_t kTimerProcess = 0;
 constexpr uint32_t kTimerIndex = 0xFFFFFFAE;
-
-// The file of a deleted rule set. Both texts are made before anything changes, so that nothing throws afterwards.
-struct GoneFile
-{
-    std::string Name;
-    std::string Path;
-    bool IsUnkept;
-};
-
-bool IsKept(const std::string& rulePath, const std::string& fileName) noexcept
-{
-    try
-    {
-        return Backup::KeepBroken(rulePath, fileName, false) == 0;
-    }
-    catch (const std::bad_alloc&)
-    {
-        return false;
-    }
-}
+constexpr uint32_t kLastPatience = 2000; // milliseconds; nobody will try again after Finalize
 
 int32_t CopyIndexes(const std::vector<uint16_t>& from, uint16_t* to, int32_t maxCount) noexcept
 {
@@ -52,53 +30,51 @@ int32_t CopyIndexes(const std::vector<uint16_t>& from, uint16_t* to, int32_t max
 
 int32_t CRuleMaster::Init(const std::string& rulePath, const char* masterFileName)
 {
-    // An empty path (the library's own directory could not be found) must not become the root of the drive.
-    std::string path = rulePath.empty() ? ".\\" : rulePath;
-    KxCommon::AppendSeparator(path);
-    std::string masterName =
-        masterFileName != nullptr && *masterFileName != 0 ? masterFileName : FileFormat::kMasterFileName;
+    const bool isNamed = masterFileName != nullptr && *masterFileName != 0;
     {
         const MasterGuard guard(m_Lock);
         m_NextIndex = 1;
         Empty();
-        // Stopping and starting makes nobody forget that this directory was not read whole.
-        m_IsReadIncomplete = m_IsReadIncomplete && path == m_RulePath;
-        m_SafetyCopy = {}; // others may have written since
-        m_RulePath = std::move(path);
-        if (KxCommon::Files::Attributes(m_RulePath.c_str()) != FILE_ATTRIBUTE_DIRECTORY)
-            static_cast<void>(KxCommon::Files::MakeDirectory(m_RulePath.c_str())); // a missing one shows at the writes
-        m_MasterFileName = std::move(masterName);
-        m_MacroFileName = FileFormat::kMacroFileName;
+        m_ReadState = ReadState::NotRead;
+        m_Files.Clear();
+        m_Directory.Locate(rulePath, isNamed ? masterFileName : FileFormat::kMasterFileName);
+        m_Directory.MakeIfMissing();
         m_WriteInterval = KxCommon::Settings::WriteInterval();
         m_IsDirty = false;
         m_Modified.reset();
-        m_UnkeptSets.clear();
         m_IsLive = true;
     }
     // Without a timer the store works on: changes are then written by kxRuleWrite, kxRuleFlush and Finalize.
     m_WriteTimer.Register(kTimerProcess, kTimerIndex, CallbackFuncWriteTimeOut, m_WriteInterval, this, true);
-    KX_TRACE(kTraceCall, "RulePath=%s, RuleMaster=%s", m_RulePath.c_str(), m_MasterFileName.c_str());
+    const MasterGuard guard(m_Lock);
+    KX_TRACE(kTraceCall, "RulePath=%s, RuleMaster=%s", m_Directory.Given().c_str(),
+             m_Directory.MasterFileName().c_str());
     return KXRULE_OK;
 }
 
 int32_t CRuleMaster::Finalize()
 {
+    // A keeper that is another thread has nothing to write, and nothing is changed for it any more. The timer's thread may
+    // be waiting for the lock, and is waited for below.
+    m_Lock.ReleaseKept();
     if (!m_IsLive)
-    {
-        m_Lock.ReleaseKept();
         return KXRULE_OK;
-    }
     {
         // A hash refresh comes without the outer lock: what one has changed is written too, and none begins afterwards.
         const MasterGuard guard(m_Lock);
+        m_Directory.SetPatience(kLastPatience);
         if (m_IsDirty)
             static_cast<void>(WriteAll()); // there is nobody left to tell; kxRuleFlush before tells
         m_IsLive = false;
     }
-    // The timer's thread may be waiting for a lock that this thread kept, and is waited for next.
-    m_Lock.ReleaseKept();
     m_WriteTimer.Unregister(kTimerProcess, kTimerIndex);
     return KXRULE_OK;
+}
+
+void CRuleMaster::WaitForKeeper() noexcept
+{
+    while (MustWaitForKeeper())
+        m_Lock.WaitOnceWhileKeptByOther();
 }
 
 bool CRuleMaster::MayChange() noexcept KX_NO_THREAD_SAFETY_ANALYSIS
@@ -122,7 +98,6 @@ void CRuleMaster::Empty() noexcept
     m_RuleSets.Clear();
     m_Macros.clear();
     m_ActiveRuleSets.clear();
-    m_RuleSetFileNames.clear();
 }
 
 void CRuleMaster::MarkModified(uint16_t ruleSetIndex) noexcept
@@ -211,46 +186,46 @@ int32_t CRuleMaster::DeleteRuleSet(uint16_t index)
             return KXRULE_E_NO_RULESET;
     } while (!MayChange());
 
-    std::vector<GoneFile> files;
+    const MasterGuard guard(m_Lock);
+    struct GoneSet
     {
-        const MasterGuard guard(m_Lock);
-        for (size_t i = 0; i < m_RuleSets.Size(); ++i)
-        {
-            const uint16_t key = m_RuleSets.KeyAt(i);
-            const std::string& name = m_RuleSets.ValueAt(i).FileName();
-            if ((index == 0 || key == index) && !name.empty()) // a set that was never written has no file
-                files.push_back({name, m_RulePath + name, m_UnkeptSets.count(key) != 0});
-        }
-        m_IsDirty = true;
-        if (index == 0)
-        {
-            m_RuleSets.Clear();
-            m_Modified.reset();
-            m_UnkeptSets.clear();
-            m_NextIndex = 1;
-        }
-        else
-        {
-            m_Modified.reset(index);
-            m_UnkeptSets.erase(index);
-            m_RuleSets.Erase(index);
-        }
+        uint16_t Index;
+        std::string FileName;
+    };
+    std::vector<GoneSet> gone; // made before anything changes, so that nothing throws half-way
+    for (size_t i = 0; i < m_RuleSets.Size(); ++i)
+    {
+        const std::string& name = m_RuleSets.ValueAt(i).FileName();
+        if ((index == 0 || m_RuleSets.KeyAt(i) == index) && !name.empty()) // a set that was never written has no file
+            gone.push_back({m_RuleSets.KeyAt(i), name});
+    }
+    m_IsDirty = true;
+    if (index == 0)
+    {
+        m_RuleSets.Clear();
+        m_Modified.reset();
+        m_NextIndex = 1;
+    }
+    else
+    {
+        m_Modified.reset(index);
+        m_RuleSets.Erase(index);
     }
 
     // The list on disk stops naming the files before they go: a crash in between leaves a file too many, not one
     // too few.
     const int32_t result = WriteMasterFile();
-    if (result != KXRULE_OK)
-        return result;
-    for (const GoneFile& file : files)
+    for (const GoneSet& set : gone)
     {
-        const MasterGuard guard(m_Lock);
-        m_IsDirty = true;
+        const bool holdsMore = m_Files.HoldsMore(set.FileName);
+        if (result != KXRULE_OK)
+            m_Files.NoteUnread(set.FileName); // its rules are in no memory any more
         // What a file holds beyond the set that was deleted goes only when there is a copy of it.
-        if (!file.IsUnkept || IsKept(m_RulePath, file.Name))
-            static_cast<void>(KxCommon::Files::Delete(file.Path.c_str()));
+        else if (m_Files.Release(set.FileName, set.Index) &&
+                 (!holdsMore || m_Directory.KeepBroken(set.FileName, true) == ERROR_SUCCESS))
+            static_cast<void>(m_Directory.Remove(set.FileName));
     }
-    return KXRULE_OK;
+    return result;
 }
 
 int32_t CRuleMaster::GetRuleSet(uint16_t index, PFW_RULESET* ruleSet, int32_t maxRules)

@@ -6,16 +6,15 @@
 #include <bitset>
 #include <cstdint>
 #include <list>
-#include <set>
 #include <string>
 #include <vector>
 
 #include "api/include/KxPfwRule.h"
 #include "common/srclib/KxComn_CriticalSection.h"
 #include "common/srclib/KxComn_IndexMap.h"
-#include "persistence/Backup.h"
-#include "persistence/FileFormat.h"
 #include "persistence/PfwTimer.h"
+#include "persistence/RuleDirectory.h"
+#include "persistence/RuleSetFiles.h"
 #include "repository/MasterLock.h"
 #include "repository/RuleSet.h"
 #include "rules/Macro.h"
@@ -50,11 +49,13 @@ public:
     // ----- life
     /// Starts from empty: directory, write interval, timer. Always 0. Not to be called while IsLive.
     int32_t Init(const std::string& rulePath, const char* masterFileName);
-    /// Writes what is pending, gives kept locks of the calling thread back, stops the timer. Always 0.
+    /// Writes what is pending, gives kept locks back, stops the timer. Always 0. Not to be called while MustWaitForKeeper.
     int32_t Finalize();
     [[nodiscard]] bool IsLive() const noexcept { return m_IsLive; }
-    [[nodiscard]] bool IsKeptByOther() noexcept { return m_Lock.IsKeptByOther(); }
-    void WaitWhileKeptByOther() noexcept { m_Lock.WaitWhileKeptByOther(); }
+    /// Whether another thread has kept the lock and something is there to write, which only that thread may.
+    [[nodiscard]] bool MustWaitForKeeper() noexcept { return m_IsDirty && m_Lock.IsKeptByOther(); }
+    /// Returns when no other thread keeps the lock, or nothing is left to write.
+    void WaitForKeeper() noexcept;
 
     // ----- files (RuleMasterFiles.cpp)
     /// kept: after a failure the calling thread goes on owning the master lock.
@@ -113,25 +114,26 @@ private:
     void MarkModified(uint16_t ruleSetIndex) noexcept KX_REQUIRES(m_Lock);
     void Empty() noexcept KX_REQUIRES(m_Lock);
 
-    // RuleMasterFiles.cpp
-    [[nodiscard]] int32_t ReadFiles(bool& isMasterBackedUp) KX_REQUIRES(m_Lock);
-    [[nodiscard]] int32_t ReadMasterFile(bool& isBackedUp) KX_REQUIRES(m_Lock);
-    /// False on a first start: neither a master file nor rule set files.
-    [[nodiscard]] bool ReadMasterFields() KX_REQUIRES(m_Lock);
-    void TakeMasterFields(MasterFields&& fields) KX_REQUIRES(m_Lock);
-    void NoteUnopened(DWORD error) KX_REQUIRES(m_Lock);
+    // RuleMasterReading.cpp
+    [[nodiscard]] int32_t ReadFiles() KX_REQUIRES(m_Lock);
+    [[nodiscard]] int32_t ReadMasterFile(MasterFields& fields, bool& isBackedUp) KX_REQUIRES(m_Lock);
+    [[nodiscard]] FileDefect ReadMasterFields(MasterFields& fields) KX_REQUIRES(m_Lock);
+    [[nodiscard]] bool IsFirstStart() KX_REQUIRES(m_Lock);
     [[nodiscard]] int32_t ReadMacroFile() KX_REQUIRES(m_Lock);
-    [[nodiscard]] int32_t ReadRuleSetFile() KX_REQUIRES(m_Lock);
+    [[nodiscard]] int32_t ReadRuleSetFile(const std::vector<std::string>& fileNames) KX_REQUIRES(m_Lock);
     [[nodiscard]] int32_t RescueRuleSet(CRuleSet&& ruleSet, bool isDamaged) KX_REQUIRES(m_Lock);
-    void StoreRuleSet(CRuleSet&& ruleSet) KX_REQUIRES(m_Lock);
-    [[nodiscard]] bool IsUsableRuleSetFileName(const std::string& name) const KX_REQUIRES(m_Lock);
+    void StoreRuleSet(CRuleSet&& ruleSet, bool holdsMore) KX_REQUIRES(m_Lock);
+
+    // RuleMasterFiles.cpp
     [[nodiscard]] int32_t WriteMasterFile();
     [[nodiscard]] int32_t WriteMacroFile();
     [[nodiscard]] int32_t WriteRuleSetFile();
-    [[nodiscard]] int32_t WriteOneRuleSet(CRuleSet& ruleSet, CStreamBuffer& buffer) KX_REQUIRES(m_Lock);
-    [[nodiscard]] bool KeepUnreadFiles() KX_REQUIRES(m_Lock);
-    void MarkDisplacedRuleSets() KX_REQUIRES(m_Lock);
-    [[nodiscard]] bool KeepUnread(const std::string& fileName) KX_REQUIRES(m_Lock);
+    /// WriteMasterFile without its lines, where a read or the order of writes needs a master file in between.
+    [[nodiscard]] int32_t StoreMaster() KX_REQUIRES(m_Lock);
+    [[nodiscard]] int32_t WriteInTurn(uint16_t index, CStreamBuffer& buffer) KX_REQUIRES(m_Lock);
+    [[nodiscard]] int32_t WriteOneRuleSet(uint16_t index, std::string target, CStreamBuffer& buffer)
+        KX_REQUIRES(m_Lock);
+    [[nodiscard]] uint32_t KeepReplaced(const std::string& fileName) KX_REQUIRES(m_Lock);
 
     CLock& m_OuterLock;
     MasterLock m_Lock;
@@ -143,19 +145,20 @@ private:
     std::vector<uint16_t> m_ActiveRuleSets KX_GUARDED_BY(m_Lock); // as last given, with duplicates and unknown indexes
     KxCommon::IndexMap<CRuleSet> m_RuleSets KX_GUARDED_BY(m_Lock);
     std::list<CMacro> m_Macros KX_GUARDED_BY(m_Lock);
-    std::string m_RulePath = ".\\"; // ends in a backslash; changed by Init alone
-    std::string m_MasterFileName = FileFormat::kMasterFileName;
-    std::string m_MacroFileName KX_GUARDED_BY(m_Lock) = FileFormat::kMacroFileName;
-    std::vector<std::string> m_RuleSetFileNames KX_GUARDED_BY(m_Lock); // as the master file lists them
     CPfwTimer m_WriteTimer;
     std::atomic<bool> m_IsDirty = false;                 // something changed since the last successful timed write
     std::bitset<65536> m_Modified KX_GUARDED_BY(m_Lock); // rule sets whose files must be written
 
     std::atomic<bool> m_IsLive = false; // between Init and Finalize
-    // Files may lie in the directory that the last ReadAll did not take into memory.
-    bool m_IsReadIncomplete KX_GUARDED_BY(m_Lock) = false;
-    Backup::SafetyCopy m_SafetyCopy KX_GUARDED_BY(m_Lock); // of those files
-    // Rule sets whose files hold what is not in memory and is not yet kept as a copy: read from the old version, or
-    // rescued without a copy.
-    std::set<uint16_t> m_UnkeptSets KX_GUARDED_BY(m_Lock);
+    enum class ReadState
+    {
+        NotRead, // Init, or a first start: files that turn up in the directory are somebody's
+        Whole,   // memory holds what the files do, or they have been copied
+        Partial  // something was not opened or not read, or has been moved away
+    };
+    ReadState m_ReadState KX_GUARDED_BY(m_Lock) = ReadState::NotRead;
+    RuleDirectory m_Directory KX_GUARDED_BY(m_Lock);
+    RuleSetFiles m_Files KX_GUARDED_BY(m_Lock);
+    const RuleDirectory::Keeper m_KeepReplaced = [this](const std::string& fileName) KX_NO_THREAD_SAFETY_ANALYSIS
+    { return KeepReplaced(fileName); };
 };

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -13,6 +14,8 @@
 
 class CEncryptStream;
 class CStreamBuffer;
+class RuleDirectory;
+enum class FileDefect;
 
 /// Every stored rule's wRuleIndex equals its key. No lock of its own: changes are made under the master lock, reads
 /// under the global lock (docs/threads.md).
@@ -62,20 +65,25 @@ public:
     [[nodiscard]] const std::string& FileName() const noexcept { return m_FileName; }
     void SetFileName(std::string fileName) noexcept { m_FileName = std::move(fileName); }
 
-    /// RuleSetFile.cpp. The directory ends in a backslash; the file is directory + FileName().
+    /// RuleSetFile.cpp. The file is FileName() in the directory.
     /// 0, KXRULE_E_FILE_OPEN, KXRULE_E_FILE_READ, KXRULE_E_RULESET_FORMAT. What was read before a failure stays.
     /// *version is set to the file's version as soon as it is known. Lets std::bad_alloc through: lack of memory is
     /// not damage. Both gather the bytes in the lent buffer, if there is one.
-    [[nodiscard]] int32_t Read(const std::string& directory, uint32_t* version = nullptr,
+    [[nodiscard]] int32_t Read(const RuleDirectory& directory, uint32_t* version = nullptr,
                                CStreamBuffer* lent = nullptr);
+    /// As RuleDirectory::Keeper: asked right before the file that is there is replaced.
+    using Keeper = std::function<uint32_t(const std::string& fileName)>;
     /// 0, KXRULE_E_FILE_OPEN, KXRULE_E_FILE_WRITE.
-    [[nodiscard]] int32_t Write(const std::string& directory, CStreamBuffer* lent = nullptr) const;
+    [[nodiscard]] int32_t Write(const RuleDirectory& directory, const Keeper& keep,
+                                CStreamBuffer* lent = nullptr) const;
 
 private:
     // A record is copied first and asked for its index then: the one it came from is another's memory and may change.
     [[nodiscard]] static uint16_t KeyOf(const CRule& rule) noexcept { return rule.Record().wRuleIndex; }
-    [[nodiscard]] int32_t Decode(const std::string& directory, uint32_t* version, CStreamBuffer* lent);
-    [[nodiscard]] bool ReadRules(CEncryptStream& stream, int32_t count);
+    struct FileOrder;
+    [[nodiscard]] FileDefect Decode(const RuleDirectory& directory, uint32_t* version, CStreamBuffer* lent,
+                                    FileOrder& order);
+    [[nodiscard]] bool ReadRules(CEncryptStream& stream, int32_t count, FileOrder& order);
 
     uint64_t m_Companion = 0; // belongs to the set and is copied with it; nothing here interprets it
     std::string m_FileName;

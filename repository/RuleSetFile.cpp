@@ -1,88 +1,112 @@
 // A rule set's file: which step failed, in trace lines and codes. The layout is persistence/RuleSetFormat.h's and
 // docs/format.md's.
-#include <cstring>
 #include <functional>
+#include <map>
 
 #include "common/srclib/KxComn_Trace.h"
 #include "persistence/EncryptFile.h"
 #include "persistence/FileFormat.h"
-#include "persistence/RuleFiles.h"
+#include "persistence/Recovery.h"
+#include "persistence/RuleDirectory.h"
 #include "persistence/RuleSetFormat.h"
 #include "repository/RuleSet.h"
 
 using KxCommon::kTraceCall;
 using KxCommon::kTraceError;
 
-namespace
+/// The rules of a file in its own order, those that a later one has replaced included.
+struct CRuleSet::FileOrder
 {
+    std::vector<uint16_t> Keys;
+    std::map<size_t, CRule> Replaced; // by place in Keys
+    std::map<uint16_t, size_t> Last;  // where a key stands last; empty until a rule is replaced, which no writer makes
 
-[[nodiscard]] int32_t Fail(const char* what, int32_t code) noexcept
+    void Add(uint16_t key, const CRule* former)
+    {
+        if (former != nullptr)
+        {
+            for (size_t i = 0; Last.empty() && i < Keys.size(); ++i)
+                Last[Keys[i]] = i;
+            Replaced.emplace(Last[key], *former);
+        }
+        if (!Last.empty())
+            Last[key] = Keys.size();
+        Keys.push_back(key);
+    }
+    void TakeOver(Rules& rules)
+    {
+        for (size_t i = 0; i < Keys.size(); ++i)
+        {
+            const auto replaced = Replaced.find(i);
+            (replaced == Replaced.end() ? *rules.Find(Keys[i]) : replaced->second).TakeOver();
+        }
+    }
+};
+
+int32_t CRuleSet::Read(const RuleDirectory& directory, uint32_t* version, CStreamBuffer* lent)
 {
-    KX_TRACE(kTraceError, "\t%s", what);
-    return code;
-}
-
-} // namespace
-
-int32_t CRuleSet::Read(const std::string& directory, uint32_t* version, CStreamBuffer* lent)
-{
-    KX_TRACE(kTraceCall, "CRuleSet::Read Enter (%s)", directory.c_str());
-    const int32_t result = Decode(directory, version, lent);
+    KX_TRACE(kTraceCall, "CRuleSet::Read Enter (%s)", directory.Given().c_str());
+    FileOrder order;
+    const FileDefect defect = Decode(directory, version, lent, order);
     // Only now that the file is closed: this may read whole programs, and nobody else can open the file meanwhile.
-    for (size_t i = 0; i < m_Rules.Size(); ++i)
-        m_Rules.ValueAt(i).TakeOver();
-    if (result == KXRULE_OK)
-        KX_TRACE(kTraceCall, "CRuleSet::Read Return");
-    return result;
-}
-
-int32_t CRuleSet::Decode(const std::string& directory, uint32_t* version, CStreamBuffer* lent)
-{
-    CEncryptFile file(lent);
-    if (!file.Open((directory + m_FileName).c_str(), GENERIC_READ))
-        return Fail("File open error", KXRULE_E_FILE_OPEN);
-    char magic[FileFormat::kMagicBytes] = {}; // a shorter file is a file with another magic
-    if (!file.Read(magic, sizeof magic, false))
-        return Fail("File read error", KXRULE_E_FILE_READ);
-    if (std::memcmp(magic, FileFormat::kRuleSetMagic, sizeof magic) != 0)
-        return Fail("File magic does not match", KXRULE_E_RULESET_FORMAT);
-    try
+    order.TakeOver(m_Rules);
+    if (defect != FileDefect::None)
     {
-        const uint32_t fileVersion = RuleSetFormat::ReadVersion(file);
-        if (version != nullptr)
-            *version = fileVersion;
-        if (fileVersion != FileFormat::kVersion && fileVersion != FileFormat::kOldVersion)
-            return Fail("File version does not match", KXRULE_E_RULESET_FORMAT);
-
-        RuleSetFormat::Header header;
-        RuleSetFormat::ReadHeader(file, fileVersion, header);
-        m_Index = header.Index;
-        m_Name = std::move(header.Name);
-        if (m_Index == 0) // means "none" and "all" everywhere else: such a set could never be deleted alone
-            return Fail("File index is 0", KXRULE_E_FILE_READ);
-        // kept: the old version's rules have another layout; such a set is read without them.
-        if (fileVersion == FileFormat::kVersion && !ReadRules(file, RuleSetFormat::RuleCount(header)))
-            return Fail("File read error [Body]", KXRULE_E_FILE_READ);
+        const Recovery& recovery = RecoveryOf(FileKind::RuleSet, defect);
+        KX_TRACE(kTraceError, "%s", recovery.Line);
+        return recovery.Result;
     }
-    catch (CEncryptFile::Exception)
-    {
-        return Fail("CEncryptFile exception occurs", KXRULE_E_FILE_READ);
-    }
+    KX_TRACE(kTraceCall, "CRuleSet::Read Return");
     return KXRULE_OK;
 }
 
+FileDefect CRuleSet::Decode(const RuleDirectory& directory, uint32_t* version, CStreamBuffer* lent, FileOrder& order)
+{
+    CEncryptFile file(lent);
+    if (const FileDefect defect = directory.Open(file, m_FileName); defect != FileDefect::None)
+        return defect;
+    const FileHead head = ReadHead(file, FileKind::RuleSet);
+    if (version != nullptr)
+        *version = head.Version;
+    if (head.Defect != FileDefect::None)
+        return head.Defect;
+    try
+    {
+        RuleSetFormat::Header header;
+        RuleSetFormat::ReadHeader(file, head.Version, header);
+        m_Index = header.Index;
+        m_Name = std::move(header.Name);
+        if (m_Index == 0) // such a set could never be deleted alone
+            return FileDefect::NoIndex;
+        // kept: the old version's rules have another layout; such a set is read without them.
+        if (head.Version == FileFormat::kVersion && !ReadRules(file, RuleSetFormat::RuleCount(header), order))
+            return FileDefect::DamagedItem;
+    }
+    catch (CEncryptFile::Exception)
+    {
+        return FileDefect::Damaged;
+    }
+    return FileDefect::None;
+}
+
 // Each record is decrypted where the rule will stay: in new memory, the first touch is most of what reading costs.
-bool CRuleSet::ReadRules(CEncryptStream& stream, int32_t count)
+bool CRuleSet::ReadRules(CEncryptStream& stream, int32_t count, FileOrder& order)
 {
     const auto read = [&stream](PFW_RULE& record)
     {
         if (!RuleSetFormat::ReadRule(stream, record))
             throw CEncryptStream::ReadError;
     };
+    const auto note = [this, &order](const CRule& rule)
+    {
+        const uint16_t key = KeyOf(rule);
+        order.Add(key, m_Rules.Find(key));
+        return key;
+    };
     try
     {
         for (; count > 0; --count)
-            m_Rules.ReplaceKeyed(KeyOf, read);
+            m_Rules.ReplaceKeyed(note, read);
     }
     catch (CEncryptStream::Exception)
     {
@@ -91,21 +115,21 @@ bool CRuleSet::ReadRules(CEncryptStream& stream, int32_t count)
     return true;
 }
 
-int32_t CRuleSet::Write(const std::string& directory, CStreamBuffer* lent) const
+int32_t CRuleSet::Write(const RuleDirectory& directory, const Keeper& keep, CStreamBuffer* lent) const
 {
-    KX_TRACE(kTraceCall, "CRuleSet::Write Enter (%s)", directory.c_str());
+    KX_TRACE(kTraceCall, "CRuleSet::Write Enter (%s)", directory.Given().c_str());
     const std::function<int32_t(CEncryptStream&)> encode = [this](CEncryptStream& stream) -> int32_t
     {
         RuleSetFormat::WriteHeader(stream, {m_Index, m_Name, static_cast<uint32_t>(m_Rules.Size())});
         std::vector<const PFW_RULE*> records(m_Rules.Size());
         for (size_t i = 0; i < records.size(); ++i)
             records[i] = &m_Rules.ValueAt(i).Record();
-        if (!RuleSetFormat::WriteRules(stream, records.data(), records.size()) || !stream.Finish())
-            return Fail("File write error [File-Body]", KXRULE_E_FILE_WRITE);
-        return KXRULE_OK;
+        if (RuleSetFormat::WriteRules(stream, records.data(), records.size()) && stream.Finish())
+            return KXRULE_OK;
+        KX_TRACE(kTraceError, "\tFile write error [File-Body]");
+        return KXRULE_E_FILE_WRITE;
     };
-    const int32_t result = RuleFiles::Write(
-        {directory, FileFormat::kRuleSetTemporary, m_FileName, FileFormat::kRuleSetMagic, false, encode, lent});
+    const int32_t result = directory.Write({FileKind::RuleSet, m_FileName, encode, keep, lent});
     if (result == KXRULE_OK)
         KX_TRACE(kTraceCall, "CRuleSet::Write return");
     return result;

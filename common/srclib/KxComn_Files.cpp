@@ -2,6 +2,9 @@
 #include "common/srclib/KxComn_Files.h"
 
 #include <atomic>
+#include <cstring>
+
+#include "common/srclib/KxComn_String.h"
 
 namespace KxCommon::Files
 {
@@ -20,6 +23,22 @@ bool Refused(Operation operation) noexcept
     return true;
 }
 
+// False where the active code page cannot say the name: the system's narrow calls then give a question mark, or the name
+// of another file that looks alike.
+bool ToNarrowExactly(const wchar_t* name, std::string& narrow)
+{
+    char text[MAX_PATH * 3];
+    BOOL isReplaced = FALSE;
+    const bool isUtf8 =
+        ::GetACP() == CP_UTF8; // has letters for everything, and knows neither the flag nor the question
+    const int bytes = ::WideCharToMultiByte(CP_ACP, isUtf8 ? 0 : WC_NO_BEST_FIT_CHARS, name, -1, text, sizeof text,
+                                            nullptr, isUtf8 ? nullptr : &isReplaced);
+    if (bytes <= 1 || isReplaced != FALSE)
+        return false;
+    narrow.assign(text, static_cast<size_t>(bytes) - 1);
+    return true;
+}
+
 } // namespace
 
 void SetFaultHook(FaultHook hook) noexcept
@@ -27,11 +46,11 @@ void SetFaultHook(FaultHook hook) noexcept
     g_FaultHook.store(hook, std::memory_order_release);
 }
 
-UniqueFile Open(const char* path, DWORD access, DWORD disposition) noexcept
+UniqueFile Open(const char* path, DWORD access, DWORD disposition, DWORD share) noexcept
 {
     if (Refused(Operation::Open))
         return UniqueFile();
-    return UniqueFile(::CreateFileA(path, access, 0, nullptr, disposition, FILE_ATTRIBUTE_NORMAL, nullptr));
+    return UniqueFile(::CreateFileA(path, access, share, nullptr, disposition, FILE_ATTRIBUTE_NORMAL, nullptr));
 }
 
 bool Size(HANDLE file, uint64_t* size) noexcept
@@ -91,16 +110,70 @@ std::string TemporaryName(const std::string& directory, const char* prefix)
     return path;
 }
 
+std::string FullPath(const std::string& path)
+{
+    std::string full(MAX_PATH, '\0');
+    DWORD length = ::GetFullPathNameA(path.c_str(), static_cast<DWORD>(full.size()), full.data(), nullptr);
+    if (length >= full.size())
+    {
+        full.resize(length);
+        length = ::GetFullPathNameA(path.c_str(), length, full.data(), nullptr);
+    }
+    if (length == 0 || length >= full.size())
+        return path;
+    full.resize(length);
+    return full;
+}
+
 DWORD Attributes(const char* path) noexcept
 {
     return Refused(Operation::Attributes) ? INVALID_FILE_ATTRIBUTES : ::GetFileAttributesA(path);
 }
 
-bool Move(const char* from, const char* to, DWORD flags) noexcept
+bool MayExist(const char* path) noexcept
 {
-    if (Refused(Operation::Move))
+    if (Attributes(path) != INVALID_FILE_ATTRIBUTES)
+        return true;
+    const DWORD error = ::GetLastError();
+    return error != ERROR_FILE_NOT_FOUND && error != ERROR_PATH_NOT_FOUND;
+}
+
+bool IsLink(const char* path) noexcept
+{
+    WIN32_FIND_DATAA found;
+    const UniqueFind search(::FindFirstFileA(path, &found));
+    return search && (found.dwFileAttributes & FILE_ATTRIBUTE_REPARSE_POINT) != 0 &&
+           IsReparseTagNameSurrogate(found.dwReserved0);
+}
+
+bool Move(const char* from, const char* to, bool isReplacing) noexcept
+{
+    const DWORD flags = MOVEFILE_WRITE_THROUGH | (isReplacing ? MOVEFILE_REPLACE_EXISTING : 0);
+    return !Refused(Operation::Move) && ::MoveFileExA(from, to, flags) != FALSE;
+}
+
+// FileRenameInfoEx and its flags are not in every header, and before Windows 10 1607 the system refuses the class.
+bool MoveOverOpen(const char* from, const char* to) noexcept
+{
+    struct RenameInfo // FILE_RENAME_INFO with its union as flags
+    {
+        DWORD Flags;
+        HANDLE Root;
+        DWORD Bytes;
+        WCHAR Name[MAX_PATH];
+    } info{};
+    constexpr FILE_INFO_BY_HANDLE_CLASS kRenameInfoEx = static_cast<FILE_INFO_BY_HANDLE_CLASS>(22);
+    constexpr DWORD kReplaceIfExists = 1;
+    constexpr DWORD kPosixSemantics = 2;
+    const UniqueFile file(::CreateFileA(from, DELETE | SYNCHRONIZE,
+                                        FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, nullptr, OPEN_EXISTING,
+                                        FILE_ATTRIBUTE_NORMAL | FILE_FLAG_WRITE_THROUGH, nullptr));
+    const int units = ::MultiByteToWideChar(CP_ACP, 0, to, -1, info.Name, MAX_PATH);
+    if (!file || units <= 1 || Refused(Operation::Move))
         return false;
-    return (flags == 0 ? ::MoveFileA(from, to) : ::MoveFileExA(from, to, flags)) != FALSE;
+    info.Flags = kReplaceIfExists | kPosixSemantics;
+    info.Bytes = static_cast<DWORD>(units - 1) * sizeof(WCHAR);
+    return ::SetFileInformationByHandle(file.get(), kRenameInfoEx, &info, sizeof info) != FALSE;
 }
 
 bool Copy(const char* from, const char* to) noexcept
@@ -126,14 +199,16 @@ bool FindFiles(const std::string& pattern, std::vector<std::string>& names)
 {
     if (Refused(Operation::Find))
         return false;
-    WIN32_FIND_DATAA found;
-    const UniqueFind search(::FindFirstFileA(pattern.c_str(), &found));
+    WIN32_FIND_DATAW found;
+    const UniqueFind search(::FindFirstFileW(String::ToWide(pattern).c_str(), &found));
     if (!search)
         return ::GetLastError() == ERROR_FILE_NOT_FOUND || ::GetLastError() == ERROR_PATH_NOT_FOUND;
     do
     {
-        names.emplace_back(found.cFileName);
-    } while (::FindNextFileA(search.get(), &found) != FALSE);
+        std::string name;
+        if (ToNarrowExactly(found.cFileName, name))
+            names.push_back(std::move(name));
+    } while (::FindNextFileW(search.get(), &found) != FALSE);
     return ::GetLastError() == ERROR_NO_MORE_FILES;
 }
 

@@ -35,10 +35,35 @@ using FaultHook = DWORD (*)(Operation operation);
 void SetFaultHook(FaultHook hook) noexcept;
 
 // Each returns what the call under it returns, with GetLastError as that call left it. Paths are narrow (active code
-// page). None throws but for FindFiles and TemporaryName, which may run out of memory.
+// page). None throws but for those that return or fill strings, which may run out of memory.
 
-/// CreateFileA without sharing, with FILE_ATTRIBUTE_NORMAL.
-[[nodiscard]] UniqueFile Open(const char* path, DWORD access, DWORD disposition) noexcept;
+/// Somebody has the file open in a way that excludes ours: it is there, and the call may succeed a moment later.
+[[nodiscard]] constexpr bool IsBusy(DWORD error) noexcept
+{
+    return error == ERROR_SHARING_VIOLATION || error == ERROR_LOCK_VIOLATION;
+}
+/// The one way to wait for others, who hold a file for a moment: a scanner, an indexer, a second process. Calls attempt
+/// until it succeeds, fails with an error that mayPass denies, or the time is over. GetLastError is the last attempt's.
+template <class Attempt, class MayPass>
+bool Persist(DWORD milliseconds, const Attempt& attempt, const MayPass& mayPass)
+{
+    constexpr DWORD kPause = 20;
+    for (const ULONGLONG start = ::GetTickCount64();;)
+    {
+        if (attempt())
+            return true;
+        const DWORD error = ::GetLastError();
+        if (!mayPass(error) || ::GetTickCount64() - start >= milliseconds)
+        {
+            ::SetLastError(error);
+            return false;
+        }
+        ::Sleep(kPause);
+    }
+}
+
+/// CreateFileA with FILE_ATTRIBUTE_NORMAL.
+[[nodiscard]] UniqueFile Open(const char* path, DWORD access, DWORD disposition, DWORD share = 0) noexcept;
 /// False when the size cannot be told.
 [[nodiscard]] bool Size(HANDLE file, uint64_t* size) noexcept;
 /// ReadFile and its count; the end of the file is success with a smaller count.
@@ -51,17 +76,27 @@ void SetFaultHook(FaultHook hook) noexcept;
 bool Close(UniqueFile& file) noexcept;
 /// GetTempFileNameA with unique number 0: creates an empty file in the directory. Empty on failure.
 [[nodiscard]] std::string TemporaryName(const std::string& directory, const char* prefix);
+/// The absolute path that GetFullPathNameA makes of a path; the path itself where that fails.
+[[nodiscard]] std::string FullPath(const std::string& path);
 /// GetFileAttributesA; INVALID_FILE_ATTRIBUTES on failure.
 [[nodiscard]] DWORD Attributes(const char* path) noexcept;
-/// MoveFileExA with the given flags; 0: MoveFileA.
-[[nodiscard]] bool Move(const char* from, const char* to, DWORD flags) noexcept;
+/// False only when it is certain that there is nothing of that name: what cannot be looked at may still be there.
+[[nodiscard]] bool MayExist(const char* path) noexcept;
+/// Whether a reparse point stands for another file. (Deduplicated files and those of cloud stores are reparse points
+/// as well, and are the files themselves.)
+[[nodiscard]] bool IsLink(const char* path) noexcept;
+/// MoveFileExA, written through; replaces a file that bears the new name only where isReplacing says so.
+[[nodiscard]] bool Move(const char* from, const char* to, bool isReplacing) noexcept;
+/// Puts a file over one that others have open with delete sharing, in one step. Windows 10 knows how; false elsewhere.
+[[nodiscard]] bool MoveOverOpen(const char* from, const char* to) noexcept;
 /// CopyFileA, overwriting. What was copied is flushed as far as the system lets it: somebody removes the source next.
 [[nodiscard]] bool Copy(const char* from, const char* to) noexcept;
 [[nodiscard]] bool Delete(const char* path) noexcept;
 /// CreateDirectoryA, default security.
 [[nodiscard]] bool MakeDirectory(const char* path) noexcept;
-/// The names (not paths) that FindFirstFileA and FindNextFileA give for a pattern, directories too. False when the
-/// search failed or broke off, so that there may be more of them; finding none is success.
+/// The names (not paths) that the system finds for a pattern, directories too, but for those that the active code page
+/// has no letters for: as narrow names they mean nothing, or another file. False when the search failed or broke off,
+/// so that there may be more of them; finding none is success.
 [[nodiscard]] bool FindFiles(const std::string& pattern, std::vector<std::string>& names);
 
 } // namespace KxCommon::Files

@@ -80,14 +80,24 @@ public:
         return ReplaceKeyed([key](const T&) noexcept { return key; }, std::forward<Arguments>(arguments)...);
     }
 
-    /// The same for a value whose key is known only when it is there: keyOf finds it in the value and does not throw.
+    /// The same for a value whose key is known only when it is there: keyOf finds it in the value, and the value that it
+    /// replaces can be looked up in the map meanwhile.
     template <class KeyOf, class... Arguments>
     T& ReplaceKeyed(const KeyOf& keyOf, Arguments&&... arguments)
     {
         Grow(m_Keys);
         Grow(m_Values);
         T* const value = Construct(std::forward<Arguments>(arguments)...);
-        const uint16_t key = keyOf(*value);
+        uint16_t key = 0;
+        try
+        {
+            key = keyOf(*value);
+        }
+        catch (...)
+        {
+            Destroy(value);
+            throw;
+        }
         const size_t position = LowerBound(key);
         if (position < m_Keys.size() && m_Keys[position] == key)
         {

@@ -152,12 +152,12 @@ std::string ToNarrow(WideStringView text)
     return narrow;
 }
 
-bool EqualNoCase(WideStringView a, WideStringView b) noexcept
+int CompareNoCase(WideStringView a, WideStringView b) noexcept
 {
-    if (a.size() != b.size() || a.size() > INT_MAX)
-        return false; // ordinal folding is unit by unit and never changes a length
-    const int length = static_cast<int>(a.size());
-    return a.empty() || ::CompareStringOrdinal(a.data(), length, b.data(), length, TRUE) == CSTR_EQUAL;
+    if (a.empty() || b.empty() || a.size() > INT_MAX || b.size() > INT_MAX)
+        return a.size() == b.size() ? 0 : a.size() < b.size() ? -1 : 1;
+    return ::CompareStringOrdinal(a.data(), static_cast<int>(a.size()), b.data(), static_cast<int>(b.size()), TRUE) -
+           CSTR_EQUAL;
 }
 
 void CopyBounded(char* out, int size, std::string_view text) noexcept

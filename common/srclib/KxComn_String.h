@@ -51,8 +51,12 @@ bool Format(WideString& out, const KXWCHAR* format, ...);
 /// default character, or one that looks like them.
 [[nodiscard]] std::string ToNarrow(WideStringView text);
 
-/// Equal as the file system compares names: unit by unit, ignoring case.
-[[nodiscard]] bool EqualNoCase(WideStringView a, WideStringView b) noexcept;
+/// As the file system compares names: unit by unit, ignoring case. Below 0, 0 or above it, as a comes before b.
+[[nodiscard]] int CompareNoCase(WideStringView a, WideStringView b) noexcept;
+[[nodiscard]] inline bool EqualNoCase(WideStringView a, WideStringView b) noexcept
+{
+    return a.size() == b.size() && CompareNoCase(a, b) == 0; // folding never changes a length
+}
 
 /// Copies text as strncpy does: at most size bytes, the rest of the buffer filled with NUL, no terminator when the
 /// text has size bytes or more. On a double-byte code page a character cut in half becomes NUL. Nothing is written

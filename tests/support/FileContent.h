@@ -27,12 +27,7 @@ inline bool SameMacro(const CMacro& a, const CMacro& b)
 
 struct FileContent
 {
-    enum class Kind
-    {
-        Master,
-        Macros,
-        RuleSet
-    };
+    using Kind = FileKind;
 
     MasterFields Master{"", 0, {}, {}};
     std::list<CMacro> Macros;
@@ -41,38 +36,28 @@ struct FileContent
 
     /// What ended the reading early, or nothing. What was read is there in any case.
     std::string Read(Kind kind, CEncryptStream& stream)
-    try
     {
+        FileDefect defect = FileDefect::None;
         if (kind == Kind::Master)
+            defect = MasterFormat::Read(stream, Master);
+        else if (kind == Kind::Macros)
+            defect = MacroFormat::Read(stream, Macros);
+        else
+            defect = ReadRuleSet(stream);
+        switch (defect)
         {
-            const MasterFormat::Head head = MasterFormat::ReadHead(stream);
-            if (head != MasterFormat::Head::Good)
-                return head == MasterFormat::Head::WrongMagic ? "!magic" : "!version";
-            MasterFormat::ReadFields(stream, Master);
+        case FileDefect::None:
             return "";
-        }
-        char magic[FileFormat::kMagicBytes] = {};
-        if (!stream.Read(magic, sizeof magic, false) || std::memcmp(magic, Magic(kind), sizeof magic) != 0)
+        case FileDefect::WrongMagic:
+        case FileDefect::Unreadable:
             return "!magic";
-        const uint32_t version = RuleSetFormat::ReadVersion(stream);
-        const bool isOld = kind == Kind::RuleSet && version == FileFormat::kOldVersion;
-        if (version != FileFormat::kVersion && !isOld)
+        case FileDefect::WrongVersion:
             return "!version";
-        if (kind == Kind::Macros)
-            return MacroFormat::ReadMacros(stream, Macros) ? "" : "!item";
-        RuleSetFormat::ReadHeader(stream, version, Set);
-        for (int32_t i = RuleSetFormat::RuleCount(Set); !isOld && i > 0; --i)
-        {
-            PFW_RULE rule;
-            if (!RuleSetFormat::ReadRule(stream, rule))
-                return "!item";
-            Rules.push_back(rule);
+        case FileDefect::DamagedItem:
+            return "!item";
+        default:
+            return "!field";
         }
-        return "";
-    }
-    catch (CEncryptStream::Exception exception)
-    {
-        return exception == CEncryptStream::ReadError ? "!field" : "!write";
     }
 
     /// The file's bytes; none when it could not be written.
@@ -80,7 +65,7 @@ struct FileContent
     {
         MemoryStream stream;
         stream.FailAt = failAt;
-        bool isWritten = stream.Write(Magic(kind), FileFormat::kMagicBytes, false);
+        bool isWritten = stream.Write(MagicOf(kind), FileFormat::kMagicBytes, false);
         if (kind == Kind::Master)
             MasterFormat::WriteFields(stream, Master);
         else if (kind == Kind::Macros)
@@ -106,10 +91,24 @@ struct FileContent
     }
 
 private:
-    static const char* Magic(Kind kind)
+    FileDefect ReadRuleSet(CEncryptStream& stream)
+    try
     {
-        return kind == Kind::Master   ? FileFormat::kMasterMagic
-               : kind == Kind::Macros ? FileFormat::kMacroMagic
-                                      : FileFormat::kRuleSetMagic;
+        const FileHead head = ReadHead(stream, FileKind::RuleSet);
+        if (head.Defect != FileDefect::None)
+            return head.Defect;
+        RuleSetFormat::ReadHeader(stream, head.Version, Set);
+        for (int32_t i = RuleSetFormat::RuleCount(Set); head.Version == FileFormat::kVersion && i > 0; --i)
+        {
+            PFW_RULE rule;
+            if (!RuleSetFormat::ReadRule(stream, rule))
+                return FileDefect::DamagedItem;
+            Rules.push_back(rule);
+        }
+        return FileDefect::None;
+    }
+    catch (CEncryptStream::Exception)
+    {
+        return FileDefect::Damaged;
     }
 };

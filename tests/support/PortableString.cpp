@@ -59,10 +59,11 @@ std::string ToNarrow(WideStringView text)
     return narrow;
 }
 
-bool EqualNoCase(WideStringView a, WideStringView b) noexcept
+int CompareNoCase(WideStringView a, WideStringView b) noexcept
 {
-    return std::equal(a.begin(), a.end(), b.begin(), b.end(),
-                      [](KXWCHAR x, KXWCHAR y) { return Lower(x) == Lower(y); });
+    const auto isLess = [](KXWCHAR x, KXWCHAR y) { return Lower(x) < Lower(y); };
+    const bool isBefore = std::lexicographical_compare(a.begin(), a.end(), b.begin(), b.end(), isLess);
+    return isBefore ? -1 : std::lexicographical_compare(b.begin(), b.end(), a.begin(), a.end(), isLess) ? 1 : 0;
 }
 
 void CopyBounded(char* out, int size, std::string_view text) noexcept

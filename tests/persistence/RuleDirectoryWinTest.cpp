@@ -1,4 +1,4 @@
-#include "persistence/RuleFiles.h"
+#include "persistence/RuleDirectory.h"
 
 #include <gtest/gtest.h>
 
@@ -24,7 +24,7 @@ int32_t WriteNumber(CEncryptStream& stream)
     return 0;
 }
 
-class RuleFilesTest : public testing::Test
+class RuleDirectoryTest : public testing::Test
 {
 protected:
     TempDir Dir;
@@ -32,9 +32,11 @@ protected:
     const std::filesystem::path Target = Dir / "KxRl0001.dat";
     TraceRecorder Trace;
 
-    int32_t Write(const Encoder& encode = WriteNumber, const char* below = "", bool traceName = true)
+    int32_t Write(const Encoder& encode = WriteNumber, const char* below = "", FileKind kind = FileKind::RuleSet)
     {
-        return RuleFiles::Write({Path + below, "Rul", "KxRl0001.dat", "KRSF", traceName, encode});
+        RuleDirectory directory;
+        directory.Locate(Path + below, "KxRulMas.dat");
+        return directory.Write({kind, "KxRl0001.dat", encode, [](const std::string&) { return 0u; }});
     }
     UniqueFile OpenTarget(DWORD share) const
     {
@@ -58,7 +60,7 @@ protected:
     }
 };
 
-TEST_F(RuleFilesTest, Names)
+TEST_F(RuleDirectoryTest, Names)
 {
     using namespace std::string_literals;
     EXPECT_EQ(RuleFiles::RuleSetFileName(1), "KxRl0001.dat");
@@ -83,12 +85,15 @@ TEST_F(RuleFilesTest, Names)
     for (const char* const name : {"KxRl0001.dat", "kxrl00ab.DAT", "KxRl00011.dat", "KxRl0001.data", "KxRl.1.dat"})
         WriteBytes(Dir / name, "x");
     std::filesystem::create_directory(Dir / "KxRl0002.dat");
-    EXPECT_EQ(RuleFiles::FindRuleSetFiles(Path),
-              (std::vector<std::string>{"KxRl0001.dat", "KxRl0002.dat", "kxrl00ab.DAT"}));
+    RuleDirectory directory;
+    directory.Locate(Path, "KxRulMas.dat");
+    std::vector<std::string> found;
+    EXPECT_TRUE(directory.FindRuleSetFiles(found));
+    EXPECT_EQ(found, (std::vector<std::string>{"KxRl0001.dat", "KxRl0002.dat", "kxrl00ab.DAT"}));
     EXPECT_TRUE(RuleFiles::IsRuleSetFileName("KxRl.dat")); // not found everywhere
 }
 
-TEST_F(RuleFilesTest, WhatStandsInTheWay)
+TEST_F(RuleDirectoryTest, WhatStandsInTheWay)
 {
     EXPECT_EQ(Outcome(Write()), "0 new");
     WriteBytes(Target, "old");
@@ -118,11 +123,11 @@ TEST_F(RuleFilesTest, WhatStandsInTheWay)
     std::filesystem::remove(Target);
     std::filesystem::create_directory(Target);
     EXPECT_EQ(Outcome(Write()), "-10057  +temporary !!! \tCopyFile() failed 5 (Rul#.tmp -> KxRl0001.dat)");
-    EXPECT_EQ(Outcome(Write(WriteNumber, "missing\\")), "-10055  !!! \tFile open error ()");
-    EXPECT_EQ(Outcome(Write(WriteNumber, "missing\\", false)), "-10055  !!! \tFile open error");
+    EXPECT_EQ(Outcome(Write(WriteNumber, "missing\\", FileKind::Macros)), "-10055  !!! \tFile open error ()");
+    EXPECT_EQ(Outcome(Write(WriteNumber, "missing\\")), "-10055  !!! \tFile open error");
 }
 
-TEST_F(RuleFilesTest, EveryStepFailing)
+TEST_F(RuleDirectoryTest, EveryStepFailing)
 {
     const auto throwsWriteError = [](CEncryptStream&) -> int32_t { throw CEncryptStream::WriteError; };
     const auto throwsBadAlloc = [](CEncryptStream&) -> int32_t { throw std::bad_alloc(); };
@@ -135,8 +140,8 @@ TEST_F(RuleFilesTest, EveryStepFailing)
         std::set<Operation> Failing;
         const char* Outcome;
     } cases[] = {
-        {{Operation::TemporaryName}, "-10055 old !!! \tFile open error ()"},
-        {{Operation::Open}, "-10055 old +temporary !!! \tFile open error (Rul#.tmp)"},
+        {{Operation::TemporaryName}, "-10055 old !!! \tFile open error"},
+        {{Operation::Open}, "-10055 old +temporary !!! \tFile open error"},
         {{Operation::Write}, "-10057 old +temporary !!! \tFile write error"},
         {{Operation::Flush}, "-10057 old +temporary !!! \tFile write error"},
         {{Operation::Close}, "-10057 old +temporary !!! \tFile write error"},

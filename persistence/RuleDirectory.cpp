@@ -1,0 +1,209 @@
+// The rule directory: how its files are found and opened, and the one way in which all of them are written. docs/format.md,
+// "How a file is written", tells why through a temporary file and why moved.
+#include "persistence/RuleDirectory.h"
+
+#include <new>
+
+#include "common/srclib/KxComn_Windows.h"
+
+#include "api/include/KxPfwRule.h"
+#include "common/srclib/KxComn_Files.h"
+#include "common/srclib/KxComn_Trace.h"
+#include "common/srclib/Utility.h"
+#include "persistence/EncryptFile.h"
+#include "persistence/RuleFileNames.h"
+
+namespace Files = KxCommon::Files;
+
+namespace
+{
+
+// A target with one of these is never moved over. A copy is refused for read-only, hidden and system files and for
+// directories, and goes through a link to what it means; a move would do something else, or replace the link.
+constexpr DWORD kOddAttributes =
+    FILE_ATTRIBUTE_READONLY | FILE_ATTRIBUTE_HIDDEN | FILE_ATTRIBUTE_SYSTEM | FILE_ATTRIBUTE_DIRECTORY;
+
+// What the system's longest path leaves for a directory in which a dated copy of the master file has a name.
+constexpr size_t kLongestPath = 223;
+
+bool IsSameFile(const std::string& a, const std::string& b)
+{
+    return KxCommon::String::EqualNoCase(KxCommon::String::ToWide(a), KxCommon::String::ToWide(b));
+}
+
+const char* TemporaryPrefix(FileKind kind) noexcept
+{
+    return kind == FileKind::Master   ? FileFormat::kMasterTemporary
+           : kind == FileKind::Macros ? FileFormat::kMacroTemporary
+                                      : FileFormat::kRuleSetTemporary;
+}
+
+bool IsOddTarget(const char* path) noexcept
+{
+    const DWORD attributes = Files::Attributes(path);
+    return attributes != INVALID_FILE_ATTRIBUTES &&
+           ((attributes & kOddAttributes) != 0 ||
+            ((attributes & FILE_ATTRIBUTE_REPARSE_POINT) != 0 && Files::IsLink(path)));
+}
+
+} // namespace
+
+void RuleDirectory::Locate(const std::string& given, const std::string& masterFileName)
+{
+    // An empty path (the library's own directory could not be found) must not become the root of the drive.
+    m_Given = given.empty() ? ".\\" : given;
+    KxCommon::AppendSeparator(m_Given);
+    m_Path = Files::FullPath(m_Given);
+    KxCommon::AppendSeparator(m_Path);
+    m_MasterFileName = masterFileName;
+    m_MacroFileName = FileFormat::kMacroFileName;
+    if (m_Path.size() > kLongestPath)
+        KX_TRACE(KxCommon::kTraceError, "\tRule path is too long for the names of backups (%s)", m_Given.c_str());
+}
+
+void RuleDirectory::MakeIfMissing() const
+{
+    if (Files::Attributes(m_Path.c_str()) != FILE_ATTRIBUTE_DIRECTORY)
+        static_cast<void>(Files::MakeDirectory(m_Path.c_str()));
+}
+
+// The key is no secret: whoever may write the directory can name any file, and this one is written to. An empty name
+// would make every write fail.
+bool RuleDirectory::TakeMacroFileName(const std::string& name)
+{
+    if (!RuleFiles::IsBareName(name) || RuleFiles::IsOwnRuleSetFileName(name) || IsSameFile(name, m_MasterFileName))
+        return false;
+    m_MacroFileName = name;
+    return true;
+}
+
+bool RuleDirectory::IsUsableRuleSetFileName(const std::string& name) const
+{
+    return RuleFiles::IsBareName(name) && !IsSameFile(name, m_MasterFileName) && !IsSameFile(name, m_MacroFileName);
+}
+
+FileDefect RuleDirectory::Open(CEncryptFile& file, const std::string& fileName, uint32_t* error) const
+{
+    if (file.Open(PathOf(fileName).c_str(), GENERIC_READ))
+        return FileDefect::None;
+    const DWORD code = ::GetLastError();
+    if (error != nullptr)
+        *error = code;
+    return Files::IsBusy(code) ? FileDefect::Busy : FileDefect::Missing;
+}
+
+bool RuleDirectory::FindRuleSetFiles(std::vector<std::string>& names) const
+{
+    const std::string pattern = std::string(FileFormat::kRuleSetPrefix) + "????" + FileFormat::kRuleSetExtension;
+    const bool isComplete = Files::FindFiles(PathOf(pattern), names);
+    std::erase_if(names, [](const std::string& name) { return !RuleFiles::IsRuleSetFileName(name); });
+    return isComplete;
+}
+
+bool RuleDirectory::MayExist(const std::string& fileName) const
+{
+    return Files::MayExist(PathOf(fileName).c_str());
+}
+
+bool RuleDirectory::Remove(const std::string& fileName) const
+{
+    return Files::Delete(PathOf(fileName).c_str());
+}
+
+// A directory that bears a rule file's name holds nothing that could be kept.
+bool RuleDirectory::IsFile(const std::string& name) const
+{
+    const DWORD attributes = Files::Attributes(PathOf(name).c_str());
+    return attributes == INVALID_FILE_ATTRIBUTES ? MayExist(name) : (attributes & FILE_ATTRIBUTE_DIRECTORY) == 0;
+}
+
+int32_t RuleDirectory::Write(const WriteJob& job) const
+{
+    try
+    {
+        // Without a name the open fails, and that is what is reported.
+        const std::string path = Files::TemporaryName(m_Path, TemporaryPrefix(job.Kind));
+        const std::string name = path.substr(path.find_last_of('\\') + 1);
+        const int32_t result = WriteTemporary(job, name);
+        if (result != KXRULE_OK)
+            return result;
+        if (const uint32_t error = job.Keep(job.FileName); error != ERROR_SUCCESS)
+        {
+            KX_TRACE(KxCommon::kTraceError, "\tCopyFile() failed %lu (%s -> %s)", static_cast<DWORD>(error),
+                     ShownPathOf(name).c_str(), ShownPathOf(job.FileName).c_str());
+            return KXRULE_E_FILE_WRITE;
+        }
+        return Replace(name, job.FileName);
+    }
+    catch (const std::bad_alloc&)
+    {
+        KX_TRACE(KxCommon::kTraceError, "\tOut of memory while writing a file");
+        return KXRULE_E_FILE_WRITE;
+    }
+}
+
+// Writes and closes the temporary file.
+int32_t RuleDirectory::WriteTemporary(const WriteJob& job, const std::string& name) const
+{
+    CEncryptFile file(job.Lent);
+    if (name.empty() || !file.Open(PathOf(name).c_str(), GENERIC_WRITE, m_Patience))
+    {
+        if (job.Kind == FileKind::RuleSet)
+            KX_TRACE(KxCommon::kTraceError, "\tFile open error");
+        else
+            KX_TRACE(KxCommon::kTraceError, "\tFile open error (%s)", name.empty() ? "" : ShownPathOf(name).c_str());
+        return KXRULE_E_FILE_OPEN;
+    }
+    if (!file.Write(MagicOf(job.Kind), FileFormat::kMagicBytes, false))
+    {
+        KX_TRACE(KxCommon::kTraceError, "\tFile write error");
+        return KXRULE_E_FILE_WRITE;
+    }
+    try
+    {
+        const int32_t result = job.Encode(file);
+        if (result != KXRULE_OK)
+            return result;
+    }
+    catch (CEncryptStream::Exception)
+    {
+        KX_TRACE(KxCommon::kTraceError, "\tCEncryptFile exception occurs");
+        return KXRULE_E_FILE_WRITE;
+    }
+    if (!file.FinishAndFlush() || !file.Close())
+    {
+        KX_TRACE(KxCommon::kTraceError, "\tFile write error");
+        return KXRULE_E_FILE_WRITE;
+    }
+    return KXRULE_OK;
+}
+
+// Puts the complete temporary file over the real one. A move replaces it in one step; a copy writes into it, so that a
+// crash in mid-copy leaves half a file, and is what remains where nothing can be moved.
+int32_t RuleDirectory::Replace(const std::string& temporaryName, const std::string& fileName) const
+{
+    const std::string temporary = PathOf(temporaryName);
+    const std::string target = PathOf(fileName);
+    // Access denied is what the system says of a target that somebody has open.
+    const auto mayPass = [](DWORD error) { return Files::IsBusy(error) || error == ERROR_ACCESS_DENIED; };
+    if (!IsOddTarget(target.c_str()))
+    {
+        const auto move = [&] { return Files::Move(temporary.c_str(), target.c_str(), true); };
+        if (Files::Persist(m_Patience, move, mayPass) ||
+            (mayPass(::GetLastError()) && Files::MoveOverOpen(temporary.c_str(), target.c_str())))
+            return KXRULE_OK;
+    }
+    if (!Files::Copy(temporary.c_str(), target.c_str()))
+    {
+        const DWORD error = ::GetLastError();
+        KX_TRACE(KxCommon::kTraceError, "\tCopyFile() failed %lu (%s -> %s)", error, ShownPathOf(temporaryName).c_str(),
+                 ShownPathOf(fileName).c_str());
+        return KXRULE_E_FILE_WRITE;
+    }
+    if (!Files::Delete(temporary.c_str()))
+    {
+        const DWORD error = ::GetLastError();
+        KX_TRACE(KxCommon::kTraceError, "\tDeleteFile() failed %lu (%s)", error, ShownPathOf(temporaryName).c_str());
+    }
+    return KXRULE_OK;
+}

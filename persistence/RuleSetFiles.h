@@ -1,0 +1,74 @@
+// Who owns which file of a rule directory, and which files hold more than memory does.
+#pragma once
+
+#include <cstdint>
+#include <map>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "common/srclib/KxComn_String.h"
+
+/// The one answer to "may this file be written over, may it be deleted?". Every file of the directory that was looked at
+/// has a place here, the master and the macro file too; names are equal as the file system compares them. No lock of its
+/// own: the master lock guards it. All operations may run out of memory and change nothing then.
+///
+/// The order of writes follows from one rule: the only listed file of a set is never replaced by another's content
+/// before a master file that lists the set's new file is on the disk.
+class RuleSetFiles
+{
+public:
+    enum class Verdict
+    {
+        Free,      // nothing is lost by replacing it
+        CopyFirst, // it holds more than memory does, or nobody has looked into it
+        ListFirst, // the master file on the disk lists it for a set that has moved out: write that first
+        Owned      // it is the file of another set, which has to move out before
+    };
+
+    void Clear() noexcept { m_Places.clear(); }
+
+    /// The master file on the disk lists it. False when it has been listed already: a list may name a file twice.
+    bool List(const std::string& name);
+    /// The master file on the disk has been written: it lists these and no others.
+    void ListOnly(const std::vector<std::string>& names);
+
+    /// The set in memory is what the file holds: after a read or a write. What the set had before is nobody's.
+    /// holdsMore: the file's rules were not all taken into memory, and there is no copy of it.
+    void Claim(const std::string& name, uint16_t index, const std::string& former, bool holdsMore = false);
+    /// Nothing in the file is missing in memory or in a copy: a master or macro file that was read or written, or a file
+    /// that has been copied.
+    void NoteKept(const std::string& name) { m_Places[ToKey(name)].HoldsMore = false; }
+    /// It belongs to no set, and what it holds is in no copy.
+    void NoteUnread(const std::string& name);
+    /// A read has failed: what was read is not in memory, or not for long.
+    void NoteNothingKept() noexcept;
+    /// The set is gone from memory. Whether it still owned the file, which is then to be deleted, and forgotten here.
+    [[nodiscard]] bool Release(const std::string& name, uint16_t index);
+
+    /// True as well for a file that nobody has looked at.
+    [[nodiscard]] bool HoldsMore(const std::string& name) const;
+    [[nodiscard]] std::optional<uint16_t> OwnerOf(const std::string& name) const;
+    /// For a set that is to be written under that name.
+    [[nodiscard]] Verdict MayReplace(const std::string& name, uint16_t index) const;
+
+private:
+    struct Place
+    {
+        std::optional<uint16_t> Owner;
+        bool HoldsMore = true;
+        bool IsListed = false;
+    };
+    struct NoCase
+    {
+        bool operator()(const KxCommon::WideString& a, const KxCommon::WideString& b) const noexcept
+        {
+            return KxCommon::String::CompareNoCase(a, b) < 0;
+        }
+    };
+
+    [[nodiscard]] static KxCommon::WideString ToKey(const std::string& name) { return KxCommon::String::ToWide(name); }
+    [[nodiscard]] const Place* Find(const std::string& name) const;
+
+    std::map<KxCommon::WideString, Place, NoCase> m_Places;
+};
