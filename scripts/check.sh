@@ -2,7 +2,7 @@
 # check.sh [CHECK...]: what neither compiler nor tests look at; without a name, all of it. `tables` needs build/release.
 . "$(dirname "$0")/steps.sh" 0
 
-rooms='api|rules|repository|persistence|common|companions|tools'
+rooms='api|rules|repository|persistence|common|companions|policy|tools'
 files() { git ls-files -co --exclude-standard | grep -E "$1" | while read -r file; do [ ! -f "$file" ] || echo "$file"; done; }
 sources() { files "^($rooms)/.*\.cpp$"; }
 

@@ -29,7 +29,7 @@ report()
     [ "$1" = coverage-native ] || gcov=x86_64-w64-mingw32-gcov-posix
     mkdir -p "build/$1/report"
     gcovr --root . --gcov-executable "$gcov" --exclude-throw-branches --exclude-unreachable-branches \
-        --filter '(api|rules|repository|persistence|common|companions|tools)/' \
+        --filter '(api|rules|repository|persistence|common|companions|policy|tools)/' \
         --html-details "build/$1/report/index.html" --json-summary "build/$1/report/summary.json" "build/$1" >/dev/null
     python3 - "$1" <<'END'
 import collections

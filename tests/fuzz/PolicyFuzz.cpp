@@ -6,14 +6,14 @@
 
 #include <nlohmann/json.hpp>
 
+#include "policy/JsonTree.h"
+#include "policy/RuleJson.h"
 #include "tests/fuzz/Fuzz.h"
-#include "tools/kxrule/JsonTree.h"
-#include "tools/kxrule/RuleJson.h"
 
+using KxPolicy::JsonTree;
+using KxPolicy::JsonValue;
+using KxPolicy::Policy;
 using nlohmann::json;
-using Tool::JsonTree;
-using Tool::JsonValue;
-using Tool::Policy;
 
 namespace
 {
@@ -29,12 +29,12 @@ bool Same(const void* a, const void* b, size_t size)
 
 bool Same(const Policy& a, const Policy& b)
 {
-    const auto sameMacro = [](const Tool::MacroRecord& x, const Tool::MacroRecord& y)
+    const auto sameMacro = [](const KxPolicy::MacroRecord& x, const KxPolicy::MacroRecord& y)
     {
         return x.Name == y.Name && x.Items.size() == y.Items.size() &&
                Same(x.Items.data(), y.Items.data(), x.Items.size() * sizeof(MACRO_ITEM));
     };
-    const auto sameSet = [](const Tool::RuleSetRecord& x, const Tool::RuleSetRecord& y)
+    const auto sameSet = [](const KxPolicy::RuleSetRecord& x, const KxPolicy::RuleSetRecord& y)
     {
         return x.Index == y.Index && x.Name == y.Name && x.Rules.size() == y.Rules.size() &&
                Same(x.Rules.data(), y.Rules.data(), x.Rules.size() * sizeof(PFW_RULE));
@@ -48,15 +48,15 @@ bool Same(const Policy& a, const Policy& b)
 void CheckPolicy(std::string_view text)
 {
     Policy policy;
-    std::vector<Tool::JsonError> errors;
+    std::vector<KxPolicy::JsonError> errors;
     bool isRead;
     {
         const Fuzz::MemoryBound bound(kMostMemory + kMostGrowth * text.size());
-        isRead = Tool::ReadPolicy(text, policy, errors);
+        isRead = KxPolicy::ReadPolicy(text, policy, errors);
     }
     KX_REQUIRE(isRead == errors.empty());
-    const Tool::JsonError* last = nullptr;
-    for (const Tool::JsonError& error : errors)
+    const KxPolicy::JsonError* last = nullptr;
+    for (const KxPolicy::JsonError& error : errors)
     {
         KX_REQUIRE(error.Line >= 1 && error.Column >= 1 && !error.Text.empty());
         KX_REQUIRE(last == nullptr || last->Line < error.Line ||
@@ -66,18 +66,18 @@ void CheckPolicy(std::string_view text)
     if (!isRead)
         return;
 
-    for (const Tool::RuleSetRecord& ruleSet : policy.RuleSets)
+    for (const KxPolicy::RuleSetRecord& ruleSet : policy.RuleSets)
     {
         KX_REQUIRE(ruleSet.Index >= 1 && ruleSet.Index <= KXRULE_MAX_RULESET_INDEX);
         KX_REQUIRE(ruleSet.Rules.size() <= KXRULE_MAX_RULES && ruleSet.Name.size() < KXRULE_RULESET_NAME_UNITS);
         for (size_t i = 1; i < ruleSet.Rules.size(); ++i)
             KX_REQUIRE(ruleSet.Rules[i - 1].wRuleIndex < ruleSet.Rules[i].wRuleIndex);
     }
-    const std::string written = Tool::PolicyToJson(policy);
+    const std::string written = KxPolicy::PolicyToJson(policy);
     Policy again;
-    KX_REQUIRE(Tool::ReadPolicy(written, again, errors));
+    KX_REQUIRE(KxPolicy::ReadPolicy(written, again, errors));
     KX_REQUIRE(Same(again, policy));
-    KX_REQUIRE(Tool::PolicyToJson(again) == written);
+    KX_REQUIRE(KxPolicy::PolicyToJson(again) == written);
 }
 
 /// Whether every text means to the other reader what it means here.

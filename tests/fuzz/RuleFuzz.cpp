@@ -6,6 +6,7 @@
 #include <string>
 
 #include "common/srclib/KxComn_Record.h"
+#include "policy/RuleJson.h"
 #include "rules/Macro.h"
 #include "rules/Rule.h"
 #include "rules/RuleText.h"
@@ -13,7 +14,6 @@
 #include "tests/support/FakeHashDll.h"
 #include "tests/support/FileContent.h"
 #include "tests/support/TraceSink.h"
-#include "tools/kxrule/RuleJson.h"
 
 namespace
 {
@@ -179,12 +179,12 @@ void CheckFile(const PFW_RULE& rule)
 void CheckJson(const PFW_RULE& rule)
 {
     PFW_RULE read{};
-    std::vector<Tool::JsonError> errors;
-    const bool isRefused = rule.dwKind == KXRULE_KIND_ACCESS && Tool::HasBlankPortList(rule);
-    KX_REQUIRE(Tool::ReadRule(Tool::RuleToJson(rule), read, errors) != isRefused);
+    std::vector<KxPolicy::JsonError> errors;
+    const bool isRefused = rule.dwKind == KXRULE_KIND_ACCESS && KxPolicy::HasBlankPortList(rule);
+    KX_REQUIRE(KxPolicy::ReadRule(KxPolicy::RuleToJson(rule), read, errors) != isRefused);
     KX_REQUIRE(errors.size() == (isRefused ? 1 : 0) && Same(read, rule));
     if (rule.dwKind == KXRULE_KIND_ACCESS || rule.dwKind == KXRULE_KIND_ACCESS2)
-        KX_REQUIRE(Tool::HasBlankPortList(rule) == CRule::HasBlankPortList(rule));
+        KX_REQUIRE(KxPolicy::HasBlankPortList(rule) == CRule::HasBlankPortList(rule));
 }
 
 void CheckRule(Fuzz::Input& input)

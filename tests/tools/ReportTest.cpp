@@ -1,5 +1,5 @@
 // The report page, and what it warns of.
-#include "tools/kxrule/Report.h"
+#include "tools/kxrule/report/Report.h"
 
 #include <cstdlib>
 #include <fstream>
@@ -7,10 +7,10 @@
 
 #include <gtest/gtest.h>
 
+#include "policy/RuleJson.h"
 #include "rules/Macro.h"
 #include "rules/RuleText.h"
 #include "tests/support/RecordBuilder.h"
-#include "tools/kxrule/RuleJson.h"
 
 namespace
 {

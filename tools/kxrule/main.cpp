@@ -4,11 +4,12 @@
 #include <string>
 #include <vector>
 
-#include "tools/kxrule/CommandLine.h"
-#include "tools/kxrule/Failure.h"
-#include "tools/kxrule/JsonTree.h"
-#include "tools/kxrule/ResultCodes.h"
-#include "tools/kxrule/Utf8.h"
+#include "policy/Apply.h"
+#include "policy/JsonTree.h"
+#include "policy/ResultCodes.h"
+#include "policy/Utf8.h"
+#include "tools/kxrule/commands/CommandLine.h"
+#include "tools/kxrule/console/Failure.h"
 
 namespace
 {
@@ -19,11 +20,11 @@ void Tell(Tool::Console& console, bool json, const Tool::Failure& failure)
     if (!json)
         return console.Error(std::string("kxrule: ") + failure.what() + "\n");
     std::string text = "{\"error\": ";
-    Tool::AppendJsonString(text, failure.what());
+    KxPolicy::AppendJsonString(text, failure.what());
     text += ", \"exitCode\": " + std::to_string(failure.Code());
     if (failure.Result() != 0)
         text += ", \"result\": " + std::to_string(failure.Result());
-    if (const std::string_view name = Tool::ResultName(failure.Result()); failure.Result() != 0 && !name.empty())
+    if (const std::string_view name = KxPolicy::ResultName(failure.Result()); failure.Result() != 0 && !name.empty())
         text += ", \"name\": \"" + std::string(name) + "\"";
     console.Error(text + "}\n");
 }
@@ -46,7 +47,7 @@ int wmain(int count, wchar_t** arguments)
         {
             std::vector<std::string> texts;
             for (int i = 1; i < count; ++i)
-                texts.push_back(Tool::ToUtf8(arguments[i]));
+                texts.push_back(KxPolicy::ToUtf8(arguments[i]));
             // Known before the rest is: the command line itself may be what is wrong.
             const auto end = std::find(texts.begin(), texts.end(), "--");
             json = std::find(texts.begin(), end, "--json") != end;
@@ -55,6 +56,10 @@ int wmain(int count, wchar_t** arguments)
         catch (const Tool::Failure& failure)
         {
             fail(failure);
+        }
+        catch (const KxPolicy::StoreError& error)
+        {
+            fail(Tool::Failure(error.what(), Tool::ExitFailed, error.Result()));
         }
         catch (const std::bad_alloc&)
         {

@@ -1,0 +1,53 @@
+// A policy's differences carried out in a store.
+#pragma once
+
+#include <cstddef>
+#include <functional>
+#include <stdexcept>
+#include <string>
+
+#include "policy/PolicyDiff.h"
+
+namespace KxPolicy
+{
+
+/// Thrown by value when the store refuses a change; what() tells what was attempted.
+class StoreError : public std::runtime_error
+{
+public:
+    StoreError(int32_t result, const std::string& text) : std::runtime_error(text), m_Result(result) {}
+    /// The library's result code.
+    [[nodiscard]] int32_t Result() const noexcept { return m_Result; }
+
+private:
+    int32_t m_Result;
+};
+
+/// Throws StoreError naming what was attempted unless the result is 0 or more.
+void Check(int32_t result, const std::string& attempt);
+
+/// What a change asks of a store: calls of the library with their results, and two that say themselves what went wrong.
+class PolicyStore
+{
+public:
+    virtual ~PolicyStore() = default;
+    [[nodiscard]] virtual int32_t AddRuleSet(uint16_t index, PFW_RULESET* record) = 0;
+    [[nodiscard]] virtual int32_t DeleteRuleSet(uint16_t index) = 0;
+    [[nodiscard]] virtual int32_t AddRule(uint16_t ruleSetIndex, uint16_t ruleIndex, const PFW_RULE* rule) = 0;
+    [[nodiscard]] virtual int32_t DeleteRule(uint16_t ruleSetIndex, uint16_t ruleIndex) = 0;
+    [[nodiscard]] virtual int32_t AddMacro(const PFW_MACRO* record) = 0;
+    [[nodiscard]] virtual int32_t DeleteMacro() = 0;
+    [[nodiscard]] virtual int32_t SetActiveRuleSet(const uint16_t* indexes, int32_t count) = 0;
+    /// Writes what was changed; throws when it cannot.
+    virtual void Write() = 0;
+    /// Copies the files of the store, before anything removes a rule set; throws when it cannot.
+    virtual void KeepCopy() = 0;
+};
+
+/// Makes the changes and writes them. The files change only at the end, each whole; a rule set that goes, or gets
+/// another name, is first copied with the whole store. Throws StoreError at the first change that is refused.
+/// @param progress  called with how many rule sets are done, and of how many
+void Apply(PolicyStore& store, const Policy& before, const PolicyDiff& diff,
+           const std::function<void(size_t done, size_t all)>& progress);
+
+} // namespace KxPolicy

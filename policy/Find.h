@@ -1,0 +1,28 @@
+// Which rules and macros speak of a text, an address or a port.
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "policy/Policy.h"
+
+namespace KxPolicy
+{
+
+struct Hit
+{
+    const RuleSetRecord* RuleSet = nullptr; // null: a macro
+    const PFW_RULE* Rule = nullptr;         // null: the rule set's name, or a macro
+    const MacroRecord* Macro = nullptr;
+    std::string Where; // the fields, separated by commas
+};
+
+/// An address, a prefix or a range finds items that overlap it; a number finds ports and ranges that hold it, and
+/// numbers in texts; anything else finds texts that hold it, in any letter case. Items that mean any are not found;
+/// rules that name a macro are found with it.
+[[nodiscard]] std::vector<Hit> Find(const Policy& policy, std::string_view query);
+
+} // namespace KxPolicy

@@ -1,0 +1,137 @@
+// A JSON text as a tree whose values know where in the text they stand.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace KxPolicy
+{
+
+/// Something that is wrong in a text, and the byte where.
+struct Complaint
+{
+    size_t Offset;
+    std::string Text;
+};
+
+class JsonValue;
+
+/// Reads a whole text. After a mistake it goes on at the next comma or bracket, so that one run tells all of them.
+/// Takes what RFC 8259 allows, nested up to 64 deep, and a byte order mark in front; nothing else.
+/// Small on purpose: sixteen bytes a value, texts are decoded only when they are asked for.
+class JsonTree
+{
+public:
+    enum class Kind : uint8_t
+    {
+        Broken, // was complained about; stands where a value should
+        Null,
+        False,
+        True,
+        Number,
+        String,
+        Array,
+        Object
+    };
+
+    /// The text must outlive the tree. Texts of 2 GB and more are refused with a complaint.
+    explicit JsonTree(std::string_view text);
+
+    [[nodiscard]] JsonValue Root() const noexcept;
+    [[nodiscard]] std::string_view Text() const noexcept { return m_Text; }
+    [[nodiscard]] const std::vector<Complaint>& Complaints() const noexcept { return m_Complaints; }
+
+private:
+    friend class JsonValue;
+    friend class JsonParser;
+
+    struct Node
+    {
+        uint32_t Begin; // the value's bytes in the text
+        uint32_t End;
+        uint32_t Next; // the node behind this value and everything in it; children follow their parent directly
+        Kind Type;
+    };
+
+    std::string_view m_Text;
+    std::vector<Node> m_Nodes; // an object's children are name, value, name, value, ...
+    std::vector<Complaint> m_Complaints;
+};
+
+/// One value of a tree; as cheap as an index.
+class JsonValue
+{
+public:
+    JsonValue(const JsonTree& tree, uint32_t index) noexcept : m_Tree(&tree), m_Index(index) {}
+
+    [[nodiscard]] JsonTree::Kind Kind() const noexcept { return Node().Type; }
+    [[nodiscard]] bool Is(JsonTree::Kind kind) const noexcept { return Node().Type == kind; }
+    [[nodiscard]] size_t Offset() const noexcept { return Node().Begin; }
+    /// The value as it is written, quotes and all.
+    [[nodiscard]] std::string_view Raw() const noexcept
+    {
+        return m_Tree->m_Text.substr(Node().Begin, Node().End - Node().Begin);
+    }
+    /// A string without quotes and escapes, UTF-8.
+    [[nodiscard]] std::string Text() const;
+
+    /// take(value) for each element of an array.
+    template <class Take>
+    void ForEachItem(Take take) const
+    {
+        for (uint32_t child = m_Index + 1; child < Node().Next; child = m_Tree->m_Nodes[child].Next)
+            take(JsonValue(*m_Tree, child));
+    }
+    /// take(name, value) for each member of an object.
+    template <class Take>
+    void ForEachMember(Take take) const
+    {
+        for (uint32_t name = m_Index + 1; name < Node().Next;)
+        {
+            const uint32_t value = m_Tree->m_Nodes[name].Next;
+            take(JsonValue(*m_Tree, name), JsonValue(*m_Tree, value));
+            name = m_Tree->m_Nodes[value].Next;
+        }
+    }
+    [[nodiscard]] size_t ItemCount() const noexcept
+    {
+        size_t count = 0;
+        ForEachItem([&count](JsonValue) { ++count; });
+        return count;
+    }
+
+private:
+    [[nodiscard]] const JsonTree::Node& Node() const noexcept { return m_Tree->m_Nodes[m_Index]; }
+
+    const JsonTree* m_Tree;
+    uint32_t m_Index;
+};
+
+/// Line and column, both from 1; columns count characters, not bytes.
+struct Place
+{
+    size_t Line = 1;
+    size_t Column = 1;
+};
+
+/// Turns offsets into places, in one pass when they come in ascending order.
+class Locator
+{
+public:
+    explicit Locator(std::string_view text) noexcept;
+    [[nodiscard]] Place Find(size_t offset) noexcept;
+
+private:
+    std::string_view m_Text;
+    size_t m_Start = 0; // behind a byte order mark
+    size_t m_Offset = 0;
+    Place m_Place;
+};
+
+/// Appends text as a JSON string, quotes included. Whatever is not UTF-8 becomes U+FFFD.
+void AppendJsonString(std::string& out, std::string_view text);
+
+} // namespace KxPolicy

@@ -1,0 +1,246 @@
+// Policies compared.
+#include "policy/PolicyDiff.h"
+
+#include <algorithm>
+#include <cstring>
+#include <map>
+
+#include "common/srclib/KxComn_Names.h"
+#include "common/srclib/KxComn_Record.h"
+#include "policy/RecordText.h"
+
+namespace KxPolicy
+{
+namespace
+{
+
+using KxCommon::Record::Load;
+using KxCommon::Record::Store;
+using KxCommon::Record::WideText;
+
+/// Where access rules of the two layouts keep their application.
+struct ApplicationPlaces
+{
+    size_t Path;
+    size_t Hash;
+    size_t System;
+};
+
+std::optional<ApplicationPlaces> PlacesOf(const PFW_RULE& rule) noexcept
+{
+    if (rule.dwKind == KXRULE_KIND_ACCESS)
+        return ApplicationPlaces{offsetof(PFW_RULE, Access.wszAppName), offsetof(PFW_RULE, Access.abAppHash),
+                                 offsetof(PFW_RULE, Access.dwSystem)};
+    if (rule.dwKind == KXRULE_KIND_ACCESS2)
+        return ApplicationPlaces{offsetof(PFW_RULE, Access2.wszAppName), offsetof(PFW_RULE, Access2.abAppHash),
+                                 offsetof(PFW_RULE, Access2.dwSystem)};
+    return std::nullopt;
+}
+
+uint8_t* BytesOf(PFW_RULE& rule) noexcept
+{
+    return reinterpret_cast<uint8_t*>(&rule);
+}
+
+const uint8_t* BytesOf(const PFW_RULE& rule) noexcept
+{
+    return reinterpret_cast<const uint8_t*>(&rule);
+}
+
+bool Equal(const PFW_RULE& a, const PFW_RULE& b) noexcept
+{
+    return std::memcmp(BytesOf(a), BytesOf(b), sizeof a) == 0; // byte for byte, padding is none
+}
+
+void OrderRange(RULE_ADDR& item) noexcept
+{
+    const PFW_ADDR low = item.Addr1;
+    const PFW_ADDR high = item.Addr2;
+    if (item.dwType != KXRULE_ADDR_RANGE)
+        return;
+    if (item.dwFamily == KXRULE_FAMILY_IPV4) // the twelve bytes behind an IPv4 address stay where they are
+    {
+        item.Addr1.dwIPv4 = std::min(low.dwIPv4, high.dwIPv4);
+        item.Addr2.dwIPv4 = std::max(low.dwIPv4, high.dwIPv4);
+    }
+    else if (item.dwFamily == KXRULE_FAMILY_IPV6 && std::memcmp(low.abIPv6, high.abIPv6, sizeof low.abIPv6) > 0)
+    {
+        item.Addr1 = high;
+        item.Addr2 = low;
+    }
+}
+
+void OrderRange(RULE_PORT& item) noexcept
+{
+    const uint16_t first = item.wPort1;
+    const uint16_t second = item.wPort2;
+    if (item.nType != KXRULE_PORT_RANGE || first <= second)
+        return;
+    item.wPort1 = second;
+    item.wPort2 = first;
+}
+
+/// A policy rarely names hashes: the one that the library has computed for the same application counts as the policy's.
+void TakeOverHash(PFW_RULE& rule, const PFW_RULE& stored) noexcept
+{
+    const std::optional<ApplicationPlaces> places = PlacesOf(rule);
+    if (!places || rule.dwKind != stored.dwKind)
+        return;
+    const uint8_t* const from = BytesOf(stored);
+    uint8_t* const to = BytesOf(rule);
+    if (Load<uint32_t>(to + places->System) == 0 && Load<uint32_t>(from + places->System) == 0 &&
+        IsZero(to + places->Hash, KXRULE_HASH_BYTES) &&
+        std::memcmp(from + places->Path, to + places->Path, KXRULE_APP_NAME_UNITS * sizeof(KXWCHAR)) == 0)
+        std::memcpy(to + places->Hash, from + places->Hash, KXRULE_HASH_BYTES);
+}
+
+/// What becomes of one rule set's rules. Both lists are ascending.
+void CompareRules(const std::vector<PFW_RULE>& before, const std::vector<PFW_RULE>& wanted, MergeMode mode,
+                  RuleSetChange& change)
+{
+    size_t old = 0;
+    const auto keepOrDrop = [&](const PFW_RULE& rule)
+    {
+        if (mode == MergeMode::Merge)
+            change.RulesAfter.push_back(rule);
+        else
+            change.Rules.push_back({rule.wRuleIndex, rule, std::nullopt});
+    };
+    for (const PFW_RULE& given : wanted)
+    {
+        for (; old < before.size() && before[old].wRuleIndex < given.wRuleIndex; ++old)
+            keepOrDrop(before[old]);
+        const bool exists = old < before.size() && before[old].wRuleIndex == given.wRuleIndex;
+        // A refreshed system rule holds a hash that adding it again would take away.
+        const bool same = exists && Equal(before[old], given);
+        PFW_RULE rule = same ? given : AsStored(given);
+        if (exists)
+            TakeOverHash(rule, before[old]);
+        if (!exists)
+            change.Rules.push_back({rule.wRuleIndex, std::nullopt, rule});
+        else if (!Equal(before[old], rule))
+            change.Rules.push_back({rule.wRuleIndex, before[old], rule});
+        change.RulesAfter.push_back(rule);
+        old += exists ? 1 : 0;
+    }
+    for (; old < before.size(); ++old)
+        keepOrDrop(before[old]);
+}
+
+bool SameMacros(const std::vector<MacroRecord>& a, const std::vector<MacroRecord>& b)
+{
+    return std::equal(a.begin(), a.end(), b.begin(), b.end(),
+                      [](const MacroRecord& x, const MacroRecord& y)
+                      {
+                          return x.Name == y.Name && x.Items.size() == y.Items.size() &&
+                                 (x.Items.empty() || std::memcmp(x.Items.data(), y.Items.data(),
+                                                                 x.Items.size() * sizeof(MACRO_ITEM)) == 0);
+                      });
+}
+
+/// The policy's macros take the places of those with the same names, one by one; the rest goes to the end.
+std::vector<MacroRecord> MergeMacros(const std::vector<MacroRecord>& before, const std::vector<MacroRecord>& wanted)
+{
+    std::map<std::string, std::vector<const MacroRecord*>> byName;
+    for (const MacroRecord& macro : wanted)
+        byName[macro.Name].push_back(&macro);
+    std::map<std::string, size_t> used;
+    std::vector<MacroRecord> merged;
+    for (const MacroRecord& macro : before)
+    {
+        const auto named = byName.find(macro.Name);
+        if (named == byName.end())
+            merged.push_back(macro);
+        else if (size_t& next = used[macro.Name]; next < named->second.size())
+            merged.push_back(*named->second[next++]);
+    }
+    std::map<std::string, size_t> seen;
+    for (const MacroRecord& macro : wanted)
+    {
+        if (seen[macro.Name]++ >= used[macro.Name])
+            merged.push_back(macro);
+    }
+    return merged;
+}
+
+const RuleSetRecord* Find(const std::vector<RuleSetRecord>& ruleSets, uint16_t index) noexcept
+{
+    for (const RuleSetRecord& ruleSet : ruleSets)
+    {
+        if (ruleSet.Index == index)
+            return &ruleSet;
+    }
+    return nullptr;
+}
+
+} // namespace
+
+PFW_RULE AsStored(const PFW_RULE& rule) noexcept
+{
+    PFW_RULE stored = rule;
+    const std::optional<ApplicationPlaces> places = PlacesOf(rule);
+    if (!places)
+        return stored;
+    for (RULE_ADDR& item : stored.Access.Addr)
+        OrderRange(item);
+    for (RULE_PORT& item : stored.Access.Port)
+        OrderRange(item);
+    uint8_t* const bytes = BytesOf(stored);
+    Store(bytes + places->Path + (KXRULE_APP_NAME_UNITS - 1) * sizeof(KXWCHAR), KXWCHAR{});
+    if (WideText(bytes + places->Path, KXRULE_APP_NAME_UNITS) == KXW("SYSTEM"))
+    {
+        Store(bytes + places->System, uint32_t{1});
+        std::memset(bytes + places->Hash, 0, KXRULE_HASH_BYTES);
+    }
+    return stored;
+}
+
+PolicyDiff Compare(const Policy& store, const Policy& policy, MergeMode mode)
+{
+    PolicyDiff diff;
+    diff.MacrosBefore = store.Macros.value_or(std::vector<MacroRecord>());
+    diff.ActiveBefore = store.Active.value_or(std::vector<uint16_t>());
+    for (const RuleSetRecord& wanted : policy.RuleSets)
+    {
+        RuleSetChange change;
+        change.Index = wanted.Index;
+        change.NameAfter = wanted.Name;
+        const RuleSetRecord* const before = Find(store.RuleSets, wanted.Index);
+        if (before != nullptr)
+            change.NameBefore = before->Name;
+        CompareRules(before == nullptr ? std::vector<PFW_RULE>() : before->Rules, wanted.Rules, mode, change);
+        if (change.NameBefore != change.NameAfter || !change.Rules.empty())
+            diff.RuleSets.push_back(std::move(change));
+    }
+    for (const RuleSetRecord& stored : store.RuleSets)
+    {
+        if (mode == MergeMode::Merge || Find(policy.RuleSets, stored.Index) != nullptr)
+            continue;
+        RuleSetChange change;
+        change.Index = stored.Index;
+        change.NameBefore = stored.Name;
+        CompareRules(stored.Rules, {}, mode, change);
+        diff.RuleSets.push_back(std::move(change));
+    }
+    std::sort(diff.RuleSets.begin(), diff.RuleSets.end(),
+              [](const RuleSetChange& a, const RuleSetChange& b) { return a.Index < b.Index; });
+    if (policy.Macros)
+    {
+        diff.Macros = mode == MergeMode::Merge ? MergeMacros(diff.MacrosBefore, *policy.Macros) : *policy.Macros;
+        if (SameMacros(*diff.Macros, diff.MacrosBefore))
+            diff.Macros.reset();
+    }
+    if (policy.Active && *policy.Active != diff.ActiveBefore)
+        diff.Active = policy.Active;
+    return diff;
+}
+
+size_t RuleSetsAfter(const Policy& store, const PolicyDiff& diff) noexcept
+{
+    size_t count = store.RuleSets.size();
+    for (const RuleSetChange& change : diff.RuleSets)
+        count += change.NameBefore ? (change.NameAfter ? 0 : size_t(-1)) : 1;
+    return count;
+}
+
+} // namespace KxPolicy

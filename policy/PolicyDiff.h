@@ -1,0 +1,62 @@
+// What has to change in a store so that it holds a policy.
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "policy/Policy.h"
+
+namespace KxPolicy
+{
+
+enum class MergeMode
+{
+    Merge,  // what the policy does not name stays
+    Replace // rule sets that the policy does not name go, and so do rules and macros
+};
+
+struct RuleChange
+{
+    uint16_t Index = 0;
+    std::optional<PFW_RULE> Before; // nothing: the rule is new
+    std::optional<PFW_RULE> After;  // nothing: the rule goes
+};
+
+struct RuleSetChange
+{
+    uint16_t Index = 0;
+    std::optional<KxCommon::WideString> NameBefore; // nothing: the rule set is new
+    std::optional<KxCommon::WideString> NameAfter;  // nothing: the rule set goes
+    std::vector<RuleChange> Rules;                  // ascending
+    std::vector<PFW_RULE> RulesAfter;               // all of them, ascending
+};
+
+struct PolicyDiff
+{
+    std::vector<RuleSetChange> RuleSets; // ascending; only those with changes
+    std::vector<MacroRecord> MacrosBefore;
+    std::optional<std::vector<MacroRecord>> Macros; // the new list, when it differs
+    std::vector<uint16_t> ActiveBefore;
+    std::optional<std::vector<uint16_t>> Active; // the new list, when it differs
+
+    [[nodiscard]] bool IsEmpty() const noexcept { return RuleSets.empty() && !Macros && !Active; }
+};
+
+/// The store's policy is complete, as read from the library. Active list and macros are left alone when the policy does
+/// not speak of them, in either mode.
+[[nodiscard]] PolicyDiff Compare(const Policy& store, const Policy& policy, MergeMode mode);
+
+/// The record as the library stores it: ranges of access rules in order, the application path terminated, SYSTEM marked.
+[[nodiscard]] PFW_RULE AsStored(const PFW_RULE& rule) noexcept;
+
+/// How many rule sets there are when the changes are made.
+[[nodiscard]] size_t RuleSetsAfter(const Policy& store, const PolicyDiff& diff) noexcept;
+
+/// The changes as lines for people: + added, - removed, ~ changed with the JSON lines that differ.
+[[nodiscard]] std::string DiffText(const PolicyDiff& diff);
+/// One line: what is to change, or has been changed.
+[[nodiscard]] std::string DiffSummary(const PolicyDiff& diff);
+
+} // namespace KxPolicy

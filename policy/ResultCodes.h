@@ -1,0 +1,17 @@
+// The library's result codes in words.
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <string_view>
+
+namespace KxPolicy
+{
+
+/// Such as "-10055 KXRULE_E_FILE_OPEN: a file could not be opened".
+[[nodiscard]] std::string ResultText(int32_t code);
+
+/// Such as "KXRULE_E_FILE_OPEN"; empty for a code that is not the library's own.
+[[nodiscard]] std::string_view ResultName(int32_t code) noexcept;
+
+} // namespace KxPolicy

@@ -1,0 +1,281 @@
+// JSON as policies, rule sets, rules and macros.
+#include <algorithm>
+#include <array>
+
+#include "common/srclib/KxComn_Record.h"
+#include "policy/ItemText.h"
+#include "policy/JsonReader.h"
+#include "policy/RecordText.h"
+
+namespace KxPolicy
+{
+namespace
+{
+
+using KxCommon::Record::Store;
+
+class Reader : public JsonReader
+{
+public:
+    using JsonReader::JsonReader;
+    void ReadPolicy(JsonValue value, Policy& policy);
+    void ReadRuleSet(JsonValue value, const Path& path, RuleSetRecord& ruleSet);
+    void ReadRule(JsonValue value, const Path& path, PFW_RULE& rule);
+
+private:
+    std::optional<uint32_t> ReadKind(JsonValue rule, const Path& path);
+    void ReadActive(JsonValue value, const Path& path, std::vector<uint16_t>& active);
+    void ReadMacro(JsonValue value, const Path& path, MacroRecord& macro);
+    void ReadItem(JsonValue value, const Path& path, MACRO_ITEM& item);
+    void ReadRules(JsonValue value, const Path& path, RuleSetRecord& ruleSet);
+    void ReadRuleSets(JsonValue value, const Path& path, std::vector<RuleSetRecord>& ruleSets);
+};
+
+/// The kind decides what else a rule may have. Without one nothing can be said about the rule's other members.
+std::optional<uint32_t> Reader::ReadKind(JsonValue rule, const Path& path)
+{
+    std::optional<JsonValue> member;
+    if (!rule.Is(Kind::Object))
+    {
+        Expected(rule, path, "a rule as an object");
+        return std::nullopt;
+    }
+    rule.ForEachMember(
+        [&member](JsonValue name, JsonValue value)
+        {
+            if (!member && name.Is(Kind::String) && name.Text() == "kind")
+                member = value;
+        });
+    if (member)
+        return ReadKeyword(*member, path.Member("kind"), kKinds);
+    Report(rule.Offset(), path, "\"kind\" is missing; expected " + KeywordNames(kKinds));
+    return std::nullopt;
+}
+
+void Reader::ReadRule(JsonValue value, const Path& path, PFW_RULE& rule)
+{
+    const std::optional<uint32_t> kind = ReadKind(value, path);
+    if (!kind)
+        return;
+    std::vector<RuleField> fields(CommonFields().begin(), CommonFields().end());
+    fields.insert(fields.end(), KindFields(*kind).begin(), KindFields(*kind).end());
+    std::vector<std::string_view> names(fields.size());
+    std::transform(fields.begin(), fields.end(), names.begin(), [](const RuleField& field) { return field.Name; });
+    names.push_back("raw");
+    const std::string_view kindName = KeywordName(kKinds, *kind);
+    const Members members = ReadMembers(
+        value, path, names, "a rule of kind " + (kindName.empty() ? std::to_string(*kind) : std::string(kindName)));
+
+    rule = DefaultRule(*kind);
+    uint8_t* const record = reinterpret_cast<uint8_t*>(&rule);
+    bool isSystem = false;
+    for (size_t i = 0; i < fields.size(); ++i)
+    {
+        if (members[i])
+            ReadField(fields[i], *members[i], path.Member(fields[i].Name), record);
+        else if (fields[i].When == Presence::Always)
+            Report(value.Offset(), path, "\"" + std::string(fields[i].Name) + "\" is missing");
+        if (fields[i].Type == FieldType::Application)
+            isSystem = WideFieldText(record + fields[i].Places[0], fields[i].Room) == kSystemApplication;
+        if (fields[i].Name == kSystemField && !members[i] && isSystem)
+            Store(record + fields[i].Places[0], uint32_t{1});
+    }
+    if (members.back())
+        ReadRaw(*members.back(), path.Member("raw"), record, sizeof rule.wRuleIndex, sizeof rule);
+    if (rule.dwKind == KXRULE_KIND_ACCESS && HasBlankPortList(rule))
+        Report(value.Offset(), path, "a port list is empty or blank, which the library refuses (-10064)");
+}
+
+void Reader::ReadRules(JsonValue value, const Path& path, RuleSetRecord& ruleSet)
+{
+    std::array<bool, 65536> used{};
+    ReadArray(value, path, "rules",
+              [&](JsonValue item, const Path& where)
+              {
+                  PFW_RULE rule{};
+                  const size_t before = Failures();
+                  ReadRule(item, where, rule);
+                  const uint16_t index = rule.wRuleIndex;
+                  if (Failures() > before)
+                      return;
+                  if (used[index])
+                      Report(item.Offset(), where, "the rule set has a rule " + std::to_string(index) + " already");
+                  used[index] = true;
+                  ruleSet.Rules.push_back(rule);
+              });
+    if (value.Is(Kind::Array) && value.ItemCount() > KXRULE_MAX_RULES)
+        Report(value.Offset(), path,
+               "a rule set holds at most " + std::to_string(KXRULE_MAX_RULES) + " rules, this one has " +
+                   std::to_string(value.ItemCount()));
+    std::stable_sort(ruleSet.Rules.begin(), ruleSet.Rules.end(),
+                     [](const PFW_RULE& a, const PFW_RULE& b)
+                     { return uint16_t{a.wRuleIndex} < uint16_t{b.wRuleIndex}; });
+}
+
+void Reader::ReadRuleSet(JsonValue value, const Path& path, RuleSetRecord& ruleSet)
+{
+    const Members members = ReadMembers(value, path, {"index", "name", "rules", "raw"}, "a rule set");
+    if (!value.Is(Kind::Object))
+        return;
+    if (members[0])
+        ruleSet.Index = static_cast<uint16_t>(
+            ReadNumber(*members[0], path.Member("index"), 1, KXRULE_MAX_RULESET_INDEX).value_or(0));
+    else
+        Report(value.Offset(), path, "\"index\" is missing");
+    PFW_RULESET head{};
+    if (members[1])
+        ReadWide(*members[1], path.Member("name"), &head.wszName, KXRULE_RULESET_NAME_UNITS);
+    else
+        Report(value.Offset(), path, "\"name\" is missing");
+    if (members[3])
+        ReadRaw(*members[3], path.Member("raw"), &head, kRuleSetNameBegin, kRuleSetNameEnd);
+    ruleSet.Name = KxCommon::Record::WideText(&head.wszName, KXRULE_RULESET_NAME_UNITS - 1);
+    if (members[2])
+        ReadRules(*members[2], path.Member("rules"), ruleSet);
+}
+
+void Reader::ReadRuleSets(JsonValue value, const Path& path, std::vector<RuleSetRecord>& ruleSets)
+{
+    std::array<bool, 65536> used{};
+    ReadArray(value, path, "rule sets",
+              [&](JsonValue item, const Path& where)
+              {
+                  RuleSetRecord ruleSet;
+                  ReadRuleSet(item, where, ruleSet);
+                  if (ruleSet.Index != 0 && used[ruleSet.Index])
+                      Report(item.Offset(), where, "there is a rule set " + std::to_string(ruleSet.Index) + " already");
+                  used[ruleSet.Index] = true;
+                  ruleSets.push_back(std::move(ruleSet));
+              });
+    if (value.Is(Kind::Array) && value.ItemCount() > KXRULE_MAX_RULESETS)
+        Report(value.Offset(), path,
+               "a store holds at most " + std::to_string(KXRULE_MAX_RULESETS) + " rule sets, the file has " +
+                   std::to_string(value.ItemCount()));
+    std::stable_sort(ruleSets.begin(), ruleSets.end(),
+                     [](const RuleSetRecord& a, const RuleSetRecord& b) { return a.Index < b.Index; });
+}
+
+void Reader::ReadItem(JsonValue value, const Path& path, MACRO_ITEM& item)
+{
+    const Members members = ReadMembers(value, path, {"address", "port", "text", "type", "raw"}, "a macro item");
+    if (!value.Is(Kind::Object))
+        return;
+    if (std::count_if(members.begin(), members.begin() + 4, [](const auto& member) { return member.has_value(); }) != 1)
+        return Report(value.Offset(), path, "expected one of address, port, text, or a type as a number");
+    static constexpr RuleField kAddress = {"address", FieldType::Address, Presence::Always, {4}, 1, 0, {}};
+    static constexpr RuleField kPort = {"port", FieldType::Port, Presence::Always, {4}, 1, 0, {}};
+    uint8_t* const record = reinterpret_cast<uint8_t*>(&item);
+    if (members[0])
+    {
+        item.dwItemType = KXRULE_ITEM_ADDR;
+        ReadField(kAddress, *members[0], path.Member("address"), record);
+    }
+    else if (members[1])
+    {
+        item.dwItemType = KXRULE_ITEM_PORT;
+        ReadField(kPort, *members[1], path.Member("port"), record);
+    }
+    else if (members[2])
+    {
+        item.dwItemType = KXRULE_ITEM_TEXT;
+        ReadNarrow(*members[2], path.Member("text"), &item.szText, sizeof item.szText);
+    }
+    else
+    {
+        item.dwItemType = ReadNumber(*members[3], path.Member("type"), 0, UINT32_MAX).value_or(0);
+    }
+    if (members[4])
+        ReadRaw(*members[4], path.Member("raw"), record, sizeof item.dwItemType, sizeof item);
+}
+
+void Reader::ReadMacro(JsonValue value, const Path& path, MacroRecord& macro)
+{
+    const Members members = ReadMembers(value, path, {"name", "items", "raw"}, "a macro");
+    if (!value.Is(Kind::Object))
+        return;
+    PFW_MACRO head{};
+    if (members[0])
+        ReadNarrow(*members[0], path.Member("name"), &head.szName, sizeof head.szName);
+    else
+        Report(value.Offset(), path, "\"name\" is missing");
+    if (members[2])
+        ReadRaw(*members[2], path.Member("raw"), &head, kMacroNameBegin, kMacroNameEnd);
+    macro.Name = KxCommon::Record::Text(&head.szName, sizeof head.szName - 1);
+    if (members[1])
+        ReadArray(*members[1], path.Member("items"), "items",
+                  [&](JsonValue item, const Path& where)
+                  {
+                      MACRO_ITEM record{};
+                      ReadItem(item, where, record);
+                      macro.Items.push_back(record);
+                  });
+}
+
+void Reader::ReadActive(JsonValue value, const Path& path, std::vector<uint16_t>& active)
+{
+    ReadArray(value, path, "rule set indexes",
+              [&](JsonValue item, const Path& where)
+              {
+                  if (const auto index = ReadNumber(item, where, 1, KXRULE_MAX_RULESET_INDEX))
+                      active.push_back(static_cast<uint16_t>(*index));
+              });
+}
+
+void Reader::ReadPolicy(JsonValue value, Policy& policy)
+{
+    const Path root;
+    const Members members =
+        ReadMembers(value, root, {"$schema", "version", "active", "macros", "ruleSets"}, "a policy");
+    if (members[1])
+        static_cast<void>(ReadNumber(*members[1], root.Member("version"), kPolicyVersion, kPolicyVersion));
+    if (members[2])
+        ReadActive(*members[2], root.Member("active"), policy.Active.emplace());
+    if (members[3])
+    {
+        std::vector<MacroRecord>& macros = policy.Macros.emplace();
+        ReadArray(*members[3], root.Member("macros"), "macros",
+                  [&](JsonValue item, const Path& where) { ReadMacro(item, where, macros.emplace_back()); });
+    }
+    if (members[4])
+        ReadRuleSets(*members[4], root.Member("ruleSets"), policy.RuleSets);
+}
+
+} // namespace
+
+bool ReadPolicy(std::string_view json, Policy& policy, std::vector<JsonError>& errors)
+{
+    Reader reader(json);
+    reader.ReadPolicy(reader.Root(), policy);
+    return reader.Finish(errors);
+}
+
+bool ReadRule(std::string_view json, PFW_RULE& rule, std::vector<JsonError>& errors)
+{
+    Reader reader(json);
+    reader.ReadRule(reader.Root(), {}, rule);
+    return reader.Finish(errors);
+}
+
+bool ReadRuleSet(std::string_view json, RuleSetRecord& ruleSet, std::vector<JsonError>& errors)
+{
+    Reader reader(json);
+    reader.ReadRuleSet(reader.Root(), {}, ruleSet);
+    return reader.Finish(errors);
+}
+
+bool HasBlankPortList(const PFW_RULE& rule) noexcept
+{
+    if (rule.dwKind != KXRULE_KIND_ACCESS && rule.dwKind != KXRULE_KIND_ACCESS2)
+        return false;
+    for (const RULE_PORT& port : rule.Access.Port)
+    {
+        const std::string_view list = KxCommon::Record::Text(port.szList, sizeof port.szList);
+        // kept: bytes above 127 are blanks to the library as well.
+        if (port.nType == KXRULE_PORT_LIST &&
+            std::none_of(list.begin(), list.end(), [](char c) { return static_cast<signed char>(c) > 32; }))
+            return true;
+    }
+    return false;
+}
+
+} // namespace KxPolicy

@@ -1,0 +1,185 @@
+// Commands that change single things: rule sets, rules, the active list, macros, hashes.
+#include <algorithm>
+
+#include <nlohmann/json.hpp>
+
+#include "policy/Apply.h"
+#include "policy/RecordText.h"
+#include "policy/ResultCodes.h"
+#include "policy/Utf8.h"
+#include "tools/kxrule/commands/Commands.h"
+#include "tools/kxrule/console/Columns.h"
+
+namespace Tool
+{
+namespace
+{
+
+using Json = nlohmann::ordered_json;
+
+std::vector<PFW_RULE>::iterator FindRule(RuleSetRecord& ruleSet, uint16_t index)
+{
+    return std::find_if(ruleSet.Rules.begin(), ruleSet.Rules.end(),
+                        [index](const PFW_RULE& rule) { return rule.wRuleIndex == index; });
+}
+
+/// A rule whose hash was set, as the callback sees it.
+struct Refreshed
+{
+    uint32_t RuleSetIndex;
+    uint16_t RuleIndex;
+    std::string Application;
+};
+
+int32_t TakeRefreshed(uint32_t ruleSetIndex, const PFW_RULE* rule, void* context)
+{
+    try
+    {
+        static_cast<std::vector<Refreshed>*>(context)->push_back(
+            {ruleSetIndex, rule->wRuleIndex, WideFieldText(&rule->Access.wszAppName, KXRULE_APP_NAME_UNITS)});
+    }
+    catch (...) // nothing may leave a callback; the list is then short of one
+    {
+        return 1;
+    }
+    return 0;
+}
+
+} // namespace
+
+int AddRuleSet(Session& session, const std::string& name, std::optional<uint16_t> index)
+{
+    const KxCommon::WideString wide = FromUtf8(name);
+    if (wide.size() >= KXRULE_RULESET_NAME_UNITS)
+        throw Failure("a rule set's name may have " + std::to_string(KXRULE_RULESET_NAME_UNITS - 1) +
+                      " UTF-16 units, this one has " + std::to_string(wide.size()));
+    session.OpenToChange();
+    const Policy store = session.Read();
+    for (const RuleSetRecord& ruleSet : store.RuleSets)
+    {
+        // Asking the library for an index in use would keep its lock.
+        if (ruleSet.Index == index)
+            throw Failure("there is a rule set " + std::to_string(*index) + " already");
+    }
+    std::vector<unsigned char> block = RuleSetBytes(0, wide, {});
+    PFW_RULESET* const record = reinterpret_cast<PFW_RULESET*>(block.data());
+    session.BeginChange();
+    Check(session.Library().AddRuleSet(index.value_or(0), record), "adding the rule set");
+    session.Write();
+    const uint16_t given = record->wRuleSetIndex;
+    session.Terminal().Out(session.Options().Json ? Json({{"index", given}}).dump() + "\n"
+                                                  : "rule set " + std::to_string(given) + " added\n");
+    return ExitDone;
+}
+
+int DeleteRuleSets(Session& session, const std::vector<uint16_t>& indexes, bool all)
+{
+    session.OpenToChange();
+    const Policy store = session.Read();
+    Policy wanted = store;
+    for (const uint16_t index : indexes)
+    {
+        static_cast<void>(FindRuleSet(store, index));
+        std::erase_if(wanted.RuleSets, [index](const RuleSetRecord& ruleSet) { return ruleSet.Index == index; });
+    }
+    if (all)
+        wanted.RuleSets.clear();
+    return ApplyPolicy(session, store, wanted, MergeMode::Replace);
+}
+
+int AddRule(Session& session, uint16_t ruleSetIndex, const std::string& rule, bool replace)
+{
+    const bool isText = rule.find('{') != std::string::npos;
+    PFW_RULE record{};
+    std::vector<JsonError> errors;
+    if (!ReadRule(isText ? rule : ReadTextFile(rule), record, errors))
+        return TellMistakes(session, isText ? "RULE" : rule, errors);
+    session.OpenToChange();
+    const Policy store = session.Read();
+    Policy wanted = store;
+    RuleSetRecord& ruleSet = FindRuleSet(wanted, ruleSetIndex);
+    const auto existing = FindRule(ruleSet, record.wRuleIndex);
+    if (existing != ruleSet.Rules.end() && !replace)
+        throw Failure("rule set " + std::to_string(ruleSetIndex) + " has a rule " +
+                      std::to_string(uint16_t{record.wRuleIndex}) + " already; use --replace");
+    if (existing != ruleSet.Rules.end())
+        *existing = record;
+    else
+        ruleSet.Rules.insert(std::find_if(ruleSet.Rules.begin(), ruleSet.Rules.end(),
+                                          [&record](const PFW_RULE& other)
+                                          { return other.wRuleIndex > record.wRuleIndex; }),
+                             record);
+    return ApplyPolicy(session, store, wanted, MergeMode::Replace);
+}
+
+int DeleteRules(Session& session, uint16_t ruleSetIndex, const std::vector<uint16_t>& indexes, bool all)
+{
+    session.OpenToChange();
+    const Policy store = session.Read();
+    Policy wanted = store;
+    RuleSetRecord& ruleSet = FindRuleSet(wanted, ruleSetIndex);
+    for (const uint16_t index : indexes)
+    {
+        const auto rule = FindRule(ruleSet, index);
+        if (rule == ruleSet.Rules.end())
+            throw Failure("rule set " + std::to_string(ruleSetIndex) + " has no rule " + std::to_string(index));
+        ruleSet.Rules.erase(rule);
+    }
+    if (all)
+        ruleSet.Rules.clear();
+    return ApplyPolicy(session, store, wanted, MergeMode::Replace);
+}
+
+int Activate(Session& session, const std::vector<uint16_t>& indexes)
+{
+    session.OpenToChange();
+    const Policy store = session.Read();
+    for (const uint16_t index : indexes)
+        static_cast<void>(
+            FindRuleSet(store, index)); // the library would take any index; a slip here opens the firewall
+    Policy wanted;
+    wanted.Active = indexes;
+    return ApplyPolicy(session, store, wanted, MergeMode::Merge);
+}
+
+int ClearMacros(Session& session)
+{
+    session.OpenToChange();
+    const Policy store = session.Read();
+    Policy wanted = store;
+    wanted.Macros->clear();
+    return ApplyPolicy(session, store, wanted, MergeMode::Replace);
+}
+
+int RefreshHashes(Session& session, const std::string& application)
+{
+    session.OpenToChange();
+    const std::wstring path = FromUtf8(application);
+    std::vector<Refreshed> refreshed;
+    session.BeginChange();
+    const int32_t result =
+        session.Library().UpdateHashValue(path.empty() ? nullptr : path.c_str(), nullptr, TakeRefreshed, &refreshed);
+    if (!refreshed.empty()) // those before a failure count as well
+        session.Write();
+    if (session.Options().Json)
+    {
+        Json json = Json::array();
+        for (const Refreshed& rule : refreshed)
+            json.push_back(
+                {{"ruleSet", rule.RuleSetIndex}, {"rule", rule.RuleIndex}, {"application", rule.Application}});
+        session.Terminal().Out(json.dump(2) + "\n");
+    }
+    else
+    {
+        for (const Refreshed& rule : refreshed)
+            session.Terminal().Out("rule set " + std::to_string(rule.RuleSetIndex) + ", rule " +
+                                   std::to_string(rule.RuleIndex) + "  " + Printable(rule.Application) + "\n");
+        session.Terminal().Out(std::to_string(refreshed.size()) + (refreshed.size() == 1 ? " hash" : " hashes") +
+                               " computed\n");
+    }
+    if (result != KXRULE_OK)
+        throw Failure("computing hashes: " + ResultText(result), ExitFailed, result);
+    return ExitDone;
+}
+
+} // namespace Tool

@@ -1,0 +1,306 @@
+// The command line. The only file that sees the option parser.
+#include "tools/kxrule/commands/CommandLine.h"
+
+#include <functional>
+#include <sstream>
+
+#include <CLI/CLI.hpp>
+
+#include "tools/kxrule/commands/Commands.h"
+#include "tools/kxrule/commands/Manual.h"
+
+#if !defined(KX_VERSION) // the build gives it
+#define KX_VERSION "unknown"
+#endif
+
+namespace Tool
+{
+namespace
+{
+
+using Command = std::function<int(Session&)>;
+
+/// A whole number; the help need not say so behind every name.
+CLI::Validator InRange(int least, int most)
+{
+    return CLI::Range(least, most).description("");
+}
+
+/// Everything that can be written in front of or behind a command.
+class CommandLine
+{
+public:
+    CommandLine()
+    {
+        m_App.name("kxrule");
+        m_App.require_subcommand(1);
+        m_App.allow_windows_style_options(false); // a path may begin with a slash
+        m_App.fallthrough();
+        m_App.add_option("--dir", m_Options.Directory, "The rule directory; the library's own when it is not given")
+            ->type_name("DIR");
+        m_App.add_option("--master", m_Options.Master, "The name of the master file in it")->type_name("NAME");
+        m_App.add_flag("--json", m_Options.Json, "Print JSON for other programs; errors, too, on standard error");
+        m_App.add_flag("--no-color", m_Options.NoColour, "No colours, as with the environment variable NO_COLOR");
+        m_App.add_flag("--force", m_Options.Force, "Change the store even while another process uses it");
+        m_App.set_version_flag("--version", "kxrule " KX_VERSION);
+        m_App.footer("Example:\n  kxrule --dir C:\\ProgramData\\Firewall\\Rules list\n\n"
+                     "Exit codes: 0 done, 1 failed, 2 wrong usage, 3 import --check found differences.");
+        AddLook();
+        AddPolicies();
+        AddChanges();
+        AddCare();
+        AddManual();
+    }
+
+    int Run(std::vector<std::string> arguments, Console& console)
+    {
+        std::reverse(arguments.begin(), arguments.end()); // how the parser takes a vector
+        try
+        {
+            m_App.parse(std::move(arguments));
+        }
+        catch (const CLI::ParseError& error)
+        {
+            std::ostringstream out;
+            std::ostringstream problems;
+            if (m_App.exit(error, out, problems) != 0)
+            {
+                const bool unknown = m_App.get_subcommands().empty() && !m_App.remaining().empty();
+                throw Failure((unknown ? "\"" + m_App.remaining().front() + "\" is no " +
+                                             (m_App.remaining().front()[0] == '-' ? "option" : "command")
+                                       : error.what()) +
+                                  "; --help tells more",
+                              ExitUsage);
+            }
+            console.Out(out.str());
+            return ExitDone;
+        }
+        if (m_Options.NoColour)
+            console.DisableColour();
+        Session session(m_Options, console);
+        return m_Command(session);
+    }
+
+private:
+    CLI::App* Add(CLI::App& parent, const char* name, const char* summary, const char* example, const Command& command)
+    {
+        CLI::App* const added = parent.add_subcommand(name, summary);
+        added->footer(std::string("Example:\n  ") + example);
+        added->fallthrough();
+        if (command)
+            added->callback([this, command] { m_Command = command; });
+        return added;
+    }
+
+    static CLI::Option* AddRuleSet(CLI::App* command, std::optional<uint16_t>& index, const char* what)
+    {
+        return command->add_option("SET", index, what)->check(InRange(1, KXRULE_MAX_RULESET_INDEX))->type_name("");
+    }
+    static CLI::Option* AddRule(CLI::App* command, std::optional<uint16_t>& index, const char* what)
+    {
+        return command->add_option("RULE", index, what)->check(InRange(0, 65535))->type_name("");
+    }
+
+    void AddLook()
+    {
+        Add(m_App, "list", "List the rule sets: index, rules, whether active, name", "kxrule list --json",
+            [](Session& session) { return List(session); });
+        CLI::App* const show = Add(m_App, "show", "Show rules and macros as lines of text", "kxrule show 3 120",
+                                   [this](Session& session) { return Show(session, m_RuleSetIndex, m_RuleIndex); });
+        AddRuleSet(show, m_RuleSetIndex, "Only this rule set");
+        AddRule(show, m_RuleIndex, "Only this rule, with all its fields");
+        CLI::App* const find =
+            Add(m_App, "find", "Find the rules and macros that speak of a text, an address or a port",
+                "kxrule find 10.20.0.0/16", [this](Session& session) { return FindCommand(session, m_Text); });
+        find->add_option("QUERY", m_Text, "A text, an address, a prefix, a range of addresses, a port or ports")
+            ->required()
+            ->type_name("");
+        Add(m_App, "active", "Show which rule sets are active, in their order", "kxrule active",
+            [](Session& session) { return Active(session); });
+        CLI::App* const report =
+            Add(m_App, "report", "Write the store as one page for a browser", "kxrule report -o rules.html",
+                [this](Session& session) { return Report(session, m_File); });
+        AddOutput(report)->required();
+    }
+
+    void AddPolicies()
+    {
+        CLI::App* const import = Add(m_App, "import", "Bring the policy of a JSON file into the store",
+                                     "kxrule import workstation.json --replace --check",
+                                     [this](Session& session) { return Import(session, m_Import); });
+        AddImport(import);
+        import->add_flag("--check", m_Import.Check,
+                         "Show what would change and change nothing; exit code 3 when something would");
+        CLI::App* const exported =
+            Add(m_App, "export", "Write the store, or some rule sets, as JSON", "kxrule export -o policy.json",
+                [this](Session& session) { return Export(session, m_Indexes, m_File); });
+        AddRuleSets(exported, "Only these rule sets, without macros and active list");
+        AddOutput(exported);
+        CLI::App* const macros = Add(m_App, "macros", "Show the macros, or change them", "kxrule macros",
+                                     [this](Session& session) { return m_Inner ? m_Inner(session) : Macros(session); });
+        macros->require_subcommand(0, 1);
+        CLI::App* const importMacros =
+            AddInner(macros, "import", "Bring the macros of a JSON file into the store, and nothing else of it",
+                     "kxrule macros import workstation.json",
+                     [this](Session& session) { return ImportMacros(session, m_Import); });
+        AddImport(importMacros);
+        AddInner(macros, "clear", "Remove every macro", "kxrule macros clear",
+                 [](Session& session) { return ClearMacros(session); });
+    }
+
+    void AddChanges()
+    {
+        CLI::App* const addSet =
+            Add(m_App, "add-set", "Add an empty rule set", "kxrule add-set \"Home office\" --index 4",
+                [this](Session& session) { return Tool::AddRuleSet(session, m_Text, m_RuleSetIndex); });
+        addSet->add_option("NAME", m_Text, "Its name, at most 64 characters")->required()->type_name("");
+        addSet->add_option("--index", m_RuleSetIndex, "Its index; a free one when it is not given")
+            ->check(InRange(1, KXRULE_MAX_RULESET_INDEX))
+            ->type_name("SET");
+        CLI::App* const deleteSet =
+            Add(m_App, "delete-set", "Delete rule sets; a copy of the store is kept below RuleBackup",
+                "kxrule delete-set 4",
+                [this](Session& session)
+                {
+                    RequireList("--all");
+                    return DeleteRuleSets(session, m_Indexes, m_All);
+                });
+        AddAll(deleteSet, AddRuleSets(deleteSet, "The rule sets"), "All of them");
+        CLI::App* const addRule =
+            Add(m_App, "add-rule", "Add a rule, written in JSON", "kxrule add-rule 3 rule.json --replace",
+                [this](Session& session) { return Tool::AddRule(session, *m_RuleSetIndex, m_Text, m_Import.Replace); });
+        AddRuleSet(addRule, m_RuleSetIndex, "The rule set")->required();
+        addRule->add_option("RULE", m_Text, "The rule in JSON, or a file with it; - for standard input")
+            ->required()
+            ->type_name("");
+        addRule->add_flag("--replace", m_Import.Replace, "Replace a rule of the same index");
+        CLI::App* const deleteRule =
+            Add(m_App, "delete-rule", "Delete rules of a rule set", "kxrule delete-rule 3 120 121",
+                [this](Session& session)
+                {
+                    RequireList("--all");
+                    return DeleteRules(session, *m_RuleSetIndex, m_Indexes, m_All);
+                });
+        AddRuleSet(deleteRule, m_RuleSetIndex, "The rule set")->required();
+        AddAll(deleteRule,
+               deleteRule->add_option("RULE", m_Indexes, "The rules")->check(InRange(0, 65535))->type_name(""),
+               "All of them");
+        CLI::App* const activate =
+            Add(m_App, "activate", "Make these rule sets, and no others, active", "kxrule activate 1 2 3",
+                [this](Session& session)
+                {
+                    RequireList("--none");
+                    return Activate(session, m_Indexes);
+                });
+        CLI::Option* const sets = AddRuleSets(activate, "The rule sets in their order");
+        AddAll(activate, sets, "No rule set at all", "--none");
+        CLI::App* const refresh =
+            Add(m_App, "refresh-hashes", "Compute the hashes of the applications that rules are bound to",
+                "kxrule refresh-hashes --app \"C:\\Program Files\\Mail\\mail.exe\"",
+                [this](Session& session) { return RefreshHashes(session, m_Text); });
+        refresh->add_option("--app", m_Text, "Only of this application")->type_name("PATH");
+    }
+
+    void AddCare()
+    {
+        Add(m_App, "verify", "Read every file of the rule directory and say what is wrong; changes nothing",
+            "kxrule --dir D:\\Rules verify", [](Session& session) { return Verify(session); });
+        CLI::App* const backup =
+            Add(m_App, "backup", "Copy the rule files to an empty directory", "kxrule backup E:\\rules-monday",
+                [this](Session& session) { return Backup(session, m_Text); });
+        backup->add_option("DIRECTORY", m_Text, "Where to")->required()->type_name("");
+        CLI::App* const restore =
+            Add(m_App, "restore", "Bring back a backup, or one file of one; keeps what it replaces below RuleBackup",
+                "kxrule restore RuleBackup\\KxRl0001.dat.brk",
+                [this](Session& session) { return Restore(session, m_Text); });
+        restore->add_option("SOURCE", m_Text, "A directory with rule files, a rule set file or a macro file")
+            ->required()
+            ->type_name("");
+        CLI::App* const tidy = Add(m_App, "tidy", "Remove what unfinished writes have left", "kxrule tidy --yes",
+                                   [this](Session& session) { return Tidy(session, m_All); });
+        tidy->add_flag("--yes", m_All, "Do not ask");
+        CLI::App* const dump =
+            Add(m_App, "dump", "Show one file of the store field by field", "kxrule dump KxRl0001.dat",
+                [this](Session& session) { return Dump(session, m_Text); });
+        dump->add_option("FILE", m_Text, "A master file, a macro file or a rule set file")->required()->type_name("");
+    }
+
+    void AddManual()
+    {
+        CLI::App* const completion =
+            Add(m_App, "completion", "Print the completion of commands and options for a shell",
+                "kxrule completion powershell | Out-String | Invoke-Expression",
+                [this](Session& session)
+                {
+                    session.Terminal().Out(m_Text == "bash" ? BashCompletion(m_App) : PowerShellCompletion(m_App));
+                    return ExitDone;
+                });
+        completion->add_option("SHELL", m_Text, "powershell or bash")
+            ->required()
+            ->check(CLI::IsMember({"powershell", "bash"}))
+            ->type_name("");
+        Add(m_App, "manual", "Print the manual in Markdown", "kxrule manual",
+            [this](Session& session)
+            {
+                session.Terminal().Out(Manual(m_App));
+                return ExitDone;
+            });
+    }
+
+    CLI::App* AddInner(CLI::App* parent, const char* name, const char* summary, const char* example,
+                       const Command& command)
+    {
+        CLI::App* const added = Add(*parent, name, summary, example, {});
+        added->callback([this, command] { m_Inner = command; });
+        return added;
+    }
+    void AddImport(CLI::App* command)
+    {
+        command->add_option("FILE", m_Import.File, "The file; - for standard input")->required()->type_name("");
+        CLI::Option* const replace =
+            command->add_flag("--replace", m_Import.Replace, "Remove what the file does not name");
+        command
+            ->add_flag("--merge", m_Import.Merge, "Leave what the file does not name as it is, as without this option")
+            ->excludes(replace);
+    }
+    CLI::Option* AddOutput(CLI::App* command)
+    {
+        return command->add_option("-o,--output", m_File, "The file to write")->type_name("FILE");
+    }
+    CLI::Option* AddRuleSets(CLI::App* command, const char* what)
+    {
+        return command->add_option("SET", m_Indexes, what)->check(InRange(1, KXRULE_MAX_RULESET_INDEX))->type_name("");
+    }
+    void AddAll(CLI::App* command, CLI::Option* list, const char* what, const char* name = "--all")
+    {
+        command->add_flag(name, m_All, what)->excludes(list);
+    }
+    /// A list that was forgotten must not mean everything or nothing.
+    void RequireList(const char* option) const
+    {
+        if (m_Indexes.empty() && !m_All)
+            throw Failure(std::string("expected what to take, or ") + option + "; --help tells more", ExitUsage);
+    }
+
+    CLI::App m_App{"Manages the rule store of the firewall: rule sets, rules and macros.", "kxrule"};
+    GlobalOptions m_Options;
+    Command m_Command;
+    Command m_Inner;
+    std::optional<uint16_t> m_RuleSetIndex;
+    std::optional<uint16_t> m_RuleIndex;
+    std::vector<uint16_t> m_Indexes;
+    std::string m_Text;
+    std::string m_File;
+    ImportOptions m_Import;
+    bool m_All = false;
+};
+
+} // namespace
+
+int RunCommandLine(const std::vector<std::string>& arguments, Console& console)
+{
+    CommandLine commandLine;
+    return commandLine.Run(arguments, console);
+}
+
+} // namespace Tool

@@ -1,0 +1,15 @@
+// The command line: what may be written, what is said about it, and what is then called.
+#pragma once
+
+#include <string>
+#include <vector>
+
+#include "tools/kxrule/console/Console.h"
+
+namespace Tool
+{
+
+/// Runs one command; arguments in order, without the program's name, UTF-8.
+[[nodiscard]] int RunCommandLine(const std::vector<std::string>& arguments, Console& console);
+
+} // namespace Tool

@@ -1,0 +1,71 @@
+// The commands. Each returns an exit code or throws Failure.
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "policy/PolicyDiff.h"
+#include "policy/RuleJson.h"
+#include "tools/kxrule/commands/Session.h"
+
+namespace Tool
+{
+
+using namespace KxPolicy;
+
+// ------------------------------------------------------------------------------------------------- look (LookCommands)
+int List(Session& session);
+int Show(Session& session, std::optional<uint16_t> ruleSetIndex, std::optional<uint16_t> ruleIndex);
+int Macros(Session& session);
+int FindCommand(Session& session, const std::string& query);
+int Active(Session& session);
+int Report(Session& session, const std::string& file); // ReportCommand
+
+// ------------------------------------------------------------------------------------------ policies (PolicyCommands)
+struct ImportOptions
+{
+    std::string File;   // "-": standard input
+    bool Merge = false; // what happens without an option, too
+    bool Replace = false;
+    bool Check = false;
+};
+int Import(Session& session, const ImportOptions& options);
+int ImportMacros(Session& session, const ImportOptions& options);
+
+/// Without rule sets everything; with some, these alone, without macros and active list.
+int Export(Session& session, const std::vector<uint16_t>& ruleSetIndexes, const std::string& file);
+
+// ---------------------------------------------------------------------------------------------- change (ChangeCommands)
+int AddRuleSet(Session& session, const std::string& name, std::optional<uint16_t> index);
+int DeleteRuleSets(Session& session, const std::vector<uint16_t>& indexes, bool all);
+/// The rule is JSON, or the name of a file with it.
+int AddRule(Session& session, uint16_t ruleSetIndex, const std::string& rule, bool replace);
+int DeleteRules(Session& session, uint16_t ruleSetIndex, const std::vector<uint16_t>& indexes, bool all);
+int Activate(Session& session, const std::vector<uint16_t>& indexes);
+int ClearMacros(Session& session);
+int RefreshHashes(Session& session, const std::string& application);
+
+// -------------------------------------------------------------------------------------------------- care (CareCommands)
+int Verify(Session& session);
+int Backup(Session& session, const std::string& directory);
+int Restore(Session& session, const std::string& source);
+int Tidy(Session& session, bool yes);
+int Dump(Session& session, const std::string& file);
+
+// ----------------------------------------------------------------------------------------------------------- helpers --
+/// Makes the store hold what is wanted, and says what that changed.
+int ApplyPolicy(Session& session, const Policy& store, const Policy& wanted, MergeMode mode);
+/// Fails unless the store has it.
+[[nodiscard]] const RuleSetRecord& FindRuleSet(const Policy& policy, uint16_t index);
+[[nodiscard]] RuleSetRecord& FindRuleSet(Policy& policy, uint16_t index);
+/// A whole file, "-" for standard input.
+[[nodiscard]] std::string ReadTextFile(const std::string& path);
+/// Puts text into a file, whole or not at all; "-" or nothing: standard output.
+void WriteTextFile(Session& session, const std::string& path, std::string_view text);
+/// What is wrong in a file, one line each: FILE:LINE:COLUMN: where: what.
+/// @return ExitFailed
+int TellMistakes(Session& session, const std::string& path, const std::vector<JsonError>& errors);
+
+} // namespace Tool

@@ -1,0 +1,170 @@
+// One file of any of the three kinds, field by field, with the offsets of docs/format.md.
+#include <nlohmann/json.hpp>
+
+#include "persistence/Aes128.h"
+#include "persistence/FileFormat.h"
+#include "policy/Utf8.h"
+#include "rules/RuleText.h"
+#include "tools/kxrule/commands/Commands.h"
+#include "tools/kxrule/commands/StoreFiles.h"
+#include "tools/kxrule/console/Columns.h"
+
+namespace Tool
+{
+namespace
+{
+
+using Json = nlohmann::ordered_json;
+
+std::string Hexadecimal(uint32_t value)
+{
+    static constexpr char kDigits[] = "0123456789abcdef";
+    std::string text = "0x";
+    for (int shift = 28; shift >= 0; shift -= 4)
+        text += kDigits[value >> shift & 15];
+    return text;
+}
+
+/// Walks a file in the order of its records and knows where each begins.
+class Dumper
+{
+public:
+    explicit Dumper(const FileContent& content) : m_Content(content) {}
+
+    void Dump(Console& console)
+    {
+        static constexpr const char* kMagics[] = {FileFormat::kMasterMagic, FileFormat::kMacroMagic,
+                                                  FileFormat::kRuleSetMagic};
+        Row("magic", FileFormat::kMagicBytes, kMagics[static_cast<size_t>(m_Content.Kind)]);
+        Record("version", sizeof m_Content.Version, Hexadecimal(m_Content.Version));
+        if (m_Content.Kind == FileKind::Master)
+            Master();
+        else if (m_Content.Kind == FileKind::Macros)
+            Macros();
+        else
+            RuleSet();
+        for (const std::string& line : Aligned(m_Rows, {0, 1}))
+            console.Out(line + "\n");
+        if (!m_Content.Problem.empty())
+            console.Out(console.Paint(Style::Bad, "here it ends: " + m_Content.Problem) + "\n");
+        else if (m_Offset < m_Content.Bytes)
+            console.Out(std::to_string(m_Content.Bytes - m_Offset) + " bytes behind the last record are not read\n");
+    }
+
+private:
+    void Row(const std::string& field, uint64_t bytes, const std::string& value)
+    {
+        m_Rows.push_back({std::to_string(m_Offset), std::to_string(bytes), field, Printable(value)});
+        m_Offset += bytes;
+    }
+    /// One encrypted record: its length, and the ciphertext.
+    void Record(const std::string& field, uint64_t plainBytes, const std::string& value)
+    {
+        Row(field, sizeof(uint32_t) + Aes128::CipherBytes(plainBytes), value);
+    }
+    void Text(const std::string& field, uint64_t plainBytes, const std::string& value)
+    {
+        Record(field + ", length", sizeof(uint32_t), std::to_string(plainBytes));
+        Record(field, plainBytes, "\"" + value + "\"");
+    }
+
+    void Master()
+    {
+        const MasterFields& fields = m_Content.Master;
+        Text("macro file", fields.MacroFileName.size(), NarrowToUtf8(fields.MacroFileName));
+        Record("next index", sizeof fields.NextIndex, std::to_string(fields.NextIndex));
+        std::string active;
+        for (const uint16_t index : fields.ActiveRuleSets)
+            active += (active.empty() ? "" : ", ") + std::to_string(index);
+        Record("active, count", sizeof(uint32_t), std::to_string(fields.ActiveRuleSets.size()));
+        Record("active", sizeof(uint16_t) * fields.ActiveRuleSets.size(), "[" + active + "]");
+        Record("rule sets", sizeof(uint32_t), std::to_string(fields.RuleSetFileNames.size()));
+        for (const std::string& name : fields.RuleSetFileNames)
+            Text("rule set file", name.size(), NarrowToUtf8(name));
+    }
+
+    void Macros()
+    {
+        Record("macros", sizeof(uint32_t), std::to_string(m_Content.Macros.size()));
+        for (const MacroRecord& macro : m_Content.Macros)
+        {
+            Text("macro", macro.Name.size(), NarrowToUtf8(macro.Name));
+            Record("items", sizeof(uint32_t), std::to_string(macro.Items.size()));
+            Policy one;
+            one.Macros.emplace().push_back(macro);
+            const Json json = Json::parse(PolicyToJson(one));
+            for (const Json& item : json["macros"][0]["items"])
+                Record("item", sizeof(MACRO_ITEM), item.dump());
+        }
+    }
+
+    void RuleSet()
+    {
+        const RuleSetRecord& ruleSet = m_Content.RuleSet;
+        const bool old = m_Content.Version == FileFormat::kOldVersion;
+        Record("index", sizeof ruleSet.Index, std::to_string(ruleSet.Index));
+        Text("name", old ? KxCommon::String::ToNarrow(ruleSet.Name).size() : 2 * ruleSet.Name.size(),
+             ToUtf8(ruleSet.Name));
+        Record("rules", sizeof(uint32_t), std::to_string(m_Content.RuleCount));
+        for (const PFW_RULE& rule : ruleSet.Rules)
+        {
+            std::string line;
+            if (RuleText::Render(rule, line) != KXRULE_OK)
+                line = "kind " + std::to_string(uint32_t{rule.dwKind});
+            Record("rule " + std::to_string(uint16_t{rule.wRuleIndex}), sizeof rule, NarrowToUtf8(line));
+            const Json json = Json::parse(RuleToJson(rule));
+            for (const auto& [name, value] : json.items())
+            {
+                if (name != "index" && name != "kind")
+                    m_Rows.push_back({"", "", "  " + name, value.dump()});
+            }
+        }
+    }
+
+    const FileContent& m_Content;
+    uint64_t m_Offset = 0;
+    std::vector<std::vector<std::string>> m_Rows = {{"offset", "bytes", "field", "value"}};
+};
+
+Json ContentAsJson(const FileContent& content)
+{
+    Json json = {{"bytes", content.Bytes}, {"version", content.Version}};
+    if (content.Kind == FileKind::Master)
+    {
+        json["macroFile"] = NarrowToUtf8(content.Master.MacroFileName);
+        json["nextIndex"] = content.Master.NextIndex;
+        json["active"] = content.Master.ActiveRuleSets;
+        json["ruleSetFiles"] = Json::array();
+        for (const std::string& name : content.Master.RuleSetFileNames)
+            json["ruleSetFiles"].push_back(NarrowToUtf8(name));
+    }
+    else if (content.Kind == FileKind::Macros)
+    {
+        Policy macros;
+        macros.Macros = content.Macros;
+        json["macros"] = Json::parse(PolicyToJson(macros))["macros"];
+    }
+    else
+    {
+        json["ruleSet"] = Json::parse(RuleSetToJson(content.RuleSet));
+    }
+    if (!content.Problem.empty())
+        json["problem"] = content.Problem;
+    return json;
+}
+
+} // namespace
+
+int Dump(Session& session, const std::string& file)
+{
+    const FileContent content = ReadStoreFile(AbsolutePath(file));
+    if (!content.Known)
+        throw Failure(file + ": " + content.Problem);
+    if (session.Options().Json)
+        session.Terminal().Out(ContentAsJson(content).dump(2) + "\n");
+    else
+        Dumper(content).Dump(session.Terminal());
+    return content.Problem.empty() ? ExitDone : ExitFailed;
+}
+
+} // namespace Tool

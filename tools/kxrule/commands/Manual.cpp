@@ -1,0 +1,246 @@
+// The manual and the shells' completion, from the same source as --help.
+#include "tools/kxrule/commands/Manual.h"
+
+#include <algorithm>
+#include <vector>
+
+#include <CLI/CLI.hpp>
+
+namespace Tool
+{
+namespace
+{
+
+/// Behind the generated parts: what no option can tell. docs/kxrule.md is this whole text.
+constexpr char kGuide[] = R"(## Policies as JSON
+
+[policy.schema.json](policy.schema.json) describes the form; editors that know JSON Schema complete and check it when the
+file names it in `"$schema"`. [workstation.json](../examples/workstation.json) is a whole policy.
+
+Addresses and ports are text:
+
+| Text | Meaning |
+|---|---|
+| `any` | every address, every port |
+| `10.0.0.1`, `fe80::1` | one address |
+| `10.0.0.0/8`, `fe80::/10` | a prefix |
+| `10.0.0.0/255.0.0.0` | an address with a mask |
+| `10.0.0.1-10.0.0.9` | a range |
+| `!10.0.0.0/8` | everything but that (not with names and lists) |
+| `80`, `1000-2000`, `!80` | a port, a range of ports, every port but one |
+| `80,443,1000-2000` | a list of ports; `list:80` is a list of one |
+| `@web` | the name `web`, such as a macro's |
+| `none` | an item that was never filled in |
+
+Values that have names (`tcp`, `accept`, …) may also be written as numbers. What no name and no text can say, such as
+spare bytes, stands in `"raw"` as lines `"offset: hexadecimal bytes"`; it appears only where it is needed. So `import` of
+what `export` wrote gives every record back byte for byte. Narrow texts (macro names, lists, extension and stream texts)
+are kept in the active code page of the machine; a character that it lacks is refused.
+
+`import` checks the whole file before it touches anything, and reports everything that is wrong with line and column. It
+changes only what differs: the second import of the same file writes nothing. Without `--replace` nothing is removed that
+the file does not name. Active list and macros stay as they are when the file does not speak of them. A rule set that goes,
+or gets another name, first has a copy of the store put into a dated directory below `RuleBackup`.
+
+## Many machines
+
+`import` can be run as often as one likes, so whatever distributes files steers the rules of many machines. With Ansible:
+
+```yaml
+- name: Firewall rules
+  hosts: workstations
+  tasks:
+    - name: The policy
+      ansible.windows.win_copy:
+        src: workstation.json
+        dest: C:\ProgramData\Firewall\workstation.json
+    - name: What would change
+      ansible.windows.win_command: >-
+        kxrule.exe --dir C:\ProgramData\Firewall\Rules import C:\ProgramData\Firewall\workstation.json --replace --check
+      register: check
+      changed_when: check.rc == 3
+      failed_when: check.rc not in [0, 3]
+    - name: The store
+      ansible.windows.win_command: >-
+        kxrule.exe --dir C:\ProgramData\Firewall\Rules import C:\ProgramData\Firewall\workstation.json --replace
+      when: check.rc == 3
+```
+
+As a scheduled task that follows a file on a share:
+
+```
+schtasks /Create /TN "Firewall policy" /SC HOURLY /RU SYSTEM /TR "kxrule.exe --dir C:\ProgramData\Firewall\Rules import \\server\policy\workstation.json --replace"
+```
+
+A process that has the library initialised does not see what another one writes, and writes its own state over it later.
+`kxrule` therefore refuses to change a store while one runs: stop the product first, or use `--force` and restart it.
+
+## Completion
+
+PowerShell: put `kxrule completion powershell | Out-String | Invoke-Expression` into the profile. Bash:
+`source <(kxrule completion bash)`.
+)";
+
+constexpr char kErrors[] =
+    R"(What goes wrong is told on standard error: a line for people, or with `--json` an object with `"error"` in words and
+`"exitCode"`; `"result"` and `"name"` are the library's code, where it was the library that failed. Every mistake in a
+policy is an element of `"mistakes"`, with `"file"`, `"line"`, `"column"`, `"where"` and `"text"`.
+
+)";
+
+std::vector<const CLI::App*> Commands(const CLI::App& app)
+{
+    return app.get_subcommands([](const CLI::App*) { return true; });
+}
+
+bool IsHelp(const CLI::Option* option)
+{
+    return option->get_name().find("--help") != std::string::npos;
+}
+
+std::string Written(const CLI::Option* option)
+{
+    std::string text = option->get_positional() ? option->get_name() : option->get_name(false, true);
+    if (!option->get_positional() && option->get_items_expected_max() > 0 && !option->get_type_name().empty())
+        text += " " + option->get_type_name();
+    return text;
+}
+
+std::string Usage(const CLI::App& command, const std::string& name)
+{
+    std::string text = name;
+    for (const CLI::Option* const option : command.get_options())
+    {
+        if (IsHelp(option))
+            continue;
+        std::string written = Written(option);
+        const size_t comma = written.find(',');
+        if (!option->get_positional() && comma != std::string::npos) // one of its names will do
+            written.erase(comma, std::min(written.find(' '), written.size()) - comma);
+        if (option->get_positional() && option->get_items_expected_max() > 1)
+            written += "...";
+        text += option->get_required() ? " " + written : " [" + written + "]";
+    }
+    if (!Commands(command).empty())
+        text += " [COMMAND]";
+    return text;
+}
+
+void AppendCommand(std::string& out, const CLI::App& command, const std::string& name, const std::string& heading)
+{
+    out += heading + " " + name.substr(name.find(' ') + 1) + "\n\n" + command.get_description() + ".\n\n```\n" +
+           Usage(command, name) + "\n```\n\n";
+    std::string rows;
+    for (const CLI::Option* const option : command.get_options())
+    {
+        if (!IsHelp(option))
+            rows += "| `" + Written(option) + "` | " + option->get_description() + " |\n";
+    }
+    if (!rows.empty())
+        out += "| | |\n|---|---|\n" + rows + "\n";
+    const std::string footer = command.get_footer();
+    const size_t example = footer.find("\n  ");
+    if (example != std::string::npos)
+        out += "Example: `" + footer.substr(example + 3) + "`\n\n";
+    for (const CLI::App* const inner : Commands(command))
+        AppendCommand(out, *inner, name + " " + inner->get_name(), heading + "#");
+}
+
+std::string Words(const std::vector<std::string>& words)
+{
+    std::string text;
+    for (const std::string& word : words)
+        text += (text.empty() ? "" : " ") + word;
+    return text;
+}
+
+/// Everything that can be written behind a command and is no value.
+std::vector<std::string> WordsOf(const CLI::App& command)
+{
+    std::vector<std::string> words;
+    for (const CLI::App* const inner : Commands(command))
+        words.push_back(inner->get_name());
+    for (const CLI::Option* const option : command.get_options())
+    {
+        for (const std::string& name : option->get_lnames())
+            words.push_back("--" + name);
+        for (const std::string& name : option->get_snames())
+            words.push_back("-" + name);
+    }
+    if (command.get_name() == "completion")
+        words.insert(words.end(), {"powershell", "bash"});
+    return words;
+}
+
+} // namespace
+
+std::string Manual(const CLI::App& app)
+{
+    std::string out =
+        "# kxrule\n\n" + app.get_description() +
+        " This text is what `kxrule manual` prints.\n\n```\nkxrule [OPTIONS] COMMAND ...\n```\n\n| | |\n|---|---|\n";
+    for (const CLI::Option* const option : app.get_options())
+        out += "| `" + Written(option) + "` | " + option->get_description() + " |\n";
+    out += "\nThese options may stand in front of a command or behind it; `--help` behind every one.\n\n";
+    const std::string footer = app.get_footer();
+    out += footer.substr(footer.find("Exit codes")) + "\n\n" + kErrors + "## Commands\n\n";
+    for (const CLI::App* const command : Commands(app))
+        AppendCommand(out, *command, "kxrule " + command->get_name(), "###");
+    return out + kGuide;
+}
+
+std::string BashCompletion(const CLI::App& app)
+{
+    std::string out = "# kxrule: completion for bash\n_kxrule()\n{\n    local word=${COMP_WORDS[COMP_CWORD]} words="
+                      "\"" +
+                      Words(WordsOf(app)) +
+                      "\" at\n    for ((at = 1; at < COMP_CWORD; ++at)); do\n"
+                      "        case ${COMP_WORDS[at]} in\n";
+    const std::string global = Words(
+        [&app]
+        {
+            std::vector<std::string> options = WordsOf(app);
+            std::erase_if(options, [](const std::string& word) { return word.front() != '-'; });
+            return options;
+        }());
+    for (const CLI::App* const command : Commands(app))
+        out += "        " + command->get_name() + ") words=\"" + Words(WordsOf(*command)) + " " + global +
+               "\"; break ;;\n";
+    return out + "        esac\n    done\n    mapfile -t COMPREPLY < <(compgen -W \"$words\" -- \"$word\")\n"
+                 "    [ ${#COMPREPLY[@]} -gt 0 ] || mapfile -t COMPREPLY < <(compgen -f -- \"$word\")\n}\n"
+                 "complete -o filenames -F _kxrule kxrule kxrule.exe\n";
+}
+
+std::string PowerShellCompletion(const CLI::App& app)
+{
+    const auto quoted = [](const std::vector<std::string>& words)
+    {
+        std::string text;
+        for (const std::string& word : words)
+            text += (text.empty() ? "'" : ", '") + word + "'";
+        return text;
+    };
+    std::string out = "# kxrule: completion for PowerShell\n"
+                      "Register-ArgumentCompleter -Native -CommandName kxrule, kxrule.exe -ScriptBlock {\n"
+                      "    param($wordToComplete, $commandAst, $cursorPosition)\n"
+                      "    $global = @(" +
+                      quoted(WordsOf(app)) + ")\n    $commands = @{\n";
+    for (const CLI::App* const command : Commands(app))
+        out += "        '" + command->get_name() + "' = @(" + quoted(WordsOf(*command)) + ")\n";
+    return out +
+           "    }\n"
+           "    $words = $global\n"
+           "    foreach ($element in $commandAst.CommandElements | Select-Object -Skip 1) {\n"
+           "        $text = $element.ToString()\n"
+           "        if ($commands.ContainsKey($text) -and $element.Extent.EndOffset -lt $cursorPosition) {\n"
+           "            $words = $commands[$text] + ($global | Where-Object { $_.StartsWith('-') })\n"
+           "            break\n"
+           "        }\n"
+           "    }\n"
+           "    $words | Where-Object { $_ -like \"$wordToComplete*\" } | Sort-Object -Unique | ForEach-Object {\n"
+           "        [System.Management.Automation.CompletionResult]::new($_, $_, 'ParameterValue', $_)\n"
+           "    }\n"
+           "}\n";
+}
+
+} // namespace Tool

@@ -1,0 +1,35 @@
+// report: the store as one page for a browser.
+#include "policy/Utf8.h"
+#include "tools/kxrule/commands/Commands.h"
+#include "tools/kxrule/report/Report.h"
+
+namespace Tool
+{
+namespace
+{
+
+std::string Now()
+{
+    SYSTEMTIME now{};
+    ::GetLocalTime(&now);
+    char text[32] = {};
+    std::snprintf(text, sizeof text, "%04u-%02u-%02u %02u:%02u", now.wYear, now.wMonth, now.wDay, now.wHour,
+                  now.wMinute);
+    return text;
+}
+
+} // namespace
+
+int Report(Session& session, const std::string& file)
+{
+    session.OpenToLook();
+    const Policy store = session.Read();
+    const ReportInput input{store, ToUtf8(session.Directory()), Now(),
+                            [&session](uint16_t ruleSetIndex, uint16_t ruleIndex)
+                            { return session.RuleLine(ruleSetIndex, ruleIndex); },
+                            [&session](const MacroRecord& macro) { return session.MacroLine(macro); }};
+    WriteTextFile(session, file, ReportPage(input));
+    return ExitDone;
+}
+
+} // namespace Tool

@@ -1,0 +1,79 @@
+// KxPfwRul.dll, loaded at run time.
+#include "tools/kxrule/commands/RuleLibrary.h"
+
+#include "policy/Utf8.h"
+#include "tools/kxrule/console/Failure.h"
+
+namespace Tool
+{
+
+using namespace KxPolicy;
+
+namespace
+{
+
+constexpr wchar_t kLibraryName[] = L"KxPfwRul.dll";
+
+template <class Function>
+void Find(HMODULE module, const char* name, Function& function)
+{
+    function = reinterpret_cast<Function>(reinterpret_cast<void*>(::GetProcAddress(module, name)));
+    if (function == nullptr)
+        throw Failure("KxPfwRul.dll has no function " + std::string(name) + "; it is not the one of this tool");
+}
+
+} // namespace
+
+std::wstring RuleLibrary::OwnDirectory()
+{
+    std::wstring path(MAX_PATH, L'\0');
+    for (;;)
+    {
+        const DWORD length = ::GetModuleFileNameW(nullptr, path.data(), static_cast<DWORD>(path.size()));
+        if (length == 0)
+            throw Failure("the tool's own directory cannot be found: " + SystemText(::GetLastError()));
+        if (length < path.size())
+        {
+            path.resize(length);
+            return path.substr(0, path.find_last_of(L'\\') + 1);
+        }
+        path.resize(2 * path.size());
+    }
+}
+
+RuleLibrary::RuleLibrary()
+{
+    const std::wstring path = OwnDirectory() + kLibraryName;
+    m_Module = ::LoadLibraryExW(path.c_str(), nullptr, LOAD_WITH_ALTERED_SEARCH_PATH);
+    if (m_Module == nullptr)
+        throw Failure(ToUtf8(path) + " cannot be loaded: " + SystemText(::GetLastError()));
+    Find(m_Module, "kxRuleInitialize", Initialize);
+    Find(m_Module, "kxRuleFinalize", Finalize);
+    Find(m_Module, "kxRuleRead", Read);
+    Find(m_Module, "kxRuleWrite", Write);
+    Find(m_Module, "kxRuleFlush", Flush);
+    Find(m_Module, "kxRuleSetActiveRuleSet", SetActiveRuleSet);
+    Find(m_Module, "kxRuleGetActiveRuleSet", GetActiveRuleSet);
+    Find(m_Module, "kxRuleAddRuleSet", AddRuleSet);
+    Find(m_Module, "kxRuleDeleteRuleSet", DeleteRuleSet);
+    Find(m_Module, "kxRuleGetRuleSetIndex", GetRuleSetIndex);
+    Find(m_Module, "kxRuleGetRuleSet", GetRuleSet);
+    Find(m_Module, "kxRuleAddRule", AddRule);
+    Find(m_Module, "kxRuleDeleteRule", DeleteRule);
+    Find(m_Module, "kxRuleGetRule", GetRule);
+    Find(m_Module, "kxRuleAddMacro", AddMacro);
+    Find(m_Module, "kxRuleDeleteMacro", DeleteMacro);
+    Find(m_Module, "kxRuleGetMacro", GetMacro);
+    Find(m_Module, "kxRuleGetRuleString", GetRuleString);
+    Find(m_Module, "kxRuleGetRuleString2", GetRuleString2);
+    Find(m_Module, "kxRuleGetMacroString", GetMacroString);
+    Find(m_Module, "kxRuleUpdateHashValue", UpdateHashValue);
+}
+
+RuleLibrary::~RuleLibrary()
+{
+    if (m_Module != nullptr)
+        ::FreeLibrary(m_Module);
+}
+
+} // namespace Tool

@@ -1,0 +1,118 @@
+// Text in columns on a terminal.
+#include "tools/kxrule/console/Columns.h"
+
+#include <algorithm>
+#include <cstdint>
+
+#include "policy/Utf8.h"
+
+namespace Tool
+{
+
+using namespace KxPolicy;
+
+namespace
+{
+
+struct Range
+{
+    uint32_t First;
+    uint32_t Last;
+};
+
+constexpr Range kWide[] = {{0x1100, 0x115F},   {0x2E80, 0x303E},   {0x3041, 0xA4CF},  {0xAC00, 0xD7A3},
+                           {0xF900, 0xFAFF},   {0xFE30, 0xFE6F},   {0xFF00, 0xFF60},  {0xFFE0, 0xFFE6},
+                           {0x1F300, 0x1F64F}, {0x1F900, 0x1F9FF}, {0x20000, 0x3FFFD}};
+constexpr Range kNone[] = {{0x0300, 0x036F}, {0x200B, 0x200F}, {0x20D0, 0x20FF}, {0xFE00, 0xFE0F}};
+
+template <size_t count>
+bool IsIn(const Range (&ranges)[count], uint32_t codePoint) noexcept
+{
+    return std::any_of(ranges, ranges + count,
+                       [codePoint](const Range& range) { return codePoint >= range.First && codePoint <= range.Last; });
+}
+
+/// The first character, which is taken off.
+uint32_t TakeCharacter(std::string_view& text) noexcept
+{
+    const size_t size = std::max<size_t>(Utf8CharacterBytes(text), 1);
+    static constexpr unsigned char kLeadBits[] = {0, 0x7F, 0x1F, 0x0F, 0x07};
+    uint32_t value = static_cast<unsigned char>(text[0]) & kLeadBits[size];
+    for (size_t i = 1; i < size; ++i)
+        value = value << 6 | (static_cast<unsigned char>(text[i]) & 0x3Fu);
+    text.remove_prefix(size);
+    return value;
+}
+
+size_t Width(uint32_t codePoint) noexcept
+{
+    return IsIn(kNone, codePoint) ? 0 : IsIn(kWide, codePoint) ? 2 : 1;
+}
+
+} // namespace
+
+size_t DisplayWidth(std::string_view text) noexcept
+{
+    size_t width = 0;
+    while (!text.empty())
+        width += Width(TakeCharacter(text));
+    return width;
+}
+
+std::string CutToWidth(std::string_view text, size_t width)
+{
+    if (DisplayWidth(text) <= width)
+        return std::string(text);
+    std::string_view rest = text;
+    size_t used = 0;
+    size_t bytes = 0;
+    while (!rest.empty() && (used += Width(TakeCharacter(rest))) < width)
+        bytes = text.size() - rest.size();
+    return std::string(text.substr(0, bytes)) + "…";
+}
+
+std::vector<std::string> Aligned(const std::vector<std::vector<std::string>>& rows,
+                                 const std::vector<size_t>& toTheRight)
+{
+    std::vector<size_t> widths;
+    for (const std::vector<std::string>& row : rows)
+    {
+        widths.resize(std::max(widths.size(), row.size()));
+        for (size_t i = 0; i < row.size(); ++i)
+            widths[i] = std::max(widths[i], DisplayWidth(row[i]));
+    }
+    std::vector<std::string> lines;
+    for (const std::vector<std::string>& row : rows)
+    {
+        std::string& line = lines.emplace_back();
+        for (size_t i = 0; i < row.size(); ++i)
+        {
+            const std::string blanks(widths[i] - DisplayWidth(row[i]), ' ');
+            const bool right = std::find(toTheRight.begin(), toTheRight.end(), i) != toTheRight.end();
+            line += i > 0 ? "  " : "";
+            line += right ? blanks + row[i] : i + 1 < row.size() ? row[i] + blanks : row[i];
+        }
+    }
+    return lines;
+}
+
+std::string Printable(std::string_view text)
+{
+    std::string out;
+    while (!text.empty())
+    {
+        const std::string_view before = text;
+        const uint32_t codePoint = TakeCharacter(text);
+        const bool control = codePoint < 0x20 || (codePoint >= 0x7F && codePoint < 0xA0);
+        // Marks that turn the writing direction could make a line read as another.
+        const bool turning =
+            (codePoint >= 0x202A && codePoint <= 0x202E) || (codePoint >= 0x2066 && codePoint <= 0x2069);
+        if (control || turning || Utf8CharacterBytes(before) == 0)
+            AppendUtf8(out, 0xFFFD);
+        else
+            out += before.substr(0, before.size() - text.size());
+    }
+    return out;
+}
+
+} // namespace Tool

@@ -1,0 +1,129 @@
+// What deserves a second look in a store.
+#include <algorithm>
+
+#include "common/srclib/KxComn_Names.h"
+#include "common/srclib/KxComn_Record.h"
+#include "policy/Ranges.h"
+#include "policy/RecordText.h"
+#include "tools/kxrule/report/Report.h"
+
+namespace Tool
+{
+namespace
+{
+
+using KxCommon::WideString;
+using KxCommon::Record::WideText;
+
+constexpr size_t kMostRulesAcrossSets = 4096; // every rule is compared with every earlier one
+
+struct Located
+{
+    const RuleSetRecord* RuleSet;
+    const PFW_RULE* Rule;
+};
+
+/// Active rule sets in the order of the list, each once, then the others.
+std::vector<const RuleSetRecord*> InOrder(const Policy& policy)
+{
+    std::vector<const RuleSetRecord*> order;
+    const auto add = [&order](const RuleSetRecord& ruleSet)
+    {
+        if (std::find(order.begin(), order.end(), &ruleSet) == order.end())
+            order.push_back(&ruleSet);
+    };
+    if (policy.Active)
+    {
+        for (const uint16_t index : *policy.Active)
+        {
+            for (const RuleSetRecord& ruleSet : policy.RuleSets)
+            {
+                if (ruleSet.Index == index)
+                    add(ruleSet);
+            }
+        }
+    }
+    std::for_each(policy.RuleSets.begin(), policy.RuleSets.end(), add);
+    return order;
+}
+
+bool IsAnyToAny(const PFW_RULE& rule)
+{
+    return rule.dwKind == KXRULE_KIND_ACCESS && rule.dwActive != 0 && rule.Access.dwAction == KXRULE_ACTION_ACCEPT &&
+           rule.Access.dwProtocol == KXRULE_PROTOCOL_ANY && rule.Access.dwExtFlag == 0 &&
+           rule.Access.Addr[0].dwType == KXRULE_ADDR_ANY && rule.Access.Addr[1].dwType == KXRULE_ADDR_ANY &&
+           rule.Access.Port[0].nType <= KXRULE_PORT_ANY && rule.Access.Port[1].nType <= KXRULE_PORT_ANY;
+}
+
+bool LacksHash(const PFW_RULE& rule)
+{
+    return rule.dwKind == KXRULE_KIND_ACCESS && rule.Access.dwSystem == 0 &&
+           !WideText(&rule.Access.wszAppName, KXRULE_APP_NAME_UNITS).empty() &&
+           IsZero(&rule.Access.abAppHash, KXRULE_HASH_BYTES);
+}
+
+/// Rules that the library put in the place of damaged ones.
+bool IsRescue(const PFW_RULE& rule)
+{
+    return rule.dwKind == KXRULE_KIND_ACCESS &&
+           WideText(&rule.wszDescription, KXRULE_DESCRIPTION_UNITS).rfind(KXW("This is a rescue rule."), 0) == 0;
+}
+
+std::string Name(const Located& located, const Located& from)
+{
+    const std::string rule = "rule " + std::to_string(uint16_t{located.Rule->wRuleIndex});
+    return located.RuleSet == from.RuleSet ? rule : rule + " of rule set " + std::to_string(located.RuleSet->Index);
+}
+
+} // namespace
+
+std::vector<Warning> FindWarnings(const Policy& policy)
+{
+    std::vector<Warning> warnings;
+    if (policy.Active && policy.Active->empty() && !policy.RuleSets.empty())
+        warnings.push_back({WarningKind::NothingActive, 0, 0, false, "No rule set is active."});
+    size_t activeRules = 0;
+    for (const uint16_t index : policy.Active.value_or(std::vector<uint16_t>()))
+    {
+        const bool exists = std::any_of(policy.RuleSets.begin(), policy.RuleSets.end(),
+                                        [index](const RuleSetRecord& ruleSet) { return ruleSet.Index == index; });
+        if (!exists)
+            warnings.push_back({WarningKind::NotThere, index, 0, false, "is active but does not exist."});
+    }
+    for (const RuleSetRecord& ruleSet : policy.RuleSets)
+        activeRules += IsActive(policy, ruleSet.Index) ? ruleSet.Rules.size() : 0;
+
+    std::vector<Located> earlier;
+    for (const RuleSetRecord* const ruleSet : InOrder(policy))
+    {
+        // Rule sets that are not active are on their own.
+        if (!IsActive(policy, ruleSet->Index) || activeRules > kMostRulesAcrossSets)
+            earlier.clear();
+        for (const PFW_RULE& rule : ruleSet->Rules)
+        {
+            const Located located{ruleSet, &rule};
+            const auto warn = [&](WarningKind kind, std::string text) {
+                warnings.push_back({kind, ruleSet->Index, rule.wRuleIndex, true, std::move(text)});
+            };
+            const auto cover = std::find_if(earlier.begin(), earlier.end(),
+                                            [&rule](const Located& other) { return Covers(*other.Rule, rule); });
+            if (cover != earlier.end())
+                warn(WarningKind::Covered,
+                     "can never match: " + Name(*cover, located) + " takes everything before it.");
+            if (IsRescue(rule))
+                warn(WarningKind::Rescue,
+                     ruleSet->Rules.size() > 3
+                         ? "is a rescue rule that has outlived the damage: other rules are there again."
+                         : "is a rescue rule: the rules of this set were damaged and want replacing.");
+            else if (IsAnyToAny(rule))
+                warn(WarningKind::AnyToAny, "accepts everything from anybody to anybody.");
+            if (LacksHash(rule))
+                warn(WarningKind::NoHash,
+                     "is bound to a program without a hash: it also matches whatever replaces it.");
+            earlier.push_back(located);
+        }
+    }
+    return warnings;
+}
+
+} // namespace Tool
