@@ -1,12 +1,12 @@
 # Warnings, hardening and definitions for everything this project compiles.
 add_library(kx_flags INTERFACE)
-target_include_directories(kx_flags INTERFACE ${CMAKE_SOURCE_DIR})
+target_include_directories(kx_flags INTERFACE ${PROJECT_SOURCE_DIR})
 target_compile_features(kx_flags INTERFACE cxx_std_20 c_std_11)
 target_compile_options(kx_flags INTERFACE
     -Wall -Wextra -Wpedantic -Wshadow
     $<$<CXX_COMPILER_ID:GNU>:-Wno-restrict> # GCC 12 warns falsely about `s = "literal"` at -O2
     # Same bytes from any checkout. (What counts coverage has to find the sources.)
-    $<$<NOT:$<CONFIG:Coverage>>:-ffile-prefix-map=${CMAKE_SOURCE_DIR}/=>
+    $<$<NOT:$<CONFIG:Coverage>>:-ffile-prefix-map=${PROJECT_SOURCE_DIR}/=>
     $<$<BOOL:${KX_WERROR}>:-Werror>)
 
 if(WIN32)

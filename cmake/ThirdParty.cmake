@@ -1,0 +1,7 @@
+# Header-only libraries of the system, without the rest of its include directory on the path.
+file(MAKE_DIRECTORY ${PROJECT_BINARY_DIR}/third_party)
+foreach(library CLI nlohmann)
+    file(CREATE_LINK /usr/include/${library} ${PROJECT_BINARY_DIR}/third_party/${library} SYMBOLIC)
+endforeach()
+add_library(kx_third_party INTERFACE)
+target_include_directories(kx_third_party SYSTEM INTERFACE ${PROJECT_BINARY_DIR}/third_party)
