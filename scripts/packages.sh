@@ -1,5 +1,6 @@
 #!/bin/bash
-# packages.sh GROUP...: install the Debian packages of these groups that are missing. Asks nothing.
+# packages.sh [--no-install] GROUP...: installs the Debian packages of these groups that are missing. Says first which and
+# what for, and asks when somebody sits at a terminal. With --no-install it ends there, successfully if none is missing.
 set -euo pipefail
 
 declare -A groups=(
@@ -12,14 +13,29 @@ declare -A groups=(
     [bench]="npm python3"
 )
 
+declare -A purposes=(
+    [build]="compile, and run Windows programs" [test]="test" [check]="check" [fuzz]="fuzz"
+    [package]="make the package" [coverage]="measure coverage" [bench]="run the benchmarks"
+)
+
+install=true
+[ "${1-}" != --no-install ] || { install=false; shift; }
 missing=()
 for group in "$@"; do
+    added=()
     for package in ${groups[$group]}; do
         status=$(dpkg-query -W -f='${db:Status-Status}' "$package" 2>/dev/null || true)
-        [ "$status" = installed ] || [[ " ${missing[*]} " == *" $package "* ]] || missing+=("$package")
+        [ "$status" = installed ] || [[ " ${missing[*]} " == *" $package "* ]] || added+=("$package")
     done
+    [ ${#added[@]} = 0 ] || echo "  missing to ${purposes[$group]}: ${added[*]}"
+    missing+=("${added[@]}")
 done
 [ ${#missing[@]} -gt 0 ] || exit 0
+$install || exit 1
+if [ -t 0 ]; then
+    read -rp "  Install them with apt-get? [Y/n] " answer
+    [[ ${answer:-y} == [yY]* ]] || exit 1
+fi
 
 root=()
 if [ "$(id -u)" != 0 ]; then
@@ -53,7 +69,6 @@ progress()
     done
 }
 
-echo "  installing ${missing[*]}"
 if ! { apt update >>"$log" && apt -y --no-install-recommends install "${missing[@]}" | progress; }; then
     cat "$log" >&2
     echo "apt-get could not install: ${missing[*]}" >&2

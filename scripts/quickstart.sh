@@ -1,6 +1,6 @@
 #!/bin/bash
-# From a bare Debian 12 to a rule directory: installs what is missing, builds the release, imports a policy in one
-# process and reads it back in another.
+# quickstart.sh [--no-install]: from a bare Debian 12 to a rule directory. Installs what is missing, builds the release,
+# imports a policy in one process and reads it back in another.
 . "$(dirname "$0")/steps.sh" 4
 
 kxrule()
@@ -11,7 +11,7 @@ kxrule()
 }
 
 step "packages"
-scripts/packages.sh build
+scripts/packages.sh "$@" build
 
 step "build (release)"
 configure release

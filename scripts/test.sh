@@ -1,10 +1,12 @@
 #!/bin/bash
-# test.sh [CTEST ARGUMENTS]: installs what is missing, builds all presets with warnings as errors, and runs every test,
-# natively and under Wine, and every check. Ends with ctest's summary of all of them.
+# test.sh [--no-install] [CTEST ARGUMENTS]: installs what is missing, builds all presets with warnings as errors, and runs
+# every test, natively and under Wine, and every check. Ends with ctest's summary of all of them.
 . "$(dirname "$0")/steps.sh" 6
 
 step "packages"
-scripts/packages.sh build test check fuzz
+options=()
+[ "${1-}" != --no-install ] || { options=("$1"); shift; }
+scripts/packages.sh "${options[@]}" build test check fuzz
 
 cmake/wine-run.sh & # a new Wine prefix takes some seconds; the compiler leaves them free
 prefix=$!
