@@ -1,6 +1,8 @@
 // Differences between policies for people to read.
 #include <algorithm>
 
+#include <nlohmann/json.hpp>
+
 #include "policy/PolicyDiff.h"
 #include "policy/RuleJson.h"
 #include "policy/Utf8.h"
@@ -11,80 +13,84 @@ namespace KxPolicy
 namespace
 {
 
-std::vector<std::string> Lines(const std::string& text)
+/// The lines of a text, without the commas between members.
+std::vector<std::string> Lines(std::string_view text)
 {
     std::vector<std::string> lines;
-    for (size_t begin = 0; begin < text.size();)
+    while (!text.empty())
     {
-        const size_t end = std::min(text.find('\n', begin), text.size());
-        std::string line = text.substr(begin, end - begin);
-        if (!line.empty() && line.back() == ',')
-            line.pop_back();
-        lines.push_back(std::move(line));
-        begin = end + 1;
+        const size_t end = std::min(text.find('\n'), text.size());
+        lines.emplace_back(text.substr(0, end - (end > 0 && text[end - 1] == ',' ? 1 : 0)));
+        text.remove_prefix(std::min(end + 1, text.size()));
     }
     return lines;
 }
 
-/// The lines of two texts whose members stand in the same order: those of one side alone.
-void AppendLineDiff(std::string& out, const std::string& before, const std::string& after)
+template <class Iterator>
+void AppendLines(std::string& out, char sign, Iterator line, Iterator end)
 {
-    const std::vector<std::string> from = Lines(before);
-    const std::vector<std::string> to = Lines(after);
-    // The longest common row of lines. Rules have a few dozen; for texts of thousands a shorter row will do.
-    constexpr size_t kMost = 2000;
-    const bool small = from.size() <= kMost && to.size() <= kMost;
-    std::vector<std::vector<uint16_t>> common(from.size() + 1, std::vector<uint16_t>(small ? to.size() + 1 : 0));
-    for (size_t i = from.size(); small && i-- > 0;)
+    for (; line != end; ++line)
+        out += std::string("      ") + sign + *line + "\n";
+}
+
+void AppendMember(std::string& out, char sign, const Json::iterator& member)
+{
+    std::string text = "  \"" + member.key() + "\": ";
+    AppendJsonText(text, member.value(), 1, member.key());
+    const std::vector<std::string> lines = Lines(text);
+    AppendLines(out, sign, lines.begin(), lines.end());
+}
+
+/// The members that differ. They have a fixed order, so what both rules have meets at the same place.
+void AppendRuleDiff(std::string& out, const PFW_RULE& before, const PFW_RULE& after)
+{
+    Json from = RuleAsJson(before);
+    Json to = RuleAsJson(after);
+    std::string removed;
+    std::string added;
+    for (auto i = from.begin(), j = to.begin(); i != from.end() || j != to.end();)
     {
-        for (size_t j = to.size(); j-- > 0;)
-            common[i][j] = from[i] == to[j] ? static_cast<uint16_t>(common[i + 1][j + 1] + 1)
-                                            : std::max(common[i + 1][j], common[i][j + 1]);
+        const bool goes = i != from.end() && (j == to.end() || !to.contains(i.key()));
+        const bool comes = !goes && (i == from.end() || !from.contains(j.key()));
+        if (!goes && !comes && *i == *j)
+        {
+            out += removed + added;
+            removed.clear();
+            added.clear();
+            ++i, ++j;
+            continue;
+        }
+        if (!comes)
+            AppendMember(removed, '-', i++);
+        if (!goes)
+            AppendMember(added, '+', j++);
     }
-    for (size_t i = 0, j = 0; i < from.size() || j < to.size();)
-    {
-        if (i < from.size() && j < to.size() && from[i] == to[j])
-        {
-            ++i;
-            ++j;
-        }
-        else if (j == to.size() || (i < from.size() && (!small || common[i + 1][j] >= common[i][j + 1])))
-        {
-            out += "      -" + from[i++] + "\n";
-        }
-        else
-        {
-            out += "      +" + to[j++] + "\n";
-        }
-    }
+    out += removed + added;
 }
 
 /// A rule in one line: kind and description.
 std::string Title(const PFW_RULE& rule)
 {
-    std::vector<std::string> lines = Lines(RuleToJson(rule));
-    std::string title;
-    for (const std::string& line : lines)
+    const Json json = RuleAsJson(rule);
+    return "  " + JsonLine(json["kind"]) + (json.contains("description") ? "  " + JsonLine(json["description"]) : "");
+}
+
+/// From the first line that differs to the last.
+void AppendMacroDiff(std::string& out, const std::vector<MacroRecord>& before, const std::vector<MacroRecord>& after)
+{
+    const auto lines = [](const std::vector<MacroRecord>& macros)
     {
-        if (line.find("\"kind\":") != std::string::npos || line.find("\"description\":") != std::string::npos)
-            title += "  " + line.substr(line.find(": ") + 2);
-    }
-    return title;
-}
-
-std::string Numbers(const std::vector<uint16_t>& numbers)
-{
-    std::string text;
-    for (const uint16_t number : numbers)
-        text += (text.empty() ? "" : ", ") + std::to_string(number);
-    return "[" + text + "]";
-}
-
-std::string Macros(const std::vector<MacroRecord>& macros)
-{
-    Policy policy;
-    policy.Macros = macros;
-    return PolicyToJson(policy);
+        std::string text = "  \"macros\": ";
+        AppendJsonText(text, MacrosAsJson(macros), 1);
+        return Lines(text);
+    };
+    const std::vector<std::string> from = lines(before);
+    const std::vector<std::string> to = lines(after);
+    const auto front = std::mismatch(from.begin(), from.end(), to.begin(), to.end());
+    const auto back = std::mismatch(from.rbegin(), std::reverse_iterator(front.first), to.rbegin(),
+                                    std::reverse_iterator(front.second));
+    AppendLines(out, '-', front.first, back.first.base());
+    AppendLines(out, '+', front.second, back.second.base());
 }
 
 } // namespace
@@ -106,16 +112,16 @@ std::string DiffText(const PolicyDiff& diff)
             out += std::string("  ") + ruleSign + " rule " + std::to_string(rule.Index) +
                    Title(rule.After ? *rule.After : *rule.Before) + "\n";
             if (rule.Before && rule.After)
-                AppendLineDiff(out, RuleToJson(*rule.Before), RuleToJson(*rule.After));
+                AppendRuleDiff(out, *rule.Before, *rule.After);
         }
     }
     if (diff.Macros)
     {
         out += "~ macros\n";
-        AppendLineDiff(out, Macros(diff.MacrosBefore), Macros(*diff.Macros));
+        AppendMacroDiff(out, diff.MacrosBefore, *diff.Macros);
     }
     if (diff.Active)
-        out += "~ active  " + Numbers(diff.ActiveBefore) + " becomes " + Numbers(*diff.Active) + "\n";
+        out += "~ active  " + JsonLine(diff.ActiveBefore) + " becomes " + JsonLine(*diff.Active) + "\n";
     return out;
 }
 

@@ -16,10 +16,10 @@ namespace
 
 using KxCommon::Record::Store;
 
-constexpr size_t kMostFindings = 1000; // nobody reads more, and a file may have millions
+constexpr size_t kMostDiagnostics = 1000; // nobody reads more, and a file may have millions
 
 /// A value for an error message.
-std::string Found(JsonValue value)
+std::string Shown(JsonValue value)
 {
     constexpr size_t kMost = 60;
     if (value.Is(JsonTree::Kind::Array))
@@ -37,54 +37,36 @@ std::string Found(JsonValue value)
 
 } // namespace
 
-JsonReader::JsonReader(std::string_view json) : m_Tree(json)
-{
-    for (const Complaint& complaint : m_Tree.Complaints())
-        m_Findings.push_back({complaint.Offset, {}, complaint.Text});
-}
+JsonReader::JsonReader(std::string_view json) : m_Tree(json) {}
 
 void JsonReader::Report(size_t offset, const Path& path, std::string text)
 {
-    ++m_Failures;
-    if (m_Findings.size() < kMostFindings)
-        m_Findings.push_back({offset, path.Text(), std::move(text)});
+    if (m_Found.size() < kMostDiagnostics)
+        m_Found.push_back({offset, path.Text(), std::move(text)});
     else
         ++m_LeftOut;
 }
 
 void JsonReader::Expected(JsonValue value, const Path& path, const std::string& what)
 {
-    if (value.Is(Kind::Broken))
-        return NameBroken(value, path);
-    Report(value.Offset(), path, "expected " + what + ", found " + Found(value));
+    Report(value.Offset(), path, "expected " + what + ", found " + Shown(value));
 }
 
-void JsonReader::NameBroken(JsonValue value, const Path& path)
+bool JsonReader::Finish(std::vector<Diagnostic>& diagnostics)
 {
-    ++m_Failures;
-    const size_t end = value.Offset() + std::max<size_t>(value.Raw().size(), 1);
-    for (size_t i = 0; i < m_Tree.Complaints().size(); ++i)
-    {
-        Finding& finding = m_Findings[i];
-        if (finding.Offset >= value.Offset() && finding.Offset < end && finding.Path.empty())
-            finding.Path = path.Text();
-    }
-}
-
-bool JsonReader::Finish(std::vector<JsonError>& errors)
-{
-    std::stable_sort(m_Findings.begin(), m_Findings.end(),
-                     [](const Finding& a, const Finding& b) { return a.Offset < b.Offset; });
+    std::stable_sort(m_Found.begin(), m_Found.end(),
+                     [](const Found& a, const Found& b) { return a.Offset < b.Offset; });
     Locator locator(m_Tree.Text());
-    errors.clear();
-    for (Finding& finding : m_Findings)
+    diagnostics.clear();
+    for (Found& found : m_Found)
     {
-        const Place place = locator.Find(finding.Offset);
-        errors.push_back({place.Line, place.Column, std::move(finding.Path), std::move(finding.Text)});
+        const Place place = locator.Find(found.Offset);
+        diagnostics.push_back({place.Line, place.Column, std::move(found.Path), std::move(found.Text)});
     }
     if (m_LeftOut > 0)
-        errors.push_back({errors.back().Line, errors.back().Column, {}, "and " + std::to_string(m_LeftOut) + " more"});
-    return errors.empty();
+        diagnostics.push_back(
+            {diagnostics.back().Line, diagnostics.back().Column, {}, "and " + std::to_string(m_LeftOut) + " more"});
+    return diagnostics.empty();
 }
 
 JsonReader::Members JsonReader::ReadMembers(JsonValue value, const Path& path,
@@ -99,14 +81,12 @@ JsonReader::Members JsonReader::ReadMembers(JsonValue value, const Path& path,
     value.ForEachMember(
         [&](JsonValue name, JsonValue member)
         {
-            if (!name.Is(Kind::String))
-                return;
             const std::string text = name.Text();
             const size_t known = static_cast<size_t>(std::find(names.begin(), names.end(), text) - names.begin());
             if (known == names.size())
-                Report(name.Offset(), path, Found(name) + " is no member of " + what + "; expected " + Joined(names));
+                Report(name.Offset(), path, Shown(name) + " is no member of " + what + "; expected " + Joined(names));
             else if (members[known])
-                Report(name.Offset(), path, Found(name) + " stands here twice");
+                Report(name.Offset(), path, Shown(name) + " stands here twice");
             else
                 members[known] = member;
         });
@@ -244,9 +224,7 @@ void JsonReader::ReadField(const RuleField& field, JsonValue value, const Path& 
         return ReadOne(field, value, path, record + field.Places[0]);
     if (!value.Is(Kind::Array) || value.ItemCount() != field.Count)
     {
-        if (value.Is(Kind::Broken))
-            return NameBroken(value, path);
-        const std::string found = value.Is(Kind::Array) ? std::to_string(value.ItemCount()) : Found(value);
+        const std::string found = value.Is(Kind::Array) ? std::to_string(value.ItemCount()) : Shown(value);
         return Report(value.Offset(), path, "expected an array of " + std::to_string(field.Count) + ", found " + found);
     }
     size_t index = 0;

@@ -36,25 +36,33 @@ struct Path
     }
 };
 
-/// Reads on after an error; what could not be read keeps its former value.
+/// Reads on after a value that is not as expected; it keeps what it had before.
 class JsonReader
 {
 public:
     explicit JsonReader(std::string_view json);
 
-    [[nodiscard]] JsonValue Root() const noexcept { return m_Tree.Root(); }
-    /// All that was found, in the file's order, the last one telling how many more there are when they are too many to
-    /// read; true when there is nothing.
-    [[nodiscard]] bool Finish(std::vector<JsonError>& errors);
+    /// read(root) unless the text is no JSON, which is then the only diagnostic. All diagnostics are handed over, in the
+    /// file's order, the last one telling how many more there are when they are too many to read; true when there are
+    /// none.
+    template <class Read>
+    [[nodiscard]] bool ReadAll(std::vector<Diagnostic>& diagnostics, Read read)
+    {
+        if (m_Tree.Error())
+            Report(m_Tree.Error()->Offset, {}, m_Tree.Error()->Text);
+        else
+            read(m_Tree.Root());
+        return Finish(diagnostics);
+    }
 
 protected:
     using Kind = JsonTree::Kind;
     using Members = std::vector<std::optional<JsonValue>>;
 
     void Report(size_t offset, const Path& path, std::string text);
-    /// How much could not be read so far, broken values included.
-    [[nodiscard]] size_t Failures() const noexcept { return m_Failures; }
-    /// "expected ..., found ...". Broken values have been complained about already, and get their path here.
+    /// How many there are so far, those beyond the most that are held included.
+    [[nodiscard]] size_t Reported() const noexcept { return m_Found.size() + m_LeftOut; }
+    /// "expected ..., found ...".
     void Expected(JsonValue value, const Path& path, const std::string& what);
 
     /// The members of an object in the order of names. Unknown and repeated ones are reported.
@@ -80,23 +88,22 @@ protected:
     void ReadField(const RuleField& field, JsonValue value, const Path& path, uint8_t* record);
 
 private:
-    struct Finding
+    struct Found
     {
         size_t Offset;
         std::string Path;
         std::string Text;
     };
 
-    void NameBroken(JsonValue value, const Path& path);
+    bool Finish(std::vector<Diagnostic>& diagnostics);
     std::optional<std::string> ReadText(JsonValue value, const Path& path, const char* what);
     void ReadOne(const RuleField& field, JsonValue value, const Path& path, uint8_t* to);
     void ReadExtension(const RuleField& field, JsonValue value, const Path& path, uint8_t* record);
     void ReadHash(JsonValue value, const Path& path, uint8_t* to);
 
     JsonTree m_Tree;
-    std::vector<Finding> m_Findings; // the tree's complaints come first
-    size_t m_Failures = 0;
-    size_t m_LeftOut = 0; // findings beyond the most that are kept
+    std::vector<Found> m_Found;
+    size_t m_LeftOut = 0; // diagnostics beyond the most that are held
 };
 
 } // namespace KxPolicy

@@ -1,13 +1,146 @@
-// Values of a JSON tree, places in its text, and JSON strings.
+// nlohmann's reader, and where in the text each of its values stands.
 #include "policy/JsonTree.h"
 
 #include <algorithm>
 
-#include "policy/JsonEscape.h"
-#include "policy/Utf8.h"
+#include <nlohmann/json.hpp>
 
 namespace KxPolicy
 {
+namespace
+{
+
+using nlohmann::json;
+
+constexpr std::string_view kByteOrderMark = "\xEF\xBB\xBF";
+constexpr size_t kMostBytes = size_t{2} << 30;
+constexpr size_t kMostNesting = 64;
+
+bool StartsWith(std::string_view text, std::string_view start) noexcept
+{
+    return text.substr(0, start.size()) == start;
+}
+
+} // namespace
+
+/// Takes the reader's events. They come in the order of the text, so that the next value begins after the blanks and
+/// separators that follow the one before.
+class JsonTree::Builder
+{
+public:
+    explicit Builder(JsonTree& tree) : m_Tree(tree), m_Text(tree.m_Text)
+    {
+        if (StartsWith(m_Text, kByteOrderMark))
+            m_At = kByteOrderMark.size();
+    }
+
+    bool null() { return Add(Kind::Null, Begin() + 4); }
+    bool boolean(bool value) { return value ? Add(Kind::True, Begin() + 4) : Add(Kind::False, Begin() + 5); }
+    bool number_integer(int64_t) { return Number(); }
+    bool number_unsigned(uint64_t) { return Number(); }
+    bool number_float(double, const std::string&) { return Number(); }
+    bool key(const std::string&) { return String(); }
+    bool string(const std::string&) { return String(); }
+    bool binary(const json::binary_t&) { return false; }
+    bool start_object(size_t) { return Open(Kind::Object); }
+    bool start_array(size_t) { return Open(Kind::Array); }
+    bool end_object() { return Close(); }
+    bool end_array() { return Close(); }
+
+    bool parse_error(size_t position, const std::string& token, const json::exception& error)
+    {
+        std::string text = error.what();
+        // Not the place, which counts bytes, and not what was read: that may be the whole text.
+        const size_t place = text.find("column ");
+        text.erase(0, place == std::string::npos ? text.find("] ") + 2 : text.find(": ", place) + 2);
+        const std::string read = "; last read: '" + token + "'";
+        if (const size_t at = text.find(read); at != std::string::npos)
+            text.erase(at, read.size());
+        const bool isInString =
+            text.find("invalid string") != std::string::npos && text.find("missing closing quote") == std::string::npos;
+        const bool isBracket = text.find("unexpected '") != std::string::npos;
+        // Words that are no values are mostly texts without quotes, and comments.
+        if (text.find("invalid literal") != std::string::npos)
+            text += "; texts stand between quotes, comments are not possible";
+        return Fail(isInString || isBracket ? position - 1 : Begin(), std::move(text));
+    }
+
+    /// For what follows the last value.
+    void Finish()
+    {
+        if (!m_Tree.m_Error && m_Text.find_first_not_of(" \t\r\n", m_At) != std::string_view::npos)
+            Fail(Begin(), "syntax error - expected the end of the text");
+    }
+
+    bool Fail(size_t offset, std::string text)
+    {
+        m_Tree.m_Error = {std::min(offset, m_Text.size()), std::move(text)};
+        return false;
+    }
+
+private:
+    [[nodiscard]] size_t Begin() const noexcept
+    {
+        return std::min(m_Text.find_first_not_of(" \t\r\n,:", m_At), m_Text.size());
+    }
+    bool Add(Kind kind, size_t end)
+    {
+        m_Tree.m_Nodes.push_back({static_cast<uint32_t>(Begin()), static_cast<uint32_t>(end),
+                                  static_cast<uint32_t>(m_Tree.m_Nodes.size() + 1), kind});
+        m_At = end;
+        return true;
+    }
+    bool Number()
+    {
+        constexpr std::string_view kParts = "0123456789.eE";
+        size_t end = Begin() + 1;
+        while (end < m_Text.size() && (kParts.find(m_Text[end]) != std::string_view::npos ||
+                                       (std::string_view("+-").find(m_Text[end]) != std::string_view::npos &&
+                                        (m_Text[end - 1] | 0x20) == 'e')))
+            ++end;
+        return Add(Kind::Number, end);
+    }
+    bool String()
+    {
+        size_t end = m_Text.find_first_of("\"\\", Begin() + 1);
+        while (m_Text[end] == '\\')
+            end = m_Text.find_first_of("\"\\", end + 2);
+        return Add(Kind::String, end + 1);
+    }
+    bool Open(Kind kind)
+    {
+        const size_t begin = Begin();
+        if (m_Open.size() >= kMostNesting)
+            return Fail(begin, "nested too deep");
+        m_Open.push_back(m_Tree.m_Nodes.size());
+        return Add(kind, begin + 1);
+    }
+    bool Close()
+    {
+        m_At = Begin() + 1;
+        Node& node = m_Tree.m_Nodes[m_Open.back()];
+        node.End = static_cast<uint32_t>(m_At);
+        node.Next = static_cast<uint32_t>(m_Tree.m_Nodes.size());
+        m_Open.pop_back();
+        return true;
+    }
+
+    JsonTree& m_Tree;
+    const std::string_view m_Text;
+    size_t m_At = 0;
+    std::vector<size_t> m_Open; // nodes whose closing bracket is still to come
+};
+
+JsonTree::JsonTree(std::string_view text) : m_Text(text)
+{
+    Builder builder(*this);
+    if (text.size() >= kMostBytes)
+        builder.Fail(0, "the text is 2 GB or larger");
+    else if (StartsWith(text, "\xFF\xFE") || StartsWith(text, "\xFE\xFF"))
+        builder.Fail(0, "the file is UTF-16; save it as UTF-8");
+    else if (json::sax_parse(text.begin(), text.end(), &builder))
+        builder.Finish();
+}
 
 JsonValue JsonTree::Root() const noexcept
 {
@@ -16,41 +149,15 @@ JsonValue JsonTree::Root() const noexcept
 
 std::string JsonValue::Text() const
 {
-    const std::string_view raw = Raw().substr(1, Raw().size() - 2);
-    std::string out;
-    out.reserve(raw.size());
-    for (size_t i = 0; i < raw.size(); ++i)
-    {
-        if (raw[i] != '\\')
-        {
-            out += raw[i];
-            continue;
-        }
-        static constexpr std::string_view kLetters = "bfnrt";
-        static constexpr std::string_view kMeanings = "\b\f\n\r\t";
-        const char letter = raw[++i];
-        if (letter != 'u')
-        {
-            const size_t known = kLetters.find(letter);
-            out += known == std::string_view::npos ? letter : kMeanings[known];
-            continue;
-        }
-        uint32_t codePoint = static_cast<uint32_t>(HexDigits(raw.substr(i + 1, 4)));
-        i += 4;
-        if (IsHighSurrogate(static_cast<int>(codePoint)))
-        {
-            const uint32_t low = static_cast<uint32_t>(HexDigits(raw.substr(i + 3, 4)));
-            codePoint = 0x10000 + ((codePoint - 0xD800) << 10) + (low - 0xDC00);
-            i += 6;
-        }
-        AppendUtf8(out, codePoint);
-    }
-    return out;
+    const std::string_view raw = Raw();
+    if (raw.find('\\') == std::string_view::npos)
+        return std::string(raw.substr(1, raw.size() - 2));
+    return json::parse(raw).get<std::string>();
 }
 
 Locator::Locator(std::string_view text) noexcept : m_Text(text)
 {
-    if (text.substr(0, kByteOrderMark.size()) == kByteOrderMark)
+    if (StartsWith(text, kByteOrderMark))
         m_Start = kByteOrderMark.size();
     m_Offset = m_Start;
 }
@@ -76,42 +183,6 @@ Place Locator::Find(size_t offset) noexcept
         }
     }
     return m_Place;
-}
-
-void AppendJsonString(std::string& out, std::string_view text)
-{
-    static constexpr char kDigits[] = "0123456789abcdef";
-    out += '"';
-    while (!text.empty())
-    {
-        const unsigned char c = static_cast<unsigned char>(text.front());
-        const size_t size = Utf8CharacterBytes(text);
-        if (c == '"' || c == '\\')
-        {
-            out += '\\';
-            out += static_cast<char>(c);
-        }
-        else if (c == '\n' || c == '\t' || c == '\r')
-        {
-            out += c == '\n' ? "\\n" : c == '\t' ? "\\t" : "\\r";
-        }
-        else if (c < 0x20 || c == 0x7F)
-        {
-            out += "\\u00";
-            out += kDigits[c >> 4];
-            out += kDigits[c & 15];
-        }
-        else if (size == 0)
-        {
-            AppendUtf8(out, 0xFFFD);
-        }
-        else
-        {
-            out += text.substr(0, size);
-        }
-        text.remove_prefix(std::max<size_t>(size, 1));
-    }
-    out += '"';
 }
 
 } // namespace KxPolicy

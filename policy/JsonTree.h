@@ -3,6 +3,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -10,8 +11,8 @@
 namespace KxPolicy
 {
 
-/// Something that is wrong in a text, and the byte where.
-struct Complaint
+/// Where a text stops being JSON.
+struct SyntaxError
 {
     size_t Offset;
     std::string Text;
@@ -19,15 +20,13 @@ struct Complaint
 
 class JsonValue;
 
-/// Reads a whole text. After a mistake it goes on at the next comma or bracket, so that one run tells all of them.
-/// Takes what RFC 8259 allows, nested up to 64 deep, and a byte order mark in front; nothing else.
+/// Reads a whole text: what RFC 8259 allows, nested up to 64 deep, with or without a byte order mark.
 /// Small on purpose: sixteen bytes a value, texts are decoded only when they are asked for.
 class JsonTree
 {
 public:
     enum class Kind : uint8_t
     {
-        Broken, // was complained about; stands where a value should
         Null,
         False,
         True,
@@ -37,28 +36,29 @@ public:
         Object
     };
 
-    /// The text must outlive the tree. Texts of 2 GB and more are refused with a complaint.
+    /// The text must outlive the tree. Texts of 2 GB and more are refused.
     explicit JsonTree(std::string_view text);
 
+    /// Only when there is no error.
     [[nodiscard]] JsonValue Root() const noexcept;
+    [[nodiscard]] const std::optional<SyntaxError>& Error() const noexcept { return m_Error; }
     [[nodiscard]] std::string_view Text() const noexcept { return m_Text; }
-    [[nodiscard]] const std::vector<Complaint>& Complaints() const noexcept { return m_Complaints; }
 
 private:
     friend class JsonValue;
-    friend class JsonParser;
+    class Builder;
 
     struct Node
     {
         uint32_t Begin; // the value's bytes in the text
         uint32_t End;
-        uint32_t Next; // the node behind this value and everything in it; children follow their parent directly
+        uint32_t Next; // the node after this value and everything in it; children follow their parent directly
         Kind Type;
     };
 
     std::string_view m_Text;
     std::vector<Node> m_Nodes; // an object's children are name, value, name, value, ...
-    std::vector<Complaint> m_Complaints;
+    std::optional<SyntaxError> m_Error;
 };
 
 /// One value of a tree; as cheap as an index.
@@ -126,12 +126,9 @@ public:
 
 private:
     std::string_view m_Text;
-    size_t m_Start = 0; // behind a byte order mark
+    size_t m_Start = 0; // after a byte order mark
     size_t m_Offset = 0;
     Place m_Place;
 };
-
-/// Appends text as a JSON string, quotes included. Whatever is not UTF-8 becomes U+FFFD.
-void AppendJsonString(std::string& out, std::string_view text);
 
 } // namespace KxPolicy

@@ -187,6 +187,12 @@ std::string_view KeywordName(Keywords keywords, uint32_t value) noexcept
     return {};
 }
 
+std::string KeywordText(Keywords keywords, uint32_t value)
+{
+    const std::string_view name = KeywordName(keywords, value);
+    return name.empty() ? std::to_string(value) : std::string(name);
+}
+
 std::string KeywordNames(Keywords keywords)
 {
     std::string names;

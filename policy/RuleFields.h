@@ -23,6 +23,8 @@ using Keywords = std::span<const Keyword>;
 
 /// The name of a value, empty when the table has none.
 [[nodiscard]] std::string_view KeywordName(Keywords keywords, uint32_t value) noexcept;
+/// The same, but the number when the table has none.
+[[nodiscard]] std::string KeywordText(Keywords keywords, uint32_t value);
 /// All names of the table, separated by commas.
 [[nodiscard]] std::string KeywordNames(Keywords keywords);
 /// Ignores case. Null when the table does not know the name.

@@ -43,7 +43,7 @@ std::optional<uint32_t> Reader::ReadKind(JsonValue rule, const Path& path)
     rule.ForEachMember(
         [&member](JsonValue name, JsonValue value)
         {
-            if (!member && name.Is(Kind::String) && name.Text() == "kind")
+            if (!member && name.Text() == "kind")
                 member = value;
         });
     if (member)
@@ -62,9 +62,7 @@ void Reader::ReadRule(JsonValue value, const Path& path, PFW_RULE& rule)
     std::vector<std::string_view> names(fields.size());
     std::transform(fields.begin(), fields.end(), names.begin(), [](const RuleField& field) { return field.Name; });
     names.push_back("raw");
-    const std::string_view kindName = KeywordName(kKinds, *kind);
-    const Members members = ReadMembers(
-        value, path, names, "a rule of kind " + (kindName.empty() ? std::to_string(*kind) : std::string(kindName)));
+    const Members members = ReadMembers(value, path, names, "a rule of kind " + KeywordText(kKinds, *kind));
 
     rule = DefaultRule(*kind);
     uint8_t* const record = reinterpret_cast<uint8_t*>(&rule);
@@ -93,10 +91,10 @@ void Reader::ReadRules(JsonValue value, const Path& path, RuleSetRecord& ruleSet
               [&](JsonValue item, const Path& where)
               {
                   PFW_RULE rule{};
-                  const size_t before = Failures();
+                  const size_t before = Reported();
                   ReadRule(item, where, rule);
                   const uint16_t index = rule.wRuleIndex;
-                  if (Failures() > before)
+                  if (Reported() > before)
                       return;
                   if (used[index])
                       Report(item.Offset(), where, "the rule set has a rule " + std::to_string(index) + " already");
@@ -242,25 +240,16 @@ void Reader::ReadPolicy(JsonValue value, Policy& policy)
 
 } // namespace
 
-bool ReadPolicy(std::string_view json, Policy& policy, std::vector<JsonError>& errors)
+bool ReadPolicy(std::string_view json, Policy& policy, std::vector<Diagnostic>& diagnostics)
 {
     Reader reader(json);
-    reader.ReadPolicy(reader.Root(), policy);
-    return reader.Finish(errors);
+    return reader.ReadAll(diagnostics, [&](JsonValue root) { reader.ReadPolicy(root, policy); });
 }
 
-bool ReadRule(std::string_view json, PFW_RULE& rule, std::vector<JsonError>& errors)
+bool ReadRule(std::string_view json, PFW_RULE& rule, std::vector<Diagnostic>& diagnostics)
 {
     Reader reader(json);
-    reader.ReadRule(reader.Root(), {}, rule);
-    return reader.Finish(errors);
-}
-
-bool ReadRuleSet(std::string_view json, RuleSetRecord& ruleSet, std::vector<JsonError>& errors)
-{
-    Reader reader(json);
-    reader.ReadRuleSet(reader.Root(), {}, ruleSet);
-    return reader.Finish(errors);
+    return reader.ReadAll(diagnostics, [&](JsonValue root) { reader.ReadRule(root, {}, rule); });
 }
 
 bool HasBlankPortList(const PFW_RULE& rule) noexcept

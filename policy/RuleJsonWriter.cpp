@@ -2,9 +2,10 @@
 #include <algorithm>
 #include <cstring>
 
+#include <nlohmann/json.hpp>
+
 #include "common/srclib/KxComn_Record.h"
 #include "policy/ItemText.h"
-#include "policy/JsonTree.h"
 #include "policy/RecordText.h"
 #include "policy/RuleFields.h"
 #include "policy/RuleJson.h"
@@ -21,63 +22,11 @@ using KxCommon::Record::Store;
 constexpr size_t kRawBytesPerLine = 32;
 constexpr size_t kRawGap = 3; // equal bytes between two differences that are written rather than a new line begun
 
-/// Objects and arrays over several lines, or within one.
-class Writer
-{
-public:
-    explicit Writer(std::string& out, size_t depth = 0) : m_Out(out), m_Depth(depth) {}
-
-    void Open(char bracket)
-    {
-        m_Out += bracket;
-        ++m_Depth;
-        m_First = true;
-    }
-    void Close(char bracket)
-    {
-        --m_Depth;
-        if (!m_First)
-            NewLine();
-        m_Out += bracket;
-        m_First = false;
-    }
-    /// Begins the next element of an array.
-    void Next()
-    {
-        if (!m_First)
-            m_Out += ',';
-        m_First = false;
-        NewLine();
-    }
-    /// Begins the next member of an object.
-    void Name(std::string_view name)
-    {
-        Next();
-        AppendJsonString(m_Out, name);
-        m_Out += ": ";
-    }
-    void Text(std::string_view text) { AppendJsonString(m_Out, text); }
-    void Plain(std::string_view text) { m_Out += text; }
-    void Number(uint64_t number) { m_Out += std::to_string(number); }
-
-private:
-    void NewLine()
-    {
-        m_Out += '\n';
-        m_Out.append(2 * m_Depth, ' ');
-    }
-
-    std::string& m_Out;
-    size_t m_Depth;
-    bool m_First = true;
-};
-
 /// What differs between the record and what the named fields have given, as lines "offset: bytes".
-std::vector<std::string> RawLines(const void* record, const void* named, size_t begin, size_t end)
+void AddRaw(Json& json, const void* record, const void* named, size_t begin, size_t end)
 {
     const uint8_t* const actual = static_cast<const uint8_t*>(record);
     const uint8_t* const given = static_cast<const uint8_t*>(named);
-    std::vector<std::string> lines;
     for (size_t i = begin; i < end; ++i)
     {
         if (actual[i] == given[i])
@@ -85,108 +34,112 @@ std::vector<std::string> RawLines(const void* record, const void* named, size_t 
         size_t last = i;
         for (size_t j = i; j < end && j <= last + kRawGap && j < i + kRawBytesPerLine; ++j)
             last = actual[j] != given[j] ? j : last;
-        lines.push_back(std::to_string(i) + ": " + HexText(actual + i, last - i + 1));
+        json["raw"].push_back(std::to_string(i) + ": " + HexText(actual + i, last - i + 1));
         i = last;
     }
-    return lines;
 }
 
-void WriteRaw(Writer& writer, const std::vector<std::string>& lines)
-{
-    if (lines.empty())
-        return;
-    writer.Name("raw");
-    writer.Open('[');
-    for (const std::string& line : lines)
-    {
-        writer.Next();
-        writer.Text(line);
-    }
-    writer.Close(']');
-}
-
-void WriteKeyword(Writer& writer, Keywords names, uint32_t value)
+Json KeywordJson(Keywords names, uint32_t value)
 {
     const std::string_view name = KeywordName(names, value);
-    if (name.empty())
-        writer.Number(value);
-    else
-        writer.Text(name);
+    return name.empty() ? Json(value) : Json(name);
 }
 
-// What a reader makes of a text that has just been written. A text that says less than the record, or nothing that can
-// be read, is made up for by "raw".
+// Each of these gives what is written of a field, and puts into `given` what a reader will make of that. A text that says
+// less than the record, or nothing that can be read, is made up for by "raw".
 
-RULE_ADDR AddressGivenBy(std::string_view text)
+template <class Number>
+Json NumberJson(const uint8_t* field, uint8_t* given)
 {
-    RULE_ADDR item{};
-    std::string why;
-    static_cast<void>(ParseAddress(text, item, why));
-    return item;
+    Store(given, Load<Number>(field));
+    return Load<Number>(field);
 }
 
-RULE_PORT PortGivenBy(std::string_view text)
+Json AddressJson(const RULE_ADDR& item, uint8_t* given)
 {
-    RULE_PORT item{};
+    RULE_ADDR read{};
+    std::string text = AddressText(item);
     std::string why;
-    static_cast<void>(ParsePort(text, item, why));
-    return item;
+    static_cast<void>(ParseAddress(text, read, why));
+    Store(given, read);
+    return text;
 }
 
-void PutGiven(void* field, size_t room, std::string_view text)
+Json PortJson(const RULE_PORT& item, uint8_t* given)
 {
+    RULE_PORT read{};
+    std::string text = PortText(item);
     std::string why;
-    static_cast<void>(PutNarrow(field, room, text, why));
+    static_cast<void>(ParsePort(text, read, why));
+    Store(given, read);
+    return text;
 }
 
-void PutWideGiven(void* field, size_t room, std::string_view text)
+Json NarrowJson(const void* field, size_t room, void* given)
 {
+    std::string text = NarrowFieldText(field, room);
     std::string why;
-    static_cast<void>(PutWide(field, room, text, why));
+    static_cast<void>(PutNarrow(given, room, text, why));
+    return text;
 }
 
-/// Writes a record's fields and keeps, beside it, the record that a reader will make of them.
-class FieldWriter
+Json WideJson(const void* field, size_t room, void* given)
+{
+    std::string text = WideFieldText(field, room);
+    std::string why;
+    static_cast<void>(PutWide(given, room, text, why));
+    return text;
+}
+
+/// A rule's fields as members and, beside them, the record that a reader will make of these.
+class RuleWriter
 {
 public:
-    FieldWriter(Writer& writer, const PFW_RULE& rule)
-        : m_Writer(writer), m_Actual(reinterpret_cast<const uint8_t*>(&rule)), m_Given(DefaultRule(rule.dwKind)),
+    explicit RuleWriter(const PFW_RULE& rule)
+        : m_Actual(reinterpret_cast<const uint8_t*>(&rule)), m_Given(DefaultRule(rule.dwKind)),
           m_GivenBytes(reinterpret_cast<uint8_t*>(&m_Given))
     {
     }
 
-    void Write(const RuleField& field)
+    Json Write()
+    {
+        for (const RuleField& field : CommonFields())
+            Add(field);
+        for (const RuleField& field : KindFields(m_Given.dwKind))
+            Add(field);
+        AddRaw(m_Json, m_Actual, m_GivenBytes, 0, sizeof(PFW_RULE));
+        return std::move(m_Json);
+    }
+
+private:
+    void Add(const RuleField& field)
     {
         if (field.When == Presence::Sometimes && !HoldsAnything(field))
             return;
-        m_Writer.Name(field.Name);
         if (field.Type == FieldType::Extension)
-            return Extension(field);
-        if (field.Count > 1)
-            m_Writer.Plain("[");
-        for (size_t i = 0; i < field.Count; ++i)
         {
-            m_Writer.Plain(i > 0 ? ", " : "");
-            One(field, field.Places[i]);
+            m_Json[field.Name] = Extension(field);
+            return;
         }
-        if (field.Count > 1)
-            m_Writer.Plain("]");
+        Json list;
+        for (size_t i = 0; i < field.Count; ++i)
+            list.push_back(One(field, m_Actual + field.Places[i], m_GivenBytes + field.Places[i]));
+        m_Json[field.Name] = field.Count > 1 ? std::move(list) : std::move(list[0]);
+        if (field.Type == FieldType::Application && m_Json[field.Name] == kSystemApplication)
+            SetSystem();
     }
 
-    void Raw() { WriteRaw(m_Writer, RawLines(m_Actual, m_GivenBytes, 0, sizeof(PFW_RULE))); }
-
-private:
     /// Whether a reader that finds nothing about the field would be wrong.
     bool HoldsAnything(const RuleField& field) const
     {
+        const uint8_t* const at = m_Actual + field.Places[0];
         size_t bytes = field.Type == FieldType::Word ? 2 : 4;
         if (field.Type == FieldType::WideText || field.Type == FieldType::Application)
-            return !WideFieldText(m_Actual + field.Places[0], field.Room).empty();
+            return !WideFieldText(at, field.Room).empty();
         if (field.Type == FieldType::Text)
-            return !NarrowFieldText(m_Actual + field.Places[0], field.Room).empty();
+            return !NarrowFieldText(at, field.Room).empty();
         if (field.Type == FieldType::Extension)
-            return !IsZero(m_Actual + field.Places[0], 4) || !IsZero(m_Actual + field.Places[1], 4) ||
-                   !IsZero(m_Actual + field.Places[2], 2) ||
+            return !IsZero(at, 4) || !IsZero(m_Actual + field.Places[1], 4) || !IsZero(m_Actual + field.Places[2], 2) ||
                    !NarrowFieldText(m_Actual + field.Places[3], field.Room).empty();
         if (field.Type == FieldType::Hash)
             bytes = field.Room;
@@ -199,76 +152,43 @@ private:
         return false;
     }
 
-    void Copy(uint16_t place, size_t bytes) { std::memcpy(m_GivenBytes + place, m_Actual + place, bytes); }
-
-    void One(const RuleField& field, uint16_t place)
+    static Json One(const RuleField& field, const uint8_t* from, uint8_t* given)
     {
-        const uint8_t* const from = m_Actual + place;
-        uint8_t* const to = m_GivenBytes + place;
         switch (field.Type)
         {
         case FieldType::Word:
-            m_Writer.Number(Load<uint16_t>(from));
-            return Copy(place, 2);
-        case FieldType::DoubleWord:
-            m_Writer.Number(Load<uint32_t>(from));
-            return Copy(place, 4);
-        case FieldType::Switch:
-            if (Load<uint32_t>(from) <= 1)
-                m_Writer.Plain(Load<uint32_t>(from) == 0 ? "false" : "true");
-            else
-                m_Writer.Number(Load<uint32_t>(from));
-            return Copy(place, 4);
+            return NumberJson<uint16_t>(from, given);
         case FieldType::Keyword:
-            WriteKeyword(m_Writer, field.Names, Load<uint32_t>(from));
-            return Copy(place, 4);
+            return KeywordJson(field.Names, NumberJson<uint32_t>(from, given));
+        case FieldType::Switch:
+            if (const Json number = NumberJson<uint32_t>(from, given); number <= 1)
+                return number == 1;
+            return NumberJson<uint32_t>(from, given);
         case FieldType::Hash:
-            m_Writer.Text(HexText(from, field.Room));
-            return Copy(place, field.Room);
+            std::memcpy(given, from, field.Room);
+            return HexText(from, field.Room);
         case FieldType::Address:
-            Store(to, AddressGivenBy(Text(AddressText(Load<RULE_ADDR>(from)))));
-            return;
+            return AddressJson(Load<RULE_ADDR>(from), given);
         case FieldType::Port:
-            Store(to, PortGivenBy(Text(PortText(Load<RULE_PORT>(from)))));
-            return;
+            return PortJson(Load<RULE_PORT>(from), given);
         case FieldType::Text:
-            PutGiven(to, field.Room, Text(NarrowFieldText(from, field.Room)));
-            return;
+            return NarrowJson(from, field.Room, given);
         case FieldType::WideText:
         case FieldType::Application:
-        {
-            const std::string text = Text(WideFieldText(from, field.Room));
-            PutWideGiven(to, field.Room, text);
-            if (field.Type == FieldType::Application && text == kSystemApplication)
-                SetSystem();
-            return;
-        }
-        case FieldType::Extension:
-            return;
+            return WideJson(from, field.Room, given);
+        default:
+            return NumberJson<uint32_t>(from, given);
         }
     }
 
-    std::string Text(std::string text)
+    Json Extension(const RuleField& field)
     {
-        m_Writer.Text(text);
-        return text;
-    }
-
-    void Extension(const RuleField& field)
-    {
-        m_Writer.Plain("{\"flag\": ");
-        m_Writer.Number(Load<uint32_t>(m_Actual + field.Places[0]));
-        m_Writer.Plain(", \"value\": ");
-        m_Writer.Number(Load<uint32_t>(m_Actual + field.Places[1]));
-        m_Writer.Plain(", \"shortValue\": ");
-        m_Writer.Number(Load<uint16_t>(m_Actual + field.Places[2]));
-        m_Writer.Plain(", \"text\": ");
-        Copy(field.Places[0], 4);
-        Copy(field.Places[1], 4);
-        Copy(field.Places[2], 2);
-        PutGiven(m_GivenBytes + field.Places[3], field.Room,
-                 Text(NarrowFieldText(m_Actual + field.Places[3], field.Room)));
-        m_Writer.Plain("}");
+        const auto number = [&]<class Number>(size_t place, Number)
+        { return NumberJson<Number>(m_Actual + field.Places[place], m_GivenBytes + field.Places[place]); };
+        return {{"flag", number(0, uint32_t{})},
+                {"value", number(1, uint32_t{})},
+                {"shortValue", number(2, uint16_t{})},
+                {"text", NarrowJson(m_Actual + field.Places[3], field.Room, m_GivenBytes + field.Places[3])}};
     }
 
     void SetSystem()
@@ -280,184 +200,103 @@ private:
         }
     }
 
-    Writer& m_Writer;
     const uint8_t* m_Actual;
     PFW_RULE m_Given;
     uint8_t* m_GivenBytes;
+    Json m_Json = Json::object();
 };
 
-void WriteRule(Writer& writer, const PFW_RULE& rule)
+Json ItemAsJson(const MACRO_ITEM& item)
 {
-    writer.Open('{');
-    FieldWriter fields(writer, rule);
-    for (const RuleField& field : CommonFields())
-        fields.Write(field);
-    for (const RuleField& field : KindFields(rule.dwKind))
-        fields.Write(field);
-    fields.Raw();
-    writer.Close('}');
+    MACRO_ITEM given{};
+    uint8_t* const to = reinterpret_cast<uint8_t*>(&given.Addr);
+    given.dwItemType = item.dwItemType;
+    Json json = Json::object();
+    if (item.dwItemType == KXRULE_ITEM_ADDR)
+        json["address"] = AddressJson(item.Addr, to);
+    else if (item.dwItemType == KXRULE_ITEM_PORT)
+        json["port"] = PortJson(item.Port, to);
+    else if (item.dwItemType == KXRULE_ITEM_TEXT)
+        json["text"] = NarrowJson(&item.szText, sizeof item.szText, to);
+    else
+        json["type"] = uint32_t{item.dwItemType};
+    AddRaw(json, &item, &given, 0, sizeof item);
+    return json;
 }
 
-void WriteRuleSet(Writer& writer, const RuleSetRecord& ruleSet)
+Json MacroAsJson(const MacroRecord& macro)
+{
+    PFW_MACRO actual{};
+    PFW_MACRO given{};
+    std::memcpy(&actual.szName, macro.Name.data(), std::min(macro.Name.size(), size_t{KXRULE_MACRO_NAME_BYTES - 1}));
+    Json json = {{"name", NarrowJson(&actual.szName, sizeof actual.szName, &given.szName)}};
+    AddRaw(json, &actual, &given, kMacroNameBegin, kMacroNameEnd);
+    Json& items = json["items"] = Json::array();
+    for (const MACRO_ITEM& item : macro.Items)
+        items.push_back(ItemAsJson(item));
+    return json;
+}
+
+} // namespace
+
+Json RuleAsJson(const PFW_RULE& rule)
+{
+    return RuleWriter(rule).Write();
+}
+
+bool HasUnexplainedBytes(const PFW_RULE& rule)
+{
+    return RuleAsJson(rule).contains("raw");
+}
+
+Json RuleSetAsJson(const RuleSetRecord& ruleSet)
 {
     PFW_RULESET actual{};
     PFW_RULESET given{};
     std::memcpy(&actual.wszName, ruleSet.Name.data(),
                 std::min(ruleSet.Name.size(), size_t{KXRULE_RULESET_NAME_UNITS - 1}) * sizeof(KXWCHAR));
-    const std::string name = WideFieldText(&actual.wszName, KXRULE_RULESET_NAME_UNITS);
-    PutWideGiven(&given.wszName, KXRULE_RULESET_NAME_UNITS, name);
-
-    writer.Open('{');
-    writer.Name("index");
-    writer.Number(ruleSet.Index);
-    writer.Name("name");
-    writer.Text(name);
-    WriteRaw(writer, RawLines(&actual, &given, kRuleSetNameBegin, kRuleSetNameEnd));
-    writer.Name("rules");
-    writer.Open('[');
+    Json json = {{"index", ruleSet.Index},
+                 {"name", WideJson(&actual.wszName, KXRULE_RULESET_NAME_UNITS, &given.wszName)}};
+    AddRaw(json, &actual, &given, kRuleSetNameBegin, kRuleSetNameEnd);
+    Json& rules = json["rules"] = Json::array();
     for (const PFW_RULE& rule : ruleSet.Rules)
-    {
-        writer.Next();
-        WriteRule(writer, rule);
-    }
-    writer.Close(']');
-    writer.Close('}');
+        rules.push_back(RuleAsJson(rule));
+    return json;
 }
 
-/// An item's member, and the item that a reader will make of it.
-std::string ItemMember(const MACRO_ITEM& item, MACRO_ITEM& given)
+Json MacrosAsJson(const std::vector<MacroRecord>& macros)
 {
-    given.dwItemType = item.dwItemType;
-    const std::string_view type = KeywordName(kItemTypes, item.dwItemType);
-    if (type.empty())
-        return "\"type\": " + std::to_string(item.dwItemType);
-    std::string text;
-    switch (item.dwItemType)
-    {
-    case KXRULE_ITEM_ADDR:
-        text = AddressText(item.Addr);
-        given.Addr = AddressGivenBy(text);
-        break;
-    case KXRULE_ITEM_PORT:
-        text = PortText(item.Port);
-        given.Port = PortGivenBy(text);
-        break;
-    default:
-        text = NarrowFieldText(&item.szText, sizeof item.szText);
-        PutGiven(&given.szText, sizeof given.szText, text);
-    }
-    std::string member;
-    AppendJsonString(member, type);
-    member += ": ";
-    AppendJsonString(member, text);
-    return member;
+    Json json = Json::array();
+    for (const MacroRecord& macro : macros)
+        json.push_back(MacroAsJson(macro));
+    return json;
 }
-
-void WriteItem(Writer& writer, const MACRO_ITEM& item)
-{
-    MACRO_ITEM given{};
-    const std::string member = ItemMember(item, given);
-    const std::vector<std::string> raw = RawLines(&item, &given, 0, sizeof item);
-    if (raw.empty())
-    {
-        writer.Plain("{" + member + "}");
-        return;
-    }
-    writer.Open('{');
-    writer.Next();
-    writer.Plain(member);
-    WriteRaw(writer, raw);
-    writer.Close('}');
-}
-
-void WriteMacro(Writer& writer, const MacroRecord& macro)
-{
-    PFW_MACRO actual{};
-    PFW_MACRO given{};
-    std::memcpy(&actual.szName, macro.Name.data(), std::min(macro.Name.size(), size_t{KXRULE_MACRO_NAME_BYTES - 1}));
-    const std::string name = NarrowFieldText(&actual.szName, sizeof actual.szName);
-    PutGiven(&given.szName, sizeof given.szName, name);
-
-    writer.Open('{');
-    writer.Name("name");
-    writer.Text(name);
-    WriteRaw(writer, RawLines(&actual, &given, kMacroNameBegin, kMacroNameEnd));
-    writer.Name("items");
-    writer.Open('[');
-    for (const MACRO_ITEM& item : macro.Items)
-    {
-        writer.Next();
-        WriteItem(writer, item);
-    }
-    writer.Close(']');
-    writer.Close('}');
-}
-
-std::string Finished(std::string text)
-{
-    text += '\n';
-    return text;
-}
-
-} // namespace
 
 std::string RuleToJson(const PFW_RULE& rule)
 {
-    std::string out;
-    Writer writer(out);
-    WriteRule(writer, rule);
-    return Finished(std::move(out));
-}
-
-bool HasUnexplainedBytes(const PFW_RULE& rule)
-{
-    return RuleToJson(rule).find("\n  \"raw\": [") != std::string::npos;
-}
-
-std::string RuleSetToJson(const RuleSetRecord& ruleSet)
-{
-    std::string out;
-    Writer writer(out);
-    WriteRuleSet(writer, ruleSet);
-    return Finished(std::move(out));
+    std::string text;
+    AppendJsonText(text, RuleAsJson(rule));
+    return text + "\n";
 }
 
 std::string PolicyToJson(const Policy& policy)
 {
-    std::string out;
-    Writer writer(out);
-    writer.Open('{');
-    writer.Name("version");
-    writer.Number(kPolicyVersion);
+    Json json = {{"version", kPolicyVersion}};
     if (policy.Active)
-    {
-        writer.Name("active");
-        writer.Plain("[");
-        for (size_t i = 0; i < policy.Active->size(); ++i)
-            writer.Plain((i > 0 ? ", " : "") + std::to_string((*policy.Active)[i]));
-        writer.Plain("]");
-    }
+        json["active"] = *policy.Active;
     if (policy.Macros)
-    {
-        writer.Name("macros");
-        writer.Open('[');
-        for (const MacroRecord& macro : *policy.Macros)
-        {
-            writer.Next();
-            WriteMacro(writer, macro);
-        }
-        writer.Close(']');
-    }
-    writer.Name("ruleSets");
-    writer.Open('[');
+        json["macros"] = MacrosAsJson(*policy.Macros);
+    json["ruleSets"] = Json::array();
+    std::string text;
+    AppendJsonText(text, json);
+    // One rule set at a time: as values they are several times as large as their text.
+    text.resize(text.size() - std::string_view("]\n}").size());
     for (const RuleSetRecord& ruleSet : policy.RuleSets)
     {
-        writer.Next();
-        WriteRuleSet(writer, ruleSet);
+        text += &ruleSet == &policy.RuleSets.front() ? "\n    " : ",\n    ";
+        AppendJsonText(text, RuleSetAsJson(ruleSet), 2);
     }
-    writer.Close(']');
-    writer.Close('}');
-    return Finished(std::move(out));
+    return text + (policy.RuleSets.empty() ? "]\n}\n" : "\n  ]\n}\n");
 }
 
 } // namespace KxPolicy

@@ -179,7 +179,7 @@ void CheckFile(const PFW_RULE& rule)
 void CheckJson(const PFW_RULE& rule)
 {
     PFW_RULE read{};
-    std::vector<KxPolicy::JsonError> errors;
+    std::vector<KxPolicy::Diagnostic> errors;
     const bool isRefused = rule.dwKind == KXRULE_KIND_ACCESS && KxPolicy::HasBlankPortList(rule);
     KX_REQUIRE(KxPolicy::ReadRule(KxPolicy::RuleToJson(rule), read, errors) != isRefused);
     KX_REQUIRE(errors.size() == (isRefused ? 1 : 0) && Same(read, rule));

@@ -18,7 +18,7 @@ namespace
 Policy Read(const std::string& json)
 {
     Policy policy;
-    std::vector<KxPolicy::JsonError> errors;
+    std::vector<KxPolicy::Diagnostic> errors;
     EXPECT_TRUE(KxPolicy::ReadPolicy(json, policy, errors)) << errors.front().Text << json;
     if (!policy.Active)
         policy.Active.emplace();
@@ -88,7 +88,7 @@ TEST(PolicyDiff, NamesWhatChanges)
     for (const auto& c : cases)
     {
         Policy policy;
-        std::vector<KxPolicy::JsonError> errors;
+        std::vector<KxPolicy::Diagnostic> errors;
         ASSERT_TRUE(KxPolicy::ReadPolicy("{" + c.Policy + "}", policy, errors));
         EXPECT_EQ(Outline(KxPolicy::Compare(Read("{" + store + "}"), policy, MergeMode::Merge)), c.Merge) << c.Policy;
         EXPECT_EQ(Outline(KxPolicy::Compare(Read("{" + store + "}"), policy, MergeMode::Replace)), c.Replace)

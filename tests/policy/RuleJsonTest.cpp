@@ -12,16 +12,16 @@
 #include "policy/RuleFields.h"
 #include "tests/support/RecordBuilder.h"
 
-using KxPolicy::JsonError;
+using KxPolicy::Diagnostic;
 using KxPolicy::Policy;
 
 namespace
 {
 
-std::string Texts(const std::vector<JsonError>& errors)
+std::string Texts(const std::vector<Diagnostic>& errors)
 {
     std::string text;
-    for (const JsonError& error : errors)
+    for (const Diagnostic& error : errors)
         text += std::to_string(error.Line) + ":" + std::to_string(error.Column) + " " + error.Path + ": " + error.Text +
                 "\n";
     return text;
@@ -58,7 +58,7 @@ void ExpectSurvives(const PFW_RULE& rule, const std::string& what)
     const std::string json = KxPolicy::RuleToJson(rule);
     ASSERT_TRUE(nlohmann::json::accept(json)) << what << "\n" << json;
     PFW_RULE back{};
-    std::vector<JsonError> errors;
+    std::vector<Diagnostic> errors;
     if (!KxPolicy::ReadRule(json, back, errors))
     {
         ASSERT_TRUE(errors.size() == 1 && rule.dwKind == KXRULE_KIND_ACCESS && KxPolicy::HasBlankPortList(rule))
@@ -139,7 +139,7 @@ TEST(RuleJson, GivesPoliciesBackAndIsStable)
         }
         const std::string json = KxPolicy::PolicyToJson(policy);
         Policy back;
-        std::vector<JsonError> errors;
+        std::vector<Diagnostic> errors;
         ASSERT_TRUE(KxPolicy::ReadPolicy(json, back, errors)) << Texts(errors) << json;
         EXPECT_EQ(back.Active, policy.Active);
         EXPECT_TRUE(Contents(back) == Contents(policy)) << json;
@@ -170,7 +170,7 @@ TEST(RuleJson, ReadsWhatPeopleWrite)
     expected.Access.dwSpare2 = 2;
     expected.abKind[2704] = 0xFF;
     PFW_RULE rule{};
-    std::vector<JsonError> errors;
+    std::vector<Diagnostic> errors;
     ASSERT_TRUE(KxPolicy::ReadRule(json, rule, errors)) << Texts(errors);
     EXPECT_EQ(Bytes(rule), Bytes(expected)) << KxPolicy::RuleToJson(rule) << KxPolicy::RuleToJson(expected);
 }
@@ -208,7 +208,7 @@ TEST(RuleJson, KnowsTheLibrarysLimits)
     for (int i = 2; i <= 65; ++i)
         sets += ", {\"name\": \"\", \"index\": " + std::to_string(i) + "}";
     Policy policy;
-    std::vector<JsonError> errors;
+    std::vector<Diagnostic> errors;
     EXPECT_FALSE(KxPolicy::ReadPolicy("{\"ruleSets\": [" + sets + "]}", policy, errors));
     ASSERT_EQ(errors.size(), 2u) << Texts(errors);
     EXPECT_EQ(errors[0].Text, "a store holds at most 64 rule sets, the file has 65");

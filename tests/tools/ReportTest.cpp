@@ -20,7 +20,7 @@ Tool::Policy Workstation()
     std::ifstream file("examples/workstation.json", std::ios::binary);
     const std::string json{std::istreambuf_iterator<char>(file), {}};
     Tool::Policy policy;
-    std::vector<Tool::JsonError> errors;
+    std::vector<Tool::Diagnostic> errors;
     EXPECT_TRUE(Tool::ReadPolicy(json, policy, errors));
     return policy;
 }
@@ -130,7 +130,7 @@ TEST(Report, Warns)
     for (const auto& c : cases)
     {
         Tool::Policy policy;
-        std::vector<Tool::JsonError> errors;
+        std::vector<Tool::Diagnostic> errors;
         ASSERT_TRUE(
             Tool::ReadPolicy("{\"active\": [" + c.Active + "], \"ruleSets\": [" + c.RuleSets + "]}", policy, errors))
             << c.RuleSets;

@@ -4,8 +4,10 @@
 #include <string>
 #include <vector>
 
+#include <nlohmann/json.hpp>
+
 #include "policy/Apply.h"
-#include "policy/JsonTree.h"
+#include "policy/JsonText.h"
 #include "policy/ResultCodes.h"
 #include "policy/Utf8.h"
 #include "tools/kxrule/commands/CommandLine.h"
@@ -19,14 +21,12 @@ void Tell(Tool::Console& console, bool json, const Tool::Failure& failure)
 {
     if (!json)
         return console.Error(std::string("kxrule: ") + failure.what() + "\n");
-    std::string text = "{\"error\": ";
-    KxPolicy::AppendJsonString(text, failure.what());
-    text += ", \"exitCode\": " + std::to_string(failure.Code());
+    KxPolicy::Json members = {{"error", failure.what()}, {"exitCode", failure.Code()}};
     if (failure.Result() != 0)
-        text += ", \"result\": " + std::to_string(failure.Result());
+        members["result"] = failure.Result();
     if (const std::string_view name = KxPolicy::ResultName(failure.Result()); failure.Result() != 0 && !name.empty())
-        text += ", \"name\": \"" + std::string(name) + "\"";
-    console.Error(text + "}\n");
+        members["name"] = name;
+    console.Error(KxPolicy::JsonLine(members) + "\n");
 }
 
 } // namespace

@@ -15,8 +15,6 @@ namespace Tool
 namespace
 {
 
-using Json = nlohmann::ordered_json;
-
 std::vector<PFW_RULE>::iterator FindRule(RuleSetRecord& ruleSet, uint16_t index)
 {
     return std::find_if(ruleSet.Rules.begin(), ruleSet.Rules.end(),
@@ -91,9 +89,9 @@ int AddRule(Session& session, uint16_t ruleSetIndex, const std::string& rule, bo
 {
     const bool isText = rule.find('{') != std::string::npos;
     PFW_RULE record{};
-    std::vector<JsonError> errors;
-    if (!ReadRule(isText ? rule : ReadTextFile(rule), record, errors))
-        return TellMistakes(session, isText ? "RULE" : rule, errors);
+    std::vector<Diagnostic> diagnostics;
+    if (!ReadRule(isText ? rule : ReadTextFile(rule), record, diagnostics))
+        return TellDiagnostics(session, isText ? "RULE" : rule, diagnostics);
     session.OpenToChange();
     const Policy store = session.Read();
     Policy wanted = store;

@@ -66,6 +66,6 @@ int ApplyPolicy(Session& session, const Policy& store, const Policy& wanted, Mer
 void WriteTextFile(Session& session, const std::string& path, std::string_view text);
 /// What is wrong in a file, one line each: FILE:LINE:COLUMN: where: what.
 /// @return ExitFailed
-int TellMistakes(Session& session, const std::string& path, const std::vector<JsonError>& errors);
+int TellDiagnostics(Session& session, const std::string& path, const std::vector<Diagnostic>& diagnostics);
 
 } // namespace Tool

@@ -14,8 +14,6 @@ namespace Tool
 namespace
 {
 
-using Json = nlohmann::ordered_json;
-
 std::string Hexadecimal(uint32_t value)
 {
     static constexpr char kDigits[] = "0123456789abcdef";
@@ -90,10 +88,8 @@ private:
         {
             Text("macro", macro.Name.size(), NarrowToUtf8(macro.Name));
             Record("items", sizeof(uint32_t), std::to_string(macro.Items.size()));
-            Policy one;
-            one.Macros.emplace().push_back(macro);
-            const Json json = Json::parse(PolicyToJson(one));
-            for (const Json& item : json["macros"][0]["items"])
+            const Json json = MacrosAsJson({macro});
+            for (const Json& item : json[0]["items"])
                 Record("item", sizeof(MACRO_ITEM), item.dump());
         }
     }
@@ -112,7 +108,7 @@ private:
             if (RuleText::Render(rule, line) != KXRULE_OK)
                 line = "kind " + std::to_string(uint32_t{rule.dwKind});
             Record("rule " + std::to_string(uint16_t{rule.wRuleIndex}), sizeof rule, NarrowToUtf8(line));
-            const Json json = Json::parse(RuleToJson(rule));
+            const Json json = RuleAsJson(rule);
             for (const auto& [name, value] : json.items())
             {
                 if (name != "index" && name != "kind")
@@ -140,13 +136,11 @@ Json ContentAsJson(const FileContent& content)
     }
     else if (content.Kind == FileKind::Macros)
     {
-        Policy macros;
-        macros.Macros = content.Macros;
-        json["macros"] = Json::parse(PolicyToJson(macros))["macros"];
+        json["macros"] = MacrosAsJson(content.Macros);
     }
     else
     {
-        json["ruleSet"] = Json::parse(RuleSetToJson(content.RuleSet));
+        json["ruleSet"] = RuleSetAsJson(content.RuleSet);
     }
     if (!content.Problem.empty())
         json["problem"] = content.Problem;

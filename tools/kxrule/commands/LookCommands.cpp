@@ -19,8 +19,6 @@ namespace Tool
 namespace
 {
 
-using Json = nlohmann::ordered_json;
-
 std::string Text(const PFW_RULE& rule, const RuleField& field)
 {
     return WideFieldText(reinterpret_cast<const uint8_t*>(&rule) + field.Places[0], field.Room);
@@ -69,13 +67,12 @@ std::string LineOrKind(const std::string& line, const PFW_RULE& rule)
 {
     if (!line.empty())
         return line;
-    const std::string_view kind = KeywordName(kKinds, rule.dwKind);
-    return "(kind " + (kind.empty() ? std::to_string(rule.dwKind) : std::string(kind)) + " has no line of text)";
+    return "(kind " + KeywordText(kKinds, rule.dwKind) + " has no line of text)";
 }
 
-Json RuleAsJson(const PFW_RULE& rule, const std::string& line)
+Json RuleWithLine(const PFW_RULE& rule, const std::string& line)
 {
-    Json json = Json::parse(RuleToJson(rule));
+    Json json = RuleAsJson(rule);
     if (!line.empty())
         json["line"] = line;
     return json;
@@ -111,14 +108,14 @@ void PrintRuleSet(Session& session, const Policy& policy, const RuleSetRecord& r
     console.Out("\n");
 }
 
-Json RuleSetAsJson(Session& session, const Policy& policy, const RuleSetRecord& ruleSet)
+Json RuleSetWithLines(Session& session, const Policy& policy, const RuleSetRecord& ruleSet)
 {
     Json json = {{"index", ruleSet.Index},
                  {"name", ToUtf8(ruleSet.Name)},
                  {"active", IsActive(policy, ruleSet.Index)},
                  {"rules", Json::array()}};
     for (const PFW_RULE& rule : ruleSet.Rules)
-        json["rules"].push_back(RuleAsJson(rule, session.RuleLine(ruleSet.Index, rule.wRuleIndex)));
+        json["rules"].push_back(RuleWithLine(rule, session.RuleLine(ruleSet.Index, rule.wRuleIndex)));
     return json;
 }
 
@@ -154,7 +151,7 @@ int ShowRule(Session& session, const RuleSetRecord& ruleSet, uint16_t ruleIndex)
             continue;
         const std::string line = session.RuleLine(ruleSet.Index, ruleIndex);
         if (session.Options().Json)
-            session.Terminal().Out(RuleAsJson(rule, line).dump(2) + "\n");
+            session.Terminal().Out(RuleWithLine(rule, line).dump(2) + "\n");
         else
             session.Terminal().Out(Printable(LineOrKind(line, rule)) + "\n" + RuleToJson(rule));
         return ExitDone;
@@ -217,13 +214,13 @@ int Show(Session& session, std::optional<uint16_t> ruleSetIndex, std::optional<u
         Json json;
         if (ruleSetIndex)
         {
-            json = RuleSetAsJson(session, policy, FindRuleSet(policy, *ruleSetIndex));
+            json = RuleSetWithLines(session, policy, FindRuleSet(policy, *ruleSetIndex));
         }
         else
         {
             json = {{"ruleSets", Json::array()}, {"macros", Json::array()}};
             for (const RuleSetRecord& ruleSet : policy.RuleSets)
-                json["ruleSets"].push_back(RuleSetAsJson(session, policy, ruleSet));
+                json["ruleSets"].push_back(RuleSetWithLines(session, policy, ruleSet));
             for (const MacroRecord& macro : *policy.Macros)
                 json["macros"].push_back({{"name", NarrowToUtf8(macro.Name)}, {"line", session.MacroLine(macro)}});
         }
@@ -251,9 +248,7 @@ int Macros(Session& session)
             PrintMacro(session, macro);
         return ExitDone;
     }
-    Policy macros;
-    macros.Macros = policy.Macros;
-    Json json = Json::parse(PolicyToJson(macros))["macros"];
+    Json json = MacrosAsJson(*policy.Macros);
     for (size_t i = 0; i < json.size(); ++i)
         json[i]["line"] = session.MacroLine((*policy.Macros)[i]);
     session.Terminal().Out(json.dump(2) + "\n");

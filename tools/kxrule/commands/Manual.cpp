@@ -37,10 +37,11 @@ spare bytes, stands in `"raw"` as lines `"offset: hexadecimal bytes"`; it appear
 what `export` wrote gives every record back byte for byte. Narrow texts (macro names, lists, extension and stream texts)
 are kept in the active code page of the machine; a character that it lacks is refused.
 
-`import` checks the whole file before it touches anything, and reports everything that is wrong with line and column. It
-changes only what differs: the second import of the same file writes nothing. Without `--replace` nothing is removed that
-the file does not name. Active list and macros stay as they are when the file does not speak of them. A rule set that goes,
-or gets another name, first has a copy of the store put into a dated directory below `RuleBackup`.
+`import` checks the whole file before it touches anything, and reports everything that is wrong with line and column; where
+the file stops being JSON, that place alone. It changes only what differs: the second import of the same file writes
+nothing. Without `--replace` nothing is removed that the file does not name. Active list and macros stay as they are when
+the file does not mention them. Before a rule set is deleted or renamed, the store is copied to a dated directory below
+`RuleBackup`.
 
 ## Many machines
 
@@ -83,8 +84,8 @@ PowerShell: put `kxrule completion powershell | Out-String | Invoke-Expression` 
 
 constexpr char kErrors[] =
     R"(What goes wrong is told on standard error: a line for people, or with `--json` an object with `"error"` in words and
-`"exitCode"`; `"result"` and `"name"` are the library's code, where it was the library that failed. Every mistake in a
-policy is an element of `"mistakes"`, with `"file"`, `"line"`, `"column"`, `"where"` and `"text"`.
+`"exitCode"`; `"result"` and `"name"` are the library's code, where it was the library that failed. Everything that
+is wrong in a policy is an element of `"diagnostics"`, with `"file"`, `"line"`, `"column"`, `"where"` and `"text"`.
 
 )";
 

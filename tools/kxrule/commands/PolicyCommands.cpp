@@ -19,8 +19,6 @@ namespace Tool
 namespace
 {
 
-using Json = nlohmann::ordered_json;
-
 struct CloseFile
 {
     void operator()(std::FILE* file) const noexcept { std::fclose(file); }
@@ -71,20 +69,15 @@ Json DiffAsJson(const PolicyDiff& diff)
             entry["index"] = rule.Index;
             entry["change"] = ChangeWord(rule.Before.has_value(), rule.After.has_value());
             if (rule.Before)
-                entry["before"] = Json::parse(RuleToJson(*rule.Before));
+                entry["before"] = RuleAsJson(*rule.Before);
             if (rule.After)
-                entry["after"] = Json::parse(RuleToJson(*rule.After));
+                entry["after"] = RuleAsJson(*rule.After);
         }
     }
-    Policy rest;
-    rest.Macros = diff.Macros;
-    rest.Active = diff.Active;
-    const Json lists = Json::parse(PolicyToJson(rest));
-    for (const char* const name : {"macros", "active"})
-    {
-        if (lists.contains(name))
-            json[name] = lists[name];
-    }
+    if (diff.Macros)
+        json["macros"] = MacrosAsJson(*diff.Macros);
+    if (diff.Active)
+        json["active"] = *diff.Active;
     return json;
 }
 
@@ -126,10 +119,10 @@ private:
 /// False when the file is not good; what is wrong with it has then been told.
 bool ReadPolicyFile(Session& session, const std::string& file, Policy& policy)
 {
-    std::vector<JsonError> errors;
-    if (ReadPolicy(ReadTextFile(file), policy, errors))
+    std::vector<Diagnostic> diagnostics;
+    if (ReadPolicy(ReadTextFile(file), policy, diagnostics))
         return true;
-    TellMistakes(session, file, errors);
+    TellDiagnostics(session, file, diagnostics);
     return false;
 }
 
@@ -151,26 +144,26 @@ std::string ReadTextFile(const std::string& path)
     return text;
 }
 
-int TellMistakes(Session& session, const std::string& path, const std::vector<JsonError>& errors)
+int TellDiagnostics(Session& session, const std::string& path, const std::vector<Diagnostic>& diagnostics)
 {
     const std::string name = path == "-" ? "standard input" : path;
     if (session.Options().Json)
     {
-        Json json = {{"error", name + " holds mistakes"}, {"exitCode", ExitFailed}, {"mistakes", Json::array()}};
-        for (const JsonError& error : errors)
-            json["mistakes"].push_back({{"file", name},
-                                        {"line", error.Line},
-                                        {"column", error.Column},
-                                        {"where", error.Path},
-                                        {"text", error.Text}});
+        Json json = {{"error", name + " has errors"}, {"exitCode", ExitFailed}, {"diagnostics", Json::array()}};
+        for (const Diagnostic& found : diagnostics)
+            json["diagnostics"].push_back({{"file", name},
+                                           {"line", found.Line},
+                                           {"column", found.Column},
+                                           {"where", found.Path},
+                                           {"text", found.Text}});
         // Whatever is not UTF-8 in a text comes from the file.
         session.Terminal().Error(json.dump(2, ' ', false, Json::error_handler_t::replace) + "\n");
         return ExitFailed;
     }
     std::string lines;
-    for (const JsonError& error : errors)
-        lines += name + ":" + std::to_string(error.Line) + ":" + std::to_string(error.Column) + ": " +
-                 (error.Path.empty() ? "" : error.Path + ": ") + Printable(error.Text) + "\n";
+    for (const Diagnostic& found : diagnostics)
+        lines += name + ":" + std::to_string(found.Line) + ":" + std::to_string(found.Column) + ": " +
+                 (found.Path.empty() ? "" : found.Path + ": ") + Printable(found.Text) + "\n";
     session.Terminal().Error(lines);
     return ExitFailed;
 }

@@ -68,27 +68,20 @@ Row Describe(const PFW_RULE& rule)
 {
     const uint8_t* const record = reinterpret_cast<const uint8_t*>(&rule);
     Row row;
-    const std::string_view kind = KeywordName(kKinds, rule.dwKind);
-    row.Kind = kind.empty() ? std::to_string(uint32_t{rule.dwKind}) : std::string(kind);
+    row.Kind = KeywordText(kKinds, rule.dwKind);
     row.Description = WideFieldText(&rule.wszDescription, KXRULE_DESCRIPTION_UNITS);
     for (const RuleField& field : KindFields(rule.dwKind))
     {
         const std::string_view name = field.Name;
         const uint8_t* const at = record + field.Places[0];
-        std::string keyword;
-        if (field.Type == FieldType::Keyword)
-        {
-            const std::string_view known = KeywordName(field.Names, Load<uint32_t>(at));
-            keyword = known.empty() ? std::to_string(Load<uint32_t>(at)) : std::string(known);
-        }
         for (size_t i = 0; i < field.Count && field.Type == FieldType::Address; ++i)
             row.Addresses.push_back(AddressText(Load<RULE_ADDR>(record + field.Places[i])));
         for (size_t i = 0; i < field.Count && field.Type == FieldType::Port; ++i)
             row.Ports.push_back(PortText(Load<RULE_PORT>(record + field.Places[i])));
         if (name == "action" || name == "natType")
-            row.Action = keyword;
+            row.Action = KeywordText(field.Names, Load<uint32_t>(at));
         else if (name == "protocol" || name == "appProtocol")
-            row.Protocol = keyword;
+            row.Protocol = KeywordText(field.Names, Load<uint32_t>(at));
         else if (field.Type == FieldType::Application)
             row.Application = WideFieldText(at, field.Room);
     }
