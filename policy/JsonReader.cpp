@@ -7,7 +7,6 @@
 #include "common/srclib/KxComn_Record.h"
 #include "policy/ItemText.h"
 #include "policy/RecordText.h"
-#include "policy/Utf8.h"
 
 namespace KxPolicy
 {
@@ -29,9 +28,9 @@ std::string Shown(JsonValue value)
     std::string raw(value.Raw());
     if (raw.size() <= kMost)
         return raw;
-    size_t end = 0;
-    while (end < kMost)
-        end += std::max<size_t>(Utf8CharacterBytes(std::string_view(raw).substr(end)), 1);
+    size_t end = kMost;
+    while ((static_cast<unsigned char>(raw[end]) & 0xC0) == 0x80) // within a character
+        ++end;
     return raw.substr(0, end) + "...";
 }
 

@@ -1,8 +1,6 @@
 // UTF-8, in which the tool reads and writes, against UTF-16 and the narrow text of the records.
 #pragma once
 
-#include <cstddef>
-#include <cstdint>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -11,11 +9,6 @@
 
 namespace KxPolicy
 {
-
-/// The bytes of the valid character at the front of text (1 to 4), or 0 when there is none: cut short, overlong, a
-/// surrogate, or beyond U+10FFFF.
-[[nodiscard]] size_t Utf8CharacterBytes(std::string_view text) noexcept;
-void AppendUtf8(std::string& out, uint32_t codePoint);
 
 /// A surrogate without its other half becomes U+FFFD.
 [[nodiscard]] std::string ToUtf8(KxCommon::WideStringView text);

@@ -12,12 +12,11 @@ windows=(--target=x86_64-w64-mingw32 -nostdinc++ -nostdlibinc -isystem "$library
     -isystem "$library/x86_64-w64-mingw32" -isystem "$library/backward" -isystem /usr/x86_64-w64-mingw32/include)
 flags=(-std=c++20 -D_WIN32_WINNT=0x0601 -DWINVER=0x0601 -DWIN32_LEAN_AND_MEAN -DNOMINMAX -I. -Wall -Wextra -Wshadow)
 
-# CLI11 and nlohmann-json without the rest of the system's headers.
+# What cmake/ThirdParty.cmake takes, without the rest of the system's headers.
 thirdParty()
 {
     mkdir -p build/check/include
-    ln -sfn /usr/include/CLI build/check/include/CLI
-    ln -sfn /usr/include/nlohmann build/check/include/nlohmann
+    ln -sfn /usr/include/{CLI,nlohmann,utf8,utf8.h} build/check/include
     flags+=(-isystem build/check/include)
 }
 

@@ -4,7 +4,8 @@
 set -euo pipefail
 
 declare -A groups=(
-    [build]="g++-mingw-w64-x86-64-posix wine wine64 cmake ninja-build googletest libcli11-dev nlohmann-json3-dev"
+    [build]="g++-mingw-w64-x86-64-posix wine wine64 cmake ninja-build googletest libcli11-dev nlohmann-json3-dev
+        libutfcpp-dev"
     [test]="g++ libc6-dev python3 python3-jsonschema"
     [check]="clang clang-format clang-tidy lld llvm shellcheck"
     [fuzz]="clang g++ libclang-rt-dev llvm python3"

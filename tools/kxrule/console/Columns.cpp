@@ -3,14 +3,12 @@
 
 #include <algorithm>
 #include <cstdint>
+#include <iterator>
 
-#include "policy/Utf8.h"
+#include <utf8.h>
 
 namespace Tool
 {
-
-using namespace KxPolicy;
-
 namespace
 {
 
@@ -32,18 +30,6 @@ bool IsIn(const Range (&ranges)[count], uint32_t codePoint) noexcept
                        [codePoint](const Range& range) { return codePoint >= range.First && codePoint <= range.Last; });
 }
 
-/// The first character, which is taken off.
-uint32_t TakeCharacter(std::string_view& text) noexcept
-{
-    const size_t size = std::max<size_t>(Utf8CharacterBytes(text), 1);
-    static constexpr unsigned char kLeadBits[] = {0, 0x7F, 0x1F, 0x0F, 0x07};
-    uint32_t value = static_cast<unsigned char>(text[0]) & kLeadBits[size];
-    for (size_t i = 1; i < size; ++i)
-        value = value << 6 | (static_cast<unsigned char>(text[i]) & 0x3Fu);
-    text.remove_prefix(size);
-    return value;
-}
-
 size_t Width(uint32_t codePoint) noexcept
 {
     return IsIn(kNone, codePoint) ? 0 : IsIn(kWide, codePoint) ? 2 : 1;
@@ -51,24 +37,13 @@ size_t Width(uint32_t codePoint) noexcept
 
 } // namespace
 
-size_t DisplayWidth(std::string_view text) noexcept
+size_t DisplayWidth(std::string_view text)
 {
+    const std::string valid = utf8::replace_invalid(text);
     size_t width = 0;
-    while (!text.empty())
-        width += Width(TakeCharacter(text));
+    for (auto at = valid.begin(); at != valid.end();)
+        width += Width(utf8::unchecked::next(at));
     return width;
-}
-
-std::string CutToWidth(std::string_view text, size_t width)
-{
-    if (DisplayWidth(text) <= width)
-        return std::string(text);
-    std::string_view rest = text;
-    size_t used = 0;
-    size_t bytes = 0;
-    while (!rest.empty() && (used += Width(TakeCharacter(rest))) < width)
-        bytes = text.size() - rest.size();
-    return std::string(text.substr(0, bytes)) + "…";
 }
 
 std::vector<std::string> Aligned(const std::vector<std::vector<std::string>>& rows,
@@ -98,19 +73,16 @@ std::vector<std::string> Aligned(const std::vector<std::vector<std::string>>& ro
 
 std::string Printable(std::string_view text)
 {
+    const std::string valid = utf8::replace_invalid(text);
     std::string out;
-    while (!text.empty())
+    for (auto at = valid.begin(); at != valid.end();)
     {
-        const std::string_view before = text;
-        const uint32_t codePoint = TakeCharacter(text);
+        const uint32_t codePoint = utf8::unchecked::next(at);
         const bool control = codePoint < 0x20 || (codePoint >= 0x7F && codePoint < 0xA0);
         // Marks that turn the writing direction could make a line read as another.
         const bool turning =
             (codePoint >= 0x202A && codePoint <= 0x202E) || (codePoint >= 0x2066 && codePoint <= 0x2069);
-        if (control || turning || Utf8CharacterBytes(before) == 0)
-            AppendUtf8(out, 0xFFFD);
-        else
-            out += before.substr(0, before.size() - text.size());
+        utf8::append(control || turning ? uint32_t{0xFFFD} : codePoint, std::back_inserter(out));
     }
     return out;
 }

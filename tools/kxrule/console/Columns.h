@@ -10,9 +10,7 @@ namespace Tool
 {
 
 /// Columns that UTF-8 text takes: East Asian characters two, combining ones none.
-[[nodiscard]] size_t DisplayWidth(std::string_view text) noexcept;
-/// Cut to that many columns, with an ellipsis when something is missing.
-[[nodiscard]] std::string CutToWidth(std::string_view text, size_t width);
+[[nodiscard]] size_t DisplayWidth(std::string_view text);
 /// The rows as lines whose columns are aligned; the last column is not padded. Columns in toTheRight end flush.
 [[nodiscard]] std::vector<std::string> Aligned(const std::vector<std::vector<std::string>>& rows,
                                                const std::vector<size_t>& toTheRight = {});

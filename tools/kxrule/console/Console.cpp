@@ -104,15 +104,6 @@ std::string Console::Paint(Style style, std::string_view text) const
     return kCodes[static_cast<size_t>(style)] + std::string(text) + "\x1b[0m";
 }
 
-size_t Console::Width() const noexcept
-{
-    CONSOLE_SCREEN_BUFFER_INFO info{};
-    if (!m_OutIsTerminal || ::GetConsoleScreenBufferInfo(::GetStdHandle(STD_OUTPUT_HANDLE), &info) == FALSE)
-        return 0;
-    const int columns = info.srWindow.Right - info.srWindow.Left + 1;
-    return columns > 0 ? static_cast<size_t>(columns) : 0;
-}
-
 bool Console::Confirm(std::string_view question)
 {
     if (!IsTerminal(STD_INPUT_HANDLE))

@@ -37,8 +37,6 @@ public:
     bool Flush() noexcept;
 
     [[nodiscard]] bool ErrorIsTerminal() const noexcept { return m_ErrorIsTerminal; }
-    /// Columns of the terminal behind standard output; 0 when it is none.
-    [[nodiscard]] size_t Width() const noexcept;
 
     /// Asks a yes-or-no question on the terminal; false when nobody can answer.
     [[nodiscard]] bool Confirm(std::string_view question);
