@@ -18,6 +18,7 @@
 #include "common/srclib/KxComn_Trace.h"
 #include "common/srclib/Utility.h"
 #include "repository/RuleMaster.h"
+#include "rules/Normalise.h"
 
 using KxCommon::kTraceCall;
 using KxCommon::kTraceError;
@@ -265,7 +266,7 @@ int32_t kxRuleAddRuleSet(uint16_t index, PFW_RULESET* ruleSet)
     {
         // kept: only kind 1 is checked here, where kxRuleAddRule checks kind 6 as well.
         const PFW_RULE& rule = KXRULE_RULES(ruleSet)[i];
-        if (rule.dwKind == KXRULE_KIND_ACCESS && CRule::HasBlankPortList(rule))
+        if (rule.dwKind == KXRULE_KIND_ACCESS && Normalise::HasBlankPortList(rule))
             return KXRULE_E_PORT_LIST;
     }
     return call.UnderGlobalLock(KXRULE_E_NULL_POINTER,
@@ -319,8 +320,7 @@ int32_t kxRuleAddRule(uint16_t ruleSetIndex, uint16_t ruleIndex, const PFW_RULE*
         KX_TRACE(kTraceCall, "Pointer of Rule structure is NULL.");
         return KXRULE_E_NULL_POINTER;
     }
-    const uint32_t kind = rule->dwKind;
-    if ((kind == KXRULE_KIND_ACCESS || kind == KXRULE_KIND_ACCESS2) && CRule::HasBlankPortList(*rule))
+    if (Normalise::HasBlankPortList(*rule))
         return KXRULE_E_PORT_LIST;
     return call.UnderGlobalLock(KXRULE_E_NULL_POINTER,
                                 [&]

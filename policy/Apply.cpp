@@ -4,7 +4,7 @@
 #include <algorithm>
 
 #include "policy/ResultCodes.h"
-#include "policy/RuleJson.h"
+#include "rules/Normalise.h"
 
 namespace KxPolicy
 {
@@ -33,8 +33,8 @@ bool NeedsNewSet(const RuleSetChange& change)
         return true;
     const bool all = NeedsEmptying(change);
     return std::any_of(change.Rules.begin(), change.Rules.end(),
-                       [](const RuleChange& rule) { return rule.After && HasBlankPortList(*rule.After); }) ||
-           (all && std::any_of(change.RulesAfter.begin(), change.RulesAfter.end(), HasBlankPortList));
+                       [](const RuleChange& rule) { return rule.After && Normalise::HasBlankPortList(*rule.After); }) ||
+           (all && std::any_of(change.RulesAfter.begin(), change.RulesAfter.end(), Normalise::HasBlankPortList));
 }
 
 void AddRuleSet(PolicyStore& store, const RuleSetChange& change)

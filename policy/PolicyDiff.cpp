@@ -5,9 +5,9 @@
 #include <cstring>
 #include <map>
 
-#include "common/srclib/KxComn_Names.h"
 #include "common/srclib/KxComn_Record.h"
 #include "policy/RecordText.h"
+#include "rules/Normalise.h"
 
 namespace KxPolicy
 {
@@ -15,8 +15,6 @@ namespace
 {
 
 using KxCommon::Record::Load;
-using KxCommon::Record::Store;
-using KxCommon::Record::WideText;
 
 /// Where access rules of the two layouts keep their application.
 struct ApplicationPlaces
@@ -52,34 +50,6 @@ bool Equal(const PFW_RULE& a, const PFW_RULE& b) noexcept
     return std::memcmp(BytesOf(a), BytesOf(b), sizeof a) == 0; // byte for byte, padding is none
 }
 
-void OrderRange(RULE_ADDR& item) noexcept
-{
-    const PFW_ADDR low = item.Addr1;
-    const PFW_ADDR high = item.Addr2;
-    if (item.dwType != KXRULE_ADDR_RANGE)
-        return;
-    if (item.dwFamily == KXRULE_FAMILY_IPV4) // the twelve bytes behind an IPv4 address stay where they are
-    {
-        item.Addr1.dwIPv4 = std::min(low.dwIPv4, high.dwIPv4);
-        item.Addr2.dwIPv4 = std::max(low.dwIPv4, high.dwIPv4);
-    }
-    else if (item.dwFamily == KXRULE_FAMILY_IPV6 && std::memcmp(low.abIPv6, high.abIPv6, sizeof low.abIPv6) > 0)
-    {
-        item.Addr1 = high;
-        item.Addr2 = low;
-    }
-}
-
-void OrderRange(RULE_PORT& item) noexcept
-{
-    const uint16_t first = item.wPort1;
-    const uint16_t second = item.wPort2;
-    if (item.nType != KXRULE_PORT_RANGE || first <= second)
-        return;
-    item.wPort1 = second;
-    item.wPort2 = first;
-}
-
 /// A policy rarely names hashes: the one that the library has computed for the same application counts as the policy's.
 void TakeOverHash(PFW_RULE& rule, const PFW_RULE& stored) noexcept
 {
@@ -113,7 +83,9 @@ void CompareRules(const std::vector<PFW_RULE>& before, const std::vector<PFW_RUL
         const bool exists = old < before.size() && before[old].wRuleIndex == given.wRuleIndex;
         // A refreshed system rule holds a hash that adding it again would take away.
         const bool same = exists && Equal(before[old], given);
-        PFW_RULE rule = same ? given : AsStored(given);
+        PFW_RULE rule = given;
+        if (!same)
+            Normalise::NormaliseRule(rule);
         if (exists)
             TakeOverHash(rule, before[old]);
         if (!exists)
@@ -174,26 +146,6 @@ const RuleSetRecord* Find(const std::vector<RuleSetRecord>& ruleSets, uint16_t i
 }
 
 } // namespace
-
-PFW_RULE AsStored(const PFW_RULE& rule) noexcept
-{
-    PFW_RULE stored = rule;
-    const std::optional<ApplicationPlaces> places = PlacesOf(rule);
-    if (!places)
-        return stored;
-    for (RULE_ADDR& item : stored.Access.Addr)
-        OrderRange(item);
-    for (RULE_PORT& item : stored.Access.Port)
-        OrderRange(item);
-    uint8_t* const bytes = BytesOf(stored);
-    Store(bytes + places->Path + (KXRULE_APP_NAME_UNITS - 1) * sizeof(KXWCHAR), KXWCHAR{});
-    if (WideText(bytes + places->Path, KXRULE_APP_NAME_UNITS) == KXW("SYSTEM"))
-    {
-        Store(bytes + places->System, uint32_t{1});
-        std::memset(bytes + places->Hash, 0, KXRULE_HASH_BYTES);
-    }
-    return stored;
-}
 
 PolicyDiff Compare(const Policy& store, const Policy& policy, MergeMode mode)
 {

@@ -48,9 +48,6 @@ struct PolicyDiff
 /// not speak of them, in either mode.
 [[nodiscard]] PolicyDiff Compare(const Policy& store, const Policy& policy, MergeMode mode);
 
-/// The record as the library stores it: ranges of access rules in order, the application path terminated, SYSTEM marked.
-[[nodiscard]] PFW_RULE AsStored(const PFW_RULE& rule) noexcept;
-
 /// How many rule sets there are when the changes are made.
 [[nodiscard]] size_t RuleSetsAfter(const Policy& store, const PolicyDiff& diff) noexcept;
 

@@ -67,9 +67,7 @@ struct RuleField
     Keywords Names;
 };
 
-/// The library takes an application of this name for the system itself and sets the rule's switch, so a reader does too
-/// when the file does not speak of it.
-inline constexpr std::string_view kSystemApplication = "SYSTEM";
+/// The switch that a reader sets for a rule of the system when the text does not mention it, as the library does.
 inline constexpr std::string_view kSystemField = "system";
 
 /// What "raw" may touch beside rules and items: the names.

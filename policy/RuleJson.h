@@ -44,7 +44,4 @@ struct Diagnostic
 /// terminator, or damage that its file could not show.
 [[nodiscard]] bool HasUnexplainedBytes(const PFW_RULE& rule);
 
-/// True when a port list of a rule of kind 1 or 6 holds nothing that the library takes for text.
-[[nodiscard]] bool HasBlankPortList(const PFW_RULE& rule) noexcept;
-
 } // namespace KxPolicy

@@ -6,6 +6,7 @@
 #include "policy/ItemText.h"
 #include "policy/JsonReader.h"
 #include "policy/RecordText.h"
+#include "rules/Normalise.h"
 
 namespace KxPolicy
 {
@@ -66,21 +67,18 @@ void Reader::ReadRule(JsonValue value, const Path& path, PFW_RULE& rule)
 
     rule = DefaultRule(*kind);
     uint8_t* const record = reinterpret_cast<uint8_t*>(&rule);
-    bool isSystem = false;
     for (size_t i = 0; i < fields.size(); ++i)
     {
         if (members[i])
             ReadField(fields[i], *members[i], path.Member(fields[i].Name), record);
         else if (fields[i].When == Presence::Always)
             Report(value.Offset(), path, "\"" + std::string(fields[i].Name) + "\" is missing");
-        if (fields[i].Type == FieldType::Application)
-            isSystem = WideFieldText(record + fields[i].Places[0], fields[i].Room) == kSystemApplication;
-        if (fields[i].Name == kSystemField && !members[i] && isSystem)
+        else if (fields[i].Name == kSystemField && Normalise::IsSystemRule(rule)) // as the library takes it
             Store(record + fields[i].Places[0], uint32_t{1});
     }
     if (members.back())
         ReadRaw(*members.back(), path.Member("raw"), record, sizeof rule.wRuleIndex, sizeof rule);
-    if (rule.dwKind == KXRULE_KIND_ACCESS && HasBlankPortList(rule))
+    if (rule.dwKind == KXRULE_KIND_ACCESS && Normalise::HasBlankPortList(rule))
         Report(value.Offset(), path, "a port list is empty or blank, which the library refuses (-10064)");
 }
 
@@ -250,21 +248,6 @@ bool ReadRule(std::string_view json, PFW_RULE& rule, std::vector<Diagnostic>& di
 {
     Reader reader(json);
     return reader.ReadAll(diagnostics, [&](JsonValue root) { reader.ReadRule(root, {}, rule); });
-}
-
-bool HasBlankPortList(const PFW_RULE& rule) noexcept
-{
-    if (rule.dwKind != KXRULE_KIND_ACCESS && rule.dwKind != KXRULE_KIND_ACCESS2)
-        return false;
-    for (const RULE_PORT& port : rule.Access.Port)
-    {
-        const std::string_view list = KxCommon::Record::Text(port.szList, sizeof port.szList);
-        // kept: bytes above 127 are blanks to the library as well.
-        if (port.nType == KXRULE_PORT_LIST &&
-            std::none_of(list.begin(), list.end(), [](char c) { return static_cast<signed char>(c) > 32; }))
-            return true;
-    }
-    return false;
 }
 
 } // namespace KxPolicy

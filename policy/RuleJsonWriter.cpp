@@ -9,7 +9,7 @@
 #include "policy/RecordText.h"
 #include "policy/RuleFields.h"
 #include "policy/RuleJson.h"
-#include "policy/Utf8.h"
+#include "rules/Normalise.h"
 
 namespace KxPolicy
 {
@@ -125,7 +125,7 @@ private:
         for (size_t i = 0; i < field.Count; ++i)
             list.push_back(One(field, m_Actual + field.Places[i], m_GivenBytes + field.Places[i]));
         m_Json[field.Name] = field.Count > 1 ? std::move(list) : std::move(list[0]);
-        if (field.Type == FieldType::Application && m_Json[field.Name] == kSystemApplication)
+        if (field.Type == FieldType::Application && Normalise::IsSystemRule(m_Given))
             SetSystem();
     }
 

@@ -15,9 +15,8 @@ class CRule
 public:
     /// All bytes zero.
     CRule() noexcept;
-    /// Copies the record. Kinds 1 and 6: address and port ranges are put in order, the last unit of wszAppName becomes
-    /// 0, and the hash is filled, whatever comes of that: a rule of "SYSTEM" gets dwSystem 1 and a hash of zeroes, one
-    /// with another name, dwSystem 0 and a hash of zeroes gets the library's. Other kinds are kept as given.
+    /// Copies the record and normalises it (rules/Normalise.h). Kinds 1 and 6: the hash is filled, whatever comes of that:
+    /// a rule with an application, dwSystem 0 and a hash of zeroes gets the hash library's.
     explicit CRule(const PFW_RULE& record);
     /// For a record that fill writes where it lies, which spares a copy; TakeOver is still to be called. What fill throws
     /// is let through.
@@ -28,7 +27,7 @@ public:
         *(reinterpret_cast<volatile uint8_t*>(&m_Rule) + sizeof m_Rule - 1) = 0;
         fill(m_Rule);
     }
-    /// Puts the ranges in order and fills the hash, as above: a second step, because it may read whole programs.
+    /// Normalises the record and fills the hash, as above: a second step, because it may read whole programs.
     void TakeOver();
     CRule(const CRule&) = default;
     CRule& operator=(const CRule&) = default;
@@ -54,12 +53,7 @@ public:
                                      KXRULE_HASH_CALLBACK callback, void* context, std::vector<uint16_t>& changed,
                                      CLock& recordLock);
 
-    /// True when a port list of the record (Port[0] or Port[1] of an access rule, type list) holds no byte above 32 as
-    /// a signed character. kept: bytes of 128 and above count as blanks.
-    [[nodiscard]] static bool HasBlankPortList(const PFW_RULE& record) noexcept;
-
 private:
-    void Normalise() noexcept;
     int32_t FillHash();
 
     uint64_t m_Companion = 0; // belongs to the rule and is copied with it; nothing here interprets it

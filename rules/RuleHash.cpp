@@ -3,7 +3,6 @@
 #include <algorithm>
 #include <cstring>
 
-#include "common/srclib/KxComn_Names.h"
 #include "common/srclib/KxComn_Record.h"
 #include "common/srclib/KxComn_Trace.h"
 #include "rules/HashDll.h"
@@ -11,9 +10,6 @@
 
 namespace
 {
-
-// The name that stands for the system itself, which has no file to hash. Exactly so, terminator included.
-constexpr KXWCHAR kSystem[] = KXW("SYSTEM");
 
 using Path = KxCommon::Record::WideField<KXRULE_APP_NAME_UNITS>;
 
@@ -25,12 +21,6 @@ bool IsZero(const uint8_t* hash) noexcept
 template <class Block>
 int32_t Fill(Block& block)
 {
-    if (std::memcmp(&block.wszAppName, kSystem, sizeof kSystem) == 0)
-    {
-        block.dwSystem = 1;
-        std::memset(block.abAppHash, 0, sizeof block.abAppHash);
-        return KXRULE_OK;
-    }
     if (block.wszAppName[0] == 0 || block.dwSystem != 0 || !IsZero(block.abAppHash))
         return KXRULE_OK;
     CHashDll library;

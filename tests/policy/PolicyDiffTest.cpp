@@ -1,12 +1,9 @@
 // What has to change so that a store holds a policy.
 #include "policy/PolicyDiff.h"
 
-#include <random>
-
 #include <gtest/gtest.h>
 
 #include "policy/RuleJson.h"
-#include "rules/Rule.h"
 #include "tests/support/RecordBuilder.h"
 
 using KxPolicy::MergeMode;
@@ -126,35 +123,6 @@ TEST(PolicyDiff, MergesMacrosByName)
         for (const KxPolicy::MacroRecord& macro : merged ? *merged : *store.Macros)
             letters += macro.Items.empty() ? macro.Name[0] : static_cast<char>(macro.Name[0] & ~0x20);
         EXPECT_EQ(letters, c.Merged) << c.Store << " " << c.Policy;
-    }
-}
-
-TEST(PolicyDiff, ComparesWithWhatTheLibraryMakesOfARecord)
-{
-    std::mt19937 random(3);
-    for (int round = 0; round < 3000; ++round)
-    {
-        PFW_RULE rule = Build::Access(7, random() % 4 == 0 ? KXW("SYSTEM") : KXW("C:\\a.exe"));
-        rule.dwKind = random() % 2 == 0 ? KXRULE_KIND_ACCESS : KXRULE_KIND_ACCESS2;
-        if (rule.dwKind == KXRULE_KIND_ACCESS2)
-            Build::SetText(&rule.Access2.wszAppName, KXRULE_APP_NAME_UNITS,
-                           random() % 4 == 0 ? KXW("SYSTEM") : KXW("x"));
-        rule.Access.abAppHash[0] = rule.Access2.abAppHash[0] = 1; // so that none is computed
-        for (RULE_ADDR& item : rule.Access.Addr)
-        {
-            for (size_t i = 12; i < sizeof item; ++i)
-                reinterpret_cast<uint8_t*>(&item)[i] = static_cast<uint8_t>(random());
-            item.dwType = random() % 3 == 0 ? random() % 8 : KXRULE_ADDR_RANGE;
-            item.dwFamily = random() % 3 == 0   ? random() % 24
-                            : random() % 2 == 0 ? KXRULE_FAMILY_IPV4
-                                                : KXRULE_FAMILY_IPV6;
-        }
-        for (RULE_PORT& item : rule.Access.Port)
-            item = Build::Port(static_cast<int32_t>(2 + random() % 2), static_cast<uint16_t>(random()),
-                               static_cast<uint16_t>(random()));
-        const PFW_RULE expected = CRule(rule).Record();
-        const PFW_RULE stored = KxPolicy::AsStored(rule);
-        ASSERT_EQ(0, std::memcmp(&stored, &expected, sizeof stored)) << KxPolicy::RuleToJson(rule);
     }
 }
 

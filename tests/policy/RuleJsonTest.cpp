@@ -10,6 +10,7 @@
 #include <nlohmann/json.hpp>
 
 #include "policy/RuleFields.h"
+#include "rules/Normalise.h"
 #include "tests/support/RecordBuilder.h"
 
 using KxPolicy::Diagnostic;
@@ -61,7 +62,7 @@ void ExpectSurvives(const PFW_RULE& rule, const std::string& what)
     std::vector<Diagnostic> errors;
     if (!KxPolicy::ReadRule(json, back, errors))
     {
-        ASSERT_TRUE(errors.size() == 1 && rule.dwKind == KXRULE_KIND_ACCESS && KxPolicy::HasBlankPortList(rule))
+        ASSERT_TRUE(errors.size() == 1 && rule.dwKind == KXRULE_KIND_ACCESS && Normalise::HasBlankPortList(rule))
             << what << "\n"
             << Texts(errors) << json;
     }

@@ -6,6 +6,7 @@
 
 #include <gtest/gtest.h>
 
+#include "rules/Normalise.h"
 #include "tests/support/RecordBuilder.h"
 #include "tests/support/TraceSink.h"
 
@@ -123,9 +124,9 @@ TEST(Rule, TellsBlankPortLists)
         for (const int i : {0, 1})
         {
             PFW_RULE record = Access();
-            record.Access.Port[1].nType = record.Access.dwAction = '!'; // behind either list stands what is no blank
+            record.Access.Port[1].nType = record.Access.dwAction = '!'; // after either list stands what is no blank
             record.Access.Port[i] = port;
-            EXPECT_EQ(CRule::HasBlankPortList(record), isBlank) << std::string(port.szList, 4);
+            EXPECT_EQ(Normalise::HasBlankPortList(record), isBlank) << std::string(port.szList, 4);
         }
 }
 

@@ -1,0 +1,24 @@
+// What is done to a record before it is stored, and what refuses it. Free functions over records: whoever wants to know
+// what the library will hold can ask without the library.
+#pragma once
+
+#include "api/include/KxPfwRule.h"
+
+namespace Normalise
+{
+
+/// Kinds 1 and 6.
+[[nodiscard]] bool IsAccessRule(const PFW_RULE& rule) noexcept;
+
+/// Only access rules change: address and port ranges are put in order, the last unit of wszAppName becomes 0, and a rule
+/// of "SYSTEM" gets dwSystem 1 and a hash of zeroes. A hash that is still to be computed is not looked at.
+void NormaliseRule(PFW_RULE& rule) noexcept;
+
+/// True for an access rule whose application is "SYSTEM", which stands for the system itself and has no file to hash.
+[[nodiscard]] bool IsSystemRule(const PFW_RULE& rule) noexcept;
+
+/// True when a port list of an access rule holds no byte above 32 as a signed character.
+/// kept: bytes of 128 and above count as blanks.
+[[nodiscard]] bool HasBlankPortList(const PFW_RULE& rule) noexcept;
+
+} // namespace Normalise
