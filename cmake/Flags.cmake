@@ -2,6 +2,7 @@
 add_library(kx_flags INTERFACE)
 target_include_directories(kx_flags INTERFACE ${PROJECT_SOURCE_DIR})
 target_compile_features(kx_flags INTERFACE cxx_std_20 c_std_11)
+target_compile_definitions(kx_flags INTERFACE KXRULE_API=) # the exports are compiled here, not imported
 target_compile_options(kx_flags INTERFACE
     -Wall -Wextra -Wpedantic -Wshadow
     $<$<CXX_COMPILER_ID:GNU>:-Wno-restrict> # GCC 12 warns falsely about `s = "literal"` at -O2

@@ -47,7 +47,7 @@ checkHeaders()
 checkContract()
 {
     local header=api/include/KxPfwRule.h standard compiler
-    for standard in c11 c17; do
+    for standard in c99 c11 c17; do
         for compiler in gcc clang x86_64-w64-mingw32-gcc-posix "clang --target=x86_64-pc-windows-msvc -ffreestanding"; do
             $compiler -std=$standard -pedantic -Wall -Wextra -Werror -fsyntax-only -x c $header
         done
@@ -76,7 +76,7 @@ tables()
 checkTables()
 {
     local names
-    mapfile -t names < <(grep -oE '^int32_t kxRule\w+' api/include/KxPfwRule.h | cut -d ' ' -f 2)
+    mapfile -t names < <(grep -oE '^KXRULE_API int32_t kxRule\w+' api/include/KxPfwRule.h | cut -d ' ' -f 3)
     [ ${#names[@]} = 25 ] || { echo "the header declares ${#names[@]} functions" >&2; return 1; }
     tables KxPfwRul.dll "${names[@]}"
     tables KxHash.dll kxCfwGetHashValue

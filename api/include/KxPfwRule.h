@@ -23,19 +23,32 @@
  * reaches the disk meanwhile, unless that thread writes it.
  *
  * Before kxRuleInitialize and after kxRuleFinalize the functions that look, add and delete work on what is in memory,
- * with their usual results (but for kxRuleDeleteRuleSet, which refuses); the next kxRuleInitialize empties it. Only what
- * is done between the two reaches the disk.
+ * with their usual results (but for kxRuleDeleteRuleSet, which refuses); the next kxRuleInitialize empties it. Only
+ * what is done between the two reaches the disk.
  *
  * Results are KXRULE_OK (0) or one of the negative codes below; some functions return a count, a length or a size
  * instead. Only the codes listed at a function are returned by it. No function throws.
  *
- * C11 or C++11 and later; x86-64 Windows. The file formats are described in docs/format.md.
+ * C99 or C++11 and later; x86-64 Windows. A program links with the import library (libKxPfwRul.dll.a or KxPfwRul.lib),
+ * or loads the DLL itself: see KXRULE_FUNCTIONS. The file formats are described in docs/format.md.
  */
 #ifndef KXPFWRULE_H
 #define KXPFWRULE_H
 
 #include <stddef.h>
 #include <stdint.h>
+
+/* The version of this header: 10000 x major + 100 x minor + patch. Within a major version nothing is taken away. */
+#define KXRULE_VERSION 10000
+
+/* Calls go straight to the DLL. To link the functions into the program itself, define this as nothing. */
+#if !defined(KXRULE_API)
+#if defined(_WIN32)
+#define KXRULE_API __declspec(dllimport)
+#else
+#define KXRULE_API
+#endif
+#endif
 
 /* One UTF-16 code unit. (Elsewhere than on Windows the header serves the library's own portable tests.) */
 #if defined(_WIN32)
@@ -61,8 +74,12 @@ typedef uint_least16_t KXWCHAR;
     extern "C"                                                                                                         \
     {
 #define KXRULE_C_END }
-#else
+#elif defined(__STDC_VERSION__) && __STDC_VERSION__ >= 201112L
 #define KXRULE_STATIC_ASSERT(condition) _Static_assert(condition, #condition)
+#define KXRULE_C_BEGIN
+#define KXRULE_C_END
+#else /* C99: a declaration, repeated as often as wanted, that is wrong when the condition is */
+#define KXRULE_STATIC_ASSERT(condition) extern const char g_kxRuleLayout[(condition) ? 1 : -1]
 #define KXRULE_C_BEGIN
 #define KXRULE_C_END
 #endif
@@ -105,7 +122,7 @@ KXRULE_C_BEGIN
 #define KXRULE_HASH_BYTES 20             /* bytes of an application hash */
 #define KXRULE_STREAM_TEXT_BYTES 2331    /* bytes of a stream rule's text, terminator included */
 #define KXRULE_GENSTREAM_TEXT_BYTES 2049 /* bytes of a general stream rule's text, terminator included */
-#define KXRULE_MACRO_PAYLOAD_BYTES 133   /* bytes of a macro item behind its type */
+#define KXRULE_MACRO_PAYLOAD_BYTES 133   /* bytes of a macro item after its type */
 
 /* ---------------------------------------------------------------------------------------- values of the fields -- */
 
@@ -175,9 +192,10 @@ KXRULE_C_BEGIN
 
 /* Unions name their largest member first, so that `= {0}` zeroes a record to its last byte with every compiler. */
 
-/* Members of nameless unions and structures are C11, but pedantic C++ compilers call them an extension. */
+/* Members of nameless unions and structures are C11; pedantic C99 and C++ compilers call them an extension. */
 #if defined(__clang__)
 #pragma clang diagnostic push
+#pragma clang diagnostic ignored "-Wc11-extensions"
 #pragma clang diagnostic ignored "-Wgnu-anonymous-struct"
 #pragma clang diagnostic ignored "-Wnested-anon-types"
 #elif defined(_MSC_VER)
@@ -367,7 +385,7 @@ typedef struct KXRULE_PACKED PFW_MACRO
 #pragma warning(pop)
 #endif
 
-/* The rules behind the head of a rule set, and the items behind the head of a macro. */
+/* The rules after the head of a rule set, and the items after the head of a macro. */
 #define KXRULE_RULES(ruleSet) ((PFW_RULE*)((unsigned char*)(ruleSet) + sizeof(PFW_RULESET)))
 #define KXRULE_MACRO_ITEMS(macro) ((MACRO_ITEM*)((unsigned char*)(macro) + sizeof(PFW_MACRO)))
 
@@ -401,7 +419,7 @@ typedef int32_t (*KXRULE_HASH_CALLBACK)(uint32_t ruleSetIndex, const PFW_RULE* r
  * Changes reach the disk every RuleWriteInterval milliseconds (docs/settings.md), 30 minutes unless configured.
  * One process at a time should write to a rule directory: nothing reloads what another process wrote.
  */
-int32_t kxRuleInitialize(const char* rulePath, const char* masterFileName);
+KXRULE_API int32_t kxRuleInitialize(const char* rulePath, const char* masterFileName);
 
 /*
  * Writes pending changes, stops the timer, closes mutex and trace. Always 0, also when that last write failed: call
@@ -410,14 +428,14 @@ int32_t kxRuleInitialize(const char* rulePath, const char* masterFileName);
  * kxRuleFinalize, or for the thread's end. It waits for the timer's thread: not to be called from a load entry
  * (DllMain) or the destructor of a global in a DLL, where that thread cannot end.
  */
-int32_t kxRuleFinalize(void);
+KXRULE_API int32_t kxRuleFinalize(void);
 
 /*
  * Discards what is in memory and reads master, macro and rule set files. Damage is answered, not reported, where the
  * store can go on: an unusable master file, or a missing one beside rule set files, moves it and all rule set files to
  * a dated backup directory (the macro file stays); at most rescue rule sets remain, for those that it named before the
- * damage, and the result says nothing of it. An unreadable rule set becomes a rescue rule set and is kept as a .brk copy
- * (docs/recovery.md). May load KxHash.dll.
+ * damage, and the result says nothing of it. An unreadable rule set becomes a rescue rule set and is kept as a .brk
+ * copy (docs/recovery.md). May load KxHash.dll.
  * 0, or KXRULE_E_FILE_READ       the macro file is damaged (no rule set has been read then), or memory ran out
  *       KXRULE_E_MACRO_FORMAT    the macro file has another magic or version (no rule set has been read then)
  *       KXRULE_E_FILE_OPEN, KXRULE_E_FILE_WRITE  the rescue of the last listed rule set could not be written
@@ -426,7 +444,7 @@ int32_t kxRuleFinalize(void);
  * ends: its own calls go on, those of other threads wait. Do not change the store after a failed read: the first write
  * copies all rule files into a dated backup directory, but it lists only what is in memory.
  */
-int32_t kxRuleRead(void);
+KXRULE_API int32_t kxRuleRead(void);
 
 /*
  * Writes macro file, modified rule sets and master file now. Each file is written beside the old one and put over
@@ -436,10 +454,10 @@ int32_t kxRuleRead(void);
  *                            would be written over was never read and could not be copied away first
  *                            (docs/recovery.md); that file is not written then, nor what comes after it
  */
-int32_t kxRuleWrite(void);
+KXRULE_API int32_t kxRuleWrite(void);
 
 /* As kxRuleWrite when anything changed since the last timed write; otherwise 0 without touching a file. */
-int32_t kxRuleFlush(void);
+KXRULE_API int32_t kxRuleFlush(void);
 
 /* --------------------------------------------------------------------------------------------------- rule sets -- */
 
@@ -450,13 +468,13 @@ int32_t kxRuleFlush(void);
  * 0, or KXRULE_E_NULL_POINTER  indexes is null and count is not 0, or memory ran out
  *       KXRULE_E_NO_RULESET    an index is 0 or above 65280; the old list stays
  */
-int32_t kxRuleSetActiveRuleSet(const uint16_t* indexes, int32_t count);
+KXRULE_API int32_t kxRuleSetActiveRuleSet(const uint16_t* indexes, int32_t count);
 
 /*
  * Copies at most maxCount entries of the active list (none when indexes is null or maxCount below 1) and returns the
  * full number of entries.
  */
-int32_t kxRuleGetActiveRuleSet(uint16_t* indexes, int32_t maxCount);
+KXRULE_API int32_t kxRuleGetActiveRuleSet(uint16_t* indexes, int32_t maxCount);
 
 /*
  * Adds a rule set with its rules.
@@ -473,7 +491,7 @@ int32_t kxRuleGetActiveRuleSet(uint16_t* indexes, int32_t maxCount);
  *                                   other threads wait. Add with index 0, or ask kxRuleGetRuleSetIndex first.
  * May load KxHash.dll, once for each access rule without a hash.
  */
-int32_t kxRuleAddRuleSet(uint16_t index, PFW_RULESET* ruleSet);
+KXRULE_API int32_t kxRuleAddRuleSet(uint16_t index, PFW_RULESET* ruleSet);
 
 /*
  * Removes a rule set, or all of them (index 0), rewrites the master file at once and then deletes the files of what
@@ -484,10 +502,10 @@ int32_t kxRuleAddRuleSet(uint16_t index, PFW_RULESET* ruleSet);
  *       KXRULE_E_FILE_OPEN   not initialised; nothing changes
  *       KXRULE_E_FILE_WRITE  memory ran out; the rule set may or may not be gone
  */
-int32_t kxRuleDeleteRuleSet(uint16_t index);
+KXRULE_API int32_t kxRuleDeleteRuleSet(uint16_t index);
 
 /* Copies at most maxCount rule set indexes, ascending (none when indexes is null), and returns their full number. */
-int32_t kxRuleGetRuleSetIndex(uint16_t* indexes, int32_t maxCount);
+KXRULE_API int32_t kxRuleGetRuleSetIndex(uint16_t* indexes, int32_t maxCount);
 
 /*
  * Copies a rule set out.
@@ -496,15 +514,15 @@ int32_t kxRuleGetRuleSetIndex(uint16_t* indexes, int32_t maxCount);
  * The full number of rules in the set, which is also what nRuleCount holds, however many were copied (ascending by
  * rule index), or KXRULE_E_NO_RULESET, and nothing is written. Call with null first, then with a buffer of that size.
  */
-int32_t kxRuleGetRuleSet(uint16_t index, PFW_RULESET* ruleSet, int32_t maxRules);
+KXRULE_API int32_t kxRuleGetRuleSet(uint16_t index, PFW_RULESET* ruleSet, int32_t maxRules);
 
 /* ------------------------------------------------------------------------------------------------------- rules -- */
 
 /* The smallest rule index of a set, 0 when it holds no rule (or rule 0), or KXRULE_E_NO_RULESET. */
-int32_t kxRuleGetRuleTopIndex(uint16_t ruleSetIndex);
+KXRULE_API int32_t kxRuleGetRuleTopIndex(uint16_t ruleSetIndex);
 
 /* The largest rule index of a set, 0 when it holds no rule (or only rule 0), or KXRULE_E_NO_RULESET. */
-int32_t kxRuleGetRuleBottomIndex(uint16_t ruleSetIndex);
+KXRULE_API int32_t kxRuleGetRuleBottomIndex(uint16_t ruleSetIndex);
 
 /*
  * Adds one rule to a rule set. It reaches the disk with the next timed write, or at once with kxRuleWrite.
@@ -518,25 +536,25 @@ int32_t kxRuleGetRuleBottomIndex(uint16_t ruleSetIndex);
  *       KXRULE_E_RULE_EXISTS     the set has a rule with that index
  * Takes the global lock, then the master lock; may load KxHash.dll.
  */
-int32_t kxRuleAddRule(uint16_t ruleSetIndex, uint16_t ruleIndex, const PFW_RULE* rule);
+KXRULE_API int32_t kxRuleAddRule(uint16_t ruleSetIndex, uint16_t ruleIndex, const PFW_RULE* rule);
 
 /*
  * Deletes a rule, or all rules of the set (ruleIndex 0; rule 0 cannot be deleted alone).
  * 0, or KXRULE_E_NO_RULESET  no rule set with that index
  *       KXRULE_E_NO_RULE     no rule with that index (never for 0)
  */
-int32_t kxRuleDeleteRule(uint16_t ruleSetIndex, uint16_t ruleIndex);
+KXRULE_API int32_t kxRuleDeleteRule(uint16_t ruleSetIndex, uint16_t ruleIndex);
 
 /*
  * Copies one rule out. Neither allocates nor, but for a null pointer, traces.
  * 0, or KXRULE_E_NO_RULESET    no rule set with that index
  *       KXRULE_E_NO_RULE       no rule with that index
- *       KXRULE_E_NULL_POINTER  rule is null (told only of a rule that exists)
+ *       KXRULE_E_NULL_POINTER  rule is null, and there is a rule with that index
  */
-int32_t kxRuleGetRule(uint16_t ruleSetIndex, uint16_t ruleIndex, PFW_RULE* rule);
+KXRULE_API int32_t kxRuleGetRule(uint16_t ruleSetIndex, uint16_t ruleIndex, PFW_RULE* rule);
 
 /* The rule's dwActive as it stands, or KXRULE_E_NO_RULESET or KXRULE_E_NO_RULE; equal values cannot be told apart. */
-int32_t kxRuleIsRuleActive(uint16_t ruleSetIndex, uint16_t ruleIndex);
+KXRULE_API int32_t kxRuleIsRuleActive(uint16_t ruleSetIndex, uint16_t ruleIndex);
 
 /* ------------------------------------------------------------------------------------------------------ macros -- */
 
@@ -545,21 +563,21 @@ int32_t kxRuleIsRuleActive(uint16_t ruleSetIndex, uint16_t ruleIndex);
  *   macro  KXRULE_MACRO_BYTES(nItemCount) bytes, copied
  * 0, or KXRULE_E_NULL_POINTER  macro is null, or memory ran out
  */
-int32_t kxRuleAddMacro(const PFW_MACRO* macro);
+KXRULE_API int32_t kxRuleAddMacro(const PFW_MACRO* macro);
 
 /* Removes every macro. 0. */
-int32_t kxRuleDeleteMacro(void);
+KXRULE_API int32_t kxRuleDeleteMacro(void);
 
 /* The number of macros. */
-int32_t kxRuleGetMacroCount(void);
+KXRULE_API int32_t kxRuleGetMacroCount(void);
 
 /*
- * Copies all macros out, one packed record right behind the other, in the order they were added; dwReserved is left
+ * Copies all macros out, one packed record right after the other, in the order they were added; dwReserved is left
  * as it was in the buffer.
  *   buffer      bufferSize bytes; nothing is written when it is null or too small
  * The bytes needed for all macros (at most 2^31 - 1), in either case. Call with bufferSize 0 first.
  */
-int32_t kxRuleGetMacro(void* buffer, int32_t bufferSize);
+KXRULE_API int32_t kxRuleGetMacro(void* buffer, int32_t bufferSize);
 
 /* ------------------------------------------------------------------------------------------------------- texts -- */
 
@@ -575,7 +593,7 @@ int32_t kxRuleGetMacro(void* buffer, int32_t bufferSize);
  * The length, or KXRULE_E_NO_RULESET, KXRULE_E_NO_RULE,
  *                KXRULE_E_RULE_TEXT  its kind is not 1 to 5, or memory ran out
  */
-int32_t kxRuleGetRuleString(uint16_t ruleSetIndex, uint16_t ruleIndex, char* text, int32_t textSize);
+KXRULE_API int32_t kxRuleGetRuleString(uint16_t ruleSetIndex, uint16_t ruleIndex, char* text, int32_t textSize);
 
 /*
  * A record that need not be stored as a line of text, normalised as if it were added. Takes no lock; may load
@@ -583,14 +601,14 @@ int32_t kxRuleGetRuleString(uint16_t ruleSetIndex, uint16_t ruleIndex, char* tex
  * The length, or KXRULE_E_NULL_POINTER  rule is null
  *                KXRULE_E_RULE_TEXT     its kind is not 1 to 5, or memory ran out
  */
-int32_t kxRuleGetRuleString2(const PFW_RULE* rule, char* text, int32_t textSize);
+KXRULE_API int32_t kxRuleGetRuleString2(const PFW_RULE* rule, char* text, int32_t textSize);
 
 /*
  * A macro record as a line of text, such as web=80|8080,10.1.1.1; it is not looked up in the store. Takes no lock.
  * The length, or KXRULE_E_NULL_POINTER  macro is null
  *                KXRULE_E_MACRO_TEXT    it has no items, or memory ran out
  */
-int32_t kxRuleGetMacroString(const PFW_MACRO* macro, char* text, int32_t textSize);
+KXRULE_API int32_t kxRuleGetMacroString(const PFW_MACRO* macro, char* text, int32_t textSize);
 
 /* ------------------------------------------------------------------------------------------ application hashes -- */
 
@@ -615,8 +633,46 @@ int32_t kxRuleGetMacroString(const PFW_MACRO* macro, char* text, int32_t textSiz
  * returns that set's first one. Changed sets are written with the next timed write. Takes the master lock only, for as
  * long as it reads files: a call that changes the store waits for it meanwhile, and behind that call all others.
  */
-int32_t kxRuleUpdateHashValue(const KXWCHAR* applicationPath, const uint8_t* hash, KXRULE_HASH_CALLBACK callback,
-                              void* context);
+KXRULE_API int32_t kxRuleUpdateHashValue(const KXWCHAR* applicationPath, const uint8_t* hash,
+                                         KXRULE_HASH_CALLBACK callback, void* context);
+
+/* ------------------------------------------------------------------------------------------- loaded at run time -- */
+
+/*
+ * All functions, F(name, (parameters)) each, for a program that loads the DLL itself instead of linking with it; and a
+ * type for each: kxRuleRead_FUNC is that of kxRuleRead. examples/load-at-run-time.c has the loader to paste.
+ */
+#define KXRULE_FUNCTIONS(F)                                                                                            \
+    F(kxRuleInitialize, (const char* rulePath, const char* masterFileName))                                            \
+    F(kxRuleFinalize, (void))                                                                                          \
+    F(kxRuleRead, (void))                                                                                              \
+    F(kxRuleWrite, (void))                                                                                             \
+    F(kxRuleFlush, (void))                                                                                             \
+    F(kxRuleSetActiveRuleSet, (const uint16_t* indexes, int32_t count))                                                \
+    F(kxRuleGetActiveRuleSet, (uint16_t * indexes, int32_t maxCount))                                                  \
+    F(kxRuleAddRuleSet, (uint16_t index, PFW_RULESET * ruleSet))                                                       \
+    F(kxRuleDeleteRuleSet, (uint16_t index))                                                                           \
+    F(kxRuleGetRuleSetIndex, (uint16_t * indexes, int32_t maxCount))                                                   \
+    F(kxRuleGetRuleSet, (uint16_t index, PFW_RULESET * ruleSet, int32_t maxRules))                                     \
+    F(kxRuleGetRuleTopIndex, (uint16_t ruleSetIndex))                                                                  \
+    F(kxRuleGetRuleBottomIndex, (uint16_t ruleSetIndex))                                                               \
+    F(kxRuleAddRule, (uint16_t ruleSetIndex, uint16_t ruleIndex, const PFW_RULE* rule))                                \
+    F(kxRuleDeleteRule, (uint16_t ruleSetIndex, uint16_t ruleIndex))                                                   \
+    F(kxRuleGetRule, (uint16_t ruleSetIndex, uint16_t ruleIndex, PFW_RULE * rule))                                     \
+    F(kxRuleIsRuleActive, (uint16_t ruleSetIndex, uint16_t ruleIndex))                                                 \
+    F(kxRuleAddMacro, (const PFW_MACRO* macro))                                                                        \
+    F(kxRuleDeleteMacro, (void))                                                                                       \
+    F(kxRuleGetMacroCount, (void))                                                                                     \
+    F(kxRuleGetMacro, (void* buffer, int32_t bufferSize))                                                              \
+    F(kxRuleGetRuleString, (uint16_t ruleSetIndex, uint16_t ruleIndex, char* text, int32_t textSize))                  \
+    F(kxRuleGetRuleString2, (const PFW_RULE* rule, char* text, int32_t textSize))                                      \
+    F(kxRuleGetMacroString, (const PFW_MACRO* macro, char* text, int32_t textSize))                                    \
+    F(kxRuleUpdateHashValue,                                                                                           \
+      (const KXWCHAR* applicationPath, const uint8_t* hash, KXRULE_HASH_CALLBACK callback, void* context))
+
+#define KXRULE_FUNCTION_TYPE(name, parameters) typedef int32_t name##_FUNC parameters;
+KXRULE_FUNCTIONS(KXRULE_FUNCTION_TYPE)
+#undef KXRULE_FUNCTION_TYPE
 
 /* ------------------------------------------------------------------------------------------------------ layout -- */
 
