@@ -1,5 +1,5 @@
 /*
- * first-steps.c: the rule store from C11. Reads the rule directory that it is given, puts a rule set into it when it
+ * first-steps.c: the rule store from C99. Reads the rule directory that it is given, puts a rule set into it when it
  * holds none, and prints every rule.
  */
 #include <stdio.h>

@@ -48,7 +48,7 @@ int Run(const char* directory)
         result = store.flush();
     if (!result)
     {
-        std::fprintf(stderr, "%s (%d)\n", result.name().data(), result.code());
+        std::fprintf(stderr, "%s (%d): %s\n", result.name().data(), result.code(), result.message().data());
         return 1;
     }
     for (const uint16_t index : store.ruleSets())

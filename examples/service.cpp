@@ -77,18 +77,14 @@ bool SpeaksOf(const PFW_RULE& rule, uint32_t protocol, uint16_t port)
     }
 }
 
-// One copy of each rule that is looked at, into the same record; any number of threads may do this at once.
+// One copy of each set; any number of threads may do this at once.
 std::string Answer(const kxrule::Store& store, uint32_t protocol, uint16_t port)
 {
-    PFW_RULE rule;
-    for (const uint16_t set : store.activeRuleSets())
-    {
-        const int32_t last = store.lastRule(set).value;
-        for (int32_t index = store.firstRule(set).value; index <= last; ++index)
-            if (store.rule(set, static_cast<uint16_t>(index), rule) && SpeaksOf(rule, protocol, port))
-                if (const auto text = kxrule::text(rule))
-                    return *text;
-    }
+    for (const uint16_t index : store.activeRuleSets())
+        if (const auto set = store.ruleSet(index)) // an active set need not exist
+            for (const PFW_RULE& rule : set->rules())
+                if (SpeaksOf(rule, protocol, port))
+                    return kxrule::text(rule).value_or("a rule without text");
     return "no rule";
 }
 
@@ -110,7 +106,7 @@ std::string Serve(kxrule::Store& store, const std::string& query)
     const auto item = kxrule::Port::parse(std::to_string(port));
     const kxrule::Result result =
         store.addRule(sets.front(), port, kxrule::access().protocol(protocol).port(*item).drop());
-    return std::string(result.name());
+    return std::string(result ? "blocked" : result.message());
 }
 
 } // namespace
@@ -119,9 +115,9 @@ int main(int argc, char** argv)
 {
     kxrule::Store store;
     if (const kxrule::Result result = store.open(argc > 1 ? argv[1] : nullptr); !result)
-        return std::fprintf(stderr, "open: %s\n", result.name().data()), 1;
+        return std::fprintf(stderr, "open: %s\n", result.message().data()), 1;
     if (const kxrule::Result result = store.read(); !result)
-        return std::fprintf(stderr, "read: %s\n", result.name().data()), 1;
+        return std::fprintf(stderr, "read: %s\n", result.message().data()), 1;
 
     Queries queries;
     std::vector<std::jthread> threads;
@@ -140,6 +136,6 @@ int main(int argc, char** argv)
     threads.clear(); // joins: no thread may be inside the library when the store goes
 
     const kxrule::Result written = store.flush(); // closing writes too, but cannot report
-    std::printf("stopped: %s\n", written.name().data());
+    std::printf("stopped: %s\n", written.message().data());
     return written ? 0 : 1;
 }

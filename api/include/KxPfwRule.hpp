@@ -3,33 +3,61 @@
  * finalised when it goes, results as values, the calls that fill a buffer as vectors and strings.
  *
  *     kxrule::Store store;
- *     if (kxrule::Result result = store.open("C:\\ProgramData\\Firewall\\Rules"); !result)
- *         return fail(result.name());                                  // "KXRULE_E_MUTEX"
- *     store.read();
- *     store.addRule(1, 100, kxrule::access().tcp().from("10.0.0.0/8").port("80-90").accept());
+ *     kxrule::Result result = store.open(L"C:\\ProgramData\\Firewall\\Rules");
+ *     if (result)
+ *         result = store.read();       // change nothing when this fails: the next write lists only what was read
+ *     if (result)
+ *         result = store.addRule(1, 100, kxrule::access().tcp().from("10.0.0.0/8").port("80-90").accept());
+ *     if (result)
+ *         result = store.flush();      // on disk now; the end of the store writes too, but cannot say how that went
+ *     if (!result)
+ *         return fail(result.name(), result.message()); // KXRULE_E_RULE_EXISTS, "the rule index is in use ..."
  *     if (const auto text = store.ruleText(1, 100))
  *         std::puts(text->c_str());
  *
  * Functions are written as in the standard library, in small letters. They allocate what they return and nothing
  * else, copy nothing that the library has written, and add no lock: what KxPfwRule.h says of threads holds. They throw
- * std::bad_alloc and nothing of their own.
+ * std::bad_alloc and nothing of their own; a caller who prefers exceptions throws std::system_error(result).
  */
 #ifndef KXPFWRULE_HPP
 #define KXPFWRULE_HPP
 
+#include "KxPfwRuleBuilder.hpp" // first: it refuses what is older than C++20
+
 #include <exception>
+#include <iterator>
 #include <memory>
 #include <new>
 #include <span>
 #include <string>
+#include <system_error>
+#include <type_traits>
 #include <utility>
-
-#include "KxPfwRuleBuilder.hpp"
 
 namespace kxrule
 {
 
-/// A result code that knows its name. True when the call succeeded.
+#define KXRULE_RESULTS(R)                                                                                              \
+    R(KXRULE_OK, "success")                                                                                            \
+    R(KXRULE_E_NULL_POINTER, "a required pointer is null, or memory ran out")                                          \
+    R(KXRULE_E_NO_RULESET, "no rule set has that index, or the index is in use or out of range")                       \
+    R(KXRULE_E_NO_RULE, "no rule has that index in the rule set")                                                      \
+    R(KXRULE_E_TOO_MANY_RULESETS, "the store already holds 64 rule sets")                                              \
+    R(KXRULE_E_TOO_MANY_RULES, "the rule set would hold more than 1024 rules")                                         \
+    R(KXRULE_E_RULE_EXISTS, "the rule index is in use in the rule set")                                                \
+    R(KXRULE_E_MACRO_TEXT, "a macro without items has no text")                                                        \
+    R(KXRULE_E_RULE_TEXT, "a rule of this kind has no text")                                                           \
+    R(KXRULE_E_FILE_OPEN, "a file could not be opened, or the library is not initialised")                             \
+    R(KXRULE_E_FILE_READ, "a file could not be read, or memory ran out")                                               \
+    R(KXRULE_E_FILE_WRITE, "a file could not be written, or memory ran out")                                           \
+    R(KXRULE_E_RULESET_FORMAT, "a rule set file has another magic or version")                                         \
+    R(KXRULE_E_MACRO_FORMAT, "the macro file has another magic or version")                                            \
+    R(KXRULE_E_ALREADY_INITIALIZED, "the library is initialised already")                                              \
+    R(KXRULE_E_MUTEX, "the library's named mutex could not be created, or memory ran out")                             \
+    R(KXRULE_E_PORT_LIST, "a port list of an access rule is empty or blank")                                           \
+    R(KXRULE_E_HASH_LIBRARY, "KxHash.dll or its function could not be loaded, or memory ran out")
+
+/// A result code that knows its name and compares with the codes of KxPfwRule.h. True when the call succeeded.
 class [[nodiscard]] Result
 {
 public:
@@ -37,61 +65,112 @@ public:
 
     constexpr explicit operator bool() const noexcept { return m_Code == KXRULE_OK; }
     constexpr int32_t code() const noexcept { return m_Code; }
+    friend constexpr bool operator==(Result, Result) = default; // also result == KXRULE_E_MUTEX
 
-    /// As in KxPfwRule.h, with a NUL behind it. Empty for a status of the hash library (Store::updateHashes).
-    constexpr std::string_view name() const noexcept
-    {
-#define KXRULE_NAME(code)                                                                                              \
-    case code:                                                                                                         \
-        return #code;
-        switch (m_Code)
-        {
-            KXRULE_NAME(KXRULE_OK)
-            KXRULE_NAME(KXRULE_E_NULL_POINTER)
-            KXRULE_NAME(KXRULE_E_NO_RULESET)
-            KXRULE_NAME(KXRULE_E_NO_RULE)
-            KXRULE_NAME(KXRULE_E_TOO_MANY_RULESETS)
-            KXRULE_NAME(KXRULE_E_TOO_MANY_RULES)
-            KXRULE_NAME(KXRULE_E_RULE_EXISTS)
-            KXRULE_NAME(KXRULE_E_MACRO_TEXT)
-            KXRULE_NAME(KXRULE_E_RULE_TEXT)
-            KXRULE_NAME(KXRULE_E_FILE_OPEN)
-            KXRULE_NAME(KXRULE_E_FILE_READ)
-            KXRULE_NAME(KXRULE_E_FILE_WRITE)
-            KXRULE_NAME(KXRULE_E_RULESET_FORMAT)
-            KXRULE_NAME(KXRULE_E_MACRO_FORMAT)
-            KXRULE_NAME(KXRULE_E_ALREADY_INITIALIZED)
-            KXRULE_NAME(KXRULE_E_MUTEX)
-            KXRULE_NAME(KXRULE_E_PORT_LIST)
-            KXRULE_NAME(KXRULE_E_HASH_LIBRARY)
-        default:
-            return "";
-        }
-#undef KXRULE_NAME
-    }
+    /// As in KxPfwRule.h, with a NUL after it. Empty for a status of the hash library (Store::updateHashes).
+    constexpr std::string_view name() const noexcept { return text().first; }
+
+    /// A sentence for people, with a NUL after it.
+    constexpr std::string_view message() const noexcept { return text().second; }
 
 private:
+    constexpr std::pair<std::string_view, std::string_view> text() const noexcept
+    {
+#define KXRULE_TEXT(code, message)                                                                                     \
+    case code:                                                                                                         \
+        return {#code, message};
+        switch (m_Code)
+        {
+            KXRULE_RESULTS(KXRULE_TEXT)
+        default:
+            return {"", "the hash library failed with a status of its own"};
+        }
+#undef KXRULE_TEXT
+    }
+
     int32_t m_Code;
 };
+#undef KXRULE_RESULTS
 
-/// A value, or the result that says why there is none. What * and -> give lives as long as the outcome does; * moves out
-/// of a temporary one, and -> wants one with a name, so that no range or text of a temporary is left behind.
-template <class T>
-struct [[nodiscard]] Outcome
+/// For std::error_code and std::system_error, which take a Result as it is.
+inline const std::error_category& category() noexcept
 {
-    Result result;
-    T value = {}; // meaningful when the result is true
+    class Category : public std::error_category
+    {
+        const char* name() const noexcept override { return "kxrule"; }
+        std::string message(int code) const override
+        {
+            const Result result(code);
+            return std::string(result.name()) + (result.name().empty() ? "" : ": ") + std::string(result.message());
+        }
+    };
+    static const Category category;
+    return category;
+}
 
-    explicit operator bool() const noexcept { return static_cast<bool>(result); }
-    T& operator*() & noexcept { return value; }
-    const T& operator*() const& noexcept { return value; }
-    T operator*() && noexcept { return std::move(value); }
-    T* operator->() & noexcept { return &value; }
-    const T* operator->() const& noexcept { return &value; }
+inline std::error_code make_error_code(Result result) noexcept
+{
+    return {result.code(), category()};
+}
+
+/// A value, or the error that says why there is none. What * and -> give lives as long as the outcome does; * moves out
+/// of a temporary one, and -> wants one with a name, so that no range or text of a temporary is left behind. Both want
+/// an outcome that has a value.
+template <class T>
+class [[nodiscard]] Outcome
+{
+public:
+    Outcome() = default;
+    Outcome(Result error, T value) : m_Error(error), m_Value(std::move(value)) {}
+
+    bool has_value() const noexcept { return static_cast<bool>(m_Error); }
+    Result error() const noexcept { return m_Error; } ///< KXRULE_OK where there is a value
+
+    /// Not for a bool, whose own value would be taken for it: has_value() or value_or(false) say which one is meant.
+    explicit operator bool() const noexcept requires(!std::is_same_v<T, bool>) { return has_value(); }
+
+    T& operator*() & noexcept { return m_Value; }
+    const T& operator*() const& noexcept { return m_Value; }
+    T operator*() && noexcept { return std::move(m_Value); }
+    T* operator->() & noexcept { return &m_Value; }
+    const T* operator->() const& noexcept { return &m_Value; }
     const T* operator->() const&& = delete;
+
+    T value_or(T other) const& { return has_value() ? m_Value : std::move(other); }
+    T value_or(T other) && { return has_value() ? std::move(m_Value) : std::move(other); }
+
+private:
+    friend class Store;
+
+    Result m_Error;
+    T m_Value = {};
 };
 
-/// A rule set record with its rules behind it, in one block. Without one (as made by default, or moved away) record() is
+/// A text of a packed record, up to its terminator or the end of its field: field(set, &PFW_RULESET::wszName),
+/// field(rule.Access, &PFW_ACCESS::szExtText). (A pointer or reference to such a field would be misaligned.)
+template <class Record, class Unit, size_t Units>
+std::basic_string<Unit> field(const Record& record, Unit (Record::*member)[Units])
+{
+    std::basic_string<Unit> text(Units, Unit());
+    std::memcpy(text.data(), &(record.*member), Units * sizeof(Unit));
+    text.resize((std::min)(text.find(Unit()), Units));
+    return text;
+}
+
+inline std::basic_string<KXWCHAR> description(const PFW_RULE& rule)
+{
+    return field(rule, &PFW_RULE::wszDescription);
+}
+
+/// The path of the application that an access rule of either layout is bound to; empty for all others.
+inline std::basic_string<KXWCHAR> application(const PFW_RULE& rule)
+{
+    return rule.dwKind == KXRULE_KIND_ACCESS    ? field(rule.Access, &PFW_ACCESS::wszAppName)
+           : rule.dwKind == KXRULE_KIND_ACCESS2 ? field(rule.Access2, &PFW_ACCESS2::wszAppName)
+                                                : std::basic_string<KXWCHAR>();
+}
+
+/// A rule set record with its rules after it, in one block. Without one (as made by default, or moved away) record() is
 /// null, there are no rules, and index and name must not be asked for.
 class RuleSet
 {
@@ -99,23 +178,17 @@ public:
     RuleSet() = default;
 
     /// A set to be filled: rules without a kind, indexes all 0.
-    RuleSet(WideView name, size_t ruleCount)
+    RuleSet(const RuleSetName& name, size_t ruleCount)
         : m_Bytes(std::make_unique<unsigned char[]>(KXRULE_RULESET_BYTES(ruleCount))), m_Room(ruleCount)
     {
-        detail::fill(&record()->wszName, sizeof record()->wszName, name);
+        detail::fill(&record()->wszName, sizeof record()->wszName, name.view());
         record()->nRuleCount = static_cast<int32_t>(ruleCount);
     }
 
     PFW_RULESET* record() noexcept { return reinterpret_cast<PFW_RULESET*>(m_Bytes.get()); }
     const PFW_RULESET* record() const noexcept { return reinterpret_cast<const PFW_RULESET*>(m_Bytes.get()); }
     uint16_t index() const noexcept { return record()->wRuleSetIndex; }
-    std::basic_string<KXWCHAR> name() const
-    {
-        std::basic_string<KXWCHAR> text(KXRULE_RULESET_NAME_UNITS, 0);
-        std::memcpy(text.data(), &record()->wszName, sizeof record()->wszName);
-        text.resize(std::min(text.find(KXWCHAR(0)), text.size()));
-        return text;
-    }
+    std::basic_string<KXWCHAR> name() const { return field(*record(), &PFW_RULESET::wszName); }
 
     std::span<PFW_RULE> rules() & noexcept { return {first(), count()}; }
     std::span<const PFW_RULE> rules() const& noexcept { return {first(), count()}; }
@@ -134,31 +207,40 @@ private:
     size_t count() const noexcept
     {
         const int32_t count = m_Bytes ? record()->nRuleCount : 0;
-        return count > 0 ? std::min(static_cast<size_t>(count), m_Room) : 0;
+        return count > 0 ? (std::min)(static_cast<size_t>(count), m_Room) : 0;
     }
 
     std::unique_ptr<unsigned char[]> m_Bytes;
     size_t m_Room = 0;
 };
 
-/// All macros of the store, one record right behind the other: for (const PFW_MACRO& macro : store.macros())
+/// All macros of the store, one record right after the other: for (const PFW_MACRO& macro : store.macros())
 class Macros
 {
 public:
     class Iterator
     {
     public:
+        using value_type = PFW_MACRO; // the head; the items lie after the original, not after a copy
+        using reference = const PFW_MACRO&;
+        using pointer = const PFW_MACRO*;
+        using difference_type = std::ptrdiff_t;
+        using iterator_category = std::forward_iterator_tag;
+
+        Iterator() = default;
         explicit Iterator(const unsigned char* at) noexcept : m_At(at) {}
-        const PFW_MACRO& operator*() const noexcept { return *reinterpret_cast<const PFW_MACRO*>(m_At); }
+        reference operator*() const noexcept { return *operator->(); }
+        pointer operator->() const noexcept { return reinterpret_cast<pointer>(m_At); }
+        Iterator operator++(int) noexcept { return std::exchange(*this, std::next(*this)); }
         Iterator& operator++() noexcept
         {
-            m_At += KXRULE_MACRO_BYTES(std::max<int32_t>((**this).nItemCount, 0));
+            m_At += KXRULE_MACRO_BYTES((std::max<int32_t>)((**this).nItemCount, 0));
             return *this;
         }
         bool operator==(const Iterator&) const = default;
 
     private:
-        const unsigned char* m_At;
+        const unsigned char* m_At = nullptr;
     };
 
     Iterator begin() const noexcept { return Iterator(m_Bytes.data()); }
@@ -180,9 +262,9 @@ namespace detail
 {
 
 /// What a call returned that gives a number or a code.
-constexpr Outcome<int32_t> number(int32_t value) noexcept
+inline Outcome<int32_t> number(int32_t value) noexcept
 {
-    return {std::min(value, KXRULE_OK), std::max(value, 0)};
+    return {(std::min)(value, KXRULE_OK), (std::max)(value, 0)};
 }
 
 /// The text of a call of the form (buffer, size) -> length. Most lines fit the first buffer and are rendered once.
@@ -190,19 +272,18 @@ template <class Call>
 Outcome<std::string> text(const Call& call)
 {
     char line[512];
-    Outcome<std::string> text;
+    std::string text;
     int32_t length = call(line, static_cast<int32_t>(sizeof line));
     if (length >= 0 && static_cast<size_t>(length) <= sizeof line)
-        text.value.assign(line, static_cast<size_t>(length));
+        text.assign(line, static_cast<size_t>(length));
     // Between two calls another thread may put a longer rule in the place.
-    while (length > 0 && static_cast<size_t>(length) > text.value.size())
+    while (length > 0 && static_cast<size_t>(length) > text.size())
     {
-        text.value.resize(static_cast<size_t>(length));
-        length = call(text.value.data(), length);
+        text.resize(static_cast<size_t>(length));
+        length = call(text.data(), length);
     }
-    text.result = number(length).result;
-    text.value.resize(static_cast<size_t>(number(length).value));
-    return text;
+    text.resize(static_cast<size_t>(*number(length)));
+    return {number(length).error(), std::move(text)};
 }
 
 /// The list of a call of the form (buffer, room) -> full count.
@@ -212,13 +293,34 @@ std::vector<uint16_t> list(const Call& call)
     std::vector<uint16_t> list(KXRULE_MAX_RULESETS);
     while (true) // between two calls another thread may lengthen the list
     {
-        const auto count = static_cast<size_t>(number(call(list.data(), static_cast<int32_t>(list.size()))).value);
+        const auto count = static_cast<size_t>(*number(call(list.data(), static_cast<int32_t>(list.size()))));
         const bool complete = count <= list.size();
         list.resize(count);
         if (complete)
             return list;
     }
 }
+
+#if defined(_WIN32)
+extern "C" __declspec(dllimport) int __stdcall MultiByteToWideChar(unsigned int codePage, unsigned long flags,
+                                                                   const char* from, int fromSize, wchar_t* to,
+                                                                   int toSize);
+extern "C" __declspec(dllimport) int __stdcall WideCharToMultiByte(unsigned int codePage, unsigned long flags,
+                                                                   const wchar_t* from, int fromSize, char* to,
+                                                                   int toSize, const char* unmapped, int* anyUnmapped);
+
+/// The text in the active code page; nothing where that would be another text.
+inline std::optional<std::string> narrow(std::wstring_view text)
+{
+    const int size = static_cast<int>(text.size());
+    std::string bytes(3 * text.size() + 1, 0); // no code page needs more
+    const int used = WideCharToMultiByte(0, 0, text.data(), size, bytes.data(), 3 * size, nullptr, nullptr);
+    bytes.resize(static_cast<size_t>(used));
+    std::wstring back(bytes.size() + 1, 0);
+    back.resize(static_cast<size_t>(MultiByteToWideChar(0, 0, bytes.data(), used, back.data(), used)));
+    return back == text ? std::optional(std::move(bytes)) : std::nullopt;
+}
+#endif
 
 } // namespace detail
 
@@ -250,13 +352,28 @@ public:
     }
     ~Store() { close(); }
 
-    /// Null for the rule directory: the DLL's own; for the master file: KxRulMas.dat.
-    Result open(const char* rulePath = nullptr, const char* masterFileName = nullptr) noexcept
+    /// Null for the rule directory: the DLL's own; for the master file: KxRulMas.dat. Leaves nothing running when it
+    /// fails.
+    Result open(const char* rulePath, const char* masterFileName = nullptr) noexcept
     {
         const Result result = kxRuleInitialize(rulePath, masterFileName);
+        if (result == KXRULE_E_MUTEX)
+            kxRuleFinalize(); // stops the trace, which went on
         m_Open = m_Open || result;
         return result;
     }
+    Result open(std::nullptr_t = nullptr, const char* masterFileName = nullptr) noexcept
+    {
+        return open(static_cast<const char*>(nullptr), masterFileName);
+    }
+#if defined(_WIN32)
+    /// The same for a path in UTF-16. KXRULE_E_FILE_OPEN when the active code page cannot express it.
+    Result open(std::wstring_view rulePath, const char* masterFileName = nullptr)
+    {
+        const auto narrow = detail::narrow(rulePath);
+        return narrow ? open(narrow->c_str(), masterFileName) : Result(KXRULE_E_FILE_OPEN);
+    }
+#endif
 
     /// Writes what changed; flush() before it tells whether that works.
     void close() noexcept
@@ -265,13 +382,28 @@ public:
             kxRuleFinalize();
     }
 
-    Result read() noexcept { return kxRuleRead(); }
-    Result write() noexcept { return kxRuleWrite(); }
-    Result flush() noexcept { return kxRuleFlush(); }
+    Result read() noexcept
+    {
+        return kxRuleRead();
+    }
+    Result write() noexcept
+    {
+        return kxRuleWrite();
+    }
+    Result flush() noexcept
+    {
+        return kxRuleFlush();
+    }
 
     // Rule sets.
-    std::vector<uint16_t> ruleSets() const { return detail::list(kxRuleGetRuleSetIndex); }
-    std::vector<uint16_t> activeRuleSets() const { return detail::list(kxRuleGetActiveRuleSet); }
+    std::vector<uint16_t> ruleSets() const
+    {
+        return detail::list(kxRuleGetRuleSetIndex);
+    }
+    std::vector<uint16_t> activeRuleSets() const
+    {
+        return detail::list(kxRuleGetActiveRuleSet);
+    }
     Result setActiveRuleSets(std::span<const uint16_t> indexes) noexcept
     {
         return kxRuleSetActiveRuleSet(indexes.data(), static_cast<int32_t>(indexes.size()));
@@ -286,7 +418,10 @@ public:
     {
         return index == 0 ? Result(KXRULE_E_NO_RULESET) : Result(kxRuleDeleteRuleSet(index));
     }
-    Result deleteAllRuleSets() noexcept { return kxRuleDeleteRuleSet(0); }
+    Result deleteAllRuleSets() noexcept
+    {
+        return kxRuleDeleteRuleSet(0);
+    }
 
     Outcome<int32_t> ruleCount(uint16_t ruleSet) const noexcept
     {
@@ -294,21 +429,23 @@ public:
     }
     Outcome<RuleSet> ruleSet(uint16_t index) const
     {
-        Outcome<RuleSet> set;
+        RuleSet set;
         int32_t count = kxRuleGetRuleSet(index, nullptr, 0);
-        while (count >= 0 && (!set.value.m_Bytes || static_cast<size_t>(count) > set.value.m_Room))
+        while (count >= 0 && (!set.m_Bytes || static_cast<size_t>(count) > set.m_Room))
         {
-            set.value = RuleSet(static_cast<size_t>(count));
-            count = kxRuleGetRuleSet(index, set.value.record(), count);
+            set = RuleSet(static_cast<size_t>(count));
+            count = kxRuleGetRuleSet(index, set.record(), count);
         }
-        set.result = detail::number(count).result;
-        if (!set)
-            set.value = RuleSet(); // it may have gone after it was counted
-        return set;
+        if (count < 0)
+            return {count, RuleSet()}; // it may have gone after it was counted
+        return {KXRULE_OK, std::move(set)};
     }
 
     // Rules.
-    Result addRule(uint16_t ruleSet, const PFW_RULE& rule) noexcept { return addRule(ruleSet, rule.wRuleIndex, rule); }
+    Result addRule(uint16_t ruleSet, const PFW_RULE& rule) noexcept
+    {
+        return addRule(ruleSet, rule.wRuleIndex, rule);
+    }
     Result addRule(uint16_t ruleSet, uint16_t index, const PFW_RULE& rule) noexcept
     {
         return kxRuleAddRule(ruleSet, index, &rule);
@@ -318,7 +455,10 @@ public:
     {
         return index == 0 ? Result(KXRULE_E_NO_RULE) : Result(kxRuleDeleteRule(ruleSet, index));
     }
-    Result deleteAllRules(uint16_t ruleSet) noexcept { return kxRuleDeleteRule(ruleSet, 0); }
+    Result deleteAllRules(uint16_t ruleSet) noexcept
+    {
+        return kxRuleDeleteRule(ruleSet, 0);
+    }
 
     /// Into the caller's record, which spares lookups in a loop the copy that a returned value may cost.
     Result rule(uint16_t ruleSet, uint16_t index, PFW_RULE& rule) const noexcept
@@ -328,7 +468,7 @@ public:
     Outcome<PFW_RULE> rule(uint16_t ruleSet, uint16_t index) const noexcept
     {
         Outcome<PFW_RULE> rule;
-        rule.result = kxRuleGetRule(ruleSet, index, &rule.value);
+        rule.m_Error = kxRuleGetRule(ruleSet, index, &rule.m_Value);
         return rule;
     }
     Outcome<std::string> ruleText(uint16_t ruleSet, uint16_t index) const
@@ -343,7 +483,8 @@ public:
     {
         return detail::number(kxRuleGetRuleBottomIndex(ruleSet));
     }
-    /// (A dwActive that equals one of the two codes counts as that code.)
+    /// isActive(1, 100).value_or(false) asks for an active rule. (A dwActive that equals one of the two codes counts as
+    /// that code.)
     Outcome<bool> isActive(uint16_t ruleSet, uint16_t index) const noexcept
     {
         const int32_t value = kxRuleIsRuleActive(ruleSet, index);
@@ -352,9 +493,18 @@ public:
     }
 
     // Macros.
-    Result addMacro(const PFW_MACRO& macro) noexcept { return kxRuleAddMacro(&macro); }
-    Result deleteAllMacros() noexcept { return kxRuleDeleteMacro(); }
-    int32_t macroCount() const noexcept { return kxRuleGetMacroCount(); }
+    Result addMacro(const PFW_MACRO& macro) noexcept
+    {
+        return kxRuleAddMacro(&macro);
+    }
+    Result deleteAllMacros() noexcept
+    {
+        return kxRuleDeleteMacro();
+    }
+    int32_t macroCount() const noexcept
+    {
+        return kxRuleGetMacroCount();
+    }
     Macros macros() const
     {
         Macros macros;
@@ -371,9 +521,9 @@ public:
         return macros;
     }
 
-    /// Refreshes application hashes: of the rules for one path, or of all (null). hash is null or 20 bytes; what they do
-    /// stands at kxRuleUpdateHashValue. changed(uint32_t ruleSet, const PFW_RULE& rule) is called for each rule that got
-    /// one; it must not call the library. What it throws ends no refresh: it is thrown on when all is done.
+    /// Refreshes application hashes: of the rules for one path, or of all (null). hash is null or 20 bytes; see
+    /// kxRuleUpdateHashValue. changed(uint32_t ruleSet, const PFW_RULE& rule) is called for each rule that got one; it
+    /// must not call the library. What it throws does not end the refresh: it is thrown on when all is done.
     template <class Changed>
     Result updateHashes(const KXWCHAR* applicationPath, const uint8_t* hash, Changed&& changed)
     {
@@ -411,5 +561,10 @@ private:
 };
 
 } // namespace kxrule
+
+template <>
+struct std::is_error_code_enum<kxrule::Result> : std::true_type
+{
+};
 
 #endif // KXPFWRULE_HPP

@@ -4,11 +4,16 @@
  *     const PFW_RULE web = kxrule::access().tcp().from("10.0.0.0/8").port("80,443").description(L"Web").accept();
  *     const auto servers = kxrule::Macro("servers").add(kxrule::Address("10.0.0.1")).add(kxrule::Port("80"));
  *
- * Literals are checked by the compiler: a wrong address or port does not build. Text that is known at run time goes
- * through Address::parse and Port::parse. Nothing here calls the library or throws.
+ * Literals are checked by the compiler: a wrong address or port, or a text that its field would cut, does not build,
+ * and the diagnostic names a function of wrong_literal that says why. What is known at run time goes through parse:
+ * Address::parse, Port::parse, AppPath::parse and so on. Nothing here calls the library or throws.
  */
 #ifndef KXPFWRULEBUILDER_HPP
 #define KXPFWRULEBUILDER_HPP
+
+#if (defined(_MSVC_LANG) ? _MSVC_LANG : __cplusplus) < 202002L
+#error "Needs C++20: -std=c++20 or /std:c++20. KxPfwRule.h serves C and older C++."
+#endif
 
 #include <algorithm>
 #include <array>
@@ -26,8 +31,51 @@ namespace kxrule
 
 using WideView = std::basic_string_view<KXWCHAR>;
 
+// What may be wrong with a literal, in the words that the compiler shows.
+#define KXRULE_FAULTS(F)                                                                                               \
+    F(an_address_is_any_or_like_10_0_0_1_or_fe80_1_or_at_name)                                                         \
+    F(an_ipv4_number_has_a_leading_zero_which_some_read_as_octal)                                                      \
+    F(after_the_slash_should_be_a_prefix_length_or_a_mask_of_the_same_family)                                          \
+    F(after_the_hyphen_should_be_an_address_of_the_same_family)                                                        \
+    F(a_port_is_any_or_a_number_up_to_65535_or_a_range_or_a_list_or_at_name)                                           \
+    F(a_port_list_cannot_be_negated)                                                                                   \
+    F(the_text_is_longer_than_its_field)                                                                               \
+    F(the_text_holds_a_nul)                                                                                            \
+    F(the_name_after_the_at_sign_is_missing)
+
+/// Called by no program: the compiler names one of these when it refuses a literal.
+namespace wrong_literal
+{
+#define KXRULE_FAULT(name) void name();
+KXRULE_FAULTS(KXRULE_FAULT)
+#undef KXRULE_FAULT
+} // namespace wrong_literal
+
 namespace detail
 {
+
+enum class Fault
+{
+    none,
+#define KXRULE_FAULT(name) name,
+    KXRULE_FAULTS(KXRULE_FAULT)
+#undef KXRULE_FAULT
+};
+
+consteval void require(Fault fault)
+{
+    switch (fault)
+    {
+#define KXRULE_FAULT(name)                                                                                             \
+    case Fault::name:                                                                                                  \
+        return wrong_literal::name();
+        KXRULE_FAULTS(KXRULE_FAULT)
+#undef KXRULE_FAULT
+    case Fault::none:
+        return;
+    }
+}
+#undef KXRULE_FAULTS
 
 /// Digits only, at most `most`.
 constexpr std::optional<uint32_t> number(std::string_view text, uint32_t most, uint32_t base = 10)
@@ -51,9 +99,9 @@ constexpr std::optional<uint32_t> number(std::string_view text, uint32_t most, u
 /// The text up to the separator; the rest, without it, stays.
 constexpr std::string_view cut(std::string_view& text, char separator)
 {
-    const size_t end = std::min(text.find(separator), text.size());
+    const size_t end = (std::min)(text.find(separator), text.size());
     const std::string_view front = text.substr(0, end);
-    text.remove_prefix(std::min(end + 1, text.size()));
+    text.remove_prefix((std::min)(end + 1, text.size()));
     return front;
 }
 
@@ -64,55 +112,87 @@ constexpr bool negated(std::string_view& text)
     return negated;
 }
 
+/// Whether a field of that many units, terminator included, takes the text whole.
+template <class Unit>
+constexpr Fault fits(std::basic_string_view<Unit> text, size_t units)
+{
+    return text.size() >= units             ? Fault::the_text_is_longer_than_its_field
+           : text.find(Unit()) != text.npos ? Fault::the_text_holds_a_nul
+                                            : Fault::none;
+}
+
+/// The name of an address or port item.
+template <size_t Size>
+constexpr Fault readName(std::string_view text, std::array<char, Size>& name)
+{
+    const Fault fault = text.empty() ? Fault::the_name_after_the_at_sign_is_missing : fits(text, Size);
+    if (fault == Fault::none)
+        std::copy(text.begin(), text.end(), name.begin());
+    return fault;
+}
+
 /// Copies what fits before a terminator and zeroes the rest. (An address without a type: the fields are packed.)
 template <class Unit>
 void fill(void* field, size_t size, std::basic_string_view<Unit> text)
 {
-    const size_t used = std::min(text.size() * sizeof(Unit), size - sizeof(Unit));
+    const size_t used = (std::min)(text.size() * sizeof(Unit), size - sizeof(Unit));
     std::memset(field, 0, size);
     std::memcpy(field, text.data(), used);
 }
 
 } // namespace detail
 
-/// An address item: any, 10.0.0.1, 10.0.0.0/8, 10.0.0.0/255.0.0.0, 10.0.0.1-10.0.0.9, fe80::1, fe80::/10, @name, all
-/// but any and @name also with "!" in front.
+/// A text that its field takes whole: cut, a path or a name would be another one.
+template <class Unit, size_t Units> // of the field, terminator included
+class FieldText
+{
+public:
+    using View = std::basic_string_view<Unit>;
+
+    consteval FieldText(const Unit* literal) : FieldText(View(literal)) // implicit: app(L"C:\\Windows\\ftp.exe")
+    {
+        detail::require(detail::fits(View(literal), Units));
+    }
+
+    static constexpr std::optional<FieldText> parse(View text)
+    {
+        return detail::fits(text, Units) == detail::Fault::none ? std::optional(FieldText(text)) : std::nullopt;
+    }
+
+    constexpr View view() const noexcept { return {m_Units.data(), m_Length}; }
+
+private:
+    constexpr explicit FieldText(View text) : m_Length((std::min)(text.size(), Units - 1))
+    {
+        std::copy_n(text.begin(), m_Length, m_Units.begin());
+    }
+
+    size_t m_Length;
+    std::array<Unit, Units> m_Units = {};
+};
+
+using AppPath = FieldText<KXWCHAR, KXRULE_APP_NAME_UNITS>;
+using RuleSetName = FieldText<KXWCHAR, KXRULE_RULESET_NAME_UNITS>;
+using MacroName = FieldText<char, KXRULE_MACRO_NAME_BYTES>;
+using MacroText = FieldText<char, KXRULE_MACRO_PAYLOAD_BYTES>;
+using ExtensionText = FieldText<char, KXRULE_EXT_TEXT_BYTES>;
+using StreamText = FieldText<char, KXRULE_STREAM_TEXT_BYTES>;
+using GenStreamText = FieldText<char, KXRULE_GENSTREAM_TEXT_BYTES>;
+
+/// An address item: any, none, 10.0.0.1, 10.0.0.0/8, 10.0.0.0/255.0.0.0, 10.0.0.1-10.0.0.9, fe80::1, fe80::/10, @name;
+/// all but any, none and @name also with "!" in front. The notation is that of kxrule.
 class Address
 {
 public:
-    consteval Address(const char* literal) : Address(parse(literal).value()) {} // implicit: from("10.0.0.0/8")
+    consteval Address(const char* literal) // implicit: from("10.0.0.0/8")
+    {
+        detail::require(read(literal));
+    }
 
     static constexpr std::optional<Address> parse(std::string_view text)
     {
         Address item;
-        if (text == "any")
-            return item;
-        if (text.starts_with('@') && text.size() > 1 && text.size() <= KXRULE_ADDR_NAME_BYTES)
-        {
-            item.m_Type = KXRULE_ADDR_NAME;
-            std::copy(text.begin() + 1, text.end(), item.m_Name.begin());
-            return item;
-        }
-        item.m_Not = detail::negated(text) ? 1 : 0;
-        const size_t mark = std::min(text.find_first_of("/-"), text.size());
-        const std::string_view second = text.substr(std::min(mark + 1, text.size()));
-        if (!parseOne(text.substr(0, mark), item.m_Family, item.m_First))
-            return std::nullopt;
-        uint32_t family = item.m_Family;
-        item.m_Type = KXRULE_ADDR_SINGLE;
-        if (mark == text.size())
-            return item;
-        if (text[mark] == '-')
-            item.m_Type = KXRULE_ADDR_RANGE;
-        else if (const auto length = detail::number(second, family == KXRULE_FAMILY_IPV4 ? 32 : 128))
-        {
-            item.m_Type = KXRULE_ADDR_PREFIX;
-            item.m_Second = split(*length);
-            return item;
-        }
-        else
-            item.m_Type = KXRULE_ADDR_MASK;
-        return parseOne(second, family, item.m_Second) && family == item.m_Family ? std::optional(item) : std::nullopt;
+        return item.read(text) == detail::Fault::none ? std::optional(item) : std::nullopt;
     }
 
     [[nodiscard]] RULE_ADDR record() const
@@ -133,8 +213,47 @@ public:
 
 private:
     using Bytes = std::array<uint8_t, 16>;
+    using Fault = detail::Fault;
 
     constexpr Address() = default;
+
+    constexpr Fault read(std::string_view text)
+    {
+        if (text == "any" || text == "none")
+        {
+            m_Type = text == "any" ? KXRULE_ADDR_ANY : 0;
+            return Fault::none;
+        }
+        if (text.starts_with('@'))
+        {
+            m_Type = KXRULE_ADDR_NAME;
+            return detail::readName(text.substr(1), m_Name);
+        }
+        m_Not = detail::negated(text) ? 1 : 0;
+        const size_t mark = (std::min)(text.find_first_of("/-"), text.size());
+        const std::string_view second = text.substr((std::min)(mark + 1, text.size()));
+        const Fault first = readOne(text.substr(0, mark), m_Family, m_First);
+        m_Type = KXRULE_ADDR_SINGLE;
+        if (first != Fault::none || mark == text.size())
+            return first;
+        uint32_t family = m_Family;
+        const bool range = text[mark] == '-';
+        const auto length = detail::number(second, family == KXRULE_FAMILY_IPV4 ? 32 : 128);
+        if (!range && length)
+        {
+            m_Type = KXRULE_ADDR_PREFIX;
+            m_Second = split(*length);
+            return Fault::none;
+        }
+        m_Type = range ? KXRULE_ADDR_RANGE : KXRULE_ADDR_MASK;
+        const Fault end = readOne(second, family, m_Second);
+        if (end == Fault::an_ipv4_number_has_a_leading_zero_which_some_read_as_octal)
+            return end;
+        return end == Fault::none && family == m_Family
+                   ? Fault::none
+                   : (range ? Fault::after_the_hyphen_should_be_an_address_of_the_same_family
+                            : Fault::after_the_slash_should_be_a_prefix_length_or_a_mask_of_the_same_family);
+    }
 
     /// A number in the order of the record's bytes.
     static constexpr Bytes split(uint32_t value)
@@ -143,28 +262,33 @@ private:
                 static_cast<uint8_t>(value >> 24)};
     }
 
-    static constexpr bool parseOne(std::string_view text, uint32_t& family, Bytes& bytes)
+    static constexpr Fault readOne(std::string_view text, uint32_t& family, Bytes& bytes)
     {
+        Fault fault = Fault::an_address_is_any_or_like_10_0_0_1_or_fe80_1_or_at_name;
         if (text.find(':') != std::string_view::npos)
         {
             family = KXRULE_FAMILY_IPV6;
-            return parseIPv6(text, bytes);
+            return parseIPv6(text, bytes) ? Fault::none : fault;
         }
         family = KXRULE_FAMILY_IPV4;
-        const auto address = parseIPv4(text);
+        const auto address = parseIPv4(text, &fault);
         bytes = split(address.value_or(0));
-        return address.has_value();
+        return address ? Fault::none : fault;
     }
 
-    static constexpr std::optional<uint32_t> parseIPv4(std::string_view text)
+    static constexpr std::optional<uint32_t> parseIPv4(std::string_view text, Fault* fault = nullptr)
     {
         uint32_t address = 0;
         if (std::count(text.begin(), text.end(), '.') != 3)
             return std::nullopt;
         for (int i = 0; i < 4; ++i)
         {
-            const auto part = detail::number(detail::cut(text, '.'), 255);
-            if (!part)
+            const std::string_view digits = detail::cut(text, '.');
+            const auto part = detail::number(digits, 255);
+            const bool leadingZero = digits.size() > 1 && digits.front() == '0';
+            if (leadingZero && fault != nullptr)
+                *fault = Fault::an_ipv4_number_has_a_leading_zero_which_some_read_as_octal;
+            if (!part || leadingZero)
                 return std::nullopt;
             address = address << 8 | *part;
         }
@@ -214,29 +338,19 @@ private:
     std::array<char, KXRULE_ADDR_NAME_BYTES> m_Name = {};
 };
 
-/// A port item: any, 80, 1000-2000, !80, !1000-2000, 80,443,1000-2000, @name.
+/// A port item: any, none, 80, 1000-2000, !80, !1000-2000, 80,443,1000-2000, @name.
 class Port
 {
 public:
-    consteval Port(const char* literal) : Port(parse(literal).value()) {} // implicit: port("80,443")
+    consteval Port(const char* literal) // implicit: port("80,443")
+    {
+        detail::require(read(literal));
+    }
 
     static constexpr std::optional<Port> parse(std::string_view text)
     {
         Port item;
-        if (text == "any")
-            return item;
-        const bool list = text.find(',') != std::string_view::npos;
-        if (list || text.starts_with('@'))
-        {
-            text.remove_prefix(list ? 0 : 1);
-            item.m_Type = list ? KXRULE_PORT_LIST : KXRULE_PORT_NAME;
-            if (text.empty() || text.size() >= item.m_Text.size() || (list && !isList(text)))
-                return std::nullopt;
-            std::copy(text.begin(), text.end(), item.m_Text.begin());
-            return item;
-        }
-        item.m_Not = detail::negated(text) ? 1 : 0;
-        return parseRange(text, item) ? std::optional(item) : std::nullopt;
+        return item.read(text) == detail::Fault::none ? std::optional(item) : std::nullopt;
     }
 
     [[nodiscard]] RULE_PORT record() const
@@ -255,7 +369,33 @@ public:
     }
 
 private:
+    using Fault = detail::Fault;
+
     constexpr Port() = default;
+
+    constexpr Fault read(std::string_view text)
+    {
+        if (text == "any" || text == "none")
+        {
+            m_Type = text == "any" ? KXRULE_PORT_ANY : KXRULE_PORT_NONE;
+            return Fault::none;
+        }
+        if (text.starts_with('@'))
+        {
+            m_Type = KXRULE_PORT_NAME;
+            return detail::readName(text.substr(1), m_Text);
+        }
+        if (isList(text))
+        {
+            m_Type = KXRULE_PORT_LIST;
+            return detail::readName(text, m_Text);
+        }
+        m_Not = detail::negated(text) ? 1 : 0;
+        if (m_Not != 0 && isList(text))
+            return Fault::a_port_list_cannot_be_negated;
+        return parseRange(text, *this) ? Fault::none
+                                       : Fault::a_port_is_any_or_a_number_up_to_65535_or_a_range_or_a_list_or_at_name;
+    }
 
     static constexpr bool parseRange(std::string_view text, Port& item)
     {
@@ -271,7 +411,7 @@ private:
     static constexpr bool isList(std::string_view text)
     {
         Port unused;
-        if (text.ends_with(','))
+        if (text.find(',') == std::string_view::npos || text.ends_with(','))
             return false;
         while (!text.empty())
             if (!parseRange(detail::cut(text, ','), unused))
@@ -287,9 +427,10 @@ private:
 };
 
 /// One rule under construction. It stands wherever a const PFW_RULE& is wanted, without a copy; to keep the rule, copy
-/// it (const PFW_RULE rule = access()...): a reference would outlive the builder. Calls that a kind of rule has no field
-/// for do not compile; addresses and ports not mentioned are "any"; texts are cut to their fields.
-template <uint32_t Kind, auto PFW_RULE::*Body>
+/// it (const PFW_RULE rule = access()...): a reference would outlive the builder. Calls that a kind of rule has no
+/// field for do not compile; addresses and ports not mentioned are "any". Of the texts only the description is cut to
+/// its field.
+template <uint32_t Kind, auto PFW_RULE::*Body, class TheStreamText = StreamText>
 class RuleBuilder
 {
 public:
@@ -311,6 +452,9 @@ public:
     RuleBuilder& active(bool active) { return m_Rule.dwActive = active ? 1 : 0, *this; }
     RuleBuilder& description(WideView text)
     {
+        const size_t most = KXRULE_DESCRIPTION_UNITS - 1;
+        if (text.size() > most && (text[most] & 0xFC00) == 0xDC00) // not through the middle of a character
+            text = text.substr(0, most - 1);
         return detail::fill(&m_Rule.wszDescription, sizeof m_Rule.wszDescription, text), *this;
     }
 
@@ -332,7 +476,10 @@ public:
     RuleBuilder& tcp() { return protocol(KXRULE_PROTOCOL_TCP); }
     RuleBuilder& udp() { return protocol(KXRULE_PROTOCOL_UDP); }
     RuleBuilder& tcpUdp() { return protocol(KXRULE_PROTOCOL_TCPUDP); }
-    RuleBuilder& app(WideView path) { return detail::fill(&body().wszAppName, sizeof body().wszAppName, path), *this; }
+    RuleBuilder& app(const AppPath& path)
+    {
+        return detail::fill(&body().wszAppName, sizeof body().wszAppName, path.view()), *this;
+    }
 
     // What happens.
     RuleBuilder& action(uint32_t action) { return body().dwAction = action, *this; }
@@ -345,9 +492,9 @@ public:
     RuleBuilder& direction(uint32_t direction) { return body().dwDirection = direction, *this; }
     RuleBuilder& appProtocol(uint32_t protocol) { return body().dwAppProtocol = protocol, *this; }
     RuleBuilder& streamParam(uint32_t param) { return body().dwStreamParam = param, *this; }
-    RuleBuilder& streamText(std::string_view text)
+    RuleBuilder& streamText(const TheStreamText& text)
     {
-        return detail::fill(&body().szStreamText, sizeof body().szStreamText, text), *this;
+        return detail::fill(&body().szStreamText, sizeof body().szStreamText, text.view()), *this;
     }
 
     RuleBuilder& limits(const std::array<uint16_t, 6>& limits)
@@ -363,12 +510,12 @@ public:
         return *this;
     }
 
-    RuleBuilder& extension(uint32_t value, uint16_t second, std::string_view text)
+    RuleBuilder& extension(uint32_t value, uint16_t second, const ExtensionText& text)
     {
         body().dwExtFlag = 1;
         body().dwExtValue = value;
         body().wExtValue = second;
-        detail::fill(&body().szExtText, sizeof body().szExtText, text);
+        detail::fill(&body().szExtText, sizeof body().szExtText, text.view());
         return *this;
     }
 
@@ -401,16 +548,16 @@ inline auto stream()
 }
 inline auto genStream()
 {
-    return RuleBuilder<KXRULE_KIND_GENSTREAM, &PFW_RULE::GenStream>();
+    return RuleBuilder<KXRULE_KIND_GENSTREAM, &PFW_RULE::GenStream, GenStreamText>();
 }
 
 /// One macro under construction; it stands wherever a const PFW_MACRO& is wanted, without a copy.
 class Macro
 {
 public:
-    explicit Macro(std::string_view name) : m_Bytes(sizeof(PFW_MACRO))
+    explicit Macro(const MacroName& name) : m_Bytes(sizeof(PFW_MACRO))
     {
-        detail::fill(&head().szName, sizeof head().szName, name);
+        detail::fill(&head().szName, sizeof head().szName, name.view());
     }
 
     operator const PFW_MACRO&() const noexcept { return *reinterpret_cast<const PFW_MACRO*>(m_Bytes.data()); }
@@ -427,10 +574,7 @@ public:
         return append(KXRULE_ITEM_PORT, &record, sizeof record);
     }
 
-    Macro& addText(std::string_view text)
-    {
-        return append(KXRULE_ITEM_TEXT, text.data(), std::min<size_t>(text.size(), KXRULE_MACRO_PAYLOAD_BYTES - 1));
-    }
+    Macro& addText(const MacroText& text) { return append(KXRULE_ITEM_TEXT, text.view().data(), text.view().size()); }
 
 private:
     PFW_MACRO& head() noexcept { return *reinterpret_cast<PFW_MACRO*>(m_Bytes.data()); }

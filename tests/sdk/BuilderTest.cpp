@@ -52,20 +52,24 @@ TEST(Builder, RulesReadAsTheyWereBuilt)
               "GENSTREAM,TCPUDP,10.0.0.1:10.0.0.9,,20:21|25,,OUT,1,2,3,ASK,4,5:6:t");
 }
 
-TEST(Builder, TextsAreCutAndReplacedWhole)
+TEST(Builder, OnlyDescriptionsAreCut)
 {
-    const std::basic_string<KXWCHAR> tooLong(100, KXWCHAR('x'));
+    using Wide = std::basic_string<KXWCHAR>;
+    const Wide tooLong = Wide(63, KXWCHAR('x')) + KXW("\U0001F525"); // the character would be cut in half
     const PFW_RULE cut = access().description(tooLong).app(KXW("C:\\longer.exe")).app(KXW("a")).index(9).active(false);
-    const KXWCHAR last = cut.wszDescription[63];
-    const KXWCHAR end = cut.wszDescription[64];
-    const KXWCHAR second = cut.Access.wszAppName[1];
-    const KXWCHAR third = cut.Access.wszAppName[2];
-    EXPECT_EQ(last, KXWCHAR('x'));
-    EXPECT_EQ(end, 0);
-    EXPECT_EQ(second, 0);
-    EXPECT_EQ(third, 0);
+    Wide description(65, KXWCHAR('?'));
+    Wide app(3, KXWCHAR('?'));
+    std::memcpy(description.data(), &cut.wszDescription, sizeof cut.wszDescription);
+    std::memcpy(app.data(), &cut.Access.wszAppName, 6);
+    EXPECT_TRUE(description == Wide(63, KXWCHAR('x')) + Wide(2, KXWCHAR(0)));
+    EXPECT_TRUE(app == Wide(KXW("a")) + Wide(2, KXWCHAR(0)));
     EXPECT_EQ(cut.wRuleIndex, 9);
     EXPECT_EQ(cut.dwActive, 0u);
+    EXPECT_TRUE(AppPath::parse(Wide(260, KXWCHAR('x'))));
+    EXPECT_FALSE(AppPath::parse(Wide(261, KXWCHAR('x'))));
+    EXPECT_TRUE(MacroName::parse(std::string(31, 'x')));
+    EXPECT_FALSE(MacroName::parse(std::string(32, 'x')));
+    EXPECT_FALSE(StreamText::parse(std::string("a\0b", 3)));
 }
 
 /// True when the record begins with these bytes (hexadecimal) and has nothing but zero behind them.
@@ -99,6 +103,7 @@ TEST(Builder, Addresses)
         {"fe80::1-::2", "05000000 00000000 17000000 fe800000000000000000000000000001 00000000 "
                         "00000000000000000000000000000002"},
         {"@lan", "07000000 6c616e"},
+        {"none", ""},
     };
     for (const Row& row : rows)
     {
@@ -125,6 +130,9 @@ TEST(Builder, Addresses)
                              "g::",
                              "@",
                              "0x10.0.0.1",
+                             "010.0.0.1",
+                             "10.0.0.0/255.00.0.0",
+                             "::1.2.3.04",
                              " 10.0.0.1"})
         EXPECT_FALSE(Address::parse(text)) << text;
 }

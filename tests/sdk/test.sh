@@ -54,17 +54,17 @@ done
 query() { printf '%s\n' "$@" | run ./service.exe rules-c | sort; }
 expect "service, lookups" query 'tcp 443' 'tcp 23' 'udp 23' 'nonsense' <<'E1'
 nonsense: not understood
-stopped: KXRULE_OK
+stopped: success
 tcp 23: ACCESS,TCP,,,,23,DROP
 tcp 443: ACCESS,TCP,10.0.0.1,,,443,ACCEPT
 udp 23: no rule
 E1
 expect "service, a change" query 'block udp 69' <<'E1'
-block udp 69: KXRULE_OK
-stopped: KXRULE_OK
+block udp 69: blocked
+stopped: success
 E1
 expect "service, after a restart" query 'udp 69' <<'E1'
-stopped: KXRULE_OK
+stopped: success
 udp 69: ACCESS,UDP,,,,69,DROP
 E1
 
