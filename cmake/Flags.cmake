@@ -20,7 +20,8 @@ if(WIN32)
     # The stack protector's run-time library comes from the link option of the same name.
     target_link_options(kx_flags INTERFACE
         -static -fstack-protector-strong
-        -Wl,--dynamicbase -Wl,--high-entropy-va -Wl,--nxcompat -Wl,--no-insert-timestamp)
+        -Wl,--dynamicbase -Wl,--high-entropy-va -Wl,--nxcompat -Wl,--no-insert-timestamp
+        -Wl,--major-subsystem-version,6 -Wl,--minor-subsystem-version,1) # Windows 7; older ones say so and stop
 else()
     # With coverage, the sanitizers' checks would count as branches.
     target_compile_definitions(kx_flags INTERFACE _GLIBCXX_ASSERTIONS)

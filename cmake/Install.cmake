@@ -1,6 +1,23 @@
 # The SDK as `cmake --install` lays it out: bin, include, lib, share/doc.
 include(CMakePackageConfigHelpers)
 
+# What ships is compiled with symbols, which scripts/package.sh takes out into an archive of their own. (The tests, which
+# are added after this, go without.)
+function(kx_with_symbols directory)
+    get_property(targets DIRECTORY ${directory} PROPERTY BUILDSYSTEM_TARGETS)
+    foreach(target ${targets})
+        get_target_property(type ${target} TYPE)
+        if(type MATCHES "LIBRARY|EXECUTABLE" AND NOT type STREQUAL INTERFACE_LIBRARY)
+            target_compile_options(${target} PRIVATE $<$<CONFIG:Release>:-g>)
+        endif()
+    endforeach()
+    get_property(children DIRECTORY ${directory} PROPERTY SUBDIRECTORIES)
+    foreach(child ${children})
+        kx_with_symbols(${child})
+    endforeach()
+endfunction()
+kx_with_symbols(${PROJECT_SOURCE_DIR})
+
 # MSVC's linker wants its own form of import library, which LLVM makes. Building needs it not, so it may be missing.
 find_program(KX_LLVM_DLLTOOL NAMES llvm-dlltool llvm-dlltool-14)
 if(KX_LLVM_DLLTOOL)

@@ -1,3 +1,10 @@
+# Sources can ask the header which version they are compiled with.
+file(STRINGS ${PROJECT_SOURCE_DIR}/api/include/KxPfwRule.h header REGEX "^#define KXRULE_VERSION ")
+math(EXPR number "${PROJECT_VERSION_MAJOR} * 10000 + ${PROJECT_VERSION_MINOR} * 100 + ${PROJECT_VERSION_PATCH}")
+if(NOT header STREQUAL "#define KXRULE_VERSION ${number}")
+    message(FATAL_ERROR "api/include/KxPfwRule.h says \"${header}\", the project is version ${PROJECT_VERSION}")
+endif()
+
 # kx_version_resource(target description): what the system and installers tell about a DLL or a program.
 function(kx_version_resource KX_NAME KX_DESCRIPTION)
     string(REPLACE "." "," KX_VERSION_COMMA "${PROJECT_VERSION}.0")

@@ -71,6 +71,8 @@ tables()
         names && /\[ *[0-9]+\]/ { print $NF }' <<<"$dump" | sort) || { echo "$file: other exports" >&2; return 1; }
     ! awk '/DLL Name:/ { print $3 }' <<<"$dump" | grep -vxE "$allowed" || { echo "$file: imports" >&2; return 1; }
     grep -q '^DllCharacteristics.*0160$' <<<"$dump" || { echo "$file: not hardened" >&2; return 1; }
+    x86_64-w64-mingw32-objdump -d "$file" >build/check/code
+    grep -A 1 "<$1>:" build/check/code | grep -q endbr64 || { echo "$file: $1 begins without endbr64" >&2; return 1; }
 }
 
 checkTables()
