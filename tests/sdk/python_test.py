@@ -1,16 +1,20 @@
-"""The Python example against the header: its layouts, and its calls with a stand-in for the library.
+"""The Python package against the header: layouts, signatures, codes, and calls with a stand-in for the library.
 
-Usage: python_test.py ROOT SCRATCH
+Usage: python_test.py HEADER-FOLDER SCRATCH, with the installed package in PYTHONPATH. (No Python for Windows can be had
+here: that the DLL itself answers these calls is seen from C and C++ alone.)
 """
 import ctypes
 import pathlib
+import re
 import subprocess
 import sys
 
-root, scratch = (pathlib.Path(argument).resolve() for argument in sys.argv[1:])
-sys.path.insert(0, str(root / "examples" / "python"))
-sys.dont_write_bytecode = True
-import kxpfwrul  # noqa: E402
+import kxpfwrul
+from kxpfwrul import _library
+
+include, scratch = (pathlib.Path(argument).resolve() for argument in sys.argv[1:])
+here = pathlib.Path(__file__).resolve().parent
+header = (include / "KxPfwRule.h").read_text(encoding="utf-8")
 
 
 def fields(record):
@@ -24,42 +28,87 @@ def fields(record):
 
 
 def check_layouts():
-    """Whatever the example says of a record, a C compiler must find in the header."""
-    records = [kxpfwrul.PFW_ADDR, kxpfwrul.RULE_ADDR, kxpfwrul.RULE_PORT, kxpfwrul.PFW_ACCESS, kxpfwrul.PFW_RULE,
-               kxpfwrul.PFW_RULESET]
-    lines = ['#include "api/include/KxPfwRule.h"']
+    """Whatever the package says of a record, a C compiler must find in the header."""
+    records = [value for name, value in vars(kxpfwrul).items() if name.isupper()]
+    lines = ['#include "KxPfwRule.h"']
     for record in records:
         name = record.__name__
-        if name != "PFW_ACCESS":  # in Python an access rule ends with its last field
-            lines.append(f"_Static_assert(sizeof({name}) == {ctypes.sizeof(record)}, \"{name}\");")
+        lines.append(f"_Static_assert(sizeof({name}) == {ctypes.sizeof(record)}, \"{name}\");")
         for field, offset, size in fields(record):
             lines.append(f"_Static_assert(offsetof({name}, {field}) == {offset}, \"{name}.{field}\");")
             lines.append(f"_Static_assert(sizeof((({name}*)0)->{field}) == {size}, \"size of {name}.{field}\");")
-    subprocess.run(["gcc", "-std=c11", "-fsyntax-only", f"-I{root}", "-x", "c", "-"], input="\n".join(lines), text=True,
-                   check=True)
+    subprocess.run(["gcc", "-std=c11", "-fsyntax-only", f"-I{include}", "-x", "c", "-"], input="\n".join(lines),
+                   text=True, check=True)
+    assert len(records) == 13, records
     return len(lines) - 1
 
 
+def check_signatures():
+    """Every function takes what the header says, and every code has its name."""
+    kinds = {"uint16_t": ctypes.c_uint16, "int32_t": ctypes.c_int32}
+    rows = re.findall(r"F\((kxRule\w+),\s*\\?\s*\((.*?)\)\)", header[header.index("#define KXRULE_FUNCTIONS(F)"):])
+    declared = {name: [kinds.get(parameter.split()[0]) if "*" not in parameter else None
+                       for parameter in parameters.split(",") if parameter != "void"] for name, parameters in rows}
+    declared["kxRuleUpdateHashValue"][2] = None
+    assert len(declared) == 25
+    numbers = ctypes.c_uint16, ctypes.c_int32
+    assert declared == {name: [kind if kind in numbers else None for kind in arguments]
+                        for name, arguments in _library._SIGNATURES.items()}
+    codes = dict(re.findall(r"#define (KXRULE_OK|KXRULE_E_\w+) \(?(-?\d+)\)?", header))
+    assert {code.name: str(code.value) for code in kxpfwrul.Code} == codes
+
+
+def refuses(error, call, text):
+    try:
+        call()
+    except error as raised:
+        assert text in str(raised), raised
+        return
+    raise AssertionError(f"not refused: {text}")
+
+
+def check_values():
+    for text in ("010.0.0.1", "10.0.0.0/33", "10.0.0.1-fe80::1", "fe80::1%3", "!any", ""):
+        refuses(ValueError, lambda: kxpfwrul.address(text), "")
+    for text in ("65536", "80,", "!80,81", "http"):
+        refuses(ValueError, lambda: kxpfwrul.port(text), "")
+    refuses(ValueError, lambda: kxpfwrul.access(65536), "wRuleIndex takes 0 to 65535")
+    refuses(ValueError, lambda: kxpfwrul.PFW_THROTTLE(wLimit=(1, 2, 3, 4, 5, 65536)), "wLimit")
+    refuses(ValueError, lambda: kxpfwrul.access(1, app="x" * 261), "260")
+    refuses(ValueError, lambda: kxpfwrul.PFW_MACRO(szName=b"x" * 32), "31")
+
+
 def check_calls():
-    """A set of a rule goes in and comes back through the functions' real signatures."""
+    """A set of a rule goes in and comes back; `with` writes, and says when it could not."""
     library = scratch / "stand_in.so"
-    subprocess.run(["gcc", "-std=c11", "-Wall", "-Wextra", "-Werror", "-shared", "-fPIC", f"-I{root}", "-o", library,
-                    root / "tests" / "sdk" / "stand_in.c"], check=True)
+    missing = scratch / "missing.c"
+    missing.write_text('#include "KxPfwRule.h"\n#define MISSING(name, parameters) __attribute__((weak)) int32_t name parameters'
+                       "{ return KXRULE_E_FILE_OPEN; }\nKXRULE_FUNCTIONS(MISSING)\n")
+    subprocess.run(["gcc", "-std=c11", "-Wall", "-Wextra", "-Wno-unused-parameter", "-Werror", "-shared", "-fPIC",
+                    f"-I{include}", "-o", library, here / "stand_in.c", missing], check=True)
     with kxpfwrul.Store(str(library), "somewhere") as store:
         index = store.add_rule_set("Büro")
-        rule = kxpfwrul.access(7, "tcp", "10.0.0.0/8", (80, 90), "accept", "Drucker im Büro")
-        store.call("kxRuleAddRule", index, 7, rule)
+        rule = kxpfwrul.access(7, "tcp", source="10.0.0.0/8", port="80-90", description="Drucker im Büro")
+        store.add_rule(index, rule)
         assert store.rule_sets() == [index]
-        (stored,) = store.rules(index)
-        assert bytes(stored) == bytes(rule)
+        _, name, (stored,) = store.rule_set(index)
+        assert bytes(stored) == bytes(rule) and name == "Büro"
         assert kxpfwrul.get_wide(stored.wszDescription) == "Drucker im Büro"
         assert store.text(stored) == "7 6 a000000/8 80-90 1"
-        try:
-            store.call("kxRuleGetRuleSet", index + 1, None, 0)
-            raise AssertionError("a code below zero must raise")
-        except OSError as error:
-            assert "-10015" in str(error)
+        refuses(kxpfwrul.RuleError, lambda: store.rule_set(index + 1), "kxRuleGetRuleSet: KXRULE_E_NO_RULESET (-10015)")
+        refuses(ValueError, lambda: store.rule_set(65536 + index), "0 to 65535")
+        refuses(kxpfwrul.RuleError, lambda: store.add_rule(index + 1, rule), "KXRULE_E_NO_RULESET")
+        stands = ctypes.CDLL(str(library))
+    assert stands.flushed() == 1 and stands.finalized() == 1
+
+    def full():
+        with kxpfwrul.Store(str(library), "full"):
+            pass
+    refuses(kxpfwrul.RuleError, full, "kxRuleFlush: KXRULE_E_FILE_WRITE")
+    assert stands.finalized() == 2
 
 
 print(check_layouts(), "sizes and offsets agree")
+check_signatures()
+check_values()
 check_calls()

@@ -1,19 +1,37 @@
-/* Just enough of the library for python_test.py, on the machine's own system: one rule set. */
+/*
+ * Just enough of the library for python_test.py, on the machine's own system: one rule set. missing.c, which
+ * the test writes, has the other functions.
+ */
 #include <stdio.h>
 #include <string.h>
 
-#include "api/include/KxPfwRule.h"
+#include "KxPfwRule.h"
 
 static PFW_RULESET g_Head;
 static PFW_RULE g_Rules[4];
+static int g_Full;
+static int g_Flushed;
+static int g_Finalized;
+
+int flushed(void)
+{
+    return g_Flushed;
+}
+
+int finalized(void)
+{
+    return g_Finalized;
+}
 
 int32_t kxRuleInitialize(const char* rulePath, const char* masterFileName)
 {
-    return strcmp(rulePath, "somewhere") == 0 && masterFileName == NULL ? KXRULE_OK : KXRULE_E_MUTEX;
+    g_Full = strcmp(rulePath, "full") == 0;
+    return (g_Full || strcmp(rulePath, "somewhere") == 0) && masterFileName == NULL ? KXRULE_OK : KXRULE_E_MUTEX;
 }
 
 int32_t kxRuleFinalize(void)
 {
+    ++g_Finalized;
     return KXRULE_OK;
 }
 
@@ -24,7 +42,8 @@ int32_t kxRuleRead(void)
 
 int32_t kxRuleFlush(void)
 {
-    return KXRULE_OK;
+    ++g_Flushed;
+    return g_Full ? KXRULE_E_FILE_WRITE : KXRULE_OK;
 }
 
 int32_t kxRuleAddRuleSet(uint16_t index, PFW_RULESET* ruleSet)

@@ -76,4 +76,4 @@ status=0
 run ./msvc.exe || status=$?
 [ $status = 3 ] || { echo "linked with KxPfwRul.lib: ended with $status instead of 3" >&2; exit 1; }
 
-python3 "$root/tests/sdk/python_test.py" "$root" "$scratch"
+PYTHONPATH=$root/api/python python3 "$root/tests/sdk/python_test.py" "$root/api/include" "$scratch"
