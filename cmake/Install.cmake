@@ -1,4 +1,4 @@
-# The SDK as `cmake --install` lays it out: bin, include, lib, share/doc.
+# The SDK as `cmake --install` lays it out, and what goes into the packages that scripts/package.sh makes of it.
 include(CMakePackageConfigHelpers)
 
 # What ships is compiled with symbols, which scripts/package.sh takes out into an archive of their own. (The tests, which
@@ -18,27 +18,41 @@ function(kx_with_symbols directory)
 endfunction()
 kx_with_symbols(${PROJECT_SOURCE_DIR})
 
-# MSVC's linker wants its own form of import library, which LLVM makes. Building needs it not, so it may be missing.
+# MSVC's linker wants its own form of import library, which LLVM makes. Building does not need it, so it may be missing.
 find_program(KX_LLVM_DLLTOOL NAMES llvm-dlltool llvm-dlltool-14)
-if(KX_LLVM_DLLTOOL)
-    set(library ${CMAKE_BINARY_DIR}/msvc/KxPfwRul.lib)
-    file(MAKE_DIRECTORY ${CMAKE_BINARY_DIR}/msvc)
-    add_custom_command(OUTPUT ${library} DEPENDS ${CMAKE_SOURCE_DIR}/api/KxPfwRul.def VERBATIM
-        COMMAND ${KX_LLVM_DLLTOOL} -m i386:x86-64 -d ${CMAKE_SOURCE_DIR}/api/KxPfwRul.def -l ${library})
-    add_custom_target(KxPfwRul_msvc ALL DEPENDS ${library})
-    install(FILES ${library} DESTINATION lib)
-endif()
-
-install(TARGETS KxPfwRul RUNTIME DESTINATION bin ARCHIVE DESTINATION lib)
-foreach(target KxHash KxVqrDbg kxrule)
-    if(TARGET ${target})
-        install(TARGETS ${target} RUNTIME DESTINATION bin)
+set(libraries)
+foreach(target KxPfwRul KxHash KxVqrDbg)
+    install(TARGETS ${target} RUNTIME DESTINATION bin ARCHIVE DESTINATION lib)
+    if(KX_LLVM_DLLTOOL)
+        get_target_property(sources ${target} SOURCES)
+        get_target_property(directory ${target} SOURCE_DIR)
+        list(FILTER sources INCLUDE REGEX "\\.def$")
+        set(library ${PROJECT_BINARY_DIR}/msvc/${target}.lib)
+        add_custom_command(OUTPUT ${library} DEPENDS ${directory}/${sources} VERBATIM
+            COMMAND ${CMAKE_COMMAND} -E make_directory ${PROJECT_BINARY_DIR}/msvc
+            COMMAND ${KX_LLVM_DLLTOOL} -m i386:x86-64 -d ${directory}/${sources} -l ${library})
+        list(APPEND libraries ${library})
+        install(FILES ${library} DESTINATION lib)
     endif()
 endforeach()
+add_custom_target(KxPfwRul_msvc ALL DEPENDS ${libraries})
+install(TARGETS kxrule RUNTIME DESTINATION bin)
 install(FILES api/include/KxPfwRule.h api/include/KxPfwRule.hpp api/include/KxPfwRuleBuilder.hpp DESTINATION include)
 
-write_basic_package_version_file(${CMAKE_BINARY_DIR}/KxPfwRulConfigVersion.cmake COMPATIBILITY SameMajorVersion)
-install(FILES cmake/KxPfwRulConfig.cmake ${CMAKE_BINARY_DIR}/KxPfwRulConfigVersion.cmake DESTINATION lib/cmake/KxPfwRul)
+# What finds it: find_package, FetchContent, pkg-config.
+configure_package_config_file(cmake/sdk/KxPfwRulConfig.cmake.in ${PROJECT_BINARY_DIR}/KxPfwRulConfig.cmake
+    INSTALL_DESTINATION lib/cmake/KxPfwRul NO_SET_AND_CHECK_MACRO)
+write_basic_package_version_file(${PROJECT_BINARY_DIR}/KxPfwRulConfigVersion.cmake COMPATIBILITY SameMajorVersion)
+configure_file(cmake/sdk/kxpfwrul.pc.in ${PROJECT_BINARY_DIR}/kxpfwrul.pc @ONLY)
+install(FILES ${PROJECT_BINARY_DIR}/KxPfwRulConfig.cmake ${PROJECT_BINARY_DIR}/KxPfwRulConfigVersion.cmake
+    DESTINATION lib/cmake/KxPfwRul)
+install(FILES ${PROJECT_BINARY_DIR}/kxpfwrul.pc DESTINATION lib/pkgconfig)
+install(FILES cmake/sdk/CMakeLists.txt DESTINATION .)
 
-install(FILES LICENSE README.md CHANGELOG.md SECURITY.md DESTINATION share/doc/KxPfwRul)
-install(DIRECTORY docs examples DESTINATION share/doc/KxPfwRul)
+# Documents of the package's users. Those of the library's own developers speak of sources that are not in it.
+install(FILES cmake/sdk/README.md LICENSE CHANGELOG.md SECURITY.md DESTINATION .)
+install(FILES docs/format.md docs/kxrule.md docs/policy.schema.json docs/recovery.md docs/security.md docs/settings.md
+    docs/threads.md DESTINATION docs)
+install(DIRECTORY examples DESTINATION . PATTERN __pycache__ EXCLUDE)
+install(FILES cmake/mingw-w64-x86_64.cmake DESTINATION examples)
+install(DIRECTORY api/python DESTINATION . PATTERN __pycache__ EXCLUDE)

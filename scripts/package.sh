@@ -1,7 +1,10 @@
 #!/bin/bash
-# package.sh [FOLDER]: the SDK as a zip file with checksums, in dist or the folder given. The same sources give the same
-# bytes, wherever and whenever they are packed.
-. "$(dirname "$0")/steps.sh" 3
+# package.sh [FOLDER]: the SDK as a zip file, its debug symbols as another one, and a NuGet package, with checksums, in
+# dist or the folder given. The same sources give the same bytes, wherever and whenever they are packed.
+#
+# KX_SIGN: a command that is called with each DLL and program to sign it in place, for example
+#   KX_SIGN=scripts/sign.sh with a script that calls the signing tool of the house. (Signatures have a time and differ.)
+. "$(dirname "$0")/steps.sh" 4
 dist=$(realpath -m "${1-dist}")
 
 step "packages"
@@ -13,17 +16,35 @@ NINJA_STATUS='    [%f/%t] ' cmake --build --preset release --target KxPfwRul KxP
 
 version=$(sed -n 's/^project(KxPfwRul VERSION \([0-9.]*\).*/\1/p' CMakeLists.txt)
 name=KxPfwRul-$version-win64
-step "$name.zip"
-rm -rf "build/package/$name"
+package=build/package/$name
+symbols=build/package/$name-symbols
+step "binaries without symbols, notices"
+rm -rf build/package
 export SOURCE_DATE_EPOCH=${SOURCE_DATE_EPOCH:-$(git log -1 --format=%ct)} # strip writes the time into a binary
-quietly install cmake --install build/release --strip --prefix "build/package/$name"
-cd build/package
+quietly install cmake --install build/release --prefix "$package"
+mkdir -p "$symbols" "$dist"
+for file in "$package"/bin/*; do
+    # A debugger finds the symbols by the name and the checksum that the binary then holds.
+    symbol=$symbols/$(basename "$file").debug
+    x86_64-w64-mingw32-objcopy --only-keep-debug "$file" "$symbol"
+    x86_64-w64-mingw32-strip "$file"
+    x86_64-w64-mingw32-objcopy --add-gnu-debuglink="$symbol" "$file"
+    [ -z "${KX_SIGN-}" ] || quietly sign "$KX_SIGN" "$file"
+done
+scripts/third_party.py "$package" "$version"
+
+step "$name.zip, its symbols, KxPfwRul.$version.nupkg"
+scripts/nuget.py "$package" "$version" "$dist/KxPfwRul.$version.nupkg"
 # What would tell one packing from another: clock, permissions, order, time zone.
+cd build/package
 sums=$(cd "$name" && find . -type f -printf '%P\n' | LC_ALL=C sort | xargs -d '\n' sha256sum)
 echo "$sums" >"$name/SHA256SUMS"
-find "$name" -type f -exec chmod 644 {} + -exec touch -d "@$SOURCE_DATE_EPOCH" {} +
-mkdir -p "$dist"
-rm -f "$dist/$name.zip"
-find "$name" -type f | LC_ALL=C sort | TZ=UTC zip -q -X -D -@ "$dist/$name.zip"
+for folder in "$name" "$name-symbols"; do
+    find "$folder" -type f -exec chmod 644 {} + -exec touch -d "@$SOURCE_DATE_EPOCH" {} +
+    rm -f "$dist/$folder.zip"
+    find "$folder" -type f | LC_ALL=C sort | TZ=UTC zip -q -X -D -@ "$dist/$folder.zip"
+done
 cd "$dist"
-sha256sum "$name.zip" | tee "$name.zip.sha256"
+for file in "$name.zip" "$name-symbols.zip" "KxPfwRul.$version.nupkg"; do
+    sha256sum "$file" | tee "$file.sha256"
+done

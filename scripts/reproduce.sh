@@ -14,5 +14,5 @@ for clone in one another/somewhere-else; do
 done
 
 step "compare"
-(cd "$scratch/dist-one" && sha256sum -- *.zip) | tee "$scratch/sums"
+(cd "$scratch/dist-one" && sha256sum -- *.zip *.nupkg) | tee "$scratch/sums"
 cd "$scratch/dist-another" && sha256sum -c "$scratch/sums"

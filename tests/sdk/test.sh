@@ -1,31 +1,41 @@
 #!/bin/bash
-# The SDK as a customer meets it: installed from build/release into a folder of its own, its examples built from that
-# folder alone and run, its import libraries used by both families of linkers.
+# The packages as a customer meets them: packed from build/release, unpacked into a folder with a blank in its name, moved,
+# and programs in C, C++ and Python built from that folder alone and run.
 set -euo pipefail
 cd "$(dirname "$0")/../.."
 root=$PWD
 scratch=$root/build/sdk
-sdk=$scratch/tree
-examples=$sdk/share/doc/KxPfwRul/examples
+sdk="$scratch/a folder/KxPfwRul"
 rm -rf "$scratch"
-mkdir -p "$scratch"
+mkdir -p "$scratch/a folder"
 
-cmake --install build/release --strip --prefix "$sdk" >"$scratch/install.log"
-for file in bin/{KxPfwRul.dll,KxHash.dll,KxVqrDbg.dll,kxrule.exe} \
-    include/{KxPfwRule.h,KxPfwRule.hpp,KxPfwRuleBuilder.hpp} \
-    lib/{libKxPfwRul.dll.a,KxPfwRul.lib,cmake/KxPfwRul/KxPfwRulConfig.cmake} \
-    share/doc/KxPfwRul/{README.md,LICENSE,docs/{architecture,format,kxrule}.md,examples/CMakeLists.txt}; do
-    [ -f "$sdk/$file" ] || { echo "not installed: $file" >&2; exit 1; }
+# logged NAME COMMAND...: shows what the command said when it fails.
+logged()
+{
+    "${@:2}" >"$scratch/$1.log" 2>&1 || { cat "$scratch/$1.log" >&2; echo "failed: $1" >&2; exit 1; }
+}
+logged package scripts/package.sh "$scratch/dist"
+for zip in "$scratch"/dist/*.zip; do
+    python3 -m zipfile -e "$zip" "$scratch/a folder"
 done
+mv "$scratch/a folder"/*-win64 "$sdk"
+zip=$(ls "$scratch"/dist/*-win64.zip)
+python3 tests/sdk/package_test.py "$sdk" "$scratch/a folder"/*-symbols "$scratch"/dist/*.nupkg
 
-# The examples, moved away from the sources: what they need and the package lacks is missed here.
-cp -r "$examples" "$scratch/examples"
-cmake -S "$scratch/examples" -B "$scratch/build" -G Ninja -DCMAKE_TOOLCHAIN_FILE="$root/cmake/mingw-w64-x86_64.cmake" \
-    -DCMAKE_BUILD_TYPE=Release -DKxPfwRul_DIR="$sdk/lib/cmake/KxPfwRul" -DCMAKE_C_FLAGS="-Wall -Wextra -Wpedantic -Werror" \
-    -DCMAKE_CXX_FLAGS="-Wall -Wextra -Wpedantic -Werror -Wno-restrict" >"$scratch/configure.log"
-cmake --build "$scratch/build" >"$scratch/build.log" || { cat "$scratch/build.log" >&2; exit 1; }
-cp "$sdk/bin/"*.dll "$scratch/build"
-cd "$scratch/build"
+# Off Windows the package says why it is no use. For Windows the two commands of its README build the examples.
+cd "$sdk"
+cmake -S examples -B "$scratch/native" -G Ninja -DCMAKE_PREFIX_PATH="$PWD" >"$scratch/native.log" 2>&1 && exit 1
+grep -q 'KxPfwRul is for 64-bit Windows' "$scratch/native.log" || { cat "$scratch/native.log" >&2; exit 1; }
+flags='-Wall -Wextra -Wpedantic -Werror'
+export CFLAGS=$flags CXXFLAGS="$flags -Wno-restrict"
+awk '/^```/ { commands = /sh$/; next } commands' README.md >"$scratch/readme.sh"
+logged examples bash -e "$scratch/readme.sh"
+# A program that takes the zip file by itself, and one that knows nothing but pkg-config.
+logged consumer cmake -S "$root/tests/sdk/consumer" -B "$scratch/a folder/consumer" -G Ninja -DKX_ZIP="$zip" \
+    -DCMAKE_TOOLCHAIN_FILE="$PWD/examples/mingw-w64-x86_64.cmake"
+logged consumer cmake --build "$scratch/a folder/consumer"
+eval "x86_64-w64-mingw32-gcc-posix -std=c99 $flags -static -o build/by-pkg-config.exe examples/first-steps.c \
+    $(PKG_CONFIG_PATH=lib/pkgconfig pkg-config --cflags --libs kxpfwrul)"
 
 # expect NAME COMMAND...: the command's output is what the input says.
 expect()
@@ -36,11 +46,14 @@ expect()
 }
 run() { "$root/cmake/wine-run.sh" "$@"; }
 
-for attempt in first second; do
-    expect "first-steps.c, $attempt run" run ./first-steps-c.exe rules-c <<'E1'
+cd build
+for program in by-pkg-config first-steps-c; do
+    expect "first-steps.c as $program" run ./$program.exe rules-c <<'E1'
 1/10 ACCESS,TCP,10.0.0.1,,,443,ACCEPT
 1/20 ACCESS,TCP,,,,23,DROP
 E1
+done
+for attempt in first second; do
     expect "first-steps.cpp, $attempt run" run ./first-steps-cpp.exe rules-cpp <<'E1'
 1/10 ACCESS,TCP,10.0.0.0/8,,,80|443,ACCEPT
 1/20 ACCESS,ANY,,,,,DROP
@@ -49,6 +62,7 @@ E1
 servers=10.0.0.1:10.0.0.9
 E1
 done
+expect "load-at-run-time" run ./load-at-run-time.exe rules-cpp <<<'1 rule sets'
 
 # The threads answer in any order.
 query() { printf '%s\n' "$@" | run ./service.exe rules-c | sort; }
@@ -76,4 +90,11 @@ status=0
 run ./msvc.exe || status=$?
 [ $status = 3 ] || { echo "linked with KxPfwRul.lib: ended with $status instead of 3" >&2; exit 1; }
 
-PYTHONPATH=$root/api/python python3 "$root/tests/sdk/python_test.py" "$root/api/include" "$scratch"
+cd "$scratch/a folder/consumer"
+[ -f KxHash.dll ] && [ -f KxVqrDbg.dll ] && [ -f kxrule.exe ] # copied with the target that names them
+printf '[InteractiveSession]\r\nEnable=1\r\nLevel=273\r\nLogFolder=log\r\n' >KxPfw.ini
+run ./consumer.exe
+
+/usr/bin/python3 -m pip install -q --root-user-action=ignore --no-index --no-deps --no-build-isolation \
+    --target "$scratch/site" "$sdk/python"
+PYTHONPATH=$scratch/site /usr/bin/python3 "$root/tests/sdk/python_test.py" "$sdk/include" "$scratch"

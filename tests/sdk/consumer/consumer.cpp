@@ -1,0 +1,98 @@
+// The C++ layer as a program meets it that includes the Windows headers with all their macros, against the real DLL.
+#include <algorithm>
+#include <array>
+#include <cstdio>
+#include <filesystem>
+#include <iterator>
+#include <memory>
+#include <ranges>
+#include <span>
+#include <string>
+#include <system_error>
+#include <vector>
+
+#include <windows.h>
+
+#undef min
+#undef max
+#define min(a, b) (((a) < (b)) ? (a) : (b)) // as the Windows SDK has them, also for C++
+#define max(a, b) (((a) > (b)) ? (a) : (b))
+
+#include <KxPfwRule.hpp>
+
+namespace
+{
+
+int g_Failed = 0;
+
+void Expect(bool condition, const char* what)
+{
+    if (condition)
+        return;
+    std::printf("not so: %s\n", what);
+    ++g_Failed;
+}
+#define EXPECT(...) Expect(static_cast<bool>((__VA_ARGS__)), #__VA_ARGS__)
+
+using kxrule::Outcome;
+using kxrule::Result;
+
+static_assert(!std::is_constructible_v<bool, Outcome<bool>>); // true for an inactive rule, it would be
+static_assert(std::forward_iterator<kxrule::Macros::Iterator> && std::ranges::forward_range<kxrule::Macros>);
+static_assert(!std::is_constructible_v<kxrule::Macro, std::string>); // a name that may be too long goes through parse
+
+// What a Store says of a store, and of what is not in it.
+void Values(kxrule::Store& store, uint16_t set)
+{
+    EXPECT(store.addRule(set, 5, kxrule::access().app(L"C:\\tool.exe").active(false).description(L"off").drop()));
+    EXPECT(store.isActive(set, 5).has_value() && !store.isActive(set, 5).value_or(true));
+    EXPECT(store.isActive(set, 6).error() == KXRULE_E_NO_RULE && store.isActive(set, 6).value_or(true));
+    EXPECT(store.rule(set, 6).error() == Result(KXRULE_E_NO_RULE) && !store.rule(set, 6));
+    const PFW_RULE rule = *store.rule(set, 5);
+    EXPECT(kxrule::application(rule) == L"C:\\tool.exe" && kxrule::description(rule) == L"off");
+    const Result twice = store.addRule(set, 5, rule);
+    EXPECT(std::error_code(twice).message() == "KXRULE_E_RULE_EXISTS: the rule index is in use in the rule set");
+    EXPECT(twice != store.deleteRule(set, 0) && twice.message() == "the rule index is in use in the rule set");
+}
+
+void MacrosAreARange(kxrule::Store& store)
+{
+    EXPECT(store.addMacro(kxrule::Macro("first").add(kxrule::Port("80")).addText("x")));
+    EXPECT(store.addMacro(kxrule::Macro("second").add(kxrule::Address("10.0.0.1"))));
+    const kxrule::Macros macros = store.macros();
+    const auto found = std::ranges::find(
+        macros, "second", [](const PFW_MACRO& macro) { return kxrule::field(macro, &PFW_MACRO::szName); });
+    EXPECT(found != macros.end() && kxrule::text(*found).value_or("") == "second=10.0.0.1");
+}
+
+// A failed open leaves nothing running: the log of the trace can be opened for this program alone.
+void FailedOpenStopsTheTrace()
+{
+    const HANDLE other = ::CreateEventW(nullptr, TRUE, FALSE, L"Global\\KxPfwRuleDllLockMutex"); // not a mutex
+    kxrule::Store store;
+    EXPECT(store.open("rules-closed") == KXRULE_E_MUTEX);
+    ::CloseHandle(other);
+    EXPECT(store.deleteAllMacros());
+    std::error_code error;
+    const auto before = std::filesystem::file_size("log\\VQR_KxPfw.log", error);
+    EXPECT(!error && store.deleteAllMacros() && std::filesystem::file_size("log\\VQR_KxPfw.log", error) == before);
+}
+
+} // namespace
+
+int main()
+{
+    FailedOpenStopsTheTrace();
+    {
+        kxrule::Store store;
+        EXPECT(store.open(L"rules-\u0416\u65E5") == KXRULE_E_FILE_OPEN); // no code page has both
+        EXPECT(store.open(L"rules-B\u00FCro") && store.read());
+        kxrule::RuleSet set(L"Set", 0);
+        EXPECT(store.addRuleSet(set));
+        Values(store, set.index());
+        MacrosAreARange(store);
+        EXPECT(store.flush());
+    }
+    EXPECT(std::filesystem::exists(L"rules-B\u00FCro\\KxRulMas.dat"));
+    return g_Failed == 0 ? 0 : 1;
+}
