@@ -156,6 +156,8 @@ void DecryptChain(const KeySchedule& keys, const uint8_t* in, uint8_t* out, uint
     Store(iv, previous);
 }
 
+const BlockCipher* const g_Processor = ProcessorCipher(); // asking costs a microsecond in a virtual machine
+
 } // namespace
 
 KeySchedule::KeySchedule(const uint8_t key[16]) noexcept
@@ -203,8 +205,7 @@ const BlockCipher& PortableCipher() noexcept
 
 const BlockCipher& BestCipher() noexcept
 {
-    static const BlockCipher* const processor = ProcessorCipher();
-    return processor != nullptr ? *processor : PortableCipher();
+    return g_Processor != nullptr ? *g_Processor : PortableCipher();
 }
 
 void EncryptPadded(const BlockCipher& cipher, const KeySchedule& keys, const void* const in[], uint8_t* const out[],

@@ -23,11 +23,7 @@ constexpr size_t kGathered = kPiece + (kPiece >> 3); // a piece, and what was be
 constexpr size_t kPrefix = sizeof(uint32_t);         // the length before the ciphertext
 constexpr uint64_t kMostBytes = std::numeric_limits<uint32_t>::max();
 
-const Aes128::KeySchedule& Keys() noexcept
-{
-    static const Aes128::KeySchedule keys(FileFormat::kKey);
-    return keys;
-}
+const Aes128::KeySchedule g_Keys(FileFormat::kKey);
 
 template <class T>
 void ReadValue(CEncryptStream& stream, T& value)
@@ -93,7 +89,7 @@ bool CEncryptStream::WriteRecords(const void* const records[], size_t count, uin
             out[i] = m_Buffer.Bytes() + m_End + kPrefix;
             m_End += recordBytes;
         }
-        Aes128::EncryptPadded(Aes128::BestCipher(), Keys(), records, out, group, size);
+        Aes128::EncryptPadded(Aes128::BestCipher(), g_Keys, records, out, group, size);
         records += group;
         count -= group;
     }
@@ -340,14 +336,14 @@ bool CEncryptStream::ReadRecord(void* buffer, uint32_t size)
     {
         if (!Gather(kPiece))
             return false;
-        Aes128::BestCipher().DecryptChain(Keys(), m_Buffer.Bytes() + m_Position, out, iv, kPiece / Aes128::kBlock);
+        Aes128::BestCipher().DecryptChain(g_Keys, m_Buffer.Bytes() + m_Position, out, iv, kPiece / Aes128::kBlock);
         m_Position += kPiece;
     }
     if (!Gather(cipherBytes))
         return false;
     const uint8_t* const in = m_Buffer.Bytes() + m_Position;
     m_Position += cipherBytes;
-    return Aes128::DecryptPadded(Aes128::BestCipher(), Keys(), iv, in, cipherBytes, out, size);
+    return Aes128::DecryptPadded(Aes128::BestCipher(), g_Keys, iv, in, cipherBytes, out, size);
 }
 
 bool CEncryptStream::WritePlain(const void* buffer, uint32_t size)

@@ -41,6 +41,7 @@ SystemVersion QueryVersion() noexcept
 #if defined(_MSC_VER)
 #pragma warning(pop)
 #endif
+const SystemVersion g_Version = QueryVersion();
 
 UniqueLocalMemory Convert(const char* sddl) noexcept
 {
@@ -162,8 +163,7 @@ bool IsVersion(VersionClass wanted, uint32_t platform, uint32_t major, uint32_t 
 
 bool IsVersion(VersionClass wanted) noexcept
 {
-    static const SystemVersion s_Version = QueryVersion();
-    return s_Version.Known && IsVersion(wanted, s_Version.Platform, s_Version.Major, s_Version.Minor);
+    return g_Version.Known && IsVersion(wanted, g_Version.Platform, g_Version.Major, g_Version.Minor);
 }
 
 std::string GlobalName(std::string_view name)

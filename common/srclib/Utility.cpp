@@ -8,6 +8,8 @@
 #include "common/srclib/KxComn_String.h"
 #include "common/srclib/KxComn_Trace.h"
 
+extern "C" BOOLEAN NTAPI RtlDllShutdownInProgress(); // of ntdll.dll; the system's headers for programs lack it
+
 namespace KxCommon
 {
 
@@ -135,15 +137,7 @@ bool IsAbsolutePath(std::wstring_view path) noexcept
 
 bool IsProcessEnding() noexcept
 {
-    using Function = BOOLEAN NTAPI();
-    static Function* const s_IsEnding = []
-    {
-        const HMODULE ntdll = ::GetModuleHandleA("ntdll.dll");
-        void* const address =
-            ntdll == nullptr ? nullptr : reinterpret_cast<void*>(::GetProcAddress(ntdll, "RtlDllShutdownInProgress"));
-        return reinterpret_cast<Function*>(address);
-    }();
-    return s_IsEnding != nullptr && s_IsEnding() != FALSE;
+    return ::RtlDllShutdownInProgress() != FALSE;
 }
 
 } // namespace KxCommon

@@ -67,8 +67,7 @@ private:
 // steps, so that two processes may write to the same place; there they take turns.
 bool AppendsInOneStep() noexcept
 {
-    static const bool s_Answer = ::GetProcAddress(::GetModuleHandleW(L"ntdll.dll"), "wine_get_version") == nullptr;
-    return s_Answer;
+    return ::GetProcAddress(::GetModuleHandleW(L"ntdll.dll"), "wine_get_version") == nullptr;
 }
 
 KxCommon::UniqueFile OpenToAppend(const std::wstring& path)
