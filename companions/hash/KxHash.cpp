@@ -1,18 +1,21 @@
 // KxHash.dll: SHA-1 of a file through the system's own cryptography. KxHash.h is the contract.
 #include "companions/hash/KxHash.h"
 
+#include <algorithm>
 #include <cstring>
 #include <memory>
 #include <new>
+#include <string>
 
 #include "common/srclib/KxComn_ErrorMode.h"
 #include "common/srclib/KxComn_Handle.h"
+#include "common/srclib/KxComn_Identity.h"
+#include "common/srclib/KxComn_Names.h"
 #include "common/srclib/KxComn_Windows.h"
 
 #include <bcrypt.h>
-#include <ntsecapi.h>
 
-#include "companions/LongPath.h"
+#include "companions/NtFile.h"
 
 namespace
 {
@@ -46,13 +49,13 @@ public:
         BCRYPT_ALG_HANDLE algorithm = nullptr;
         NTSTATUS status = ::BCryptOpenAlgorithmProvider(&algorithm, BCRYPT_SHA1_ALGORITHM, nullptr, 0);
         if (status < 0)
-            return ::LsaNtStatusToWinError(status);
+            return ::RtlNtStatusToDosError(status);
         m_Algorithm.reset(algorithm);
 
         BCRYPT_HASH_HANDLE hash = nullptr;
         status = ::BCryptCreateHash(algorithm, &hash, nullptr, 0, nullptr, 0, 0);
         if (status < 0)
-            return ::LsaNtStatusToWinError(status);
+            return ::RtlNtStatusToDosError(status);
         m_Hash.reset(hash);
         return ERROR_SUCCESS;
     }
@@ -60,13 +63,13 @@ public:
     [[nodiscard]] DWORD Add(uint8_t* piece, DWORD size)
     {
         const NTSTATUS status = ::BCryptHashData(m_Hash.get(), piece, size, 0);
-        return status < 0 ? ::LsaNtStatusToWinError(status) : ERROR_SUCCESS;
+        return status < 0 ? ::RtlNtStatusToDosError(status) : ERROR_SUCCESS;
     }
 
     [[nodiscard]] DWORD Finish(uint8_t* hash)
     {
         const NTSTATUS status = ::BCryptFinishHash(m_Hash.get(), hash, kHashSize, 0);
-        return status < 0 ? ::LsaNtStatusToWinError(status) : ERROR_SUCCESS;
+        return status < 0 ? ::RtlNtStatusToDosError(status) : ERROR_SUCCESS;
     }
 
 private:
@@ -74,39 +77,113 @@ private:
     UniqueHash m_Hash;
 };
 
-[[nodiscard]] DWORD HashFile(const wchar_t* path, uint8_t* hash20)
+enum class Place
 {
-    const KxCommon::QuietErrors quiet; // the path may name a drive without a disk
-    const std::wstring longPath = KxCompanions::LongPath(path);
-    // The path comes out of a rule: should it name a pipe, its server gets to know who we are but not to act as us.
-    const KxCommon::UniqueFile file(::CreateFileW(
-        longPath.c_str(), GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, nullptr, OPEN_EXISTING,
-        FILE_FLAG_SEQUENTIAL_SCAN | SECURITY_SQOS_PRESENT | SECURITY_IDENTIFICATION, nullptr));
-    if (!file)
-        return ::GetLastError();
-    // Reading a pipe or a console could wait for ever, reading a whole disk nearly so. A volume or a disk is of the
-    // type of a file; what it has not is a file's information.
-    BY_HANDLE_FILE_INFORMATION info;
-    if (::GetFileType(file.get()) != FILE_TYPE_DISK || ::GetFileInformationByHandle(file.get(), &info) == FALSE)
-        return ERROR_BAD_FILE_TYPE;
+    Local,
+    Network,
+    Device
+};
 
+// Told by the path alone: opening what lies elsewhere may already take as long as its owner likes.
+Place PlaceOf(std::wstring full)
+{
+    const auto starts = [&full](const wchar_t* with, int length)
+    {
+        return ::CompareStringOrdinal(full.c_str(), std::min<int>(length, static_cast<int>(full.size())), with, length,
+                                      TRUE) == CSTR_EQUAL;
+    };
+    const bool isPrefixed = full.starts_with(L"\\\\?\\") || full.starts_with(L"\\\\.\\");
+    if (!isPrefixed && full.starts_with(L"\\\\"))
+        return Place::Network;
+    if (isPrefixed)
+        full.erase(0, 4);
+    if (starts(L"UNC\\", 4))
+        return Place::Network;
+    if (full.size() > 2 && full[1] == L':' && full[2] == L'\\')
+        return ::GetDriveTypeW(full.substr(0, 3).c_str()) == DRIVE_REMOTE ? Place::Network : Place::Local;
+    return starts(L"Volume{", 7) ? Place::Local : Place::Device;
+}
+
+// A link may have led to a server, and the bytes of a file may have been moved to another medium or into a cloud.
+bool IsElsewhere(HANDLE file, const BY_HANDLE_FILE_INFORMATION& info)
+{
+    constexpr DWORD kRecalled = FILE_ATTRIBUTE_OFFLINE | 0x00040000 | 0x00400000; // on opening, on reading
+    FILE_REMOTE_PROTOCOL_INFO remote;
+    return (info.dwFileAttributes & kRecalled) != 0 ||
+           ::GetFileInformationByHandleEx(file, FileRemoteProtocolInfo, &remote, sizeof remote) != FALSE;
+}
+
+bool MayUseNetwork()
+{
+    DWORD value = 0, size = sizeof value;
+    return ::RegGetValueW(HKEY_LOCAL_MACHINE, KxCommon::Names::kRegistryKeyWide,
+                          KxCommon::Names::kHashNetworkFilesValue, RRF_RT_REG_DWORD, nullptr, &value,
+                          &size) == ERROR_SUCCESS &&
+           value != 0;
+}
+
+[[nodiscard]] DWORD OpenToRead(KxCommon::UniqueFile& file, const std::wstring& full)
+{
+    DWORD error = KxCompanions::kOplocked;
+    for (int attempt = 0; attempt < 5 && error == KxCompanions::kOplocked; ++attempt)
+    {
+        if (attempt != 0)
+            ::Sleep(20); // well-behaved holders, such as the file server, let go within that time
+        error = KxCompanions::Open(file, nullptr, KxCompanions::NtPath(full), FILE_GENERIC_READ, FILE_OPEN,
+                                   FILE_NON_DIRECTORY_FILE | FILE_SEQUENTIAL_ONLY);
+    }
+    return error;
+}
+
+// The first `size` bytes.
+[[nodiscard]] DWORD HashBytes(HANDLE file, DWORD size, uint8_t* hash)
+{
     Sha1 sha1;
     DWORD error = sha1.Start();
     const std::unique_ptr<uint8_t[]> piece = std::make_unique<uint8_t[]>(kPieceSize);
-    DWORD got = 1;
-    while (error == ERROR_SUCCESS && got != 0)
+    for (DWORD got = 0; error == ERROR_SUCCESS && size != 0; size -= got)
     {
-        if (!::ReadFile(file.get(), piece.get(), kPieceSize, &got, nullptr))
+        if (!::ReadFile(file, piece.get(), std::min(size, kPieceSize), &got, nullptr))
             return ::GetLastError();
+        if (got == 0)
+            return ERROR_RETRY; // it has become shorter
         error = sha1.Add(piece.get(), got);
     }
+    return error == ERROR_SUCCESS ? sha1.Finish(hash) : error;
+}
+
+[[nodiscard]] DWORD HashFile(const wchar_t* path, uint8_t* hash20)
+{
+    const KxCommon::OwnIdentity identity;
+    if (!identity)
+        return ERROR_ACCESS_DENIED;
+    const KxCommon::QuietErrors quiet; // the path may name a drive without a disk
+    const std::wstring full = KxCompanions::FullPath(path);
+    const Place place = PlaceOf(full);
+    if (place == Place::Network && !MayUseNetwork())
+        return ERROR_NETWORK_ACCESS_DENIED;
+    KxCommon::UniqueFile file;
+    // Reading a pipe or a console could wait for ever, reading a whole disk nearly so.
+    if (const DWORD error = place == Place::Device ? ERROR_BAD_FILE_TYPE : OpenToRead(file, full))
+        return error;
+    BY_HANDLE_FILE_INFORMATION before, after;
+    if (::GetFileType(file.get()) != FILE_TYPE_DISK || !::GetFileInformationByHandle(file.get(), &before))
+        return ERROR_BAD_FILE_TYPE;
+    if (IsElsewhere(file.get(), before) && !MayUseNetwork())
+        return ERROR_NETWORK_ACCESS_DENIED;
+    if (before.nFileSizeHigh != 0)
+        return ERROR_FILE_TOO_LARGE; // no program: the system runs none of that size
 
     uint8_t hash[kHashSize];
-    if (error == ERROR_SUCCESS)
-        error = sha1.Finish(hash);
-    if (error == ERROR_SUCCESS)
-        std::memcpy(hash20, hash, kHashSize);
-    return error;
+    if (const DWORD error = HashBytes(file.get(), before.nFileSizeLow, hash))
+        return error;
+    if (!::GetFileInformationByHandle(file.get(), &after))
+        return ::GetLastError();
+    if (after.nFileSizeHigh != 0 || after.nFileSizeLow != before.nFileSizeLow ||
+        ::CompareFileTime(&after.ftLastWriteTime, &before.ftLastWriteTime) != 0)
+        return ERROR_RETRY;
+    std::memcpy(hash20, hash, kHashSize);
+    return ERROR_SUCCESS;
 }
 
 } // namespace

@@ -23,17 +23,23 @@
 #endif
 
 /*
- * Hashes a file as it is now. A file that is being written meanwhile yields a hash of no version in particular.
+ * Hashes a file as it is now: the bytes that it had when it was opened, below 4 GiB, so that the call comes to an end
+ * whatever the file's owner does. It reads with the rights of the process, also on a thread that impersonates a client.
  *   path    NUL-terminated, absolute or relative to the current directory; an absolute one may be longer than 260
  *           characters. Neither SYSTEM nor any other name has a special meaning here.
  *   hash20  receives 20 bytes on success and is left alone otherwise
  * 0, or the Windows error number of what failed, among them
  *     2, 3  no such file, no such directory
- *     5     no access, or a directory
+ *     5     no access, or a directory; or the thread impersonates an anonymous client
  *     8     out of memory
  *     32    somebody has the file open without sharing it
+ *     65    the file lies on the network, or its bytes do not lie on this machine; the registry value HashNetworkFiles
+ *           lets it in (docs/settings.md)
  *     87    path or hash20 is null
  *     222   not a file but a volume, a disk, a pipe, a console or another device
+ *     223   4 GiB or more, which no program has
+ *     802   somebody holds an oplock on the file and does not let go within a tenth of a second
+ *     1237  the file was written to meanwhile
  * Any thread, no lock. Others may read, write, rename and delete the file during the call.
  */
 KXHASH_FUNCTION int32_t kxCfwGetHashValue(const wchar_t* path, uint8_t* hash20);

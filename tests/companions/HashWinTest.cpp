@@ -1,20 +1,24 @@
 #include "companions/hash/KxHash.h"
 
+#include <atomic>
 #include <cstring>
 #include <filesystem>
 #include <iterator>
 #include <string>
+#include <thread>
 #include <tuple>
 
 #include <gtest/gtest.h>
 
 #include "common/srclib/KxComn_Handle.h"
 #include "tests/standins/StandIn.h"
+#include "tests/support/RegistryGuard.h"
 #include "tests/support/TempDir.h"
 
 namespace
 {
 
+constexpr DWORD kShareAll = FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE;
 constexpr char kAbc[] = "a9993e364706816aba3e25717850c26c9cd0d89d"; // three bytes, "abc"
 
 class Hash : public testing::Test
@@ -74,6 +78,8 @@ TEST_F(Hash, TakesAnyPathToAFileAndNothingElse)
     const KxCommon::UniqueFile pipe(::CreateNamedPipeW(L"\\\\.\\pipe\\kx-hash-test", PIPE_ACCESS_DUPLEX,
                                                        PIPE_TYPE_BYTE | PIPE_WAIT, 1, 512, 512, 0, nullptr));
     ASSERT_TRUE(writer && holder && pipe);
+    WriteBytes(m_Dir / L"huge.exe", "");
+    std::filesystem::resize_file(m_Dir / L"huge.exe", uint64_t{1} << 32);
     const std::pair<std::filesystem::path, const char*> rows[] = {
         {m_Dir / L"\u65e5\u672c \u00fc.exe", kAbc},
         {m_Dir / L"open.exe", kAbc},
@@ -86,13 +92,43 @@ TEST_F(Hash, TakesAnyPathToAFileAndNothingElse)
         {m_Dir.Path(), "5"},
         {m_Dir / L"held.exe", "32"},
         {L"\\\\.\\pipe\\kx-hash-test", "222"}, // would wait for ever
-        {L"\\\\.\\C:", "222"},                 // a volume, which Wine, unlike Windows, does not call a disk file
+        {L"\\\\.\\C:", "222"},
+        {m_Dir / L"huge.exe", "223"}, // would take a minute
+        {L"\\\\server\\share\\app.exe", "65"},
+        {L"//server/share/app.exe", "65"},
+        {L"\\\\?\\unc\\server\\share\\app.exe", "65"},
+        {L"\\\\?\\GLOBALROOT\\Device\\Mup\\server\\share\\app.exe", "222"},
     };
     for (const auto& [path, expected] : rows)
         EXPECT_EQ(Of(path), expected) << path;
+    const RegistryGuard registry;
+    registry.SetNumber(L"HashNetworkFiles", 1);
+    EXPECT_NE(Of(L"\\\\server\\share\\app.exe"), "65") << "let in and not found";
     uint8_t hash[20];
     EXPECT_EQ(m_GetHashValue(nullptr, hash), 87);
     EXPECT_EQ(m_GetHashValue(L"app.exe", nullptr), 87);
+}
+
+// Somebody writes all the time; the call ends all the same, without a hash of no version.
+TEST_F(Hash, GivesUpOnAFileThatChanges)
+{
+    WriteBytes(m_Dir / L"app.exe", "");
+    std::filesystem::resize_file(m_Dir / L"app.exe", 48 << 20);
+    for (const DWORD access : {FILE_APPEND_DATA, FILE_WRITE_DATA}) // longer, and of the same length
+    {
+        const KxCommon::UniqueFile file = Open(m_Dir / L"app.exe", access | SYNCHRONIZE, kShareAll);
+        ASSERT_TRUE(file);
+        std::atomic<bool> isDone{false};
+        std::thread writer(
+            [&]
+            {
+                for (DWORD written = 0; !isDone; ::Sleep(1))
+                    ::WriteFile(file.get(), "x", 1, &written, nullptr);
+            });
+        EXPECT_EQ(Of(m_Dir / L"app.exe"), "1237") << access;
+        isDone = true;
+        writer.join();
+    }
 }
 
 } // namespace

@@ -10,7 +10,7 @@
 #include "common/srclib/KxComn_Handle.h"
 #include "common/srclib/KxComn_Windows.h"
 
-/// Takes InstallPath and RuleWriteInterval away and brings them back at the end. All test programs that use it share
+/// Takes all settings away and brings them back at the end. All test programs that use it share
 /// one registry, so only one of them has it at a time; the others wait.
 class RegistryGuard
 {
@@ -22,7 +22,7 @@ public:
         ::RegCreateKeyExW(HKEY_LOCAL_MACHINE, L"SOFTWARE\\Quelvane\\VQR\\PFW", 0, nullptr, 0, KEY_ALL_ACCESS, nullptr,
                           &key, nullptr);
         m_Key.reset(key);
-        for (const wchar_t* const name : {L"InstallPath", L"RuleWriteInterval"})
+        for (const wchar_t* const name : {L"InstallPath", L"RuleWriteInterval", L"HashNetworkFiles"})
             Save(name);
     }
     ~RegistryGuard()
