@@ -6,6 +6,7 @@
 #include <cstring>
 #include <string>
 
+#include "common/srclib/KxComn_Identity.h"
 #include "common/srclib/KxComn_Names.h"
 #include "common/srclib/KxComn_Record.h"
 #include "common/srclib/KxComn_Settings.h"
@@ -34,8 +35,9 @@ std::string LibraryPath()
 bool CHashDll::Init()
 {
     m_GetHashValue = nullptr;
+    const KxCommon::OwnIdentity identity;
     const std::string path = LibraryPath();
-    if (path.empty() || !Load(path))
+    if (!identity || path.empty() || !Load(path))
     {
         KX_TRACE(KxCommon::kTraceError, "CHashDll::Init load library error");
         return false;
@@ -64,6 +66,7 @@ int32_t CHashDll::GetHashValue(const void* applicationPath, void* hash) const
     }
     alignas(8) uint8_t value[KXRULE_HASH_BYTES];
     std::memcpy(value, hash, sizeof value);
+    const KxCommon::OwnIdentity identity; // had it not been to be had, Init would have failed
     const int32_t status = m_GetHashValue(path, value);
     std::memcpy(hash, value, sizeof value); // kept: what a failing function wrote stays
     return status;

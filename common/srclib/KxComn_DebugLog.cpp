@@ -12,6 +12,7 @@
 
 #include "common/srclib/KxComn_DebugLine.h"
 #include "common/srclib/KxComn_Exception.h"
+#include "common/srclib/KxComn_Identity.h"
 #include "common/srclib/KxComn_Names.h"
 #include "common/srclib/KxComn_SecurityAttributes.h"
 #include "common/srclib/KxComn_String.h"
@@ -122,6 +123,9 @@ bool DebugLog::Initialize(const char* traceName, const Storage::Key& settings, u
         [&]
         {
             const Synchronize::ScopedLock lock(m_TraceLock);
+            const OwnIdentity identity;
+            if (!identity)
+                return false;
             m_TraceName = traceName == nullptr ? "" : traceName;
             DebugConfig config = {};
             if (!ReadConfig(settings, unit, config))

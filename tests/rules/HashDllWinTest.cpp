@@ -15,6 +15,13 @@
 namespace
 {
 
+bool IsClient()
+{
+    HANDLE token = nullptr;
+    const bool isClient = ::OpenThreadToken(::GetCurrentThread(), TOKEN_QUERY, TRUE, &token) != FALSE;
+    return KxCommon::UniqueKernelObject(token) && isClient;
+}
+
 class HashDllTest : public testing::Test
 {
 protected:
@@ -96,6 +103,17 @@ TEST_F(HashDllTest, HashesWhatARecordHolds)
         }
     }
     EXPECT_EQ(library->Paths.size(), 9u);
+
+    // Whoever the caller has the thread act for: the library is called with the rights of the process.
+    static bool s_IsClient = true;
+    library->OnCall = [](const wchar_t*) { s_IsClient = IsClient(); };
+    ASSERT_TRUE(::ImpersonateSelf(SecurityImpersonation));
+    {
+        CHashDll hash;
+        EXPECT_TRUE(hash.Init() && hash.GetHashValue(name, value) == -1);
+    }
+    EXPECT_TRUE(!s_IsClient && IsClient());
+    ::RevertToSelf();
     EXPECT_TRUE(library.Release()) << "released after every hash";
 }
 
