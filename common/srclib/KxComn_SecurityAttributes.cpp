@@ -114,30 +114,6 @@ bool SessionOfProcess(DWORD* session) noexcept
     return sessionOf != nullptr && sessionOf(::GetCurrentProcessId(), session) != FALSE;
 }
 
-UniqueKernelObject OpenGlobalEvent(std::string_view name)
-{
-    return UniqueKernelObject(::OpenEventA(EVENT_MODIFY_STATE, FALSE, GlobalName(name).c_str()));
-}
-UniqueKernelObject OpenGlobalEvent(std::wstring_view name)
-{
-    return UniqueKernelObject(::OpenEventW(EVENT_MODIFY_STATE, FALSE, GlobalName(name).c_str()));
-}
-
-template <class Name>
-bool ChangeGlobalEvent(Name name, decltype(::SetEvent)* change) noexcept
-{
-    try
-    {
-        const UniqueKernelObject event = OpenGlobalEvent(name);
-        return event && change(event.get()) != FALSE;
-    }
-    catch (...)
-    {
-        ::SetLastError(ERROR_NOT_ENOUGH_MEMORY);
-        return false;
-    }
-}
-
 } // namespace
 
 bool IsVersion(VersionClass wanted, uint32_t platform, uint32_t major, uint32_t minor) noexcept
@@ -211,23 +187,6 @@ bool IsServiceSession() noexcept
     }
     bool isMember = false;
     return IsLocalSystem(&isMember, nullptr) && isMember;
-}
-
-bool SetGlobalEvent(std::string_view name) noexcept
-{
-    return ChangeGlobalEvent(name, ::SetEvent);
-}
-bool SetGlobalEvent(std::wstring_view name) noexcept
-{
-    return ChangeGlobalEvent(name, ::SetEvent);
-}
-bool ResetGlobalEvent(std::string_view name) noexcept
-{
-    return ChangeGlobalEvent(name, ::ResetEvent);
-}
-bool ResetGlobalEvent(std::wstring_view name) noexcept
-{
-    return ChangeGlobalEvent(name, ::ResetEvent);
 }
 
 namespace AccessControl

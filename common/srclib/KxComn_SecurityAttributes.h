@@ -46,12 +46,6 @@ bool IsLocalSystem(bool* isMember, DWORD* error) noexcept;
 /// Whether the process runs in the service session. Every failure counts as an interactive session.
 [[nodiscard]] bool IsServiceSession() noexcept;
 
-/// Opens an event of the global namespace by its bare name, sets or resets it and closes it again.
-bool SetGlobalEvent(std::string_view name) noexcept;
-bool SetGlobalEvent(std::wstring_view name) noexcept;
-bool ResetGlobalEvent(std::string_view name) noexcept;
-bool ResetGlobalEvent(std::wstring_view name) noexcept;
-
 namespace AccessControl
 {
 

@@ -1,12 +1,8 @@
-// Paths, and the owning byte buffer.
+// Paths, and the end of the process.
 #pragma once
 
-#include <cstddef>
-#include <cstdint>
-#include <memory>
 #include <string>
 #include <string_view>
-#include <utility>
 
 #include "common/srclib/KxComn_Windows.h"
 
@@ -30,31 +26,5 @@ void AppendSeparator(std::wstring& path);
 /// True for a path that means the same place whatever the current folder is: "C:\..." or "\\server\...".
 [[nodiscard]] bool IsAbsolutePath(std::string_view path) noexcept;
 [[nodiscard]] bool IsAbsolutePath(std::wstring_view path) noexcept;
-
-/// An owning block of bytes, zero when new.
-class ByteArray
-{
-public:
-    ByteArray() noexcept = default;
-    explicit ByteArray(size_t length) : m_Bytes(std::make_unique<uint8_t[]>(length)), m_Length(length) {}
-    ByteArray(ByteArray&& other) noexcept
-        : m_Bytes(std::move(other.m_Bytes)), m_Length(std::exchange(other.m_Length, 0))
-    {
-    }
-    ByteArray& operator=(ByteArray&& other) noexcept
-    {
-        m_Bytes = std::move(other.m_Bytes);
-        m_Length = std::exchange(other.m_Length, 0);
-        return *this;
-    }
-
-    [[nodiscard]] uint8_t* Data() noexcept { return m_Bytes.get(); }
-    [[nodiscard]] const uint8_t* Data() const noexcept { return m_Bytes.get(); }
-    [[nodiscard]] size_t Length() const noexcept { return m_Length; }
-
-private:
-    std::unique_ptr<uint8_t[]> m_Bytes;
-    size_t m_Length = 0;
-};
 
 } // namespace KxCommon
