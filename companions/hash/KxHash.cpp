@@ -40,43 +40,6 @@ struct HashPolicy
 using UniqueAlgorithm = KxCommon::UniqueHandle<AlgorithmPolicy>;
 using UniqueHash = KxCommon::UniqueHandle<HashPolicy>;
 
-// SHA-1 step by step. Each step returns 0 or a Windows error.
-class Sha1
-{
-public:
-    [[nodiscard]] DWORD Start()
-    {
-        BCRYPT_ALG_HANDLE algorithm = nullptr;
-        NTSTATUS status = ::BCryptOpenAlgorithmProvider(&algorithm, BCRYPT_SHA1_ALGORITHM, nullptr, 0);
-        if (status < 0)
-            return ::RtlNtStatusToDosError(status);
-        m_Algorithm.reset(algorithm);
-
-        BCRYPT_HASH_HANDLE hash = nullptr;
-        status = ::BCryptCreateHash(algorithm, &hash, nullptr, 0, nullptr, 0, 0);
-        if (status < 0)
-            return ::RtlNtStatusToDosError(status);
-        m_Hash.reset(hash);
-        return ERROR_SUCCESS;
-    }
-
-    [[nodiscard]] DWORD Add(uint8_t* piece, DWORD size)
-    {
-        const NTSTATUS status = ::BCryptHashData(m_Hash.get(), piece, size, 0);
-        return status < 0 ? ::RtlNtStatusToDosError(status) : ERROR_SUCCESS;
-    }
-
-    [[nodiscard]] DWORD Finish(uint8_t* hash)
-    {
-        const NTSTATUS status = ::BCryptFinishHash(m_Hash.get(), hash, kHashSize, 0);
-        return status < 0 ? ::RtlNtStatusToDosError(status) : ERROR_SUCCESS;
-    }
-
-private:
-    UniqueAlgorithm m_Algorithm; // outlives the hash made with it
-    UniqueHash m_Hash;
-};
-
 enum class Place
 {
     Local,
@@ -135,21 +98,28 @@ bool MayUseNetwork()
     return error;
 }
 
-// The first `size` bytes.
-[[nodiscard]] DWORD HashBytes(HANDLE file, DWORD size, uint8_t* hash)
+// SHA-1 of the first `size` bytes.
+[[nodiscard]] DWORD HashBytes(HANDLE file, DWORD size, uint8_t* hash20)
 {
-    Sha1 sha1;
-    DWORD error = sha1.Start();
+    BCRYPT_ALG_HANDLE algorithm = nullptr;
+    BCRYPT_HASH_HANDLE hash = nullptr;
+    NTSTATUS status = ::BCryptOpenAlgorithmProvider(&algorithm, BCRYPT_SHA1_ALGORITHM, nullptr, 0);
+    const UniqueAlgorithm algorithmOwner(algorithm); // outlives the hash made with it
+    if (status >= 0)
+        status = ::BCryptCreateHash(algorithm, &hash, nullptr, 0, nullptr, 0, 0);
+    const UniqueHash hashOwner(hash);
     const std::unique_ptr<uint8_t[]> piece = std::make_unique<uint8_t[]>(kPieceSize);
-    for (DWORD got = 0; error == ERROR_SUCCESS && size != 0; size -= got)
+    for (DWORD got = 0; status >= 0 && size != 0; size -= got)
     {
         if (!::ReadFile(file, piece.get(), std::min(size, kPieceSize), &got, nullptr))
             return ::GetLastError();
         if (got == 0)
             return ERROR_RETRY; // it has become shorter
-        error = sha1.Add(piece.get(), got);
+        status = ::BCryptHashData(hash, piece.get(), got, 0);
     }
-    return error == ERROR_SUCCESS ? sha1.Finish(hash) : error;
+    if (status >= 0)
+        status = ::BCryptFinishHash(hash, hash20, kHashSize, 0);
+    return status < 0 ? ::RtlNtStatusToDosError(status) : ERROR_SUCCESS;
 }
 
 [[nodiscard]] DWORD HashFile(const wchar_t* path, uint8_t* hash20)
