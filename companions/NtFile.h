@@ -32,6 +32,19 @@ inline constexpr DWORD kOplocked = 802; // ERROR_CANNOT_BREAK_OPLOCK, which not 
     return full.starts_with(L"\\\\") ? L"\\??\\UNC\\" + full.substr(2) : L"\\??\\" + full;
 }
 
+/// Where an open folder lies, links followed, in the form of FullPath and with a backslash; the backslash alone when the
+/// system does not tell.
+[[nodiscard]] inline std::wstring FinalPath(HANDLE folder)
+{
+    std::wstring path(32768, L'\0');
+    path.resize(::GetFinalPathNameByHandleW(folder, path.data(), static_cast<DWORD>(path.size()), FILE_NAME_OPENED));
+    if (path.starts_with(L"\\\\?\\UNC\\"))
+        path.replace(0, 7, L"\\");
+    else if (path.starts_with(L"\\\\?\\"))
+        path.erase(0, 4);
+    return path.ends_with(L'\\') ? path : path + L'\\';
+}
+
 /// Opens or creates a file or folder for synchronous use; others may read, write, rename and delete it meanwhile.
 /// @param folder       what a bare name counts from; null for a name of NtPath
 /// @param disposition  FILE_OPEN and its like; options likewise

@@ -11,7 +11,9 @@
 #include "common/srclib/KxComn_CriticalSection.h"
 #include "common/srclib/KxComn_DebugConfig.h"
 #include "common/srclib/KxComn_ErrorMode.h"
+#include "common/srclib/KxComn_Identity.h"
 
+#include "companions/NtFile.h"
 #include "companions/trace/Session.h"
 
 namespace
@@ -74,7 +76,7 @@ int32_t Guarded(Body body) noexcept
     return static_cast<int32_t>(result);
 }
 
-// The folder of this library's file, in long form and with backslash; empty when the system does not tell.
+// The folder of this library's file, as it is named behind all links and with backslash.
 std::wstring OwnFolder()
 {
     HMODULE self = nullptr;
@@ -82,11 +84,12 @@ std::wstring OwnFolder()
                          reinterpret_cast<const wchar_t*>(&g_Sessions), &self);
     std::wstring path(32768, L'\0');
     path.resize(::GetModuleFileNameW(self, path.data(), static_cast<DWORD>(path.size())));
-    std::wstring full(32768, L'\0');
-    full.resize(::GetLongPathNameW(path.c_str(), full.data(), static_cast<DWORD>(full.size())));
-    if (!full.empty() && full.size() < 32768)
-        path = full;
-    return path.substr(0, path.rfind(L'\\') + 1);
+    path.resize(path.rfind(L'\\') + 1);
+    const KxCommon::OwnIdentity identity;
+    KxCommon::UniqueFile folder;
+    const DWORD error = KxCompanions::Open(folder, nullptr, KxCompanions::NtPath(path), FILE_READ_ATTRIBUTES, FILE_OPEN,
+                                           FILE_DIRECTORY_FILE);
+    return error == ERROR_SUCCESS ? KxCompanions::FinalPath(folder.get()) : path;
 }
 
 } // namespace
@@ -128,9 +131,9 @@ extern "C"
     /// @param line  complete, with its CR LF; an empty one writes nothing
     /// @return 0, also when the trace is off, or the Windows error that cost the line, among them
     ///         ERROR_INVALID_HANDLE (6), ERROR_INVALID_PARAMETER (87)  line is null
-    ///         ERROR_ACCESS_DENIED (5)      the folder or the file may not be written, or a link is in its place
+    ///         ERROR_ACCESS_DENIED (5)      the folder or the file may not be written, or a link leads to the folder
     ///         ERROR_DISK_FULL (112)
-    ///         ERROR_FILE_TOO_LARGE (223)   the log has twice its size limit and somebody keeps it from rolling over
+    ///         ERROR_FILE_TOO_LARGE (223)   the log has twice its size limit and somebody keeps it from being renamed
     int32_t KxDbgTrace(uint64_t handle, const SYSTEMTIME* /*time*/, const wchar_t* line)
     {
         return Guarded(

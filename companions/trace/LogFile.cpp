@@ -2,12 +2,17 @@
 #include "companions/trace/LogFile.h"
 
 #include <algorithm>
+#include <compare>
+#include <cstring>
+#include <string>
 #include <utility>
 #include <vector>
 
+#include "common/srclib/KxComn_Identity.h"
+
 #include <sddl.h>
 
-#include "companions/LongPath.h"
+#include "companions/NtFile.h"
 
 namespace KxTrace
 {
@@ -15,145 +20,232 @@ namespace KxTrace
 namespace
 {
 
-constexpr uint64_t kRetryInterval = 1000; // milliseconds
-constexpr DWORD kPatience = 3000;         // also in milliseconds; for a turn, where they are taken
+using KxCommon::UniqueFile;
 
-// Who holds it may roll the log over. One mutex for each path, for processes of all sessions and accounts: they may
-// wait for it and release it, nothing more. Null when the system refuses.
-KxCommon::UniqueKernelObject MakeMutex(const std::wstring& path)
+// When to try again what was begun at that tick: a second later, and a server that is gone may have a tenth of our time.
+uint64_t NextAttempt(uint64_t begin) noexcept
 {
-    std::wstring folded(path.size(), L'\0');
-    const int length = static_cast<int>(path.size());
-    ::LCMapStringW(LOCALE_INVARIANT, LCMAP_UPPERCASE, path.data(), length, folded.data(), length);
-    uint64_t hash = 14695981039346656037u; // FNV-1a
-    for (const wchar_t unit : folded)
-        hash = (hash ^ unit) * 1099511628211u;
-    const std::wstring name = L"Global\\KxVqrDbg-" + std::to_wstring(hash);
-
-    PSECURITY_DESCRIPTOR descriptor = nullptr;
-    ::ConvertStringSecurityDescriptorToSecurityDescriptorW(L"D:(A;;0x100001;;;WD)S:(ML;;NW;;;LW)", SDDL_REVISION_1,
-                                                           &descriptor, nullptr);
-    const KxCommon::UniqueLocalMemory owner(descriptor);
-    SECURITY_ATTRIBUTES attributes{sizeof attributes, descriptor, FALSE};
-    return KxCommon::UniqueKernelObject(
-        ::CreateMutexExW(&attributes, name.c_str(), 0, SYNCHRONIZE | MUTEX_MODIFY_STATE));
+    const uint64_t end = ::GetTickCount64();
+    return end + std::max<uint64_t>(1000, 10 * (end - begin));
 }
 
-class [[nodiscard]] MutexGuard
+// Whether an open folder lies where its path says, and not where a link in the path leads.
+bool IsAt(HANDLE folder, std::wstring_view path)
 {
-public:
-    explicit MutexGuard(HANDLE mutex, DWORD patience = 0) noexcept : m_Mutex(mutex)
+    const std::wstring found = KxCompanions::FinalPath(folder);
+    return ::CompareStringOrdinal(found.data(), static_cast<int>(found.size()), path.data(),
+                                  static_cast<int>(path.size()), TRUE) == CSTR_EQUAL;
+}
+
+// Opens a folder, creating what is missing of it in folders that have been seen to lie in their places.
+DWORD OpenFolder(UniqueFile& folder, const std::wstring& path, void* security)
+{
+    constexpr ACCESS_MASK kAccess = FILE_LIST_DIRECTORY | FILE_TRAVERSE | FILE_READ_ATTRIBUTES;
+    DWORD error =
+        KxCompanions::Open(folder, nullptr, KxCompanions::NtPath(path), kAccess, FILE_OPEN, FILE_DIRECTORY_FILE);
+    const size_t name = path.rfind(L'\\', path.size() - 2) + 1;
+    if ((error == ERROR_FILE_NOT_FOUND || error == ERROR_PATH_NOT_FOUND) && name > 2)
     {
-        // Abandoned: a process died in the middle. Each step leaves the files in order.
-        const DWORD result = mutex == nullptr ? WAIT_FAILED : ::WaitForSingleObject(mutex, patience);
-        m_Held = result == WAIT_OBJECT_0 || result == WAIT_ABANDONED;
+        UniqueFile parent;
+        error = OpenFolder(parent, path.substr(0, name), security);
+        if (error == ERROR_SUCCESS)
+            error =
+                KxCompanions::Open(folder, parent.get(), std::wstring_view(path).substr(name, path.size() - name - 1),
+                                   kAccess, FILE_OPEN_IF, FILE_DIRECTORY_FILE, security);
     }
-    ~MutexGuard()
+    if (error == ERROR_SUCCESS && !IsAt(folder.get(), path))
     {
-        if (m_Held)
-            ::ReleaseMutex(m_Mutex);
+        folder.reset();
+        error = ERROR_ACCESS_DENIED;
     }
-    MutexGuard(const MutexGuard&) = delete;
-    MutexGuard& operator=(const MutexGuard&) = delete;
-
-    [[nodiscard]] bool IsHeld() const noexcept { return m_Held; }
-
-private:
-    HANDLE m_Mutex;
-    bool m_Held = false;
-};
-
-// With access to append alone, Windows finds the end and writes there in one step, whoever else does. Wine takes two
-// steps, so that two processes may write to the same place; there they take turns.
-bool AppendsInOneStep() noexcept
-{
-    return ::GetProcAddress(::GetModuleHandleW(L"ntdll.dll"), "wine_get_version") == nullptr;
+    return error;
 }
 
-KxCommon::UniqueFile OpenToAppend(const std::wstring& path)
-{
-    // Append access without write access: the system puts every write at the end, whoever wrote before. A link in the
-    // place of the log is opened as itself, to be refused; a pipe's server may not act as us.
-    return KxCommon::UniqueFile(::CreateFileW(
-        path.c_str(), FILE_APPEND_DATA | FILE_READ_ATTRIBUTES | SYNCHRONIZE,
-        FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, nullptr, OPEN_ALWAYS,
-        FILE_ATTRIBUTE_NORMAL | FILE_FLAG_OPEN_REPARSE_POINT | SECURITY_SQOS_PRESENT | SECURITY_IDENTIFICATION,
-        nullptr));
-}
-
-// A service's log may lie in a folder where anybody can put links to files that only the service may write.
+// No link to what only a service may write, under whatever name, and not deleted.
 bool IsPlainFile(HANDLE file) noexcept
 {
     BY_HANDLE_FILE_INFORMATION info;
     return ::GetFileType(file) == FILE_TYPE_DISK && ::GetFileInformationByHandle(file, &info) &&
            (info.dwFileAttributes & (FILE_ATTRIBUTE_REPARSE_POINT | FILE_ATTRIBUTE_DIRECTORY)) == 0 &&
-           info.nNumberOfLinks < 2;
+           info.nNumberOfLinks == 1;
 }
 
-void MakeFolders(const std::wstring& path)
+bool IsSameFile(HANDLE a, HANDLE b) noexcept
 {
-    for (size_t end = path.find(L'\\', 3); end != std::wstring::npos; end = path.find(L'\\', end + 1))
-        ::CreateDirectoryW(path.substr(0, end).c_str(), nullptr); // what matters shows when the file is opened
+    BY_HANDLE_FILE_INFORMATION first, second;
+    return ::GetFileInformationByHandle(a, &first) && ::GetFileInformationByHandle(b, &second) &&
+           first.dwVolumeSerialNumber == second.dwVolumeSerialNumber && first.nFileIndexHigh == second.nFileIndexHigh &&
+           first.nFileIndexLow == second.nFileIndexLow;
+}
+
+struct OldLog
+{
+    int64_t Written;
+    uint64_t Number; // orders those that the clock does not tell apart
+    std::wstring Name;
+    auto operator<=>(const OldLog&) const = default;
+};
+
+// Oldest first: the predecessors of the log and, when each process has one, the logs of all processes but this one.
+std::vector<OldLog> ListOldLogs(HANDLE folder, const LogName& log)
+{
+    std::vector<OldLog> logs;
+    std::vector<int64_t> buffer(8192); // aligned as the records are
+    FILE_INFO_BY_HANDLE_CLASS kind = FileIdBothDirectoryRestartInfo;
+    while (::GetFileInformationByHandleEx(folder, kind, buffer.data(), static_cast<DWORD>(buffer.size() * 8)))
+    {
+        kind = FileIdBothDirectoryInfo;
+        const char* at = reinterpret_cast<const char*>(buffer.data());
+        for (DWORD step = 1; step != 0; at += step)
+        {
+            const auto* const found = reinterpret_cast<const FILE_ID_BOTH_DIR_INFO*>(at);
+            std::wstring name(found->FileName, found->FileNameLength / sizeof(wchar_t));
+            uint64_t number = 0;
+            if (log.IsOld(name, number))
+                logs.push_back({found->LastWriteTime.QuadPart, number, std::move(name)});
+            step = found->NextEntryOffset;
+        }
+    }
+    std::sort(logs.begin(), logs.end());
+    return logs;
+}
+
+DWORD Rename(HANDLE file, HANDLE folder, const std::wstring& name)
+{
+    const size_t size = name.size() * sizeof(wchar_t);
+    std::vector<int64_t> buffer((sizeof(FILE_RENAME_INFORMATION) + size) / 8 + 1);
+    auto* const rename = reinterpret_cast<FILE_RENAME_INFORMATION*>(buffer.data()); // nothing is replaced
+    rename->RootDirectory = folder;
+    rename->FileNameLength = static_cast<ULONG>(size);
+    std::memcpy(rename->FileName, name.data(), size);
+    IO_STATUS_BLOCK result;
+    return ::RtlNtStatusToDosError(
+        ::NtSetInformationFile(file, &result, rename, static_cast<ULONG>(buffer.size() * 8), FileRenameInformation));
+}
+
+// Gives a number to what has the log's name, or to the given log alone. Two processes may do so at once: it is the same
+// file that they rename, so the second number counts and no new log is touched. False when somebody does not let it.
+bool PutAside(HANDLE folder, const LogName& log, HANDLE wanted)
+{
+    UniqueFile file;
+    if (const DWORD error = KxCompanions::Open(file, folder, log.Name(), DELETE | FILE_READ_ATTRIBUTES, FILE_OPEN,
+                                               FILE_OPEN_REPARSE_POINT))
+        return error == ERROR_FILE_NOT_FOUND;
+    if (wanted != nullptr && !IsSameFile(file.get(), wanted))
+        return true; // somebody has been faster
+    DWORD error = ERROR_ALREADY_EXISTS;
+    for (int attempt = 0; attempt < 10 && error == ERROR_ALREADY_EXISTS; ++attempt)
+    {
+        uint64_t number = 0;
+        for (const OldLog& old : ListOldLogs(folder, log))
+            number = std::max(number, old.Number);
+        error = Rename(file.get(), folder, log.OldName(number + 1));
+    }
+    return error == ERROR_SUCCESS;
+}
+
+void RemoveOldLogs(HANDLE folder, const LogName& log)
+{
+    const std::vector<OldLog> logs = ListOldLogs(folder, log);
+    for (size_t i = 0; i + log.Kept() < logs.size(); ++i)
+    {
+        // Nobody writes to a predecessor any more; what has no number may be the log of a living process and is deleted
+        // only if nobody has it open.
+        const ULONG share = logs[i].Number != 0 ? FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE : 0;
+        UniqueFile doomed;
+        FILE_DISPOSITION_INFO deletion = {TRUE};
+        if (KxCompanions::Open(doomed, folder, logs[i].Name, DELETE, FILE_OPEN, FILE_OPEN_REPARSE_POINT, nullptr,
+                               share) == ERROR_SUCCESS)
+            ::SetFileInformationByHandle(doomed.get(), FileDispositionInfo, &deletion, sizeof deletion);
+    }
 }
 
 } // namespace
 
-DWORD LogFile::Append(const std::wstring& path, uint64_t limit, bool flush, std::string_view line)
+void LogFile::Use(LogName name)
 {
-    const uint64_t now = ::GetTickCount64();
-    if (path != m_Path)
-    {
-        Close();
-        m_Path = path;
-        m_Mutex = MakeMutex(path);
-        m_Patience = kPatience;
-        m_RollOverAt = 0;
-    }
+    if (name == m_Name)
+        return;
+    Close();
+    m_Name = std::move(name);
+    m_RollOverAt = 0;
+}
+
+DWORD LogFile::Append(uint64_t limit, bool flush, std::string_view line)
+{
     // Opened anew from time to time: the file may have been deleted, renamed or replaced under our handle.
-    if (now >= m_OpenAt)
+    if (const uint64_t begin = ::GetTickCount64(); begin >= m_OpenAt)
     {
-        m_OpenAt = now + kRetryInterval;
         m_Error = Open();
+        m_OpenAt = NextAttempt(begin);
     }
     if (!m_File)
         return m_Error;
-
-    DWORD error = ERROR_SUCCESS;
-    {
-        const MutexGuard turn(AppendsInOneStep() ? nullptr : m_Mutex.get(), m_Patience);
-        m_Patience = turn.IsHeld() ? kPatience : 0; // somebody sits on the mutex: the next lines do not wait as well
-        error = MakeRoom(limit);
-        DWORD written = 0;
-        if (error == ERROR_SUCCESS &&
-            !::WriteFile(m_File.get(), line.data(), static_cast<DWORD>(line.size()), &written, nullptr))
-            error = ::GetLastError();
-    }
-    if (error == ERROR_SUCCESS && flush && !::FlushFileBuffers(m_File.get()))
-        error = ::GetLastError();
-    return error;
+    if (const DWORD error = MakeRoom(limit))
+        return error;
+    DWORD written = 0;
+    if (!::WriteFile(m_File.get(), line.data(), static_cast<DWORD>(line.size()), &written, nullptr))
+        return ::GetLastError();
+    // The right to append is enough for this, whatever the page of FlushFileBuffers asks for: NtFlushBuffersFileEx.
+    return flush && !::FlushFileBuffers(m_File.get()) ? ::GetLastError() : ERROR_SUCCESS;
 }
 
 void LogFile::Close() noexcept
 {
     m_File.reset();
+    m_Folder.reset();
     m_OpenAt = 0;
 }
 
+// The new handle is opened before the old one is closed: in between somebody could take an oplock and keep us waiting.
+// When it cannot be had, the old one goes on to serve.
 DWORD LogFile::Open()
 {
-    m_File.reset(); // before, not after: a file that was deleted keeps its name while we hold it
-    const std::wstring path = KxCompanions::LongPath(m_Path);
-    m_File = OpenToAppend(path);
-    if (!m_File && ::GetLastError() == ERROR_PATH_NOT_FOUND)
-    {
-        MakeFolders(path);
-        m_File = OpenToAppend(path);
-    }
-    if (!m_File)
+    const KxCommon::OwnIdentity identity;
+    if (!identity)
+        return ERROR_ACCESS_DENIED;
+    PSECURITY_DESCRIPTOR descriptor = nullptr; // the system's and the administrators' alone
+    if (m_Name.IsProtected && !::ConvertStringSecurityDescriptorToSecurityDescriptorW(
+                                  L"D:P(A;OICI;FA;;;SY)(A;OICI;FA;;;BA)", SDDL_REVISION_1, &descriptor, nullptr))
         return ::GetLastError();
-    if (IsPlainFile(m_File.get()))
-        return ERROR_SUCCESS;
-    m_File.reset();
+    const KxCommon::UniqueLocalMemory owner(descriptor);
+
+    UniqueFile folder, file;
+    DWORD error = OpenFolder(folder, m_Name.Folder, descriptor);
+    if (error == ERROR_SUCCESS)
+        error = OpenLog(folder.get(), file);
+    if (error == ERROR_ACCESS_DENIED && folder && m_File && !IsPlainFile(m_File.get()))
+    {
+        m_File.reset(); // before Windows 10 a deleted file keeps its name while somebody holds it
+        error = OpenLog(folder.get(), file);
+    }
+    if (error != ERROR_SUCCESS)
+        return error;
+    const bool isFirst = !m_File;
+    m_Folder = std::move(folder);
+    m_File = std::move(file);
+    if (isFirst)
+        RemoveOldLogs(m_Folder.get(), m_Name);
+    return ERROR_SUCCESS;
+}
+
+DWORD LogFile::OpenLog(HANDLE folder, UniqueFile& file) const
+{
+    const std::wstring name = m_Name.Name();
+    if (name.find_first_of(L"\\/:") != std::wstring::npos)
+        return ERROR_INVALID_NAME;
+    for (int attempt = 0; attempt < 2; ++attempt)
+    {
+        // Append access without write access: the system finds the end and writes there in one step, whoever else does.
+        if (const DWORD error = KxCompanions::Open(file, folder, name, FILE_APPEND_DATA | FILE_READ_ATTRIBUTES,
+                                                   FILE_OPEN_IF, FILE_OPEN_REPARSE_POINT))
+            return error;
+        if (IsPlainFile(file.get()))
+            return ERROR_SUCCESS;
+        file.reset();
+        if (!PutAside(folder, m_Name, nullptr))
+            break;
+    }
     return ERROR_ACCESS_DENIED;
 }
 
@@ -168,80 +260,20 @@ DWORD LogFile::MakeRoom(uint64_t limit)
 {
     if (HasRoom(limit))
         return ERROR_SUCCESS;
-    const uint64_t now = ::GetTickCount64();
-    if (now >= m_RollOverAt)
+    if (const uint64_t begin = ::GetTickCount64(); begin >= m_RollOverAt)
     {
-        const MutexGuard guard(m_Mutex.get());
-        m_Error = Open(); // perhaps somebody has rolled over already
-        if (m_Error != ERROR_SUCCESS || HasRoom(limit))
-            return m_Error;
-        // Two at once would cost the predecessor, no line to come. So nobody can stop the log by sitting on the mutex.
-        if (guard.IsHeld() || !m_Mutex || !HasRoom(2 * limit))
+        bool isRolledOver = Open() == ERROR_SUCCESS; // by somebody else, if there is room now
+        if (isRolledOver && !HasRoom(limit))
         {
-            m_File.reset();
-            if (!RollOver())
-                m_RollOverAt = now + kRetryInterval;
-            m_Error = Open();
-            if (m_Error != ERROR_SUCCESS)
-                return m_Error;
+            const KxCommon::OwnIdentity identity;
+            const bool isAside = PutAside(m_Folder.get(), m_Name, m_File.get());
+            isRolledOver = Open() == ERROR_SUCCESS && (isAside || HasRoom(limit));
+            RemoveOldLogs(m_Folder.get(), m_Name);
         }
+        if (!isRolledOver)
+            m_RollOverAt = NextAttempt(begin);
     }
     return HasRoom(2 * limit) ? ERROR_SUCCESS : ERROR_FILE_TOO_LARGE;
-}
-
-bool LogFile::RollOver() const
-{
-    const std::wstring path = KxCompanions::LongPath(m_Path);
-    const std::wstring old = path + L".old";
-    if (::MoveFileExW(path.c_str(), old.c_str(), MOVEFILE_REPLACE_EXISTING))
-        return true;
-
-    // A process that has written nothing since the last time still holds the predecessor, and an open file cannot be
-    // replaced. It can be renamed and deleted; deleting alone would leave the name taken until that process lets go.
-    const std::wstring aside =
-        old + L"." + std::to_wstring(::GetCurrentProcessId()) + L"." + std::to_wstring(::GetTickCount64());
-    if (!::MoveFileExW(old.c_str(), aside.c_str(), 0))
-        return false;
-    ::DeleteFileW(aside.c_str());
-    return ::MoveFileExW(path.c_str(), old.c_str(), MOVEFILE_REPLACE_EXISTING) != FALSE;
-}
-
-void RemoveOldLogs(const LogName& name)
-{
-    constexpr size_t kKept = 20;
-    if (name.Process.empty())
-        return;
-
-    const auto isLogOfAnother = [&name](std::wstring_view found)
-    {
-        const std::wstring start = name.Stem + L"_p", own = name.Stem + name.Process + name.Extension;
-        if (!found.starts_with(start) || found == own || found == own + L".old")
-            return false;
-        found.remove_prefix(start.size());
-        const size_t digits = std::min(found.find_first_not_of(L"0123456789"), found.size());
-        found.remove_prefix(digits);
-        return digits != 0 && (found == name.Extension || found == name.Extension + L".old");
-    };
-
-    std::vector<std::pair<uint64_t, std::wstring>> logs; // time of the last write, path
-    WIN32_FIND_DATAW found;
-    const std::wstring pattern = KxCompanions::LongPath(name.Folder + name.Stem + L"_p*");
-    const KxCommon::UniqueFind find(::FindFirstFileW(pattern.c_str(), &found));
-    for (BOOL more = static_cast<bool>(find); more; more = ::FindNextFileW(find.get(), &found))
-    {
-        const FILETIME time = found.ftLastWriteTime;
-        if (isLogOfAnother(found.cFileName))
-            logs.emplace_back(static_cast<uint64_t>(time.dwHighDateTime) << 32 | time.dwLowDateTime,
-                              KxCompanions::LongPath(name.Folder + found.cFileName));
-    }
-    std::sort(logs.begin(), logs.end());
-    for (size_t i = 0; i + kKept < logs.size(); ++i)
-    {
-        // Without sharing: a log that a living process has open stays.
-        const KxCommon::UniqueFile doomed(::CreateFileW(logs[i].second.c_str(), DELETE, 0, nullptr, OPEN_EXISTING,
-                                                        FILE_FLAG_DELETE_ON_CLOSE | FILE_FLAG_OPEN_REPARSE_POINT,
-                                                        nullptr));
-    }
 }
 
 } // namespace KxTrace

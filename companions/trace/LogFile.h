@@ -1,8 +1,7 @@
-// Where the lines go: one file that several processes append to, with one rolled-over predecessor.
+// Where the lines go: one file that several processes append to, with rolled-over predecessors.
 #pragma once
 
 #include <cstdint>
-#include <string>
 #include <string_view>
 
 #include "common/srclib/KxComn_Handle.h"
@@ -13,37 +12,39 @@ namespace KxTrace
 {
 
 /// The log that this process has open. The caller serialises the calls.
+///
+/// Everything is done relative to the open folder, by bare names, once the folder has been seen to lie where it was
+/// wanted; what has the log's name is looked at through its handle. So no link leads elsewhere, whoever may write the
+/// folder and whenever he puts it there.
 class LogFile
 {
 public:
-    /// Appends one line, creating folder and file when they are missing. A file that has reached the limit becomes
-    /// path + ".old" first, in place of the one before. While that is refused (somebody reads the log without sharing
-    /// deletion) the file grows to twice the limit; then lines are dropped.
+    /// Says which log it is. Closes another one.
+    void Use(LogName name);
+
+    /// Appends one line, creating folder and file when they are missing. A file that has reached the limit gets a number
+    /// first (LogName). While that is refused (somebody reads the log without sharing deletion) it grows to twice the
+    /// limit; then lines are dropped.
     /// @param limit  bytes
     /// @param flush  whether the line must be on the disk when the call returns
-    /// @return 0, or the Windows error that cost the line; after a failure to open, for up to a second without another
-    ///         attempt
-    [[nodiscard]] DWORD Append(const std::wstring& path, uint64_t limit, bool flush, std::string_view line);
+    /// @return 0, or the Windows error that cost the line; after a failure to open, for a second and for ten times as
+    ///         long as the attempt took without another one
+    [[nodiscard]] DWORD Append(uint64_t limit, bool flush, std::string_view line);
 
     void Close() noexcept;
 
 private:
     [[nodiscard]] DWORD Open();
+    [[nodiscard]] DWORD OpenLog(HANDLE folder, KxCommon::UniqueFile& file) const;
     [[nodiscard]] DWORD MakeRoom(uint64_t limit);
     [[nodiscard]] bool HasRoom(uint64_t limit) const noexcept;
-    [[nodiscard]] bool RollOver() const;
 
-    std::wstring m_Path;
+    LogName m_Name;
+    KxCommon::UniqueFile m_Folder;
     KxCommon::UniqueFile m_File;
-    KxCommon::UniqueKernelObject m_Mutex; // one for all processes that write to this path; held to roll over
-    DWORD m_Patience = 0;                 // how long to wait for a turn, in milliseconds
-    DWORD m_Error = 0;                    // why there is no m_File
-    uint64_t m_OpenAt = 0;                // in ticks
-    uint64_t m_RollOverAt = 0;            // in ticks
+    DWORD m_Error = 0;         // why there is no m_File
+    uint64_t m_OpenAt = 0;     // in ticks
+    uint64_t m_RollOverAt = 0; // in ticks
 };
-
-/// Deletes the oldest logs that other processes left in the folder (one each, with its predecessor) but for the newest
-/// 20 files. A log that is open is not deleted. Does nothing when all processes share a log.
-void RemoveOldLogs(const LogName& name);
 
 } // namespace KxTrace

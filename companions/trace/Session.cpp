@@ -1,126 +1,129 @@
 // A session of the trace library: when its settings are read again and what becomes of a line.
 #include "companions/trace/Session.h"
 
-#include <cwchar>
-#include <iterator>
+#include <cstring>
+#include <cwctype>
+#include <string_view>
 #include <utility>
 
+#include "common/srclib/KxComn_Identity.h"
 #include "common/srclib/KxComn_Names.h"
 
 namespace KxTrace
 {
 
-using KxCommon::Synchronize::CriticalSection;
-using Lock = KxCommon::Synchronize::ScopedLock<CriticalSection>;
+using Lock = KxCommon::Synchronize::ScopedLock<KxCommon::Synchronize::CriticalSection>;
 
 namespace
 {
 
-std::wstring SettingsPath(const std::wstring& folder)
+std::wstring Widened(const char* ascii)
 {
-    return folder +
-           std::wstring(std::begin(KxCommon::Names::kSettingsFile), std::end(KxCommon::Names::kSettingsFile) - 1);
+    return {ascii, ascii + std::strlen(ascii)};
 }
 
-std::string ToUtf8(const wchar_t* text)
+// Whether a row of a dump begins here; no other message has line breaks of its own.
+bool IsDumpRow(std::wstring_view text)
 {
-    const int length = static_cast<int>(std::wcslen(text));
-    std::string utf8(static_cast<size_t>(length) * 3, '\0'); // no unit takes more
-    utf8.resize(static_cast<size_t>(
-        ::WideCharToMultiByte(CP_UTF8, 0, text, length, utf8.data(), static_cast<int>(utf8.size()), nullptr, nullptr)));
+    return text.starts_with(L"\r\n??? ") || (text.size() > 4 && text.starts_with(L"\r\n ") &&
+                                             std::iswxdigit(text[3]) != 0 && std::iswxdigit(text[4]) != 0);
+}
+
+bool IsControl(wchar_t unit)
+{
+    return (unit < L' ' && unit != L'\t') || (unit >= 0x7F && unit < 0xA0) || unit == 0x2028 || unit == 0x2029 ||
+           (unit >= 0x202A && unit <= 0x202E) || (unit >= 0x2066 && unit <= 0x2069); // the last two turn text around
+}
+
+// Messages hold names out of rules: nothing in them may pass for a line of its own, or for an order to a terminal.
+std::wstring Printable(std::wstring_view line)
+{
+    std::wstring text(line);
+    const size_t end = line.ends_with(L"\r\n") ? line.size() - 2 : line.size();
+    for (size_t i = 0; i < end; ++i)
+    {
+        if (IsDumpRow(line.substr(i)))
+            ++i;
+        else if (IsControl(text[i]))
+            text[i] = L'.';
+    }
+    return text;
+}
+
+std::string ToUtf8(const std::wstring& text)
+{
+    const int length = static_cast<int>(text.size());
+    std::string utf8(text.size() * 3, '\0'); // no unit takes more
+    utf8.resize(static_cast<size_t>(::WideCharToMultiByte(CP_UTF8, 0, text.data(), length, utf8.data(),
+                                                          static_cast<int>(utf8.size()), nullptr, nullptr)));
     return utf8;
 }
 
 } // namespace
 
 Session::Session(std::wstring folder, const KxCommon::DebugConfigWide& config)
-    : m_Folder(std::move(folder)), m_Unit(config.Head.dwUnit),
-      m_SettingsFile(SettingsPath(m_Folder), config.Head.bServiceSession == 1, m_Unit), m_Config(NarrowHead(config))
+    : m_Folder(std::move(folder)), m_SettingsFile(m_Folder + Widened(KxCommon::Names::kSettingsFile))
 {
-    Apply(FromRecord(config));
+    const Lock lock(m_Lock);
+    m_Settings.Record = config;
+    UseOwnFolder(m_Settings.Record);
+    Apply();
     Refresh();
 }
 
 KxCommon::DebugConfig Session::Config()
 {
+    const Lock lock(m_Lock);
     Refresh();
-    const Lock lock(m_ConfigLock);
     return m_Config;
 }
 
 void Session::SetConfig(const KxCommon::DebugConfig& config)
 {
-    Settings settings = FromRecord(config);
-    {
-        const Lock lock(m_ConfigLock);
-        settings.SizeLimit = m_SizeLimit;
-    }
-    Apply(settings);
+    const Lock lock(m_Lock);
+    const KxCommon::DebugConfigWide before = std::exchange(m_Settings.Record, Widen(config));
+    m_Settings.Record.Head.bServiceSession = before.Head.bServiceSession;
+    m_Settings.Record.Head.dwUnit = before.Head.dwUnit;
+    std::memcpy(&m_Settings.Record.szTraceName, &before.szTraceName, sizeof before.szTraceName);
+    Apply();
 }
 
 DWORD Session::Trace(const wchar_t* line)
 {
+    const Lock lock(m_Lock);
     Refresh();
-    std::shared_ptr<const Destination> destination = CurrentDestination();
-    if (!destination->Enable || *line == L'\0')
+    const KxCommon::DebugConfigHead head = m_Settings.Record.Head;
+    if (head.bEnable == 0 || *line == L'\0')
         return ERROR_SUCCESS;
+    const std::wstring text = Printable(line);
     // Without a debugger the text would go to a buffer that any process can make, read and keep others waiting at.
-    if (destination->Debugger && ::IsDebuggerPresent() != FALSE)
-        ::OutputDebugStringW(line);
-
-    const std::string utf8 = ToUtf8(line);
-    const Lock lock(m_LogLock);
-    destination = CurrentDestination(); // a trace that went off meanwhile has closed its log for good
-    return destination->Enable ? m_Log.Append(destination->Path, destination->Limit, destination->Robust, utf8)
-                               : ERROR_SUCCESS;
+    if (head.bDebugger != 0 && ::IsDebuggerPresent() != FALSE)
+        ::OutputDebugStringW(text.c_str());
+    return m_Log.Append(uint64_t{m_Settings.SizeLimit} * 1024, head.bRobust != 0, ToUtf8(text));
 }
 
-std::shared_ptr<const Session::Destination> Session::CurrentDestination()
-{
-    const Lock lock(m_ConfigLock);
-    return m_Destination;
-}
-
-// At most once a second, by one thread at a time; the others go on with the settings they have.
+// Once a second.
 void Session::Refresh()
 {
     constexpr uint64_t kInterval = 1000;
     const uint64_t now = ::GetTickCount64();
-    if (now < m_RefreshAt.load(std::memory_order_relaxed) || m_Refreshing.test_and_set(std::memory_order_acquire))
+    if (now < m_RefreshAt)
         return;
-    struct Done
-    {
-        std::atomic_flag& Flag;
-        ~Done() { Flag.clear(std::memory_order_release); }
-    } const done{m_Refreshing};
-
-    m_RefreshAt.store(now + kInterval, std::memory_order_relaxed);
-    m_SettingsFile.Update([this](const Settings& settings) { Apply(settings); });
+    m_RefreshAt = now + kInterval;
+    const KxCommon::OwnIdentity identity;
+    if (identity && m_SettingsFile.Update(m_Settings))
+        Apply();
 }
 
-void Session::Apply(const Settings& settings)
+void Session::Apply()
 {
-    const LogName name = MakeLogName(settings, m_Folder, m_Unit, ::GetCurrentProcessId());
-    const auto destination = std::make_shared<const Destination>(Destination{
-        settings.Enable, settings.Debugger, settings.Robust, uint64_t{settings.SizeLimit} * 1024, name.Path()});
-    {
-        const Lock lock(m_ConfigLock);
-        ToRecord(settings, m_Config);
-        SYSTEMTIME time;
-        ::GetLocalTime(&time);
-        m_Config.Head.ReadTime = time;
-        m_SizeLimit = settings.SizeLimit;
-        m_Destination = destination;
-    }
-    if (settings.Enable)
-    {
-        RemoveOldLogs(name);
-    }
-    else
-    {
-        const Lock lock(m_LogLock);
+    SYSTEMTIME time;
+    ::GetLocalTime(&time);
+    m_Settings.Record.Head.ReadTime = time;
+    m_Config = Narrow(m_Settings.Record);
+    m_Log.Use(MakeLogName(m_Settings.Record, m_Folder, ::GetCurrentProcessId()));
+    if (m_Settings.Record.Head.bEnable == 0)
         m_Log.Close(); // nobody should find the log of a trace that is off in use
-    }
 }
 
 } // namespace KxTrace

@@ -2,241 +2,211 @@
 #include "companions/trace/Settings.h"
 
 #include <algorithm>
+#include <cstdlib>
 #include <cstring>
 #include <iterator>
-#include <string_view>
-#include <utility>
 
+#include "common/srclib/KxComn_Handle.h"
 #include "common/srclib/KxComn_Record.h"
+#include "common/srclib/KxComn_String.h"
+
+#include "companions/NtFile.h"
 
 namespace KxTrace
 {
 
 namespace Keys = KxCommon::DebugSettings;
+using KxCommon::DebugConfig;
+using KxCommon::DebugConfigWide;
 
 namespace
 {
 
-std::wstring Widen(const char* ascii)
+// The texts of a record follow each other, in both forms.
+constexpr size_t kTextSizes[] = {sizeof DebugConfig::szTraceName, sizeof DebugConfig::szLogFolder,
+                                 sizeof DebugConfig::szLogPrefix, sizeof DebugConfig::szLogFile,
+                                 sizeof DebugConfig::szLogExtension};
+
+std::wstring Ascii(const char* text)
 {
-    return {ascii, ascii + std::strlen(ascii)};
+    return {text, text + std::strlen(text)};
 }
 
-std::wstring ToWide(std::string_view text)
+void PutText(void* field, size_t size, std::wstring_view text)
 {
-    std::wstring wide(text.size(), L'\0'); // no character takes more units than bytes
-    const int length = static_cast<int>(text.size());
-    wide.resize(static_cast<size_t>(::MultiByteToWideChar(CP_ACP, 0, text.data(), length, wide.data(), length)));
-    return wide;
+    std::memset(field, 0, size * sizeof(wchar_t));
+    std::memcpy(field, text.data(), std::min(text.size(), size - 1) * sizeof(wchar_t));
 }
 
-std::string ToNarrow(const std::wstring& text)
+// Where services write unless they are told something else: below it nobody but the system and administrators writes.
+std::wstring ServiceFolder()
 {
-    const int length = static_cast<int>(text.size());
-    const int size = ::WideCharToMultiByte(CP_ACP, 0, text.data(), length, nullptr, 0, nullptr, nullptr);
-    std::string narrow(static_cast<size_t>(size), '\0');
-    ::WideCharToMultiByte(CP_ACP, 0, text.data(), length, narrow.data(), size, nullptr, nullptr);
-    return narrow;
-}
-
-// The field of a record, at any address.
-template <class Character>
-std::wstring TextOf(const void* field, size_t length)
-{
-    if constexpr (sizeof(Character) == 1)
-        return ToWide(KxCommon::Record::Text(field, length));
-    else
-        return KxCommon::Record::WideText(field, length);
-}
-
-template <size_t Size>
-void PutText(char (&field)[Size], std::wstring text)
-{
-    std::string narrow = ToNarrow(text);
-    while (narrow.size() >= Size)
-    {
-        text.pop_back(); // a unit at a time: bytes would cut a character in half
-        narrow = ToNarrow(text);
-    }
-    std::memset(field, 0, Size);
-    std::memcpy(field, narrow.data(), narrow.size());
-}
-
-template <class Character>
-Settings SettingsOf(const KxCommon::DebugConfigRecord<Character>& packed)
-{
-    const KxCommon::DebugConfigHead head = packed.Head;
-    Settings settings;
-    settings.Enable = head.bEnable != 0;
-    settings.Robust = head.bRobust != 0;
-    settings.Debugger = head.bDebugger != 0;
-    settings.Level = head.dwLevel;
-    settings.LogProcess = head.dwLogProcess;
-    settings.LogUnitType = head.dwLogUnitType;
-    settings.LogFolder = TextOf<Character>(packed.szLogFolder, std::size(packed.szLogFolder));
-    settings.LogPrefix = TextOf<Character>(packed.szLogPrefix, std::size(packed.szLogPrefix));
-    settings.LogFile = TextOf<Character>(packed.szLogFile, std::size(packed.szLogFile));
-    settings.LogExtension = TextOf<Character>(packed.szLogExtension, std::size(packed.szLogExtension));
-    return settings;
+    wchar_t folder[MAX_PATH] = {};
+    ::GetSystemDirectoryW(folder, MAX_PATH);
+    return std::wstring(folder) + L"\\LogFiles\\Quelvane\\";
 }
 
 bool IsAbsolute(const std::wstring& folder)
 {
-    return folder.starts_with(L"\\\\") ||
-           (folder.size() > 2 && folder[1] == L':' && (folder[2] == L'\\' || folder[2] == L'/'));
+    return folder.starts_with(L"\\\\") || (folder.size() > 2 && folder[1] == L':' && folder[2] == L'\\');
+}
+
+// One section of one file by the profile functions. A section that is not there has the defaults.
+struct Section
+{
+    std::wstring Path;
+    std::wstring Name;
+
+    [[nodiscard]] uint32_t Number(const char* key, uint32_t missing) const
+    {
+        return ::GetPrivateProfileIntW(Name.c_str(), Ascii(key).c_str(), static_cast<INT>(missing), Path.c_str());
+    }
+    void Text(void* field, size_t size, const char* key, const std::wstring& missing) const
+    {
+        std::wstring text(size, L'\0');
+        text.resize(::GetPrivateProfileStringW(Name.c_str(), Ascii(key).c_str(), missing.c_str(), text.data(),
+                                               static_cast<DWORD>(size), Path.c_str()));
+        PutText(field, size, text);
+    }
+    [[nodiscard]] bool IsThere() const
+    {
+        wchar_t anything[4];
+        return ::GetPrivateProfileSectionW(Name.c_str(), anything, 4, Path.c_str()) != 0;
+    }
+};
+
+void Read(const Section& section, Settings& settings)
+{
+    DebugConfigWide& record = settings.Record;
+    record.Head.bEnable = section.Number(Keys::kEnable, 0) != 0;
+    record.Head.dwLevel = section.Number(Keys::kLevel, Keys::kDefaultLevel);
+    record.Head.dwLogProcess = section.Number(Keys::kLogProcess, 0);
+    record.Head.dwLogUnitType = section.Number(Keys::kLogUnitType, 0);
+    record.Head.bRobust = section.Number(Keys::kRobust, 0) != 0;
+    record.Head.bDebugger = section.Number(Keys::kDebugger, 0) != 0;
+    section.Text(&record.szLogFolder, std::size(record.szLogFolder), Keys::kLogFolder,
+                 record.Head.bServiceSession == 1 ? ServiceFolder() : Ascii(Keys::kDefaultLogFolder));
+    section.Text(&record.szLogPrefix, std::size(record.szLogPrefix), Keys::kLogPrefix, Ascii(Keys::kDefaultLogPrefix));
+    section.Text(&record.szLogFile, std::size(record.szLogFile), Keys::kLogFile,
+                 Ascii(Keys::DefaultLogFile(record.Head.dwUnit)));
+    section.Text(&record.szLogExtension, std::size(record.szLogExtension), Keys::kLogExtension,
+                 Ascii(Keys::kDefaultLogExtension));
+    // 0 reads like "no limit" and comes out of a mistyped number; neither may fill the disk.
+    const uint32_t limit = section.Number(kLogSizeLimit, 0);
+    settings.SizeLimit = limit == 0 ? kDefaultSizeLimit : std::clamp(limit, kLeastSizeLimit, kMostSizeLimit);
 }
 
 } // namespace
 
-Settings FromRecord(const KxCommon::DebugConfigWide& record)
+DebugConfigWide Widen(const DebugConfig& record)
 {
-    return SettingsOf(record);
+    DebugConfigWide wide = {};
+    wide.Head = record.Head;
+    const char* from = reinterpret_cast<const char*>(&record) + sizeof record.Head;
+    char* to = reinterpret_cast<char*>(&wide) + sizeof wide.Head;
+    for (const size_t size : kTextSizes)
+    {
+        PutText(to, size, KxCommon::String::ToWide(KxCommon::Record::Text(from, size)));
+        from += size;
+        to += size * sizeof(wchar_t);
+    }
+    return wide;
 }
 
-Settings FromRecord(const KxCommon::DebugConfig& record)
+DebugConfig Narrow(const DebugConfigWide& record)
 {
-    return SettingsOf(record);
-}
-
-void ToRecord(const Settings& settings, KxCommon::DebugConfig& record)
-{
-    record.Head.bEnable = settings.Enable ? 1 : 0;
-    record.Head.bRobust = settings.Robust ? 1 : 0;
-    record.Head.bDebugger = settings.Debugger ? 1 : 0;
-    record.Head.dwLevel = settings.Level;
-    record.Head.dwLogProcess = settings.LogProcess;
-    record.Head.dwLogUnitType = settings.LogUnitType;
-    PutText(record.szLogFolder, settings.LogFolder);
-    PutText(record.szLogPrefix, settings.LogPrefix);
-    PutText(record.szLogFile, settings.LogFile);
-    PutText(record.szLogExtension, settings.LogExtension);
-}
-
-KxCommon::DebugConfig NarrowHead(const KxCommon::DebugConfigWide& record)
-{
-    KxCommon::DebugConfig narrow = {};
+    DebugConfig narrow = {};
     narrow.Head = record.Head;
-    PutText(narrow.szTraceName, TextOf<wchar_t>(record.szTraceName, std::size(record.szTraceName)));
+    const char* from = reinterpret_cast<const char*>(&record) + sizeof record.Head;
+    char* to = reinterpret_cast<char*>(&narrow) + sizeof narrow.Head;
+    for (const size_t size : kTextSizes)
+    {
+        std::wstring wide = KxCommon::Record::WideText(from, size);
+        std::string text = KxCommon::String::ToNarrow(wide);
+        for (; text.size() >= size; text = KxCommon::String::ToNarrow(wide))
+            wide.pop_back(); // a unit at a time: bytes would cut a character in half
+        std::memcpy(to, text.data(), text.size());
+        from += size * sizeof(wchar_t);
+        to += size;
+    }
     return narrow;
 }
 
-LogName MakeLogName(const Settings& settings, const std::wstring& libraryFolder, uint32_t unit, uint32_t processId)
+void UseOwnFolder(DebugConfigWide& record)
 {
-    std::wstring folder = IsAbsolute(settings.LogFolder) ? settings.LogFolder : libraryFolder + settings.LogFolder;
-    std::replace(folder.begin(), folder.end(), L'/', L'\\');
-    if (!folder.empty() && folder.back() != L'\\')
-        folder += L'\\';
+    const size_t size = std::size(record.szLogFolder);
+    if (record.Head.bServiceSession == 1 &&
+        KxCommon::Record::WideText(&record.szLogFolder, size) == Ascii(Keys::kDefaultLogFolder))
+        PutText(&record.szLogFolder, size, ServiceFolder());
+}
 
-    LogName name{std::move(folder), settings.LogPrefix + settings.LogFile, {}, settings.LogExtension};
-    if (settings.LogUnitType != 0)
-        name.Stem += L"_u" + std::to_wstring(unit);
-    if (settings.LogProcess != 0)
+LogName MakeLogName(const DebugConfigWide& record, const std::wstring& libraryFolder, uint32_t processId)
+{
+    using KxCommon::Record::WideText;
+    std::wstring folder = WideText(&record.szLogFolder, std::size(record.szLogFolder));
+    const bool isProtected = folder == ServiceFolder();
+    std::replace(folder.begin(), folder.end(), L'/', L'\\');
+    folder = KxCompanions::FullPath((IsAbsolute(folder) ? folder : libraryFolder + folder) + L'\\');
+
+    LogName name{std::move(folder),
+                 WideText(&record.szLogPrefix, std::size(record.szLogPrefix)) +
+                     WideText(&record.szLogFile, std::size(record.szLogFile)),
+                 {},
+                 WideText(&record.szLogExtension, std::size(record.szLogExtension)),
+                 isProtected};
+    if (record.Head.dwLogUnitType != 0)
+        name.Stem += L"_u" + std::to_wstring(record.Head.dwUnit + 0u);
+    if (record.Head.dwLogProcess != 0)
         name.Process = L"_p" + std::to_wstring(processId);
     if (!name.Extension.empty() && name.Extension.front() != L'.')
         name.Extension.insert(0, 1, L'.');
     return name;
 }
 
-SettingsFile::SettingsFile(std::wstring path, bool serviceSession, uint32_t unit)
-    : m_Path(std::move(path)), m_Section(Widen(serviceSession ? Keys::kServiceSection : Keys::kInteractiveSection)),
-      m_Unit(unit)
+bool LogName::IsOld(std::wstring_view file, uint64_t& number) const
 {
-}
-
-void SettingsFile::Update(const std::function<void(const Settings&)>& apply)
-{
-    Stamp stamp;
-    if (!Look(stamp) || (stamp == m_Stamp && !m_Doubtful))
-        return;
-    // Held open: the profile functions do not tell a file that somebody has locked from one that is empty.
-    const KxCommon::UniqueFile file = stamp.Exists ? OpenToRead() : KxCommon::UniqueFile();
-    if (stamp.Exists && !file)
-        return;
-
-    // Two changes within the clock's grain leave the same stamp, on some volumes for two seconds. So a stamp that young
-    // is not believed the next time; the contents are compared instead.
-    constexpr uint64_t kGrain = 25000000; // 2.5 seconds
-    FILETIME time;
-    ::GetSystemTimeAsFileTime(&time);
-    const uint64_t now = static_cast<uint64_t>(time.dwHighDateTime) << 32 | time.dwLowDateTime;
-
-    std::optional<Settings> settings;
-    if (stamp.Exists)
-        settings = Read();
-    if (settings != m_Seen)
-        apply(settings ? *settings : Defaults());
-    // Last: whatever failed before comes again with the next call.
-    m_Seen = std::move(settings);
-    m_Stamp = stamp;
-    m_Doubtful = stamp.Exists && stamp.Written + kGrain > now;
-}
-
-bool SettingsFile::Look(Stamp& stamp) const
-{
-    WIN32_FILE_ATTRIBUTE_DATA data;
-    if (!::GetFileAttributesExW(m_Path.c_str(), GetFileExInfoStandard, &data))
+    if (file == Name() || !file.starts_with(Stem))
+        return false;
+    file.remove_prefix(Stem.size());
+    if (!Process.empty())
     {
-        const DWORD error = ::GetLastError();
-        return error == ERROR_FILE_NOT_FOUND || error == ERROR_PATH_NOT_FOUND;
+        const size_t digits =
+            file.starts_with(L"_p") ? std::min(file.find_first_not_of(L"0123456789", 2), file.size()) : 0;
+        if (digits < 3)
+            return false;
+        file.remove_prefix(digits);
     }
-    stamp.Exists = true;
-    stamp.Written =
-        static_cast<uint64_t>(data.ftLastWriteTime.dwHighDateTime) << 32 | data.ftLastWriteTime.dwLowDateTime;
-    stamp.Size = static_cast<uint64_t>(data.nFileSizeHigh) << 32 | data.nFileSizeLow;
+    if (!file.starts_with(Extension))
+        return false;
+    file.remove_prefix(Extension.size());
+    number = 0;
+    if (!file.starts_with(L".old"))
+        return file.empty();
+    if (file.size() > 5)
+        number = std::wcstoull(std::wstring(file.substr(5)).c_str(), nullptr, 10);
+    return file.find_first_not_of(L".0123456789", 4) == std::wstring_view::npos; // once they had more than a number
+}
+
+bool SettingsFile::Update(Settings& settings)
+{
+    // Held open: the profile functions do not tell a file that somebody has locked from one that is empty.
+    const KxCommon::UniqueFile file(::CreateFileW(m_Path.c_str(), GENERIC_READ,
+                                                  FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, nullptr,
+                                                  OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, nullptr));
+    const DWORD error = file ? ERROR_SUCCESS : ::GetLastError();
+    if (error != ERROR_SUCCESS && error != ERROR_FILE_NOT_FOUND && error != ERROR_PATH_NOT_FOUND)
+        return false;
+    Settings read = settings;
+    read.Record.Head.ReadTime = {};
+    const Section section{
+        m_Path, Ascii(read.Record.Head.bServiceSession == 1 ? Keys::kServiceSection : Keys::kInteractiveSection)};
+    Read(section, read);
+    if (m_Seen
+            ? std::memcmp(&read.Record, &m_Seen->Record, sizeof read.Record) == 0 && read.SizeLimit == m_Seen->SizeLimit
+            : !section.IsThere())
+        return false;
+    m_Seen = settings = read;
     return true;
-}
-
-KxCommon::UniqueFile SettingsFile::OpenToRead() const
-{
-    return KxCommon::UniqueFile(::CreateFileW(m_Path.c_str(), GENERIC_READ,
-                                              FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, nullptr,
-                                              OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, nullptr));
-}
-
-std::optional<Settings> SettingsFile::Read() const
-{
-    wchar_t anything[4];
-    if (::GetPrivateProfileSectionW(m_Section.c_str(), anything, 4, m_Path.c_str()) == 0)
-        return std::nullopt;
-
-    Settings settings = Defaults();
-    settings.Enable = Number(Keys::kEnable, 0) != 0;
-    settings.Level = Number(Keys::kLevel, settings.Level);
-    settings.LogProcess = Number(Keys::kLogProcess, 0);
-    settings.LogUnitType = Number(Keys::kLogUnitType, 0);
-    settings.LogFolder = Text(Keys::kLogFolder, settings.LogFolder, 260);
-    settings.LogPrefix = Text(Keys::kLogPrefix, settings.LogPrefix, 256);
-    settings.LogFile = Text(Keys::kLogFile, settings.LogFile, 256);
-    settings.LogExtension = Text(Keys::kLogExtension, settings.LogExtension, 256);
-    settings.Robust = Number(Keys::kRobust, 0) != 0;
-    settings.Debugger = Number(Keys::kDebugger, 0) != 0;
-    // 0 reads like "no limit" and comes out of a mistyped number; neither may fill the disk.
-    const uint32_t limit = Number(kLogSizeLimit, 0);
-    settings.SizeLimit = limit == 0 ? kDefaultSizeLimit : std::clamp(limit, kLeastSizeLimit, kMostSizeLimit);
-    return settings;
-}
-
-Settings SettingsFile::Defaults() const
-{
-    Settings settings;
-    settings.LogFolder = Widen(Keys::kDefaultLogFolder);
-    settings.LogPrefix = Widen(Keys::kDefaultLogPrefix);
-    settings.LogFile = Widen(Keys::DefaultLogFile(m_Unit));
-    settings.LogExtension = Widen(Keys::kDefaultLogExtension);
-    return settings;
-}
-
-std::wstring SettingsFile::Text(const char* key, const std::wstring& missing, uint32_t units) const
-{
-    std::wstring text(units, L'\0');
-    text.resize(::GetPrivateProfileStringW(m_Section.c_str(), Widen(key).c_str(), missing.c_str(), text.data(), units,
-                                           m_Path.c_str()));
-    return text;
-}
-
-uint32_t SettingsFile::Number(const char* key, uint32_t missing) const
-{
-    return ::GetPrivateProfileIntW(m_Section.c_str(), Widen(key).c_str(), static_cast<INT>(missing), m_Path.c_str());
 }
 
 } // namespace KxTrace
