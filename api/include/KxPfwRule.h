@@ -431,11 +431,12 @@ KXRULE_API int32_t kxRuleInitialize(const char* rulePath, const char* masterFile
 KXRULE_API int32_t kxRuleFinalize(void);
 
 /*
- * Discards what is in memory and reads master, macro and rule set files. Damage is answered, not reported, where the
- * store can go on: an unusable master file, or a missing one beside rule set files, moves it and all rule set files to
- * a dated backup directory (the macro file stays); at most rescue rule sets remain, for those that it named before the
- * damage, and the result says nothing of it. An unreadable rule set becomes a rescue rule set and is kept as a .brk
- * copy (docs/recovery.md). May load KxHash.dll.
+ * Discards what is in memory and reads master, macro and rule set files. Damage is noticed where a length, the padding,
+ * a magic or a count does not fit; a flipped bit inside a record can pass for another rule. It is answered, not
+ * reported, where the store can go on: an unusable master file, or a missing one beside rule set files, moves it and
+ * all rule set files to a dated backup directory (the macro file stays); at most rescue rule sets remain, for those
+ * that it named before the damage, and the result says nothing of it. An unreadable rule set becomes a rescue rule set
+ * and is kept as a .brk copy (docs/recovery.md). May load KxHash.dll.
  * 0, or KXRULE_E_FILE_READ       the macro file is damaged (no rule set has been read then), or memory ran out
  *       KXRULE_E_MACRO_FORMAT    the macro file has another magic or version (no rule set has been read then)
  *       KXRULE_E_FILE_OPEN, KXRULE_E_FILE_WRITE  the rescue of the last listed rule set could not be written
@@ -642,6 +643,7 @@ KXRULE_API int32_t kxRuleUpdateHashValue(const KXWCHAR* applicationPath, const u
  * All functions, F(name, (parameters)) each, for a program that loads the DLL itself instead of linking with it; and a
  * type for each: kxRuleRead_FUNC is that of kxRuleRead. examples/load-at-run-time.c has the loader to paste.
  */
+/* clang-format off */
 #define KXRULE_FUNCTIONS(F)                                                                                            \
     F(kxRuleInitialize, (const char* rulePath, const char* masterFileName))                                            \
     F(kxRuleFinalize, (void))                                                                                          \
@@ -649,16 +651,16 @@ KXRULE_API int32_t kxRuleUpdateHashValue(const KXWCHAR* applicationPath, const u
     F(kxRuleWrite, (void))                                                                                             \
     F(kxRuleFlush, (void))                                                                                             \
     F(kxRuleSetActiveRuleSet, (const uint16_t* indexes, int32_t count))                                                \
-    F(kxRuleGetActiveRuleSet, (uint16_t * indexes, int32_t maxCount))                                                  \
-    F(kxRuleAddRuleSet, (uint16_t index, PFW_RULESET * ruleSet))                                                       \
+    F(kxRuleGetActiveRuleSet, (uint16_t* indexes, int32_t maxCount))                                                   \
+    F(kxRuleAddRuleSet, (uint16_t index, PFW_RULESET* ruleSet))                                                        \
     F(kxRuleDeleteRuleSet, (uint16_t index))                                                                           \
-    F(kxRuleGetRuleSetIndex, (uint16_t * indexes, int32_t maxCount))                                                   \
-    F(kxRuleGetRuleSet, (uint16_t index, PFW_RULESET * ruleSet, int32_t maxRules))                                     \
+    F(kxRuleGetRuleSetIndex, (uint16_t* indexes, int32_t maxCount))                                                    \
+    F(kxRuleGetRuleSet, (uint16_t index, PFW_RULESET* ruleSet, int32_t maxRules))                                      \
     F(kxRuleGetRuleTopIndex, (uint16_t ruleSetIndex))                                                                  \
     F(kxRuleGetRuleBottomIndex, (uint16_t ruleSetIndex))                                                               \
     F(kxRuleAddRule, (uint16_t ruleSetIndex, uint16_t ruleIndex, const PFW_RULE* rule))                                \
     F(kxRuleDeleteRule, (uint16_t ruleSetIndex, uint16_t ruleIndex))                                                   \
-    F(kxRuleGetRule, (uint16_t ruleSetIndex, uint16_t ruleIndex, PFW_RULE * rule))                                     \
+    F(kxRuleGetRule, (uint16_t ruleSetIndex, uint16_t ruleIndex, PFW_RULE* rule))                                      \
     F(kxRuleIsRuleActive, (uint16_t ruleSetIndex, uint16_t ruleIndex))                                                 \
     F(kxRuleAddMacro, (const PFW_MACRO* macro))                                                                        \
     F(kxRuleDeleteMacro, (void))                                                                                       \
@@ -669,6 +671,7 @@ KXRULE_API int32_t kxRuleUpdateHashValue(const KXWCHAR* applicationPath, const u
     F(kxRuleGetMacroString, (const PFW_MACRO* macro, char* text, int32_t textSize))                                    \
     F(kxRuleUpdateHashValue,                                                                                           \
       (const KXWCHAR* applicationPath, const uint8_t* hash, KXRULE_HASH_CALLBACK callback, void* context))
+/* clang-format on */
 
 #define KXRULE_FUNCTION_TYPE(name, parameters) typedef int32_t name##_FUNC parameters;
 KXRULE_FUNCTIONS(KXRULE_FUNCTION_TYPE)
