@@ -91,8 +91,9 @@ def check_calls():
         rule = kxpfwrul.access(7, "tcp", source="10.0.0.0/8", port="80-90", description="Drucker im Büro")
         store.add_rule(index, rule)
         assert store.rule_sets() == [index]
-        _, name, (stored,) = store.rule_set(index)
-        assert bytes(stored) == bytes(rule) and name == "Büro"
+        office = store.rule_set(index)
+        (stored,) = office.rules
+        assert bytes(stored) == bytes(rule) and (office.index, office.name) == (index, "Büro")
         assert kxpfwrul.get_wide(stored.wszDescription) == "Drucker im Büro"
         assert store.text(stored) == "7 6 a000000/8 80-90 1"
         refuses(kxpfwrul.RuleError, lambda: store.rule_set(index + 1), "kxRuleGetRuleSet: KXRULE_E_NO_RULESET (-10015)")

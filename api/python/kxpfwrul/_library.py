@@ -1,9 +1,10 @@
 """The 25 functions of KxPfwRul.dll, and a store for a with statement."""
 import ctypes
+import dataclasses
 import enum
 import os
 from ctypes import POINTER, c_char_p, c_int32, c_uint16, c_uint32, c_void_p
-from typing import Any, Callable, List, NamedTuple, Optional, Sequence, Type, Union
+from typing import Any, Callable, Dict, List, Optional, Sequence, Type, Union
 
 from ._notation import CODE_PAGE
 from ._records import (MACRO_ITEM, PFW_MACRO, PFW_RULE, PFW_RULESET, RULE_ADDR, RULE_PORT, check, get_wide, set_wide)
@@ -40,20 +41,22 @@ class RuleError(Exception):
         super().__init__(f"{function}: {self.name or 'status of the hash library'} ({code})")
 
 
-class RuleSet(NamedTuple):
+@dataclasses.dataclass
+class RuleSet:
     index: int
     name: str
     rules: List[PFW_RULE]
 
 
-class Macro(NamedTuple):
+@dataclasses.dataclass
+class Macro:
     name: str
     items: List[MACRO_ITEM]
 
 
 MacroItem = Union[RULE_ADDR, RULE_PORT, str]
 _HASH_CALLBACK = ctypes.CFUNCTYPE(c_int32, c_uint32, POINTER(PFW_RULE), c_void_p)
-_SIGNATURES: dict = {
+_SIGNATURES: Dict[str, List[Any]] = {
     "kxRuleInitialize": [c_char_p, c_char_p], "kxRuleFinalize": [], "kxRuleRead": [], "kxRuleWrite": [],
     "kxRuleFlush": [], "kxRuleSetActiveRuleSet": [c_void_p, c_int32], "kxRuleGetActiveRuleSet": [c_void_p, c_int32],
     "kxRuleAddRuleSet": [c_uint16, c_void_p], "kxRuleDeleteRuleSet": [c_uint16],
@@ -153,7 +156,7 @@ class Library:
         set_wide(head.wszName, name)
         block = _block(head, rules)
         self._call("kxRuleAddRuleSet", index, block)
-        return PFW_RULESET.from_buffer_copy(block).wRuleSetIndex
+        return int(PFW_RULESET.from_buffer_copy(block).wRuleSetIndex)
 
     def delete_rule_set(self, index: int) -> None:
         if index == 0:
