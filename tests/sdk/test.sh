@@ -22,6 +22,20 @@ mv "$scratch/a folder"/*-win64 "$sdk"
 zip=$(ls "$scratch"/dist/*-win64.zip)
 python3 tests/sdk/package_test.py "$sdk" "$scratch/a folder"/*-symbols "$scratch"/dist/*.nupkg
 
+# What the C++ layer refuses, it refuses with a reason, and nothing else.
+refused() { x86_64-w64-mingw32-g++-posix -fsyntax-only -I"$sdk/include" "$@" tests/sdk/refused.cpp 2>&1 || true; }
+said=$(refused -std=c++20)
+number=0
+while IFS= read -r line; do
+    number=$((number + 1))
+    near=$(grep -A 4 "refused.cpp:$number:" <<<"$said" || true)
+    case $line in
+    *'; // '*) [[ $near == *"${line##*// }"* ]] ;;
+    *) [[ $number = 2 || -z $near ]] ;; # 2: the include, which errors in the header mention
+    esac || { echo "refused.cpp:$number: $near" >&2; exit 1; }
+done < <(sed 's/  *\/\/ / \/\/ /' tests/sdk/refused.cpp)
+[[ $(refused -std=c++17) == *'error: #error "Needs C++20'* ]]
+
 # Off Windows the package says why it is no use. For Windows the two commands of its README build the examples.
 cd "$sdk"
 cmake -S examples -B "$scratch/native" -G Ninja -DCMAKE_PREFIX_PATH="$PWD" >"$scratch/native.log" 2>&1 && exit 1
