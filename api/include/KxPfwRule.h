@@ -407,26 +407,27 @@ typedef int32_t (*KXRULE_HASH_CALLBACK)(uint32_t ruleSetIndex, const PFW_RULE* r
 
 /*
  * Starts the library: trace, named mutex, empty store, delayed write timer. Reads no rule file; see kxRuleRead.
- *   rulePath        the rule directory, a full path: a relative one follows the process's current directory at every
- *                   access. Null or empty: the DLL's own directory (the current one where that cannot be told).
- *                   Created when missing (one level); if that fails, the first write says KXRULE_E_FILE_OPEN.
+ *   rulePath        the rule directory. A relative path is resolved here, once. Null or empty: the DLL's own directory
+ *                   (the current one where that cannot be told). Created when missing (one level); if that fails, the
+ *                   first write says KXRULE_E_FILE_OPEN. At most 223 bytes, or copies in RuleBackup have no names.
  *   masterFileName  a bare file name for the master file. Null or empty: KxRulMas.dat.
  * 0, or KXRULE_E_ALREADY_INITIALIZED  the library is initialised; nothing changes but the trace settings, re-read
  *       KXRULE_E_MUTEX                Global\KxPfwRuleDllLockMutex could not be created, or memory ran out; not
  *                                     initialised, but the trace goes on until kxRuleFinalize is called
  * Call kxRuleRead next, also on a directory believed to be empty: what is written without it replaces the store that
- * lies there and does not list its rule sets.
+ * lies there (after a copy into a dated backup directory) and does not list its rule sets.
  * Changes reach the disk every RuleWriteInterval milliseconds (docs/settings.md), 30 minutes unless configured.
- * One process at a time should write to a rule directory: nothing reloads what another process wrote.
+ * One process at a time reads or writes a rule directory: nothing reloads what another process wrote.
  */
 KXRULE_API int32_t kxRuleInitialize(const char* rulePath, const char* masterFileName);
 
 /*
  * Writes pending changes, stops the timer, closes mutex and trace. Always 0, also when that last write failed: call
- * kxRuleFlush before it to learn of that. Without an initialised library it does nothing and returns 0. Master locks
- * that the calling thread kept are given back. While another thread keeps one, the call waits for that thread's
- * kxRuleFinalize, or for the thread's end. It waits for the timer's thread: not to be called from a load entry
- * (DllMain) or the destructor of a global in a DLL, where that thread cannot end.
+ * kxRuleFlush before it to learn of that. It waits up to two seconds for somebody who holds a file that is written.
+ * Without an initialised library it does nothing and returns 0. Kept master locks are given back. While another thread
+ * keeps one and something is there to write, the call waits for that thread's kxRuleFinalize, or for the thread's end.
+ * It waits for the timer's thread: not to be called from a load entry (DllMain) or the destructor of a global in a DLL,
+ * where that thread cannot end.
  */
 KXRULE_API int32_t kxRuleFinalize(void);
 
@@ -440,10 +441,12 @@ KXRULE_API int32_t kxRuleFinalize(void);
  * 0, or KXRULE_E_FILE_READ       the macro file is damaged (no rule set has been read then), or memory ran out
  *       KXRULE_E_MACRO_FORMAT    the macro file has another magic or version (no rule set has been read then)
  *       KXRULE_E_FILE_OPEN, KXRULE_E_FILE_WRITE  the rescue of the last listed rule set could not be written
- *       KXRULE_E_FILE_OPEN       the library is not initialised
+ *       KXRULE_E_FILE_OPEN       the master or the macro file is held by somebody who lets nobody else read it, for more
+ *                                than a second: nothing was moved or written, try again. Or not initialised
  * After a failure of an initialised library the calling thread keeps the master lock until it calls kxRuleFinalize or
- * ends: its own calls go on, those of other threads wait. Do not change the store after a failed read: the first write
- * copies all rule files into a dated backup directory, but it lists only what is in memory.
+ * ends: its own calls go on, those of other threads wait. What was changed before the read and not written is gone and
+ * will not be written. Do not change the store after a failed read: the first write copies all rule files into a dated
+ * backup directory, but it lists only what is in memory.
  */
 KXRULE_API int32_t kxRuleRead(void);
 
@@ -452,8 +455,8 @@ KXRULE_API int32_t kxRuleRead(void);
  * it only when complete and flushed.
  * 0, or KXRULE_E_FILE_OPEN   a temporary file could not be made in the rule directory, or not initialised
  *       KXRULE_E_FILE_WRITE  a file could not be written or replaced, or memory ran out; the old file stays. Or what
- *                            would be written over was never read and could not be copied away first
- *                            (docs/recovery.md); that file is not written then, nor what comes after it
+ *                            would be written over was never read, and somebody holds it so that it can be neither
+ *                            copied nor renamed first (docs/recovery.md). Nothing that comes after it is written
  */
 KXRULE_API int32_t kxRuleWrite(void);
 
@@ -496,7 +499,8 @@ KXRULE_API int32_t kxRuleAddRuleSet(uint16_t index, PFW_RULESET* ruleSet);
 
 /*
  * Removes a rule set, or all of them (index 0), rewrites the master file at once and then deletes the files of what
- * was removed. The active list does not change.
+ * was removed. The active list does not change; as it is in memory by then, it reaches the disk with the master file,
+ * while other changes still wait.
  * 0, or KXRULE_E_NO_RULESET  no rule set has that index (never for 0)
  *       KXRULE_E_FILE_OPEN, KXRULE_E_FILE_WRITE  the master file could not be written (as in kxRuleWrite); the rule
  *                            set is gone from memory all the same and its file stays
