@@ -1,12 +1,16 @@
 // Copies of what could not be read, so that nothing is lost by going on without it. docs/recovery.md tells where what
 // lies and how to get rules back from it.
 #include <cstdio>
+#include <list>
+#include <utility>
 
 #include "common/srclib/KxComn_Windows.h"
 
 #include "common/srclib/KxComn_Files.h"
 #include "common/srclib/KxComn_Trace.h"
 #include "persistence/EncryptFile.h"
+#include "persistence/MacroFormat.h"
+#include "persistence/MasterFormat.h"
 #include "persistence/RuleDirectory.h"
 #include "persistence/RuleSetFiles.h"
 #include "persistence/RuleSetFormat.h"
@@ -22,21 +26,30 @@ std::string Numbered(const std::string& name, unsigned number)
     return number == 1 ? name : name + std::to_string(number);
 }
 
+// Where nothing can be said of a name it is tried: the copy to it then fails, and that is an answer.
 std::string FreeName(const std::string& name)
 {
     unsigned number = 1;
-    while (Files::MayExist(Numbered(name, number).c_str()))
+    while (Files::Attributes(Numbered(name, number).c_str()) != INVALID_FILE_ATTRIBUTES)
         ++number;
     return Numbered(name, number);
 }
 
-// Only of a damaged copy is it certain that it is not the last whole one of a rule set.
-bool MayWriteOver(const std::string& copy)
+// Only of a damaged copy is it certain that it is not the last whole one of its file.
+bool IsWhole(const std::string& path)
 {
-    if (!Files::MayExist(copy.c_str()))
-        return true;
     CEncryptFile file;
-    return file.Open(copy.c_str(), GENERIC_READ) && !RuleSetFormat::IsWhole(file);
+    if (!file.Open(path.c_str(), GENERIC_READ))
+        return true;
+    const FileHead head = ReadHead(file);
+    file.Close();
+    if (head.Defect != FileDefect::None || !file.Open(path.c_str(), GENERIC_READ))
+        return head.Defect == FileDefect::None;
+    MasterFields fields;
+    std::list<CMacro> macros;
+    return head.Kind == FileKind::Master   ? MasterFormat::Read(file, fields) == FileDefect::None
+           : head.Kind == FileKind::Macros ? MacroFormat::Read(file, macros) == FileDefect::None
+                                           : RuleSetFormat::IsWhole(file);
 }
 
 std::string DateNow()
@@ -70,7 +83,7 @@ std::string RuleDirectory::CreateBackupDirectoryByDate() const
     return directory;
 }
 
-bool RuleDirectory::BackupAllRules() const
+void RuleDirectory::BackupAllRules() const
 {
     KX_TRACE(KxCommon::kTraceDetail, "BackupAllRules [Enter]");
     const std::string backup = CreateBackupDirectoryByDate();
@@ -78,24 +91,27 @@ bool RuleDirectory::BackupAllRules() const
     const auto move = [&](const wchar_t* line, const std::string& name)
     {
         KX_TRACE_WIDE(KxCommon::kTraceCall, line, ShownPathOf(name).c_str(), ShownPathOf(backup + name).c_str());
-        return Files::Move(PathOf(name).c_str(), PathOf(backup + name).c_str(), false) || !MayExist(name);
+        static_cast<void>(Files::Move(PathOf(name).c_str(), PathOf(backup + name).c_str(), false));
     };
-    bool isComplete = move(L"Move master file : [%S] -> [%S]", m_MasterFileName);
+    move(L"Move master file : [%S] -> [%S]", m_MasterFileName);
     std::vector<std::string> names;
-    isComplete = FindRuleSetFiles(names) && isComplete;
+    static_cast<void>(FindRuleSetFiles(names));
     for (const std::string& name : names)
-        isComplete = move(L"Move ruleset file : [%S] -> [%S]", name) && isComplete;
+    {
+        if (!IsSameFile(name, m_MacroFileName)) // which may bear a name that the pattern finds
+            move(L"Move ruleset file : [%S] -> [%S]", name);
+    }
     KX_TRACE(KxCommon::kTraceDetail, "BackupAllRules [Leave]");
-    return isComplete;
 }
 
-void RuleDirectory::CopyUnread(RuleSetFiles& files) const
+uint32_t RuleDirectory::CopyUnread(RuleSetFiles& files) const
 {
     std::vector<std::string> names;
     static_cast<void>(FindRuleSetFiles(names)); // what it misses is copied when it is written over
     names.push_back(m_MasterFileName);
     names.push_back(m_MacroFileName);
     std::string backup;
+    uint32_t busy = ERROR_SUCCESS;
     for (const std::string& name : names)
     {
         if (!files.HoldsMore(name) || !IsFile(name))
@@ -104,9 +120,13 @@ void RuleDirectory::CopyUnread(RuleSetFiles& files) const
             backup = MakeBackupDirectory(DateNow());
         // A free name: a backup of the same second shares the directory, and both stay.
         const std::string copy = FreeName(PathOf(backup + name)).substr(m_Path.size());
-        if (CopyTraced(name, copy, true) == ERROR_SUCCESS)
+        const uint32_t error = CopyTraced(name, copy, true);
+        if (error == ERROR_SUCCESS)
             files.NoteKept(name);
+        else if (Files::IsBusy(error))
+            busy = error;
     }
+    return busy;
 }
 
 // 0, or the system's error.
@@ -121,33 +141,32 @@ uint32_t RuleDirectory::CopyTraced(const std::string& from, const std::string& t
     return error == ERROR_SUCCESS ? ERROR_GEN_FAILURE : error;
 }
 
-uint32_t RuleDirectory::CopyBroken(const std::string& fileName, bool isTraced) const
+uint32_t RuleDirectory::CopyBroken(const std::string& fileName, Reason reason) const
 {
     if (!IsFile(fileName))
         return ERROR_SUCCESS;
     const std::string copy = MakeBackupDirectory({}) + fileName + FileFormat::kBrokenExtension;
-    unsigned number = 1;
-    while (!MayWriteOver(PathOf(Numbered(copy, number))))
-        ++number;
-    const uint32_t error = CopyTraced(fileName, Numbered(copy, number), isTraced);
+    const std::string free = FreeName(PathOf(copy)).substr(m_Path.size());
+    const bool isTraced = reason != Reason::Unopened;
     // A damaged earlier copy may be read-only, as its file was.
-    if (error != ERROR_ACCESS_DENIED || !Files::MayExist(PathOf(Numbered(copy, number)).c_str()))
-        return error;
-    return CopyTraced(fileName, FreeName(PathOf(copy)).substr(m_Path.size()), isTraced);
+    if (reason == Reason::Damaged && free != copy && !IsWhole(PathOf(copy)) &&
+        CopyTraced(fileName, copy, false) == ERROR_SUCCESS)
+        return ERROR_SUCCESS;
+    return CopyTraced(fileName, free, isTraced);
 }
 
-uint32_t RuleDirectory::KeepBroken(const std::string& fileName, bool isTraced) const
+uint32_t RuleDirectory::KeepBroken(const std::string& fileName, Reason reason)
 {
-    if (CopyBroken(fileName, isTraced) == ERROR_SUCCESS)
+    if (CopyBroken(fileName, reason) == ERROR_SUCCESS)
         return ERROR_SUCCESS;
-    // Beside itself it needs neither room nor RuleBackup nor sectors that can be read.
-    for (unsigned number = 1;; ++number)
+    // Beside itself it needs neither room nor RuleBackup nor sectors that can be read. (An access list that denies the
+    // copy for good may still allow this.)
+    std::string aside = FreeName(PathOf(fileName + FileFormat::kBrokenExtension)).substr(m_Path.size());
+    if (Files::Move(PathOf(fileName).c_str(), PathOf(aside).c_str(), false))
     {
-        const std::string aside = Numbered(fileName + FileFormat::kBrokenExtension, number);
-        if (Files::Move(PathOf(fileName).c_str(), PathOf(aside).c_str(), false))
-            return ERROR_SUCCESS;
-        const DWORD error = ::GetLastError();
-        if (error != ERROR_ALREADY_EXISTS && error != ERROR_FILE_EXISTS)
-            return error == ERROR_SUCCESS ? ERROR_GEN_FAILURE : error;
+        m_Aside = std::move(aside);
+        return ERROR_SUCCESS;
     }
+    const DWORD error = ::GetLastError();
+    return error == ERROR_SUCCESS ? ERROR_GEN_FAILURE : error;
 }

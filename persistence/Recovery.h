@@ -67,10 +67,12 @@ inline constexpr Recovery kRecoveries[] = {
 /// The row of a defect that the kind of file can have; FileDefect::None has none.
 [[nodiscard]] constexpr const Recovery& RecoveryOf(FileKind kind, FileDefect defect) noexcept
 {
+    const Recovery* found = &kRecoveries[1]; // whatever is not foreseen stops the read
     for (const Recovery& row : kRecoveries)
     {
         if (row.Kind == kind && row.Defect == defect)
-            return row;
+            found = &row;
     }
-    return kRecoveries[0];
+    return *found;
 }
+static_assert(RecoveryOf(FileKind::Master, FileDefect::None).What == Remedy::Stop);

@@ -26,11 +26,6 @@ constexpr DWORD kOddAttributes =
 // What the system's longest path leaves for a directory in which a dated copy of the master file has a name.
 constexpr size_t kLongestPath = 223;
 
-bool IsSameFile(const std::string& a, const std::string& b)
-{
-    return KxCommon::String::EqualNoCase(KxCommon::String::ToWide(a), KxCommon::String::ToWide(b));
-}
-
 const char* TemporaryPrefix(FileKind kind) noexcept
 {
     return kind == FileKind::Master   ? FileFormat::kMasterTemporary
@@ -57,6 +52,7 @@ void RuleDirectory::Locate(const std::string& given, const std::string& masterFi
     KxCommon::AppendSeparator(m_Path);
     m_MasterFileName = masterFileName;
     m_MacroFileName = FileFormat::kMacroFileName;
+    m_Patience = kPatience;
     if (m_Path.size() > kLongestPath)
         KX_TRACE(KxCommon::kTraceError, "\tRule path is too long for the names of backups (%s)", m_Given.c_str());
 }
@@ -65,6 +61,11 @@ void RuleDirectory::MakeIfMissing() const
 {
     if (Files::Attributes(m_Path.c_str()) != FILE_ATTRIBUTE_DIRECTORY)
         static_cast<void>(Files::MakeDirectory(m_Path.c_str()));
+}
+
+bool RuleDirectory::IsSameFile(const std::string& a, const std::string& b)
+{
+    return KxCommon::String::EqualNoCase(KxCommon::String::ToWide(a), KxCommon::String::ToWide(b));
 }
 
 // The key is no secret: whoever may write the directory can name any file, and this one is written to. An empty name
@@ -82,14 +83,11 @@ bool RuleDirectory::IsUsableRuleSetFileName(const std::string& name) const
     return RuleFiles::IsBareName(name) && !IsSameFile(name, m_MasterFileName) && !IsSameFile(name, m_MacroFileName);
 }
 
-FileDefect RuleDirectory::Open(CEncryptFile& file, const std::string& fileName, uint32_t* error) const
+FileDefect RuleDirectory::Open(CEncryptFile& file, const std::string& fileName) const
 {
     if (file.Open(PathOf(fileName).c_str(), GENERIC_READ))
         return FileDefect::None;
-    const DWORD code = ::GetLastError();
-    if (error != nullptr)
-        *error = code;
-    return Files::IsBusy(code) ? FileDefect::Busy : FileDefect::Missing;
+    return Files::IsBusy(::GetLastError()) ? FileDefect::Busy : FileDefect::Missing;
 }
 
 bool RuleDirectory::FindRuleSetFiles(std::vector<std::string>& names) const
@@ -105,35 +103,47 @@ bool RuleDirectory::MayExist(const std::string& fileName) const
     return Files::MayExist(PathOf(fileName).c_str());
 }
 
-bool RuleDirectory::Remove(const std::string& fileName) const
+void RuleDirectory::Remove(const std::string& fileName) const
 {
-    return Files::Delete(PathOf(fileName).c_str());
+    static_cast<void>(Files::Delete(PathOf(fileName).c_str()));
 }
 
 // A directory that bears a rule file's name holds nothing that could be kept.
 bool RuleDirectory::IsFile(const std::string& name) const
 {
     const DWORD attributes = Files::Attributes(PathOf(name).c_str());
-    return attributes == INVALID_FILE_ATTRIBUTES ? MayExist(name) : (attributes & FILE_ATTRIBUTE_DIRECTORY) == 0;
+    return attributes == INVALID_FILE_ATTRIBUTES ? Files::IsUnknown(::GetLastError())
+                                                 : (attributes & FILE_ATTRIBUTE_DIRECTORY) == 0;
 }
 
-int32_t RuleDirectory::Write(const WriteJob& job) const
+int32_t RuleDirectory::Write(const WriteJob& job)
 {
     try
     {
+        // A caller may have named the master file like another one.
+        if (job.Kind != FileKind::Master && IsSameFile(job.FileName, m_MasterFileName))
+        {
+            KX_TRACE(KxCommon::kTraceError, "\tThe master file has the name of another file (%s)",
+                     job.FileName.c_str());
+            return KXRULE_E_FILE_WRITE;
+        }
         // Without a name the open fails, and that is what is reported.
         const std::string path = Files::TemporaryName(m_Path, TemporaryPrefix(job.Kind));
         const std::string name = path.substr(path.find_last_of('\\') + 1);
-        const int32_t result = WriteTemporary(job, name);
+        int32_t result = WriteTemporary(job, name);
         if (result != KXRULE_OK)
             return result;
+        m_Aside.clear();
         if (const uint32_t error = job.Keep(job.FileName); error != ERROR_SUCCESS)
         {
             KX_TRACE(KxCommon::kTraceError, "\tCopyFile() failed %lu (%s -> %s)", static_cast<DWORD>(error),
                      ShownPathOf(name).c_str(), ShownPathOf(job.FileName).c_str());
             return KXRULE_E_FILE_WRITE;
         }
-        return Replace(name, job.FileName);
+        result = Replace(name, job.FileName);
+        if (result != KXRULE_OK && !m_Aside.empty()) // the place stays empty, so what was there takes it again
+            static_cast<void>(Files::Move(PathOf(m_Aside).c_str(), PathOf(job.FileName).c_str(), false));
+        return result;
     }
     catch (const std::bad_alloc&)
     {

@@ -53,40 +53,49 @@ public:
     /// How long a write waits for others to close a file, in milliseconds.
     void SetPatience(uint32_t milliseconds) noexcept { m_Patience = milliseconds; }
 
-    /// Opens a file to read. None, or FileDefect::Missing or Busy with the system's error number. bad_alloc as CEncryptFile.
-    [[nodiscard]] FileDefect Open(CEncryptFile& file, const std::string& fileName, uint32_t* error = nullptr) const;
+    /// Opens a file to read. None, or FileDefect::Missing or Busy. bad_alloc as CEncryptFile.
+    [[nodiscard]] FileDefect Open(CEncryptFile& file, const std::string& fileName) const;
     /// Appends the rule set files, in the system's order. False when the search broke off, so that there may be more.
     [[nodiscard]] bool FindRuleSetFiles(std::vector<std::string>& names) const;
     [[nodiscard]] bool MayExist(const std::string& fileName) const;
-    /// Whether the file is gone.
-    bool Remove(const std::string& fileName) const;
+    void Remove(const std::string& fileName) const;
     /// Writes a temporary file, flushes it, asks the keeper, and puts it over the real one. On any failure the real file
     /// keeps its content under its name (unless the move was refused and the copy in its place broke off), and the
     /// temporary file stays, whole in that case. Every failure is traced.
     /// @return 0, KXRULE_E_FILE_OPEN (temporary file), KXRULE_E_FILE_WRITE
-    [[nodiscard]] int32_t Write(const WriteJob& job) const;
+    [[nodiscard]] int32_t Write(const WriteJob& job);
 
     // ----- Backup.cpp: copies, in RuleBackup; nothing there is ever removed
 
     /// Makes RuleBackup and a directory in it named by the local time (yyMMddHHmmss); returns its name in the rule
     /// directory, ending in a backslash. That it could not be made is found out by whoever puts something there.
     std::string CreateBackupDirectoryByDate() const;
-    /// Moves the master file and every rule set file into a new dated directory. The macro file stays. What cannot be
-    /// moved stays where it is, and the result is false: it has not been read.
-    [[nodiscard]] bool BackupAllRules() const;
+    /// Moves the master file and every rule set file into a new dated directory. The macro file stays, and so does what
+    /// cannot be moved.
+    void BackupAllRules() const;
     /// Before the first write into a directory that was not read whole: copies every file that holds more than memory
-    /// does into a dated directory, and notes it as kept. What cannot be copied (traced) stays noted as it is.
-    void CopyUnread(RuleSetFiles& files) const;
-    /// Copies a file to RuleBackup under its name with ".brk" after it; nothing when there is no file. An earlier copy is
-    /// written over only if it is damaged, otherwise a number is added. 0, or the system's error.
-    [[nodiscard]] uint32_t CopyBroken(const std::string& fileName, bool isTraced) const;
+    /// does into a dated directory, and notes it as kept. What cannot be copied (traced) stays noted as it is. 0, or the
+    /// system's error for a file that somebody holds, so that the next try may succeed.
+    [[nodiscard]] uint32_t CopyUnread(RuleSetFiles& files) const;
+    /// Why a copy is made. Only a damaged file's may take the place of an earlier one, if that is damaged too; every other
+    /// gets a number where the name is taken. A file that could not be opened may not be there at all: silent.
+    enum class Reason
+    {
+        Damaged,
+        Unopened,
+        Replaced
+    };
+    /// Copies a file to RuleBackup under its name with ".brk" after it; nothing when there is no file. 0, or the system's
+    /// error, traced.
+    [[nodiscard]] uint32_t CopyBroken(const std::string& fileName, Reason reason) const;
     /// The same for a file that is about to be replaced: where no copy can be made it is renamed beside itself. 0, or the
     /// system's error for a file that is held so that neither is possible.
-    [[nodiscard]] uint32_t KeepBroken(const std::string& fileName, bool isTraced) const;
+    [[nodiscard]] uint32_t KeepBroken(const std::string& fileName, Reason reason);
 
 private:
     [[nodiscard]] std::string PathOf(const std::string& name) const { return m_Path + name; }
     [[nodiscard]] std::string ShownPathOf(const std::string& name) const { return m_Given + name; }
+    [[nodiscard]] static bool IsSameFile(const std::string& a, const std::string& b);
     [[nodiscard]] bool IsFile(const std::string& name) const;
     [[nodiscard]] int32_t WriteTemporary(const WriteJob& job, const std::string& name) const;
     [[nodiscard]] int32_t Replace(const std::string& temporaryName, const std::string& fileName) const;
@@ -97,5 +106,7 @@ private:
     std::string m_Path = ".\\"; // absolute once it is located; ends in a backslash
     std::string m_MasterFileName = FileFormat::kMasterFileName;
     std::string m_MacroFileName = FileFormat::kMacroFileName;
-    uint32_t m_Patience = 330; // a third of a second
+    static constexpr uint32_t kPatience = 330; // a third of a second
+    uint32_t m_Patience = kPatience;
+    std::string m_Aside; // where KeepBroken has renamed a file to since the last write began; mostly empty
 };

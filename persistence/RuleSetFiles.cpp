@@ -1,6 +1,7 @@
 // Who owns which file. docs/recovery.md, "What is written over, and when", is this in words.
 #include "persistence/RuleSetFiles.h"
 
+#include <set>
 #include <utility>
 
 bool RuleSetFiles::List(const std::string& name)
@@ -14,21 +15,35 @@ void RuleSetFiles::ListOnly(const std::vector<std::string>& names)
     std::vector<Place*> listed;
     listed.reserve(names.size());
     for (const std::string& name : names)
-        listed.push_back(&m_Places[ToKey(name)]);
+    {
+        if (!name.empty()) // a set that was never written
+            listed.push_back(&m_Places[ToKey(name)]);
+    }
     for (auto& [key, place] : m_Places)
         place.IsListed = false;
     for (Place* const place : listed)
         place->IsListed = true;
 }
 
-void RuleSetFiles::Claim(const std::string& name, uint16_t index, const std::string& former, bool holdsMore)
+std::vector<std::string> RuleSetFiles::Unlisted(const std::vector<std::string>& names) const
+{
+    std::set<KxCommon::WideString, NoCase> listed;
+    for (const std::string& name : names)
+        listed.insert(ToKey(name));
+    std::vector<std::string> unlisted;
+    for (const auto& [key, place] : m_Places)
+    {
+        if (place.IsListed && place.HoldsMore && listed.count(key) == 0)
+            unlisted.push_back(KxCommon::String::ToNarrow(key));
+    }
+    return unlisted;
+}
+
+RuleSetFiles::Claim RuleSetFiles::Prepare(const std::string& name, uint16_t index, const std::string& former)
 {
     Place& place = m_Places[ToKey(name)];
-    if (const auto left = former.empty() ? m_Places.end() : m_Places.find(ToKey(former));
-        left != m_Places.end() && left->second.Owner == index)
-        left->second.Owner.reset();
-    place.Owner = index;
-    place.HoldsMore = holdsMore;
+    const auto left = former.empty() ? m_Places.end() : m_Places.find(ToKey(former));
+    return {place, left == m_Places.end() ? nullptr : &left->second, index};
 }
 
 void RuleSetFiles::NoteUnread(const std::string& name)
@@ -44,10 +59,10 @@ void RuleSetFiles::NoteNothingKept() noexcept
         place.HoldsMore = true;
 }
 
-bool RuleSetFiles::Release(const std::string& name, uint16_t index)
+bool RuleSetFiles::Release(const std::string& name)
 {
     const auto found = m_Places.find(ToKey(name));
-    if (found == m_Places.end() || found->second.Owner != index)
+    if (found == m_Places.end() || found->second.Owner || found->second.IsListed)
         return false;
     m_Places.erase(found);
     return true;
@@ -68,13 +83,9 @@ std::optional<uint16_t> RuleSetFiles::OwnerOf(const std::string& name) const
 RuleSetFiles::Verdict RuleSetFiles::MayReplace(const std::string& name, uint16_t index) const
 {
     const Place* const place = Find(name);
-    if (place == nullptr)
-        return Verdict::CopyFirst;
-    if (place->Owner && place->Owner != index)
-        return Verdict::Owned;
-    if (!place->Owner && place->IsListed)
-        return Verdict::ListFirst;
-    return place->HoldsMore ? Verdict::CopyFirst : Verdict::Free;
+    if (place == nullptr || place->Owner == index)
+        return Verdict::Yes;
+    return place->Owner ? Verdict::No : place->IsListed ? Verdict::ListFirst : Verdict::Yes;
 }
 
 const RuleSetFiles::Place* RuleSetFiles::Find(const std::string& name) const

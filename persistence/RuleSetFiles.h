@@ -20,11 +20,11 @@ class RuleSetFiles
 public:
     enum class Verdict
     {
-        Free,      // nothing is lost by replacing it
-        CopyFirst, // it holds more than memory does, or nobody has looked into it
+        Yes,       // after a copy where HoldsMore says so
         ListFirst, // the master file on the disk lists it for a set that has moved out: write that first
-        Owned      // it is the file of another set, which has to move out before
+        No         // it is the file of another set, which has to move out before
     };
+    class Claim;
 
     void Clear() noexcept { m_Places.clear(); }
 
@@ -33,9 +33,11 @@ public:
     /// The master file on the disk has been written: it lists these and no others.
     void ListOnly(const std::vector<std::string>& names);
 
-    /// The set in memory is what the file holds: after a read or a write. What the set had before is nobody's.
-    /// holdsMore: the file's rules were not all taken into memory, and there is no copy of it.
-    void Claim(const std::string& name, uint16_t index, const std::string& former, bool holdsMore = false);
+    /// Listed files that hold more than memory does and that a master file with these names would list no more.
+    [[nodiscard]] std::vector<std::string> Unlisted(const std::vector<std::string>& names) const;
+
+    /// Before a set's file is read or written; Claim::Take, afterwards, can no longer fail.
+    [[nodiscard]] Claim Prepare(const std::string& name, uint16_t index, const std::string& former = {});
     /// Nothing in the file is missing in memory or in a copy: a master or macro file that was read or written, or a file
     /// that has been copied.
     void NoteKept(const std::string& name) { m_Places[ToKey(name)].HoldsMore = false; }
@@ -43,8 +45,10 @@ public:
     void NoteUnread(const std::string& name);
     /// A read has failed: what was read is not in memory, or not for long.
     void NoteNothingKept() noexcept;
-    /// The set is gone from memory. Whether it still owned the file, which is then to be deleted, and forgotten here.
-    [[nodiscard]] bool Release(const std::string& name, uint16_t index);
+    /// The set is gone from memory; its file is to be deleted once the master file lists it no longer.
+    void Disown(const std::string& name) { m_Places[ToKey(name)].Owner.reset(); }
+    /// After that: whether the file is nobody's and unlisted. It is forgotten here then.
+    [[nodiscard]] bool Release(const std::string& name);
 
     /// True as well for a file that nobody has looked at.
     [[nodiscard]] bool HoldsMore(const std::string& name) const;
@@ -71,4 +75,26 @@ private:
     [[nodiscard]] const Place* Find(const std::string& name) const;
 
     std::map<KxCommon::WideString, Place, NoCase> m_Places;
+};
+
+/// Says that the set in memory is what a file holds. What the set had before is nobody's then.
+class RuleSetFiles::Claim
+{
+public:
+    /// holdsMore: the file's rules were not all taken into memory, and there is no copy of it.
+    void Take(bool holdsMore = false) noexcept
+    {
+        if (m_Former != nullptr && m_Former->Owner == m_Index)
+            m_Former->Owner.reset();
+        m_Place.Owner = m_Index;
+        m_Place.HoldsMore = holdsMore;
+    }
+
+private:
+    friend RuleSetFiles;
+    Claim(Place& place, Place* former, uint16_t index) noexcept : m_Place(place), m_Former(former), m_Index(index) {}
+
+    Place& m_Place;
+    Place* m_Former;
+    uint16_t m_Index;
 };

@@ -187,18 +187,15 @@ int32_t CRuleMaster::DeleteRuleSet(uint16_t index)
     } while (!MayChange());
 
     const MasterGuard guard(m_Lock);
-    struct GoneSet
-    {
-        uint16_t Index;
-        std::string FileName;
-    };
-    std::vector<GoneSet> gone; // made before anything changes, so that nothing throws half-way
+    std::vector<std::string> files;
     for (size_t i = 0; i < m_RuleSets.Size(); ++i)
     {
         const std::string& name = m_RuleSets.ValueAt(i).FileName();
         if ((index == 0 || m_RuleSets.KeyAt(i) == index) && !name.empty()) // a set that was never written has no file
-            gone.push_back({m_RuleSets.KeyAt(i), name});
+            files.push_back(name);
     }
+    for (const std::string& file : files)
+        m_Files.Disown(file);
     m_IsDirty = true;
     if (index == 0)
     {
@@ -215,15 +212,15 @@ int32_t CRuleMaster::DeleteRuleSet(uint16_t index)
     // The list on disk stops naming the files before they go: a crash in between leaves a file too many, not one
     // too few.
     const int32_t result = WriteMasterFile();
-    for (const GoneSet& set : gone)
+    for (const std::string& file : files)
     {
-        const bool holdsMore = m_Files.HoldsMore(set.FileName);
+        const bool holdsMore = m_Files.HoldsMore(file);
         if (result != KXRULE_OK)
-            m_Files.NoteUnread(set.FileName); // its rules are in no memory any more
+            m_Files.NoteUnread(file); // its rules are in no memory any more
         // What a file holds beyond the set that was deleted goes only when there is a copy of it.
-        else if (m_Files.Release(set.FileName, set.Index) &&
-                 (!holdsMore || m_Directory.KeepBroken(set.FileName, true) == ERROR_SUCCESS))
-            static_cast<void>(m_Directory.Remove(set.FileName));
+        else if (m_Files.Release(file) &&
+                 (!holdsMore || m_Directory.KeepBroken(file, RuleDirectory::Reason::Replaced) == ERROR_SUCCESS))
+            m_Directory.Remove(file);
     }
     return result;
 }

@@ -129,7 +129,8 @@ private:
     [[nodiscard]] int32_t WriteMacroFile();
     [[nodiscard]] int32_t WriteRuleSetFile();
     /// WriteMasterFile without its lines, where a read or the order of writes needs a master file in between.
-    [[nodiscard]] int32_t StoreMaster() KX_REQUIRES(m_Lock);
+    [[nodiscard]] int32_t StoreMaster(const std::vector<std::string>& names) KX_REQUIRES(m_Lock);
+    [[nodiscard]] std::vector<std::string> ListedNames() const KX_REQUIRES(m_Lock);
     [[nodiscard]] int32_t WriteInTurn(uint16_t index, CStreamBuffer& buffer) KX_REQUIRES(m_Lock);
     [[nodiscard]] int32_t WriteOneRuleSet(uint16_t index, std::string target, CStreamBuffer& buffer)
         KX_REQUIRES(m_Lock);

@@ -3,6 +3,7 @@
 #include <new>
 #include <utility>
 
+#include "common/srclib/KxComn_Files.h"
 #include "common/srclib/KxComn_Trace.h"
 #include "persistence/MacroFormat.h"
 #include "persistence/MasterFormat.h"
@@ -81,18 +82,35 @@ int32_t CRuleMaster::ReadFiles()
     bool isBackedUp = false;
     int32_t result = Step("ReadMasterFile", KXRULE_E_FILE_READ,
                           [&]() KX_REQUIRES(m_Lock) { return ReadMasterFile(fields, isBackedUp); });
-    if (result == KXRULE_OK)
-        result = Step("ReadMacroFile", KXRULE_E_FILE_READ, [&]() KX_REQUIRES(m_Lock) { return ReadMacroFile(); });
     if (result != KXRULE_OK)
         return result;
-    result = Step("ReadRuleSetFile", KXRULE_E_FILE_READ,
-                  [&]() KX_REQUIRES(m_Lock) { return ReadRuleSetFile(fields.RuleSetFileNames); });
+    result = Step("ReadMacroFile", KXRULE_E_FILE_READ, [&]() KX_REQUIRES(m_Lock) { return ReadMacroFile(); });
+    const bool isRead = result == KXRULE_OK;
+    if (isRead)
+        result = Step("ReadRuleSetFile", KXRULE_E_FILE_READ,
+                      [&]() KX_REQUIRES(m_Lock) { return ReadRuleSetFile(fields.RuleSetFileNames); });
     // What a damaged master file still told is in none on the disk: without one, the next read would not find it.
-    const bool isTold = !m_RuleSets.IsEmpty() || !m_ActiveRuleSets.empty() || m_NextIndex != 1 ||
-                        m_Directory.MacroFileName() != FileFormat::kMacroFileName;
-    if (isBackedUp && isTold &&
-        Step("WriteMasterFile", KXRULE_E_FILE_WRITE, [&]() KX_REQUIRES(m_Lock) { return StoreMaster(); }) != KXRULE_OK)
-        m_IsDirty = true;
+    if (isBackedUp)
+    {
+        const auto write = [&]() KX_REQUIRES(m_Lock)
+        {
+            if (isRead)
+                fields.RuleSetFileNames = ListedNames();
+            else // the next read makes rescue sets of them
+                std::erase_if(fields.RuleSetFileNames, [&](const std::string& name) KX_REQUIRES(m_Lock)
+                              { return !m_Directory.IsUsableRuleSetFileName(name); });
+            const bool tellsNothing = fields.RuleSetFileNames.empty() && m_ActiveRuleSets.empty() && m_NextIndex == 1 &&
+                                      m_Directory.MacroFileName() == FileFormat::kMacroFileName;
+            return tellsNothing ? KXRULE_OK : StoreMaster(fields.RuleSetFileNames);
+        };
+        if (Step("WriteMasterFile", KXRULE_E_FILE_WRITE, write) != KXRULE_OK)
+            m_IsDirty = true;
+    }
+    if (!isRead && result == KXRULE_E_FILE_OPEN) // somebody holds the macro file: as if nothing had been read
+    {
+        m_ActiveRuleSets.clear();
+        m_NextIndex = 1;
+    }
     return result;
 }
 
@@ -131,11 +149,16 @@ int32_t CRuleMaster::WriteAll()
 uint32_t CRuleMaster::KeepReplaced(const std::string& fileName)
 {
     if (m_ReadState != ReadState::Whole)
-        m_Directory.CopyUnread(m_Files);
-    m_ReadState = ReadState::Whole; // what could not be copied is still noted, file by file
+    {
+        const uint32_t busy = m_Directory.CopyUnread(m_Files);
+        if (busy == ERROR_SUCCESS)
+            m_ReadState = ReadState::Whole; // what could not be copied for another reason is still noted, file by file
+        else if (fileName == m_Directory.MasterFileName())
+            return busy; // the file that is held would be in no list
+    }
     if (!m_Files.HoldsMore(fileName))
         return ERROR_SUCCESS;
-    const uint32_t error = m_Directory.KeepBroken(fileName, true);
+    const uint32_t error = m_Directory.KeepBroken(fileName, RuleDirectory::Reason::Replaced);
     if (error == ERROR_SUCCESS)
         m_Files.NoteKept(fileName);
     return error;
@@ -145,32 +168,47 @@ int32_t CRuleMaster::WriteMasterFile()
 {
     KX_TRACE(kTraceCall, "CRuleMaster::WriteMasterFile Enter");
     const MasterGuard guard(m_Lock);
-    const int32_t result = StoreMaster();
+    const int32_t result = StoreMaster(ListedNames());
     if (result == KXRULE_OK)
         KX_TRACE(kTraceCall, "CRuleMaster::WriteMasterFile Return");
     return result;
 }
 
-int32_t CRuleMaster::StoreMaster()
+std::vector<std::string> CRuleMaster::ListedNames() const
 {
-    MasterFields fields;
-    fields.MacroFileName = m_Directory.MacroFileName();
-    fields.NextIndex = m_NextIndex;
-    fields.ActiveRuleSets = m_ActiveRuleSets;
+    std::vector<std::string> names;
     for (size_t i = 0; i < m_RuleSets.Size(); ++i)
-        fields.RuleSetFileNames.push_back(m_RuleSets.ValueAt(i).FileName());
-    const Encoder encode = [&fields](CEncryptStream& stream) -> int32_t
+        names.push_back(m_RuleSets.ValueAt(i).FileName());
+    return names;
+}
+
+int32_t CRuleMaster::StoreMaster(const std::vector<std::string>& names)
+{
+    const Encoder encode = [&](CEncryptStream& stream) KX_REQUIRES(m_Lock) -> int32_t
     {
-        MasterFormat::WriteFields(stream, fields);
+        MasterFormat::WriteFields(stream, {m_Directory.MacroFileName(), m_NextIndex, m_ActiveRuleSets, names});
         if (!stream.Finish())
             throw CEncryptStream::WriteError;
         return KXRULE_OK;
     };
-    const int32_t result = m_Directory.Write({FileKind::Master, m_Directory.MasterFileName(), encode, m_KeepReplaced});
+    // A file that was listed and not read must not drop out of the list without a copy while it may still be read.
+    const RuleDirectory::Keeper keep = [&](const std::string& fileName) KX_REQUIRES(m_Lock) -> uint32_t
+    {
+        for (const std::string& name : m_Files.Unlisted(names))
+        {
+            const uint32_t error = m_Directory.CopyBroken(name, RuleDirectory::Reason::Replaced);
+            if (KxCommon::Files::IsBusy(error))
+                return error;
+            if (error == ERROR_SUCCESS)
+                m_Files.NoteKept(name);
+        }
+        return KeepReplaced(fileName);
+    };
+    const int32_t result = m_Directory.Write({FileKind::Master, m_Directory.MasterFileName(), encode, keep});
     if (result == KXRULE_OK)
     {
         m_Files.NoteKept(m_Directory.MasterFileName());
-        m_Files.ListOnly(fields.RuleSetFileNames);
+        m_Files.ListOnly(names);
     }
     return result;
 }
@@ -212,14 +250,15 @@ int32_t CRuleMaster::WriteRuleSetFile()
 }
 
 // Writes a set under its own name. Whoever lies in that file moves out first, and whoever lies in his; in a ring nobody
-// can, and the set is written where it lies. (A loop: a forged list may chain 65535 names.)
+// can, and the set is written where it lies. (A loop: a forged list may chain 65535 names. Each link then costs a master
+// file, since no two can move at a time without a third name.)
 int32_t CRuleMaster::WriteInTurn(uint16_t index, CStreamBuffer& buffer)
 {
     std::vector<uint16_t> queue{index};
-    for (;;)
+    while (queue.size() <= m_RuleSets.Size())
     {
         const std::optional<uint16_t> owner = m_Files.OwnerOf(RuleFiles::RuleSetFileName(queue.back()));
-        if (!owner || owner == queue.back() || !m_RuleSets.Contains(*owner))
+        if (!owner || owner == queue.back())
             break;
         if (owner == index)
             return WriteOneRuleSet(index, m_RuleSets.Find(index)->FileName(), buffer);
@@ -233,23 +272,27 @@ int32_t CRuleMaster::WriteInTurn(uint16_t index, CStreamBuffer& buffer)
 
 int32_t CRuleMaster::WriteOneRuleSet(uint16_t index, std::string target, CStreamBuffer& buffer)
 {
-    CRuleSet& ruleSet = *m_RuleSets.Find(index);
-    if (m_Files.MayReplace(target, index) == RuleSetFiles::Verdict::ListFirst)
+    CRuleSet* const ruleSet = m_RuleSets.Find(index);
+    const RuleSetFiles::Verdict verdict = m_Files.MayReplace(target, index);
+    if (ruleSet == nullptr || verdict == RuleSetFiles::Verdict::No)
+        return KXRULE_E_FILE_WRITE;
+    if (verdict == RuleSetFiles::Verdict::ListFirst)
     {
-        if (const int32_t result = StoreMaster(); result != KXRULE_OK)
+        if (const int32_t result = StoreMaster(ListedNames()); result != KXRULE_OK)
             return result;
     }
-    std::string former = ruleSet.FileName();
-    ruleSet.SetFileName(target);
+    std::string former = ruleSet->FileName();
+    RuleSetFiles::Claim claim = m_Files.Prepare(target, index, former);
+    ruleSet->SetFileName(std::move(target));
     KX_TRACE(kTraceCall, "\tCall CRuleSet::Write");
-    const int32_t result = ruleSet.Write(m_Directory, m_KeepReplaced, &buffer);
+    const int32_t result = ruleSet->Write(m_Directory, m_KeepReplaced, &buffer);
     KX_TRACE(kTraceCall, "\tReturn CRuleSet::Write (%d)", result);
     if (result != KXRULE_OK)
     {
-        ruleSet.SetFileName(std::move(former)); // a master file must not list a file that never came to be
+        ruleSet->SetFileName(std::move(former)); // a master file must not list a file that never came to be
         return result;
     }
-    m_Files.Claim(target, index, former);
+    claim.Take();
     m_Modified.reset(index);
     return KXRULE_OK;
 }

@@ -61,7 +61,7 @@ int32_t CRuleMaster::ReadMasterFile(MasterFields& fields, bool& isBackedUp)
     }
     isBackedUp = true;
     m_ReadState = ReadState::Partial;
-    static_cast<void>(m_Directory.BackupAllRules()); // what stayed is copied before it is written over
+    m_Directory.BackupAllRules(); // what it cannot move is copied before it is written over
     KX_TRACE(kTraceCall, "CRuleMaster::ReadMasterFile Return");
     return KXRULE_OK;
 }
@@ -171,8 +171,9 @@ void CRuleMaster::StoreRuleSet(CRuleSet&& ruleSet, bool holdsMore)
                  static_cast<unsigned>(index), ruleSet.FileName().c_str());
         m_Files.NoteUnread(earlier->FileName());
     }
-    m_Files.Claim(ruleSet.FileName(), index, {}, holdsMore);
+    RuleSetFiles::Claim claim = m_Files.Prepare(ruleSet.FileName(), index);
     m_RuleSets.Replace(index, std::move(ruleSet));
+    claim.Take(holdsMore);
 }
 
 int32_t CRuleMaster::RescueRuleSet(CRuleSet&& ruleSet, bool isDamaged)
@@ -185,18 +186,19 @@ int32_t CRuleMaster::RescueRuleSet(CRuleSet&& ruleSet, bool isDamaged)
     // by a rescue. (A forged list may also name any number of files that are missing.)
     if (index == 0 || m_RuleSets.Contains(index))
     {
-        if (isDamaged && m_Directory.CopyBroken(ruleSet.FileName(), true) == ERROR_SUCCESS)
+        if (isDamaged && m_Directory.CopyBroken(ruleSet.FileName(), RuleDirectory::Reason::Damaged) == ERROR_SUCCESS)
             m_Files.NoteKept(ruleSet.FileName());
         KX_TRACE(kTraceError, "\tNo rescue RuleSet for index %u (file=\"%s\")", static_cast<unsigned>(index),
                  ruleSet.FileName().c_str());
         return KXRULE_OK;
     }
     // Whatever the failure was: a file that is there is about to be replaced. One that could not be opened may be whole.
-    const uint32_t refusal = m_Directory.KeepBroken(ruleSet.FileName(), isDamaged);
+    const uint32_t refusal = m_Directory.KeepBroken(ruleSet.FileName(), isDamaged ? RuleDirectory::Reason::Damaged
+                                                                                  : RuleDirectory::Reason::Unopened);
     RuleSetRescue::MakeRescueSet(ruleSet);
     const int32_t result = ruleSet.Write(m_Directory, [refusal](const std::string&) { return refusal; });
     if (result != KXRULE_OK)
         KX_TRACE(kTraceError, "\tFail to create RuleSet file (%d)", result);
-    StoreRuleSet(std::move(ruleSet), refusal != ERROR_SUCCESS);
+    StoreRuleSet(std::move(ruleSet), refusal != ERROR_SUCCESS || result != KXRULE_OK);
     return result;
 }

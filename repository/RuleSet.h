@@ -74,8 +74,7 @@ public:
     /// As RuleDirectory::Keeper: asked right before the file that is there is replaced.
     using Keeper = std::function<uint32_t(const std::string& fileName)>;
     /// 0, KXRULE_E_FILE_OPEN, KXRULE_E_FILE_WRITE.
-    [[nodiscard]] int32_t Write(const RuleDirectory& directory, const Keeper& keep,
-                                CStreamBuffer* lent = nullptr) const;
+    [[nodiscard]] int32_t Write(RuleDirectory& directory, const Keeper& keep, CStreamBuffer* lent = nullptr) const;
 
 private:
     // A record is copied first and asked for its index then: the one it came from is another's memory and may change.

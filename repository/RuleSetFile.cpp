@@ -25,8 +25,11 @@ struct CRuleSet::FileOrder
     {
         if (former != nullptr)
         {
-            for (size_t i = 0; Last.empty() && i < Keys.size(); ++i)
-                Last[Keys[i]] = i;
+            if (Last.empty())
+            {
+                for (size_t i = 0; i < Keys.size(); ++i)
+                    Last[Keys[i]] = i;
+            }
             Replaced.emplace(Last[key], *former);
         }
         if (!Last.empty())
@@ -115,7 +118,7 @@ bool CRuleSet::ReadRules(CEncryptStream& stream, int32_t count, FileOrder& order
     return true;
 }
 
-int32_t CRuleSet::Write(const RuleDirectory& directory, const Keeper& keep, CStreamBuffer* lent) const
+int32_t CRuleSet::Write(RuleDirectory& directory, const Keeper& keep, CStreamBuffer* lent) const
 {
     KX_TRACE(kTraceCall, "CRuleSet::Write Enter (%s)", directory.Given().c_str());
     const std::function<int32_t(CEncryptStream&)> encode = [this](CEncryptStream& stream) -> int32_t

@@ -31,8 +31,8 @@ bool ToNarrowExactly(const wchar_t* name, std::string& narrow)
     BOOL isReplaced = FALSE;
     const bool isUtf8 =
         ::GetACP() == CP_UTF8; // has letters for everything, and knows neither the flag nor the question
-    const int bytes = ::WideCharToMultiByte(CP_ACP, isUtf8 ? 0 : WC_NO_BEST_FIT_CHARS, name, -1, text, sizeof text,
-                                            nullptr, isUtf8 ? nullptr : &isReplaced);
+    const int bytes = ::WideCharToMultiByte(CP_ACP, isUtf8 ? WC_ERR_INVALID_CHARS : WC_NO_BEST_FIT_CHARS, name, -1,
+                                            text, sizeof text, nullptr, isUtf8 ? nullptr : &isReplaced);
     if (bytes <= 1 || isReplaced != FALSE)
         return false;
     narrow.assign(text, static_cast<size_t>(bytes) - 1);
@@ -132,10 +132,7 @@ DWORD Attributes(const char* path) noexcept
 
 bool MayExist(const char* path) noexcept
 {
-    if (Attributes(path) != INVALID_FILE_ATTRIBUTES)
-        return true;
-    const DWORD error = ::GetLastError();
-    return error != ERROR_FILE_NOT_FOUND && error != ERROR_PATH_NOT_FOUND;
+    return Attributes(path) != INVALID_FILE_ATTRIBUTES || IsUnknown(::GetLastError());
 }
 
 bool IsLink(const char* path) noexcept
@@ -178,11 +175,18 @@ bool MoveOverOpen(const char* from, const char* to) noexcept
 
 bool Copy(const char* from, const char* to) noexcept
 {
+    constexpr DWORD kPatience = 1000; // milliseconds; scanners open what is new
     if (Refused(Operation::Copy) || ::CopyFileA(from, to, FALSE) == FALSE)
         return false;
-    const UniqueFile copy(::CreateFileA(to, GENERIC_WRITE, FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE,
-                                        nullptr, OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, nullptr));
-    return !copy || Flush(copy.get()); // a read-only copy cannot be opened; it is as safe as it gets
+    UniqueFile copy;
+    const auto open = [&]
+    {
+        copy.reset(::CreateFileA(to, GENERIC_WRITE, FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, nullptr,
+                                 OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, nullptr));
+        return static_cast<bool>(copy);
+    };
+    // A read-only copy cannot be opened to be flushed; it is as safe as it gets.
+    return Persist(kPatience, open, IsBusy) ? Flush(copy.get()) : !IsBusy(::GetLastError());
 }
 
 bool Delete(const char* path) noexcept

@@ -42,6 +42,11 @@ void SetFaultHook(FaultHook hook) noexcept;
 {
     return error == ERROR_SHARING_VIOLATION || error == ERROR_LOCK_VIOLATION;
 }
+/// Nothing can be said of the file: unlike one that is not there, it may be.
+[[nodiscard]] constexpr bool IsUnknown(DWORD error) noexcept
+{
+    return error != ERROR_FILE_NOT_FOUND && error != ERROR_PATH_NOT_FOUND;
+}
 /// The one way to wait for others, who hold a file for a moment: a scanner, an indexer, a second process. Calls attempt
 /// until it succeeds, fails with an error that mayPass denies, or the time is over. GetLastError is the last attempt's.
 template <class Attempt, class MayPass>
