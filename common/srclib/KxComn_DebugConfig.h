@@ -3,12 +3,16 @@
 // docs/settings.md explains the settings.
 #pragma once
 
+#include <algorithm>
 #include <cstddef>
 #include <cstdint>
+#include <cstring>
 
 #include "common/srclib/KxComn_Windows.h"
 
 #include "api/include/KxPfwRule.h"
+#include "common/srclib/KxComn_Record.h"
+#include "common/srclib/KxComn_String.h"
 
 namespace KxCommon
 {
@@ -94,6 +98,28 @@ static_assert(offsetof(DebugConfig, szLogFile) == 584 && offsetof(DebugConfigWid
 static_assert(offsetof(DebugConfig, szLogExtension) == 840 && offsetof(DebugConfigWide, szLogExtension) == 1644);
 static_assert(sizeof(DebugConfig) == 1096 && sizeof(DebugConfigWide) == 2156);
 static_assert(alignof(DebugConfig) == 1 && alignof(DebugConfigWide) == 1);
+
+/// The sizes of the texts, which follow each other after the head.
+inline constexpr size_t kDebugTexts[] = {sizeof DebugConfig::szTraceName, sizeof DebugConfig::szLogFolder,
+                                         sizeof DebugConfig::szLogPrefix, sizeof DebugConfig::szLogFile,
+                                         sizeof DebugConfig::szLogExtension};
+
+/// The wide form of a record; what does not fit its field is cut.
+[[nodiscard]] inline DebugConfigWide Widen(const DebugConfig& record)
+{
+    DebugConfigWide wide = {};
+    wide.Head = record.Head;
+    const char* from = reinterpret_cast<const char*>(&record) + sizeof record.Head;
+    char* to = reinterpret_cast<char*>(&wide) + sizeof wide.Head;
+    for (const size_t size : kDebugTexts)
+    {
+        const WideString text = String::ToWide(Record::Text(from, size));
+        std::memcpy(to, text.data(), std::min(text.size(), size - 1) * sizeof(KXWCHAR));
+        from += size;
+        to += size * sizeof(KXWCHAR);
+    }
+    return wide;
+}
 
 /// The trace library's entry points. 0 is success; a handle is never 0. companions/trace/KxVqrDbg.cpp documents them.
 using KxDbgInitializeFunction = int32_t(uint64_t* handle, const DebugConfigWide* config);

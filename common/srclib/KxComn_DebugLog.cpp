@@ -59,27 +59,6 @@ void SetField(char (&field)[size], std::string_view text)
     String::CopyBounded(field, static_cast<int>(size - 1), text);
 }
 
-// A field has as many characters in both forms.
-template <size_t size>
-void WidenField(DebugConfigWide& wide, size_t offset, const char (&narrow)[size])
-{
-    const WideString text = String::ToWide(narrow);
-    std::memcpy(reinterpret_cast<unsigned char*>(&wide) + offset, text.data(),
-                std::min(text.size(), size - 1) * sizeof(KXWCHAR));
-}
-
-DebugConfigWide Widen(const DebugConfig& config)
-{
-    DebugConfigWide wide = {};
-    wide.Head = config.Head;
-    WidenField(wide, offsetof(DebugConfigWide, szTraceName), config.szTraceName);
-    WidenField(wide, offsetof(DebugConfigWide, szLogFolder), config.szLogFolder);
-    WidenField(wide, offsetof(DebugConfigWide, szLogPrefix), config.szLogPrefix);
-    WidenField(wide, offsetof(DebugConfigWide, szLogFile), config.szLogFile);
-    WidenField(wide, offsetof(DebugConfigWide, szLogExtension), config.szLogExtension);
-    return wide;
-}
-
 // In this order: where a missing value throws, the values before it count.
 void ReadValues(Storage::Base& storage, DebugConfig& config)
 {

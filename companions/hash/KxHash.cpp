@@ -23,22 +23,20 @@ namespace
 constexpr DWORD kHashSize = 20;
 constexpr DWORD kPieceSize = 64 * 1024;
 
-struct AlgorithmPolicy
+struct Sha1
 {
-    using pointer = BCRYPT_ALG_HANDLE;
-    static pointer invalid() noexcept { return nullptr; }
-    static bool close(pointer algorithm) noexcept { return ::BCryptCloseAlgorithmProvider(algorithm, 0) >= 0; }
-};
+    Sha1() = default;
+    ~Sha1()
+    {
+        ::BCryptDestroyHash(Hash); // before what it was made with; both take null
+        ::BCryptCloseAlgorithmProvider(Algorithm, 0);
+    }
+    Sha1(const Sha1&) = delete;
+    Sha1& operator=(const Sha1&) = delete;
 
-struct HashPolicy
-{
-    using pointer = BCRYPT_HASH_HANDLE;
-    static pointer invalid() noexcept { return nullptr; }
-    static bool close(pointer hash) noexcept { return ::BCryptDestroyHash(hash) >= 0; }
+    BCRYPT_ALG_HANDLE Algorithm = nullptr;
+    BCRYPT_HASH_HANDLE Hash = nullptr;
 };
-
-using UniqueAlgorithm = KxCommon::UniqueHandle<AlgorithmPolicy>;
-using UniqueHash = KxCommon::UniqueHandle<HashPolicy>;
 
 enum class Place
 {
@@ -101,13 +99,10 @@ bool MayUseNetwork()
 // SHA-1 of the first `size` bytes.
 [[nodiscard]] DWORD HashBytes(HANDLE file, DWORD size, uint8_t* hash20)
 {
-    BCRYPT_ALG_HANDLE algorithm = nullptr;
-    BCRYPT_HASH_HANDLE hash = nullptr;
-    NTSTATUS status = ::BCryptOpenAlgorithmProvider(&algorithm, BCRYPT_SHA1_ALGORITHM, nullptr, 0);
-    const UniqueAlgorithm algorithmOwner(algorithm); // outlives the hash made with it
+    Sha1 sha1;
+    NTSTATUS status = ::BCryptOpenAlgorithmProvider(&sha1.Algorithm, BCRYPT_SHA1_ALGORITHM, nullptr, 0);
     if (status >= 0)
-        status = ::BCryptCreateHash(algorithm, &hash, nullptr, 0, nullptr, 0, 0);
-    const UniqueHash hashOwner(hash);
+        status = ::BCryptCreateHash(sha1.Algorithm, &sha1.Hash, nullptr, 0, nullptr, 0, 0);
     const std::unique_ptr<uint8_t[]> piece = std::make_unique<uint8_t[]>(kPieceSize);
     for (DWORD got = 0; status >= 0 && size != 0; size -= got)
     {
@@ -115,10 +110,10 @@ bool MayUseNetwork()
             return ::GetLastError();
         if (got == 0)
             return ERROR_RETRY; // it has become shorter
-        status = ::BCryptHashData(hash, piece.get(), got, 0);
+        status = ::BCryptHashData(sha1.Hash, piece.get(), got, 0);
     }
     if (status >= 0)
-        status = ::BCryptFinishHash(hash, hash20, kHashSize, 0);
+        status = ::BCryptFinishHash(sha1.Hash, hash20, kHashSize, 0);
     return status < 0 ? ::RtlNtStatusToDosError(status) : ERROR_SUCCESS;
 }
 

@@ -76,6 +76,20 @@ int32_t Guarded(Body body) noexcept
     return static_cast<int32_t>(result);
 }
 
+// For an entry point with a handle and an argument that must not be null.
+template <class Body>
+int32_t WithSession(uint64_t handle, const void* argument, const Body& body) noexcept
+{
+    return Guarded(
+        [&]() -> DWORD
+        {
+            const std::shared_ptr<Session> session = g_Sessions.Find(handle);
+            if (!session)
+                return ERROR_INVALID_HANDLE;
+            return argument == nullptr ? ERROR_INVALID_PARAMETER : body(*session);
+        });
+}
+
 // The folder of this library's file, as it is named behind all links and with backslash.
 std::wstring OwnFolder()
 {
@@ -136,33 +150,21 @@ extern "C"
     ///         ERROR_FILE_TOO_LARGE (223)   the log has twice its size limit and somebody keeps it from being renamed
     int32_t KxDbgTrace(uint64_t handle, const SYSTEMTIME* /*time*/, const wchar_t* line)
     {
-        return Guarded(
-            [=]() -> DWORD
-            {
-                const std::shared_ptr<Session> session = g_Sessions.Find(handle);
-                if (!session)
-                    return ERROR_INVALID_HANDLE;
-                return line == nullptr ? ERROR_INVALID_PARAMETER : session->Trace(line);
-            });
+        return WithSession(handle, line, [=](Session& session) { return session.Trace(line); });
     }
 
-    /// Replaces the settings until the session's section of KxPfw.ini changes. Session kind, unit, trace name and time
-    /// of the record are not looked at; the size limit, which it lacks, stays.
+    /// Replaces the settings, session kind, unit and trace name included, until the session's section of KxPfw.ini
+    /// changes. The size limit, which the record lacks, stays.
     /// @param config  in the narrow form, at any address; copied
     /// @return 0, or ERROR_INVALID_HANDLE (6), ERROR_INVALID_PARAMETER (87)  config is null
     int32_t KxDbgSetDebugConfig(uint64_t handle, const KxCommon::DebugConfig* config)
     {
-        return Guarded(
-            [=]() -> DWORD
-            {
-                const std::shared_ptr<Session> session = g_Sessions.Find(handle);
-                if (!session)
-                    return ERROR_INVALID_HANDLE;
-                if (config == nullptr)
-                    return ERROR_INVALID_PARAMETER;
-                session->SetConfig(*config);
-                return ERROR_SUCCESS;
-            });
+        return WithSession(handle, config,
+                           [=](Session& session) -> DWORD
+                           {
+                               session.SetConfig(*config);
+                               return ERROR_SUCCESS;
+                           });
     }
 
     /// The settings in force. A change of KxPfw.ini shows within a second.
@@ -171,18 +173,13 @@ extern "C"
     /// @return 0, or ERROR_INVALID_HANDLE (6), ERROR_INVALID_PARAMETER (87)  config is null
     int32_t KxDbgGetDebugConfig(uint64_t handle, KxCommon::DebugConfig* config)
     {
-        return Guarded(
-            [=]() -> DWORD
-            {
-                const std::shared_ptr<Session> session = g_Sessions.Find(handle);
-                if (!session)
-                    return ERROR_INVALID_HANDLE;
-                if (config == nullptr)
-                    return ERROR_INVALID_PARAMETER;
-                const KxCommon::DebugConfig current = session->Config();
-                std::memcpy(config, &current, sizeof current);
-                return ERROR_SUCCESS;
-            });
+        return WithSession(handle, config,
+                           [=](Session& session) -> DWORD
+                           {
+                               const KxCommon::DebugConfig current = session.Config();
+                               std::memcpy(config, &current, sizeof current);
+                               return ERROR_SUCCESS;
+                           });
     }
 
 } // extern "C"

@@ -31,8 +31,8 @@ bool IsDumpRow(std::wstring_view text)
 
 bool IsControl(wchar_t unit)
 {
-    return (unit < L' ' && unit != L'\t') || (unit >= 0x7F && unit < 0xA0) || unit == 0x2028 || unit == 0x2029 ||
-           (unit >= 0x202A && unit <= 0x202E) || (unit >= 0x2066 && unit <= 0x2069); // the last two turn text around
+    return (std::iswcntrl(unit) != 0 && unit != L'\t') || unit == 0x2028 || unit == 0x2029 || // breaks of lines
+           (unit >= 0x202A && unit <= 0x202E) || (unit >= 0x2066 && unit <= 0x2069);          // text turned around
 }
 
 // Messages hold names out of rules: nothing in them may pass for a line of its own, or for an order to a terminal.
@@ -81,10 +81,7 @@ KxCommon::DebugConfig Session::Config()
 void Session::SetConfig(const KxCommon::DebugConfig& config)
 {
     const Lock lock(m_Lock);
-    const KxCommon::DebugConfigWide before = std::exchange(m_Settings.Record, Widen(config));
-    m_Settings.Record.Head.bServiceSession = before.Head.bServiceSession;
-    m_Settings.Record.Head.dwUnit = before.Head.dwUnit;
-    std::memcpy(&m_Settings.Record.szTraceName, &before.szTraceName, sizeof before.szTraceName);
+    m_Settings.Record = KxCommon::Widen(config);
     Apply();
 }
 

@@ -22,11 +22,6 @@ using KxCommon::DebugConfigWide;
 namespace
 {
 
-// The texts of a record follow each other, in both forms.
-constexpr size_t kTextSizes[] = {sizeof DebugConfig::szTraceName, sizeof DebugConfig::szLogFolder,
-                                 sizeof DebugConfig::szLogPrefix, sizeof DebugConfig::szLogFile,
-                                 sizeof DebugConfig::szLogExtension};
-
 std::wstring Ascii(const char* text)
 {
     return {text, text + std::strlen(text)};
@@ -98,28 +93,13 @@ void Read(const Section& section, Settings& settings)
 
 } // namespace
 
-DebugConfigWide Widen(const DebugConfig& record)
-{
-    DebugConfigWide wide = {};
-    wide.Head = record.Head;
-    const char* from = reinterpret_cast<const char*>(&record) + sizeof record.Head;
-    char* to = reinterpret_cast<char*>(&wide) + sizeof wide.Head;
-    for (const size_t size : kTextSizes)
-    {
-        PutText(to, size, KxCommon::String::ToWide(KxCommon::Record::Text(from, size)));
-        from += size;
-        to += size * sizeof(wchar_t);
-    }
-    return wide;
-}
-
 DebugConfig Narrow(const DebugConfigWide& record)
 {
     DebugConfig narrow = {};
     narrow.Head = record.Head;
     const char* from = reinterpret_cast<const char*>(&record) + sizeof record.Head;
     char* to = reinterpret_cast<char*>(&narrow) + sizeof narrow.Head;
-    for (const size_t size : kTextSizes)
+    for (const size_t size : KxCommon::kDebugTexts)
     {
         std::wstring wide = KxCommon::Record::WideText(from, size);
         std::string text = KxCommon::String::ToNarrow(wide);

@@ -25,8 +25,7 @@ struct Settings
     uint32_t SizeLimit = kDefaultSizeLimit; // kilobytes
 };
 
-[[nodiscard]] KxCommon::DebugConfigWide Widen(const KxCommon::DebugConfig& record);
-/// Texts are cut to their fields, between characters.
+/// The narrow form of a record. Texts are cut to their fields, between characters.
 [[nodiscard]] KxCommon::DebugConfig Narrow(const KxCommon::DebugConfigWide& record);
 
 /// The folder of the log, where it is the tracing side's default, gives way to this library's own in a service: everybody
