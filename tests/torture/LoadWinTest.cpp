@@ -6,8 +6,6 @@
 
 #include "common/srclib/KxComn_Windows.h"
 
-#include <psapi.h>
-
 #include "api/Library.h"
 #include "persistence/PfwTimer.h"
 #include "repository/RuleMaster.h"
@@ -160,31 +158,4 @@ TEST_F(TortureTest, EightThreadsOverAllExportsWithATickingTimer)
         for (const PFW_RULE& rule : Rules(own))
             EXPECT_TRUE(IsWhole(rule) && (rule.wRuleIndex == kHashedRule || rule.dwActive == rule.wRuleIndex));
     }
-}
-
-TEST_F(TortureTest, StartsAndStopsLeaveNothingBehind)
-{
-    Campaign campaign("load: starts and stops");
-    const uint64_t rounds = Campaign::Seconds() == 0 ? 100 : 10000;
-    const auto workingSet = []
-    {
-        PROCESS_MEMORY_COUNTERS counters{};
-        ::K32GetProcessMemoryInfo(::GetCurrentProcess(), &counters, sizeof counters);
-        return counters.WorkingSetSize;
-    };
-    DWORD handles = 0;
-    int64_t allocations = 0;
-    SIZE_T memory = 0;
-    for (uint64_t i = 0; i < rounds; ++i)
-    {
-        if (i == 20) // what is allocated once has been
-            handles = Handles(), allocations = g_LiveAllocations, memory = workingSet();
-        ASSERT_EQ(AddSet(0), 0);
-        ASSERT_EQ(kxRuleDeleteRuleSet(0), 0);
-        Reopen();
-        campaign.Count(1);
-    }
-    EXPECT_LE(Handles(), handles);
-    EXPECT_EQ(g_LiveAllocations, allocations);
-    EXPECT_LE(workingSet(), memory + 16 * 1024 * 1024) << "of the system on the library's behalf: 1.6 KB a round";
 }
