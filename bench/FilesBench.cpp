@@ -1,5 +1,5 @@
-// Reading and writing of whole stores: the library, the floor under it, its simplest form, and an SQL store, in turn
-// in one run. Reads of the full store run in a process of their own each, as a service's start does: most of their
+// Reading and writing of whole stores: the library, the floor under it, and an SQL store, in turn in one run.
+// Reads of the full store run in a process of their own each, as a service's start does: most of their
 // cost is the first touch of new memory.
 //
 //     files_bench.exe --data=DIR --store=3x100|64x1024|growth [Google Benchmark's options]
@@ -11,7 +11,6 @@
 #include <set>
 
 #include "bench/Bench.h"
-#include "bench/FirstForm.h"
 #include "bench/OurStore.h"
 #include "bench/PlainStore.h"
 #include "bench/SqlStore.h"
@@ -84,8 +83,6 @@ const Child kChildren[] = {
      }},
     {"read/floor",
      [](const Shape& shape) { return [shape, store = NewPlain(shape, false)] { store->ReadAll(shape); }; }},
-    {"read/first", [](const Shape& shape)
-     { return [store = std::make_shared<FirstForm>(DataDirectory("ours-" + shape.Name()))] { store->ReadAll(); }; }},
     {"read/sql", [](const Shape& shape) { return ReadSql(shape, false); }},
     {"read/sql-aes", [](const Shape& shape) { return ReadSql(shape, true); }},
     {"write/ours", [](const Shape& shape) { return [store = NewOurs(shape, true)] { store->WriteAll(); }; }},
@@ -121,17 +118,14 @@ int RunAsChild(const std::string& name, const Shape& shape, const std::string& r
 
 // ------------------------------------------------------------------------------------------------- in one process --
 
-// One process holds the rules three times over: in the library, for the floor and the peer, and in the first form.
+// One process holds the rules twice: in the library, and for the floor and the peer.
 struct Stores
 {
     explicit Stores(const Shape& shape)
-        : Of(shape), Plain(NewPlain(shape, true)), First(DataDirectory("first-" + shape.Name())),
-          Ours(NewOurs(shape, true)), Records(Plain->Records())
+        : Of(shape), Plain(NewPlain(shape, true)), Ours(NewOurs(shape, true)), Records(Plain->Records())
     {
-        First.Fill(shape);
         Ours->WriteAll();
         Plain->WriteAll();
-        First.WriteAll();
         for (const bool encrypted : {false, true})
             for (const char* name : {"", "-replace", "-wal"})
                 SqlStore::FillNew(SqlPath(shape, (std::string(encrypted ? "sql-aes" : "sql") + name).c_str()),
@@ -139,7 +133,6 @@ struct Stores
     }
     const Shape Of;
     std::shared_ptr<PlainStore> Plain;
-    FirstForm First;
     std::shared_ptr<OurStore> Ours;
     std::vector<const PFW_RULE*> Records;
 };
@@ -263,7 +256,6 @@ void AddAll(const Shape& shape)
     Add(
         "write/ours", [=] { OurStore::MarkAll(shape); }, [] { g_Stores->Ours->WriteAll(); });
     Add("write/floor", nullptr, [] { g_Stores->Plain->WriteAll(); });
-    Add("write/first", nullptr, [] { g_Stores->First.WriteAll(); });
     Add("change/ours", nullptr, [] { g_Stores->Ours->ChangeOne(kFirstSet, RuleKey(50), *g_Stores->Records[50]); });
     Add("change/floor", nullptr, [] { g_Stores->Plain->WriteSet(kFirstSet); });
     AddSql(false);
@@ -277,7 +269,7 @@ void AddAll(const Shape& shape)
                 (*copy)[i] = *g_Stores->Records[i];
             benchmark::ClobberMemory();
         });
-    for (const char* who : {"ours", "floor", "first", "sql", "sql-aes"})
+    for (const char* who : {"ours", "floor", "sql", "sql-aes"})
         if (shape == kFull)
             AddChild(std::string("read/") + who, std::string("read/") + who, shape);
     if (shape == kFull)

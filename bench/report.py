@@ -94,10 +94,6 @@ ROWS = [
      [("AES, in a transaction", [f"add/sql-aes/{SMALL}"], 2.0)]),
     ("kxRuleGetRuleString, 64 characters", "line/ours", "line/floor", 1.5, []),
     ("kxRuleGetRuleString2, 64 characters", "line/ours-record", "line/floor", None, []),
-    (f"write everything, {FULL}, simplest form", f"write/ours/{FULL}", f"write/floor/{FULL}", None,
-     [("simplest form", [f"write/first/{FULL}"], 4.0)]),
-    (f"read everything, {FULL}, simplest form", f"read/ours/{FULL}", f"read/floor/{FULL}", None,
-     [("simplest form", [f"read/first/{FULL}"], 4.0)]),
 ]
 
 ALONE = [
