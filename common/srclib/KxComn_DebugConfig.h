@@ -10,7 +10,7 @@
 
 #include "common/srclib/KxComn_Windows.h"
 
-#include "api/include/KxPfwRule.h"
+#include "common/srclib/KxComn_Port.h"
 #include "common/srclib/KxComn_Record.h"
 #include "common/srclib/KxComn_String.h"
 
@@ -51,7 +51,7 @@ constexpr const char* DefaultLogFile(uint32_t unit) noexcept
 #pragma pack(push, 1)
 
 /// The 36 bytes that both forms begin with.
-struct KXRULE_PACKED DebugConfigHead
+struct KX_PACKED DebugConfigHead
 {
     uint8_t bServiceSession; //  0  1: the process runs in the service session
     uint8_t bRobust;         //  1  0 or 1
@@ -66,7 +66,7 @@ struct KXRULE_PACKED DebugConfigHead
 
 /// Texts end with NUL within their fields.
 template <class Character>
-struct KXRULE_PACKED DebugConfigRecord
+struct KX_PACKED DebugConfigRecord
 {
     DebugConfigHead Head;
     Character szTraceName[32];

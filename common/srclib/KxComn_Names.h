@@ -2,13 +2,7 @@
 // the settings.
 #pragma once
 
-#include "api/include/KxPfwRule.h"
-
-#if defined(_WIN32)
-#define KXW(text) L##text
-#else
-#define KXW(text) u##text
-#endif
+#include "common/srclib/KxComn_Port.h"
 
 namespace KxCommon::Names
 {

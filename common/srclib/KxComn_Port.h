@@ -1,6 +1,22 @@
 // What differs between compilers, and nothing else: the only place with compiler extensions beside the public header.
 #pragma once
 
+// One UTF-16 code unit and its literals, as the public header has it: wchar_t is wider on other systems than Windows.
+#if defined(_WIN32)
+typedef wchar_t KXWCHAR;
+#define KXW(text) L##text
+#else
+typedef char16_t KXWCHAR;
+#define KXW(text) u##text
+#endif
+
+// Fields follow one another without gaps, as in the public header.
+#if defined(__GNUC__)
+#define KX_PACKED __attribute__((packed))
+#else
+#define KX_PACKED
+#endif
+
 // printf-style functions: GCC checks their arguments. On Windows the system's C library formats ("ms_printf":
 // %S is UTF-16 text, %I64u is known). Natively %S has no two-byte counterpart, so nothing is checked there.
 #if defined(__GNUC__) && !defined(__clang__) && defined(_WIN32)
@@ -13,11 +29,9 @@
 #if defined(__GNUC__) || defined(__clang__)
 #define KX_TARGET(features) __attribute__((target(features)))
 #define KX_ALWAYS_INLINE inline __attribute__((always_inline))
-#define KX_NOINLINE __attribute__((noinline))
 #else
 #define KX_TARGET(features)
 #define KX_ALWAYS_INLINE __forceinline
-#define KX_NOINLINE __declspec(noinline)
 #endif
 
 // KX_CPUID(registers, leaf) fills int registers[4] with EAX to EDX. Defined on x64 alone.
@@ -44,8 +58,5 @@ extern "C" void __cpuid(int[4], int);
 #define KX_REQUIRES(...) KX_THREAD_ANNOTATION(requires_capability(__VA_ARGS__))
 #define KX_ACQUIRE(...) KX_THREAD_ANNOTATION(acquire_capability(__VA_ARGS__))
 #define KX_RELEASE(...) KX_THREAD_ANNOTATION(release_capability(__VA_ARGS__))
-#define KX_EXCLUDES(...) KX_THREAD_ANNOTATION(locks_excluded(__VA_ARGS__))
-#define KX_ASSERT_CAPABILITY(...) KX_THREAD_ANNOTATION(assert_capability(__VA_ARGS__))
 #define KX_ASSERT_SHARED_CAPABILITY(...) KX_THREAD_ANNOTATION(assert_shared_capability(__VA_ARGS__))
-#define KX_RETURN_CAPABILITY(lock) KX_THREAD_ANNOTATION(lock_returned(lock))
 #define KX_NO_THREAD_SAFETY_ANALYSIS KX_THREAD_ANNOTATION(no_thread_safety_analysis)

@@ -6,7 +6,6 @@
 #include <cstring>
 #include <string_view>
 
-#include "api/include/KxPfwRule.h"
 #include "common/srclib/KxComn_String.h"
 
 namespace KxCommon::Record

@@ -4,10 +4,10 @@
 
 #include <cstdarg>
 #include <cstddef>
+#include <cstdint>
 #include <string>
 #include <string_view>
 
-#include "api/include/KxPfwRule.h"
 #include "common/srclib/KxComn_Exception.h"
 #include "common/srclib/KxComn_Port.h"
 

@@ -1,11 +1,10 @@
-// The trace call that every room uses. What becomes of a line is KxComn_DebugLog.h's business; tests put a recorder
-// behind the two functions instead.
+// The trace call that every room uses. What becomes of a line is KxComn_DebugLog.h's business; tests define the two
+// functions as a recorder instead.
 #pragma once
 
 #include <atomic>
 #include <cstdint>
 
-#include "api/include/KxPfwRule.h"
 #include "common/srclib/KxComn_Port.h"
 
 namespace KxCommon
