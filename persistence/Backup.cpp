@@ -1,8 +1,8 @@
 // Copies of what could not be read, so that nothing is lost by going on without it. docs/recovery.md tells where what
 // lies and how to get rules back from it.
 #include <cstdio>
-#include <list>
 #include <utility>
+#include <vector>
 
 #include "common/srclib/KxComn_Windows.h"
 
@@ -46,7 +46,7 @@ bool IsWhole(const std::string& path)
     if (head.Defect != FileDefect::None || !file.Open(path.c_str(), GENERIC_READ))
         return head.Defect == FileDefect::None;
     MasterFields fields;
-    std::list<CMacro> macros;
+    std::vector<MacroFields> macros;
     return head.Kind == FileKind::Master   ? MasterFormat::Read(file, fields) == FileDefect::None
            : head.Kind == FileKind::Macros ? MacroFormat::Read(file, macros) == FileDefect::None
                                            : RuleSetFormat::IsWhole(file);

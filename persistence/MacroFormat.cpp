@@ -2,43 +2,25 @@
 #include "persistence/MacroFormat.h"
 
 #include <utility>
-#include <vector>
 
 namespace MacroFormat
 {
 
-namespace
-{
-
-bool ReadItems(CEncryptStream& stream, uint32_t count, std::vector<MACRO_ITEM>& items)
-{
-    for (uint32_t i = 0; i < count; ++i)
-    {
-        MACRO_ITEM item;
-        if (!stream.Read(&item, sizeof item, true))
-            return false;
-        items.push_back(item);
-    }
-    return true;
-}
-
-bool WriteItems(CEncryptStream& stream, const std::vector<MACRO_ITEM>& items)
-{
-    std::vector<const void*> records;
-    records.reserve(items.size());
-    for (const MACRO_ITEM& item : items)
-        records.push_back(&item);
-    return stream.WriteRecords(records.data(), records.size(), sizeof(MACRO_ITEM));
-}
-
-} // namespace
-
-FileDefect Read(CEncryptStream& stream, std::list<CMacro>& macros)
+FileDefect Read(CEncryptStream& stream, std::vector<MacroFields>& macros)
 {
     const FileDefect defect = ReadHead(stream, FileKind::Macros).Defect;
+    if (defect != FileDefect::None)
+        return defect;
     try
     {
-        return defect == FileDefect::None && !ReadMacros(stream, macros) ? FileDefect::DamagedItem : defect;
+        for (uint32_t count = ReadCount(stream); count > 0; --count)
+        {
+            MacroFields macro;
+            if (!ReadMacro(stream, macro))
+                return FileDefect::DamagedItem;
+            macros.push_back(std::move(macro));
+        }
+        return FileDefect::None;
     }
     catch (CEncryptStream::Exception)
     {
@@ -46,33 +28,40 @@ FileDefect Read(CEncryptStream& stream, std::list<CMacro>& macros)
     }
 }
 
-bool ReadMacros(CEncryptStream& stream, std::list<CMacro>& macros)
+uint32_t ReadCount(CEncryptStream& stream)
 {
-    uint32_t macroCount = 0;
-    stream.ReadU32(macroCount);
-    for (uint32_t i = 0; i < macroCount; ++i)
+    uint32_t count = 0;
+    stream.ReadU32(count);
+    return count;
+}
+
+bool ReadMacro(CEncryptStream& stream, MacroFields& macro)
+{
+    uint32_t itemCount = 0;
+    stream.ReadString(macro.Name).ReadU32(itemCount);
+    for (uint32_t i = 0; i < itemCount; ++i)
     {
-        std::string name;
-        uint32_t itemCount = 0;
-        std::vector<MACRO_ITEM> items;
-        stream.ReadString(name).ReadU32(itemCount);
-        if (!ReadItems(stream, itemCount, items))
+        MACRO_ITEM item;
+        if (!stream.Read(&item, sizeof item, true))
             return false;
-        macros.emplace_back(std::move(name), std::move(items));
+        macro.Items.push_back(item);
     }
     return true;
 }
 
-bool WriteMacros(CEncryptStream& stream, const std::list<CMacro>& macros)
+void WriteHead(CEncryptStream& stream, uint32_t count)
 {
-    stream.WriteVersion().WriteU32(static_cast<uint32_t>(macros.size()));
-    for (const CMacro& macro : macros)
-    {
-        stream.WriteString(macro.Name()).WriteU32(static_cast<uint32_t>(macro.Items().size()));
-        if (!WriteItems(stream, macro.Items()))
-            return false;
-    }
-    return true;
+    stream.WriteVersion().WriteU32(count);
+}
+
+bool WriteMacro(CEncryptStream& stream, const std::string& name, const std::vector<MACRO_ITEM>& items)
+{
+    stream.WriteString(name).WriteU32(static_cast<uint32_t>(items.size()));
+    std::vector<const void*> records;
+    records.reserve(items.size());
+    for (const MACRO_ITEM& item : items)
+        records.push_back(&item);
+    return stream.WriteRecords(records.data(), records.size(), sizeof(MACRO_ITEM));
 }
 
 } // namespace MacroFormat

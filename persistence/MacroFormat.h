@@ -1,21 +1,33 @@
-// The macro file's fields behind its magic.
+// The macro file's fields after its magic.
 #pragma once
 
-#include <list>
+#include <cstdint>
+#include <string>
+#include <vector>
 
+#include "api/include/KxPfwRule.h"
 #include "persistence/EncryptStream.h"
 #include "persistence/FileHead.h"
-#include "rules/Macro.h"
+
+struct MacroFields
+{
+    std::string Name;
+    std::vector<MACRO_ITEM> Items;
+};
 
 namespace MacroFormat
 {
 
 /// A whole file, from its head on. Macros before a defect are there.
-[[nodiscard]] FileDefect Read(CEncryptStream& stream, std::list<CMacro>& macros);
-/// Reads the macros behind the version, appending each complete one. False when an item could not be read. Throws
-/// CEncryptStream::Exception for every other field. No count reserves anything.
-[[nodiscard]] bool ReadMacros(CEncryptStream& stream, std::list<CMacro>& macros);
-/// Version, count and macros. False when an item could not be written; throws as above.
-[[nodiscard]] bool WriteMacros(CEncryptStream& stream, const std::list<CMacro>& macros);
+[[nodiscard]] FileDefect Read(CEncryptStream& stream, std::vector<MacroFields>& macros);
+/// The number of macros, which stands after the version; throws CEncryptStream::Exception. It reserves nothing.
+[[nodiscard]] uint32_t ReadCount(CEncryptStream& stream);
+/// One macro. False when an item could not be read; throws as above for the other fields.
+[[nodiscard]] bool ReadMacro(CEncryptStream& stream, MacroFields& macro);
+
+/// Version and count; throws as above.
+void WriteHead(CEncryptStream& stream, uint32_t count);
+/// One macro. False when an item could not be written; throws as above for the other fields.
+[[nodiscard]] bool WriteMacro(CEncryptStream& stream, const std::string& name, const std::vector<MACRO_ITEM>& items);
 
 } // namespace MacroFormat

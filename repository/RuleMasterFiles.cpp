@@ -1,5 +1,6 @@
 // The master's file operations: what is read and written in which order. How each file is read is
 // RuleMasterReading.cpp's, what may be written over is the answer of RuleSetFiles; docs/recovery.md explains both.
+#include <algorithm>
 #include <new>
 #include <utility>
 
@@ -219,7 +220,10 @@ int32_t CRuleMaster::WriteMacroFile()
     const MasterGuard guard(m_Lock);
     const Encoder encode = [this](CEncryptStream& stream) KX_REQUIRES(m_Lock) -> int32_t
     {
-        if (MacroFormat::WriteMacros(stream, m_Macros) && stream.Finish())
+        MacroFormat::WriteHead(stream, static_cast<uint32_t>(m_Macros.size()));
+        const auto write = [&stream](const CMacro& macro)
+        { return MacroFormat::WriteMacro(stream, macro.Name(), macro.Items()); };
+        if (std::all_of(m_Macros.begin(), m_Macros.end(), write) && stream.Finish())
             return KXRULE_OK;
         KX_TRACE(kTraceError, "\tFile write error");
         return KXRULE_E_FILE_WRITE;

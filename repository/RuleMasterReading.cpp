@@ -102,13 +102,16 @@ bool CRuleMaster::IsFirstStart()
 int32_t CRuleMaster::ReadMacroFile()
 {
     KX_TRACE(kTraceCall, "CRuleMaster::ReadMacroFile Enter");
+    std::vector<MacroFields> macros;
     FileDefect defect = FileDefect::None;
     {
         CEncryptFile file;
         defect = m_Directory.Open(file, m_Directory.MacroFileName());
         if (defect == FileDefect::None)
-            defect = MacroFormat::Read(file, m_Macros);
+            defect = MacroFormat::Read(file, macros);
     }
+    for (MacroFields& macro : macros) // those before a defect stay
+        m_Macros.emplace_back(std::move(macro.Name), std::move(macro.Items));
     if (defect == FileDefect::None)
     {
         m_Files.NoteKept(m_Directory.MacroFileName());

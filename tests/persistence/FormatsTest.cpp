@@ -41,8 +41,8 @@ std::string Read(const std::string& name, const Bytes& file, FileContent& conten
         out << index << ';';
     for (const std::string& ruleSet : content.Master.RuleSetFileNames)
         out << ruleSet << ',';
-    for (const CMacro& macro : content.Macros)
-        out << macro.Name() << '=' << macro.Items().size() << ' ';
+    for (const MacroFields& macro : content.Macros)
+        out << macro.Name << '=' << macro.Items.size() << ' ';
     return out.str() + end;
 }
 
@@ -73,7 +73,7 @@ TEST(FormatsTest, ReadsAndWritesTheFilesOfAnotherCipher)
     FileContent old, large;
     EXPECT_EQ(Read("ruleset", DataFile("ruleset-old.dat"), old), "7 Old 0");
     // A stream gathers bytes before it hands them over and fails
-    large.Macros.emplace_back("", std::vector<MACRO_ITEM>(10000));
+    large.Macros.push_back({"", std::vector<MACRO_ITEM>(10000)});
     large.Rules.resize(KXRULE_MAX_RULES);
     EXPECT_EQ(large.Write(FileContent::Kind::Macros, 1000), Bytes());
     EXPECT_EQ(large.Write(FileContent::Kind::RuleSet, 1000), Bytes());

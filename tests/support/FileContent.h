@@ -3,7 +3,6 @@
 
 #include <algorithm>
 #include <cstring>
-#include <list>
 #include <string>
 #include <vector>
 
@@ -20,9 +19,9 @@ bool SameRecords(const std::vector<Record>& a, const std::vector<Record>& b)
     return a.size() == b.size() && (a.empty() || std::memcmp(a.data(), b.data(), a.size() * sizeof(Record)) == 0);
 }
 
-inline bool SameMacro(const CMacro& a, const CMacro& b)
+inline bool SameMacro(const MacroFields& a, const MacroFields& b)
 {
-    return a.Name() == b.Name() && SameRecords(a.Items(), b.Items());
+    return a.Name == b.Name && SameRecords(a.Items, b.Items);
 }
 
 struct FileContent
@@ -30,7 +29,7 @@ struct FileContent
     using Kind = FileKind;
 
     MasterFields Master{"", 0, {}, {}};
-    std::list<CMacro> Macros;
+    std::vector<MacroFields> Macros;
     RuleSetFormat::Header Set;
     std::vector<PFW_RULE> Rules;
 
@@ -69,7 +68,11 @@ struct FileContent
         if (kind == Kind::Master)
             MasterFormat::WriteFields(stream, Master);
         else if (kind == Kind::Macros)
-            isWritten = isWritten && MacroFormat::WriteMacros(stream, Macros);
+        {
+            MacroFormat::WriteHead(stream, static_cast<uint32_t>(Macros.size()));
+            for (const MacroFields& macro : Macros)
+                isWritten = isWritten && MacroFormat::WriteMacro(stream, macro.Name, macro.Items);
+        }
         else
         {
             std::vector<const PFW_RULE*> rules;

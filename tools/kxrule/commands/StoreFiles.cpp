@@ -56,13 +56,14 @@ void ReadMacros(CEncryptStream& stream, FileContent& content)
     stream.ReadU32(content.Version);
     if (content.Version != FileFormat::kVersion)
         return Fail(content, KXRULE_E_MACRO_FORMAT, "its version is not known");
-    std::list<CMacro> macros;
-    const bool complete = MacroFormat::ReadMacros(stream, macros);
-    for (const CMacro& macro : macros)
-        content.Macros.push_back({macro.Name(), macro.Items()});
-    if (!complete)
-        Fail(content, KXRULE_E_FILE_READ,
-             "macro " + std::to_string(content.Macros.size() + 1) + " is damaged or cut short");
+    for (uint32_t count = MacroFormat::ReadCount(stream); count > 0; --count)
+    {
+        MacroFields macro;
+        if (!MacroFormat::ReadMacro(stream, macro))
+            return Fail(content, KXRULE_E_FILE_READ,
+                        "macro " + std::to_string(content.Macros.size() + 1) + " is damaged or cut short");
+        content.Macros.push_back({std::move(macro.Name), std::move(macro.Items)});
+    }
 }
 
 void ReadRuleSet(CEncryptStream& stream, FileContent& content)
