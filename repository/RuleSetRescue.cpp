@@ -12,7 +12,6 @@ namespace
 {
 
 constexpr KXWCHAR kName[] = KXW("This is a rescue RuleSet for a broken/deleted RuleSet.");
-constexpr KXWCHAR kDescription[] = KXW("This is a rescue rule. This rule file had been broken/deleted.");
 constexpr uint16_t kFirstRuleIndex = 30000;
 constexpr uint32_t kNoProtocol = 0xFFFFFFFF; // in no protocol table: the rule's text shows none
 
@@ -28,8 +27,9 @@ PFW_RULE MakeRecord(uint16_t ruleIndex, const RescueRule& rule)
     PFW_RULE record;
     std::memset(&record, 0, sizeof record);
     record.wRuleIndex = ruleIndex;
-    static_assert(sizeof kDescription <= sizeof record.wszDescription);
-    std::memcpy(&record.wszDescription, kDescription, sizeof kDescription);
+    static_assert(sizeof KxCommon::Names::kRescueDescription <= sizeof record.wszDescription);
+    std::memcpy(&record.wszDescription, KxCommon::Names::kRescueDescription,
+                sizeof KxCommon::Names::kRescueDescription);
     record.dwActive = 1;
     record.dwKind = KXRULE_KIND_ACCESS;
     record.Access.dwProtocol = kNoProtocol;

@@ -1,5 +1,5 @@
-// Names that are shared with the rest of the product: registry, INI file, mutex, libraries. docs/settings.md explains
-// the settings.
+// Names that are shared with the rest of the product: registry, INI file, mutex, libraries, rescue rules.
+// docs/settings.md explains the settings.
 #pragma once
 
 #include "common/srclib/KxComn_Port.h"
@@ -21,5 +21,8 @@ inline constexpr KXWCHAR kMutexName[] = KXW("KxPfwRuleDllLockMutex"); // in the 
 inline constexpr char kHashLibrary[] = "KxHash.dll";
 inline constexpr char kHashFunction[] = "kxCfwGetHashValue";
 inline constexpr char kTraceLibrary[] = "KxVqrDbg.dll";
+
+// What the rules say that stand in for a rule set which could not be read; the tool knows them by it.
+inline constexpr KXWCHAR kRescueDescription[] = KXW("This is a rescue rule. This rule file had been broken/deleted.");
 
 } // namespace KxCommon::Names

@@ -66,7 +66,7 @@ bool LacksHash(const PFW_RULE& rule)
 bool IsRescue(const PFW_RULE& rule)
 {
     return rule.dwKind == KXRULE_KIND_ACCESS &&
-           WideText(&rule.wszDescription, KXRULE_DESCRIPTION_UNITS).rfind(KXW("This is a rescue rule."), 0) == 0;
+           WideText(&rule.wszDescription, KXRULE_DESCRIPTION_UNITS) == KxCommon::Names::kRescueDescription;
 }
 
 std::string Name(const Located& located, const Located& from)
