@@ -36,6 +36,25 @@ checkTidy()
         { cat build/check/tidy.log >&2; return 1; }
 }
 
+# Each room knows itself, the contract, and the rooms below it; common and the companions do without the contract.
+checkRooms()
+{
+    local room below bad=0
+    while read -r room below; do
+        files "^$room/.*\.(cpp|h|hpp)$" | xargs grep -nE '^#include "[a-z]+/' | grep -vE "\"($room|$below)/" && bad=1
+    done <<'END'
+common      common
+companions  common
+rules       common|api/include
+persistence common|api/include
+repository  common|api/include|rules|persistence
+api         common|rules|persistence|repository
+policy      common|api/include|rules
+tools       common|api/include|rules|persistence|policy
+END
+    return $bad
+}
+
 # Every header brings what it needs.
 checkHeaders()
 {
@@ -101,7 +120,7 @@ checkText()
 checkShell() { { files '\.sh$'; echo .ci/run; } | xargs shellcheck -x -P SCRIPTDIR; }
 
 thirdParty
-[ $# -gt 0 ] || set -- format text shell contract headers tables tidy
+[ $# -gt 0 ] || set -- format text shell rooms contract headers tables tidy
 for name in "$@"; do
     started=$SECONDS
     set +e # a condition around the call would take errexit from the checks
