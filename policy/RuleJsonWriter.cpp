@@ -45,8 +45,8 @@ Json KeywordJson(Keywords names, uint32_t value)
     return name.empty() ? Json(value) : Json(name);
 }
 
-// Each of these gives what is written of a field, and puts into `given` what a reader will make of that. A text that says
-// less than the record, or nothing that can be read, is made up for by "raw".
+// Each of these returns what is written of a field, and puts into `given` what a reader will make of it. Where a text
+// says less than the record, or cannot be read, "raw" makes up for it.
 
 template <class Number>
 Json NumberJson(const uint8_t* field, uint8_t* given)
@@ -55,43 +55,24 @@ Json NumberJson(const uint8_t* field, uint8_t* given)
     return Load<Number>(field);
 }
 
-Json AddressJson(const RULE_ADDR& item, uint8_t* given)
+template <class Item>
+Json ItemJson(std::string text, void* given, bool (*parse)(std::string_view, Item&, std::string&))
 {
-    RULE_ADDR read{};
-    std::string text = AddressText(item);
+    Item item{};
     std::string why;
-    static_cast<void>(ParseAddress(text, read, why));
-    Store(given, read);
+    static_cast<void>(parse(text, item, why));
+    Store(given, item);
     return text;
 }
 
-Json PortJson(const RULE_PORT& item, uint8_t* given)
+Json TextJson(std::string text, void* given, size_t room, bool (*put)(void*, size_t, std::string_view, std::string&))
 {
-    RULE_PORT read{};
-    std::string text = PortText(item);
     std::string why;
-    static_cast<void>(ParsePort(text, read, why));
-    Store(given, read);
+    static_cast<void>(put(given, room, text, why));
     return text;
 }
 
-Json NarrowJson(const void* field, size_t room, void* given)
-{
-    std::string text = NarrowFieldText(field, room);
-    std::string why;
-    static_cast<void>(PutNarrow(given, room, text, why));
-    return text;
-}
-
-Json WideJson(const void* field, size_t room, void* given)
-{
-    std::string text = WideFieldText(field, room);
-    std::string why;
-    static_cast<void>(PutWide(given, room, text, why));
-    return text;
-}
-
-/// A rule's fields as members and, beside them, the record that a reader will make of these.
+/// Writes a rule's fields as members and keeps the record that a reader will make of them.
 class RuleWriter
 {
 public:
@@ -129,7 +110,7 @@ private:
             SetSystem();
     }
 
-    /// Whether a reader that finds nothing about the field would be wrong.
+    /// Whether the field must be written for a reader to get it right.
     bool HoldsAnything(const RuleField& field) const
     {
         const uint8_t* const at = m_Actual + field.Places[0];
@@ -168,14 +149,14 @@ private:
             std::memcpy(given, from, field.Room);
             return HexText(from, field.Room);
         case FieldType::Address:
-            return AddressJson(Load<RULE_ADDR>(from), given);
+            return ItemJson(AddressText(Load<RULE_ADDR>(from)), given, ParseAddress);
         case FieldType::Port:
-            return PortJson(Load<RULE_PORT>(from), given);
+            return ItemJson(PortText(Load<RULE_PORT>(from)), given, ParsePort);
         case FieldType::Text:
-            return NarrowJson(from, field.Room, given);
+            return TextJson(NarrowFieldText(from, field.Room), given, field.Room, PutNarrow);
         case FieldType::WideText:
         case FieldType::Application:
-            return WideJson(from, field.Room, given);
+            return TextJson(WideFieldText(from, field.Room), given, field.Room, PutWide);
         default:
             return NumberJson<uint32_t>(from, given);
         }
@@ -188,7 +169,8 @@ private:
         return {{"flag", number(0, uint32_t{})},
                 {"value", number(1, uint32_t{})},
                 {"shortValue", number(2, uint16_t{})},
-                {"text", NarrowJson(m_Actual + field.Places[3], field.Room, m_GivenBytes + field.Places[3])}};
+                {"text", TextJson(NarrowFieldText(m_Actual + field.Places[3], field.Room),
+                                  m_GivenBytes + field.Places[3], field.Room, PutNarrow)}};
     }
 
     void SetSystem()
@@ -213,11 +195,11 @@ Json ItemAsJson(const MACRO_ITEM& item)
     given.dwItemType = item.dwItemType;
     Json json = Json::object();
     if (item.dwItemType == KXRULE_ITEM_ADDR)
-        json["address"] = AddressJson(item.Addr, to);
+        json["address"] = ItemJson(AddressText(item.Addr), to, ParseAddress);
     else if (item.dwItemType == KXRULE_ITEM_PORT)
-        json["port"] = PortJson(item.Port, to);
+        json["port"] = ItemJson(PortText(item.Port), to, ParsePort);
     else if (item.dwItemType == KXRULE_ITEM_TEXT)
-        json["text"] = NarrowJson(&item.szText, sizeof item.szText, to);
+        json["text"] = TextJson(NarrowFieldText(&item.szText, sizeof item.szText), to, sizeof item.szText, PutNarrow);
     else
         json["type"] = uint32_t{item.dwItemType};
     AddRaw(json, &item, &given, 0, sizeof item);
@@ -229,7 +211,8 @@ Json MacroAsJson(const MacroRecord& macro)
     PFW_MACRO actual{};
     PFW_MACRO given{};
     std::memcpy(&actual.szName, macro.Name.data(), std::min(macro.Name.size(), size_t{KXRULE_MACRO_NAME_BYTES - 1}));
-    Json json = {{"name", NarrowJson(&actual.szName, sizeof actual.szName, &given.szName)}};
+    Json json = {{"name", TextJson(NarrowFieldText(&actual.szName, sizeof actual.szName), &given.szName,
+                                   sizeof given.szName, PutNarrow)}};
     AddRaw(json, &actual, &given, kMacroNameBegin, kMacroNameEnd);
     Json& items = json["items"] = Json::array();
     for (const MACRO_ITEM& item : macro.Items)
@@ -256,7 +239,8 @@ Json RuleSetAsJson(const RuleSetRecord& ruleSet)
     std::memcpy(&actual.wszName, ruleSet.Name.data(),
                 std::min(ruleSet.Name.size(), size_t{KXRULE_RULESET_NAME_UNITS - 1}) * sizeof(KXWCHAR));
     Json json = {{"index", ruleSet.Index},
-                 {"name", WideJson(&actual.wszName, KXRULE_RULESET_NAME_UNITS, &given.wszName)}};
+                 {"name", TextJson(WideFieldText(&actual.wszName, KXRULE_RULESET_NAME_UNITS), &given.wszName,
+                                   KXRULE_RULESET_NAME_UNITS, PutWide)}};
     AddRaw(json, &actual, &given, kRuleSetNameBegin, kRuleSetNameEnd);
     Json& rules = json["rules"] = Json::array();
     for (const PFW_RULE& rule : ruleSet.Rules)
