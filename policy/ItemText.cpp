@@ -305,7 +305,7 @@ bool ParseAddress(std::string_view text, RULE_ADDR& item, std::string& why)
     const std::optional<Address> first = ParseOne(text.substr(0, separator));
     if (!first)
     {
-        why = "\"" + std::string(text.substr(0, separator)) + "\" is no address";
+        why = "\"" + std::string(text.substr(0, separator)) + "\" is not an address";
         return false;
     }
     parsed.dwType = KXRULE_ADDR_SINGLE;
@@ -329,7 +329,7 @@ bool ParseAddress(std::string_view text, RULE_ADDR& item, std::string& why)
         }
         else
         {
-            why = "behind " + std::string(1, text[separator]) + " should be " +
+            why = "after " + std::string(1, text[separator]) + " there must be " +
                   (text[separator] == '-' ? "an address"
                                           : "a prefix length from 0 to " + std::to_string(most) + " or a mask") +
                   " of the same family";

@@ -15,9 +15,9 @@ namespace
 
 using KxCommon::Record::Store;
 
-constexpr size_t kMostDiagnostics = 1000; // nobody reads more, and a file may have millions
+constexpr size_t kMostDiagnostics = 1000; // nobody reads more, and a file may cause millions
 
-/// A value for an error message.
+/// A value as a diagnostic shows it.
 std::string Shown(JsonValue value)
 {
     constexpr size_t kMost = 60;
@@ -83,9 +83,10 @@ JsonReader::Members JsonReader::ReadMembers(JsonValue value, const Path& path,
             const std::string text = name.Text();
             const size_t known = static_cast<size_t>(std::find(names.begin(), names.end(), text) - names.begin());
             if (known == names.size())
-                Report(name.Offset(), path, Shown(name) + " is no member of " + what + "; expected " + Joined(names));
+                Report(name.Offset(), path,
+                       Shown(name) + " is not a member of " + what + "; expected " + Joined(names));
             else if (members[known])
-                Report(name.Offset(), path, Shown(name) + " stands here twice");
+                Report(name.Offset(), path, Shown(name) + " appears twice");
             else
                 members[known] = member;
         });
@@ -150,7 +151,7 @@ void JsonReader::ReadHash(JsonValue value, const Path& path, uint8_t* to)
 void JsonReader::ReadExtension(const RuleField& field, JsonValue value, const Path& path, uint8_t* record)
 {
     const Members members = ReadMembers(value, path, {"flag", "value", "shortValue", "text"}, "an extension");
-    // Who writes an extension wants it used.
+    // Whoever writes an extension wants it to be used.
     const uint32_t flag = members[0] ? ReadNumber(*members[0], path.Member("flag"), 0, UINT32_MAX).value_or(1) : 1;
     Store(record + field.Places[0], flag);
     if (members[1])

@@ -56,7 +56,7 @@ bool PutNarrow(void* field, size_t room, std::string_view text, std::string& why
     if (!narrow)
         why = "a character has no counterpart in the active code page";
     else if (narrow->find('\0') != std::string::npos)
-        why = "the text must not hold a NUL";
+        why = "the text must not contain a NUL";
     else if (narrow->size() >= room)
         why = "at most " + std::to_string(room - 1) + " bytes fit, the text has " + std::to_string(narrow->size());
     if (!why.empty())
@@ -71,7 +71,7 @@ bool PutWide(void* field, size_t room, std::string_view text, std::string& why)
     const KxCommon::WideString wide = FromUtf8(text);
     why.clear();
     if (wide.find(KXWCHAR{}) != KxCommon::WideString::npos)
-        why = "the text must not hold a NUL";
+        why = "the text must not contain a NUL";
     else if (wide.size() >= room)
         why = "at most " + std::to_string(room - 1) + " UTF-16 units fit, the text has " + std::to_string(wide.size());
     if (!why.empty())

@@ -32,7 +32,7 @@ private:
     void ReadRuleSets(JsonValue value, const Path& path, std::vector<RuleSetRecord>& ruleSets);
 };
 
-/// The kind decides what else a rule may have. Without one nothing can be said about the rule's other members.
+/// The kind decides what else a rule may have. Without one the other members cannot be checked.
 std::optional<uint32_t> Reader::ReadKind(JsonValue rule, const Path& path)
 {
     std::optional<JsonValue> member;
@@ -95,7 +95,7 @@ void Reader::ReadRules(JsonValue value, const Path& path, RuleSetRecord& ruleSet
                   if (Reported() > before)
                       return;
                   if (used[index])
-                      Report(item.Offset(), where, "the rule set has a rule " + std::to_string(index) + " already");
+                      Report(item.Offset(), where, "the rule set already has a rule " + std::to_string(index));
                   used[index] = true;
                   ruleSet.Rules.push_back(rule);
               });
@@ -139,7 +139,7 @@ void Reader::ReadRuleSets(JsonValue value, const Path& path, std::vector<RuleSet
                   RuleSetRecord ruleSet;
                   ReadRuleSet(item, where, ruleSet);
                   if (ruleSet.Index != 0 && used[ruleSet.Index])
-                      Report(item.Offset(), where, "there is a rule set " + std::to_string(ruleSet.Index) + " already");
+                      Report(item.Offset(), where, "rule set " + std::to_string(ruleSet.Index) + " already exists");
                   used[ruleSet.Index] = true;
                   ruleSets.push_back(std::move(ruleSet));
               });

@@ -125,7 +125,7 @@ TEST(Report, Warns)
          "1/3 can never match: rule 4 of rule set 2 takes everything before it."},
         {"1", set(1, 3, web) + "," + set(2, 4, web), ""}, // sets that are not active take nothing
         {"1", set(1, 30000, rescue),
-         "1/30000 is a rescue rule: the rules of this set were damaged and want replacing."},
+         "1/30000 is a rescue rule: the rules of this set were damaged and must be replaced."},
     };
     for (const auto& c : cases)
     {

@@ -55,9 +55,9 @@ int AddRuleSet(Session& session, const std::string& name, std::optional<uint16_t
     const Policy store = session.Read();
     for (const RuleSetRecord& ruleSet : store.RuleSets)
     {
-        // Asking the library for an index in use would keep its lock.
+        // Asking the library for an index in use would leave its lock with this thread.
         if (ruleSet.Index == index)
-            throw Failure("there is a rule set " + std::to_string(*index) + " already");
+            throw Failure("rule set " + std::to_string(*index) + " already exists");
     }
     std::vector<unsigned char> block = RuleSetBytes(0, wide, {});
     PFW_RULESET* const record = reinterpret_cast<PFW_RULESET*>(block.data());
@@ -98,8 +98,8 @@ int AddRule(Session& session, uint16_t ruleSetIndex, const std::string& rule, bo
     RuleSetRecord& ruleSet = FindRuleSet(wanted, ruleSetIndex);
     const auto existing = FindRule(ruleSet, record.wRuleIndex);
     if (existing != ruleSet.Rules.end() && !replace)
-        throw Failure("rule set " + std::to_string(ruleSetIndex) + " has a rule " +
-                      std::to_string(uint16_t{record.wRuleIndex}) + " already; use --replace");
+        throw Failure("rule set " + std::to_string(ruleSetIndex) + " already has a rule " +
+                      std::to_string(uint16_t{record.wRuleIndex}) + "; use --replace");
     if (existing != ruleSet.Rules.end())
         *existing = record;
     else

@@ -20,13 +20,13 @@ namespace
 
 using Command = std::function<int(Session&)>;
 
-/// A whole number; the help need not say so behind every name.
+/// A whole number; the help need not say so after every name.
 CLI::Validator InRange(int least, int most)
 {
     return CLI::Range(least, most).description("");
 }
 
-/// Everything that can be written in front of or behind a command.
+/// Everything that can be written before or after a command.
 class CommandLine
 {
 public:
@@ -36,15 +36,15 @@ public:
         m_App.require_subcommand(1);
         m_App.allow_windows_style_options(false); // a path may begin with a slash
         m_App.fallthrough();
-        m_App.add_option("--dir", m_Options.Directory, "The rule directory; the library's own when it is not given")
+        m_App.add_option("--dir", m_Options.Directory, "The rule directory; by default the library's own")
             ->type_name("DIR");
         m_App.add_option("--master", m_Options.Master, "The name of the master file in it")->type_name("NAME");
-        m_App.add_flag("--json", m_Options.Json, "Print JSON for other programs; errors, too, on standard error");
-        m_App.add_flag("--no-color", m_Options.NoColour, "No colours, as with the environment variable NO_COLOR");
+        m_App.add_flag("--json", m_Options.Json, "Print JSON for other programs; errors are JSON on standard error");
+        m_App.add_flag("--no-color", m_Options.NoColour, "No colours; the environment variable NO_COLOR does the same");
         m_App.add_flag("--force", m_Options.Force, "Change the store even while another process uses it");
         m_App.set_version_flag("--version", "kxrule " KX_VERSION);
         m_App.footer("Example:\n  kxrule --dir C:\\ProgramData\\Firewall\\Rules list\n\n"
-                     "Exit codes: 0 done, 1 failed, 2 wrong usage, 3 import --check found differences.");
+                     "Exit codes: 0 done, 1 failed, 2 usage error, 3 import --check found differences.");
         AddLook();
         AddPolicies();
         AddChanges();
@@ -54,7 +54,7 @@ public:
 
     int Run(std::vector<std::string> arguments, Console& console)
     {
-        std::reverse(arguments.begin(), arguments.end()); // how the parser takes a vector
+        std::reverse(arguments.begin(), arguments.end()); // the parser expects it so
         try
         {
             m_App.parse(std::move(arguments));
@@ -66,10 +66,10 @@ public:
             if (m_App.exit(error, out, problems) != 0)
             {
                 const bool unknown = m_App.get_subcommands().empty() && !m_App.remaining().empty();
-                throw Failure((unknown ? "\"" + m_App.remaining().front() + "\" is no " +
-                                             (m_App.remaining().front()[0] == '-' ? "option" : "command")
+                throw Failure((unknown ? "\"" + m_App.remaining().front() + "\" is not " +
+                                             (m_App.remaining().front()[0] == '-' ? "an option" : "a command")
                                        : error.what()) +
-                                  "; --help tells more",
+                                  "; see --help",
                               ExitUsage);
             }
             console.Out(out.str());
@@ -110,7 +110,7 @@ private:
         AddRuleSet(show, m_RuleSetIndex, "Only this rule set");
         AddRule(show, m_RuleIndex, "Only this rule, with all its fields");
         CLI::App* const find =
-            Add(m_App, "find", "Find the rules and macros that speak of a text, an address or a port",
+            Add(m_App, "find", "Find the rules and macros that mention a text, an address or a port",
                 "kxrule find 10.20.0.0/16", [this](Session& session) { return FindCommand(session, m_Text); });
         find->add_option("QUERY", m_Text, "A text, an address, a prefix, a range of addresses, a port or ports")
             ->required()
@@ -125,7 +125,7 @@ private:
 
     void AddPolicies()
     {
-        CLI::App* const import = Add(m_App, "import", "Bring the policy of a JSON file into the store",
+        CLI::App* const import = Add(m_App, "import", "Apply the policy in a JSON file to the store",
                                      "kxrule import workstation.json --replace --check",
                                      [this](Session& session) { return Import(session, m_Import); });
         AddImport(import);
@@ -139,10 +139,9 @@ private:
         CLI::App* const macros = Add(m_App, "macros", "Show the macros, or change them", "kxrule macros",
                                      [this](Session& session) { return m_Inner ? m_Inner(session) : Macros(session); });
         macros->require_subcommand(0, 1);
-        CLI::App* const importMacros =
-            AddInner(macros, "import", "Bring the macros of a JSON file into the store, and nothing else of it",
-                     "kxrule macros import workstation.json",
-                     [this](Session& session) { return ImportMacros(session, m_Import); });
+        CLI::App* const importMacros = AddInner(macros, "import", "Apply only the macros of the policy in a JSON file",
+                                                "kxrule macros import workstation.json",
+                                                [this](Session& session) { return ImportMacros(session, m_Import); });
         AddImport(importMacros);
         AddInner(macros, "clear", "Remove every macro", "kxrule macros clear",
                  [](Session& session) { return ClearMacros(session); });
@@ -154,12 +153,11 @@ private:
             Add(m_App, "add-set", "Add an empty rule set", "kxrule add-set \"Home office\" --index 4",
                 [this](Session& session) { return Tool::AddRuleSet(session, m_Text, m_RuleSetIndex); });
         addSet->add_option("NAME", m_Text, "Its name, at most 64 characters")->required()->type_name("");
-        addSet->add_option("--index", m_RuleSetIndex, "Its index; a free one when it is not given")
+        addSet->add_option("--index", m_RuleSetIndex, "Its index; by default a free one")
             ->check(InRange(1, KXRULE_MAX_RULESET_INDEX))
             ->type_name("SET");
         CLI::App* const deleteSet =
-            Add(m_App, "delete-set", "Delete rule sets; a copy of the store is kept below RuleBackup",
-                "kxrule delete-set 4",
+            Add(m_App, "delete-set", "Delete rule sets; the store is copied to RuleBackup first", "kxrule delete-set 4",
                 [this](Session& session)
                 {
                     RequireList("--all");
@@ -173,7 +171,7 @@ private:
         addRule->add_option("RULE", m_Text, "The rule in JSON, or a file with it; - for standard input")
             ->required()
             ->type_name("");
-        addRule->add_flag("--replace", m_Import.Replace, "Replace a rule of the same index");
+        addRule->add_flag("--replace", m_Import.Replace, "Replace the rule with the same index");
         CLI::App* const deleteRule =
             Add(m_App, "delete-rule", "Delete rules of a rule set", "kxrule delete-rule 3 120 121",
                 [this](Session& session)
@@ -198,26 +196,26 @@ private:
             Add(m_App, "refresh-hashes", "Compute the hashes of the applications that rules are bound to",
                 "kxrule refresh-hashes --app \"C:\\Program Files\\Mail\\mail.exe\"",
                 [this](Session& session) { return RefreshHashes(session, m_Text); });
-        refresh->add_option("--app", m_Text, "Only of this application")->type_name("PATH");
+        refresh->add_option("--app", m_Text, "Only for this application")->type_name("PATH");
     }
 
     void AddCare()
     {
-        Add(m_App, "verify", "Read every file of the rule directory and say what is wrong; changes nothing",
+        Add(m_App, "verify", "Check every file in the rule directory and report what is wrong; changes nothing",
             "kxrule --dir D:\\Rules verify", [](Session& session) { return Verify(session); });
         CLI::App* const backup =
             Add(m_App, "backup", "Copy the rule files to an empty directory", "kxrule backup E:\\rules-monday",
                 [this](Session& session) { return Backup(session, m_Text); });
         backup->add_option("DIRECTORY", m_Text, "Where to")->required()->type_name("");
         CLI::App* const restore =
-            Add(m_App, "restore", "Bring back a backup, or one file of one; keeps what it replaces below RuleBackup",
+            Add(m_App, "restore", "Restore a backup or one file of it; what is replaced is copied to RuleBackup first",
                 "kxrule restore RuleBackup\\KxRl0001.dat.brk",
                 [this](Session& session) { return Restore(session, m_Text); });
         restore->add_option("SOURCE", m_Text, "A directory with rule files, a rule set file or a macro file")
             ->required()
             ->type_name("");
-        CLI::App* const tidy = Add(m_App, "tidy", "Remove what unfinished writes have left", "kxrule tidy --yes",
-                                   [this](Session& session) { return Tidy(session, m_All); });
+        CLI::App* const tidy = Add(m_App, "tidy", "Remove the temporary files of interrupted writes",
+                                   "kxrule tidy --yes", [this](Session& session) { return Tidy(session, m_All); });
         tidy->add_flag("--yes", m_All, "Do not ask");
         CLI::App* const dump =
             Add(m_App, "dump", "Show one file of the store field by field", "kxrule dump KxRl0001.dat",
@@ -259,8 +257,7 @@ private:
         command->add_option("FILE", m_Import.File, "The file; - for standard input")->required()->type_name("");
         CLI::Option* const replace =
             command->add_flag("--replace", m_Import.Replace, "Remove what the file does not name");
-        command
-            ->add_flag("--merge", m_Import.Merge, "Leave what the file does not name as it is, as without this option")
+        command->add_flag("--merge", m_Import.Merge, "Leave what the file does not name unchanged; the default")
             ->excludes(replace);
     }
     CLI::Option* AddOutput(CLI::App* command)
@@ -275,11 +272,11 @@ private:
     {
         command->add_flag(name, m_All, what)->excludes(list);
     }
-    /// A list that was forgotten must not mean everything or nothing.
+    /// A forgotten list must not mean everything or nothing.
     void RequireList(const char* option) const
     {
         if (m_Indexes.empty() && !m_All)
-            throw Failure(std::string("expected what to take, or ") + option + "; --help tells more", ExitUsage);
+            throw Failure(std::string("say which, or use ") + option + "; see --help", ExitUsage);
     }
 
     CLI::App m_App{"Manages the rule store of the firewall: rule sets, rules and macros.", "kxrule"};

@@ -44,9 +44,9 @@ public:
         for (const std::string& line : Aligned(m_Rows, {0, 1}))
             console.Out(line + "\n");
         if (!m_Content.Problem.empty())
-            console.Out(console.Paint(Style::Bad, "here it ends: " + m_Content.Problem) + "\n");
+            console.Out(console.Paint(Style::Bad, "reading stops here: " + m_Content.Problem) + "\n");
         else if (m_Offset < m_Content.Bytes)
-            console.Out(std::to_string(m_Content.Bytes - m_Offset) + " bytes behind the last record are not read\n");
+            console.Out(std::to_string(m_Content.Bytes - m_Offset) + " bytes after the last record are not read\n");
     }
 
 private:

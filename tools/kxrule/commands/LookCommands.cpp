@@ -39,7 +39,7 @@ std::string Application(const PFW_RULE& rule)
     return {};
 }
 
-/// The library renders no IPv6.
+/// The library does not render IPv6.
 bool IsHidden(const RULE_ADDR& item)
 {
     return item.dwFamily == KXRULE_FAMILY_IPV6 && item.dwType != KXRULE_ADDR_ANY && item.dwType != KXRULE_ADDR_NAME;
@@ -291,7 +291,7 @@ int FindCommand(Session& session, const std::string& query)
         if (hit.Macro != nullptr)
             PrintMacro(session, *hit.Macro);
     }
-    console.Out(hits.empty() ? "nothing speaks of it\n" : Count(hits.size(), "hit") + "\n");
+    console.Out(hits.empty() ? "no match\n" : Count(hits.size(), "hit") + "\n");
     return ExitDone;
 }
 

@@ -11,13 +11,13 @@ namespace Tool
 namespace
 {
 
-/// Behind the generated parts: what no option can tell. docs/kxrule.md is this whole text.
+/// Follows the generated parts: what the options do not say. docs/kxrule.md is the whole text.
 constexpr char kGuide[] = R"(## Policies as JSON
 
-[policy.schema.json](policy.schema.json) describes the form; editors that know JSON Schema complete and check it when the
-file names it in `"$schema"`. [workstation.json](../examples/workstation.json) is a whole policy.
+[policy.schema.json](policy.schema.json) is the JSON Schema of a policy; editors use it to complete and check a file that
+names it in `"$schema"`. [workstation.json](../examples/workstation.json) is a complete example.
 
-Addresses and ports are text:
+Addresses and ports are written as text:
 
 | Text | Meaning |
 |---|---|
@@ -26,26 +26,26 @@ Addresses and ports are text:
 | `10.0.0.0/8`, `fe80::/10` | a prefix |
 | `10.0.0.0/255.0.0.0` | an address with a mask |
 | `10.0.0.1-10.0.0.9` | a range |
-| `!10.0.0.0/8` | everything but that (not with names and lists) |
+| `!10.0.0.0/8` | everything else (not for names and lists) |
 | `80`, `1000-2000`, `!80` | a port, a range of ports, every port but one |
-| `80,443,1000-2000` | a list of ports; `list:80` is a list of one |
-| `@web` | the name `web`, such as a macro's |
-| `none` | an item that was never filled in |
+| `80,443,1000-2000` | a list of ports; `list:80` is a list with one port |
+| `@web` | the name `web`, for example of a macro |
+| `none` | an item that was never set |
 
-Values that have names (`tcp`, `accept`, …) may also be written as numbers. What no name and no text can say, such as
-spare bytes, stands in `"raw"` as lines `"offset: hexadecimal bytes"`; it appears only where it is needed. So `import` of
-what `export` wrote gives every record back byte for byte. Narrow texts (macro names, lists, extension and stream texts)
-are kept in the active code page of the machine; a character that it lacks is refused.
+Values that have names (`tcp`, `accept`, …) may also be written as numbers. Whatever cannot be expressed as a name or text,
+such as spare bytes, is in `"raw"` as lines `"offset: hexadecimal bytes"`; it appears only where it is needed. So importing
+an exported file restores every record byte for byte. Narrow texts (macro names, lists, extension and stream texts) are
+stored in the machine's active code page; a character that is not in it is refused.
 
-`import` checks the whole file before it touches anything, and reports everything that is wrong with line and column; where
-the file stops being JSON, that place alone. It changes only what differs: the second import of the same file writes
-nothing. Without `--replace` nothing is removed that the file does not name. Active list and macros stay as they are when
-the file does not mention them. Before a rule set is deleted or renamed, the store is copied to a dated directory below
+`import` checks the whole file before it changes anything. It reports every error with line and column; if the file is not
+valid JSON, only the first syntax error. It changes only what differs: importing the same file again writes nothing.
+Without `--replace`, nothing is removed that the file does not name. The active list and the macros stay unchanged if the
+file does not mention them. Before a rule set is deleted or renamed, the store is copied to a dated directory below
 `RuleBackup`.
 
 ## Many machines
 
-`import` can be run as often as one likes, so whatever distributes files steers the rules of many machines. With Ansible:
+`import` can be repeated safely, so any tool that distributes files can manage the rules of many machines. With Ansible:
 
 ```yaml
 - name: Firewall rules
@@ -67,24 +67,25 @@ the file does not mention them. Before a rule set is deleted or renamed, the sto
       when: check.rc == 3
 ```
 
-As a scheduled task that follows a file on a share:
+As a scheduled task that applies a file from a share:
 
 ```
 schtasks /Create /TN "Firewall policy" /SC HOURLY /RU SYSTEM /TR "kxrule.exe --dir C:\ProgramData\Firewall\Rules import \\server\policy\workstation.json --replace"
 ```
 
-A process that has the library initialised does not see what another one writes, and writes its own state over it later.
-`kxrule` therefore refuses to change a store while one runs: stop the product first, or use `--force` and restart it.
+A process that has initialised the library does not see what another process writes, and later overwrites it with its own
+state. `kxrule` therefore refuses to change a store while such a process runs: stop the product first, or use `--force` and
+restart it.
 
 ## Completion
 
-PowerShell: put `kxrule completion powershell | Out-String | Invoke-Expression` into the profile. Bash:
-`source <(kxrule completion bash)`.
+PowerShell: add `kxrule completion powershell | Out-String | Invoke-Expression` to the profile. Bash: add
+`source <(kxrule completion bash)` to `~/.bashrc`.
 )";
 
 constexpr char kErrors[] =
-    R"(What goes wrong is told on standard error: a line for people, or with `--json` an object with `"error"` in words and
-`"exitCode"`; `"result"` and `"name"` are the library's code, where it was the library that failed. Everything that
+    R"(Errors go to standard error: a line of text, or with `--json` an object with the text as `"error"` and the exit code as
+`"exitCode"`; `"result"` and `"name"` are the library's result code when it was the library that failed. Everything that
 is wrong in a policy is an element of `"diagnostics"`, with `"file"`, `"line"`, `"column"`, `"where"` and `"text"`.
 
 )";
@@ -155,7 +156,7 @@ std::string Words(const std::vector<std::string>& words)
     return text;
 }
 
-/// Everything that can be written behind a command and is no value.
+/// Everything that can follow a command and is not a value.
 std::vector<std::string> WordsOf(const CLI::App& command)
 {
     std::vector<std::string> words;
@@ -182,7 +183,7 @@ std::string Manual(const CLI::App& app)
         " This text is what `kxrule manual` prints.\n\n```\nkxrule [OPTIONS] COMMAND ...\n```\n\n| | |\n|---|---|\n";
     for (const CLI::Option* const option : app.get_options())
         out += "| `" + Written(option) + "` | " + option->get_description() + " |\n";
-    out += "\nThese options may stand in front of a command or behind it; `--help` behind every one.\n\n";
+    out += "\nThese options may come before or after the command; every command takes `--help`.\n\n";
     const std::string footer = app.get_footer();
     out += footer.substr(footer.find("Exit codes")) + "\n\n" + kErrors + "## Commands\n\n";
     for (const CLI::App* const command : Commands(app))

@@ -33,18 +33,18 @@ std::string ReadStream(std::FILE* file)
     return text;
 }
 
-/// A store's limits, looked at before anything is touched.
+/// The store's limits, checked before anything is changed.
 void CheckLimits(const Policy& store, const PolicyDiff& diff)
 {
     if (RuleSetsAfter(store, diff) > KXRULE_MAX_RULESETS)
-        throw Failure("the store would hold " + Count(RuleSetsAfter(store, diff), "rule set") + ", " +
-                      std::to_string(KXRULE_MAX_RULESETS) + " are the most");
+        throw Failure("the store would hold " + Count(RuleSetsAfter(store, diff), "rule set") + "; the limit is " +
+                      std::to_string(KXRULE_MAX_RULESETS));
     for (const RuleSetChange& change : diff.RuleSets)
     {
         if (change.RulesAfter.size() > KXRULE_MAX_RULES)
             throw Failure("rule set " + std::to_string(change.Index) + " would hold " +
-                          Count(change.RulesAfter.size(), "rule") + ", " + std::to_string(KXRULE_MAX_RULES) +
-                          " are the most");
+                          Count(change.RulesAfter.size(), "rule") + "; the limit is " +
+                          std::to_string(KXRULE_MAX_RULES));
     }
 }
 
@@ -81,7 +81,7 @@ Json DiffAsJson(const PolicyDiff& diff)
     return json;
 }
 
-/// The store of a session. What is not written when it ends is lost: the files stay as they were.
+/// The store of a session. If the session ends without a write, the files stay as they were.
 class SessionStore final : public PolicyStore
 {
 public:
@@ -116,7 +116,7 @@ private:
     Session& m_Session;
 };
 
-/// False when the file is not good; what is wrong with it has then been told.
+/// False when something is wrong with the file, which has then been printed.
 bool ReadPolicyFile(Session& session, const std::string& file, Policy& policy)
 {
     std::vector<Diagnostic> diagnostics;
@@ -210,7 +210,7 @@ int Import(Session& session, const ImportOptions& options)
         session.OpenToChange();
         return ApplyPolicy(session, session.Read(), policy, mode);
     }
-    Policy store; // a directory that is still to be made holds nothing
+    Policy store; // a directory that does not exist yet holds nothing
     if (session.DirectoryExists())
     {
         session.OpenToLook();
@@ -230,7 +230,7 @@ int ImportMacros(Session& session, const ImportOptions& options)
     if (!ReadPolicyFile(session, options.File, policy))
         return ExitFailed;
     if (!policy.Macros)
-        throw Failure(options.File + " holds no macros");
+        throw Failure(options.File + " contains no macros");
     session.OpenToChange();
     const Policy store = session.Read();
     Policy wanted;

@@ -19,7 +19,7 @@ void Find(HMODULE module, const char* name, Function& function)
 {
     function = reinterpret_cast<Function>(reinterpret_cast<void*>(::GetProcAddress(module, name)));
     if (function == nullptr)
-        throw Failure("KxPfwRul.dll has no function " + std::string(name) + "; it is not the one of this tool");
+        throw Failure("KxPfwRul.dll has no function " + std::string(name) + "; it does not belong to this tool");
 }
 
 } // namespace

@@ -1,4 +1,4 @@
-// What deserves a second look in a store.
+// Warnings about the rules of a store.
 #include <algorithm>
 
 #include "common/srclib/KxComn_Names.h"
@@ -62,7 +62,7 @@ bool LacksHash(const PFW_RULE& rule)
            IsZero(&rule.Access.abAppHash, KXRULE_HASH_BYTES);
 }
 
-/// Rules that the library put in the place of damaged ones.
+/// Rules by which the library replaced damaged ones.
 bool IsRescue(const PFW_RULE& rule)
 {
     return rule.dwKind == KXRULE_KIND_ACCESS &&
@@ -114,7 +114,7 @@ std::vector<Warning> FindWarnings(const Policy& policy)
                 warn(WarningKind::Rescue,
                      ruleSet->Rules.size() > 3
                          ? "is a rescue rule that has outlived the damage: other rules are there again."
-                         : "is a rescue rule: the rules of this set were damaged and want replacing.");
+                         : "is a rescue rule: the rules of this set were damaged and must be replaced.");
             else if (IsAnyToAny(rule))
                 warn(WarningKind::AnyToAny, "accepts everything from anybody to anybody.");
             if (LacksHash(rule))
