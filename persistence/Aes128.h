@@ -52,7 +52,7 @@ inline constexpr size_t kMostChains = 8;
 void EncryptPadded(const BlockCipher& cipher, const KeySchedule& keys, const void* const in[], uint8_t* const out[],
                    size_t count, size_t size) noexcept;
 
-/// Decrypts one message, or the rest of one behind whole blocks, whose plaintext must be exactly `size` bytes long.
+/// Decrypts one message, or the rest of one after whole blocks, whose plaintext must be exactly `size` bytes long.
 /// False when the ciphertext has another length (an empty plaintext may be 0 or 16 bytes of ciphertext) or bad padding;
 /// out is then unspecified but never written past `size` bytes.
 /// @param iv  the ciphertext block before in, zeros at the beginning of a message; used up

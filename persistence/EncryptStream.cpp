@@ -19,7 +19,7 @@ static_assert(std::endian::native == std::endian::little, "fields are stored as 
 // system for every file, and the first touch of their pages costs more than the calls saved.
 constexpr size_t kPiece = size_t{1} << 18;
 constexpr size_t kFirstPiece = size_t{1} << 12;      // to begin writing with
-constexpr size_t kGathered = kPiece + (kPiece >> 3); // a piece, and what was begun behind it
+constexpr size_t kGathered = kPiece + (kPiece >> 3); // a piece, and what was begun after it
 constexpr size_t kPrefix = sizeof(uint32_t);         // the length before the ciphertext
 constexpr uint64_t kMostBytes = std::numeric_limits<uint32_t>::max();
 
@@ -237,7 +237,7 @@ bool CEncryptStream::HasRecord(uint64_t size)
     return left >= kPrefix && Aes128::CipherBytes(size) <= left - kPrefix;
 }
 
-// Fetches the next piece behind what is left of the last one, of which needed bytes are waited for. At the end of the data
+// Fetches the next piece after what is left of the last one, of which needed bytes are waited for. At the end of the data
 // nothing is added.
 bool CEncryptStream::Fill(size_t needed)
 {

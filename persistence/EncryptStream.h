@@ -75,7 +75,7 @@ protected:
     virtual bool ReadBytes(void* out, uint32_t size, uint32_t* got) = 0;
     /// Writes all of them or fails.
     virtual bool WriteBytes(const void* in, uint32_t size) = 0;
-    /// Bytes behind what ReadBytes has handed out.
+    /// Bytes after what ReadBytes has handed out.
     virtual uint64_t RemainingBytes() = 0;
 
     /// Forgets what was gathered: for a derived class that opens or closes what it reads from. An unusable stream

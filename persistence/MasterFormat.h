@@ -1,4 +1,4 @@
-// The master file's fields behind its magic and version.
+// The master file's fields after its magic and version.
 #pragma once
 
 #include <cstdint>
@@ -24,7 +24,7 @@ namespace MasterFormat
 /// The fields after the head, in order. Throws CEncryptStream::Exception. Each is stored as soon as it is read (ActiveRuleSets and RuleSetFileNames are appended to), so
 /// what was read before an exception is there. The count of names reserves nothing.
 void ReadFields(CEncryptStream& stream, MasterFields& fields);
-/// Everything behind the magic, version first.
+/// Everything after the magic, version first.
 void WriteFields(CEncryptStream& stream, const MasterFields& fields);
 
 } // namespace MasterFormat

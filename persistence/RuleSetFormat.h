@@ -1,4 +1,4 @@
-// The rule set file's fields behind its magic, both versions.
+// The rule set file's fields after its magic, both versions.
 #pragma once
 
 #include <cstddef>
@@ -21,7 +21,7 @@ struct Header
 
 /// Index, name and count after a version that is one of the two known; throws CEncryptStream::Exception.
 void ReadHeader(CEncryptStream& stream, uint32_t version, Header& header);
-/// The number of records behind the header. kept: a count with the top bit set is negative and means none.
+/// The number of records after the header. kept: a count with the top bit set is negative and means none.
 [[nodiscard]] int32_t RuleCount(const Header& header) noexcept;
 /// One record, decrypted into its place. False when it cannot be read; rule is then unspecified.
 [[nodiscard]] bool ReadRule(CEncryptStream& stream, PFW_RULE& rule);

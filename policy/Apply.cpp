@@ -1,4 +1,4 @@
-// A policy's differences carried out in a store.
+// Applies the differences between a store and a policy to the store.
 #include "policy/Apply.h"
 
 #include <algorithm>
@@ -23,8 +23,8 @@ bool NeedsEmptying(const RuleSetChange& change)
                        [](const RuleChange& rule) { return rule.Index == 0 && rule.Before; });
 }
 
-/// What only deleting and adding the whole set can do: another name, and a rule that adding alone refuses but adding
-/// with its set takes.
+/// Some changes need the whole set deleted and added: another name, and a rule that is refused when added alone but
+/// accepted with its set.
 bool NeedsNewSet(const RuleSetChange& change)
 {
     if (!change.NameBefore || !change.NameAfter)
@@ -49,7 +49,7 @@ void DeleteRuleSet(PolicyStore& store, uint16_t index)
     Check(store.DeleteRuleSet(index), "deleting rule set " + std::to_string(index));
 }
 
-/// Changes single rules: memory only, nothing reaches a file before the store is written.
+/// Changes single rules, in memory only: nothing reaches a file before the store is written.
 void ChangeRules(PolicyStore& store, const RuleSetChange& change)
 {
     if (NeedsEmptying(change))
@@ -84,8 +84,8 @@ void ChangeMacros(PolicyStore& store, const std::vector<MacroRecord>& macros)
     }
 }
 
-/// Deleting writes the master file and removes the set's file at once. So everything else is written before, and what
-/// is deleted lies in a backup.
+/// Deleting writes the master file and removes the set's file at once. So everything else has been written before, and
+/// what is deleted has been copied.
 void DeleteRuleSets(PolicyStore& store, const PolicyDiff& diff)
 {
     for (const RuleSetChange& change : diff.RuleSets)
@@ -111,7 +111,7 @@ void Apply(PolicyStore& store, const Policy& before, const PolicyDiff& diff,
         deletes = deletes || !change.NameAfter || NeedsNewSet(change);
     if (deletes)
         store.KeepCopy();
-    // Where there is room, what is new lies on the disk before what is old leaves it.
+    // If there is room, what is new is written before what is old is removed.
     size_t added = before.RuleSets.size();
     for (const RuleSetChange& change : diff.RuleSets)
         added += change.NameBefore ? 0 : 1;

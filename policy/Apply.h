@@ -1,4 +1,4 @@
-// A policy's differences carried out in a store.
+// Applies the differences between a store and a policy to the store.
 #pragma once
 
 #include <cstddef>
@@ -11,7 +11,7 @@
 namespace KxPolicy
 {
 
-/// Thrown by value when the store refuses a change; what() tells what was attempted.
+/// Thrown by value when the store refuses a change; what() says what was attempted.
 class StoreError : public std::runtime_error
 {
 public:
@@ -26,7 +26,7 @@ private:
 /// Throws StoreError naming what was attempted unless the result is 0 or more.
 void Check(int32_t result, const std::string& attempt);
 
-/// What a change asks of a store: calls of the library with their results, and two that say themselves what went wrong.
+/// What a change needs from a store: calls of the library with their result codes, and two that throw when they fail.
 class PolicyStore
 {
 public:
@@ -38,15 +38,15 @@ public:
     [[nodiscard]] virtual int32_t AddMacro(const PFW_MACRO* record) = 0;
     [[nodiscard]] virtual int32_t DeleteMacro() = 0;
     [[nodiscard]] virtual int32_t SetActiveRuleSet(const uint16_t* indexes, int32_t count) = 0;
-    /// Writes what was changed; throws when it cannot.
+    /// Writes what was changed.
     virtual void Write() = 0;
-    /// Copies the files of the store, before anything removes a rule set; throws when it cannot.
+    /// Copies the files of the store. Called before anything removes a rule set.
     virtual void KeepCopy() = 0;
 };
 
-/// Makes the changes and writes them. The files change only at the end, each whole; a rule set that goes, or gets
-/// another name, is first copied with the whole store. Throws StoreError at the first change that is refused.
-/// @param progress  called with how many rule sets are done, and of how many
+/// Makes the changes and writes them. The files change only at the end, each as a whole. The store is copied before a
+/// rule set is removed or renamed. Throws StoreError at the first change that is refused.
+/// @param progress  called with the number of rule sets done and the number of all that change
 void Apply(PolicyStore& store, const Policy& before, const PolicyDiff& diff,
            const std::function<void(size_t done, size_t all)>& progress);
 

@@ -1,4 +1,4 @@
-// Which rules and macros speak of a text, an address or a port.
+// Which rules and macros mention a text, an address or a port.
 #include "policy/Find.h"
 
 #include <algorithm>

@@ -1,4 +1,4 @@
-// Which rules and macros speak of a text, an address or a port.
+// Which rules and macros mention a text, an address or a port.
 #pragma once
 
 #include <cstdint>
@@ -20,8 +20,8 @@ struct Hit
     std::string Where; // the fields, separated by commas
 };
 
-/// An address, a prefix or a range finds items that overlap it; a number finds ports and ranges that hold it, and
-/// numbers in texts; anything else finds texts that hold it, in any letter case. Items that mean any are not found;
+/// An address, a prefix or a range finds items that overlap it; a number finds ports and ranges that contain it, and
+/// numbers in texts; anything else finds texts that contain it, in any letter case. Items that mean any are not found;
 /// rules that name a macro are found with it.
 [[nodiscard]] std::vector<Hit> Find(const Policy& policy, std::string_view query);
 

@@ -17,12 +17,12 @@ inline constexpr char kAddressForms[] = "an address as any, 10.0.0.1, 10.0.0.0/8
                                         "front to negate";
 inline constexpr char kPortForms[] = "a port as any, 80, 1000-2000, !80, 80,443,1000-2000, list:TEXT, @name or none";
 
-/// Text that ParseAddress reads. What no text can say (spare bytes, unknown types) is left out.
+/// Text that ParseAddress reads. What cannot be expressed as text (spare bytes, unknown types) is left out.
 [[nodiscard]] std::string AddressText(const RULE_ADDR& item);
 [[nodiscard]] std::string PortText(const RULE_PORT& item);
 
-/// Fills the whole item, unused bytes with zero. On failure item stays as it was and why tells what is wrong, to go
-/// behind "expected ..., ".
+/// Fills the whole item, unused bytes with zero. On failure item stays as it was and why says what is wrong, to follow
+/// "expected ...".
 [[nodiscard]] bool ParseAddress(std::string_view text, RULE_ADDR& item, std::string& why);
 [[nodiscard]] bool ParsePort(std::string_view text, RULE_PORT& item, std::string& why);
 
@@ -33,7 +33,7 @@ inline constexpr char kPortForms[] = "a port as any, 80, 1000-2000, !80, 80,443,
 /// The shortest form, in lower case.
 [[nodiscard]] std::string IPv6Text(const std::array<uint8_t, 16>& address);
 
-/// Digits only, at most most.
+/// Digits only, of a number up to most.
 [[nodiscard]] bool ParseNumber(std::string_view text, uint32_t most, uint32_t& number) noexcept;
 
 } // namespace KxPolicy

@@ -1,4 +1,4 @@
-// Reading values out of a JSON tree, with an error for everything that is not as expected.
+// Reads values out of a JSON tree, with a diagnostic for everything that is not as expected.
 #pragma once
 
 #include <cstddef>
@@ -16,7 +16,7 @@
 namespace KxPolicy
 {
 
-/// Where in the tree a value stands, as a chain towards the root.
+/// Where in the tree a value is, as a chain towards the root.
 struct Path
 {
     const Path* Outer = nullptr;
@@ -36,15 +36,14 @@ struct Path
     }
 };
 
-/// Reads on after a value that is not as expected; it keeps what it had before.
+/// Goes on after a value that is not as expected; what it should have filled stays as it was.
 class JsonReader
 {
 public:
     explicit JsonReader(std::string_view json);
 
-    /// read(root) unless the text is no JSON, which is then the only diagnostic. All diagnostics are handed over, in the
-    /// file's order, the last one telling how many more there are when they are too many to read; true when there are
-    /// none.
+    /// read(root) unless the text is not JSON, which is then the only diagnostic. Hands over all diagnostics in the
+    /// text's order; when there are too many to read, the last one says how many more. True when there are none.
     template <class Read>
     [[nodiscard]] bool ReadAll(std::vector<Diagnostic>& diagnostics, Read read)
     {
@@ -60,7 +59,7 @@ protected:
     using Members = std::vector<std::optional<JsonValue>>;
 
     void Report(size_t offset, const Path& path, std::string text);
-    /// How many there are so far, those beyond the most that are held included.
+    /// The number of diagnostics so far, including those that are only counted.
     [[nodiscard]] size_t Reported() const noexcept { return m_Found.size() + m_LeftOut; }
     /// "expected ..., found ...".
     void Expected(JsonValue value, const Path& path, const std::string& what);
@@ -82,7 +81,7 @@ protected:
     std::optional<uint32_t> ReadKeyword(JsonValue value, const Path& path, Keywords names);
     void ReadNarrow(JsonValue value, const Path& path, void* field, size_t room);
     void ReadWide(JsonValue value, const Path& path, void* field, size_t room);
-    /// Lines "offset: bytes" over a record, which they may touch from begin to end.
+    /// Lines "offset: bytes" over a record; they may change it from begin to end.
     void ReadRaw(JsonValue value, const Path& path, void* record, size_t begin, size_t end);
     /// Any field of the tables, into its places.
     void ReadField(const RuleField& field, JsonValue value, const Path& path, uint8_t* record);
@@ -103,7 +102,7 @@ private:
 
     JsonTree m_Tree;
     std::vector<Found> m_Found;
-    size_t m_LeftOut = 0; // diagnostics beyond the most that are held
+    size_t m_LeftOut = 0; // diagnostics that are only counted
 };
 
 } // namespace KxPolicy

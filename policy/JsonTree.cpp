@@ -1,4 +1,4 @@
-// nlohmann's reader, and where in the text each of its values stands.
+// nlohmann's parser builds the tree; its events lack the places in the text, which are found here.
 #include "policy/JsonTree.h"
 
 #include <algorithm>
@@ -23,8 +23,8 @@ bool StartsWith(std::string_view text, std::string_view start) noexcept
 
 } // namespace
 
-/// Takes the reader's events. They come in the order of the text, so that the next value begins after the blanks and
-/// separators that follow the one before.
+/// Takes the parser's events. They come in the order of the text, so the next value begins after the blanks and
+/// separators that follow the previous one.
 class JsonTree::Builder
 {
 public:
@@ -50,7 +50,7 @@ public:
     bool parse_error(size_t position, const std::string& token, const json::exception& error)
     {
         std::string text = error.what();
-        // Not the place, which counts bytes, and not what was read: that may be the whole text.
+        // Without the place, which counts bytes, and without what was read: that may be the whole text.
         const size_t place = text.find("column ");
         text.erase(0, place == std::string::npos ? text.find("] ") + 2 : text.find(": ", place) + 2);
         const std::string read = "; last read: '" + token + "'";
@@ -59,13 +59,13 @@ public:
         const bool isInString =
             text.find("invalid string") != std::string::npos && text.find("missing closing quote") == std::string::npos;
         const bool isBracket = text.find("unexpected '") != std::string::npos;
-        // Words that are no values are mostly texts without quotes, and comments.
+        // Words that are not values are mostly texts without quotes, or comments.
         if (text.find("invalid literal") != std::string::npos)
             text += "; texts stand between quotes, comments are not possible";
         return Fail(isInString || isBracket ? position - 1 : Begin(), std::move(text));
     }
 
-    /// For what follows the last value.
+    /// Checks what follows the last value: to the parser a NUL is the end.
     void Finish()
     {
         if (!m_Tree.m_Error && m_Text.find_first_not_of(" \t\r\n", m_At) != std::string_view::npos)

@@ -1,4 +1,4 @@
-// A JSON text as a tree whose values know where in the text they stand.
+// A JSON text as a tree whose values know their place in the text.
 #pragma once
 
 #include <cstddef>

@@ -29,8 +29,8 @@ struct RuleSetRecord
 
 struct Policy
 {
-    std::optional<std::vector<uint16_t>> Active;    // nothing: the policy does not speak of the active list
-    std::optional<std::vector<MacroRecord>> Macros; // nothing: nor of macros
+    std::optional<std::vector<uint16_t>> Active;    // nothing: the policy does not mention the active list
+    std::optional<std::vector<MacroRecord>> Macros; // nothing: nor macros
     std::vector<RuleSetRecord> RuleSets;            // ascending by index, no index twice
 };
 

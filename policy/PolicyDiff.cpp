@@ -1,4 +1,4 @@
-// Policies compared.
+// Compares policies.
 #include "policy/PolicyDiff.h"
 
 #include <algorithm>
@@ -47,7 +47,7 @@ const uint8_t* BytesOf(const PFW_RULE& rule) noexcept
 
 bool Equal(const PFW_RULE& a, const PFW_RULE& b) noexcept
 {
-    return std::memcmp(BytesOf(a), BytesOf(b), sizeof a) == 0; // byte for byte, padding is none
+    return std::memcmp(BytesOf(a), BytesOf(b), sizeof a) == 0; // byte for byte: records have no padding
 }
 
 /// A policy rarely names hashes: the one that the library has computed for the same application counts as the policy's.
@@ -64,7 +64,7 @@ void TakeOverHash(PFW_RULE& rule, const PFW_RULE& stored) noexcept
         std::memcpy(to + places->Hash, from + places->Hash, KXRULE_HASH_BYTES);
 }
 
-/// What becomes of one rule set's rules. Both lists are ascending.
+/// The changes of one rule set's rules. Both lists are ascending.
 void CompareRules(const std::vector<PFW_RULE>& before, const std::vector<PFW_RULE>& wanted, MergeMode mode,
                   RuleSetChange& change)
 {
@@ -81,7 +81,7 @@ void CompareRules(const std::vector<PFW_RULE>& before, const std::vector<PFW_RUL
         for (; old < before.size() && before[old].wRuleIndex < given.wRuleIndex; ++old)
             keepOrDrop(before[old]);
         const bool exists = old < before.size() && before[old].wRuleIndex == given.wRuleIndex;
-        // A refreshed system rule holds a hash that adding it again would take away.
+        // A refreshed system rule has a hash, which adding the rule again would remove.
         const bool same = exists && Equal(before[old], given);
         PFW_RULE rule = given;
         if (!same)
@@ -110,7 +110,7 @@ bool SameMacros(const std::vector<MacroRecord>& a, const std::vector<MacroRecord
                       });
 }
 
-/// The policy's macros take the places of those with the same names, one by one; the rest goes to the end.
+/// The policy's macros replace those with the same names, one by one; the rest is appended.
 std::vector<MacroRecord> MergeMacros(const std::vector<MacroRecord>& before, const std::vector<MacroRecord>& wanted)
 {
     std::map<std::string, std::vector<const MacroRecord*>> byName;

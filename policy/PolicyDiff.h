@@ -1,4 +1,4 @@
-// What has to change in a store so that it holds a policy.
+// What has to change in a store to make it hold a policy.
 #pragma once
 
 #include <cstdint>
@@ -21,14 +21,14 @@ struct RuleChange
 {
     uint16_t Index = 0;
     std::optional<PFW_RULE> Before; // nothing: the rule is new
-    std::optional<PFW_RULE> After;  // nothing: the rule goes
+    std::optional<PFW_RULE> After;  // nothing: the rule is removed
 };
 
 struct RuleSetChange
 {
     uint16_t Index = 0;
     std::optional<KxCommon::WideString> NameBefore; // nothing: the rule set is new
-    std::optional<KxCommon::WideString> NameAfter;  // nothing: the rule set goes
+    std::optional<KxCommon::WideString> NameAfter;  // nothing: the rule set is removed
     std::vector<RuleChange> Rules;                  // ascending
     std::vector<PFW_RULE> RulesAfter;               // all of them, ascending
 };
@@ -45,10 +45,10 @@ struct PolicyDiff
 };
 
 /// The store's policy is complete, as read from the library. Active list and macros are left alone when the policy does
-/// not speak of them, in either mode.
+/// not mention them, in either mode.
 [[nodiscard]] PolicyDiff Compare(const Policy& store, const Policy& policy, MergeMode mode);
 
-/// How many rule sets there are when the changes are made.
+/// How many rule sets there are after the changes.
 [[nodiscard]] size_t RuleSetsAfter(const Policy& store, const PolicyDiff& diff) noexcept;
 
 /// The changes as lines for people: + added, - removed, ~ changed with the JSON lines that differ.

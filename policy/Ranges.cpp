@@ -36,7 +36,7 @@ Bytes PrefixMask(uint32_t length) noexcept
     return mask;
 }
 
-/// Ones in front, zeroes behind.
+/// A one after a zero.
 bool HasGaps(const Bytes& mask, size_t size) noexcept
 {
     bool ended = false;

@@ -25,15 +25,15 @@ struct PortRange
     uint16_t Last;
 };
 
-/// What an item spans when its negation is left aside. Nothing for any, none, names and families other than the two. A
+/// What an item spans regardless of its negation. Nothing for any, none, names and families other than the two. A
 /// mask with gaps gives the range from its first to its last address.
 [[nodiscard]] std::optional<AddressRange> RangeOf(const RULE_ADDR& item) noexcept;
-/// The same for ports, in the order of the item; empty for any, none, names and lists that are none.
+/// The same for ports, in the order of the item; empty for any, none, names and lists that cannot be read.
 [[nodiscard]] std::vector<PortRange> RangesOf(const RULE_PORT& item);
 
 [[nodiscard]] bool Overlap(const AddressRange& a, const AddressRange& b) noexcept;
 
-/// True when whatever the inner item means, the outer one means, too. False when it cannot be told.
+/// True when the outer item includes everything that the inner one means. False when that is not known.
 [[nodiscard]] bool Covers(const RULE_ADDR& outer, const RULE_ADDR& inner) noexcept;
 [[nodiscard]] bool Covers(const RULE_PORT& outer, const RULE_PORT& inner);
 

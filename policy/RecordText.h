@@ -15,14 +15,14 @@ namespace KxPolicy
 /// Digits in any case, blanks between bytes allowed. False for anything else; bytes then holds what came before.
 [[nodiscard]] bool ParseHex(std::string_view text, std::string& bytes);
 
-/// UTF-8 into a narrow field of room bytes: in the active code page, NUL behind it to the field's end. On failure the
-/// field stays as it was and why tells the reason.
+/// UTF-8 into a narrow field of room bytes: in the active code page, NUL after it to the field's end. On failure the
+/// field stays as it was and why says the reason.
 [[nodiscard]] bool PutNarrow(void* field, size_t room, std::string_view text, std::string& why);
 /// The same for UTF-16 in a field of room units at any address.
 [[nodiscard]] bool PutWide(void* field, size_t room, std::string_view text, std::string& why);
 
-/// What a field's text looks like in JSON: always text that the two functions above take, though it may stand for
-/// other bytes where the field holds what no text can say.
+/// A field's text in JSON: always text that the two functions above accept, though it may stand for other bytes when
+/// the field's bytes cannot be expressed as text.
 [[nodiscard]] std::string NarrowFieldText(const void* field, size_t room);
 [[nodiscard]] std::string WideFieldText(const void* field, size_t room);
 

@@ -1,4 +1,4 @@
-// The tables behind the JSON names.
+// The tables of the JSON names.
 #include "policy/RuleFields.h"
 
 #include "common/srclib/KxComn_Record.h"

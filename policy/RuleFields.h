@@ -1,5 +1,5 @@
-// The fields of each kind of rule: their names in JSON, where they lie and what they hold. Reading, writing, dumping and
-// searching go by this one table.
+// The fields of each kind of rule: their names in JSON, their places and what they hold. Reading, writing, dumping and
+// searching use this one table.
 #pragma once
 
 #include <array>
@@ -43,7 +43,7 @@ enum class FieldType
     Port,        // RULE_PORT
     Text,        // narrow, Room bytes, terminator included
     WideText,    // UTF-16, Room units, terminator included
-    Application, // WideText that decides what the switch "system" is when it is not given
+    Application, // WideText; decides the switch "system" when that is not given
     Hash,        // 20 bytes as hexadecimal digits
     Extension    // an object: flag, value, shortValue, text, at the field's four places
 };
@@ -70,7 +70,7 @@ struct RuleField
 /// The switch that a reader sets for a rule of the system when the text does not mention it, as the library does.
 inline constexpr std::string_view kSystemField = "system";
 
-/// What "raw" may touch beside rules and items: the names.
+/// What "raw" may change apart from rules and items: the names.
 inline constexpr size_t kRuleSetNameBegin = offsetof(PFW_RULESET, wszName);
 inline constexpr size_t kRuleSetNameEnd = offsetof(PFW_RULESET, nRuleCount);
 inline constexpr size_t kMacroNameBegin = offsetof(PFW_MACRO, szName);
@@ -78,7 +78,7 @@ inline constexpr size_t kMacroNameEnd = offsetof(PFW_MACRO, nItemCount);
 
 /// index, description, active and kind: what every rule has, whatever its kind.
 [[nodiscard]] std::span<const RuleField> CommonFields() noexcept;
-/// What a kind has beside them; empty for unknown kinds.
+/// What a kind has in addition; empty for unknown kinds.
 [[nodiscard]] std::span<const RuleField> KindFields(uint32_t kind) noexcept;
 
 /// A record of that kind as it is when the file says nothing about its fields: every address and port any, active.

@@ -1,8 +1,8 @@
 // Policies, rules and macros as JSON, both ways. docs/policy.schema.json describes the form for editors.
 //
-// Named fields carry what people write. Where they cannot carry a byte (spare fields, unknown types, text that is no
-// text, what follows a terminator), a member "raw" does: lines "offset: hexadecimal bytes" that are put over the
-// record which the named fields give. So reading gives every record back byte for byte, whatever it holds.
+// Named fields carry what people write. What they cannot carry (spare fields, unknown types, bytes that are not text,
+// what follows a terminator) is in a member "raw": lines "offset: hexadecimal bytes", which are put over the record
+// that the named fields give. So reading restores every record byte for byte.
 #pragma once
 
 #include <cstddef>
@@ -40,7 +40,7 @@ struct Diagnostic
 [[nodiscard]] std::string PolicyToJson(const Policy& policy);
 [[nodiscard]] std::string RuleToJson(const PFW_RULE& rule);
 
-/// True when the record holds bytes that only "raw" can carry: unknown types, spare fields in use, remains behind a
+/// True when the record has bytes that only "raw" can carry: unknown types, spare fields in use, remains after a
 /// terminator, or damage that its file could not show.
 [[nodiscard]] bool HasUnexplainedBytes(const PFW_RULE& rule);
 

@@ -1,4 +1,4 @@
-// UTF-8 against UTF-16 and the active code page.
+// Conversions between UTF-8, UTF-16 and the active code page.
 #include "policy/Utf8.h"
 
 #include <algorithm>
@@ -71,7 +71,7 @@ std::string NarrowToReturnableUtf8(std::string_view narrow)
     std::string text = NarrowToUtf8(narrow);
     if (IsAscii(text) || Utf8ToNarrow(text))
         return text;
-    // The system's own substitutes survive the way there and back.
+    // The system's own substitutes survive the conversion there and back.
     text = NarrowToUtf8(KxCommon::String::ToNarrow(FromUtf8(text)));
     if (!Utf8ToNarrow(text))
         text.clear();
@@ -84,7 +84,7 @@ std::optional<std::string> Utf8ToNarrow(std::string_view text)
         return std::string(text);
     const KxCommon::WideString wide = FromUtf8(text);
     std::string narrow = KxCommon::String::ToNarrow(wide);
-    // A character without a counterpart becomes a similar one or a question mark: only the way back tells.
+    // A character without a counterpart becomes a similar one or a question mark: only the conversion back shows it.
     if (KxCommon::String::ToWide(narrow) != wide)
         return std::nullopt;
     return narrow;

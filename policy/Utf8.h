@@ -1,4 +1,4 @@
-// UTF-8, in which the tool reads and writes, against UTF-16 and the narrow text of the records.
+// Conversions between UTF-8, in which policies are read and written, and the UTF-16 and narrow text of the records.
 #pragma once
 
 #include <optional>
@@ -17,7 +17,8 @@ namespace KxPolicy
 
 /// Narrow text of a record for people to read.
 [[nodiscard]] std::string NarrowToUtf8(std::string_view narrow);
-/// The same, but always text that Utf8ToNarrow takes: bytes without a meaning become another character or are left out.
+/// The same, but always text that Utf8ToNarrow accepts: bytes without a meaning become another character or are left
+/// out.
 [[nodiscard]] std::string NarrowToReturnableUtf8(std::string_view narrow);
 /// Nothing when a character has no counterpart in the active code page.
 [[nodiscard]] std::optional<std::string> Utf8ToNarrow(std::string_view text);

@@ -13,7 +13,7 @@ namespace KxPolicy
     return std::to_string(number) + " " + what + (number == 1 ? "" : "s");
 }
 
-/// The texts with something between each two.
+/// The texts with a separator between each two.
 template <class Texts>
 [[nodiscard]] std::string Joined(const Texts& texts, const char* between = ", ")
 {

@@ -25,7 +25,7 @@ public:
     using Rules = KxCommon::IndexMap<CRule>;
 
     CRuleSet() = default;
-    /// From a record and ruleCount rules behind it: the record's own count, which the caller has read once, since the
+    /// From a record and ruleCount rules after it: the record's own count, which the caller has read once, since the
     /// record is another's memory and may change. Of two rules with the same index the later one counts; no limit on
     /// their number (the master has one).
     CRuleSet(const PFW_RULESET& record, int32_t ruleCount);

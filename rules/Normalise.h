@@ -10,8 +10,8 @@ namespace Normalise
 /// Kinds 1 and 6.
 [[nodiscard]] bool IsAccessRule(const PFW_RULE& rule) noexcept;
 
-/// Only access rules change: address and port ranges are put in order, the last unit of wszAppName becomes 0, and a rule
-/// of "SYSTEM" gets dwSystem 1 and a hash of zeroes. A hash that is still to be computed is not looked at.
+/// Changes access rules only: address and port ranges are put in order, the last unit of wszAppName becomes 0, and a
+/// rule for "SYSTEM" gets dwSystem 1 and a hash of zeroes. A hash that is missing is left to the hash library.
 void NormaliseRule(PFW_RULE& rule) noexcept;
 
 /// True for an access rule whose application is "SYSTEM", which stands for the system itself and has no file to hash.

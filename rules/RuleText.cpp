@@ -74,7 +74,7 @@ void AppendNumber(std::string& text, uint16_t value)
 // address is in host byte order: its highest byte comes first.
 void AppendDotted(std::string& text, uint32_t address)
 {
-    char dotted[4 * 4]; // every part with a dot behind it
+    char dotted[4 * 4]; // every part with a dot after it
     char* end = dotted;
     for (int shift = 24; shift >= 0; shift -= 8)
     {

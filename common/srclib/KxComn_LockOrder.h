@@ -8,7 +8,7 @@
 namespace KxCommon::Synchronize
 {
 
-/// Whoever holds a lock may take those that stand behind it, and once more what it holds already.
+/// Whoever holds a lock may take those that come after it, and once more what it holds already.
 enum class LockRank
 {
     Lifecycle,

@@ -17,7 +17,7 @@ using KxCommon::WideString;
 constexpr uint32_t kRecord = 2845;
 constexpr size_t kRecordOnDisk = 4 + 2848;
 
-// Ciphertexts of `openssl enc -aes-128-cbc` with the library's key, behind their length.
+// Ciphertexts of `openssl enc -aes-128-cbc` with the library's key, after their length.
 const char* const kEmpty = "00000000";
 const char* const kU16Is1234 = "10000000 049bfe3706ded607432b0037ff09f2a8";
 const char* const kU32Is0 = "10000000 834e07d1d78dcca794a2b51985afa1cc";

@@ -24,7 +24,7 @@ Policy Read(const std::string& json)
     return policy;
 }
 
-/// A rule set of rules with these indexes; a letter behind an index becomes part of the rule's description.
+/// A rule set of rules with these indexes; a letter after an index becomes part of the rule's description.
 std::string Set(int index, const std::string& name, const std::vector<std::string>& rules)
 {
     std::string text;

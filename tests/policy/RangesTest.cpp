@@ -52,7 +52,7 @@ TEST(Ranges, AddressesCover)
         {"@x", "@y", false, false},
         {"10.0.0.0/8", "10.255.255.255", true, false},
         {"10.0.0.0/8", "11.0.0.0", false, false},
-        {"10.3.0.0/8", "10.0.0.0/255.0.0.0", true, true}, // bits behind the mask do not count
+        {"10.3.0.0/8", "10.0.0.0/255.0.0.0", true, true}, // bits outside the mask do not count
         {"10.0.0.0/9", "10.0.0.0-10.127.255.255", true, true},
         {"10.0.0.9-10.0.0.1", "10.0.0.5", true, false},
         {"10.0.0.0/255.0.255.0", "10.0.0.1", false, false}, // a mask with gaps: cannot be told

@@ -33,7 +33,7 @@ std::string_view Bytes(const PFW_RULE& rule)
     return {reinterpret_cast<const char*>(&rule), sizeof rule};
 }
 
-/// Names and records, bytes and all, one behind the other.
+/// Names and records, bytes and all, one after the other.
 std::string Contents(const Policy& policy)
 {
     std::string all;

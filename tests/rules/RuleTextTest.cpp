@@ -31,7 +31,7 @@ void CheckItems(void (&append)(std::string&, const Item&), const ItemCase<Item> 
 {
     for (const ItemCase<Item>& c : cases)
     {
-        const Item items[] = {c.Value, Patterned<Item>()}; // no zero behind the item
+        const Item items[] = {c.Value, Patterned<Item>()}; // no zero after the item
         std::string text = kBefore;
         append(text, items[0]);
         EXPECT_EQ(text, kBefore + c.Text) << c.Name;

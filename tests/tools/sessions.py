@@ -12,7 +12,7 @@ A session is a text file. It begins in an empty directory and is read line by li
   ! same A B       says whether two files, or what two directories hold, are the same
   ! hold           another process has the library initialised from here on
 
-Every other line is what came of the line above: standard output, standard error behind "2>", [exit N] unless it is 0,
+Every other line is what came of the line above: standard output, standard error after "2>", [exit N] unless it is 0,
 and in brackets the files that were added (+), removed (-) or written (~). DIR is the session's directory, DATED a
 dated one; of a line past 300 characters the rest is a checksum. With --write the sessions are recorded anew; look at
 what changed before you keep it.

@@ -27,17 +27,17 @@ int Report(Session& session, const std::string& file); // ReportCommand
 struct ImportOptions
 {
     std::string File;   // "-": standard input
-    bool Merge = false; // what happens without an option, too
+    bool Merge = false; // the default
     bool Replace = false;
     bool Check = false;
 };
 int Import(Session& session, const ImportOptions& options);
 int ImportMacros(Session& session, const ImportOptions& options);
 
-/// Without rule sets everything; with some, these alone, without macros and active list.
+/// Everything, or only the given rule sets, without macros and active list.
 int Export(Session& session, const std::vector<uint16_t>& ruleSetIndexes, const std::string& file);
 
-// ---------------------------------------------------------------------------------------------- change (ChangeCommands)
+// --------------------------------------------------------------------------------------------- change (ChangeCommands)
 int AddRuleSet(Session& session, const std::string& name, std::optional<uint16_t> index);
 int DeleteRuleSets(Session& session, const std::vector<uint16_t>& indexes, bool all);
 /// The rule is JSON, or the name of a file with it.
@@ -47,24 +47,24 @@ int Activate(Session& session, const std::vector<uint16_t>& indexes);
 int ClearMacros(Session& session);
 int RefreshHashes(Session& session, const std::string& application);
 
-// -------------------------------------------------------------------------------------------------- care (CareCommands)
+// ------------------------------------------------------------------------------------------------- care (CareCommands)
 int Verify(Session& session);
 int Backup(Session& session, const std::string& directory);
 int Restore(Session& session, const std::string& source);
 int Tidy(Session& session, bool yes);
 int Dump(Session& session, const std::string& file);
 
-// ----------------------------------------------------------------------------------------------------------- helpers --
-/// Makes the store hold what is wanted, and says what that changed.
+// ---------------------------------------------------------------------------------------------------------- helpers --
+/// Makes the store hold the wanted policy and prints what changed.
 int ApplyPolicy(Session& session, const Policy& store, const Policy& wanted, MergeMode mode);
 /// Fails unless the store has it.
 [[nodiscard]] const RuleSetRecord& FindRuleSet(const Policy& policy, uint16_t index);
 [[nodiscard]] RuleSetRecord& FindRuleSet(Policy& policy, uint16_t index);
 /// A whole file, "-" for standard input.
 [[nodiscard]] std::string ReadTextFile(const std::string& path);
-/// Puts text into a file, whole or not at all; "-" or nothing: standard output.
+/// Writes text to a file, completely or not at all; "-" or an empty path: standard output.
 void WriteTextFile(Session& session, const std::string& path, std::string_view text);
-/// What is wrong in a file, one line each: FILE:LINE:COLUMN: where: what.
+/// Prints what is wrong in a file, one line each: FILE:LINE:COLUMN: where: what.
 /// @return ExitFailed
 int TellDiagnostics(Session& session, const std::string& path, const std::vector<Diagnostic>& diagnostics);
 

@@ -79,7 +79,7 @@ std::string Printable(std::string_view text)
     {
         const uint32_t codePoint = utf8::unchecked::next(at);
         const bool control = codePoint < 0x20 || (codePoint >= 0x7F && codePoint < 0xA0);
-        // Marks that turn the writing direction could make a line read as another.
+        // Marks that change the writing direction could make a line read as another.
         const bool turning =
             (codePoint >= 0x202A && codePoint <= 0x202E) || (codePoint >= 0x2066 && codePoint <= 0x2069);
         utf8::append(control || turning ? uint32_t{0xFFFD} : codePoint, std::back_inserter(out));

@@ -9,12 +9,12 @@
 namespace Tool
 {
 
-/// Columns that UTF-8 text takes: East Asian characters two, combining ones none.
+/// The columns that UTF-8 text takes: two for East Asian characters, none for combining ones.
 [[nodiscard]] size_t DisplayWidth(std::string_view text);
 /// The rows as lines whose columns are aligned; the last column is not padded. Columns in toTheRight end flush.
 [[nodiscard]] std::vector<std::string> Aligned(const std::vector<std::vector<std::string>>& rows,
                                                const std::vector<size_t>& toTheRight = {});
-/// What a terminal could take for a command becomes U+FFFD: texts of a store are not to be trusted.
+/// What a terminal could take for a command becomes U+FFFD: texts in a store cannot be trusted.
 [[nodiscard]] std::string Printable(std::string_view text);
 
 } // namespace Tool

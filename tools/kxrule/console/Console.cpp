@@ -60,7 +60,7 @@ Console::Console()
     : m_OutIsTerminal(IsTerminal(STD_OUTPUT_HANDLE)), m_ErrorIsTerminal(IsTerminal(STD_ERROR_HANDLE)),
       m_Colour(m_OutIsTerminal && KnowsColours())
 {
-    // Line ends as they are written: what is exported must be the same on every system.
+    // No conversion of line ends: what is exported must be the same on every system.
     ::_setmode(::_fileno(stdout), _O_BINARY);
     ::_setmode(::_fileno(stderr), _O_BINARY);
     const wchar_t* const noColour = ::_wgetenv(L"NO_COLOR");

@@ -49,7 +49,7 @@ private:
     bool m_Good = true;
 };
 
-/// A bar on the terminal behind standard error for work that takes more than a second; nothing elsewhere.
+/// A bar on the terminal for work that takes more than a second; nothing when standard error is not a terminal.
 class Progress
 {
 public:

@@ -16,7 +16,7 @@ enum ExitCode
     ExitDifferent = 3 // import --check: something would change
 };
 
-/// Thrown by value; what() is UTF-8 and goes to the user behind "kxrule: ". May hold several lines. The result is the
+/// Thrown by value; what() is UTF-8 and goes to the user after "kxrule: ". May hold several lines. The result is the
 /// library's code when it was the library that failed.
 class Failure : public std::runtime_error
 {

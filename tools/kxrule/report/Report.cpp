@@ -147,7 +147,7 @@ private:
             rules += ruleSet.Rules.size();
             active += IsActive(m_Store, ruleSet.Index) ? 1 : 0;
         }
-        // The page runs what is in it and nothing else, whatever a text of the store may look like.
+        // Only the page's own script runs, whatever the texts of the store contain.
         m_Out +=
             "<!DOCTYPE html>\n<html lang=\"en\">\n<head>\n<meta charset=\"utf-8\">\n"
             "<meta name=\"viewport\" content=\"width=device-width, initial-scale=1\">\n"
@@ -184,7 +184,7 @@ private:
 
     void WarningGroup(WarningKind kind, const char* title)
     {
-        constexpr size_t kFew = 12; // more than that are folded
+        constexpr size_t kFew = 12; // more than these are folded
         std::string entries;
         size_t count = 0;
         for (const Warning& warning : m_Warnings)

@@ -1,4 +1,4 @@
-// The store as one HTML page, and what deserves a second look in it.
+// The store as one HTML page, with warnings.
 #pragma once
 
 #include <cstdint>
@@ -18,7 +18,7 @@ enum class WarningKind
     Covered,  // an earlier rule takes everything that the rule could match
     AnyToAny, // accepts everything
     NoHash,   // bound to an application whose file may change unnoticed
-    Rescue,   // a stand-in for rules that were damaged
+    Rescue,   // replaces rules that were damaged
     NotThere, // an active rule set that does not exist
     NothingActive
 };
@@ -32,13 +32,13 @@ struct Warning
     std::string Text; // a sentence without its subject
 };
 
-/// In the order in which rules are looked at: active rule sets as the active list has them, then the others.
+/// In the order in which rules are checked: active rule sets as the active list has them, then the others.
 [[nodiscard]] std::vector<Warning> FindWarnings(const Policy& policy);
 
 struct ReportInput
 {
     const Policy& Store;
-    std::string Source; // where the store lies
+    std::string Source; // where the store is
     std::string Time;
     std::function<std::string(uint16_t ruleSetIndex, uint16_t ruleIndex)> RuleLine;
     std::function<std::string(const MacroRecord& macro)> MacroLine;
