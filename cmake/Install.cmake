@@ -1,14 +1,14 @@
 # The SDK as `cmake --install` lays it out, and what goes into the packages that scripts/package.sh makes of it.
 include(CMakePackageConfigHelpers)
 
-# What ships is compiled with symbols, which scripts/package.sh takes out into an archive of their own. (The tests, which
-# are added after this, go without.)
+# What ships is compiled with the symbols of functions and lines, which scripts/package.sh takes out into an archive of
+# their own. (-g with variables costs up to as much time again. The tests, which are added after this, go without.)
 function(kx_with_symbols directory)
     get_property(targets DIRECTORY ${directory} PROPERTY BUILDSYSTEM_TARGETS)
     foreach(target ${targets})
         get_target_property(type ${target} TYPE)
         if(type MATCHES "LIBRARY|EXECUTABLE" AND NOT type STREQUAL INTERFACE_LIBRARY)
-            target_compile_options(${target} PRIVATE $<$<CONFIG:Release>:-g>)
+            target_compile_options(${target} PRIVATE $<$<CONFIG:Release>:-g1>)
         endif()
     endforeach()
     get_property(children DIRECTORY ${directory} PROPERTY SUBDIRECTORIES)
