@@ -6,7 +6,7 @@
 step "packages"
 options=()
 [ "${1-}" != --no-install ] || { options=("$1"); shift; }
-scripts/packages.sh "${options[@]}" build test check fuzz
+scripts/packages.sh "${options[@]}" build test check fuzz package
 
 cmake/wine-run.sh & # a new Wine prefix takes some seconds; the compiler leaves them free
 prefix=$!
