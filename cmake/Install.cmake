@@ -24,13 +24,14 @@ set(libraries)
 foreach(target KxPfwRul KxHash KxVqrDbg)
     install(TARGETS ${target} RUNTIME DESTINATION bin ARCHIVE DESTINATION lib)
     if(KX_LLVM_DLLTOOL)
-        get_target_property(sources ${target} SOURCES)
+        get_target_property(definition ${target} SOURCES)
         get_target_property(directory ${target} SOURCE_DIR)
-        list(FILTER sources INCLUDE REGEX "\\.def$")
+        list(FILTER definition INCLUDE REGEX "\\.def$")
+        cmake_path(ABSOLUTE_PATH definition BASE_DIRECTORY ${directory})
         set(library ${PROJECT_BINARY_DIR}/msvc/${target}.lib)
-        add_custom_command(OUTPUT ${library} DEPENDS ${directory}/${sources} VERBATIM
+        add_custom_command(OUTPUT ${library} DEPENDS ${definition} VERBATIM
             COMMAND ${CMAKE_COMMAND} -E make_directory ${PROJECT_BINARY_DIR}/msvc
-            COMMAND ${KX_LLVM_DLLTOOL} -m i386:x86-64 -d ${directory}/${sources} -l ${library})
+            COMMAND ${KX_LLVM_DLLTOOL} -m i386:x86-64 -d ${definition} -l ${library})
         list(APPEND libraries ${library})
         install(FILES ${library} DESTINATION lib)
     endif()
