@@ -15,8 +15,8 @@ namespace
 
 static_assert(std::endian::native == std::endian::little, "fields are stored as they lie in memory");
 
-// What a derived class is given or asked for at a time. Not more: blocks of half a megabyte and above come fresh from the
-// system for every file, and the first touch of their pages costs more than the calls saved.
+// What a derived class is given or asked for at a time. Not more: blocks of half a megabyte and above come fresh from
+// the system for every file, and the first touch of their pages costs more than the calls saved.
 constexpr size_t kPiece = size_t{1} << 18;
 constexpr size_t kFirstPiece = size_t{1} << 12;      // to begin writing with
 constexpr size_t kGathered = kPiece + (kPiece >> 3); // a piece, and what was begun after it
@@ -237,8 +237,8 @@ bool CEncryptStream::HasRecord(uint64_t size)
     return left >= kPrefix && Aes128::CipherBytes(size) <= left - kPrefix;
 }
 
-// Fetches the next piece after what is left of the last one, of which needed bytes are waited for. At the end of the data
-// nothing is added.
+// Fetches the next piece after what is left of the last one, of which needed bytes are waited for. At the end of the
+// data nothing is added.
 bool CEncryptStream::Fill(size_t needed)
 {
     if (m_Position != 0)
@@ -277,8 +277,8 @@ bool CEncryptStream::Gather(size_t size)
     return true;
 }
 
-// Whole pieces go, the rest stays. So each piece lies in the file at a multiple of its size, where the system's cache takes
-// it in a few large pages: twice as fast as in pieces that begin and end where a record does.
+// Whole pieces go, the rest stays. So each piece lies in the file at a multiple of its size, where the system's cache
+// takes it in a few large pages: twice as fast as in pieces that begin and end where a record does.
 bool CEncryptStream::MakeRoom(size_t size)
 {
     if (m_End >= kPiece && !HandOver(m_End - m_End % kPiece))

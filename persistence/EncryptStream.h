@@ -11,8 +11,8 @@
 
 #include "common/srclib/KxComn_String.h"
 
-/// The memory in which a stream gathers bytes. Whoever goes through many files lends one to each stream in turn: the first
-/// touch of new memory costs more than all calls for a file of a quarter of a megabyte.
+/// The memory in which a stream gathers bytes. Whoever goes through many files lends one to each stream in turn: the
+/// first touch of new memory costs more than all calls for a file of a quarter of a megabyte.
 class CStreamBuffer
 {
 public:

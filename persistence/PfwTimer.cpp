@@ -172,7 +172,7 @@ try
         KX_TRACE(KxCommon::kTraceError, "\tQuitEvent could not been created");
         return false;
     }
-    // In the table before there is a thread: inserting may run out of memory, and a thread never runs without its entry.
+    // In the table before there is a thread: inserting may run out of memory, and no thread runs without its entry.
     const auto position = m_Table.emplace(key, std::move(entry)).first;
     if (!position->second->Start())
     {

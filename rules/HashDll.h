@@ -14,7 +14,7 @@ public:
     [[nodiscard]] bool Init();
     [[nodiscard]] bool IsReady() const noexcept { return m_GetHashValue != nullptr; }
     /// @param applicationPath  the path in a record: at any address, at most 261 units, perhaps unterminated
-    /// @param hash             20 bytes at any address; what the library leaves there is copied back whatever it returns
+    /// @param hash             20 bytes at any address; what the library leaves there is copied back in any case
     /// @return 0, or the library's status
     [[nodiscard]] int32_t GetHashValue(const void* applicationPath, void* hash) const;
 

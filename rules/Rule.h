@@ -15,11 +15,11 @@ class CRule
 public:
     /// All bytes zero.
     CRule() noexcept;
-    /// Copies the record and normalises it (rules/Normalise.h). Then an access rule with an application, dwSystem 0 and a
-    /// hash of zeroes gets its hash from the hash library; a failure there is ignored.
+    /// Copies the record and normalises it (rules/Normalise.h). Then an access rule with an application, dwSystem 0 and
+    /// a hash of zeroes gets its hash from the hash library; a failure there is ignored.
     explicit CRule(const PFW_RULE& record);
-    /// For a record that fill writes where it lies, which spares a copy; TakeOver is still to be called. What fill throws
-    /// is let through.
+    /// For a record that fill writes in place, which spares a copy; TakeOver is still to be called. What fill throws is
+    /// let through.
     template <std::invocable<PFW_RULE&> Fill>
     explicit CRule(const Fill& fill)
     {
