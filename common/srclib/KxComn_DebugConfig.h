@@ -6,7 +6,6 @@
 #include <algorithm>
 #include <cstddef>
 #include <cstdint>
-#include <cstring>
 
 #include "common/srclib/KxComn_Windows.h"
 
@@ -114,7 +113,7 @@ inline constexpr size_t kDebugTexts[] = {sizeof DebugConfig::szTraceName, sizeof
     for (const size_t size : kDebugTexts)
     {
         const WideString text = String::ToWide(Record::Text(from, size));
-        std::memcpy(to, text.data(), std::min(text.size(), size - 1) * sizeof(KXWCHAR));
+        std::copy_n(reinterpret_cast<const char*>(text.data()), std::min(text.size(), size - 1) * sizeof(KXWCHAR), to);
         from += size;
         to += size * sizeof(KXWCHAR);
     }

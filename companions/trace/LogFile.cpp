@@ -2,9 +2,9 @@
 #include "companions/trace/LogFile.h"
 
 #include <algorithm>
-#include <compare>
 #include <cstring>
 #include <string>
+#include <tuple>
 #include <utility>
 #include <vector>
 
@@ -83,7 +83,10 @@ struct OldLog
     int64_t Written;
     uint64_t Number; // orders those that the clock does not tell apart
     std::wstring Name;
-    auto operator<=>(const OldLog&) const = default;
+    bool operator<(const OldLog& other) const
+    {
+        return std::tie(Written, Number) < std::tie(other.Written, other.Number);
+    }
 };
 
 // Oldest first: the predecessors of the log and, when each process has one, the logs of all processes but this one.

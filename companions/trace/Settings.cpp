@@ -79,12 +79,12 @@ void Read(const Section& section, Settings& settings)
     record.Head.dwLogUnitType = section.Number(Keys::kLogUnitType, 0);
     record.Head.bRobust = section.Number(Keys::kRobust, 0) != 0;
     record.Head.bDebugger = section.Number(Keys::kDebugger, 0) != 0;
-    section.Text(&record.szLogFolder, std::size(record.szLogFolder), Keys::kLogFolder,
+    section.Text(record.szLogFolder, std::size(record.szLogFolder), Keys::kLogFolder,
                  record.Head.bServiceSession == 1 ? ServiceFolder() : Ascii(Keys::kDefaultLogFolder));
-    section.Text(&record.szLogPrefix, std::size(record.szLogPrefix), Keys::kLogPrefix, Ascii(Keys::kDefaultLogPrefix));
-    section.Text(&record.szLogFile, std::size(record.szLogFile), Keys::kLogFile,
+    section.Text(record.szLogPrefix, std::size(record.szLogPrefix), Keys::kLogPrefix, Ascii(Keys::kDefaultLogPrefix));
+    section.Text(record.szLogFile, std::size(record.szLogFile), Keys::kLogFile,
                  Ascii(Keys::DefaultLogFile(record.Head.dwUnit)));
-    section.Text(&record.szLogExtension, std::size(record.szLogExtension), Keys::kLogExtension,
+    section.Text(record.szLogExtension, std::size(record.szLogExtension), Keys::kLogExtension,
                  Ascii(Keys::kDefaultLogExtension));
     // 0 reads like "no limit" and comes out of a mistyped number; neither may fill the disk.
     const uint32_t limit = section.Number(kLogSizeLimit, 0);
@@ -105,7 +105,7 @@ DebugConfig Narrow(const DebugConfigWide& record)
         std::string text = KxCommon::String::ToNarrow(wide);
         for (; text.size() >= size; text = KxCommon::String::ToNarrow(wide))
             wide.pop_back(); // a unit at a time: bytes would cut a character in half
-        std::memcpy(to, text.data(), text.size());
+        std::copy(text.begin(), text.end(), to);
         from += size * sizeof(wchar_t);
         to += size;
     }
@@ -116,23 +116,23 @@ void UseOwnFolder(DebugConfigWide& record)
 {
     const size_t size = std::size(record.szLogFolder);
     if (record.Head.bServiceSession == 1 &&
-        KxCommon::Record::WideText(&record.szLogFolder, size) == Ascii(Keys::kDefaultLogFolder))
-        PutText(&record.szLogFolder, size, ServiceFolder());
+        KxCommon::Record::WideText(record.szLogFolder, size) == Ascii(Keys::kDefaultLogFolder))
+        PutText(record.szLogFolder, size, ServiceFolder());
 }
 
 LogName MakeLogName(const DebugConfigWide& record, const std::wstring& libraryFolder, uint32_t processId)
 {
     using KxCommon::Record::WideText;
-    std::wstring folder = WideText(&record.szLogFolder, std::size(record.szLogFolder));
+    std::wstring folder = WideText(record.szLogFolder, std::size(record.szLogFolder));
     const bool isProtected = folder == ServiceFolder();
     std::replace(folder.begin(), folder.end(), L'/', L'\\');
     folder = KxCompanions::FullPath((IsAbsolute(folder) ? folder : libraryFolder + folder) + L'\\');
 
     LogName name{std::move(folder),
-                 WideText(&record.szLogPrefix, std::size(record.szLogPrefix)) +
-                     WideText(&record.szLogFile, std::size(record.szLogFile)),
+                 WideText(record.szLogPrefix, std::size(record.szLogPrefix)) +
+                     WideText(record.szLogFile, std::size(record.szLogFile)),
                  {},
-                 WideText(&record.szLogExtension, std::size(record.szLogExtension)),
+                 WideText(record.szLogExtension, std::size(record.szLogExtension)),
                  isProtected};
     if (record.Head.dwLogUnitType != 0)
         name.Stem += L"_u" + std::to_wstring(record.Head.dwUnit + 0u);
