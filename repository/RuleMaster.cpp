@@ -212,17 +212,17 @@ int32_t CRuleMaster::DeleteRuleSet(uint16_t index)
     // The list on disk stops naming the files before they go: a crash in between leaves a file too many, not one
     // too few.
     const int32_t result = WriteMasterFile();
+    if (result != KXRULE_OK)
+        return result;
     for (const std::string& file : files)
     {
-        const bool holdsMore = m_Files.HoldsMore(file);
-        if (result != KXRULE_OK)
-            m_Files.NoteUnread(file); // its rules are in no memory any more
         // What a file holds beyond the set that was deleted goes only when there is a copy of it.
-        else if (m_Files.Release(file) &&
-                 (!holdsMore || m_Directory.KeepBroken(file, RuleDirectory::Reason::Replaced) == ERROR_SUCCESS))
+        const bool holdsMore = m_Files.HoldsMore(file);
+        if (m_Files.Release(file) &&
+            (!holdsMore || m_Directory.KeepBroken(file, RuleDirectory::Reason::Replaced) == ERROR_SUCCESS))
             m_Directory.Remove(file);
     }
-    return result;
+    return KXRULE_OK;
 }
 
 int32_t CRuleMaster::GetRuleSet(uint16_t index, PFW_RULESET* ruleSet, int32_t maxRules)
