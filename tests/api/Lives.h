@@ -1,0 +1,118 @@
+// Lives of the library in a directory of their own, told in words:
+//
+//     EXPECT_EQ(lives.Run("store 1 2 5; hold mas none; open; read =-10055; end; release; life; sets 1 2 5 m; end"), "");
+//
+// A number is a rule set, and its file KxRl0001.dat; mas and mac are the two other files, vol the folder that the rule
+// directory lies in, away another name for it, odd a name outside the code page. Statements, with the result that is
+// expected of it (=any, or 0 if none is given):
+//
+//     store N...         a life that adds these sets, a macro and an active list
+//     life               open, read
+//     open [F]           kxRuleInitialize; F: relative, or a name below the rule directory
+//     read, write, flush, end (kxRuleFinalize)
+//     add N, delete N, rule N (one more, or one less), again N (one that is there), macro (another one, and another active
+//                        list), nomacro, active (none)
+//     copy F F (which is not there), old F (one of version 1), rename F F, ring F F..., cut F [N] (to N bytes, or its last one), version F (1), remove F,
+//     plain F (no rule file), folder F, attributes F N, list NAME NAME... (a master file with these, the macro file's first)
+//     enter F            makes it the current directory: base, from which relative leads to the rule directory, or back
+//     hold F WHO [MS]    WHO: full, read or none reads and shares everything, reading or nothing; writer may write too
+//     scanner WHO        opens every temporary file as soon as it exists, for a while
+//     refuse FUNCTION    of the system: the library's calls of it fail as on a full disk
+//     release            of everything held and refused
+//     sets N... [m]      exactly these are in memory, with what they were last given, m: and macro and active list.
+//                        N! a rescue set, what N was last given lies kept; N? a rescue set; N* as given, or N!; N~ as
+//                        ever given; N- so, or not there
+//     kept N...          what these were last given lies whole in RuleBackup or as .brk
+//     backups N, gone F, same F F    there are N dated directories; no such file; two files of the same bytes
+//
+// Whatever is told: what lay whole in the directory before a call lies there whole after it, unless the caller has
+// changed or deleted it since it was read. After a read, the sets of whole listed files are in memory and rescue sets for
+// the others; after a write that succeeded, what is in memory lies in the directory.
+#pragma once
+
+#include <filesystem>
+#include <map>
+#include <optional>
+#include <set>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "common/srclib/KxComn_Handle.h"
+#include "tests/standins/TraceStandIn.h"
+#include "tests/support/TempDir.h"
+
+/// The library's function of that name and signature.
+#define KX_CALL_OF(library, function, ...) static_cast<decltype(&function)>((library).Find(#function))(__VA_ARGS__)
+
+class Lives
+{
+public:
+    Lives() { std::filesystem::create_directory(Folder / "vol"); }
+    ~Lives() { Release(); }
+    Lives(const Lives&) = delete;
+    Lives& operator=(const Lives&) = delete;
+
+    /// Nothing, or what has been told so far and what went wrong with its last statement.
+    [[nodiscard]] std::string Run(const std::string& script);
+
+    /// The lines since the last call: tag, message and source file, without time, ids and line number; paths and
+    /// temporary names shortened.
+    std::string Said();
+
+    struct Place
+    {
+        void** At;
+        void* From;
+    };
+    /// Puts another function in the place of one that the library has from kernel32.
+    Place Redirect(const std::string& name, void* to) const;
+
+    const TempDir Folder;
+    const std::string Rules = (Folder / "vol" / "rules").string() + '\\'; // the rule directory
+    TraceStandIn Trace{Folder.Path()};
+    const LoadedLibrary Library{TestFolder() / "KxPfwRul.dll",
+                                Folder.Path()}; // a copy: several lives can go on at once
+
+private:
+    using Words = std::vector<std::string>;
+    using Contents = std::map<std::string, std::string>; // "m", or a rule set's number: what is in it
+    using Found = std::multimap<std::string, std::filesystem::path>;
+    struct Held
+    {
+        KxCommon::UniqueFile File;
+        std::string Content; // for whom nobody else may read it
+        bool IsForbidding;   // the library cannot read it either
+    };
+    void Tell(const std::string& name, const Words& words, std::optional<int32_t> expected);
+    bool ByHand(const std::string& name, const Words& words);
+    bool Check(const std::string& name, const Words& words);
+    int32_t Call(const std::string& name, const std::string& word);
+    void Hold(const std::filesystem::path& file, const std::string& who, DWORD milliseconds);
+    void Release();
+    [[nodiscard]] std::filesystem::path PathOf(const std::string& word) const;
+    [[nodiscard]] Contents Memory() const;
+    [[nodiscard]] Found Scan() const;
+    [[nodiscard]] std::optional<Contents> Readable() const;
+    [[nodiscard]] bool IsSafe(const std::string& content, const Found& found) const;
+    [[nodiscard]] bool IsKept(const std::string& content) const;
+    void Complain(const std::string& text) { m_Wrong += "\n    " + text; }
+
+    static UINT WINAPI TemporaryName(const char* directory, const char* prefix, UINT unique, char* path);
+    static BOOL WINAPI Refuse();
+    static thread_local Lives* t_Current;
+
+    std::string m_Told, m_Wrong, m_Scanner;
+    const std::filesystem::path m_Home = std::filesystem::current_path();
+    uint16_t m_Serial = 0;
+    Contents m_Given; // what each was last given
+    std::map<std::string, std::set<std::string>> m_Ever;
+    std::set<std::string> m_Changed; // by calls, since the directory was changed by hand
+    Found m_Precious;                // what must not vanish
+    Contents m_Successors;           // but for what the caller has put in its place
+    bool m_IsHandled = true;         // by hand, since m_Precious was filled
+    std::map<std::filesystem::path, Held> m_Held;
+    std::vector<Place> m_Refused;
+    std::vector<std::thread> m_Threads; // who lets go after a while
+    size_t m_Seen = 0;
+};
