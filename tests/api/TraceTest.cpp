@@ -1,118 +1,41 @@
 // What one life of the library says, line by line, as tests/data/trace-*.txt: a copy of the DLL with a stand-in trace
 // library beside it.
-#include "tests/api/StoreFixture.h"
+#include "tests/api/Lives.h"
+
+#include <gtest/gtest.h>
 
 #include <functional>
-#include <optional>
 #include <regex>
-#include <sstream>
 
-#include "common/srclib/KxComn_Windows.h"
-#include "tests/standins/TraceStandIn.h"
+#include "api/include/KxPfwRule.h"
+#include "common/srclib/KxComn_Record.h"
+#include "tests/support/RecordBuilder.h"
 #include "tests/support/RegistryGuard.h"
 
-namespace
-{
-
-// The exports of a copy of the DLL in a folder of its own.
-class LibraryCopy
-{
-public:
-    explicit LibraryCopy(const std::filesystem::path& folder)
-    {
-        std::filesystem::copy_file(TestFolder() / "KxPfwRul.dll", folder / "KxPfwRul.dll");
-        m_Module = ::LoadLibraryW((folder / "KxPfwRul.dll").c_str());
-    }
-    ~LibraryCopy() { ::FreeLibrary(m_Module); }
-    LibraryCopy(const LibraryCopy&) = delete;
-    LibraryCopy& operator=(const LibraryCopy&) = delete;
-
-    /// The copy's function that has the signature and name of a declared one: Call("kxRuleRead", kxRuleRead).
-    template <class Result, class... Parameters, class... Arguments>
-    Result Call(const char* name, Result (*)(Parameters...), Arguments... arguments) const
-    {
-        void* const address = reinterpret_cast<void*>(::GetProcAddress(m_Module, name));
-        return reinterpret_cast<Result (*)(Parameters...)>(address)(arguments...);
-    }
-
-    /// Puts another function in the place of one that the copy has from kernel32.
-    void Redirect(const char* name, void* to) const
-    {
-        auto* const base = reinterpret_cast<unsigned char*>(m_Module);
-        const auto* const head =
-            reinterpret_cast<IMAGE_NT_HEADERS*>(base + reinterpret_cast<IMAGE_DOS_HEADER*>(base)->e_lfanew);
-        const IMAGE_DATA_DIRECTORY table = head->OptionalHeader.DataDirectory[IMAGE_DIRECTORY_ENTRY_IAT];
-        void* const from = reinterpret_cast<void*>(::GetProcAddress(::GetModuleHandleA("kernel32.dll"), name));
-        void** const first = reinterpret_cast<void**>(base + table.VirtualAddress);
-        void** const last = first + table.Size / sizeof *first;
-        void** const at = std::find(first, last, from);
-        ASSERT_NE(at, last) << name;
-        DWORD before = 0;
-        ::VirtualProtect(at, sizeof *at, PAGE_READWRITE, &before);
-        *at = to;
-    }
-
-private:
-    HMODULE m_Module = nullptr;
-};
-
-} // namespace
-
-#define KX_CALL(function, ...) m_Library->Call(#function, function __VA_OPT__(, ) __VA_ARGS__)
+#define KX_CALL(function, ...) KX_CALL_OF(m_Lives.Library, function, __VA_ARGS__)
 
 class TraceTest : public testing::Test
 {
 protected:
     void SetUp() override
     {
-        m_Trace.emplace(m_Folder.Path());
-        (*m_Trace)->HasConfig = true;
-        (*m_Trace)->Enable = 1;
-        (*m_Trace)->Level = 1 + 16 + 256;
-        m_Library.emplace(m_Folder.Path());
+        m_Lives.Trace->HasConfig = true;
+        m_Lives.Trace->Enable = 1;
+        m_Lives.Trace->Level = 1 + 16 + 256;
     }
-    [[nodiscard]] std::string Rules() const { return (m_Folder / "rules").string() + '\\'; }
-    [[nodiscard]] std::filesystem::path RuleFile(const char* name) const { return m_Folder / "rules" / name; }
-    void Start() { KX_CALL(kxRuleInitialize, Rules().c_str(), static_cast<const char*>(nullptr)); }
+    void Start() { KX_CALL(kxRuleInitialize, m_Lives.Rules.c_str(), static_cast<const char*>(nullptr)); }
+    std::string Said() { return m_Lives.Said(); }
 
-    /// The lines since the last call: tag, message and source file, without time, ids and line number; paths and
-    /// temporary names shortened.
-    std::string Said()
-    {
-        std::string said;
-        for (; m_Seen < (*m_Trace)->Lines.size(); ++m_Seen)
-        {
-            const std::wstring& wide = (*m_Trace)->Lines[m_Seen].Text;
-            std::string line(wide.begin(), wide.end());
-            std::smatch parts;
-            static const std::regex form(
-                R"(\d\d/\d\d/\d{4} \d\d:\d\d:\d\d\.\d{3} [0-9a-f]{4,}:[0-9a-f]{4,} (...) <PfwRule> ([^]*) - (\S+)\(\d+\)\r\n)");
-            if (!std::regex_match(line, parts, form))
-                return "a line of another form: " + line;
-            std::string message = parts[2];
-            for (size_t at; (at = message.find(Rules())) != std::string::npos;)
-                message.replace(at, Rules().size(), "DIR\\");
-            message = std::regex_replace(message, std::regex("(Mas|Mac|Rul)[0-9A-Fa-f]+\\.tmp"), "$1#.tmp");
-            message = std::regex_replace(message, std::regex("succeeded \\([0-9A-F]{8}\\)"), "succeeded (HANDLE)");
-            message = std::regex_replace(message, std::regex("RuleBackup\\\\[0-9]{12}"), "RuleBackup\\DATE");
-            said += parts[1].str() + ' ' + message + " - " + parts[3].str() + '\n';
-        }
-        return said;
-    }
-
-    TempDir m_Folder;
-    std::optional<TraceStandIn> m_Trace;
-    std::optional<LibraryCopy> m_Library;
-    size_t m_Seen = 0;
+    Lives m_Lives;
 };
 
 TEST_F(TraceTest, AWholeLife)
 {
-    WriteBytes(m_Folder / "KxPfw.ini", "[ServiceSession]\nLogPrefix=Q_\n[InteractiveSession]\nLogPrefix=Q_\n");
+    WriteBytes(m_Lives.Folder / "KxPfw.ini", "[ServiceSession]\nLogPrefix=Q_\n[InteractiveSession]\nLogPrefix=Q_\n");
     Start();
-    ASSERT_EQ((*m_Trace)->Configs.size(), 1u);
-    EXPECT_EQ((*m_Trace)->Configs[0].Head.dwUnit, 1u);
-    EXPECT_EQ(KxCommon::Record::WideText(&(*m_Trace)->Configs[0].szLogPrefix, 256), L"Q_");
+    ASSERT_EQ(m_Lives.Trace->Configs.size(), 1u);
+    EXPECT_EQ(m_Lives.Trace->Configs[0].Head.dwUnit, 1u);
+    EXPECT_EQ(KxCommon::Record::WideText(&m_Lives.Trace->Configs[0].szLogPrefix, 256), L"Q_");
     KX_CALL(kxRuleRead);
     auto set = Build::RuleSet(3, L"set", {Build::Access(1)});
     KX_CALL(kxRuleAddRuleSet, uint16_t{0}, set.get());
@@ -126,26 +49,95 @@ TEST_F(TraceTest, AWholeLife)
     EXPECT_EQ(Said(), ReadBytes("tests/data/trace-life.txt"));
 }
 
-TEST_F(TraceTest, ABrokenRuleSetThenAnUnusableMasterAndMacroFile)
+// What the file operations say in lives of another kind: a script, and its lines.
+TEST_F(TraceTest, BrokenBusyAndUnreadFiles)
 {
-    Start();
-    KX_CALL(kxRuleAddRuleSet, uint16_t{1}, Build::RuleSet(3, L"set", {Build::Access(1), Build::Access(2)}).get());
-    KX_CALL(kxRuleFinalize);
-    std::string bytes = ReadBytes(RuleFile("KxRl0001.dat"));
-    bytes.resize(bytes.size() - 1);
-    WriteBytes(RuleFile("KxRl0001.dat"), bytes);
-    Said();
-    Start();
-    KX_CALL(kxRuleRead);
-    KX_CALL(kxRuleFinalize);
-    EXPECT_EQ(Said(), ReadBytes("tests/data/trace-rescue.txt"));
+    const std::pair<const char*, const char*> scripts[] = {
+        {"store 1 2", "cut 1; hold 2 none; open; read =-10057"},
+        {"end; release", "hold mas none; open; read =-10055"},
+        {"end; release", "hold mac none; open; read =-10055"},
+        {"end; release", "open; add 3; write"},
+        {"", "rename vol away; macro; write =-10055; delete 3 =-10055; rename away vol"},
+        {"end; plain mas; plain mac", "life =-10060; end"},
+    };
+    std::string said;
+    for (const auto& [before, script] : scripts)
+    {
+        ASSERT_EQ(m_Lives.Run(before), "");
+        Said();
+        ASSERT_EQ(m_Lives.Run(script), "");
+        static const std::regex others(".* - (KxPfwRule|RuleMaster|PfwTimer)\\.cpp\n"); // as in every life
+        said += std::string("> ") + script + '\n' + std::regex_replace(Said(), others, "");
+    }
+    EXPECT_EQ(said, ReadBytes("tests/data/trace-recovery.txt"));
+}
 
-    WriteBytes(RuleFile("KxRulMas.dat"), "xx");
-    WriteBytes(RuleFile("KxRulMac.dat"), "xx");
-    Start();
-    KX_CALL(kxRuleRead);
-    KX_CALL(kxRuleFinalize);
-    EXPECT_EQ(Said(), ReadBytes("tests/data/trace-moved.txt"));
+TEST_F(TraceTest, ErrorsOfFiles)
+{
+    const auto rescued = [](const std::string& code, const char* file = "KxRl0001.dat")
+    {
+        return "\tCRuleSet::Read() error " + code + " (file=\"" + file +
+               "\")\n\tCreating a rescue RuleSet instead of a broken/deleted RuleSet " + file + "\n";
+    };
+    const std::string exception = "\tCEncryptFile exception occurs\n";
+    const struct
+    {
+        const char* script;
+        std::string said;
+    } rows[] = {
+        {"remove mas; life", "Master file open failed. But ruleset file exists.\n\tRead master file failed [Garbage "
+                             "ruleset file exists]\n"},
+        {"refuse ReadFile; life =-10056",
+         "\tMasterFile read error\n\tRead master file failed [Read fail]\n\tMacroFile read error\n"
+         "\tReadMacroFile error (-10056)\n"},
+        {"version mas; life", "\tMasterFile does not match file version\n\tRead master file failed [Wrong version]\n"},
+        {"cut mas 30; life", exception},
+        {"list ..\\x KxRl0001.dat; life", "\tMacro file name ignored (..\\x)\n"},
+        {"list KxRl0001.dat KxRl0001.dat; life", "\tMacro file name ignored (KxRl0001.dat)\n"},
+        {"list KxRulMac.dat KxRl0001.dat ..\\x kxrl0001.DAT; life",
+         "\tCRuleSet::Read() error -10055 (file=\"..\\x\")\n"},
+        {"version mac; life =-10060", "\tMasterFile does not match version\n\tReadMacroFile error (-10060)\n"},
+        {"cut mac 50; life =-10056", exception + "\tReadMacroFile error (-10056)\n"},
+        {"cut mac; life =-10056", "\tMasterFile read value error\n\tReadMacroFile error (-10056)\n"},
+        {"remove 1; life", "\tFile open error\n" + rescued("-10055")},
+        {"cut 1 0; life", "\tFile magic does not match\n" + rescued("-10059")},
+        {"version 1; life", "\tFile version does not match\n" + rescued("-10059")},
+        {"cut 1 30; life", exception + rescued("-10056")},
+        {"remove 2; copy 1 2; life",
+         "\tRuleSet index 1 is listed twice, the later file counts (file=\"KxRl0002.dat\")\n"},
+        {"ring 1 2; cut 2; life", "\tFile read error [Body]\n" + rescued("-10056", "KxRl0002.dat") +
+                                      "\tNo rescue RuleSet for index 2 (file=\"KxRl0002.dat\")\n"},
+        {"cut 2; refuse GetTempFileNameA; life =-10055",
+         "\tFile read error [Body]\n" + rescued("-10056", "KxRl0002.dat") +
+             "\tFile open error\n\tFail to create RuleSet file (-10055)\n\tReadRuleSetFile error (-10055)\n"},
+        {"cut 1; refuse WriteFile; life",
+         "\tFile read error [Body]\n" + rescued("-10056") +
+             "\tFile write error [File-Body]\n\tFail to create RuleSet file (-10057)\n"},
+        {"life; macro; refuse GetTempFileNameA; write =-10055",
+         "\tFile open error ()\n\tWriteMacroFile error (-10055)\n"},
+        {"life; macro; refuse WriteFile; write =-10057", "\tFile write error\n\tWriteMacroFile error (-10057)\n"},
+        {"life; macro; refuse FlushFileBuffers; write =-10057",
+         "\tFile write error\n\tWriteMacroFile error (-10057)\n"},
+        {"life; macro; refuse MoveFileExA; write", ""},
+        {"life; macro; refuse MoveFileExA; refuse CopyFileA; write =-10057",
+         "\tCopyFile() failed 112 (DIR\\Mac#.tmp -> DIR\\KxRulMac.dat)\n\tWriteMacroFile error (-10057)\n"},
+        {"life; macro; refuse MoveFileExA; refuse DeleteFileA; write",
+         "\tDeleteFile() failed 112 (DIR\\Mac#.tmp)\n\tDeleteFile() failed 112 (DIR\\Mas#.tmp)\n"},
+        {"life; rule 1; hold 1 none; write =-10057",
+         "\tCopyFile() failed 32 (DIR\\Rul#.tmp -> DIR\\KxRl0001.dat)\n\tWriteRuleSetFile error (-10057)\n"},
+        {"life; macro; hold mas none; write =-10057",
+         "\tCopyFile() failed 32 (DIR\\Mas#.tmp -> DIR\\KxRulMas.dat)\n\tWriteMasterFile error (-10057)\n"},
+    };
+    for (const auto& row : rows)
+    {
+        m_Lives.Trace->Level = 256;
+        ASSERT_EQ(m_Lives.Run("remove .; store 1 2"), "") << row.script;
+        Said();
+        EXPECT_EQ(m_Lives.Run(row.script), "");
+        const std::string said = std::regex_replace(Said(), std::regex("!!! ([^]*?) - [A-Za-z]+\\.cpp\n"), "$1\n");
+        EXPECT_EQ(said, row.said) << row.script;
+        ASSERT_EQ(m_Lives.Run("release; end"), "");
+    }
 }
 
 // The export's own lines, or none.
@@ -217,10 +209,10 @@ static HANDLE WINAPI RefuseMutex(SECURITY_ATTRIBUTES* attributes, BOOL isOwner, 
 
 TEST_F(TraceTest, WithoutTheMutexItDoesNotStart)
 {
-    m_Library->Redirect("CreateMutexW", reinterpret_cast<void*>(RefuseMutex));
+    m_Lives.Redirect("CreateMutexW", reinterpret_cast<void*>(RefuseMutex));
     for (int i = 0; i < 2; ++i) // a refused start is none, so the second is refused for the same reason
     {
-        EXPECT_EQ(KX_CALL(kxRuleInitialize, Rules().c_str(), static_cast<const char*>(nullptr)), KXRULE_E_MUTEX);
+        EXPECT_EQ(KX_CALL(kxRuleInitialize, m_Lives.Rules.c_str(), static_cast<const char*>(nullptr)), KXRULE_E_MUTEX);
         EXPECT_EQ(Said(),
                   "@@@ kxRuleInitialize Enter - KxPfwRule.cpp\n!!! Failed to Get Mutex (4711) - KxPfwRule.cpp\n");
     }
@@ -306,6 +298,6 @@ TEST_F(TraceTest, RefusedCalls)
     KX_CALL(kxRuleFinalize);
     EXPECT_EQ(KX_CALL(kxRuleInitialize, "", none), 0);
     EXPECT_EQ(KX_CALL(kxRuleWrite), 0);
-    EXPECT_TRUE(std::filesystem::exists(m_Folder.Path() / "KxRulMas.dat")) << "the library's own directory";
+    EXPECT_TRUE(std::filesystem::exists(m_Lives.Folder / "KxRulMas.dat")) << "the library's own directory";
     KX_CALL(kxRuleFinalize);
 }
