@@ -10,8 +10,6 @@
 namespace
 {
 
-using KxCommon::Files::Operation;
-
 constexpr uint32_t kRecord = 2845;
 constexpr size_t kRecords = 1024;
 constexpr size_t kRecordsOnDisk = kRecords * (4 + 2848);
@@ -85,70 +83,6 @@ TEST_F(EncryptedFile, FullSetTakesFewCalls)
     EXPECT_FALSE(file.Read(record.data(), kRecord, true));
     EXPECT_TRUE(file.Close());
     EXPECT_EQ(m_Faults.Calls.size(), 15u) << "open, size, 12 pieces, close";
-}
-
-TEST_F(EncryptedFile, ViolationsAreWaitedForWhenReading)
-{
-    const struct
-    {
-        DWORD Access;
-        DWORD Error;
-        int Refusals;
-        bool Opened;
-        bool Retried;
-    } cases[] = {
-        {GENERIC_READ, ERROR_SHARING_VIOLATION, 3, true, true},
-        {GENERIC_READ, ERROR_LOCK_VIOLATION, 1, true, true},
-        {GENERIC_READ, ERROR_SHARING_VIOLATION, 1 << 30, false, true},
-        {GENERIC_READ, ERROR_ACCESS_DENIED, 1, false, false},
-        {GENERIC_WRITE, ERROR_SHARING_VIOLATION, 3, true, true},
-    };
-    WriteBytes(m_Path, "before");
-    for (const auto& c : cases)
-    {
-        SCOPED_TRACE(testing::Message() << c.Access << " " << c.Error << " " << c.Refusals);
-        m_Faults.Fail(Operation::Open, c.Error, 1, c.Refusals);
-        CEncryptFile file;
-        EXPECT_EQ(file.Open(m_Path.c_str(), c.Access), c.Opened);
-        EXPECT_TRUE(c.Opened || ::GetLastError() == c.Error);
-        EXPECT_EQ(m_Faults.Count(Operation::Open) > 1, c.Retried);
-    }
-    EXPECT_EQ(OnDisk(), "");
-}
-
-TEST_F(EncryptedFile, RefusalsAreReported)
-{
-    const struct
-    {
-        Operation Which;
-        DWORD Error;
-        int Number;
-        bool Written;
-    } cases[] = {
-        {Operation::Write, ERROR_DISK_FULL, 1, false},    {Operation::Write, ERROR_DISK_FULL, 3, false},
-        {Operation::Flush, ERROR_DISK_FULL, 1, false},    {Operation::Flush, ERROR_INVALID_FUNCTION, 1, true},
-        {Operation::Flush, ERROR_NOT_SUPPORTED, 1, true},
-    };
-    CEncryptFile file;
-    for (const auto& c : cases)
-    {
-        SCOPED_TRACE(testing::Message() << static_cast<int>(c.Which) << " " << c.Error << " " << c.Number);
-        m_Faults.Fail(c.Which, c.Error, c.Number, c.Number);
-        EXPECT_EQ(WriteAll(file), c.Written);
-        EXPECT_EQ(file.Finish(), c.Which != Operation::Write);
-        EXPECT_TRUE(file.Close());
-        EXPECT_EQ(OnDisk().size() == kRecordsOnDisk, c.Which != Operation::Write);
-    }
-
-    uint8_t value = 0;
-    m_Faults.Fail(Operation::Read, ERROR_READ_FAULT);
-    ASSERT_TRUE(file.Open(m_Path.c_str(), GENERIC_READ));
-    EXPECT_FALSE(file.Read(&value, 1, false) || file.Read(&value, 1, true));
-    m_Faults.Fail(Operation::Close, ERROR_INVALID_HANDLE);
-    EXPECT_FALSE(file.Close() || file.IsOpen());
-    m_Faults.Fail(Operation::Size, ERROR_INVALID_FUNCTION);
-    EXPECT_FALSE(file.Open(m_Path.c_str(), GENERIC_READ) || file.IsOpen());
-    EXPECT_TRUE(std::filesystem::remove(m_Path)) << "a handle was left open";
 }
 
 } // namespace

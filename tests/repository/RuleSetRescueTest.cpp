@@ -6,7 +6,6 @@
 
 #include <gtest/gtest.h>
 
-#include "persistence/RuleFileNames.h"
 #include "tests/support/RecordBuilder.h"
 #include "tests/support/TraceSink.h"
 
@@ -15,28 +14,6 @@ namespace
 
 using namespace Build;
 using Lines = std::vector<TracedLine>;
-
-TEST(RuleSetRescue, TakesTheIndexFromTheFileName)
-{
-    const std::pair<std::string_view, int> cases[] = {
-        {"KxRl00AB.dat", 0xAB},
-        {"kxrl00ab.DAT", 0xAB},
-        {"KxRlFF00", 0xFF00},
-        {"KxRlFFFFF.dat", 0xFFFF},
-        {"KxRl12.dat", 0x12},
-        {"KxRl1 23.dat", 1},
-        {"KxRlGGGG.dat", 0},
-        {"KxRl 001.dat", 0},
-        {"KxRl-001.dat", 0},
-        {"KxRl+001.dat", 0},
-        {"KxRl0x1F.dat", 0},
-        {"KxRl", 0},
-        {"Kx", 0},
-        {"", 0},
-    };
-    for (const auto& [name, index] : cases)
-        EXPECT_EQ(RuleFiles::IndexFromFileName(name), index) << name;
-}
 
 TEST(RuleSetRescue, AddsThreeRules)
 {
