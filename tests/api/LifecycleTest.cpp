@@ -120,6 +120,13 @@ TEST_F(StoreTest, AFailedReadKeepsTheLockToo)
     EXPECT_EQ(added.get(), 0);
 }
 
+TEST_F(StoreTest, AnotherThreadMayEndALifeThatHasNothingToWrite)
+{
+    WriteFile("KxRulMac.dat", "damaged");
+    EXPECT_EQ(kxRuleRead(), KXRULE_E_MACRO_FORMAT); // this thread keeps the lock
+    EXPECT_EQ(std::async(std::launch::async, kxRuleFinalize).get(), 0);
+}
+
 TEST_F(StoreTest, AKeeperThatIsGoneStopsNobody)
 {
     ASSERT_EQ(AddSet(1), 0);
