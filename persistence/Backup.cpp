@@ -83,6 +83,20 @@ std::string RuleDirectory::CreateBackupDirectoryByDate() const
     return directory;
 }
 
+std::string RuleDirectory::NewBackupDirectory() const
+{
+    static_cast<void>(Files::MakeDirectory(PathOf(FileFormat::kBackupDirectory).c_str())); // mostly there already
+    const std::string dated = FileFormat::kBackupDirectory + DateNow();
+    for (unsigned number = 1;; ++number)
+    {
+        const std::string name = number == 1 ? dated : dated + "-" + std::to_string(number);
+        if (Files::MakeDirectory(PathOf(name).c_str()))
+            return name + '\\';
+        if (::GetLastError() != ERROR_ALREADY_EXISTS)
+            return {};
+    }
+}
+
 void RuleDirectory::BackupAllRules() const
 {
     KX_TRACE(KxCommon::kTraceDetail, "BackupAllRules [Enter]");

@@ -3,6 +3,7 @@
 
 #include <algorithm>
 #include <new>
+#include <utility>
 
 #include "common/srclib/KxComn_Files.h"
 
@@ -31,6 +32,8 @@ void ThrowIfExhausted(DWORD error)
         break;
     }
 }
+
+constexpr DWORD kShareAll = FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE;
 
 // Without sharing; where somebody else has the file open, so that he goes on and no writer comes in. (Others' handles must
 // then allow ours, so this keeps out writers alone: a reader is not one.)
@@ -64,18 +67,38 @@ bool CEncryptFile::Open(const char* path, DWORD access, DWORD patience)
 {
     if (m_File)
         return false;
-    const bool reading = access == GENERIC_READ;
-    m_File = OpenPatiently(path, access, reading ? OPEN_EXISTING : CREATE_ALWAYS, patience);
-    m_Remaining = 0;
-    if (!m_File || (reading && !Files::Size(m_File.get(), &m_Remaining)))
+    const bool isReading = access == GENERIC_READ;
+    return Take(OpenPatiently(path, access, isReading ? OPEN_EXISTING : CREATE_ALWAYS, patience), isReading);
+}
+
+bool CEncryptFile::OpenToLook(const char* path)
+{
+    if (m_File)
+        return false;
+    KxCommon::UniqueFile file;
+    const auto attempt = [&]
+    {
+        file = Files::Open(path, GENERIC_READ, OPEN_EXISTING, kShareAll);
+        return static_cast<bool>(file);
+    };
+    Files::Persist(kPatience, attempt, Files::IsBusy);
+    return Take(std::move(file), true);
+}
+
+bool CEncryptFile::Take(KxCommon::UniqueFile file, bool isReading)
+{
+    m_File = std::move(file);
+    m_Size = 0;
+    if (!m_File || (isReading && !Files::Size(m_File.get(), &m_Size)))
     {
         const DWORD error = ::GetLastError();
         m_File.reset();
-        if (reading)
+        if (isReading)
             ThrowIfExhausted(error);
         ::SetLastError(error);
         return false;
     }
+    m_Remaining = m_Size;
     ResetBuffer();
     return true;
 }

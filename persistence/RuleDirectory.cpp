@@ -2,6 +2,8 @@
 // "How a file is written", tells why through a temporary file and why moved.
 #include "persistence/RuleDirectory.h"
 
+#include <algorithm>
+#include <iterator>
 #include <new>
 
 #include "common/srclib/KxComn_Windows.h"
@@ -39,6 +41,16 @@ bool IsOddTarget(const char* path) noexcept
     return attributes != INVALID_FILE_ATTRIBUTES &&
            ((attributes & kOddAttributes) != 0 ||
             ((attributes & FILE_ATTRIBUTE_REPARSE_POINT) != 0 && Files::IsLink(path)));
+}
+
+FileDefect DefectOf(bool isOpen, uint32_t* error)
+{
+    if (isOpen)
+        return FileDefect::None;
+    const DWORD code = ::GetLastError();
+    if (error != nullptr)
+        *error = code;
+    return Files::IsBusy(code) ? FileDefect::Busy : FileDefect::Missing;
 }
 
 } // namespace
@@ -85,16 +97,40 @@ bool RuleDirectory::IsUsableRuleSetFileName(const std::string& name) const
 
 FileDefect RuleDirectory::Open(CEncryptFile& file, const std::string& fileName) const
 {
-    if (file.Open(PathOf(fileName).c_str(), GENERIC_READ))
-        return FileDefect::None;
-    return Files::IsBusy(::GetLastError()) ? FileDefect::Busy : FileDefect::Missing;
+    return DefectOf(file.Open(PathOf(fileName).c_str(), GENERIC_READ), nullptr);
+}
+
+FileDefect RuleDirectory::OpenToLook(CEncryptFile& file, const std::string& fileName, uint32_t* error) const
+{
+    return DefectOf(file.OpenToLook(PathOf(fileName).c_str()), error);
+}
+
+bool RuleDirectory::Find(const std::string& pattern, bool (*isMeant)(std::string_view),
+                         std::vector<std::string>& names) const
+{
+    std::vector<std::string> found;
+    const bool isComplete = Files::FindFiles(PathOf(pattern), found);
+    std::copy_if(found.begin(), found.end(), std::back_inserter(names), isMeant);
+    return isComplete;
 }
 
 bool RuleDirectory::FindRuleSetFiles(std::vector<std::string>& names) const
 {
-    const std::string pattern = std::string(FileFormat::kRuleSetPrefix) + "????" + FileFormat::kRuleSetExtension;
-    const bool isComplete = Files::FindFiles(PathOf(pattern), names);
-    std::erase_if(names, [](const std::string& name) { return !RuleFiles::IsRuleSetFileName(name); });
+    return Find(std::string(FileFormat::kRuleSetPrefix) + "????" + FileFormat::kRuleSetExtension,
+                RuleFiles::IsRuleSetFileName, names);
+}
+
+bool RuleDirectory::FindTemporaryFiles(std::vector<std::string>& names) const
+{
+    return Find("*.tmp", RuleFiles::IsTemporaryFileName, names);
+}
+
+bool RuleDirectory::FindFiles(std::vector<std::string>& names) const
+{
+    std::vector<std::string> found = {m_MasterFileName, m_MacroFileName};
+    const bool isComplete = FindRuleSetFiles(found);
+    std::copy_if(found.begin(), found.end(), std::back_inserter(names),
+                 [this](const std::string& name) { return IsFile(name); });
     return isComplete;
 }
 
@@ -114,6 +150,25 @@ bool RuleDirectory::IsFile(const std::string& name) const
     const DWORD attributes = Files::Attributes(PathOf(name).c_str());
     return attributes == INVALID_FILE_ATTRIBUTES ? Files::IsUnknown(::GetLastError())
                                                  : (attributes & FILE_ATTRIBUTE_DIRECTORY) == 0;
+}
+
+bool RuleDirectory::CopyTo(const RuleDirectory& target, const std::string& fileName) const
+{
+    return Files::Copy(PathOf(fileName).c_str(), target.PathOf(fileName).c_str());
+}
+
+bool RuleDirectory::Put(const RuleDirectory& source, const std::string& sourceName, const std::string& fileName) const
+{
+    const std::string path = Files::TemporaryName(m_Path, FileFormat::kRuleSetTemporary);
+    if (path.empty())
+        return false;
+    if (Files::Copy(source.PathOf(sourceName).c_str(), path.c_str()) &&
+        Replace(path.substr(path.find_last_of('\\') + 1), fileName) == KXRULE_OK)
+        return true;
+    const DWORD error = ::GetLastError();
+    static_cast<void>(Files::Delete(path.c_str()));
+    ::SetLastError(error);
+    return false;
 }
 
 int32_t RuleDirectory::Write(const WriteJob& job)

@@ -4,6 +4,7 @@
 #include <cstdint>
 #include <functional>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "persistence/EncryptStream.h"
@@ -41,6 +42,8 @@ public:
     /// Makes the directory when it is missing, one level. Whether that worked shows at the writes.
     void MakeIfMissing() const;
 
+    /// Absolute, ending in a backslash.
+    [[nodiscard]] const std::string& Path() const noexcept { return m_Path; }
     /// As given, ending in a backslash: for trace lines.
     [[nodiscard]] const std::string& Given() const noexcept { return m_Given; }
     [[nodiscard]] const std::string& MasterFileName() const noexcept { return m_MasterFileName; }
@@ -55,8 +58,15 @@ public:
 
     /// Opens a file to read. None, or FileDefect::Missing or Busy. bad_alloc as CEncryptFile.
     [[nodiscard]] FileDefect Open(CEncryptFile& file, const std::string& fileName) const;
+    /// The same beside everybody, for those who only look: see CEncryptFile::OpenToLook. *error: the system's number.
+    [[nodiscard]] FileDefect OpenToLook(CEncryptFile& file, const std::string& fileName,
+                                        uint32_t* error = nullptr) const;
     /// Appends the rule set files, in the system's order. False when the search broke off, so that there may be more.
     [[nodiscard]] bool FindRuleSetFiles(std::vector<std::string>& names) const;
+    /// Appends what of master, macro and rule set files is there, in this order, without directories of such a name.
+    [[nodiscard]] bool FindFiles(std::vector<std::string>& names) const;
+    /// Appends what unfinished writes have left.
+    [[nodiscard]] bool FindTemporaryFiles(std::vector<std::string>& names) const;
     [[nodiscard]] bool MayExist(const std::string& fileName) const;
     void Remove(const std::string& fileName) const;
     /// Writes a temporary file, flushes it, asks the keeper, and puts it over the real one. On any failure the real file
@@ -65,11 +75,22 @@ public:
     /// @return 0, KXRULE_E_FILE_OPEN (temporary file), KXRULE_E_FILE_WRITE
     [[nodiscard]] int32_t Write(const WriteJob& job);
 
+    /// Copies a file into another directory under the same name, flushed. On failure (GetLastError) a part of it may be
+    /// there.
+    [[nodiscard]] bool CopyTo(const RuleDirectory& target, const std::string& fileName) const;
+    /// Puts a flushed copy of another directory's file over the named one, in one step as a write does. On failure
+    /// (GetLastError; traced if it came at the last step) the file is as it was and nothing else is left.
+    [[nodiscard]] bool Put(const RuleDirectory& source, const std::string& sourceName,
+                           const std::string& fileName) const;
+
     // ----- Backup.cpp: copies, in RuleBackup; nothing there is ever removed
 
     /// Makes RuleBackup and a directory in it named by the local time (yyMMddHHmmss); returns its name in the rule
     /// directory, ending in a backslash. That it could not be made is found out by whoever puts something there.
     std::string CreateBackupDirectoryByDate() const;
+    /// A dated directory that did not exist before, numbered if need be; its name as above. Empty on failure
+    /// (GetLastError).
+    [[nodiscard]] std::string NewBackupDirectory() const;
     /// Moves the master file and every rule set file into a new dated directory. The macro file stays, and so does what
     /// cannot be moved.
     void BackupAllRules() const;
@@ -93,6 +114,8 @@ public:
     [[nodiscard]] uint32_t KeepBroken(const std::string& fileName, Reason reason);
 
 private:
+    [[nodiscard]] bool Find(const std::string& pattern, bool (*isMeant)(std::string_view),
+                            std::vector<std::string>& names) const;
     [[nodiscard]] std::string PathOf(const std::string& name) const { return m_Path + name; }
     [[nodiscard]] std::string ShownPathOf(const std::string& name) const { return m_Given + name; }
     [[nodiscard]] static bool IsSameFile(const std::string& a, const std::string& b);

@@ -80,6 +80,20 @@ bool IsOwnRuleSetFileName(std::string_view name) noexcept
     return EqualNoCase(name, RuleSetFileName(IndexFromFileName(name)));
 }
 
+bool IsTemporaryFileName(std::string_view name) noexcept
+{
+    constexpr std::string_view kExtension = ".tmp";
+    constexpr size_t kPrefix = 3; // of which the system takes that many characters
+    if (name.size() <= kPrefix + kExtension.size() || name.size() > kPrefix + 4 + kExtension.size())
+        return false;
+    const std::string_view digits = name.substr(kPrefix, name.size() - kPrefix - kExtension.size());
+    const auto begins = [name](const char* prefix) { return EqualNoCase(name.substr(0, kPrefix), prefix); };
+    return (begins(FileFormat::kMasterTemporary) || begins(FileFormat::kMacroTemporary) ||
+            begins(FileFormat::kRuleSetTemporary)) &&
+           EqualNoCase(name.substr(name.size() - kExtension.size()), kExtension) &&
+           digits.find_first_not_of("0123456789abcdefABCDEF") == std::string_view::npos;
+}
+
 uint16_t IndexFromFileName(std::string_view fileName) noexcept
 {
     constexpr size_t kPrefix = sizeof FileFormat::kRuleSetPrefix - 1;

@@ -19,6 +19,9 @@ namespace RuleFiles
 /// True for the names that the wildcard pattern of rule set files means: prefix, up to four characters, extension, in
 /// any letter case. The system's own matching also finds longer names through their short ones.
 [[nodiscard]] bool IsRuleSetFileName(std::string_view name) noexcept;
+/// True for the names that the system gives to the library's temporary files, in any letter case: one of three prefixes,
+/// one to four hexadecimal digits, ".tmp".
+[[nodiscard]] bool IsTemporaryFileName(std::string_view name) noexcept;
 /// The index in a rule set file's name: up to four hexadecimal digits after the four-character prefix, 0 when there
 /// is none.
 [[nodiscard]] uint16_t IndexFromFileName(std::string_view fileName) noexcept;

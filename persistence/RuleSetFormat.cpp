@@ -5,7 +5,6 @@
 #include <vector>
 
 #include "persistence/FileFormat.h"
-#include "persistence/FileHead.h"
 
 namespace RuleSetFormat
 {
@@ -36,27 +35,33 @@ bool ReadRule(CEncryptStream& stream, PFW_RULE& rule)
     return stream.Read(&rule, sizeof rule, true);
 }
 
-bool IsWhole(CEncryptStream& stream)
+FileDefect ReadBody(CEncryptStream& stream, uint32_t version, Header& header,
+                    const std::function<void(const PFW_RULE&)>& take)
 {
-    const FileHead head = ReadHead(stream, FileKind::RuleSet);
-    if (head.Defect != FileDefect::None)
-        return false;
     try
     {
-        Header header;
-        ReadHeader(stream, head.Version, header);
+        ReadHeader(stream, version, header);
         PFW_RULE rule;
-        for (int32_t i = head.Version == FileFormat::kOldVersion ? 0 : RuleCount(header); i > 0; --i)
+        for (int32_t i = version == FileFormat::kOldVersion ? 0 : RuleCount(header); i > 0; --i)
         {
             if (!ReadRule(stream, rule))
-                return false;
+                return FileDefect::DamagedItem;
+            take(rule);
         }
-        return header.Index != 0;
+        return header.Index == 0 ? FileDefect::NoIndex : FileDefect::None;
     }
     catch (CEncryptStream::Exception)
     {
-        return false;
+        return FileDefect::Damaged;
     }
+}
+
+bool IsWhole(CEncryptStream& stream)
+{
+    const FileHead head = ReadHead(stream, FileKind::RuleSet);
+    Header header;
+    return head.Defect == FileDefect::None &&
+           ReadBody(stream, head.Version, header, [](const PFW_RULE&) {}) == FileDefect::None;
 }
 
 void WriteHeader(CEncryptStream& stream, const Header& header)

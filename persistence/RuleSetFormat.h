@@ -3,10 +3,12 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 
 #include "api/include/KxPfwRule.h"
 #include "common/srclib/KxComn_String.h"
 #include "persistence/EncryptStream.h"
+#include "persistence/FileHead.h"
 
 namespace RuleSetFormat
 {
@@ -25,8 +27,11 @@ void ReadHeader(CEncryptStream& stream, uint32_t version, Header& header);
 [[nodiscard]] int32_t RuleCount(const Header& header) noexcept;
 /// One record, decrypted into its place. False when it cannot be read; rule is then unspecified.
 [[nodiscard]] bool ReadRule(CEncryptStream& stream, PFW_RULE& rule);
-/// Reads a whole file from its head on: whether the library would take it as it is. (It does not read the rules of an old
-/// version, so those are not looked at.)
+/// Everything after the head; take is given every rule. What was read before a defect is there. (The rules of an old
+/// version are not read, so they are not looked at.)
+[[nodiscard]] FileDefect ReadBody(CEncryptStream& stream, uint32_t version, Header& header,
+                                  const std::function<void(const PFW_RULE&)>& take);
+/// Reads a whole file from its head on: whether the library would take it as it is.
 [[nodiscard]] bool IsWhole(CEncryptStream& stream);
 
 /// Version, index, name and count; throws as above.
