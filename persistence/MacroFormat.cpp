@@ -9,8 +9,11 @@ namespace MacroFormat
 FileDefect Read(CEncryptStream& stream, std::vector<MacroFields>& macros)
 {
     const FileDefect defect = ReadHead(stream, FileKind::Macros).Defect;
-    if (defect != FileDefect::None)
-        return defect;
+    return defect == FileDefect::None ? ReadBody(stream, macros) : defect;
+}
+
+FileDefect ReadBody(CEncryptStream& stream, std::vector<MacroFields>& macros)
+{
     try
     {
         for (uint32_t count = ReadCount(stream); count > 0; --count)

@@ -20,6 +20,8 @@ namespace MacroFormat
 
 /// A whole file, from its head on. Macros before a defect are there.
 [[nodiscard]] FileDefect Read(CEncryptStream& stream, std::vector<MacroFields>& macros);
+/// The same from after the head on.
+[[nodiscard]] FileDefect ReadBody(CEncryptStream& stream, std::vector<MacroFields>& macros);
 /// The number of macros, which stands after the version; throws CEncryptStream::Exception. It reserves nothing.
 [[nodiscard]] uint32_t ReadCount(CEncryptStream& stream);
 /// One macro. False when an item could not be read; throws as above for the other fields.

@@ -8,7 +8,6 @@
 #include "policy/Utf8.h"
 #include "policy/Words.h"
 #include "tools/kxrule/commands/Commands.h"
-#include "tools/kxrule/commands/StoreFiles.h"
 #include "tools/kxrule/console/Columns.h"
 
 namespace Tool
@@ -35,7 +34,7 @@ Json ReportAsJson(const StoreReport& report)
     for (const FileReport& file : report.Files)
     {
         Json& entry = json["files"].emplace_back();
-        entry["file"] = ToUtf8(file.File.wstring());
+        entry["file"] = file.File;
         entry["finding"] = FindingWord(file.What);
         if (!file.Content.empty())
             entry["content"] = file.Content;
@@ -56,7 +55,8 @@ void PrintReport(Session& session, const StoreReport& report)
     for (const FileReport& file : report.Files)
     {
         const std::string separator = !file.Content.empty() && !file.Problem.empty() ? "; " : "";
-        rows.push_back({Name(file.File), FindingWord(file.What), Printable(file.Content + separator + file.Problem)});
+        rows.push_back(
+            {Printable(file.File), FindingWord(file.What), Printable(file.Content + separator + file.Problem)});
         if (!file.Consequence.empty())
             rows.push_back({"", "", "-> " + file.Consequence});
     }
@@ -95,35 +95,22 @@ bool IsSameDirectory(const fs::path& a, const fs::path& b)
            first.nFileIndexHigh == second.nFileIndexHigh && first.nFileIndexLow == second.nFileIndexLow;
 }
 
-/// Puts a file into the rule directory: it is copied beside the place it goes to and then put there in one step.
-void PutFile(const fs::path& file, const fs::path& directory, const fs::path& name)
+void PutFile(const RuleDirectory& source, const std::string& name, const RuleDirectory& target,
+             const std::string& targetName)
 {
-    const fs::path unfinished = directory / (name.wstring() + L".new");
-    if (::CopyFileW(file.c_str(), unfinished.c_str(), FALSE) == FALSE ||
-        ::MoveFileExW(unfinished.c_str(), (directory / name).c_str(),
-                      MOVEFILE_REPLACE_EXISTING | MOVEFILE_WRITE_THROUGH) == FALSE)
-        throw Failure("putting " + Name(name) + " in place: " + SystemText(::GetLastError()));
+    if (!target.Put(source, name, targetName))
+        throw Failure("putting " + NarrowToUtf8(targetName) + " in place: " + SystemText(::GetLastError()));
 }
 
-/// Copies what is about to be replaced; the directory with the copies, empty when there was nothing.
-fs::path KeepReplaced(const fs::path& directory, const std::vector<fs::path>& names)
-{
-    if (names.empty())
-        return {};
-    fs::path kept = NewBackupDirectory(directory);
-    CopyFiles(directory, kept, names);
-    return kept;
-}
-
-Json NamesAsJson(const std::vector<fs::path>& names)
+Json NamesAsJson(const std::vector<std::string>& names)
 {
     Json json = Json::array();
-    for (const fs::path& name : names)
-        json.push_back(ToUtf8(name.wstring()));
+    for (const std::string& name : names)
+        json.push_back(NarrowToUtf8(name));
     return json;
 }
 
-void TellRestored(Session& session, const std::vector<fs::path>& names, const fs::path& kept)
+void TellRestored(Session& session, const std::vector<std::string>& names, const fs::path& kept)
 {
     if (session.Options().Json)
     {
@@ -136,68 +123,62 @@ void TellRestored(Session& session, const std::vector<fs::path>& names, const fs
                            (kept.empty() ? "" : "; what was there before lies in " + Name(kept)) + "\n");
 }
 
-int RestoreDirectory(Session& session, const fs::path& source)
+int RestoreDirectory(Session& session, const fs::path& path)
 {
-    const std::string& master = session.Options().Master;
-    const std::vector<fs::path> names = StoreFileNames(source, master);
-    std::error_code error;
+    const RuleDirectory source = StoreAt(path.wstring(), session.Options().Master);
+    std::vector<std::string> names = StoreFileNames(source);
     if (names.empty())
-        throw Failure(Name(source) + " holds no rule files");
-    if (IsSameDirectory(source, session.Directory()))
-        throw Failure(Name(source) + " is the rule directory itself");
-    const StoreReport report = CheckStore(source, master, session.Terminal(), false);
+        throw Failure(Name(path) + " holds no rule files");
+    if (IsSameDirectory(path, session.Directory()))
+        throw Failure(Name(path) + " is the rule directory itself");
+    const StoreReport report = CheckStore(source, session.Terminal(), false);
     if (report.IsDamaged())
     {
         PrintReport(session, report);
-        throw Failure(Name(source) +
+        throw Failure(Name(path) +
                       " is damaged and is not restored; its good rule set files can be restored one by one");
     }
+    if (names.front() != source.MasterFileName())
+        throw Failure(Name(path) + " holds no master file; its files can be restored one by one");
     session.RefuseWhileInUse();
-    const fs::path directory = session.Directory();
-    fs::create_directories(directory, error);
-    const std::vector<fs::path> replaced = StoreFileNames(directory, master);
-    const fs::path kept = KeepReplaced(directory, replaced);
+    const RuleDirectory target = session.Store();
+    target.MakeIfMissing();
+    const std::vector<std::string> replaced = StoreFileNames(target);
+    const fs::path copies = CopyToBackup(target, replaced);
     // The master file comes last: until it is there, the old one names the old files.
-    std::vector<fs::path> order(names.rbegin(), names.rend());
-    for (const fs::path& name : order)
-        PutFile(source / name, directory, name);
-    for (const fs::path& name : replaced)
+    std::reverse(names.begin(), names.end());
+    for (const std::string& name : names)
+        PutFile(source, name, target, name);
+    for (const std::string& name : replaced)
     {
-        if (IsRuleSetFileName(name) && std::find(names.begin(), names.end(), name) == names.end())
-            fs::remove(directory / name, error);
+        if (std::find(names.begin(), names.end(), name) == names.end())
+            target.Remove(name);
     }
-    TellRestored(session, order, kept);
+    TellRestored(session, names, copies);
     return ExitDone;
 }
 
-int RestoreMacros(Session& session, const fs::path& file)
+int RestoreMacros(Session& session, const StoreFile& file)
 {
     session.RefuseWhileInUse();
-    const fs::path directory = session.Directory();
-    RequireDirectory(directory);
-    const std::vector<fs::path> replaced = StoreFileNames(directory, session.Options().Master);
-    // The macro file goes by the name that the master file gives it.
-    fs::path name = FileFormat::kMacroFileName;
-    for (const fs::path& other : replaced)
-    {
-        if (!IsRuleSetFileName(other) && ReadStoreFile(directory / other).Kind == FileKind::Macros)
-            name = other;
-    }
-    const fs::path kept = KeepReplaced(directory, replaced);
-    PutFile(file, directory, name);
-    TellRestored(session, {name}, kept);
+    RequireDirectory(session.Directory());
+    const RuleDirectory target = session.Store();
+    const fs::path copies = CopyToBackup(target, StoreFileNames(target));
+    PutFile(file.Directory, file.Name, target, target.MacroFileName());
+    TellRestored(session, {target.MacroFileName()}, copies);
     return ExitDone;
 }
 
 int RestoreFile(Session& session, const fs::path& file)
 {
-    const FileContent content = ReadStoreFile(file);
+    const StoreFile place(file.wstring());
+    const FileContent content = ReadStoreFile(place.Directory, place.Name);
     if (!content.Problem.empty())
         throw Failure(Name(file) + " is not restored: " + content.Problem);
     if (content.Kind == FileKind::Master)
         throw Failure(Name(file) + " is a master file; it is restored with its directory");
     if (content.Kind == FileKind::Macros)
-        return RestoreMacros(session, file);
+        return RestoreMacros(session, place);
     if (content.Version == FileFormat::kOldVersion)
         throw Failure(Name(file) + " is of version 1, whose rules cannot be read");
     Policy wanted;
@@ -221,7 +202,7 @@ int RestoreFile(Session& session, const fs::path& file)
 int Verify(Session& session)
 {
     RequireDirectory(session.Directory());
-    const StoreReport report = CheckStore(session.Directory(), session.Options().Master, session.Terminal(), true);
+    const StoreReport report = CheckStore(session.Store(), session.Terminal(), true);
     PrintReport(session, report);
     return report.IsDamaged() ? ExitFailed : ExitDone;
 }
@@ -229,19 +210,31 @@ int Verify(Session& session)
 int Backup(Session& session, const std::string& target)
 {
     RequireDirectory(session.Directory());
-    const std::vector<fs::path> names = StoreFileNames(session.Directory(), session.Options().Master);
-    const fs::path directory = AbsolutePath(target);
+    const RuleDirectory store = session.Store();
+    const std::vector<std::string> names = StoreFileNames(store);
+    const fs::path path = AbsolutePath(target);
     std::error_code error;
     if (names.empty())
         throw Failure(Name(session.Directory()) + " holds no rule files");
-    if (fs::exists(directory, error) && !fs::is_empty(directory, error))
-        throw Failure(Name(directory) + " is not an empty directory");
-    CopyFiles(session.Directory(), directory, names);
+    if (fs::exists(path, error) && !fs::is_empty(path, error))
+        throw Failure(Name(path) + " is not an empty directory");
+    const bool isNew = fs::create_directories(path, error);
+    if (!fs::is_directory(path))
+        throw Failure(Name(path) + " cannot be made: " + SystemText(static_cast<uint32_t>(error.value())));
+    try
+    {
+        CopyFiles(store, StoreAt(path.wstring(), session.Options().Master), names);
+    }
+    catch (const Failure&)
+    {
+        if (isNew)
+            fs::remove(path, error);
+        throw;
+    }
     if (session.Options().Json)
-        session.Terminal().Out(Json({{"copied", NamesAsJson(names)}, {"to", ToUtf8(directory.wstring())}}).dump(2) +
-                               "\n");
+        session.Terminal().Out(Json({{"copied", NamesAsJson(names)}, {"to", ToUtf8(path.wstring())}}).dump(2) + "\n");
     else
-        session.Terminal().Out(Count(names.size(), "file") + " copied to " + Name(directory) + "\n");
+        session.Terminal().Out(Count(names.size(), "file") + " copied to " + Name(path) + "\n");
     return ExitDone;
 }
 
@@ -258,23 +251,22 @@ int Tidy(Session& session, bool yes)
 {
     RequireDirectory(session.Directory());
     Console& console = session.Terminal();
-    const fs::path directory = session.Directory();
-    const std::vector<fs::path> names = TemporaryFileNames(directory);
+    const RuleDirectory store = session.Store();
+    const std::vector<std::string> names = TemporaryFileNames(store);
     if (names.empty())
     {
         console.Out(session.Options().Json ? "{\"removed\": []}\n" : "no temporary files\n");
         return ExitDone;
     }
     session.RefuseWhileInUse(); // a write may be going on
-    for (const fs::path& name : names)
-        console.Out(session.Options().Json ? "" : Name(name) + "\n");
+    for (const std::string& name : names)
+        console.Out(session.Options().Json ? "" : Printable(NarrowToUtf8(name)) + "\n");
     if (!yes && !console.Confirm("remove " + Count(names.size(), "file") + "?"))
         throw Failure("nothing is removed; --yes does so without asking");
-    std::vector<fs::path> removed;
-    std::error_code error;
-    for (const fs::path& name : names)
+    std::vector<std::string> removed;
+    for (const std::string& name : names)
     {
-        if (fs::remove(directory / name, error))
+        if (store.Remove(name))
             removed.push_back(name);
     }
     if (session.Options().Json)

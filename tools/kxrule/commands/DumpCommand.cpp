@@ -31,9 +31,7 @@ public:
 
     void Dump(Console& console)
     {
-        static constexpr const char* kMagics[] = {FileFormat::kMasterMagic, FileFormat::kMacroMagic,
-                                                  FileFormat::kRuleSetMagic};
-        Row("magic", FileFormat::kMagicBytes, kMagics[static_cast<size_t>(m_Content.Kind)]);
+        Row("magic", FileFormat::kMagicBytes, MagicOf(m_Content.Kind));
         Record("version", sizeof m_Content.Version, Hexadecimal(m_Content.Version));
         if (m_Content.Kind == FileKind::Master)
             Master();
@@ -151,8 +149,9 @@ Json ContentAsJson(const FileContent& content)
 
 int Dump(Session& session, const std::string& file)
 {
-    const FileContent content = ReadStoreFile(AbsolutePath(file));
-    if (!content.Known)
+    const StoreFile place(AbsolutePath(file));
+    const FileContent content = ReadStoreFile(place.Directory, place.Name);
+    if (!content.IsKnown)
         throw Failure(file + ": " + content.Problem);
     if (session.Options().Json)
         session.Terminal().Out(ContentAsJson(content).dump(2) + "\n");

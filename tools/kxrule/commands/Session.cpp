@@ -7,30 +7,9 @@
 #include "policy/Apply.h"
 #include "policy/ResultCodes.h"
 #include "policy/Utf8.h"
-#include "tools/kxrule/commands/StoreFiles.h"
 
 namespace Tool
 {
-namespace
-{
-
-/// A path in the active code page, by its short name where the long one has no counterpart.
-std::string NarrowPath(const std::wstring& path)
-{
-    if (const auto narrow = Utf8ToNarrow(ToUtf8(path)))
-        return *narrow;
-    std::wstring shortPath(path.size() + MAX_PATH, L'\0');
-    const DWORD length = ::GetShortPathNameW(path.c_str(), shortPath.data(), static_cast<DWORD>(shortPath.size()));
-    shortPath.resize(length < shortPath.size() ? length : 0);
-    const auto narrow = Utf8ToNarrow(ToUtf8(shortPath));
-    if (!narrow || narrow->empty())
-        throw Failure("the library cannot open " + ToUtf8(path) +
-                      ": the active code page lacks a character of the path");
-    return *narrow;
-}
-
-} // namespace
-
 std::wstring AbsolutePath(const std::string& path)
 {
     const std::wstring wide = FromUtf8(path);
@@ -80,12 +59,9 @@ void Session::RefuseWhileInUse() const
 
 void Session::Open()
 {
-    const std::string directory = NarrowPath(m_Directory);
-    const std::optional<std::string> master = Utf8ToNarrow(m_Options.Master);
-    if (!master)
-        throw Failure("the active code page lacks a character of the master file's name");
+    const RuleDirectory store = Store();
     m_Library = std::make_unique<RuleLibrary>();
-    Check(m_Library->Initialize(directory.c_str(), master->c_str()), "starting the library");
+    Check(m_Library->Initialize(store.Path().c_str(), store.MasterFileName().c_str()), "starting the library");
     m_Initialised = true;
     const int32_t result = m_Library->Read();
     if (result != KXRULE_OK)
@@ -100,10 +76,10 @@ void Session::OpenToLook()
         throw Failure(ToUtf8(m_Directory) + " is no directory");
     // The library answers damage by moving and rewriting files, which nobody asks for who only wants to look.
     std::string problems;
-    for (const FileReport& file : CheckStore(m_Directory, m_Options.Master, m_Console, false).Files)
+    for (const FileReport& file : CheckStore(Store(), m_Console, false).Files)
     {
         if (file.What == Finding::Damaged)
-            problems += "\n  " + ToUtf8(file.File.wstring()) + ": " + file.Problem;
+            problems += "\n  " + file.File + ": " + file.Problem;
     }
     if (!problems.empty())
         throw Failure("the store is damaged; \"kxrule verify\" tells what the library would do with it" + problems);
@@ -120,9 +96,8 @@ void Session::OpenToChange()
 
 void Session::KeepCopy()
 {
-    const std::vector<std::filesystem::path> names = StoreFileNames(m_Directory, m_Options.Master);
-    if (!names.empty())
-        CopyFiles(m_Directory, NewBackupDirectory(m_Directory), names);
+    const RuleDirectory store = Store();
+    CopyToBackup(store, StoreFileNames(store));
 }
 
 void Session::Write()

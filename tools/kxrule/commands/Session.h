@@ -6,6 +6,7 @@
 
 #include "policy/Policy.h"
 #include "tools/kxrule/commands/RuleLibrary.h"
+#include "tools/kxrule/commands/StoreFiles.h"
 #include "tools/kxrule/console/Console.h"
 #include "tools/kxrule/console/Failure.h"
 
@@ -53,6 +54,8 @@ public:
     [[nodiscard]] const std::wstring& Directory() const noexcept { return m_Directory; }
 
     [[nodiscard]] bool DirectoryExists() const noexcept;
+    /// The files in it.
+    [[nodiscard]] RuleDirectory Store() const { return StoreAt(m_Directory, m_Options.Master); }
 
     /// A stored rule's and any macro's line of text; empty when the library has none for it.
     [[nodiscard]] std::string RuleLine(uint16_t ruleSetIndex, uint16_t ruleIndex);

@@ -1,10 +1,10 @@
-// A rule directory as kxRuleRead would find it; docs/recovery.md tells what the library does with damage.
+// A rule directory as kxRuleRead would find it. What the library does about a defect is the table of
+// persistence/Recovery.h.
 #include <algorithm>
-#include <map>
-
-#include "common/srclib/KxComn_Windows.h"
+#include <set>
 
 #include "persistence/FileFormat.h"
+#include "persistence/Recovery.h"
 #include "persistence/RuleFileNames.h"
 #include "policy/ResultCodes.h"
 #include "policy/RuleJson.h"
@@ -17,53 +17,37 @@ namespace Tool
 namespace
 {
 
-namespace fs = std::filesystem;
-
 constexpr char kMovedAway[] =
     "the library would move the master file and all rule set files into a dated directory below "
     "RuleBackup";
-constexpr char kCopiedFirst[] =
-    "and before its first write copy every file into a dated directory below RuleBackup; it writes nothing (-10057) "
-    "while one of them cannot be copied";
-
-/// Whether there is something of that name, be it something that cannot be opened.
-bool IsThere(const fs::path& path) noexcept
-{
-    if (::GetFileAttributesW(path.c_str()) != INVALID_FILE_ATTRIBUTES)
-        return true;
-    const DWORD error = ::GetLastError();
-    return error != ERROR_FILE_NOT_FOUND && error != ERROR_PATH_NOT_FOUND;
-}
 
 bool IsUnopened(const FileContent& content) noexcept
 {
-    return content.Result == KXRULE_E_FILE_OPEN;
+    return content.Defect == FileDefect::Missing || content.Defect == FileDefect::Busy;
 }
 
-bool IsSameName(const fs::path& a, const fs::path& b)
+struct NoCase
 {
-    return KxCommon::String::EqualNoCase(a.wstring(), b.wstring());
-}
+    bool operator()(const std::string& a, const std::string& b) const
+    {
+        using namespace KxCommon::String;
+        return CompareNoCase(ToWide(a), ToWide(b)) < 0;
+    }
+};
 
 class Checker
 {
 public:
-    Checker(const fs::path& directory, const std::string& masterFileName, bool thorough)
-        : m_Directory(directory), m_Thorough(thorough),
-          m_Master(FromUtf8(masterFileName.empty() ? FileFormat::kMasterFileName : masterFileName))
-    {
-    }
+    Checker(const RuleDirectory& directory, bool thorough) : m_Directory(directory), m_Thorough(thorough) {}
 
     StoreReport Check(Console& console)
     {
         Progress progress(console, "checking the files");
-        std::error_code error;
-        for (const fs::directory_entry& entry : fs::directory_iterator(m_Directory, error))
+        for (const std::string& name : StoreFileNames(m_Directory))
         {
-            if (entry.is_regular_file(error) && IsRuleSetFileName(entry.path().filename()))
-                m_Unlisted.push_back(entry.path().filename());
+            if (RuleFiles::IsRuleSetFileName(name))
+                m_Unlisted.insert(name);
         }
-        std::sort(m_Unlisted.begin(), m_Unlisted.end());
         CheckMaster();
         CheckMacros();
         for (size_t i = 0; i < m_Fields.RuleSetFileNames.size(); ++i)
@@ -72,116 +56,110 @@ public:
             CheckRuleSet(m_Fields.RuleSetFileNames[i]);
         }
         CheckActive();
-        for (const fs::path& name : m_Unlisted)
+        for (const std::string& name : m_Unlisted)
             CheckUnlisted(name);
-        for (const fs::path& name : TemporaryFileNames(m_Directory))
+        for (const std::string& name : TemporaryFileNames(m_Directory))
             Add(name, Finding::Note, {}, "an unfinished write", "nothing; \"kxrule tidy\" removes it");
         return std::move(m_Report);
     }
 
 private:
-    void Add(const fs::path& name, Finding what, std::string content, std::string problem = {},
+    void Add(const std::string& name, Finding what, std::string content, std::string problem = {},
              std::string consequence = {})
     {
-        m_Report.Files.push_back({name, what, std::move(content), std::move(problem), std::move(consequence)});
+        m_Report.Files.push_back(
+            {NarrowToUtf8(name), what, std::move(content), std::move(problem), std::move(consequence)});
+    }
+    void NoteOfMaster(std::string problem, std::string consequence)
+    {
+        Add(m_Directory.MasterFileName(), Finding::Note, {}, std::move(problem), std::move(consequence));
+    }
+
+    static std::string Stopped(const Recovery& recovery)
+    {
+        return "the library would read no rule set and report " + ResultText(recovery.Result);
     }
 
     void CheckMaster()
     {
-        if (!IsThere(m_Directory / m_Master))
-        {
-            m_MasterIsGood = m_Unlisted.empty();
-            if (m_MasterIsGood)
-                Add(m_Master, Finding::Note, {}, "it is missing, and so are rule sets",
-                    "the library would start empty");
-            else
-                Add(m_Master, Finding::Damaged, {}, "it is missing", std::string(kMovedAway) + " and start empty");
-            return;
-        }
-        FileContent content = ReadStoreFile(m_Directory / m_Master);
-        if (content.Problem.empty() && content.Kind != FileKind::Master)
-            content.Problem = "it is no master file";
+        const std::string& name = m_Directory.MasterFileName();
+        const FileContent content = ReadStoreFile(m_Directory, name, FileKind::Master);
         m_Fields = content.Master;
-        m_MasterIsGood = content.Problem.empty();
-        if (m_MasterIsGood)
-            Add(m_Master, Finding::Good,
-                Count(m_Fields.RuleSetFileNames.size(), "rule set") + ", " +
-                    std::to_string(m_Fields.ActiveRuleSets.size()) + " active");
-        else if (IsUnopened(content))
-            Add(m_Master, Finding::Damaged, {}, content.Problem,
-                (m_Unlisted.empty() ? "the library would start empty, " : std::string(kMovedAway) + ", start empty, ") +
-                    kCopiedFirst);
-        else
-            Add(m_Master, Finding::Damaged, {}, content.Problem,
-                std::string(kMovedAway) + "; rule sets whose names could be read would become rescue sets");
+        if (content.Defect == FileDefect::None)
+            return Add(name, Finding::Good,
+                       Count(m_Fields.RuleSetFileNames.size(), "rule set") + ", " +
+                           std::to_string(m_Fields.ActiveRuleSets.size()) + " active");
+        const Recovery& recovery = RecoveryOf(FileKind::Master, content.Defect);
+        m_OfMaster = recovery.What;
+        if (recovery.What == Remedy::Stop)
+            return Add(name, Finding::Damaged, {}, content.Problem, Stopped(recovery));
+        if (content.Defect == FileDefect::Missing && m_Unlisted.empty())
+        {
+            m_OfMaster = Remedy::GoOn;
+            const bool isThere = m_Directory.MayExist(name);
+            return Add(name, isThere ? Finding::Damaged : Finding::Note, {},
+                       content.Problem + (isThere ? "" : ", and so are rule sets"), "the library would start empty");
+        }
+        Add(name, Finding::Damaged, {}, content.Problem,
+            kMovedAway + std::string(m_Fields.RuleSetFileNames.empty()
+                                         ? " and start empty"
+                                         : "; rule sets whose names could be read would become rescue sets"));
     }
 
     void CheckMacros()
     {
-        const fs::path file = m_MacroFile = UsedMacroFileName(m_Fields, m_Master);
-        if (!m_Fields.MacroFileName.empty() && !IsSameName(FromUtf8(NarrowToUtf8(m_Fields.MacroFileName)), file))
-            Add(m_Master, Finding::Note, {}, "it names a macro file that cannot be one",
-                "the library would use " + ToUtf8(file.wstring()));
-        if (!IsThere(m_Directory / file))
-            return Add(file, Finding::Note, {}, "it is missing", "the library would have no macros");
-        FileContent content = ReadStoreFile(m_Directory / file);
-        if (content.Problem.empty() && content.Kind == FileKind::Macros)
-            return Add(file, Finding::Good, Count(content.Macros.size(), "macro"));
-        if (IsUnopened(content))
-            return Add(file, Finding::Damaged, {}, content.Problem,
-                       std::string("the library would go on without macros, ") + kCopiedFirst);
-        const bool wrongFormat =
-            content.Result == KXRULE_E_MACRO_FORMAT || !content.Known || content.Kind != FileKind::Macros;
-        if (content.Kind != FileKind::Macros && content.Problem.empty())
-            content.Problem = "it is no macro file";
-        Add(file, Finding::Damaged, {}, content.Problem,
-            "the library would read no rule set and report " +
-                ResultText(wrongFormat ? KXRULE_E_MACRO_FORMAT : KXRULE_E_FILE_READ));
-    }
-
-    /// Names that the library does not open.
-    bool IsIgnored(const std::string& narrowName, const fs::path& name) const
-    {
-        return !RuleFiles::IsBareName(narrowName) || IsSameName(name, m_Master) || IsSameName(name, m_MacroFile);
+        const std::string& name = m_Directory.MacroFileName();
+        if (!m_Fields.MacroFileName.empty() && m_Fields.MacroFileName != name)
+            NoteOfMaster("it names a macro file that cannot be one", "the library would use " + NarrowToUtf8(name));
+        const FileContent content = ReadStoreFile(m_Directory, name, FileKind::Macros);
+        if (content.Defect == FileDefect::None)
+            return Add(name, Finding::Good, Count(content.Macros.size(), "macro"));
+        const Recovery& recovery = RecoveryOf(FileKind::Macros, content.Defect);
+        if (recovery.What == Remedy::Stop)
+            return Add(name, Finding::Damaged, {}, content.Problem, Stopped(recovery));
+        if (m_Directory.MayExist(name))
+            return Add(name, Finding::Damaged, {}, content.Problem,
+                       "the library would go on without macros, and copy the file before it writes its own");
+        Add(name, Finding::Note, {}, content.Problem, "the library would have no macros");
     }
 
     /// What stands in for a rule set that cannot be read.
-    std::string Rescue(const std::string& narrowName) const
+    std::string Rescue(const std::string& name) const
     {
-        const uint16_t index = RuleFiles::IndexFromFileName(narrowName);
-        const bool isTaken = std::find(m_Indexes.begin(), m_Indexes.end(), index) != m_Indexes.end();
-        return index == 0 || isTaken ? "nothing would take its place" : "a rescue set would take its place";
+        const uint16_t index = RuleFiles::IndexFromFileName(name);
+        return index == 0 || m_Indexes.contains(index) ? "nothing would take its place"
+                                                       : "a rescue set would take its place";
     }
 
-    void CheckRuleSet(const std::string& narrowName)
+    void CheckRuleSet(const std::string& name)
     {
-        const fs::path name = FromUtf8(NarrowToUtf8(narrowName));
-        if (IsIgnored(narrowName, name))
-            return Add(m_Master, Finding::Note, {},
-                       "it lists a rule set file whose name cannot be one: \"" + NarrowToUtf8(narrowName) + "\"",
-                       "the library would ignore it");
-        std::erase_if(m_Unlisted, [&](const fs::path& other) { return IsSameName(other, name); });
-        if (!IsThere(m_Directory / name))
-            return Add(name, Finding::Damaged, {}, "it is missing", Rescue(narrowName));
-        const FileContent content = ReadStoreFile(m_Directory / name);
-        const std::string problem = RuleSetProblem(content);
+        if (!m_Directory.IsUsableRuleSetFileName(name))
+            return NoteOfMaster("it lists a rule set file whose name cannot be one: \"" + NarrowToUtf8(name) + "\"",
+                                "the library would ignore it");
+        if (!m_Listed.insert(name).second)
+            return NoteOfMaster("it lists " + NarrowToUtf8(name) + " twice", "the library would read it once");
+        m_Unlisted.erase(name);
+        const FileContent content = ReadStoreFile(m_Directory, name, FileKind::RuleSet);
         const std::string summary = std::to_string(content.RuleSet.Index) + " \"" + ToUtf8(content.RuleSet.Name) +
                                     "\", " + Count(content.RuleSet.Rules.size(), "rule");
-        if (!m_MasterIsGood) // by the time it is looked for, it has been moved
-            return Add(name, problem.empty() ? Finding::Note : Finding::Damaged, problem.empty() ? summary : "",
-                       problem, "it would be moved with the master file, and " + Rescue(narrowName));
+        const bool isGood = content.Defect == FileDefect::None;
+        if (IsUnopened(content) && !m_Directory.MayExist(name))
+            return Add(name, Finding::Damaged, {}, content.Problem, Rescue(name));
+        if (m_OfMaster == Remedy::BackUp) // by the time it is looked for, it has been moved
+            return Add(name, isGood ? Finding::Note : Finding::Damaged, isGood ? summary : "", content.Problem,
+                       "it would be moved with the master file, and " + Rescue(name));
         if (IsUnopened(content))
-            return Add(name, Finding::Damaged, {}, problem,
-                       Rescue(narrowName) + " in memory; the file stays until it has been copied to RuleBackup");
-        if (!problem.empty())
-            return Add(name, Finding::Damaged, {}, problem,
-                       "the library would copy it to RuleBackup, and " + Rescue(narrowName) + ", keeping " +
+            return Add(name, Finding::Damaged, {}, content.Problem,
+                       Rescue(name) + "; the file, which may be whole, would be copied to RuleBackup or renamed first");
+        if (!isGood)
+            return Add(name, Finding::Damaged, {}, content.Problem,
+                       "the library would copy it to RuleBackup, and " + Rescue(name) + ", keeping " +
                            Count(content.RuleSet.Rules.size(), "rule") + " in front of the damage");
-        m_Indexes.push_back(content.RuleSet.Index);
+        const bool isFirst = m_Indexes.insert(content.RuleSet.Index).second;
         if (content.Version == FileFormat::kOldVersion)
             return Add(name, Finding::Note, summary + " read",
                        std::to_string(content.RuleCount) + " rules of version 1", "the library does not read them");
-        if (std::count(m_Indexes.begin(), m_Indexes.end(), content.RuleSet.Index) > 1)
+        if (!isFirst)
             return Add(name, Finding::Note, summary, "another file has the same index",
                        "the later one in the master file counts");
         // A changed byte in the middle of a record shows in no length and no padding.
@@ -195,43 +173,36 @@ private:
         Add(name, Finding::Good, summary);
     }
 
-    static std::string RuleSetProblem(const FileContent& content)
-    {
-        if (content.Known && content.Kind != FileKind::RuleSet)
-            return "it is no rule set file";
-        return content.Problem.empty() && content.RuleSet.Index == 0 ? "its index is 0" : content.Problem;
-    }
-
     void CheckActive()
     {
+        if (m_Report.IsDamaged())
+            return;
         for (const uint16_t index : m_Fields.ActiveRuleSets)
         {
-            if (m_MasterIsGood && std::find(m_Indexes.begin(), m_Indexes.end(), index) == m_Indexes.end() &&
-                !m_Report.IsDamaged())
-                Add(m_Master, Finding::Note, {}, "rule set " + std::to_string(index) + " is active but does not exist",
-                    "nothing");
+            if (!m_Indexes.contains(index))
+                NoteOfMaster("rule set " + std::to_string(index) + " is active but does not exist", "nothing");
         }
     }
 
-    void CheckUnlisted(const fs::path& name)
+    void CheckUnlisted(const std::string& name)
     {
-        const std::string problem = RuleSetProblem(ReadStoreFile(m_Directory / name));
+        const std::string problem = ReadStoreFile(m_Directory, name, FileKind::RuleSet).Problem;
         const std::string unlisted = "the master file does not list it";
-        if (m_MasterIsGood)
+        if (m_OfMaster == Remedy::GoOn)
             return Add(name, Finding::Note, {}, unlisted + (problem.empty() ? "" : ", and " + problem),
                        "the library would not read it");
         Add(name, Finding::Note, {}, problem.empty() ? "nothing is wrong with it" : problem,
-            "it would be moved with the master file");
+            m_OfMaster == Remedy::BackUp ? "it would be moved with the master file" : "the library would not read it");
     }
 
-    const fs::path m_Directory;
+    const RuleDirectory& m_Directory;
     const bool m_Thorough;
-    const fs::path m_Master;
     MasterFields m_Fields;
-    fs::path m_MacroFile;
-    bool m_MasterIsGood = false;
-    std::vector<fs::path> m_Unlisted; // rule set files in the directory that the master file has not named so far
-    std::vector<uint16_t> m_Indexes;
+    Remedy m_OfMaster = Remedy::GoOn;
+    std::set<std::string, NoCase> m_Listed;
+    std::set<std::string, NoCase>
+        m_Unlisted; // rule set files in the directory that the master file has not named so far
+    std::set<uint16_t> m_Indexes;
     StoreReport m_Report;
 };
 
@@ -243,9 +214,9 @@ bool StoreReport::IsDamaged() const noexcept
                        [](const FileReport& file) { return file.What == Finding::Damaged; });
 }
 
-StoreReport CheckStore(const fs::path& directory, const std::string& masterFileName, Console& console, bool thorough)
+StoreReport CheckStore(const RuleDirectory& directory, Console& console, bool thorough)
 {
-    return Checker(directory, masterFileName, thorough).Check(console);
+    return Checker(directory, thorough).Check(console);
 }
 
 } // namespace Tool

@@ -2,236 +2,227 @@
 #include "tools/kxrule/commands/StoreFiles.h"
 
 #include <algorithm>
-#include <cstring>
-#include <cwctype>
 
-#include "persistence/FileFormat.h"
+#include "common/srclib/KxComn_Trace.h"
+#include "persistence/EncryptFile.h"
 #include "persistence/MacroFormat.h"
 #include "persistence/RuleFileNames.h"
 #include "persistence/RuleSetFormat.h"
 #include "policy/Utf8.h"
-#include "tools/kxrule/commands/FileStream.h"
 #include "tools/kxrule/console/Failure.h"
+
+// What the library's files trace is nobody's here: the tool says itself what failed.
+namespace KxCommon
+{
+
+std::atomic<bool> g_TraceActive{false};
+
+void TraceLine(const char*, uint32_t, uint32_t, const char*, ...) noexcept {}
+void TraceLineWide(const char*, uint32_t, uint32_t, const KXWCHAR*, ...) noexcept {}
+
+} // namespace KxCommon
 
 namespace Tool
 {
 namespace
 {
 
-namespace fs = std::filesystem;
-
-bool StartsWith(const std::wstring& name, const char* prefix) noexcept
+const char* KindWord(FileKind kind) noexcept
 {
-    size_t i = 0;
-    for (; prefix[i] != '\0'; ++i)
+    return kind == FileKind::Master ? "master" : kind == FileKind::Macros ? "macro" : "rule set";
+}
+
+/// Everything after the head, whose defect is none.
+FileDefect ReadBody(CEncryptStream& stream, FileContent& content)
+{
+    if (content.Kind == FileKind::RuleSet)
     {
-        if (i >= name.size() || std::towlower(name[i]) != std::towlower(static_cast<wint_t>(prefix[i])))
-            return false;
+        RuleSetFormat::Header header;
+        const FileDefect defect = RuleSetFormat::ReadBody(
+            stream, content.Version, header, [&](const PFW_RULE& rule) { content.RuleSet.Rules.push_back(rule); });
+        content.RuleSet.Index = header.Index;
+        content.RuleSet.Name = header.Name;
+        content.RuleCount = header.RuleCount;
+        return defect;
     }
-    return true;
-}
-
-bool EndsWith(const std::wstring& name, const char* suffix) noexcept
-{
-    const size_t length = std::strlen(suffix);
-    return name.size() >= length && StartsWith(name.substr(name.size() - length), suffix);
-}
-
-void Fail(FileContent& content, int32_t result, std::string problem)
-{
-    content.Result = result;
-    content.Problem = std::move(problem);
-}
-
-void ReadMaster(CEncryptStream& stream, FileContent& content)
-{
-    stream.ReadU32(content.Version);
-    if (content.Version != FileFormat::kVersion)
-        return Fail(content, KXRULE_E_FILE_READ, "its version is not known");
-    MasterFormat::ReadFields(stream, content.Master);
-}
-
-void ReadMacros(CEncryptStream& stream, FileContent& content)
-{
-    stream.ReadU32(content.Version);
-    if (content.Version != FileFormat::kVersion)
-        return Fail(content, KXRULE_E_MACRO_FORMAT, "its version is not known");
-    for (uint32_t count = MacroFormat::ReadCount(stream); count > 0; --count)
+    std::vector<MacroFields> macros;
+    FileDefect defect = FileDefect::None;
+    try
     {
-        MacroFields macro;
-        if (!MacroFormat::ReadMacro(stream, macro))
-            return Fail(content, KXRULE_E_FILE_READ,
-                        "macro " + std::to_string(content.Macros.size() + 1) + " is damaged or cut short");
+        if (content.Kind == FileKind::Master)
+            MasterFormat::ReadFields(stream, content.Master);
+        else
+            defect = MacroFormat::ReadBody(stream, macros);
+    }
+    catch (CEncryptStream::Exception)
+    {
+        defect = FileDefect::Damaged;
+    }
+    for (MacroFields& macro : macros)
         content.Macros.push_back({std::move(macro.Name), std::move(macro.Items)});
-    }
+    return defect;
 }
 
-void ReadRuleSet(CEncryptStream& stream, FileContent& content)
+std::string ProblemText(const FileContent& content, uint32_t error)
 {
-    stream.ReadU32(content.Version);
-    if (content.Version != FileFormat::kVersion && content.Version != FileFormat::kOldVersion)
-        return Fail(content, KXRULE_E_RULESET_FORMAT, "its version is not known");
-    RuleSetFormat::Header header;
-    RuleSetFormat::ReadHeader(stream, content.Version, header);
-    content.RuleSet.Index = header.Index;
-    content.RuleSet.Name = header.Name;
-    content.RuleCount = header.RuleCount;
-    if (content.Version == FileFormat::kOldVersion)
-        return;
-    for (int32_t i = RuleSetFormat::RuleCount(header); i > 0; --i)
+    switch (content.Defect)
     {
-        PFW_RULE rule;
-        if (!RuleSetFormat::ReadRule(stream, rule))
-            return Fail(content, KXRULE_E_FILE_READ,
-                        "rule " + std::to_string(content.RuleSet.Rules.size() + 1) + " of " +
-                            std::to_string(header.RuleCount) + " is damaged or cut short");
-        content.RuleSet.Rules.push_back(rule);
+    case FileDefect::None:
+        return {};
+    case FileDefect::Missing:
+    case FileDefect::Busy:
+        return error == ERROR_FILE_NOT_FOUND || error == ERROR_PATH_NOT_FOUND
+                   ? "it is missing"
+                   : "it cannot be opened: " + SystemText(error);
+    case FileDefect::Unreadable:
+        return "it cannot be read";
+    case FileDefect::WrongMagic:
+        return content.IsKnown      ? std::string("it is a ") + KindWord(content.Kind) + " file"
+               : content.Bytes == 0 ? "it is empty"
+                                    : "it does not begin as a rule file does";
+    case FileDefect::WrongVersion:
+        return "its version is not known";
+    case FileDefect::Damaged:
+        return "it is damaged or cut short";
+    case FileDefect::DamagedItem:
+        return content.Kind == FileKind::Macros
+                   ? "macro " + std::to_string(content.Macros.size() + 1) + " is damaged or cut short"
+                   : "rule " + std::to_string(content.RuleSet.Rules.size() + 1) + " of " +
+                         std::to_string(content.RuleCount) + " is damaged or cut short";
+    case FileDefect::NoIndex:
+        return "its index is 0";
     }
+    return "it cannot be used";
+}
+
+FileContent Read(const RuleDirectory& directory, const std::string& fileName, const FileKind* expected)
+{
+    FileContent content;
+    CEncryptFile file;
+    uint32_t error = ERROR_SUCCESS;
+    content.Defect = directory.OpenToLook(file, fileName, &error);
+    if (content.Defect == FileDefect::None)
+    {
+        const FileHead head = expected == nullptr ? ReadHead(file) : ReadHead(file, *expected);
+        content.IsKnown = head.IsKnown;
+        content.Kind = head.Kind;
+        content.Version = head.Version;
+        content.Bytes = file.Size();
+        content.Defect = head.Defect == FileDefect::None ? ReadBody(file, content) : head.Defect;
+    }
+    content.Problem = ProblemText(content, error);
+    return content;
+}
+
+/// The path, or its short name if the active code page has no letters for the long one.
+std::wstring SayablePath(const std::wstring& path)
+{
+    if (Utf8ToNarrow(ToUtf8(path)))
+        return path;
+    std::wstring shortPath(path.size() + MAX_PATH, L'\0');
+    const DWORD length = ::GetShortPathNameW(path.c_str(), shortPath.data(), static_cast<DWORD>(shortPath.size()));
+    shortPath.resize(length < shortPath.size() ? length : 0);
+    if (shortPath.empty() || !Utf8ToNarrow(ToUtf8(shortPath)))
+        throw Failure("the library cannot open " + ToUtf8(path) +
+                      ": the active code page lacks a character of the path");
+    return shortPath;
 }
 
 } // namespace
 
-FileContent ReadStoreFile(const fs::path& file)
+std::string NarrowPath(const std::wstring& path)
 {
-    FileContent content;
-    FileStream stream(file);
-    if (!stream.IsOpen())
-    {
-        Fail(content, KXRULE_E_FILE_OPEN, "it cannot be opened: " + SystemText(stream.Error()));
-        return content;
-    }
-    content.Bytes = stream.Size();
-    char magic[FileFormat::kMagicBytes] = {};
-    if (!stream.Read(magic, sizeof magic, false))
-    {
-        Fail(content, KXRULE_E_FILE_READ, "it cannot be read");
-        return content;
-    }
-    const std::string_view word(magic, sizeof magic);
-    content.Known = true;
-    try
-    {
-        if (word == FileFormat::kMasterMagic)
-        {
-            content.Kind = FileKind::Master;
-            ReadMaster(stream, content);
-        }
-        else if (word == FileFormat::kMacroMagic)
-        {
-            content.Kind = FileKind::Macros;
-            ReadMacros(stream, content);
-        }
-        else if (word == FileFormat::kRuleSetMagic)
-        {
-            content.Kind = FileKind::RuleSet;
-            ReadRuleSet(stream, content);
-        }
-        else
-        {
-            content.Known = false;
-            Fail(content, KXRULE_E_FILE_READ,
-                 content.Bytes == 0 ? "it is empty" : "it does not begin as a rule file does");
-        }
-    }
-    catch (CEncryptStream::Exception)
-    {
-        Fail(content, KXRULE_E_FILE_READ, "it is damaged or cut short");
-    }
-    return content;
+    return *Utf8ToNarrow(ToUtf8(SayablePath(path)));
 }
 
-bool IsRuleSetFileName(const fs::path& name)
+StoreFile::StoreFile(const std::wstring& path)
 {
-    return RuleFiles::IsRuleSetFileName(ToUtf8(name.wstring()));
+    const std::filesystem::path sayable = SayablePath(path);
+    Directory.Locate(NarrowPath(sayable.parent_path().wstring()), FileFormat::kMasterFileName);
+    Name = NarrowPath(sayable.filename().wstring());
 }
 
-fs::path UsedMacroFileName(const MasterFields& fields, const fs::path& master)
+RuleDirectory StoreAt(const std::wstring& path, const std::string& masterFileName)
 {
-    fs::path name = FromUtf8(NarrowToUtf8(fields.MacroFileName));
-    const bool isUsed = RuleFiles::IsBareName(fields.MacroFileName) && !IsRuleSetFileName(name) &&
-                        !KxCommon::String::EqualNoCase(name.wstring(), master.wstring());
-    return isUsed ? name : fs::path(FileFormat::kMacroFileName);
+    const std::optional<std::string> master = Utf8ToNarrow(masterFileName);
+    if (!master)
+        throw Failure("the active code page lacks a character of the master file's name");
+    RuleDirectory directory;
+    directory.Locate(NarrowPath(path), master->empty() ? FileFormat::kMasterFileName : *master);
+    MasterFields fields;
+    CEncryptFile file;
+    if (directory.OpenToLook(file, directory.MasterFileName()) == FileDefect::None)
+        static_cast<void>(MasterFormat::Read(file, fields)); // a damaged one may still name it
+    static_cast<void>(directory.TakeMacroFileName(fields.MacroFileName));
+    return directory;
 }
 
-std::vector<fs::path> StoreFileNames(const fs::path& directory, const std::string& masterFileName)
+FileContent ReadStoreFile(const RuleDirectory& directory, const std::string& fileName)
 {
-    const fs::path master = FromUtf8(masterFileName.empty() ? FileFormat::kMasterFileName : masterFileName);
-    fs::path macros = FileFormat::kMacroFileName;
-    std::error_code error;
-    std::vector<fs::path> names;
-    if (fs::is_regular_file(directory / master, error))
-    {
-        names.push_back(master);
-        macros = UsedMacroFileName(ReadStoreFile(directory / master).Master, master);
-    }
-    if (fs::is_regular_file(directory / macros, error))
-        names.push_back(macros);
-    std::vector<fs::path> ruleSets;
-    for (const fs::directory_entry& entry : fs::directory_iterator(directory, error))
-    {
-        if (entry.is_regular_file(error) && IsRuleSetFileName(entry.path().filename()))
-            ruleSets.push_back(entry.path().filename());
-    }
-    std::sort(ruleSets.begin(), ruleSets.end());
-    names.insert(names.end(), ruleSets.begin(), ruleSets.end());
+    return Read(directory, fileName, nullptr);
+}
+
+FileContent ReadStoreFile(const RuleDirectory& directory, const std::string& fileName, FileKind kind)
+{
+    return Read(directory, fileName, &kind);
+}
+
+std::vector<std::string> StoreFileNames(const RuleDirectory& directory)
+{
+    std::vector<std::string> names;
+    if (!directory.FindFiles(names))
+        throw Failure(NarrowToUtf8(directory.Path()) + " cannot be searched: " + SystemText(::GetLastError()));
+    const auto ruleSets = std::find_if(names.begin(), names.end(), RuleFiles::IsRuleSetFileName);
+    std::sort(ruleSets, names.end());
     return names;
 }
 
-std::vector<fs::path> TemporaryFileNames(const fs::path& directory)
+std::vector<std::string> TemporaryFileNames(const RuleDirectory& directory)
 {
-    std::vector<fs::path> names;
-    std::error_code error;
-    for (const fs::directory_entry& entry : fs::directory_iterator(directory, error))
-    {
-        const std::wstring name = entry.path().filename().wstring();
-        const bool prefix = StartsWith(name, FileFormat::kMasterTemporary) ||
-                            StartsWith(name, FileFormat::kMacroTemporary) ||
-                            StartsWith(name, FileFormat::kRuleSetTemporary);
-        // The system puts one to four hexadecimal digits between the three characters and the extension.
-        const size_t digits = name.size() > 7 ? name.size() - 7 : 0;
-        if (entry.is_regular_file(error) && prefix && EndsWith(name, ".tmp") && digits >= 1 && digits <= 4 &&
-            std::all_of(name.begin() + 3, name.begin() + 3 + static_cast<std::ptrdiff_t>(digits),
-                        [](wchar_t c) { return std::iswxdigit(c) != 0; }))
-            names.push_back(entry.path().filename());
-    }
+    std::vector<std::string> names;
+    static_cast<void>(directory.FindTemporaryFiles(names));
     std::sort(names.begin(), names.end());
     return names;
 }
 
-void CopyFiles(const fs::path& from, const fs::path& to, const std::vector<fs::path>& names)
+void CopyFiles(const RuleDirectory& from, const RuleDirectory& to, const std::vector<std::string>& names)
 {
-    std::error_code error;
-    fs::create_directories(to, error);
-    if (!fs::is_directory(to))
-        throw Failure(ToUtf8(to.wstring()) + " cannot be made: " + SystemText(static_cast<uint32_t>(error.value())));
-    for (const fs::path& name : names)
+    for (size_t i = 0; i < names.size(); ++i)
     {
-        if (::CopyFileW((from / name).c_str(), (to / name).c_str(), FALSE) == FALSE)
-            throw Failure("copying " + ToUtf8((from / name).wstring()) + " to " + ToUtf8(to.wstring()) + ": " +
-                          SystemText(::GetLastError()));
+        if (from.CopyTo(to, names[i]))
+            continue;
+        const DWORD error = ::GetLastError();
+        for (size_t copied = 0; copied <= i; ++copied)
+            to.Remove(names[copied]);
+        throw Failure("copying " + NarrowToUtf8(from.Path() + names[i]) + " to " + NarrowToUtf8(to.Path()) + ": " +
+                      SystemText(error));
     }
 }
 
-fs::path NewBackupDirectory(const fs::path& ruleDirectory)
+std::filesystem::path CopyToBackup(const RuleDirectory& directory, const std::vector<std::string>& names)
 {
-    SYSTEMTIME now{};
-    ::GetLocalTime(&now);
-    wchar_t dated[32] = {};
-    ::swprintf(dated, std::size(dated), L"%02d%02d%02d%02d%02d%02d", now.wYear - 2000, now.wMonth, now.wDay, now.wHour,
-               now.wMinute, now.wSecond);
-    const fs::path below = ruleDirectory / FileFormat::kBackupDirectory;
-    std::error_code error;
-    fs::create_directories(below, error);
-    for (int attempt = 1; attempt < 100; ++attempt)
+    if (names.empty())
+        return {};
+    std::string name = directory.NewBackupDirectory();
+    if (name.empty())
+        throw Failure("no backup directory can be made in " +
+                      NarrowToUtf8(directory.Path() + FileFormat::kBackupDirectory) + ": " +
+                      SystemText(::GetLastError()));
+    name.pop_back();
+    std::filesystem::path path = FromUtf8(NarrowToUtf8(directory.Path() + name));
+    RuleDirectory backup;
+    backup.Locate(directory.Path() + name, directory.MasterFileName());
+    try
     {
-        fs::path directory = below / (attempt == 1 ? dated : dated + (L"-" + std::to_wstring(attempt)));
-        if (fs::create_directory(directory, error))
-            return directory;
-        if (error)
-            break;
+        CopyFiles(directory, backup, names);
     }
-    throw Failure("no backup directory can be made in " + ToUtf8(below.wstring()) + ": " +
-                  SystemText(static_cast<uint32_t>(error.value())));
+    catch (const Failure&)
+    {
+        std::error_code error;
+        std::filesystem::remove(path, error);
+        throw;
+    }
+    return path;
 }
 
 } // namespace Tool

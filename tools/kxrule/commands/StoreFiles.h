@@ -5,7 +5,9 @@
 #include <string>
 #include <vector>
 
+#include "persistence/FileHead.h"
 #include "persistence/MasterFormat.h"
+#include "persistence/RuleDirectory.h"
 #include "policy/Policy.h"
 #include "tools/kxrule/console/Console.h"
 
@@ -14,13 +16,6 @@ namespace Tool
 
 using namespace KxPolicy;
 
-enum class FileKind
-{
-    Master,
-    Macros,
-    RuleSet
-};
-
 enum class Finding
 {
     Good,
@@ -28,13 +23,13 @@ enum class Finding
     Damaged // the library would not take it as it is
 };
 
-/// What is in one file of the three kinds. After damage the fields hold what lay in front of it.
+/// What is in one file of the three kinds. After a defect the fields hold what lay before it.
 struct FileContent
 {
     FileKind Kind = FileKind::RuleSet;
-    bool Known = false;  // the magic is one of the three
-    std::string Problem; // empty: everything could be read
-    int32_t Result = 0;  // the library's code for the problem
+    bool IsKnown = false; // it begins as a rule file does
+    FileDefect Defect = FileDefect::None;
+    std::string Problem; // the defect in words; empty: everything could be read
     uint32_t Version = 0;
     uint64_t Bytes = 0;
     MasterFields Master;
@@ -43,12 +38,29 @@ struct FileContent
     uint32_t RuleCount = 0; // as the file's head gives it
 };
 
-/// Reads any of the three; the magic decides which.
-[[nodiscard]] FileContent ReadStoreFile(const std::filesystem::path& file);
+/// A file as the library names it: its directory, and its name there in the active code page. Throws Failure when the code
+/// page lacks a character of the path and there is no short name.
+struct StoreFile
+{
+    explicit StoreFile(const std::wstring& path);
+    RuleDirectory Directory;
+    std::string Name;
+};
+
+/// A path in the active code page, by its short name where the long one has no counterpart. Throws Failure.
+[[nodiscard]] std::string NarrowPath(const std::wstring& path);
+/// The rule directory of a path, with the macro file that its master file names. An empty name of the master file (UTF-8)
+/// stands for the default. Throws Failure.
+[[nodiscard]] RuleDirectory StoreAt(const std::wstring& path, const std::string& masterFileName);
+
+/// Reads any of the three kinds; the magic decides which.
+[[nodiscard]] FileContent ReadStoreFile(const RuleDirectory& directory, const std::string& fileName);
+/// The same for a file that is to be of a kind: another one is a defect.
+[[nodiscard]] FileContent ReadStoreFile(const RuleDirectory& directory, const std::string& fileName, FileKind kind);
 
 struct FileReport
 {
-    std::filesystem::path File;
+    std::string File; // UTF-8
     Finding What = Finding::Good;
     std::string Content;     // what is in it, in a few words
     std::string Problem;     // what is wrong
@@ -63,23 +75,16 @@ struct StoreReport
 
 /// Checks a rule directory as kxRuleRead would find it. The console shows progress. A thorough check
 /// looks into the rules, too.
-[[nodiscard]] StoreReport CheckStore(const std::filesystem::path& directory, const std::string& masterFileName,
-                                     Console& console, bool thorough);
+[[nodiscard]] StoreReport CheckStore(const RuleDirectory& directory, Console& console, bool thorough);
 
-/// Master, macro and rule set files that exist in a directory, as bare names.
-[[nodiscard]] std::vector<std::filesystem::path> StoreFileNames(const std::filesystem::path& directory,
-                                                                const std::string& masterFileName);
-/// The macro file that the library uses with this master file: the one it names unless the name is refused.
-[[nodiscard]] std::filesystem::path UsedMacroFileName(const MasterFields& fields, const std::filesystem::path& master);
+/// Master, macro and rule set files that exist in a directory, in this order.
+[[nodiscard]] std::vector<std::string> StoreFileNames(const RuleDirectory& directory);
 /// Leftovers of writes that did not come to their end.
-[[nodiscard]] std::vector<std::filesystem::path> TemporaryFileNames(const std::filesystem::path& directory);
-/// Whether the library takes a name for that of a rule set file.
-[[nodiscard]] bool IsRuleSetFileName(const std::filesystem::path& name);
+[[nodiscard]] std::vector<std::string> TemporaryFileNames(const RuleDirectory& directory);
 
-/// Copies files from one directory to another, which is made when it is missing. Throws Failure.
-void CopyFiles(const std::filesystem::path& from, const std::filesystem::path& to,
-               const std::vector<std::filesystem::path>& names);
-/// A new directory below RuleBackup, named by the local time. Throws Failure.
-[[nodiscard]] std::filesystem::path NewBackupDirectory(const std::filesystem::path& ruleDirectory);
+/// Copies files to a directory that holds none of them, flushed. Throws Failure; nothing of the copies is left then.
+void CopyFiles(const RuleDirectory& from, const RuleDirectory& to, const std::vector<std::string>& names);
+/// Copies files into a new dated directory below RuleBackup and returns it; without files nothing. Throws Failure.
+std::filesystem::path CopyToBackup(const RuleDirectory& directory, const std::vector<std::string>& names);
 
 } // namespace Tool
