@@ -139,9 +139,9 @@ bool RuleDirectory::MayExist(const std::string& fileName) const
     return Files::MayExist(PathOf(fileName).c_str());
 }
 
-void RuleDirectory::Remove(const std::string& fileName) const
+bool RuleDirectory::Remove(const std::string& fileName) const
 {
-    static_cast<void>(Files::Delete(PathOf(fileName).c_str()));
+    return Files::Delete(PathOf(fileName).c_str());
 }
 
 // A directory that bears a rule file's name holds nothing that could be kept.

@@ -68,7 +68,8 @@ public:
     /// Appends what unfinished writes have left.
     [[nodiscard]] bool FindTemporaryFiles(std::vector<std::string>& names) const;
     [[nodiscard]] bool MayExist(const std::string& fileName) const;
-    void Remove(const std::string& fileName) const;
+    /// Whether the file is gone.
+    bool Remove(const std::string& fileName) const;
     /// Writes a temporary file, flushes it, asks the keeper, and puts it over the real one. On any failure the real file
     /// keeps its content under its name (unless the move was refused and the copy in its place broke off), and the
     /// temporary file stays, whole in that case. Every failure is traced.
