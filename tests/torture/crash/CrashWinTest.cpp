@@ -1,0 +1,572 @@
+// Every state that a crash or a power loss can leave: a scenario is recorded once, each state on the way is laid out, read
+// and written on, and compared with what callers had been told. docs/recovery.md, "Crash states".
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <regex>
+#include <set>
+#include <utility>
+
+#include "api/include/KxPfwRule.h"
+#include "persistence/FileFormat.h"
+#include "tests/support/MemoryStream.h"
+#include "tests/support/TempDir.h"
+#include "tests/torture/crash/Models.h"
+#include "tests/torture/crash/Story.h"
+
+using namespace Crash;
+
+namespace
+{
+
+constexpr char kDirectory[] = "M:\\store\\";
+constexpr Model kModels[] = {Model::Kill, Model::Journal, Model::Reorder};
+constexpr const char* kModelNames[] = {"kill", "journal", "reorder"};
+
+const struct Scenario
+{
+    const char* Name;
+    const char* Given;    // what lies there before
+    const char* Act;      // what is cut off
+    bool MayMove = false; // damage was given: sets may be rescue sets, or wait in RuleBackup
+} kScenarios[] = {
+    {"first write", "", "open; set 1; set 0; macro m; active 1; write"},
+    {"one rule", "store 3", "open; rule 2 9; write"},
+    {"all sets", "store 3", "open; touch 9; write"},
+    {"add", "store 3", "open; set 0; write; set 7; stop"},
+    {"delete", "store 3", "open; delete 2; rule 3 9; delete 1; write"},
+    {"delete all", "store 3", "open; delete 0; set 0; stop"},
+    {"macros", "store 3", "open; macro more; write; macro most; flush"},
+    {"active list", "store 3", "open; active 3 2; write; active; stop"},
+    {"several in one write", "store 3", "open; rule 1 9; set 9; macro more; active 9; delete 2; write"},
+    {"reuse of an index", "store 3", "open; delete 2; set 2 5; write"},
+    {"rename by delete and add", "store 3", "open; set 9; write; delete 2; stop"},
+    {"exchanged names", "store 3; swap 1 2", "open; rule 1 9; write; rule 2 9; stop"},
+    {"three names in a ring", "store 4; swap 1 2; swap 2 3", "open; rule 1 9; write"},
+    {"foreign name",
+     "store 3; open; set 7; stop; copy 7 aside; open; delete 7; die; rename aside moved; erase 3; rename moved 3",
+     "open; set 3; write; rule 7 9; stop"},
+    {"after a rescue", "store 3; cut 2 3000", "open; rule 2 9; write; delete 2", true},
+    {"after a damaged master", "store 3; cut KxRulMas.dat 200", "open; set 0; write; open", true},
+    {"after a missing master", "store 3; erase KxRulMas.dat", "open; set 2; write", true},
+    {"old version", "store 3; old 2", "open; rule 2 9; write; rule 2 10; write"},
+    {"write after a failed read", "store 3; cut KxRulMac.dat 60", "open -10056; set 2; write", true},
+    {"write without a read", "store 3", "unread; set 2; write", true},
+    {"leftovers of an earlier crash", "store 3; copy 1 Rul1.tmp; cut Rul1.tmp 5000; copy 3 4", "open; set 4; write"},
+    {"held targets", "store 3",
+     "open; touch 9; share 2; write -10057; letgo; hold KxRulMas.dat; write -10057; letgo; write"},
+    {"timer", "store 3", "open; rule 1 9; tick; delete 3; set 8; tick"},
+};
+
+/// A scenario with all that was done to the disk.
+struct Recording
+{
+    Disk Base;
+    std::vector<Step> Steps;
+    std::vector<Content> Contents;             // the first is what the base holds
+    std::map<std::string, std::string> Hidden; // files of the base that hold more than memory did
+    bool MayMove = false, IsBlind = false, IsDamaged = false;
+    int32_t ReadResult = 0;           // of the base
+    std::vector<Content> Wanted = {}; // of a run in which a call was refused: the contents without that
+};
+
+bool IsRuleSetFile(const std::string& path)
+{
+    return path.substr(path.rfind('\\') + 1).starts_with("KxRl");
+}
+
+// RecordsIn, remembered: the same files come again and again.
+const std::string& Records(const std::string& file)
+{
+    static std::map<size_t, std::string> s_Known; // by digest
+    const auto [entry, isNew] = s_Known.try_emplace(std::hash<std::string>()(file));
+    if (isNew)
+        entry->second = RecordsIn(file);
+    return entry->second;
+}
+
+// Whether a file that the documents tell to look at holds them.
+bool IsKept(const std::string& records)
+{
+    return std::any_of(g_Room.Now.Names.begin(), g_Room.Now.Names.end(),
+                       [&](const auto& name)
+                       {
+                           return name.second != Disk::kDirectory && !name.first.ends_with(".tmp") &&
+                                  Records(g_Room.Now.Files[name.second]) == records;
+                       });
+}
+
+bool HasFile(const std::string& bytes)
+{
+    return std::any_of(g_Room.Now.Names.begin(), g_Room.Now.Names.end(),
+                       [&](const auto& name) {
+                           return name.second != Disk::kDirectory && !name.first.ends_with(".tmp") &&
+                                  g_Room.Now.Files[name.second] == bytes;
+                       });
+}
+
+bool HoldsSet(const Content& content, const std::string& set)
+{
+    return std::any_of(content.Sets.begin(), content.Sets.end(),
+                       [&](const auto& entry) { return entry.second == set; });
+}
+
+void ClearRoom(bool isReal = false)
+{
+    g_Room = {};
+    g_Room.IsReal = isReal;
+    g_Room.Now.Do({Step::Kind::MakeDirectory, "M:\\store"});
+}
+
+Recording Record(const Scenario& scenario)
+{
+    Recording recording;
+    recording.MayMove = scenario.MayMove;
+    ClearRoom();
+    Story given(kDirectory);
+    given.Tell(scenario.Given);
+    recording.Base = g_Room.Now;
+    Story before(kDirectory);
+    before.Tell("open");
+    recording.ReadResult = before.Results.back();
+    g_Room.Now = recording.Base;
+    g_Room.Steps.clear();
+    Story story(kDirectory);
+    story.Contents = {before.Now()};
+    story.Tell(std::string(scenario.Act) + "; die");
+    EXPECT_EQ(given.Surprises, std::vector<std::string>()) << scenario.Name;
+    EXPECT_EQ(story.Surprises, std::vector<std::string>()) << scenario.Name;
+    recording.Steps = g_Room.Steps;
+    recording.Contents = story.Contents;
+    recording.IsBlind = story.IsBlind;
+    for (const auto& [path, file] : recording.Base.Names)
+    {
+        if (file != Disk::kDirectory && !path.ends_with(".tmp") &&
+            (story.IsBlind ||
+             (IsRuleSetFile(path) && !HoldsSet(story.Contents[0], Records(recording.Base.Files[file])))))
+            recording.Hidden[path] = recording.Base.Files[file];
+    }
+    return recording;
+}
+
+/// Lays a state out, lives on, and tells what is lost.
+class Check
+{
+public:
+    Check(const Recording& recording, const State& state)
+        : m_Recording(recording), m_Hidden(recording.Hidden),
+          m_Allowed(recording.Contents.begin() + static_cast<ptrdiff_t>(state.Acknowledged),
+                    recording.Contents.begin() + static_cast<ptrdiff_t>(std::max(state.Acknowledged, state.Attempted)) +
+                        1)
+    {
+        g_Room.Now = state.Left;
+        g_Room.Steps.clear();
+        m_Life.Contents = {Content()};
+        m_Life.Tell("open");
+        const int32_t result = m_Life.Results.back();
+        const bool isOfMacros = result == KXRULE_E_FILE_READ || result == KXRULE_E_MACRO_FORMAT;
+        if (result == recording.ReadResult || (isOfMacros && recording.IsDamaged))
+            m_Life.Surprises.clear();
+        ReadSteps = g_Room.Steps;
+        const Content now = m_Life.Now();
+        Compare(now);
+        LookForKept("the read");
+        std::erase_if(
+            m_Hidden, [&](const auto& file)
+            { return (recording.IsBlind || !recording.Wanted.empty()) && IsRead(file.first, file.second, now); });
+        if (!Lost.empty())
+            return;
+        // Three more lives, each of which changes, writes and goes.
+        std::set<uint16_t> missing;
+        for (const Content& content : m_Allowed)
+            for (const auto& set : content.Sets)
+                missing.insert(set.first);
+        for (const uint16_t index : missing)
+            if (now.Sets.count(index) == 0)
+                m_Life.Tell("set " + std::to_string(index) + " 1");
+        LiveOn("touch 500; write", "the first life");
+        const std::string first = now.Sets.empty() ? "" : "; delete " + std::to_string(now.Sets.begin()->first);
+        LiveOn("touch 501; macro later" + first + "; flush", "the second life");
+        LiveOn("set 0 1; touch 502", "the third life");
+    }
+
+    std::string Lost; // what, and when; empty when nothing is
+    bool IsMoved = false;
+    std::vector<Step> ReadSteps; // of the first read
+
+private:
+    void Lose(const std::string& what)
+    {
+        if (Lost.find(what) == std::string::npos)
+            Lost += (Lost.empty() ? "" : "; ") + what;
+    }
+    template <class Is>
+    [[nodiscard]] static bool IsAny(const std::vector<Content>& contents, const Is& is)
+    {
+        return std::any_of(contents.begin(), contents.end(), is);
+    }
+
+    void Compare(const Content& now)
+    {
+        std::set<uint16_t> indexes;
+        for (const auto& set : now.Sets)
+            indexes.insert(set.first);
+        for (const Content& content : m_Recording.Contents)
+            for (const auto& set : content.Sets)
+                indexes.insert(set.first);
+        for (const uint16_t index : indexes)
+            CompareSet(index, now.Set(index));
+        if (!IsAny(m_Allowed, [&](const Content& content) { return content.Macros == now.Macros; }) &&
+            !IsHidden(now.Macros) && !MayMove(m_Allowed[0].Macros) &&
+            (!m_Recording.IsDamaged || IsRuleSetFile(m_Recording.Hidden.begin()->first)))
+            Lose("macros");
+        if (!IsAny(m_Allowed, [&](const Content& content) { return content.Active == now.Active; }) &&
+            !m_Recording.IsBlind && !(IsMoved && now.Active.empty()))
+            Lose("active list");
+    }
+    void CompareSet(uint16_t index, const std::string& now)
+    {
+        const std::string name = "set " + std::to_string(index);
+        const auto is = [&](const Content& content) { return content.Set(index) == now; };
+        if (IsAny(m_Allowed, is))
+            return CompareWithWanted(index, now);
+        if (!now.empty() && !IsRescue(now))
+        {
+            const auto isUnnoticed = [](const auto& file)
+            { return IsRuleSetFile(file.first) && !Records(file.second).empty(); };
+            const bool isGiven =
+                m_Recording.IsBlind && (is(m_Recording.Contents[0]) || IsHidden(now) ||
+                                        (m_Recording.IsDamaged && isUnnoticed(*m_Recording.Hidden.begin())));
+            return isGiven ? void() : Lose(name + (IsAny(m_Recording.Contents, is) ? " is stale" : " is nobody's"));
+        }
+        const auto has = [&](const Content& content) { return !content.Set(index).empty(); };
+        // Gone, or a rescue set: then it is kept somewhere, or was only a rescue set before.
+        const bool isKept = IsAny(m_Allowed, [&](const Content& content) { return MayMove(content.Set(index)); });
+        if (!isKept && !(m_Recording.IsDamaged && !IsAny(m_Allowed, has)))
+            Lose(name + (now.empty() ? " is gone" : " is a rescue set"));
+    }
+    // What a refused call has kept from memory is kept on the disk, unless the story itself deletes it.
+    void CompareWithWanted(uint16_t index, const std::string& now)
+    {
+        const auto lacks = [&](const Content& content) { return content.Set(index).empty(); };
+        const auto isKept = [&](const Content& content) { return MayMove(content.Set(index)); };
+        char name[16] = ""; // of a file that is looked for anyway
+        std::snprintf(name, sizeof name, "KxRl%04X.dat", index);
+        if (m_Recording.Hidden.count(kDirectory + std::string(name)) != 0)
+            return;
+        if ((now.empty() || IsRescue(now)) && !m_Recording.Wanted.empty() && !IsAny(m_Recording.Wanted, lacks) &&
+            !IsAny(m_Recording.Wanted, isKept))
+            Lose("set " + std::to_string(index) + " is gone for good");
+    }
+    // Whether these records may be missing in memory, because they lie elsewhere or never were a user's.
+    bool MayMove(const std::string& records)
+    {
+        if (!m_Recording.MayMove || records.empty() || (!IsRescue(records) && !IsKept(records)))
+            return false;
+        if (!IsRescue(records))
+            m_Moved.insert(records);
+        IsMoved = true;
+        return true;
+    }
+    [[nodiscard]] bool IsHidden(const std::string& set) const
+    {
+        return std::any_of(m_Recording.Hidden.begin(), m_Recording.Hidden.end(),
+                           [&](const auto& file) { return Records(file.second) == set; });
+    }
+    // Whether this life knows what the file holds.
+    [[nodiscard]] bool IsRead(const std::string& path, const std::string& bytes, const Content& now) const
+    {
+        if (IsRuleSetFile(path) && (!m_Recording.IsDamaged || Records(bytes).empty()))
+            return HoldsSet(now, Records(bytes));
+        const auto found = g_Room.Now.Names.find(path);
+        return found != g_Room.Now.Names.end() && g_Room.Now.Files[found->second] == bytes;
+    }
+    // What memory does not hold must go on lying somewhere.
+    void LookForKept(const std::string& since)
+    {
+        for (const auto& [path, bytes] : m_Hidden)
+            if (!HasFile(bytes))
+                Lose("what was in " + path + " is gone after " + since);
+        for (const std::string& records : m_Moved)
+            if (!IsKept(records))
+                Lose("what was moved is gone after " + since);
+        for (const std::string& surprise : m_Life.Surprises)
+            Lose(surprise + " in " + since);
+    }
+    void LiveOn(const std::string& sentences, const std::string& life)
+    {
+        m_Life.Tell(sentences);
+        const Content expected = m_Life.Now();
+        m_Life.Tell(sentences.ends_with("write") || sentences.ends_with("flush") ? "die" : "stop");
+        m_Life.Tell("open");
+        if (m_Life.Now() != expected)
+            Lose("what was changed in " + life);
+        LookForKept(life);
+    }
+
+    const Recording& m_Recording;
+    std::map<std::string, std::string> m_Hidden;
+    std::vector<Content> m_Allowed; // what must be there, to what may be there
+    Story m_Life{kDirectory};
+    std::set<std::string> m_Moved;
+};
+
+/// All states of a recording, each content looked at once.
+class Campaign
+{
+public:
+    struct Row
+    {
+        size_t Enumerated = 0, Distinct = 0, Lost = 0, Moved = 0;
+        std::string FirstLoss = {};
+    };
+
+    explicit Campaign(const Recording& recording) : m_Recording(recording) {}
+
+    /// Twice: the reads that find these states are cut off as well.
+    Row Run(Model model, bool isTwice = false)
+    {
+        Row row;
+        m_Seen.clear();
+        Visit(model, m_Recording.Base, m_Recording.Steps, {}, row, isTwice);
+        return row;
+    }
+
+private:
+    void Visit(Model model, const Disk& base, const std::vector<Step>& steps, const State& from, Row& row, bool isTwice)
+    {
+        const auto look = [&](const State& state)
+        {
+            ++row.Enumerated;
+            const size_t digest = Digest(state);
+            if (!m_Seen.insert(digest).second)
+                return;
+            ++row.Distinct;
+            auto known = m_Checks.find(digest);
+            if (known == m_Checks.end())
+            {
+                const Check check(m_Recording, state);
+                known = m_Checks.emplace(digest, Verdict{check.Lost, check.IsMoved, check.ReadSteps}).first;
+            }
+            const Verdict& verdict = known->second;
+            row.Moved += verdict.IsMoved ? 1 : 0;
+            if (!verdict.Lost.empty() && row.Lost++ == 0)
+                row.FirstLoss =
+                    verdict.Lost + " when " + std::to_string(state.Done) + " of " + std::to_string(steps.size()) +
+                    " steps are done, the last: " + (state.Done == 0 ? "none" : steps[state.Done - 1].Text()) + "; " +
+                    state.Missing;
+            if (isTwice && !verdict.ReadSteps.empty())
+                Visit(model, state.Left, verdict.ReadSteps, state, row, false);
+        };
+        Enumerate(model, base, steps, from, look);
+    }
+    static size_t Digest(const State& state)
+    {
+        size_t digest = state.Acknowledged * 1000 + state.Attempted;
+        const auto add = [&](const std::string& text)
+        { digest = digest * 1099511628211u ^ std::hash<std::string>()(text); };
+        for (const auto& [path, file] : state.Left.Names)
+        {
+            add(path);
+            add(file == Disk::kDirectory ? "" : state.Left.Files.at(file));
+        }
+        return digest;
+    }
+
+    struct Verdict
+    {
+        std::string Lost;
+        bool IsMoved;
+        std::vector<Step> ReadSteps;
+    };
+    const Recording& m_Recording;
+    std::map<size_t, Verdict> m_Checks; // by digest
+    std::set<size_t> m_Seen;
+};
+
+} // namespace
+
+TEST(CrashTest, NoStateLosesARule)
+{
+    for (const Scenario& scenario : kScenarios)
+    {
+        const Recording recording = Record(scenario);
+        Campaign campaign(recording);
+        for (const bool isTwice : {false, true})
+        {
+            for (const Model model : kModels)
+            {
+                const Campaign::Row row = campaign.Run(model, isTwice);
+                const std::string name = std::string(scenario.Name) + " | " + kModelNames[static_cast<int>(model)] +
+                                         (isTwice ? ", twice" : "");
+                std::printf("crash | %s | %zu | %zu | %zu | %zu |\n", name.c_str(), row.Enumerated, row.Distinct,
+                            row.Lost, row.Moved);
+                EXPECT_EQ(row.Lost, 0u) << name << ": " << row.FirstLoss;
+            }
+        }
+    }
+}
+
+// A library with such a fault would be found out; so its absence is seen.
+TEST(CrashTest, PlantedFaultsAreFound)
+{
+    std::vector<Recording> recordings;
+    for (const Scenario& scenario : kScenarios)
+        recordings.push_back(Record(scenario));
+    const char* const names[] = {"flush dropped",           "flush after the move",  "written in place",
+                                 "deleted before the move", "master before the set", "copy kept after the overwrite"};
+    for (size_t fault = 0; fault < std::size(names); ++fault)
+    {
+        size_t lost[std::size(kModels)] = {}, finders = 0;
+        for (Recording recording : recordings)
+        {
+            recording.Steps = Plant(static_cast<PlantedFault>(fault), recording.Base, recording.Steps);
+            Campaign campaign(recording);
+            const size_t before = lost[0] + lost[1] + lost[2];
+            for (const Model model : kModels)
+                lost[static_cast<int>(model)] += campaign.Run(model).Lost;
+            finders += lost[0] + lost[1] + lost[2] != before ? 1 : 0;
+        }
+        std::printf("planted | %s | %zu | %zu | %zu | %zu of %zu |\n", names[fault], lost[0], lost[1], lost[2], finders,
+                    recordings.size());
+        EXPECT_NE(finders, 0u) << names[fault];
+    }
+}
+
+// The system refuses a call, or all from one on; whoever goes on as if nothing had been loses nothing either.
+TEST(CrashTest, NoRefusedCallLosesARule)
+{
+    for (const Scenario& scenario : kScenarios)
+    {
+        const Recording plain = Record(scenario);
+        size_t tries = 0;
+        for (const DWORD error :
+             {ERROR_DISK_FULL, ERROR_ACCESS_DENIED, ERROR_SHARING_VIOLATION, ERROR_CRC, ERROR_NOT_ENOUGH_MEMORY})
+        {
+            for (const bool isForGood : {false, true})
+            {
+                bool hasFailed = true;
+                for (uint32_t call = 1; hasFailed; ++call, ++tries)
+                {
+                    ClearRoom();
+                    g_Room.Now = plain.Base;
+                    g_Room.FailAt = call;
+                    g_Room.Error = error;
+                    g_Room.IsForGood = isForGood;
+                    Story story(kDirectory);
+                    story.Contents = {plain.Contents[0]};
+                    story.Tell(std::string(scenario.Act) + "; die");
+                    EXPECT_EQ(g_Room.OpenFiles(), 0u);
+                    EXPECT_LT(g_Room.Calls, Room::kMostCalls)
+                        << scenario.Name << ", error " << error << " from call " << call;
+                    hasFailed = g_Room.HasFailed();
+                    g_Room.FailAt = 0;
+                    Recording recording = plain;
+                    recording.Contents = story.Contents;
+                    recording.Wanted = plain.Contents;
+                    recording.MayMove = true;
+                    recording.IsBlind = plain.IsBlind || story.IsBlind;
+                    const auto is = [](Step::Kind kind)
+                    { return [kind](const Step& step) { return step.What == kind; }; };
+                    const auto& steps = g_Room.Steps;
+                    const auto read = std::find_if(steps.begin(), steps.end(), is(Step::Kind::Attempt));
+                    const bool isKept = std::any_of(steps.begin(), read, is(Step::Kind::MakeDirectory));
+                    const State state{g_Room.Now, 0, story.Acknowledged, story.Contents.size() - 1, ""};
+                    const Check check(recording, state);
+                    EXPECT_FALSE(isKept && error == ERROR_NOT_ENOUGH_MEMORY && !isForGood && !plain.MayMove)
+                        << "taken for damage: " << scenario.Name << ", call " << call;
+                    EXPECT_EQ(check.Lost, "") << scenario.Name << ", error " << error << " of call " << call
+                                              << (isForGood ? " and all after it" : "");
+                }
+            }
+        }
+        std::printf("refused | %s | %zu |\n", scenario.Name, tries);
+    }
+}
+
+// Files are cut, bits flipped, numbers replaced, records taken from other files: what was not damaged is not lost.
+TEST(CrashTest, NoDamageReachesAnotherFile)
+{
+    const Recording plain = Record({"damage", "store 2", "open", true});
+    size_t tries = 0;
+    const auto look = [&](const std::string& path, const std::string& damaged, const std::string& how)
+    {
+        Recording recording = plain;
+        recording.IsBlind = recording.IsDamaged = true;
+        recording.Hidden = {{path, damaged}};
+        State state{plain.Base, 0, 0, 0, ""};
+        std::string& file = state.Left.Files[state.Left.Names.at(path)];
+        const std::string good = std::exchange(file, damaged);
+        std::erase_if(recording.Contents[0].Sets, [&](const auto& set) { return set.second == Records(good); });
+        if (recording.Contents[0].Macros == Records(good))
+            recording.Contents[0].Macros.clear();
+        EXPECT_EQ(Check(recording, state).Lost, "") << path << ' ' << how;
+        ++tries;
+    };
+    for (const auto& [path, number] : plain.Base.Names)
+    {
+        const std::string good = number == Disk::kDirectory ? "" : plain.Base.Files.at(number);
+        for (size_t at = 0; at < good.size(); at += at < 300 ? 1 : 61)
+        {
+            look(path, good.substr(0, at), "cut at " + std::to_string(at));
+            std::string damaged = good;
+            damaged[at] = static_cast<char>(damaged[at] ^ (1 << at % 8));
+            look(path, damaged, "flipped at " + std::to_string(at));
+        }
+        for (size_t at = FileFormat::kMagicBytes; at < good.size(); at += 20)
+        {
+            for (const uint32_t value : {0u, 1u, 0x7FFFFFFFu, 0x80000000u, 0xFFFFFFFFu})
+            {
+                MemoryStream record;
+                static_cast<void>(record.WriteU32(value).Finish());
+                std::string damaged = good;
+                look(path, damaged.replace(at, 4, reinterpret_cast<const char*>(&value), 4),
+                     "length at " + std::to_string(at));
+                look(path, std::string(good).replace(at, 20, std::string(record.Data.begin(), record.Data.end())),
+                     "number at " + std::to_string(at));
+            }
+            for (const auto& [from, other] : plain.Base.Files)
+                for (size_t start = FileFormat::kMagicBytes; start < std::min<size_t>(other.size(), 200); start += 20)
+                    look(path, std::string(good).replace(at, 20, other, start, 20), "record at " + std::to_string(at));
+            if (at > 200)
+                break;
+        }
+    }
+    std::printf("damaged | %zu |\n", tries);
+}
+
+// The same scenarios on the system's disk: the same results, and the same files in the end.
+TEST(CrashTest, TheDiskInMemoryIsAsTheSystemsDisk)
+{
+    using Tree = std::multimap<std::string, size_t>; // numbers of temporary files and dates of backups left out
+    const auto add = [](Tree& tree, const std::string& path, const std::string& content)
+    {
+        static const std::regex s_Number("\\\\\\d{12}|\\\\(Mas|Mac|Rul)[0-9A-Fa-f]+\\.tmp");
+        tree.emplace(std::regex_replace(path, s_Number, "\\$1#"), std::hash<std::string>()(content));
+    };
+    for (const Scenario& scenario : kScenarios)
+    {
+        const TempDir directory;
+        Tree trees[2];
+        std::vector<int32_t> results[2];
+        for (const bool isReal : {false, true})
+        {
+            ClearRoom(isReal);
+            const std::string path = isReal ? directory.Path().string() + '\\' : kDirectory;
+            Story story(path);
+            story.Tell(std::string(scenario.Given) + ';' + scenario.Act + "; die");
+            results[isReal] = story.Results;
+            for (const auto& [name, file] : g_Room.Now.Names)
+                if (file != Disk::kDirectory)
+                    add(trees[0], name.substr(path.size() - 1), g_Room.Now.Files[file]);
+            if (isReal)
+                for (const auto& entry : std::filesystem::recursive_directory_iterator(directory.Path()))
+                    if (entry.is_regular_file())
+                        add(trees[1], entry.path().string().substr(path.size() - 1), ReadBytes(entry.path()));
+        }
+        g_Room.IsReal = false;
+        EXPECT_EQ(results[0], results[1]) << scenario.Name;
+        EXPECT_EQ(trees[0], trees[1]) << scenario.Name;
+    }
+}

@@ -1,0 +1,46 @@
+// What a file system may leave of a sequence of steps that is cut off. docs/recovery.md, "Crash states", states the models.
+#pragma once
+
+#include <functional>
+
+#include "tests/torture/crash/Disk.h"
+
+namespace Crash
+{
+
+enum class Model
+{
+    Kill,    // the process ends: what was called is there
+    Journal, // the power fails: names in order, up to any; bytes that were not flushed missing, zero or there in parts
+    Reorder // the same, but steps on different names in any order unless a flush or a write-through stands between them
+};
+
+/// One state, and which steps it is made of.
+struct State
+{
+    Disk Left;
+    size_t Done = 0;         // steps that had returned
+    size_t Acknowledged = 0; // the content that must be there,
+    size_t Attempted = 0;    // and the last that may be there
+    std::string Missing;     // steps on names that are not on the disk, and what became of bytes
+};
+
+using Visitor = std::function<void(const State&)>;
+
+/// Visits every state, many of them more than once. from tells what was acknowledged and attempted before the steps.
+void Enumerate(Model model, const Disk& base, const std::vector<Step>& steps, const State& from, const Visitor& visit);
+
+enum class PlantedFault
+{
+    FlushDropped,
+    FlushAfterMove,
+    WrittenInPlace,
+    DeletedBeforeMove,
+    MasterBeforeSet,
+    KeptAfterOverwrite // a copy of what is replaced
+};
+
+/// The same steps as a library with that fault would have done them.
+std::vector<Step> Plant(PlantedFault fault, const Disk& base, const std::vector<Step>& steps);
+
+} // namespace Crash

@@ -1,0 +1,44 @@
+// Time for the crash tests: lives are many and short, so a timer has no thread and never fires, and who sleeps wakes at once
+// in a later time.
+#include <atomic>
+
+#include "common/srclib/KxComn_Windows.h"
+
+#include "persistence/PfwTimer.h"
+
+struct CPfwTimer::Entry
+{
+};
+CPfwTimer::CPfwTimer() = default;
+CPfwTimer::~CPfwTimer() = default;
+bool CPfwTimer::Register(uint32_t, uint32_t, Callback, uint32_t, void*, bool)
+{
+    return true;
+}
+bool CPfwTimer::Unregister(uint32_t, uint32_t)
+{
+    return true;
+}
+
+namespace
+{
+
+std::atomic<ULONGLONG> g_Slept;
+
+void WINAPI SleepNot(DWORD milliseconds)
+{
+    g_Slept += milliseconds;
+}
+ULONGLONG WINAPI TimeSlept()
+{
+    return g_Slept;
+}
+
+} // namespace
+
+// What calls go through that are imported; the linker takes these before it looks into the import library.
+extern "C"
+{
+    void(WINAPI* __imp_Sleep)(DWORD) = SleepNot;
+    ULONGLONG(WINAPI* __imp_GetTickCount64)() = TimeSlept;
+}
