@@ -1,10 +1,13 @@
 #!/usr/bin/env python3
 """Kills the writer at any moment, fills the disk, runs the campaigns of torture_tests and the fuzzers; ends with a table.
 
-torture.py --preset debug --minutes 30 --seed 7     the long form
-torture.py --preset debug --short                   what the tests run: a minute or so
+torture.py --preset debug --minutes 30 --seed 7     the long form; its kills go on where an earlier run was ended
+torture.py --preset debug --short                   what the tests run: half a minute or so
+torture.py --preset debug --only crash              every state that a crash can leave
+torture.py --preset debug --only kills --kills 10000
 """
 import argparse
+import json
 import os
 import pathlib
 import random
@@ -18,6 +21,8 @@ import time
 ROOT = pathlib.Path(__file__).resolve().parent.parent
 RUN = str(ROOT / "cmake" / "wine-run.sh")
 SETS = 6
+# A rule directory that does not wait for a disk: what a kill leaves is the same.
+FAST = "/dev/shm" if os.path.isdir("/dev/shm") else None
 
 
 class Campaigns:
@@ -49,57 +54,65 @@ class Campaigns:
         for loss in losses[:5]:
             print("    " + loss, flush=True)
 
-    def start_and_kill(self, mode, directory, longest):
-        """Kills it a random time after its first sign of life; returns the numbers it has begun and done."""
-        victim = subprocess.Popen(self.victim(mode, directory), stdin=subprocess.DEVNULL, stdout=subprocess.PIPE)
+    def start_and_kill(self, mode, directory, longest, *arguments):
+        """Kills it a random time after its first sign of life; returns what it said."""
+        victim = subprocess.Popen(self.victim(mode, directory, *arguments), stdin=subprocess.DEVNULL,
+                                  stdout=subprocess.PIPE, stderr=subprocess.DEVNULL)
         first = victim.stdout.readline() if mode != "read" else b""
         time.sleep(self.random.uniform(0, longest))
         victim.kill()
         text = (first + victim.stdout.read()).decode().replace("\r", "")
         victim.wait()
-        begun = [int(n) for n in re.findall(r"begin (\d+)", text)]
-        done = [int(n) for n in re.findall(r"done (\d+)", text)]
-        return text, begun[-1] if begun else 0, done[-1] if done else 0
+        return text
 
-    def numbers(self, tries, share):
-        """Counts tries: that many, and in the long form more of them until a share of the time is used."""
-        until = time.monotonic() + self.seconds * share
-        number = 0
-        while number < tries or time.monotonic() < until:
-            yield number
-            number += 1
-
-    def kills(self, mode, tries, share=0):
-        losses = []
-        with tempfile.TemporaryDirectory() as directory:
+    def kills(self, mode, tries):
+        """Each victim looks first whether all is there that the one before was told is written. Where they have got to
+        outlasts this process, so that many can be had in batches."""
+        kept = ROOT / "build" / "torture"
+        kept.mkdir(parents=True, exist_ok=True)
+        file = kept / f"kills-{mode}.json"
+        directory = pathlib.Path(FAST or kept) / f"kx-torture-{os.getuid()}-{mode}"
+        state = {"tries": 0, "low": 1, "high": 1}
+        if file.exists() and directory.exists():
+            state = json.loads(file.read_text())
+        else:
+            shutil.rmtree(directory, ignore_errors=True)
+            directory.mkdir()
             self.run("next", directory)
-            generation = 1  # what the store is at, whole
-            for number in self.numbers(tries, share):
-                text, begun, done = self.start_and_kill(mode, directory, 0.4)
-                if "result" in text or "failed" in text or "cannot" in text:
-                    losses.append(f"kill {number}: {text.strip()[-200:]}")
-                    break
-                begun = max(begun, generation)
-                done = max(done, generation)
-                low = done if mode == "write" else 1
-                missing = 1 + begun % SETS if mode == "delete" else 0
-                code, said = self.run("check", directory, low, begun, missing)
-                if code != 0:
-                    losses.append(f"kill {number}: {said.strip()}")
-                    break
-                if mode == "delete":
-                    self.run("next", directory)  # all sets are there again
-                    begun += 1
-                generation = begun if mode == "delete" else done
-        self.row(f"killed: during {mode}", number + 1, losses)
+        losses = []
+        unborn = 0
+        while state["tries"] < tries and not losses:
+            text = self.start_and_kill(mode, directory, 0.08, state["low"], state["high"])
+            told = {word: max(map(int, re.findall(word + r" (\d+)", text)), default=0)
+                    for word in ("whole", "begin", "done")}
+            unborn = 0 if text else unborn + 1
+            if (text and not told["whole"]) or unborn > 3:
+                losses.append(f"kill {state['tries']}: {text.strip()[-300:] or 'does not begin'}")
+            elif text:
+                state["tries"] += 1
+                state["high"] = max(state["high"], told["begin"])
+                if mode == "write": # otherwise a set that was not deleted keeps its generation
+                    state["low"] = max(state["low"], told["done"])
+                file.write_text(json.dumps(state))
+        if not losses:
+            code, said = self.run("check", directory, state["low"], state["high"], *self.missing(mode, state["high"]))
+            losses += [] if code == 0 else [f"after the last kill: {said.strip()}"]
+            file.unlink(missing_ok=True)
+            shutil.rmtree(directory, ignore_errors=True)
+        self.row(f"killed: during {mode}", state["tries"], losses)
 
-    def rescue_kills(self, tries, share=0):
+    @staticmethod
+    def missing(mode, generation):
+        """The set that a killed deletion may have left out."""
+        return [1 + generation % SETS] if mode == "delete" else []
+
+    def rescue_kills(self, tries):
         """The directory of a damaged store is read by a process that is killed; the next read must end the rescue."""
         losses = []
-        with tempfile.TemporaryDirectory() as good:
+        with tempfile.TemporaryDirectory(dir=FAST) as good:
             self.run("next", good)
-            for number in self.numbers(tries, share):
-                with tempfile.TemporaryDirectory() as directory:
+            for number in range(tries):
+                with tempfile.TemporaryDirectory(dir=FAST) as directory:
                     shutil.copytree(good, directory, dirs_exist_ok=True)
                     victim = pathlib.Path(directory) / f"KxRl000{self.random.randint(1, SETS)}.dat"
                     damaged = victim.read_bytes()[: self.random.randint(0, victim.stat().st_size - 1)]
@@ -113,7 +126,7 @@ class Campaigns:
                     for name, content in others.items():
                         if (pathlib.Path(directory) / name).read_bytes() != content:
                             losses.append(f"kill {number}: {name} changed")
-        self.row("killed: during a rescue", number + 1, losses)
+        self.row("killed: during a rescue", tries, losses)
 
     def full_disk(self, step_kib):
         """A small file system as rule directory, with less and less room left."""
@@ -160,9 +173,9 @@ class Campaigns:
                 subprocess.run(["umount", directory], check=False)
         self.row("disk full: less and less room", tries, losses)
 
-    def tests(self, seconds):
+    def tests(self, seconds, program="torture_tests"):
         environment = dict(os.environ, KX_TORTURE_SEED=str(self.seed), KX_TORTURE_SECONDS=str(seconds))
-        done = subprocess.run([RUN, str(self.bin / "torture_tests.exe")], stdin=subprocess.DEVNULL, env=environment,
+        done = subprocess.run([RUN, str(self.bin / f"{program}.exe")], stdin=subprocess.DEVNULL, env=environment,
                               capture_output=True, text=True)
         told = 0
         for name, tries, lost in re.findall(r"campaign (.+): (\d+) tries, seed \d+, (\d+) lost", done.stdout):
@@ -171,7 +184,16 @@ class Campaigns:
         if done.returncode != 0:
             print(done.stdout)
             if told == 0:
-                self.row("torture_tests", 1, [f"ended with {done.returncode}"])
+                self.row(program, 1, [f"ended with {done.returncode}"])
+        return done.stdout
+
+    def crash_states(self):
+        """Every state that a crash can leave; docs/recovery.md holds these tables."""
+        said = self.tests(0, "crash_tests")
+        for kind, head in (("crash", "| Scenario | Model | Enumerated | Distinct | Lost | Moved |"),
+                           ("planted", "| Planted fault | Kill | Journal | Reorder | Scenarios that find it |")):
+            lines = re.findall(rf"^{kind} (\|.*\|)", said, re.M)
+            print("\n".join(["", head, "|" + "---|" * head.count(" |"), *lines]))
 
     def fuzzers(self, seconds):
         for target in ("files_fuzz", "rule_fuzz", "policy_fuzz"):
@@ -203,24 +225,23 @@ def main():
     parser.add_argument("--minutes", type=float, default=30)
     parser.add_argument("--seed", type=int, default=int(time.time()))
     parser.add_argument("--short", action="store_true")
-    parser.add_argument("--kills-only", action="store_true", help="for the tests: no campaign that has a test of its own")
+    parser.add_argument("--only", choices=("kills", "crash"))
+    parser.add_argument("--kills", type=int, default=10000, help="how many in all, with those of earlier runs")
     options = parser.parse_args()
     seed = 1 if options.short else options.seed
     print(f"seed {seed}", flush=True)
     campaigns = Campaigns(options.preset, seed, options.minutes)
-    if options.short:
-        campaigns.kills("write", 20)
-        campaigns.kills("delete", 10)
-        campaigns.rescue_kills(10)
-        campaigns.full_disk(256)
-    else:
-        campaigns.kills("write", 500, 0.25)
-        campaigns.kills("delete", 150, 0.06)
-        campaigns.rescue_kills(150, 0.06)
-        campaigns.full_disk(8)
-    if not options.kills_only:
+    if options.only != "crash":
+        kills = 8 if options.short else options.kills
+        campaigns.kills("write", kills * 3 // 4)
+        campaigns.kills("delete", kills // 8)
+        campaigns.rescue_kills(kills // 8)
+    if options.only is None:
+        campaigns.full_disk(256 if options.short else 8)
         campaigns.tests(0 if options.short else max(20, int(campaigns.seconds * 0.05)))
         campaigns.fuzzers(5 if options.short else 60)
+    if options.only != "kills":
+        campaigns.crash_states()
     return campaigns.table()
 
 

@@ -1,8 +1,8 @@
 // A process that is made to be killed. It fills a store generation after generation through the exports and says on
 // stdout how far it is; another run of it tells whether what lies on the disk is whole. scripts/torture.py kills it.
 //
-//   victim write  DIR   changes every rule set, writes, and again, until killed
-//   victim delete DIR   deletes rule sets and adds them anew, until killed
+//   victim write  DIR LOW HIGH   checks, changes every rule set, writes, and again, until killed
+//   victim delete DIR LOW HIGH   checks, deletes rule sets and adds them anew, until killed
 //   victim next   DIR   one generation of "write"; exit code 0, or 1 and the library's result on stdout
 //   victim read   DIR   reads once
 //   victim check  DIR LOW HIGH [SET]  every rule set (but perhaps SET, which may be missing) is whole and of a generation
@@ -154,16 +154,23 @@ int main(int argc, char** argv)
         Say("read failed", static_cast<uint32_t>(-result));
         return 1;
     }
+    const auto number = [&](int i) { return argc > i ? static_cast<uint32_t>(std::atoi(argv[i])) : 0; };
+    const bool isDeleting = mode == "delete";
     int exitCode = 0;
-    if (mode == "check" && argc > 4)
-        exitCode = Check(argv[2], static_cast<uint32_t>(std::atoi(argv[3])), static_cast<uint32_t>(std::atoi(argv[4])),
-                         static_cast<uint16_t>(argc > 5 ? std::atoi(argv[5]) : 0));
-    else if (mode == "next")
+    if (mode == "next")
         exitCode = Next(Generation() + 1);
-    else if (mode == "write" || mode == "delete")
+    else if (mode != "read")
+        exitCode =
+            Check(argv[2], number(3), number(4), static_cast<uint16_t>(isDeleting ? 1 + number(4) % kSets : number(5)));
+    if (exitCode == 0 && (mode == "write" || isDeleting))
     {
-        for (uint32_t generation = Generation() + 1; exitCode == 0; ++generation)
-            exitCode = mode == "write" ? Next(generation) : DeleteAndAdd(generation);
+        Say("whole", Generation());
+        const uint16_t last = static_cast<uint16_t>(1 + number(4) % kSets); // the set that was to be deleted and added
+        if (Stored(last).empty() && (Put(last, number(4)) != KXRULE_OK || kxRuleWrite() != KXRULE_OK))
+            exitCode = Fail("cannot add");
+        uint32_t generation = Generation();
+        while (exitCode == 0)
+            exitCode = isDeleting ? DeleteAndAdd(++generation) : Next(++generation);
     }
     // No kxRuleFinalize: it would write once more. The process ends as one that crashed does.
     std::fflush(stdout);
