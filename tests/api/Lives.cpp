@@ -56,7 +56,7 @@ FileText Decode(const std::string& bytes)
     FileContent content;
     MemoryStream stream({bytes.begin(), bytes.end()});
     if (bytes.starts_with("KMAC") && content.Read(Kind::Macros, stream).empty())
-        return {"m", content.Macros.empty() ? "" : content.Macros.front().Name()};
+        return {"m", content.Macros.empty() ? "" : content.Macros.front().Name};
     stream.Rewind();
     if (!bytes.starts_with("KRSF") || !content.Read(Kind::RuleSet, stream).empty())
     {
