@@ -14,8 +14,8 @@ A session is a text file. It begins in an empty directory and is read line by li
 
 Every other line is what came of the line above: standard output, standard error after "2>", [exit N] unless it is 0,
 and in brackets the files that were added (+), removed (-) or written (~). DIR is the session's directory, DATED a
-dated one; of a line past 300 characters the rest is a checksum. With --write the sessions are recorded anew; look at
-what changed before you keep it.
+dated one; of a line past 300 characters and of an output past ten lines the rest is a count and a checksum. What came
+in full lies in build/sessions. With --write the sessions are recorded anew; look at what changed before you keep it.
 """
 import difflib
 import os
@@ -32,12 +32,21 @@ import zlib
 ROOT = pathlib.Path(__file__).resolve().parents[2]
 RULES = "règles"
 MARKS = ("# ", "$ ", "! ", "| ")
+SHOWN, MOST = 6, 10  # lines of an output
+
+
+def shortened(lines):
+    if len(lines) <= MOST:
+        return lines
+    rest = lines[SHOWN:]
+    return lines[:SHOWN] + [f"... {len(rest)} more lines, {zlib.crc32(chr(10).join(rest).encode()):08x}"]
 
 
 class Session:
     def __init__(self, binaries, directory, environment):
         self.binaries, self.directory, self.environment = binaries, pathlib.Path(directory), environment
         self.held = None
+        self.full = []  # what came of each command, in full
 
     def start(self, program, *arguments, source=subprocess.DEVNULL, error=subprocess.DEVNULL):
         return subprocess.Popen(["wine", self.binaries / program, *arguments], cwd=self.directory, env=self.environment,
@@ -70,8 +79,12 @@ class Session:
         out, error = (self.plain(piece.decode(errors="backslashreplace")).splitlines() for piece in (out, error))
         after = self.files()
         out = [" " + line if line[:2] in MARKS else line for line in out]
-        lines = [line if len(line) <= 300 else f"{line[:250]}... {len(line)} characters, {zlib.crc32(line.encode()):08x}"
-                 for line in out + ["2> " + line for line in error]]
+        error = ["2> " + line for line in error]
+        self.full += ["$ " + shlex.join([program, *arguments]), *out, *error]
+        out, error = ([line if len(line) <= 300 else
+                       f"{line[:250]}... {len(line)} characters, {zlib.crc32(line.encode()):08x}" for line in piece]
+                      for piece in (out, error))
+        lines = shortened(out) + shortened(error)
         if process.returncode != 0:
             lines.append(f"[exit {process.returncode}]")
         touched = [("+" if path not in before else "-" if path not in after else "~") + self.plain(str(path))
@@ -149,13 +162,16 @@ def main():
                 played = session.play(file.read_text())
             finally:
                 session.end()
+        full = ROOT / "build/sessions" / file.name
+        full.parent.mkdir(parents=True, exist_ok=True)
+        full.write_text("\n".join(session.full) + "\n")
         recorded = file.read_text()
         if "--write" in sys.argv:
             file.write_text(played)
         elif played != recorded:
             different = True
             sys.stdout.writelines(difflib.unified_diff(recorded.splitlines(True), played.splitlines(True),
-                                                       f"{file.name} as recorded", "now", n=4))
+                                                       f"{file.name} as recorded", f"now, in full in {full}", n=4))
     return 1 if different else 0
 
 
