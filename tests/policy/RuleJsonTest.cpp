@@ -10,7 +10,6 @@
 #include <nlohmann/json.hpp>
 
 #include "policy/RuleFields.h"
-#include "rules/Normalise.h"
 #include "tests/support/RecordBuilder.h"
 
 using KxPolicy::Diagnostic;
@@ -53,22 +52,6 @@ std::string Contents(const Policy& policy)
     return all;
 }
 
-/// Written, read and compared; the text has to be JSON for others too.
-void ExpectSurvives(const PFW_RULE& rule, const std::string& what)
-{
-    const std::string json = KxPolicy::RuleToJson(rule);
-    ASSERT_TRUE(nlohmann::json::accept(json)) << what << "\n" << json;
-    PFW_RULE back{};
-    std::vector<Diagnostic> errors;
-    if (!KxPolicy::ReadRule(json, back, errors))
-    {
-        ASSERT_TRUE(errors.size() == 1 && rule.dwKind == KXRULE_KIND_ACCESS && Normalise::HasBlankPortList(rule))
-            << what << "\n"
-            << Texts(errors) << json;
-    }
-    ASSERT_EQ(Bytes(back), Bytes(rule)) << what << "\n" << json;
-}
-
 PFW_RULE RandomRule(std::mt19937& random, uint32_t kind)
 {
     PFW_RULE rule = Build::Rule(kind, static_cast<uint16_t>(random()));
@@ -86,26 +69,6 @@ PFW_RULE RandomRule(std::mt19937& random, uint32_t kind)
 }
 
 } // namespace
-
-TEST(RuleJson, GivesEveryRecordBack)
-{
-    std::mt19937 random(7);
-    for (const uint32_t kind : {0u, 1u, 2u, 3u, 4u, 5u, 6u, 7u, 0xFFFFFFFFu})
-    {
-        ExpectSurvives(Build::Rule(kind), "zeroes");
-        PFW_RULE ones;
-        std::memset(static_cast<void*>(&ones), 0xFF, sizeof ones);
-        ones.dwKind = kind;
-        ExpectSurvives(ones, "ones");
-        for (int round = 0; round < 40; ++round)
-        {
-            ExpectSurvives(RandomRule(random, kind),
-                           "kind " + std::to_string(kind) + " round " + std::to_string(round));
-            if (HasFatalFailure())
-                return;
-        }
-    }
-}
 
 TEST(RuleJson, GivesPoliciesBackAndIsStable)
 {

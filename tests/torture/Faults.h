@@ -1,7 +1,6 @@
 // Calls that fail on demand.
 #pragma once
 
-#include <atomic>
 #include <cstdint>
 
 // Counts calls and fails the chosen one, or all from it on. One for file calls, one for allocations.
@@ -25,5 +24,3 @@ struct Faults
 
 // Of the calling thread's allocations; the torture tests' operator new asks it.
 extern thread_local Faults g_AllocationFaults;
-// Allocations that were not given back, of all threads.
-extern std::atomic<int64_t> g_LiveAllocations;
