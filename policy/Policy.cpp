@@ -2,6 +2,7 @@
 #include "policy/Policy.h"
 
 #include <algorithm>
+#include <cstddef>
 #include <cstring>
 
 namespace KxPolicy
@@ -30,7 +31,7 @@ std::vector<unsigned char> RuleSetBytes(uint16_t index, const KxCommon::WideStri
     std::vector<unsigned char> block(KXRULE_RULESET_BYTES(rules.size()));
     PFW_RULESET* const record = reinterpret_cast<PFW_RULESET*>(block.data());
     record->wRuleSetIndex = index;
-    std::memcpy(&record->wszName, name.data(),
+    std::memcpy(block.data() + offsetof(PFW_RULESET, wszName), name.data(),
                 std::min(name.size(), size_t{KXRULE_RULESET_NAME_UNITS - 1}) * sizeof(KXWCHAR));
     record->nRuleCount = static_cast<int32_t>(rules.size());
     for (size_t i = 0; i < rules.size(); ++i)
