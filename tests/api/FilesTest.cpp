@@ -4,7 +4,9 @@
 
 #include <filesystem>
 
-#include "tests/standins/StandIn.h"
+#include "tests/standins/HashStandIn.h"
+#include "tests/support/FileContent.h"
+#include "tests/support/RegistryGuard.h"
 
 using Indexes = std::vector<uint16_t>;
 
@@ -39,6 +41,36 @@ TEST_F(FilesTest, WhatWasWrittenComesBackInANewLife)
     EXPECT_TRUE(Exists("KxRl0002.dat")) << "marked before the read";
     EXPECT_EQ(AddSet(0), 0);
     EXPECT_EQ(SetIndexes().back(), 0xAC) << "the next index is kept, too";
+}
+
+// Also those that a later one of the same index replaces: whoever watches the hash library sees the file as it is.
+TEST_F(FilesTest, RulesAreTakenOverInTheOrderOfTheFile)
+{
+    const RegistryGuard registry;
+    const TempDir folder;
+    const HashStandIn library(folder.Path());
+    library->SetHash(9);
+    ASSERT_EQ(AddSet(1), 0);
+    registry.SetText(L"InstallPath", folder.Path().native());
+    for (const Indexes& order : {Indexes{5, 7, 7}, Indexes{7, 5, 5, 7, 6}})
+    {
+        Close();
+        FileContent content;
+        content.Set = {1, L"set", 0};
+        std::vector<std::wstring> paths;
+        for (const uint16_t index : order)
+        {
+            paths.push_back(std::to_wstring(paths.size()) + L".exe");
+            content.Rules.push_back(Build::Access(index, paths.back().c_str()));
+        }
+        const std::vector<uint8_t> bytes = content.Write(FileContent::Kind::RuleSet);
+        WriteFile("KxRl0001.dat", std::string(bytes.begin(), bytes.end()));
+        library->Paths.clear();
+        Open();
+        EXPECT_EQ(library->Paths, paths);
+        for (const PFW_RULE& rule : Rules(1))
+            EXPECT_EQ(rule.Access.abAppHash[0], 9) << rule.wRuleIndex;
+    }
 }
 
 TEST_F(FilesTest, FileNamesOfTheCaller)
