@@ -1,8 +1,8 @@
 // A process that is made to be killed. It fills a store generation after generation through the exports and says on
 // stdout how far it is; another run of it tells whether what lies on the disk is whole. scripts/torture.py kills it.
 //
-//   victim write  DIR LOW HIGH   checks, changes every rule set, writes, and again, until killed
-//   victim delete DIR LOW HIGH   checks, deletes rule sets and adds them anew, until killed
+//   victim write  DIR [LOW HIGH]  checks, changes every rule set, writes, and again, until killed
+//   victim delete DIR [LOW HIGH]  checks, deletes rule sets and adds them anew, until killed
 //   victim next   DIR   one generation of "write"; exit code 0, or 1 and the library's result on stdout
 //   victim read   DIR   reads once
 //   victim check  DIR LOW HIGH [SET]  every rule set (but perhaps SET, which may be missing) is whole and of a generation
@@ -159,7 +159,7 @@ int main(int argc, char** argv)
     int exitCode = 0;
     if (mode == "next")
         exitCode = Next(Generation() + 1);
-    else if (mode != "read")
+    else if (argc > 4)
         exitCode =
             Check(argv[2], number(3), number(4), static_cast<uint16_t>(isDeleting ? 1 + number(4) % kSets : number(5)));
     if (exitCode == 0 && (mode == "write" || isDeleting))
