@@ -32,6 +32,8 @@ struct Policy
     std::optional<std::vector<uint16_t>> Active;    // nothing: the policy does not mention the active list
     std::optional<std::vector<MacroRecord>> Macros; // nothing: nor macros
     std::vector<RuleSetRecord> RuleSets;            // ascending by index, no index twice
+    bool HasRuleSets = true;                        // false: nor of rule sets
+    bool HasVersion = false;                        // of the JSON form
 };
 
 [[nodiscard]] bool IsActive(const Policy& policy, uint16_t ruleSetIndex) noexcept;

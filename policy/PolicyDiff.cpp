@@ -166,7 +166,7 @@ PolicyDiff Compare(const Policy& store, const Policy& policy, MergeMode mode)
     }
     for (const RuleSetRecord& stored : store.RuleSets)
     {
-        if (mode == MergeMode::Merge || Find(policy.RuleSets, stored.Index) != nullptr)
+        if (mode == MergeMode::Merge || !policy.HasRuleSets || Find(policy.RuleSets, stored.Index) != nullptr)
             continue;
         RuleSetChange change;
         change.Index = stored.Index;

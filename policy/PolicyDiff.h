@@ -44,8 +44,8 @@ struct PolicyDiff
     [[nodiscard]] bool IsEmpty() const noexcept { return RuleSets.empty() && !Macros && !Active; }
 };
 
-/// The store's policy is complete, as read from the library. Active list and macros are left alone when the policy does
-/// not mention them, in either mode.
+/// The store's policy is complete, as read from the library. Rule sets, active list and macros are left alone when the
+/// policy does not speak of them, in either mode.
 [[nodiscard]] PolicyDiff Compare(const Policy& store, const Policy& policy, MergeMode mode);
 
 /// How many rule sets there are after the changes.

@@ -222,6 +222,8 @@ void Reader::ReadPolicy(JsonValue value, Policy& policy)
     const Path root;
     const Members members =
         ReadMembers(value, root, {"$schema", "version", "active", "macros", "ruleSets"}, "a policy");
+    policy.HasVersion = members[1].has_value();
+    policy.HasRuleSets = members[4].has_value();
     if (members[1])
         static_cast<void>(ReadNumber(*members[1], root.Member("version"), kPolicyVersion, kPolicyVersion));
     if (members[2])

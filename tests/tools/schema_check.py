@@ -24,6 +24,7 @@ def at(document, path):
 RULE = ("ruleSets", 0, "rules", 0)
 MISTAKES = [
     (("version",), 2),
+    (("version",), None),
     (("activ",), []),
     (("active",), [0]),
     (("ruleSets", 0, "index"), 65281),
@@ -58,7 +59,10 @@ def main():
     for path, value in MISTAKES:
         wrong = copy.deepcopy(good)
         parent, last = at(wrong, path)
-        parent[last] = value
+        if value is None:
+            del parent[last]
+        else:
+            parent[last] = value
         if validator.is_valid(wrong):
             problems.append(f"takes {'/'.join(map(str, path))} = {value!r}")
     print("\n".join(problems) or f"{len(sys.argv) - 2} policies are valid, {len(MISTAKES)} mistakes are refused")
