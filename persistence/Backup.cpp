@@ -89,7 +89,8 @@ std::string RuleDirectory::NewBackupDirectory() const
     const std::string dated = FileFormat::kBackupDirectory + DateNow();
     for (unsigned number = 1;; ++number)
     {
-        const std::string name = number == 1 ? dated : dated + "-" + std::to_string(number);
+        // Always numbered: the library's own backup of the same second must not meet files of the same names.
+        const std::string name = dated + "-" + std::to_string(number);
         if (Files::MakeDirectory(PathOf(name).c_str()))
             return name + '\\';
         if (::GetLastError() != ERROR_ALREADY_EXISTS)

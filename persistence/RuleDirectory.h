@@ -89,7 +89,7 @@ public:
     /// Makes RuleBackup and a directory in it named by the local time (yyMMddHHmmss); returns its name in the rule
     /// directory, ending in a backslash. That it could not be made is found out by whoever puts something there.
     std::string CreateBackupDirectoryByDate() const;
-    /// A dated directory that did not exist before, numbered if need be; its name as above. Empty on failure
+    /// A dated directory that did not exist before, with a dash and a number; its name as above. Empty on failure
     /// (GetLastError).
     [[nodiscard]] std::string NewBackupDirectory() const;
     /// Moves the master file and every rule set file into a new dated directory. The macro file stays, and so does what
