@@ -10,6 +10,7 @@ A session is a text file. It begins in an empty directory and is read line by li
   ! fetch FILE     copies a file of the source tree
   ! copy FROM TO, ! remove PATH, ! mkdir PATH, ! truncate FILE SIZE (from the end if negative), ! flip FILE OFFSET, ! append FILE TEXT
   ! same A B       says whether two files, or what two directories hold, are the same
+  ! interrupt ARGS starts "kxrule --force --dir règles ARGS", which reads standard input, and presses Ctrl-C
   ! hold           another process has the library initialised from here on
 
 Every other line is what came of the line above: standard output, standard error after "2>", [exit N] unless it is 0,
@@ -61,6 +62,8 @@ class Session:
         windows = "Z:" + str(self.directory).replace("/", "\\")
         text = text.replace(windows.replace("\\", "\\\\"), "DIR").replace(windows, "DIR")
         text = re.sub(r"(RuleBackup[\\/]+)\d{12}(-\d+)?", r"\1DATED", text)
+        text = re.sub(r"\d{4}-\d\d-\d\d \d\d:\d\d:\d\d", "TIME", text)
+        text = re.sub(r"([\w.]+ \(process \d+\)(, )?)+", "NAME (process N)", text)  # other tests' as well
         return re.sub(r"[\0-\t\x0b-\x1f\x7f\ue000-\uf8ff]", lambda hidden: f"\\x{ord(hidden[0]):02x}", text)
 
     def kxrule(self, program, *arguments):
@@ -87,8 +90,9 @@ class Session:
         lines = shortened(out) + shortened(error)
         if process.returncode != 0:
             lines.append(f"[exit {process.returncode}]")
-        touched = [("+" if path not in before else "-" if path not in after else "~") + self.plain(str(path))
-                   for path in sorted(before.keys() | after.keys()) if before.get(path) != after.get(path)]
+        touched = sorted((("+" if path not in before else "-" if path not in after else "~") + self.plain(str(path))
+                          for path in before.keys() | after.keys() if before.get(path) != after.get(path)),
+                         key=lambda change: change[1:])
         return lines + ([f"[{' '.join(touched)}]"] if touched else [])
 
     def help(self, verb, *arguments, body=()):
@@ -118,6 +122,14 @@ class Session:
                     for top in paths)
             return ["yes" if a == b else "no: " + " ".join(str(p) for p in sorted(a.keys() | b.keys())
                                                            if a.get(p) != b.get(p))]
+        elif verb == "interrupt":
+            process = self.start("kxrule.exe", "--force", "--dir", RULES, *arguments, source=subprocess.PIPE,
+                                 error=subprocess.PIPE)
+            process.stdin.write(b" " * (1 << 20))  # more than a pipe takes: when this is done, it reads
+            process.stdin.flush()
+            process.send_signal(signal.SIGINT)
+            lines = ["2> " + line for line in process.stderr.read().decode().splitlines()]
+            return [*lines, f"[exit {process.wait()}]"]
         elif verb == "hold":
             self.held = self.start("victim.exe", "write", "held")
             self.held.stdout.readline()

@@ -12,6 +12,7 @@
 #include "policy/Utf8.h"
 #include "tools/kxrule/commands/CommandLine.h"
 #include "tools/kxrule/console/Failure.h"
+#include "tools/kxrule/console/Interrupt.h"
 
 namespace
 {
@@ -51,6 +52,7 @@ int wmain(int count, wchar_t** arguments)
             // Known before the rest is: the command line itself may be what is wrong.
             const auto end = std::find(texts.begin(), texts.end(), "--");
             json = std::find(texts.begin(), end, "--json") != end;
+            Tool::WatchInterrupts(json);
             code = Tool::RunCommandLine(texts, console);
         }
         catch (const Tool::Failure& failure)

@@ -1,14 +1,16 @@
 // Commands that care for the files: verify, backup, restore, tidy. docs/recovery.md is for those who need them.
 #include <algorithm>
+#include <iterator>
 
 #include <nlohmann/json.hpp>
 
 #include "common/srclib/KxComn_Handle.h"
-#include "persistence/FileFormat.h"
+#include "persistence/RuleFileNames.h"
 #include "policy/Utf8.h"
 #include "policy/Words.h"
 #include "tools/kxrule/commands/Commands.h"
 #include "tools/kxrule/console/Columns.h"
+#include "tools/kxrule/console/Interrupt.h"
 
 namespace Tool
 {
@@ -110,62 +112,29 @@ Json NamesAsJson(const std::vector<std::string>& names)
     return json;
 }
 
-void TellRestored(Session& session, const std::vector<std::string>& names, const fs::path& kept)
+void TellRestored(Session& session, const std::vector<std::string>& names)
 {
+    const std::string copies = ToUtf8(session.Copies().wstring());
     if (session.Options().Json)
     {
         Json json = {{"restored", NamesAsJson(names)}};
-        if (!kept.empty())
-            json["kept"] = ToUtf8(kept.wstring());
+        if (!copies.empty())
+            json["copies"] = copies;
         return session.Terminal().Out(json.dump(2) + "\n");
     }
     session.Terminal().Out(Count(names.size(), "file") + " restored" +
-                           (kept.empty() ? "" : "; what was there before lies in " + Name(kept)) + "\n");
-}
-
-int RestoreDirectory(Session& session, const fs::path& path)
-{
-    const RuleDirectory source = StoreAt(path.wstring(), session.Options().Master);
-    std::vector<std::string> names = StoreFileNames(source);
-    if (names.empty())
-        throw Failure(Name(path) + " holds no rule files");
-    if (IsSameDirectory(path, session.Directory()))
-        throw Failure(Name(path) + " is the rule directory itself");
-    const StoreReport report = CheckStore(source, session.Terminal(), false);
-    if (report.IsDamaged())
-    {
-        PrintReport(session, report);
-        throw Failure(Name(path) +
-                      " is damaged and is not restored; its good rule set files can be restored one by one");
-    }
-    if (names.front() != source.MasterFileName())
-        throw Failure(Name(path) + " holds no master file; its files can be restored one by one");
-    session.RefuseWhileInUse();
-    const RuleDirectory target = session.Store();
-    target.MakeIfMissing();
-    const std::vector<std::string> replaced = StoreFileNames(target);
-    const fs::path copies = CopyToBackup(target, replaced);
-    // The master file comes last: until it is there, the old one names the old files.
-    std::reverse(names.begin(), names.end());
-    for (const std::string& name : names)
-        PutFile(source, name, target, name);
-    for (const std::string& name : replaced)
-    {
-        if (std::find(names.begin(), names.end(), name) == names.end())
-            target.Remove(name);
-    }
-    TellRestored(session, names, copies);
-    return ExitDone;
+                           (copies.empty() ? "" : "; what was there before lies in " + Printable(copies)) + "\n");
 }
 
 int RestoreMacros(Session& session, const StoreFile& file)
 {
-    session.RefuseWhileInUse();
     RequireDirectory(session.Directory());
+    session.Claim();
+    session.BeginChange();
     const RuleDirectory target = session.Store();
-    const fs::path copies = CopyToBackup(target, StoreFileNames(target));
+    session.KeepCopy();
     PutFile(file.Directory, file.Name, target, target.MacroFileName());
-    TellRestored(session, {target.MacroFileName()}, copies);
+    TellRestored(session, {target.MacroFileName()});
     return ExitDone;
 }
 
@@ -186,14 +155,13 @@ int RestoreFile(Session& session, const fs::path& file)
     std::stable_sort(wanted.RuleSets[0].Rules.begin(), wanted.RuleSets[0].Rules.end(),
                      [](const PFW_RULE& a, const PFW_RULE& b)
                      { return uint16_t{a.wRuleIndex} < uint16_t{b.wRuleIndex}; });
-    session.OpenToChange();
+    session.OpenToChange(Session::OnDamage::Mend);
     const Policy store = session.Read();
     for (const RuleSetRecord& ruleSet : store.RuleSets)
     {
         if (ruleSet.Index != content.RuleSet.Index)
             wanted.RuleSets.push_back(ruleSet);
     }
-    session.KeepCopy();
     return ApplyPolicy(session, store, wanted, MergeMode::Replace);
 }
 
@@ -218,6 +186,7 @@ int Backup(Session& session, const std::string& target)
         throw Failure(Name(session.Directory()) + " holds no rule files");
     if (fs::exists(path, error) && !fs::is_empty(path, error))
         throw Failure(Name(path) + " is not an empty directory");
+    HoldInterrupts();
     const bool isNew = fs::create_directories(path, error);
     if (!fs::is_directory(path))
         throw Failure(Name(path) + " cannot be made: " + SystemText(static_cast<uint32_t>(error.value())));
@@ -238,6 +207,41 @@ int Backup(Session& session, const std::string& target)
     return ExitDone;
 }
 
+int RestoreDirectory(Session& session, const fs::path& path)
+{
+    const RuleDirectory source = StoreAt(path.wstring(), session.Options().Master);
+    std::vector<std::string> names = StoreFileNames(source);
+    if (names.empty())
+        throw Failure(Name(path) + " holds no rule files");
+    if (IsSameDirectory(path, session.Directory()))
+        throw Failure(Name(path) + " is the rule directory itself");
+    const StoreReport report = CheckStore(source, session.Terminal(), false);
+    if (report.IsDamaged())
+    {
+        PrintReport(session, report);
+        throw Failure(Name(path) +
+                      " is damaged and is not restored; its good rule set files can be restored one by one");
+    }
+    if (names.front() != source.MasterFileName())
+        throw Failure(Name(path) + " holds no master file; its files can be restored one by one");
+    session.Claim();
+    session.BeginChange();
+    const RuleDirectory target = session.Store();
+    const std::vector<std::string> replaced = StoreFileNames(target);
+    session.KeepCopy();
+    // The master file comes last: until it is there, the old one names the old files.
+    std::reverse(names.begin(), names.end());
+    for (const std::string& name : names)
+        PutFile(source, name, target, name);
+    for (const std::string& name : replaced)
+    {
+        if (std::find(names.begin(), names.end(), name) == names.end())
+            target.Remove(name);
+    }
+    TellRestored(session, names);
+    return ExitDone;
+}
+
 int Restore(Session& session, const std::string& source)
 {
     const fs::path path = AbsolutePath(source);
@@ -251,28 +255,38 @@ int Tidy(Session& session, bool yes)
 {
     RequireDirectory(session.Directory());
     Console& console = session.Terminal();
+    const bool json = session.Options().Json;
     const RuleDirectory store = session.Store();
-    const std::vector<std::string> names = TemporaryFileNames(store);
+    session.Claim(); // a write may be going on
+    std::vector<std::string> names;
+    for (const FileReport& file : CheckStore(store, console, false).Files)
+    {
+        if (!file.Leftover.empty())
+            names.push_back(file.Leftover);
+        else if (file.IsOnlyCopy && !json)
+            console.Out(Printable(file.File) + " stays: " + file.Problem + "\n");
+    }
     if (names.empty())
     {
-        console.Out(session.Options().Json ? "{\"removed\": []}\n" : "no temporary files\n");
+        console.Out(json ? "{\"removed\": []}\n" : "nothing to remove\n");
         return ExitDone;
     }
-    session.RefuseWhileInUse(); // a write may be going on
     for (const std::string& name : names)
-        console.Out(session.Options().Json ? "" : Printable(NarrowToUtf8(name)) + "\n");
+        console.Out(json ? "" : Printable(NarrowToUtf8(name)) + "\n");
     if (!yes && !console.Confirm("remove " + Count(names.size(), "file") + "?"))
         throw Failure("nothing is removed; --yes does so without asking");
+    session.BeginChange();
+    if (std::any_of(names.begin(), names.end(), RuleFiles::IsRuleSetFileName))
+        session.KeepCopy();
     std::vector<std::string> removed;
-    for (const std::string& name : names)
-    {
-        if (store.Remove(name))
-            removed.push_back(name);
-    }
-    if (session.Options().Json)
+    std::copy_if(names.begin(), names.end(), std::back_inserter(removed),
+                 [&store](const std::string& name) { return store.Remove(name); });
+    const std::string copies = ToUtf8(session.Copies().wstring());
+    if (json)
         console.Out(Json({{"removed", NamesAsJson(removed)}}).dump(2) + "\n");
     else
-        console.Out(Count(removed.size(), "file") + " removed\n");
+        console.Out(Count(removed.size(), "file") + " removed" +
+                    (copies.empty() ? "" : "; what was there before lies in " + Printable(copies)) + "\n");
     if (removed.size() < names.size())
         throw Failure(Count(names.size() - removed.size(), "file") + " could not be removed");
     return ExitDone;

@@ -158,7 +158,10 @@ int RefreshHashes(Session& session, const std::string& application)
     const int32_t result =
         session.Library().UpdateHashValue(path.empty() ? nullptr : path.c_str(), nullptr, TakeRefreshed, &refreshed);
     if (!refreshed.empty()) // those before a failure count as well
+    {
+        session.KeepCopy();
         session.Write();
+    }
     if (session.Options().Json)
     {
         Json json = Json::array();

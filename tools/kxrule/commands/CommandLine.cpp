@@ -39,12 +39,17 @@ public:
         m_App.add_option("--dir", m_Options.Directory, "The rule directory; by default the library's own")
             ->type_name("DIR");
         m_App.add_option("--master", m_Options.Master, "The name of the master file in it")->type_name("NAME");
-        m_App.add_flag("--json", m_Options.Json, "Print JSON for other programs; errors are JSON on standard error");
-        m_App.add_flag("--no-color", m_Options.NoColour, "No colours; the environment variable NO_COLOR does the same");
-        m_App.add_flag("--force", m_Options.Force, "Change the store even while another process uses it");
+        m_App.add_flag("--json", m_Options.Json, "Print JSON for other programs; errors, too, on standard error");
+        m_App.add_flag("--no-color", m_Options.NoColour, "No colours, as with the environment variable NO_COLOR");
+        m_App.add_flag("--force", m_Options.Force,
+                       "Change the store even while another process uses it, and one that is damaged");
+        m_App.add_option("--wait", m_Options.Wait, "How long to wait for others who change a store; 10 if not given")
+            ->check(InRange(0, 86400))
+            ->type_name("SECONDS");
         m_App.set_version_flag("--version", "kxrule " KX_VERSION);
         m_App.footer("Example:\n  kxrule --dir C:\\ProgramData\\Firewall\\Rules list\n\n"
-                     "Exit codes: 0 done, 1 failed, 2 usage error, 3 import --check found differences.");
+                     "Exit codes: 0 done, 1 failed, 2 usage error, 3 import --check found differences, "
+                     "4 interrupted before anything was changed.");
         AddLook();
         AddPolicies();
         AddChanges();
@@ -131,6 +136,7 @@ private:
         AddImport(import);
         import->add_flag("--check", m_Import.Check,
                          "Show what would change and change nothing; exit code 3 when something would");
+        import->add_flag("--allow-empty", m_Import.AllowEmpty, "Let --replace remove every rule set");
         CLI::App* const exported =
             Add(m_App, "export", "Write the store, or some rule sets, as JSON", "kxrule export -o policy.json",
                 [this](Session& session) { return Export(session, m_Indexes, m_File); });
@@ -214,8 +220,14 @@ private:
         restore->add_option("SOURCE", m_Text, "A directory with rule files, a rule set file or a macro file")
             ->required()
             ->type_name("");
-        CLI::App* const tidy = Add(m_App, "tidy", "Remove the temporary files of interrupted writes",
-                                   "kxrule tidy --yes", [this](Session& session) { return Tidy(session, m_All); });
+        Add(m_App, "backups", "List the copies below RuleBackup: when made, how much is in them, where",
+            "kxrule backups", [](Session& session) { return Backups(session); });
+        Add(m_App, "undo",
+            "Bring back the newest copy that kxrule made before it changed something; undoes itself, too",
+            "kxrule undo", [](Session& session) { return Undo(session); });
+        CLI::App* const tidy =
+            Add(m_App, "tidy", "Remove what unfinished writes have left, and rule set files that nothing reads",
+                "kxrule tidy --yes", [this](Session& session) { return Tidy(session, m_All); });
         tidy->add_flag("--yes", m_All, "Do not ask");
         CLI::App* const dump =
             Add(m_App, "dump", "Show one file of the store field by field", "kxrule dump KxRl0001.dat",

@@ -30,6 +30,7 @@ struct ImportOptions
     bool Merge = false; // the default
     bool Replace = false;
     bool Check = false;
+    bool AllowEmpty = false;
 };
 int Import(Session& session, const ImportOptions& options);
 int ImportMacros(Session& session, const ImportOptions& options);
@@ -51,6 +52,10 @@ int RefreshHashes(Session& session, const std::string& application);
 int Verify(Session& session);
 int Backup(Session& session, const std::string& directory);
 int Restore(Session& session, const std::string& source);
+int RestoreDirectory(Session& session, const std::filesystem::path& path);
+int Backups(Session& session); // BackupCommands
+/// Brings back what the newest copy of this tool holds.
+int Undo(Session& session);
 int Tidy(Session& session, bool yes);
 int Dump(Session& session, const std::string& file);
 

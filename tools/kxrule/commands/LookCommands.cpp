@@ -78,10 +78,10 @@ Json RuleWithLine(const PFW_RULE& rule, const std::string& line)
     return json;
 }
 
-void PrintRule(Session& session, uint16_t ruleSetIndex, const PFW_RULE& rule)
+void PrintRule(Session& session, const PFW_RULE& rule)
 {
     Console& console = session.Terminal();
-    const std::string line = LineOrKind(session.RuleLine(ruleSetIndex, rule.wRuleIndex), rule);
+    const std::string line = LineOrKind(RuleLine(rule), rule);
     const std::string index = std::to_string(rule.wRuleIndex);
     console.Out(std::string(index.size() < 7 ? 7 - index.size() : 0, ' ') + index + "  " +
                 console.Paint(rule.dwActive != 0 ? Style::Plain : Style::Dim, Printable(line)) +
@@ -104,25 +104,25 @@ void PrintRuleSet(Session& session, const Policy& policy, const RuleSetRecord& r
                 "  (" + Count(ruleSet.Rules.size(), "rule") +
                 (IsActive(policy, ruleSet.Index) ? ", active)" : ", not active)") + "\n");
     for (const PFW_RULE& rule : ruleSet.Rules)
-        PrintRule(session, ruleSet.Index, rule);
+        PrintRule(session, rule);
     console.Out("\n");
 }
 
-Json RuleSetWithLines(Session& session, const Policy& policy, const RuleSetRecord& ruleSet)
+Json RuleSetWithLines(const Policy& policy, const RuleSetRecord& ruleSet)
 {
     Json json = {{"index", ruleSet.Index},
                  {"name", ToUtf8(ruleSet.Name)},
                  {"active", IsActive(policy, ruleSet.Index)},
                  {"rules", Json::array()}};
     for (const PFW_RULE& rule : ruleSet.Rules)
-        json["rules"].push_back(RuleWithLine(rule, session.RuleLine(ruleSet.Index, rule.wRuleIndex)));
+        json["rules"].push_back(RuleWithLine(rule, RuleLine(rule)));
     return json;
 }
 
 void PrintMacro(Session& session, const MacroRecord& macro)
 {
     Console& console = session.Terminal();
-    console.Out("  " + Printable(session.MacroLine(macro)) + "\n");
+    console.Out("  " + Printable(MacroLine(macro)) + "\n");
     std::string hidden;
     for (const MACRO_ITEM& item : macro.Items)
     {
@@ -149,7 +149,7 @@ int ShowRule(Session& session, const RuleSetRecord& ruleSet, uint16_t ruleIndex)
     {
         if (rule.wRuleIndex != ruleIndex)
             continue;
-        const std::string line = session.RuleLine(ruleSet.Index, ruleIndex);
+        const std::string line = RuleLine(rule);
         if (session.Options().Json)
             session.Terminal().Out(RuleWithLine(rule, line).dump(2) + "\n");
         else
@@ -214,15 +214,15 @@ int Show(Session& session, std::optional<uint16_t> ruleSetIndex, std::optional<u
         Json json;
         if (ruleSetIndex)
         {
-            json = RuleSetWithLines(session, policy, FindRuleSet(policy, *ruleSetIndex));
+            json = RuleSetWithLines(policy, FindRuleSet(policy, *ruleSetIndex));
         }
         else
         {
             json = {{"ruleSets", Json::array()}, {"macros", Json::array()}};
             for (const RuleSetRecord& ruleSet : policy.RuleSets)
-                json["ruleSets"].push_back(RuleSetWithLines(session, policy, ruleSet));
+                json["ruleSets"].push_back(RuleSetWithLines(policy, ruleSet));
             for (const MacroRecord& macro : *policy.Macros)
-                json["macros"].push_back({{"name", NarrowToUtf8(macro.Name)}, {"line", session.MacroLine(macro)}});
+                json["macros"].push_back({{"name", NarrowToUtf8(macro.Name)}, {"line", MacroLine(macro)}});
         }
         session.Terminal().Out(json.dump(2) + "\n");
         return ExitDone;
@@ -250,7 +250,7 @@ int Macros(Session& session)
     }
     Json json = MacrosAsJson(*policy.Macros);
     for (size_t i = 0; i < json.size(); ++i)
-        json[i]["line"] = session.MacroLine((*policy.Macros)[i]);
+        json[i]["line"] = MacroLine((*policy.Macros)[i]);
     session.Terminal().Out(json.dump(2) + "\n");
     return ExitDone;
 }
@@ -287,7 +287,7 @@ int FindCommand(Session& session, const std::string& query)
                         "\n");
         shown = hit.RuleSet;
         if (hit.RuleSet != nullptr && hit.Rule != nullptr)
-            PrintRule(session, hit.RuleSet->Index, *hit.Rule);
+            PrintRule(session, *hit.Rule);
         if (hit.Macro != nullptr)
             PrintMacro(session, *hit.Macro);
     }

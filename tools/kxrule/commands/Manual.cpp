@@ -37,11 +37,25 @@ such as spare bytes, is in `"raw"` as lines `"offset: hexadecimal bytes"`; it ap
 an exported file restores every record byte for byte. Narrow texts (macro names, lists, extension and stream texts) are
 stored in the machine's active code page; a character that is not in it is refused.
 
-`import` checks the whole file before it changes anything. It reports every error with line and column; if the file is not
-valid JSON, only the first syntax error. It changes only what differs: importing the same file again writes nothing.
-Without `--replace`, nothing is removed that the file does not name. The active list and the macros stay unchanged if the
-file does not mention them. Before a rule set is deleted or renamed, the store is copied to a dated directory below
-`RuleBackup`.
+`import` checks the whole file before it touches anything, and reports everything that is wrong with line and column; where
+the file stops being JSON, that place alone. It changes only what differs: the second import of the same file writes
+nothing. Without `--replace` nothing is removed that the file does not name. Rule sets, active list and macros stay as they
+are when the file does not mention them; an empty `"ruleSets"` removes every rule set only with `--allow-empty`.
+
+## What is kept safe
+
+Before a command removes or replaces a rule, a rule set or the macros, it copies the store's files to a dated directory
+below `RuleBackup`, and says where. `kxrule backups` lists these directories,
+`kxrule restore` brings one back, and `kxrule undo` the newest; what that replaces is copied as well.
+
+A damaged store is not changed: the command ends and says what is wrong. `restore` brings a copy back,
+`import FILE --replace` makes the store what a policy says, and with `--force` any other change goes on with what can be
+read. All three copy the damaged files first. `import --replace --check` says what it would mend, and ends with 3, so that a
+machine that imports every hour heals itself.
+
+One `kxrule` at a time changes a directory; another one waits for it as long as `--wait` says. Commands that only look read
+the files themselves and wait for nobody. Ctrl-C ends a command before its first change, with exit code 4; afterwards it is
+held until the change is complete. `tidy` looks into what it would remove, and leaves what nothing else holds.
 
 ## Many machines
 
@@ -57,25 +71,54 @@ file does not mention them. Before a rule set is deleted or renamed, the store i
         dest: C:\ProgramData\Firewall\workstation.json
     - name: What would change
       ansible.windows.win_command: >-
-        kxrule.exe --dir C:\ProgramData\Firewall\Rules import C:\ProgramData\Firewall\workstation.json --replace --check
+        "C:\Program Files\Firewall\kxrule.exe" --dir C:\ProgramData\Firewall\Rules
+        import C:\ProgramData\Firewall\workstation.json --replace --check
       register: check
       changed_when: check.rc == 3
       failed_when: check.rc not in [0, 3]
     - name: The store
-      ansible.windows.win_command: >-
-        kxrule.exe --dir C:\ProgramData\Firewall\Rules import C:\ProgramData\Firewall\workstation.json --replace
       when: check.rc == 3
+      block:
+        - name: Stop the product
+          ansible.windows.win_service:
+            name: Firewall
+            state: stopped
+        - name: Import
+          ansible.windows.win_command: >-
+            "C:\Program Files\Firewall\kxrule.exe" --dir C:\ProgramData\Firewall\Rules
+            import C:\ProgramData\Firewall\workstation.json --replace
+      always:
+        - name: Start it again
+          ansible.windows.win_service:
+            name: Firewall
+            state: started
 ```
 
 As a scheduled task that applies a file from a share:
 
 ```
-schtasks /Create /TN "Firewall policy" /SC HOURLY /RU SYSTEM /TR "kxrule.exe --dir C:\ProgramData\Firewall\Rules import \\server\policy\workstation.json --replace"
+schtasks /Create /TN "Firewall policy" /SC HOURLY /RU SYSTEM /TR "C:\ProgramData\Firewall\follow.cmd"
 ```
 
-A process that has initialised the library does not see what another process writes, and later overwrites it with its own
-state. `kxrule` therefore refuses to change a store while such a process runs: stop the product first, or use `--force` and
-restart it.
+with this `follow.cmd`, which only administrators may write, like the file on the share: whoever writes either decides what
+every machine lets through. It stops the product only when something differs.
+
+```bat
+@echo off
+set tool="C:\Program Files\Firewall\kxrule.exe" --dir C:\ProgramData\Firewall\Rules
+set policy=\\server\policy\workstation.json
+%tool% import %policy% --replace --check >nul
+if not %errorlevel% == 3 exit /b %errorlevel%
+net stop Firewall
+%tool% import %policy% --replace
+set result=%errorlevel%
+net start Firewall
+exit /b %result%
+```
+
+A process that has the library initialised does not see what another one writes, and writes its own state over it later.
+`kxrule` therefore refuses to change a store while one runs, and names it where the system tells: stop the product first, or
+use `--force` and restart it.
 
 ## Completion
 
@@ -84,9 +127,12 @@ PowerShell: add `kxrule completion powershell | Out-String | Invoke-Expression` 
 )";
 
 constexpr char kErrors[] =
-    R"(Errors go to standard error: a line of text, or with `--json` an object with the text as `"error"` and the exit code as
-`"exitCode"`; `"result"` and `"name"` are the library's result code when it was the library that failed. Everything that
-is wrong in a policy is an element of `"diagnostics"`, with `"file"`, `"line"`, `"column"`, `"where"` and `"text"`.
+    R"(What goes wrong is told on standard error: a line for people, or with `--json` an object with `"error"` in words and
+`"exitCode"`; `"result"` and `"name"` are the library's code, where it was the library that failed. Everything that
+is wrong in a policy is an element of `"diagnostics"`, with `"file"`, `"line"`, `"column"`, `"where"` and `"text"`. Before
+it there may be an object with `"waiting"`, while somebody else changes the store, and one with `"warning"` about a damaged
+store: what was wrong in `"files"`, and where they lie now in `"copies"`. Where a command copied the store's files, its own
+output says so in `"copies"`, too.
 
 )";
 

@@ -2,6 +2,7 @@
 #include <fcntl.h>
 #include <io.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <memory>
 
@@ -13,6 +14,7 @@
 #include "policy/Words.h"
 #include "tools/kxrule/commands/Commands.h"
 #include "tools/kxrule/console/Columns.h"
+#include "tools/kxrule/console/Interrupt.h"
 
 namespace Tool
 {
@@ -120,8 +122,13 @@ private:
 bool ReadPolicyFile(Session& session, const std::string& file, Policy& policy)
 {
     std::vector<Diagnostic> diagnostics;
-    if (ReadPolicy(ReadTextFile(file), policy, diagnostics))
+    const bool isGood = ReadPolicy(ReadTextFile(file), policy, diagnostics);
+    if (isGood && policy.HasVersion)
         return true;
+    // Without it "{}" would be a policy, and half a file that happens to be JSON.
+    if (isGood)
+        diagnostics.push_back(
+            {1, 1, {}, "\"version\" is missing; this form has version " + std::to_string(kPolicyVersion)});
     TellDiagnostics(session, file, diagnostics);
     return false;
 }
@@ -168,34 +175,115 @@ int TellDiagnostics(Session& session, const std::string& path, const std::vector
     return ExitFailed;
 }
 
+namespace
+{
+
+void WriteWhole(HANDLE file, const std::string& path, std::string_view text)
+{
+    constexpr size_t kPiece = size_t{1} << 24;
+    for (size_t done = 0; done < text.size();)
+    {
+        DWORD written = 0;
+        const DWORD piece = static_cast<DWORD>(std::min(kPiece, text.size() - done));
+        if (::WriteFile(file, text.data() + done, piece, &written, nullptr) == FALSE)
+            throw Failure(path + " cannot be written: " + SystemText(::GetLastError()));
+        if (written == 0)
+            throw Failure(path + " cannot be written: " + SystemText(ERROR_DISK_FULL));
+        done += written;
+    }
+}
+
+/// Through a temporary file of a name that nobody else has, beside the real one.
+void PutFile(const std::wstring& file, const std::string& path, std::string_view text)
+{
+    wchar_t unfinished[MAX_PATH + 1];
+    const std::wstring directory = file.substr(0, file.find_last_of(L'\\') + 1);
+    if (::GetTempFileNameW(directory.c_str(), L"kxr", 0, unfinished) == 0)
+        throw Failure(path + " cannot be written: " + SystemText(::GetLastError()));
+    try
+    {
+        {
+            const KxCommon::UniqueFile stream(
+                ::CreateFileW(unfinished, GENERIC_WRITE, 0, nullptr, CREATE_ALWAYS, FILE_ATTRIBUTE_NORMAL, nullptr));
+            if (!stream)
+                throw Failure(path + " cannot be written: " + SystemText(::GetLastError()));
+            WriteWhole(stream.get(), path, text);
+            if (::FlushFileBuffers(stream.get()) == FALSE)
+                throw Failure(path + " cannot be written: " + SystemText(::GetLastError()));
+        }
+        if (::MoveFileExW(unfinished, file.c_str(), MOVEFILE_REPLACE_EXISTING | MOVEFILE_WRITE_THROUGH) == FALSE)
+            throw Failure(path + " cannot be replaced: " + SystemText(::GetLastError()));
+    }
+    catch (const Failure&)
+    {
+        ::DeleteFileW(unfinished);
+        throw;
+    }
+}
+
+/// Whether something that is there now is no more afterwards, or only in another form.
+bool IsRemoving(const PolicyDiff& diff)
+{
+    return (diff.Macros && !diff.MacrosBefore.empty()) ||
+           std::any_of(diff.RuleSets.begin(), diff.RuleSets.end(),
+                       [](const RuleSetChange& change)
+                       {
+                           return change.NameBefore &&
+                                  (change.NameBefore != change.NameAfter ||
+                                   std::any_of(change.Rules.begin(), change.Rules.end(),
+                                               [](const RuleChange& rule) { return rule.Before.has_value(); }));
+                       });
+}
+
+/// A policy that names no rule set is more often a mistake than meant.
+void RefuseEmptying(const Policy& store, const PolicyDiff& diff, const ImportOptions& options)
+{
+    if (!options.AllowEmpty && !store.RuleSets.empty() && RuleSetsAfter(store, diff) == 0)
+        throw Failure("the import would remove every rule set; --allow-empty does so");
+}
+
+} // namespace
+
 void WriteTextFile(Session& session, const std::string& path, std::string_view text)
 {
     if (path.empty() || path == "-")
         return session.Terminal().Out(text);
     const std::wstring file = AbsolutePath(path);
-    const std::wstring unfinished = file + L".tmp";
     {
-        const std::unique_ptr<std::FILE, CloseFile> stream(::_wfopen(unfinished.c_str(), L"wb"));
-        if (!stream)
-            throw Failure(path + " cannot be written: " + SystemText(::GetLastError()));
-        if (std::fwrite(text.data(), 1, text.size(), stream.get()) != text.size() || std::fflush(stream.get()) != 0)
-            throw Failure(path + " cannot be written: " + SystemText(::GetLastError()));
+        // A device is nothing to put a file in the place of. (And an open file is nothing to put another one over.)
+        const KxCommon::UniqueFile target(::CreateFileW(file.c_str(), GENERIC_WRITE,
+                                                        FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, nullptr,
+                                                        OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, nullptr));
+        if (target && ::GetFileType(target.get()) != FILE_TYPE_DISK)
+            return WriteWhole(target.get(), path, text);
     }
-    if (::MoveFileExW(unfinished.c_str(), file.c_str(), MOVEFILE_REPLACE_EXISTING) == FALSE)
-        throw Failure(path + " cannot be replaced: " + SystemText(::GetLastError()));
+    HoldInterrupts();
+    PutFile(file, path, text);
 }
 
 int ApplyPolicy(Session& session, const Policy& store, const Policy& wanted, MergeMode mode)
 {
     const PolicyDiff diff = Compare(store, wanted, mode);
     CheckLimits(store, diff);
+    if (IsRemoving(diff))
+        session.KeepCopy();
     if (!diff.IsEmpty())
     {
         SessionStore target(session);
         Progress progress(session.Terminal(), "changing the store");
         Apply(target, store, diff, [&progress](size_t done, size_t all) { progress.Show(done, all); });
     }
-    session.Terminal().Out(session.Options().Json ? DiffAsJson(diff).dump(2) + "\n" : DiffSummary(diff) + "\n");
+    const std::string copies = ToUtf8(session.Copies().wstring());
+    if (session.Options().Json)
+    {
+        Json json = DiffAsJson(diff);
+        if (!copies.empty())
+            json["copies"] = copies;
+        session.Terminal().Out(json.dump(2) + "\n");
+        return ExitDone;
+    }
+    session.Terminal().Out(DiffSummary(diff) +
+                           (copies.empty() ? "" : "; what was there before lies in " + Printable(copies)) + "\n");
     return ExitDone;
 }
 
@@ -207,21 +295,29 @@ int Import(Session& session, const ImportOptions& options)
     const MergeMode mode = options.Replace ? MergeMode::Replace : MergeMode::Merge;
     if (!options.Check)
     {
-        session.OpenToChange();
-        return ApplyPolicy(session, session.Read(), policy, mode);
+        session.OpenToChange(options.Replace ? Session::OnDamage::Mend : Session::OnDamage::Refuse);
+        const Policy store = session.Read();
+        RefuseEmptying(store, Compare(store, policy, mode), options);
+        return ApplyPolicy(session, store, policy, mode);
     }
-    Policy store; // a directory that does not exist yet holds nothing
+    Policy store; // a directory that is still to be made holds nothing
+    StoreReport report;
     if (session.DirectoryExists())
-    {
-        session.OpenToLook();
-        store = session.Read();
-    }
+        report = CheckStore(session.Store(), session.Terminal(), false, &store);
+    if (report.IsDamaged() && !options.Replace)
+        throw Failure(
+            "the store is damaged; --replace would mend it, and \"kxrule verify\" tells what the library would "
+            "do with it" +
+            report.Problems());
     const PolicyDiff diff = Compare(store, policy, mode);
     CheckLimits(store, diff);
+    RefuseEmptying(store, diff, options);
+    if (report.IsDamaged())
+        session.Warn("the store is damaged; the import would copy its files and bring back what they lack", report);
     session.Terminal().Out(session.Options().Json ? DiffAsJson(diff).dump(2) + "\n"
                            : diff.IsEmpty()       ? "nothing would change\n"
                                                   : DiffText(diff));
-    return diff.IsEmpty() ? ExitDone : ExitDifferent;
+    return diff.IsEmpty() && !report.IsDamaged() ? ExitDone : ExitDifferent;
 }
 
 int ImportMacros(Session& session, const ImportOptions& options)

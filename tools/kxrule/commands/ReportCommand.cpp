@@ -1,4 +1,6 @@
 // report: the store as one page for a browser.
+#include <algorithm>
+
 #include "policy/Utf8.h"
 #include "tools/kxrule/commands/Commands.h"
 #include "tools/kxrule/report/Report.h"
@@ -18,6 +20,14 @@ std::string Now()
     return text;
 }
 
+/// One that is there.
+const PFW_RULE& FindRule(const Policy& policy, uint16_t ruleSetIndex, uint16_t ruleIndex)
+{
+    const std::vector<PFW_RULE>& rules = FindRuleSet(policy, ruleSetIndex).Rules;
+    return *std::lower_bound(rules.begin(), rules.end(), ruleIndex,
+                             [](const PFW_RULE& rule, uint16_t index) { return rule.wRuleIndex < index; });
+}
+
 } // namespace
 
 int Report(Session& session, const std::string& file)
@@ -25,9 +35,9 @@ int Report(Session& session, const std::string& file)
     session.OpenToLook();
     const Policy store = session.Read();
     const ReportInput input{store, ToUtf8(session.Directory()), Now(),
-                            [&session](uint16_t ruleSetIndex, uint16_t ruleIndex)
-                            { return session.RuleLine(ruleSetIndex, ruleIndex); },
-                            [&session](const MacroRecord& macro) { return session.MacroLine(macro); }};
+                            [&store](uint16_t ruleSetIndex, uint16_t ruleIndex)
+                            { return RuleLine(FindRule(store, ruleSetIndex, ruleIndex)); },
+                            MacroLine};
     WriteTextFile(session, file, ReportPage(input));
     return ExitDone;
 }

@@ -1,15 +1,64 @@
 // The library on a directory, from start to end.
 #include "tools/kxrule/commands/Session.h"
 
-#include "common/srclib/KxComn_Handle.h"
+#include <utility>
+
+#include <nlohmann/json.hpp>
+
+#include "common/srclib/KxComn_Windows.h"
+
+#include <tlhelp32.h>
+
 #include "common/srclib/KxComn_Names.h"
 #include "common/srclib/KxComn_Record.h"
 #include "policy/Apply.h"
+#include "policy/JsonText.h"
 #include "policy/ResultCodes.h"
 #include "policy/Utf8.h"
+#include "rules/Macro.h"
+#include "rules/RuleText.h"
+#include "tools/kxrule/console/Interrupt.h"
 
 namespace Tool
 {
+namespace
+{
+
+/// Whether a process has the rule library loaded; false as well where it may not be looked into.
+bool HasLibrary(DWORD process)
+{
+    const KxCommon::UniqueFile modules(::CreateToolhelp32Snapshot(TH32CS_SNAPMODULE, process));
+    MODULEENTRY32W module{};
+    module.dwSize = sizeof module;
+    for (BOOL more = modules && ::Module32FirstW(modules.get(), &module); more != FALSE;
+         more = ::Module32NextW(modules.get(), &module))
+    {
+        if (KxCommon::String::EqualNoCase(module.szModule, L"KxPfwRul.dll"))
+            return true;
+    }
+    return false;
+}
+
+/// The other processes that have the rule library loaded, as far as the system tells: ": NAME (process 12), ...".
+std::string UserNames()
+{
+    const KxCommon::UniqueFile processes(::CreateToolhelp32Snapshot(TH32CS_SNAPPROCESS, 0));
+    PROCESSENTRY32W process{};
+    process.dwSize = sizeof process;
+    std::string users;
+    for (BOOL more = processes && ::Process32FirstW(processes.get(), &process); more != FALSE;
+         more = ::Process32NextW(processes.get(), &process))
+    {
+        const DWORD id = process.th32ProcessID;
+        if (id != 0 && id != ::GetCurrentProcessId() && HasLibrary(id))
+            users +=
+                (users.empty() ? ": " : ", ") + ToUtf8(process.szExeFile) + " (process " + std::to_string(id) + ")";
+    }
+    return users;
+}
+
+} // namespace
+
 std::wstring AbsolutePath(const std::string& path)
 {
     const std::wstring wide = FromUtf8(path);
@@ -31,6 +80,7 @@ Session::Session(const GlobalOptions& options, Console& console) : m_Options(opt
     m_Directory = options.Directory.empty() ? RuleLibrary::OwnDirectory() : AbsolutePath(options.Directory);
     if (m_Directory.back() != L'\\')
         m_Directory += L'\\';
+    m_Deadline = ::GetTickCount64() + uint64_t{1000} * options.Wait;
 }
 
 Session::~Session()
@@ -39,6 +89,8 @@ Session::~Session()
         m_Library->Finalize();
     else if (m_Initialised)
         static_cast<void>(m_Library.release()); // unloading is for libraries that have been finalised
+    if (m_Lock)
+        ::ReleaseMutex(m_Lock.get());
 }
 
 bool Session::DirectoryExists() const noexcept
@@ -47,14 +99,74 @@ bool Session::DirectoryExists() const noexcept
     return attributes != INVALID_FILE_ATTRIBUTES && (attributes & FILE_ATTRIBUTE_DIRECTORY) != 0;
 }
 
-void Session::RefuseWhileInUse() const
+bool Session::MayWait(const std::string& whom)
+{
+    if (::GetTickCount64() >= m_Deadline)
+        return false;
+    if (!std::exchange(m_HasToldWaiting, true))
+    {
+        const std::string text = "waiting for " + whom + UserNames();
+        m_Console.Error(m_Options.Json ? JsonLine(Json({{"waiting", text}})) + "\n" : "kxrule: " + text + "\n");
+    }
+    ::Sleep(100);
+    return true;
+}
+
+// By what the directory is, not by its name: there may be several of those. (Of a directory on another machine the lock
+// excludes the programs of this machine.)
+void Session::Lock()
+{
+    if (m_Lock)
+        return;
+    Store().MakeIfMissing();
+    const KxCommon::UniqueFile directory(::CreateFileW(m_Directory.c_str(), 0,
+                                                       FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, nullptr,
+                                                       OPEN_EXISTING, FILE_FLAG_BACKUP_SEMANTICS, nullptr));
+    BY_HANDLE_FILE_INFORMATION info{};
+    if (!directory || ::GetFileInformationByHandle(directory.get(), &info) == FALSE)
+        throw Failure(ToUtf8(m_Directory) + " cannot be opened: " + SystemText(::GetLastError()));
+    wchar_t name[64];
+    ::swprintf(name, std::size(name), L"Global\\kxrule-%08lx-%08lx%08lx", info.dwVolumeSerialNumber,
+               info.nFileIndexHigh, info.nFileIndexLow);
+    for (;;)
+    {
+        // Another account's mutex may not be opened; it is there as long as its owner is.
+        KxCommon::UniqueKernelObject lock(::CreateMutexW(nullptr, FALSE, name));
+        const DWORD waited = lock ? ::WaitForSingleObject(lock.get(), 0) : WAIT_TIMEOUT;
+        if (waited == WAIT_OBJECT_0 || waited == WAIT_ABANDONED)
+        {
+            m_Lock = std::move(lock);
+            return;
+        }
+        if (!MayWait("another kxrule that changes this store"))
+            throw Failure("another kxrule changes this store" + UserNames() + "; --wait waits longer for it");
+    }
+}
+
+void Session::RefuseWhileInUse()
 {
     const std::wstring name = L"Global\\" + std::wstring(KxCommon::Names::kMutexName);
-    const KxCommon::UniqueKernelObject mutex(::OpenMutexW(SYNCHRONIZE, FALSE, name.c_str()));
-    const bool exists = mutex || ::GetLastError() == ERROR_ACCESS_DENIED;
-    if (exists && !m_Options.Force)
-        throw Failure("another process has the rule library initialised and may write its own state over this change; "
-                      "stop it first, or use --force");
+    while (!m_Options.Force)
+    {
+        const KxCommon::UniqueKernelObject mutex(::OpenMutexW(SYNCHRONIZE, FALSE, name.c_str()));
+        if (!mutex && ::GetLastError() != ERROR_ACCESS_DENIED)
+            return;
+        if (!MayWait("another process that has the rule library initialised"))
+            throw Failure("another process has the rule library initialised" + UserNames() +
+                          " and may write its own state over this change; stop it first, or use --force");
+    }
+}
+
+void Session::Claim()
+{
+    Lock();
+    RefuseWhileInUse();
+}
+
+void Session::BeginChange() noexcept
+{
+    HoldInterrupts();
+    m_MayEnd = false;
 }
 
 void Session::Open()
@@ -74,30 +186,61 @@ void Session::OpenToLook()
 {
     if (!DirectoryExists())
         throw Failure(ToUtf8(m_Directory) + " is no directory");
-    // The library answers damage by moving and rewriting files, which nobody asks for who only wants to look.
-    std::string problems;
-    for (const FileReport& file : CheckStore(Store(), m_Console, false).Files)
+    const RuleDirectory store = Store();
+    StoreReport report = CheckStore(store, m_Console, false, &m_Looked.emplace());
+    // A rule set that was deleted after the list was read looks like a missing one; the second look has the new list.
+    if (report.IsDamaged())
+        report = CheckStore(store, m_Console, false, &m_Looked.emplace());
+    if (report.IsDamaged())
+        throw Failure("the store is damaged; \"kxrule verify\" tells what the library would do with it" +
+                      report.Problems());
+}
+
+void Session::OpenToChange(OnDamage onDamage)
+{
+    Lock();
+    const RuleDirectory store = Store();
+    const StoreReport report = CheckStore(store, m_Console, false);
+    if (report.IsDamaged() && onDamage == OnDamage::Refuse && !m_Options.Force)
+        throw Failure(
+            "the store is damaged, and nothing is changed" + report.Problems() +
+            "\n\"kxrule restore\" brings a copy back, \"kxrule import FILE --replace\" makes the store what a "
+            "policy says, and --force goes on with what can be read");
+    RefuseWhileInUse();
+    if (report.IsDamaged())
     {
-        if (file.What == Finding::Damaged)
-            problems += "\n  " + file.File + ": " + file.Problem;
+        HoldInterrupts();
+        KeepCopy();
+        if (report.IsStopped && !m_Copies.empty()) // the library would read nothing
+            store.Remove(store.MacroFileName());
+        Warn("the store was damaged; its files as they were lie in " + ToUtf8(m_Copies.wstring()), report);
     }
-    if (!problems.empty())
-        throw Failure("the store is damaged; \"kxrule verify\" tells what the library would do with it" + problems);
     Open();
     m_MayEnd = true;
 }
 
-void Session::OpenToChange()
+void Session::Warn(const std::string& text, const StoreReport& report)
 {
-    RefuseWhileInUse();
-    Open();
-    m_MayEnd = true;
+    if (!m_Options.Json)
+        return m_Console.Error("kxrule: " + text + report.Problems() + "\n");
+    Json json = {{"warning", text}, {"files", Json::array()}};
+    if (!m_Copies.empty())
+        json["copies"] = ToUtf8(m_Copies.wstring());
+    for (const FileReport& file : report.Files)
+    {
+        if (file.What == Finding::Damaged)
+            json["files"].push_back(
+                {{"file", file.File}, {"problem", file.Problem}, {"consequence", file.Consequence}});
+    }
+    m_Console.Error(json.dump(2) + "\n");
 }
 
 void Session::KeepCopy()
 {
+    if (!m_Copies.empty())
+        return;
     const RuleDirectory store = Store();
-    CopyToBackup(store, StoreFileNames(store));
+    m_Copies = CopyToBackup(store, StoreFileNames(store));
 }
 
 void Session::Write()
@@ -148,6 +291,8 @@ std::vector<MacroRecord> Session::ReadMacros()
 
 Policy Session::Read()
 {
+    if (m_Looked)
+        return *std::exchange(m_Looked, std::nullopt);
     Policy policy;
     std::vector<uint16_t>& active = policy.Active.emplace(static_cast<size_t>(m_Library->GetActiveRuleSet(nullptr, 0)));
     m_Library->GetActiveRuleSet(active.data(), static_cast<int32_t>(active.size()));
@@ -156,28 +301,18 @@ Policy Session::Read()
     return policy;
 }
 
-std::string Session::RuleLine(uint16_t ruleSetIndex, uint16_t ruleIndex)
+std::string RuleLine(const PFW_RULE& rule)
 {
-    const int32_t length = m_Library->GetRuleString(ruleSetIndex, ruleIndex, nullptr, 0);
-    if (length < 0)
-        return {};
-    std::string text(static_cast<size_t>(length) + 1, '\0');
-    m_Library->GetRuleString(ruleSetIndex, ruleIndex, text.data(), static_cast<int32_t>(text.size()));
-    text.resize(static_cast<size_t>(length));
-    return NarrowToUtf8(text);
+    std::string line;
+    return RuleText::Render(rule, line) == KXRULE_OK ? NarrowToUtf8(line) : std::string();
 }
 
-std::string Session::MacroLine(const MacroRecord& macro)
+std::string MacroLine(const MacroRecord& macro)
 {
-    const std::vector<unsigned char> block = MacroBytes(macro);
-    const PFW_MACRO* const record = reinterpret_cast<const PFW_MACRO*>(block.data());
-    const int32_t length = m_Library->GetMacroString(record, nullptr, 0);
-    if (length < 0)
-        return NarrowToUtf8(macro.Name) + "=";
-    std::string text(static_cast<size_t>(length) + 1, '\0');
-    m_Library->GetMacroString(record, text.data(), static_cast<int32_t>(text.size()));
-    text.resize(static_cast<size_t>(length));
-    return NarrowToUtf8(text);
+    std::string line;
+    if (CMacro(macro.Name, macro.Items).GetMacroString(line) != KXRULE_OK)
+        line = macro.Name + "=";
+    return NarrowToUtf8(line);
 }
 
 } // namespace Tool

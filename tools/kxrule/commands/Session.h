@@ -1,9 +1,12 @@
 // One use of a store: the library initialised on a directory, read, perhaps changed, ended.
 #pragma once
 
+#include <filesystem>
 #include <memory>
+#include <optional>
 #include <string>
 
+#include "common/srclib/KxComn_Handle.h"
 #include "policy/Policy.h"
 #include "tools/kxrule/commands/RuleLibrary.h"
 #include "tools/kxrule/commands/StoreFiles.h"
@@ -23,6 +26,7 @@ struct GlobalOptions
     bool Json = false;
     bool NoColour = false;
     bool Force = false;
+    uint32_t Wait = 10; // seconds, for others who change a store
 };
 
 /// The functions throw Failure. What was begun with BeginChange and not written leaves the files as they were: the library
@@ -35,15 +39,26 @@ public:
     Session(const Session&) = delete;
     Session& operator=(const Session&) = delete;
 
-    /// Reads the store to look at it. Refuses a damaged one, since reading it with the library would move its files.
+    /// Reads the files of the store to look at it, without the library. Refuses a damaged one: what the library would make
+    /// of it is not what lies there.
     void OpenToLook();
-    /// Reads the store to change it. Refuses while another process has the library initialised, unless forced.
-    void OpenToChange();
+    enum class OnDamage
+    {
+        Refuse, // unless forced
+        Mend    // the change is what mends it
+    };
+    /// Reads the store with the library to change it, alone: see Claim. What is damaged is copied below RuleBackup first,
+    /// and told.
+    void OpenToChange(OnDamage onDamage = OnDamage::Refuse);
     /// Everything in the store. The macros' names are cut to their field as the library hands them out.
     [[nodiscard]] Policy Read();
-    /// Copies the files of the store into a dated directory below RuleBackup; before anything that deletes.
+    /// Copies the files of the store into a dated directory below RuleBackup, unless this session has done so; before
+    /// anything that deletes or replaces.
     void KeepCopy();
-    void BeginChange() noexcept { m_MayEnd = false; }
+    /// Where the copy lies; empty: there is none.
+    [[nodiscard]] const std::filesystem::path& Copies() const noexcept { return m_Copies; }
+    /// From here on the command is not interrupted.
+    void BeginChange() noexcept;
     /// Writes what was changed.
     void Write();
 
@@ -57,14 +72,18 @@ public:
     /// The files in it.
     [[nodiscard]] RuleDirectory Store() const { return StoreAt(m_Directory, m_Options.Master); }
 
-    /// A stored rule's and any macro's line of text; empty when the library has none for it.
-    [[nodiscard]] std::string RuleLine(uint16_t ruleSetIndex, uint16_t ruleIndex);
-    [[nodiscard]] std::string MacroLine(const MacroRecord& macro);
+    /// Says on standard error what is damaged.
+    void Warn(const std::string& text, const StoreReport& report);
 
-    /// Refuses while another process has the library initialised, unless forced.
-    void RefuseWhileInUse() const;
+    /// Makes this the only kxrule that changes the directory, until the session ends, and refuses while another process
+    /// has the library initialised, unless forced. Waits for both as long as the options say.
+    void Claim();
 
 private:
+    void Lock();
+    void RefuseWhileInUse();
+    /// Waits a moment, and says so the first time; false when the time for it is over.
+    bool MayWait(const std::string& whom);
     void Open();
     [[nodiscard]] std::vector<RuleSetRecord> ReadRuleSets();
     [[nodiscard]] std::vector<MacroRecord> ReadMacros();
@@ -73,9 +92,18 @@ private:
     Console& m_Console;
     std::wstring m_Directory;
     std::unique_ptr<RuleLibrary> m_Library;
+    std::optional<Policy> m_Looked;
+    std::filesystem::path m_Copies;
+    KxCommon::UniqueKernelObject m_Lock;
+    uint64_t m_Deadline; // by the system's tick count
+    bool m_HasToldWaiting = false;
     bool m_Initialised = false;
     bool m_MayEnd = false; // whatever is unwritten may be written
 };
+
+/// A rule's and a macro's line of text as the library writes it; empty when it has none.
+[[nodiscard]] std::string RuleLine(const PFW_RULE& rule);
+[[nodiscard]] std::string MacroLine(const MacroRecord& macro);
 
 /// A UTF-8 path as an absolute one.
 [[nodiscard]] std::wstring AbsolutePath(const std::string& path);

@@ -177,14 +177,6 @@ std::vector<std::string> StoreFileNames(const RuleDirectory& directory)
     return names;
 }
 
-std::vector<std::string> TemporaryFileNames(const RuleDirectory& directory)
-{
-    std::vector<std::string> names;
-    static_cast<void>(directory.FindTemporaryFiles(names));
-    std::sort(names.begin(), names.end());
-    return names;
-}
-
 void CopyFiles(const RuleDirectory& from, const RuleDirectory& to, const std::vector<std::string>& names)
 {
     for (size_t i = 0; i < names.size(); ++i)

@@ -65,22 +65,27 @@ struct FileReport
     std::string Content;     // what is in it, in a few words
     std::string Problem;     // what is wrong
     std::string Consequence; // what the library would do
+    std::string Leftover;    // its name for the library, if nothing reads it and nothing is lost with it
+    bool IsOnlyCopy = false; // nothing reads it, and it is the only whole file of what it holds
 };
 
 struct StoreReport
 {
     std::vector<FileReport> Files;
+    bool IsStopped = false; // the library could not read on past the macro file
     [[nodiscard]] bool IsDamaged() const noexcept;
+    /// What is wrong with the damaged ones, a line each, indented.
+    [[nodiscard]] std::string Problems() const;
 };
 
-/// Checks a rule directory as kxRuleRead would find it. The console shows progress. A thorough check
-/// looks into the rules, too.
-[[nodiscard]] StoreReport CheckStore(const RuleDirectory& directory, Console& console, bool thorough);
+/// Checks a rule directory as kxRuleRead would find it. The console shows progress. A thorough check looks into the
+/// rules, too. The policy, if one is given, becomes what the library would have in memory, without what is damaged (and
+/// without the hashes that it would compute).
+[[nodiscard]] StoreReport CheckStore(const RuleDirectory& directory, Console& console, bool thorough,
+                                     Policy* policy = nullptr);
 
 /// Master, macro and rule set files that exist in a directory, in this order.
 [[nodiscard]] std::vector<std::string> StoreFileNames(const RuleDirectory& directory);
-/// Leftovers of writes that did not come to their end.
-[[nodiscard]] std::vector<std::string> TemporaryFileNames(const RuleDirectory& directory);
 
 /// Copies files to a directory that holds none of them, flushed. Throws Failure; nothing of the copies is left then.
 void CopyFiles(const RuleDirectory& from, const RuleDirectory& to, const std::vector<std::string>& names);

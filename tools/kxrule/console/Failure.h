@@ -13,7 +13,8 @@ enum ExitCode
     ExitDone = 0,
     ExitFailed = 1,
     ExitUsage = 2,
-    ExitDifferent = 3 // import --check: something would change
+    ExitDifferent = 3, // import --check: something would change
+    ExitInterrupted = 4
 };
 
 /// Thrown by value; what() is UTF-8 and goes to the user after "kxrule: ". May hold several lines. The result is the
