@@ -41,7 +41,8 @@ struct CRuleSet::FileOrder
         for (size_t i = 0; i < Keys.size(); ++i)
         {
             const auto replaced = Replaced.find(i);
-            (replaced == Replaced.end() ? *rules.Find(Keys[i]) : replaced->second).TakeOver();
+            if (CRule* const rule = replaced == Replaced.end() ? rules.Find(Keys[i]) : &replaced->second)
+                rule->TakeOver();
         }
     }
 };

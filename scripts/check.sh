@@ -10,7 +10,7 @@ sources() { files "^($rooms)/.*\.cpp$"; }
 library=$(x86_64-w64-mingw32-g++-posix -print-file-name=include/c++)
 windows=(--target=x86_64-w64-mingw32 -nostdinc++ -nostdlibinc -isystem "$library"
     -isystem "$library/x86_64-w64-mingw32" -isystem "$library/backward" -isystem /usr/x86_64-w64-mingw32/include)
-flags=(-std=c++20 -D_WIN32_WINNT=0x0601 -DWINVER=0x0601 -DWIN32_LEAN_AND_MEAN -DNOMINMAX -I. -Wall -Wextra -Wshadow)
+flags=(-std=c++20 -D_WIN32_WINNT=0x0601 -DWINVER=0x0601 -DWIN32_LEAN_AND_MEAN -DNOMINMAX -DKXRULE_API= -I. -Wall -Wextra -Wshadow)
 
 # What cmake/ThirdParty.cmake takes, without the rest of the system's headers.
 thirdParty()
