@@ -100,6 +100,14 @@ void CRuleMaster::Empty() noexcept
     m_ActiveRuleSets.clear();
 }
 
+std::vector<std::string> CRuleMaster::ListedNames() const
+{
+    std::vector<std::string> names;
+    for (size_t i = 0; i < m_RuleSets.Size(); ++i)
+        names.push_back(m_RuleSets.ValueAt(i).FileName());
+    return names;
+}
+
 void CRuleMaster::MarkModified(uint16_t ruleSetIndex) noexcept
 {
     m_IsDirty = true;

@@ -175,14 +175,6 @@ int32_t CRuleMaster::WriteMasterFile()
     return result;
 }
 
-std::vector<std::string> CRuleMaster::ListedNames() const
-{
-    std::vector<std::string> names;
-    for (size_t i = 0; i < m_RuleSets.Size(); ++i)
-        names.push_back(m_RuleSets.ValueAt(i).FileName());
-    return names;
-}
-
 int32_t CRuleMaster::StoreMaster(const std::vector<std::string>& names)
 {
     const Encoder encode = [&](CEncryptStream& stream) KX_REQUIRES(m_Lock) -> int32_t
