@@ -21,7 +21,7 @@
 
 struct MasterFields;
 
-/// Locks (docs/threads.md). The exports call every operation but UpdateHashValue, IsLive and WaitWhileKeptByOther with
+/// Locks (docs/threads.md). The exports call every operation but UpdateHashValue, IsLive and WaitForKeeper with
 /// the outer (global) lock held; the timer's thread comes without it. The master lock guards every change. Operations
 /// that only read rely on the outer lock, never wait for the master lock, and take the record lock for the moment of
 /// copying a rule, because the hash refresh changes hashes without the outer lock.
