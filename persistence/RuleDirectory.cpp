@@ -3,6 +3,7 @@
 #include "persistence/RuleDirectory.h"
 
 #include <algorithm>
+#include <cstring>
 #include <iterator>
 #include <new>
 
@@ -53,6 +54,35 @@ FileDefect DefectOf(bool isOpen, uint32_t* error)
     return Files::IsBusy(code) ? FileDefect::Busy : FileDefect::Missing;
 }
 
+// Takes what would be written to a file, and compares it with what the file holds.
+class CComparison final : public CEncryptStream
+{
+public:
+    explicit CComparison(HANDLE file) : m_File(file) {}
+    /// Of everything up to now: the file may go on.
+    [[nodiscard]] bool IsSame() const noexcept { return m_IsSame; }
+    [[nodiscard]] uint64_t Bytes() const noexcept { return m_Bytes; }
+
+protected:
+    bool ReadBytes(void*, uint32_t, uint32_t*) override { return false; }
+    bool WriteBytes(const void* in, uint32_t size) override
+    {
+        uint32_t got = 0;
+        m_Held.resize(m_IsSame ? size : 0);
+        m_IsSame = m_IsSame && Files::Read(m_File, m_Held.data(), size, &got) && got == size &&
+                   std::memcmp(m_Held.data(), in, size) == 0;
+        m_Bytes += size;
+        return true; // a difference is no failure
+    }
+    uint64_t RemainingBytes() override { return 0; }
+
+private:
+    HANDLE m_File;
+    std::vector<uint8_t> m_Held;
+    uint64_t m_Bytes = 0;
+    bool m_IsSame = true;
+};
+
 } // namespace
 
 void RuleDirectory::Locate(const std::string& given, const std::string& masterFileName)
@@ -65,6 +95,7 @@ void RuleDirectory::Locate(const std::string& given, const std::string& masterFi
     m_MasterFileName = masterFileName;
     m_MacroFileName = FileFormat::kMacroFileName;
     m_Patience = kPatience;
+    m_Written[0] = m_Written[1] = {};
     if (m_Path.size() > kLongestPath)
         KX_TRACE(KxCommon::kTraceError, "\tRule path is too long for the names of backups (%s)", m_Given.c_str());
 }
@@ -182,6 +213,8 @@ int32_t RuleDirectory::Write(const WriteJob& job)
                      job.FileName.c_str());
             return KXRULE_E_FILE_WRITE;
         }
+        if (IsWritten(job))
+            return KXRULE_OK;
         // Without a name the open fails, and that is what is reported.
         const std::string path = Files::TemporaryName(m_Path, TemporaryPrefix(job.Kind));
         const std::string name = path.substr(path.find_last_of('\\') + 1);
@@ -196,6 +229,8 @@ int32_t RuleDirectory::Write(const WriteJob& job)
             return KXRULE_E_FILE_WRITE;
         }
         result = Replace(name, job.FileName);
+        if (result == KXRULE_OK)
+            NoteWritten(job);
         if (result != KXRULE_OK && !m_Aside.empty()) // the place stays empty, so what was there takes it again
             static_cast<void>(Files::Move(PathOf(m_Aside).c_str(), PathOf(job.FileName).c_str(), false));
         return result;
@@ -205,6 +240,36 @@ int32_t RuleDirectory::Write(const WriteJob& job)
         KX_TRACE(KxCommon::kTraceError, "\tOut of memory while writing a file");
         return KXRULE_E_FILE_WRITE;
     }
+}
+
+// Only where the file can be opened without sharing: whoever holds it gets the ordinary way with its failures. Of a file
+// that somebody else put there, or touched, it is not known whether its bytes are on the disk, and a large one is faster
+// written than compared. Rule set files are not asked about: they are marked when they change.
+bool RuleDirectory::IsWritten(const WriteJob& job) const
+{
+    constexpr uint64_t kLargest = 1 << 20;
+    if (job.Kind == FileKind::RuleSet)
+        return false;
+    const KxCommon::FileStamp& written = m_Written[static_cast<size_t>(job.Kind)];
+    if (written == KxCommon::FileStamp() || written.Bytes > kLargest)
+        return false;
+    KxCommon::FileStamp stamp;
+    const KxCommon::UniqueFile file = Files::Open(PathOf(job.FileName).c_str(), GENERIC_READ, OPEN_EXISTING);
+    if (!file || !Files::Look(file.get(), &stamp) || stamp != written)
+        return false;
+    CComparison comparison(file.get());
+    return comparison.Write(MagicOf(job.Kind), FileFormat::kMagicBytes, false) && job.Encode(comparison) == KXRULE_OK &&
+           comparison.IsSame() && comparison.Bytes() == written.Bytes;
+}
+
+void RuleDirectory::NoteWritten(const WriteJob& job)
+{
+    if (job.Kind == FileKind::RuleSet)
+        return;
+    KxCommon::FileStamp& written = m_Written[static_cast<size_t>(job.Kind)];
+    const KxCommon::UniqueFile file = Files::Open(PathOf(job.FileName).c_str(), GENERIC_READ, OPEN_EXISTING);
+    if (!file || !Files::Look(file.get(), &written))
+        written = {};
 }
 
 // Writes and closes the temporary file.

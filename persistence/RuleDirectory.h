@@ -7,6 +7,7 @@
 #include <string_view>
 #include <vector>
 
+#include "common/srclib/KxComn_Files.h"
 #include "persistence/EncryptStream.h"
 #include "persistence/FileFormat.h"
 #include "persistence/FileHead.h"
@@ -70,7 +71,9 @@ public:
     [[nodiscard]] bool MayExist(const std::string& fileName) const;
     /// Whether the file is gone.
     bool Remove(const std::string& fileName) const;
-    /// Writes a temporary file, flushes it, asks the keeper, and puts it over the real one. On any failure the real file
+    /// Writes a temporary file, flushes it, asks the keeper, and puts it over the real one. A master or macro file that
+    /// this object wrote, that nobody has touched or holds, and that would get the bytes it has is left as it is: most
+    /// changes change neither, and a flush costs more than all else. On any failure the real file
     /// keeps its content under its name (unless the move was refused and the copy in its place broke off), and the
     /// temporary file stays, whole in that case. Every failure is traced.
     /// @return 0, KXRULE_E_FILE_OPEN (temporary file), KXRULE_E_FILE_WRITE
@@ -121,6 +124,8 @@ private:
     [[nodiscard]] std::string ShownPathOf(const std::string& name) const { return m_Given + name; }
     [[nodiscard]] static bool IsSameFile(const std::string& a, const std::string& b);
     [[nodiscard]] bool IsFile(const std::string& name) const;
+    [[nodiscard]] bool IsWritten(const WriteJob& job) const;
+    void NoteWritten(const WriteJob& job);
     [[nodiscard]] int32_t WriteTemporary(const WriteJob& job, const std::string& name) const;
     [[nodiscard]] int32_t Replace(const std::string& temporaryName, const std::string& fileName) const;
     std::string MakeBackupDirectory(const std::string& dated) const;
@@ -132,5 +137,7 @@ private:
     std::string m_MacroFileName = FileFormat::kMacroFileName;
     static constexpr uint32_t kPatience = 330; // a third of a second
     uint32_t m_Patience = kPatience;
+    // Of the master and the macro file as they were written, by kind. What is not known to be flushed has none.
+    KxCommon::FileStamp m_Written[2];
     std::string m_Aside; // where KeepBroken has renamed a file to since the last write began; mostly empty
 };

@@ -62,6 +62,18 @@ bool Size(HANDLE file, uint64_t* size) noexcept
     return true;
 }
 
+bool Look(HANDLE file, FileStamp* stamp) noexcept
+{
+    BY_HANDLE_FILE_INFORMATION info;
+    if (Refused(Operation::Size) || ::GetFileInformationByHandle(file, &info) == FALSE)
+        return false;
+    const auto join = [](DWORD high, DWORD low) { return uint64_t{high} << 32 | low; };
+    *stamp = {join(info.nFileIndexHigh, info.nFileIndexLow),
+              join(info.ftLastWriteTime.dwHighDateTime, info.ftLastWriteTime.dwLowDateTime),
+              join(info.nFileSizeHigh, info.nFileSizeLow), info.dwVolumeSerialNumber};
+    return true;
+}
+
 bool Read(HANDLE file, void* buffer, uint32_t size, uint32_t* got) noexcept
 {
     DWORD count = 0;

@@ -9,7 +9,20 @@
 
 #include "common/srclib/KxComn_Handle.h"
 
-namespace KxCommon::Files
+namespace KxCommon
+{
+
+/// Tells a file from another one of the same name, and from itself before somebody wrote to it.
+struct FileStamp
+{
+    uint64_t Index = 0; // within the volume
+    uint64_t WriteTime = 0;
+    uint64_t Bytes = 0;
+    uint32_t Volume = 0;
+    bool operator==(const FileStamp&) const = default;
+};
+
+namespace Files
 {
 
 enum class Operation
@@ -71,6 +84,8 @@ bool Persist(DWORD milliseconds, const Attempt& attempt, const MayPass& mayPass)
 [[nodiscard]] UniqueFile Open(const char* path, DWORD access, DWORD disposition, DWORD share = 0) noexcept;
 /// False when the size cannot be told.
 [[nodiscard]] bool Size(HANDLE file, uint64_t* size) noexcept;
+/// GetFileInformationByHandle.
+[[nodiscard]] bool Look(HANDLE file, FileStamp* stamp) noexcept;
 /// ReadFile and its count; the end of the file is success with a smaller count.
 [[nodiscard]] bool Read(HANDLE file, void* buffer, uint32_t size, uint32_t* got) noexcept;
 /// WriteFile; a short count is a failure (ERROR_DISK_FULL).
@@ -104,4 +119,5 @@ bool Close(UniqueFile& file) noexcept;
 /// so that there may be more of them; finding none is success.
 [[nodiscard]] bool FindFiles(const std::string& pattern, std::vector<std::string>& names);
 
-} // namespace KxCommon::Files
+} // namespace Files
+} // namespace KxCommon

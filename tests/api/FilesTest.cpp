@@ -4,6 +4,7 @@
 
 #include <filesystem>
 
+#include "common/srclib/KxComn_Handle.h"
 #include "tests/standins/HashStandIn.h"
 #include "tests/support/FileContent.h"
 #include "tests/support/RegistryGuard.h"
@@ -70,6 +71,59 @@ TEST_F(FilesTest, RulesAreTakenOverInTheOrderOfTheFile)
         EXPECT_EQ(library->Paths, paths);
         for (const PFW_RULE& rule : Rules(1))
             EXPECT_EQ(rule.Access.abAppHash[0], 9) << rule.wRuleIndex;
+    }
+}
+
+// Only while they hold what they would get, and nobody else has written or holds them.
+TEST_F(FilesTest, MasterAndMacroFileAreNotWrittenAgain)
+{
+    ASSERT_EQ(AddSet(1), 0);
+    ASSERT_EQ(kxRuleAddMacro(Build::Macro("web", {Build::Item("a")}).get()), 0);
+    ASSERT_EQ(kxRuleWrite(), 0);
+    const auto open = [this](const std::string& name)
+    {
+        return KxCommon::UniqueFile(::CreateFileA(PathOf(name).c_str(), GENERIC_READ, FILE_SHARE_READ, nullptr,
+                                                  OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, nullptr));
+    };
+    const auto number = [&](const std::string& name)
+    {
+        BY_HANDLE_FILE_INFORMATION info{};
+        static_cast<void>(::GetFileInformationByHandle(open(name).get(), &info));
+        return uint64_t{info.nFileIndexHigh} << 32 | info.nFileIndexLow;
+    };
+    uint16_t index = 0;
+    const auto isReplaced = [&](const std::string& name)
+    {
+        const PFW_RULE rule = Build::Access(++index);
+        const uint64_t before = number(name);
+        EXPECT_EQ(kxRuleAddRule(1, index, &rule), 0);
+        EXPECT_EQ(kxRuleFlush(), 0);
+        return number(name) != before;
+    };
+    EXPECT_TRUE(isReplaced("KxRl0001.dat"));
+    for (const std::string name : {"KxRulMas.dat", "KxRulMac.dat"})
+    {
+        const std::filesystem::path path = PathOf(name);
+        EXPECT_FALSE(isReplaced(name));
+        const std::string bytes = ReadFile(name);
+        for (size_t at = 0; at <= bytes.size(); at += 29)
+        {
+            std::string changed = bytes;
+            changed.resize(std::max(bytes.size(), at + 1));
+            changed[at] ^= 1;
+            const auto time = std::filesystem::last_write_time(path);
+            WriteFile(name, changed);
+            std::filesystem::last_write_time(path, time);
+            EXPECT_TRUE(isReplaced(name)) << name << " changed at " << at;
+            EXPECT_EQ(ReadFile(name), bytes);
+        }
+        std::filesystem::last_write_time(path, std::filesystem::last_write_time(path) + std::chrono::seconds(1));
+        EXPECT_TRUE(isReplaced(name)) << "touched";
+        std::filesystem::remove(path);
+        EXPECT_TRUE(isReplaced(name)) << "gone";
+        EXPECT_FALSE(isReplaced(name));
+        const KxCommon::UniqueFile holder = open(name);
+        EXPECT_EQ(kxRuleWrite(), KXRULE_E_FILE_WRITE) << "nothing would change, and it is held";
     }
 }
 

@@ -50,6 +50,7 @@ struct Disk
     static constexpr int kDirectory = -1;
     std::map<std::string, int, NoCase> Names; // path, number of the file
     std::map<int, std::string> Files;         // number, content
+    std::map<int, unsigned> Times;            // number, how often it was written to
 
     void Do(const Step& step);
     [[nodiscard]] bool Has(const std::string& path) const { return Names.count(path) != 0; }

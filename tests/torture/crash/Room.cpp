@@ -23,6 +23,8 @@ std::string Step::Text() const
 
 void Disk::Do(const Step& step)
 {
+    if (step.What <= Step::Kind::Write)
+        ++Times[step.File];
     switch (step.What)
     {
     case Step::Kind::Create:
@@ -168,6 +170,15 @@ bool Size(HANDLE file, uint64_t* size) noexcept
     if (g_Room.IsReal)
         return Real::Size(file, size);
     *size = g_Room.Now.Files[g_Opened.at(file).File].size();
+    return Succeeds();
+}
+
+bool Look(HANDLE file, FileStamp* stamp) noexcept
+{
+    if (g_Room.IsReal)
+        return Real::Look(file, stamp);
+    const int number = g_Opened.at(file).File;
+    *stamp = {static_cast<uint64_t>(number) + 1, g_Room.Now.Times[number], g_Room.Now.Files[number].size()};
     return Succeeds();
 }
 
