@@ -185,3 +185,23 @@ uint32_t RuleDirectory::KeepBroken(const std::string& fileName, Reason reason)
     const DWORD error = ::GetLastError();
     return error == ERROR_SUCCESS ? ERROR_GEN_FAILURE : error;
 }
+
+// Windows before 10 refuses to move over a file that somebody has open, however he shares it, and lets it be renamed where
+// he shares deleting. (Wine moves over it.) In between nothing bears the name: a process that ends just then leaves the old
+// content beside it, as KeepBroken does. The copy that would be made instead could leave half of either.
+bool RuleDirectory::MoveAround(const std::string& fromName, const std::string& fileName) const
+{
+    const std::string target = PathOf(fileName);
+    const std::string aside = FreeName(target + FileFormat::kBrokenExtension);
+    if (!Files::Move(target.c_str(), aside.c_str(), false))
+        return false;
+    if (Files::Move(PathOf(fromName).c_str(), target.c_str(), false))
+    {
+        static_cast<void>(Files::Delete(aside.c_str())); // gone when the other one closes it
+        return true;
+    }
+    const DWORD error = ::GetLastError();
+    static_cast<void>(Files::Move(aside.c_str(), target.c_str(), false));
+    ::SetLastError(error);
+    return false;
+}

@@ -319,8 +319,9 @@ int32_t RuleDirectory::Replace(const std::string& temporaryName, const std::stri
     if (!IsOddTarget(target.c_str()))
     {
         const auto move = [&] { return Files::Move(temporary.c_str(), target.c_str(), true); };
-        if (Files::Persist(m_Patience, move, mayPass) ||
-            (mayPass(::GetLastError()) && Files::MoveOverOpen(temporary.c_str(), target.c_str())))
+        const DWORD refused = Files::Persist(m_Patience, move, mayPass) ? ERROR_SUCCESS : ::GetLastError();
+        if (refused == ERROR_SUCCESS || (mayPass(refused) && Files::MoveOverOpen(temporary.c_str(), target.c_str())) ||
+            (refused == ERROR_ACCESS_DENIED && MoveAround(temporaryName, fileName)))
             return KXRULE_OK;
     }
     if (!Files::Copy(temporary.c_str(), target.c_str()))

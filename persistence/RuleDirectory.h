@@ -116,6 +116,8 @@ public:
     /// The same for a file that is about to be replaced: where no copy can be made it is renamed beside itself. 0, or the
     /// system's error for a file that is held so that neither is possible.
     [[nodiscard]] uint32_t KeepBroken(const std::string& fileName, Reason reason);
+    /// Puts a file into the place of one that may be renamed and not replaced. On failure both bear their names again.
+    [[nodiscard]] bool MoveAround(const std::string& fromName, const std::string& fileName) const;
 
 private:
     [[nodiscard]] bool Find(const std::string& pattern, bool (*isMeant)(std::string_view),

@@ -56,6 +56,8 @@ const struct Scenario
     {"leftovers of an earlier crash", "store 3; copy 1 Rul1.tmp; cut Rul1.tmp 5000; copy 3 4", "open; set 4; write"},
     {"held targets", "store 3",
      "open; touch 9; share 2; write -10057; letgo; hold KxRulMas.dat; write -10057; letgo; write"},
+    {"targets that can be renamed", "store 3",
+     "open; touch 9; lend 2; lend KxRulMas.dat; macro more; active; write; letgo", true},
     {"timer", "store 3", "open; rule 1 9; tick; delete 3; set 8; tick"},
 };
 

@@ -64,7 +64,7 @@ struct Room
     static constexpr uint32_t kMostCalls = 2000; // more are an endless loop
     Disk Now;
     std::vector<Step> Steps;                   // since somebody emptied it
-    std::map<std::string, bool, NoCase> Held;  // files that somebody else holds open: whether he shares reading
+    std::map<int, uint32_t> Held;              // files that somebody else has open: what he shares
     bool IsReal = false;                       // every call goes to the system instead
     uint32_t Calls = 0, FailAt = 0, Error = 0; // the call of that number is refused with that error,
     bool IsForGood = false;                    // and all after it

@@ -104,12 +104,12 @@ DWORD Missing(const std::string& path)
     return parent.find('\\') == std::string::npos || IsDirectory(parent) ? ERROR_FILE_NOT_FOUND : ERROR_PATH_NOT_FOUND;
 }
 
-// By somebody who does not let others do what they want to: read, or anything.
-bool IsInUse(const std::string& path, bool isToRead = false)
+// By somebody who does not let others do what they want to: read, rename and delete, or anything.
+bool IsInUse(const std::string& path, DWORD wanted = 0)
 {
-    const auto held = g_Room.Held.find(path);
     const int file = g_Room.Now.NumberFor(path);
-    return (held != g_Room.Held.end() && !(isToRead && held->second)) ||
+    const auto held = g_Room.Held.find(file);
+    return (held != g_Room.Held.end() && (held->second & wanted) == 0) ||
            std::any_of(g_Opened.begin(), g_Opened.end(),
                        [&](const auto& opened) { return opened.second.File == file; });
 }
@@ -152,7 +152,7 @@ UniqueFile Open(const char* path, DWORD access, DWORD disposition, DWORD share) 
     DWORD error = IsDirectory(name) ? ERROR_ACCESS_DENIED : Missing(name);
     if (error == ERROR_FILE_NOT_FOUND && disposition == CREATE_ALWAYS)
         error = ERROR_SUCCESS;
-    if (error == ERROR_SUCCESS && IsInUse(name, access == GENERIC_READ && (share & FILE_SHARE_READ) != 0))
+    if (error == ERROR_SUCCESS && IsInUse(name, access == GENERIC_READ ? share & FILE_SHARE_READ : 0))
         error = ERROR_SHARING_VIOLATION;
     if (!Succeeds(error))
         return UniqueFile();
@@ -260,7 +260,7 @@ bool Move(const char* from, const char* to, bool isReplacing) noexcept
     if (g_Room.IsReal)
         return Real::Move(from, to, isReplacing);
     DWORD error = Missing(from);
-    if (error == ERROR_SUCCESS && IsInUse(from))
+    if (error == ERROR_SUCCESS && IsInUse(from, FILE_SHARE_DELETE))
         error = ERROR_SHARING_VIOLATION;
     if (error == ERROR_SUCCESS && Missing(to) == ERROR_PATH_NOT_FOUND)
         error = ERROR_PATH_NOT_FOUND;
@@ -286,7 +286,7 @@ bool Copy(const char* from, const char* to) noexcept
     DWORD error = Missing(to) == ERROR_PATH_NOT_FOUND ? ERROR_PATH_NOT_FOUND : Missing(from);
     if (error == ERROR_SUCCESS && (IsDirectory(to) || IsDirectory(from)))
         error = ERROR_ACCESS_DENIED;
-    if (error == ERROR_SUCCESS && (IsInUse(to) || IsInUse(from, true)))
+    if (error == ERROR_SUCCESS && (IsInUse(to) || IsInUse(from, FILE_SHARE_READ)))
         error = ERROR_SHARING_VIOLATION;
     if (!Succeeds(error))
         return false;
@@ -304,7 +304,7 @@ bool Delete(const char* path) noexcept
     if (g_Room.IsReal)
         return Real::Delete(path);
     const DWORD error = IsDirectory(path) ? ERROR_ACCESS_DENIED : Missing(path);
-    if (!Succeeds(error == ERROR_SUCCESS && IsInUse(path) ? ERROR_SHARING_VIOLATION : error))
+    if (!Succeeds(error == ERROR_SUCCESS && IsInUse(path, FILE_SHARE_DELETE) ? ERROR_SHARING_VIOLATION : error))
         return false;
     g_Room.Do({Kind::Delete, path});
     return true;

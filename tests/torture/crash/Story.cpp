@@ -242,8 +242,9 @@ void Story::Do(const Words& words)
              content.replace(FileFormat::kMagicBytes, OldVersion().size(), OldVersion());
              s.PutFile(w.Path(0), content);
          }},
-        {"hold", [](Story& s, const Words& w) { s.Hold(w.Path(0), false); }},
-        {"share", [](Story& s, const Words& w) { s.Hold(w.Path(0), true); }},
+        {"hold", [](Story& s, const Words& w) { s.Hold(w.Path(0), 0); }},
+        {"share", [](Story& s, const Words& w) { s.Hold(w.Path(0), FILE_SHARE_READ); }},
+        {"lend", [](Story& s, const Words& w) { s.Hold(w.Path(0), FILE_SHARE_READ | FILE_SHARE_DELETE); }},
         {"letgo",
          [](Story& s, const Words&)
          {
@@ -298,12 +299,12 @@ void Story::Rename(const std::string& from, const std::string& to)
     Expect(Files::Move(from.c_str(), to.c_str(), false) ? 0 : 1);
 }
 
-void Story::Hold(const std::string& path, bool isReadShared)
+void Story::Hold(const std::string& path, DWORD share)
 {
     if (g_Room.IsReal)
-        m_Holders.emplace_back(::CreateFileA(path.c_str(), GENERIC_READ, isReadShared ? FILE_SHARE_READ : 0, nullptr,
-                                             OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, nullptr));
-    g_Room.Held[path] = isReadShared;
+        m_Holders.emplace_back(
+            ::CreateFileA(path.c_str(), GENERIC_READ, share, nullptr, OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, nullptr));
+    g_Room.Held[g_Room.Now.NumberFor(path)] = share;
 }
 
 } // namespace Crash

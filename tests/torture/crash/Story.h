@@ -36,7 +36,7 @@ struct Content
 ///   set N [RULES]   add a set                    active SETS     set the list        store N          a life: sets 1 to N
 ///   delete N        a set, 0: all
 ///   rename A B, swap A B, copy A B, erase A, cut A SIZE, old A   by hand: old is the version whose rules are not read
-///   hold A, share A, letgo                                       somebody else has the file open
+///   hold A, share A, lend A, letgo    somebody else has the file open: for himself, to be read, to be read and renamed
 class Story
 {
 public:
@@ -66,7 +66,7 @@ private:
     [[nodiscard]] std::string ReadFile(const std::string& path) const;
     void PutFile(const std::string& path, const std::string& content) const;
     void Rename(const std::string& from, const std::string& to);
-    void Hold(const std::string& path, bool isReadShared);
+    void Hold(const std::string& path, DWORD share);
 
     std::string m_Directory; // with backslash
     std::unique_ptr<Life> m_Life;
