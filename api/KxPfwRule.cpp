@@ -9,14 +9,15 @@
 
 #include "api/Library.h"
 #include "common/srclib/KxComn_CriticalSection.h"
-#include "common/srclib/KxComn_DebugLog.h"
 #include "common/srclib/KxComn_Exception.h"
 #include "common/srclib/KxComn_Handle.h"
+#include "common/srclib/KxComn_LockRanks.h"
 #include "common/srclib/KxComn_Names.h"
 #include "common/srclib/KxComn_SecurityAttributes.h"
 #include "common/srclib/KxComn_String.h"
 #include "common/srclib/KxComn_Trace.h"
 #include "common/srclib/Utility.h"
+#include "common/trace/KxComn_DebugLog.h"
 #include "repository/RuleMaster.h"
 #include "rules/Normalise.h"
 

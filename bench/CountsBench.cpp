@@ -1,5 +1,5 @@
 // Counts the calls that a full write and a full read make to the system for files, and prints them as JSON. Built from
-// the library's objects, whose only file calls are those of KxComn_Files.
+// the library's objects, whose only file calls are those of persistence/Files.
 //
 //     counts_bench.exe --data=DIR --out=FILE
 #include <fstream>
@@ -7,10 +7,10 @@
 
 #include "bench/Bench.h"
 #include "bench/OurStore.h"
-#include "common/srclib/KxComn_Files.h"
+#include "persistence/Files.h"
 
 using namespace Bench;
-using KxCommon::Files::Operation;
+using Files::Operation;
 
 namespace
 {
@@ -47,9 +47,9 @@ template <class Work>
 void Counted(std::ostream& out, const char* name, Work work)
 {
     std::fill(std::begin(g_Counts), std::end(g_Counts), 0);
-    KxCommon::Files::SetFaultHook(Count);
+    Files::SetFaultHook(Count);
     work();
-    KxCommon::Files::SetFaultHook(nullptr);
+    Files::SetFaultHook(nullptr);
     out << '"' << name << "\": {";
     const char* separator = "";
     for (size_t i = 0; i < std::size(kOperations); ++i)

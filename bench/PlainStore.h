@@ -7,7 +7,7 @@
 
 #include "api/include/KxPfwRule.h"
 #include "bench/Bench.h"
-#include "common/srclib/KxComn_IndexMap.h"
+#include "repository/IndexMap.h"
 
 namespace Bench
 {
@@ -20,8 +20,8 @@ struct StoredRule
     uint64_t Head[2] = {};
     PFW_RULE Record;
 };
-using RuleMap = KxCommon::IndexMap<StoredRule>;
-using SetMap = KxCommon::IndexMap<RuleMap>;
+using RuleMap = IndexMap<StoredRule>;
+using SetMap = IndexMap<RuleMap>;
 
 /// Writes and reads files of the sizes that the library's files have, in pieces of 1 MB, with the same durability:
 /// temporary file, flush, replace. Nothing is spared but the encryption, and nothing done beside it.

@@ -6,16 +6,14 @@
 
 #include "common/srclib/KxComn_Windows.h"
 
-#include "common/srclib/KxComn_Files.h"
 #include "common/srclib/KxComn_Trace.h"
 #include "persistence/EncryptFile.h"
+#include "persistence/Files.h"
 #include "persistence/MacroFormat.h"
 #include "persistence/MasterFormat.h"
 #include "persistence/RuleDirectory.h"
 #include "persistence/RuleSetFiles.h"
 #include "persistence/RuleSetFormat.h"
-
-namespace Files = KxCommon::Files;
 
 namespace
 {

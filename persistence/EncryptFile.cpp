@@ -5,9 +5,7 @@
 #include <new>
 #include <utility>
 
-#include "common/srclib/KxComn_Files.h"
-
-namespace Files = KxCommon::Files;
+#include "persistence/Files.h"
 
 namespace
 {

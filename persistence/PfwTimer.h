@@ -6,6 +6,7 @@
 #include <memory>
 
 #include "common/srclib/KxComn_CriticalSection.h"
+#include "common/srclib/KxComn_LockRanks.h"
 
 class CPfwTimer
 {

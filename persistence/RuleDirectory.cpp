@@ -10,13 +10,11 @@
 #include "common/srclib/KxComn_Windows.h"
 
 #include "api/include/KxPfwRule.h"
-#include "common/srclib/KxComn_Files.h"
 #include "common/srclib/KxComn_Trace.h"
 #include "common/srclib/Utility.h"
 #include "persistence/EncryptFile.h"
+#include "persistence/Files.h"
 #include "persistence/RuleFileNames.h"
-
-namespace Files = KxCommon::Files;
 
 namespace
 {
@@ -250,10 +248,10 @@ bool RuleDirectory::IsWritten(const WriteJob& job) const
     constexpr uint64_t kLargest = 1 << 20;
     if (job.Kind == FileKind::RuleSet)
         return false;
-    const KxCommon::FileStamp& written = m_Written[static_cast<size_t>(job.Kind)];
-    if (written == KxCommon::FileStamp() || written.Bytes > kLargest)
+    const FileStamp& written = m_Written[static_cast<size_t>(job.Kind)];
+    if (written == FileStamp() || written.Bytes > kLargest)
         return false;
-    KxCommon::FileStamp stamp;
+    FileStamp stamp;
     const KxCommon::UniqueFile file = Files::Open(PathOf(job.FileName).c_str(), GENERIC_READ, OPEN_EXISTING);
     if (!file || !Files::Look(file.get(), &stamp) || stamp != written)
         return false;
@@ -266,7 +264,7 @@ void RuleDirectory::NoteWritten(const WriteJob& job)
 {
     if (job.Kind == FileKind::RuleSet)
         return;
-    KxCommon::FileStamp& written = m_Written[static_cast<size_t>(job.Kind)];
+    FileStamp& written = m_Written[static_cast<size_t>(job.Kind)];
     const KxCommon::UniqueFile file = Files::Open(PathOf(job.FileName).c_str(), GENERIC_READ, OPEN_EXISTING);
     if (!file || !Files::Look(file.get(), &written))
         written = {};

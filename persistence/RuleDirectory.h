@@ -7,10 +7,10 @@
 #include <string_view>
 #include <vector>
 
-#include "common/srclib/KxComn_Files.h"
 #include "persistence/EncryptStream.h"
 #include "persistence/FileFormat.h"
 #include "persistence/FileHead.h"
+#include "persistence/Files.h"
 
 class CEncryptFile;
 class RuleSetFiles;
@@ -140,6 +140,6 @@ private:
     static constexpr uint32_t kPatience = 330; // a third of a second
     uint32_t m_Patience = kPatience;
     // Of the master and the macro file as they were written, by kind. What is not known to be flushed has none.
-    KxCommon::FileStamp m_Written[2];
+    FileStamp m_Written[2];
     std::string m_Aside; // where KeepBroken has renamed a file to since the last write began; mostly empty
 };

@@ -3,6 +3,7 @@
 
 #include "common/srclib/KxComn_CriticalSection.h"
 #include "common/srclib/KxComn_Handle.h"
+#include "common/srclib/KxComn_LockRanks.h"
 
 /// A re-entrant lock that can outlive the call that took it: two failures of the master leave it with the calling
 /// thread. Such a lock is "kept", and its thread is the keeper. Whoever else wants to change the store asks first and

@@ -11,10 +11,11 @@
 
 #include "api/include/KxPfwRule.h"
 #include "common/srclib/KxComn_CriticalSection.h"
-#include "common/srclib/KxComn_IndexMap.h"
+#include "common/srclib/KxComn_LockRanks.h"
 #include "persistence/PfwTimer.h"
 #include "persistence/RuleDirectory.h"
 #include "persistence/RuleSetFiles.h"
+#include "repository/IndexMap.h"
 #include "repository/MasterLock.h"
 #include "repository/RuleSet.h"
 #include "rules/Macro.h"
@@ -144,7 +145,7 @@ private:
     uint32_t m_WriteInterval = 0; // milliseconds
     uint16_t m_NextIndex KX_GUARDED_BY(m_Lock) = 1;
     std::vector<uint16_t> m_ActiveRuleSets KX_GUARDED_BY(m_Lock); // as last given, with duplicates and unknown indexes
-    KxCommon::IndexMap<CRuleSet> m_RuleSets KX_GUARDED_BY(m_Lock);
+    IndexMap<CRuleSet> m_RuleSets KX_GUARDED_BY(m_Lock);
     std::list<CMacro> m_Macros KX_GUARDED_BY(m_Lock);
     CPfwTimer m_WriteTimer;
     std::atomic<bool> m_IsDirty = false;                 // something changed since the last successful timed write

@@ -4,8 +4,8 @@
 #include <new>
 #include <utility>
 
-#include "common/srclib/KxComn_Files.h"
 #include "common/srclib/KxComn_Trace.h"
+#include "persistence/Files.h"
 #include "persistence/MacroFormat.h"
 #include "persistence/MasterFormat.h"
 #include "persistence/RuleFileNames.h"
@@ -190,7 +190,7 @@ int32_t CRuleMaster::StoreMaster(const std::vector<std::string>& names)
         for (const std::string& name : m_Files.Unlisted(names))
         {
             const uint32_t error = m_Directory.CopyBroken(name, RuleDirectory::Reason::Replaced);
-            if (KxCommon::Files::IsBusy(error))
+            if (Files::IsBusy(error))
                 return error;
             if (error == ERROR_SUCCESS)
                 m_Files.NoteKept(name);

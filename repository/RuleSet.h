@@ -7,9 +7,9 @@
 #include <vector>
 
 #include "api/include/KxPfwRule.h"
-#include "common/srclib/KxComn_IndexMap.h"
 #include "common/srclib/KxComn_Lock.h"
 #include "common/srclib/KxComn_String.h"
+#include "repository/IndexMap.h"
 #include "rules/Rule.h"
 
 class CEncryptStream;
@@ -22,7 +22,7 @@ enum class FileDefect;
 class CRuleSet
 {
 public:
-    using Rules = KxCommon::IndexMap<CRule>;
+    using Rules = IndexMap<CRule>;
 
     CRuleSet() = default;
     /// From a record and ruleCount rules after it: the record's own count, which the caller has read once, since the

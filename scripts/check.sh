@@ -36,14 +36,16 @@ checkTidy()
         { cat build/check/tidy.log >&2; return 1; }
 }
 
-# Each room knows itself, the contract, and the rooms below it; common and the companions do without the contract.
+# Each room knows itself, the contract, and the rooms below it; common and the companions do without the contract, and
+# the shelf of common without the trace over it.
 checkRooms()
 {
     local room below bad=0
     while read -r room below; do
         files "^$room/.*\.(cpp|h|hpp)$" | xargs grep -nE '^#include "[a-z]+/' | grep -vE "\"($room|$below)/" && bad=1
     done <<'END'
-common      common
+common/srclib common/srclib
+common/trace common/srclib
 companions  common
 rules       common|api/include
 persistence common|api/include

@@ -12,7 +12,7 @@ namespace KxCommon::Synchronize
 class KX_CAPABILITY("mutex") CriticalSection : private LockOrder
 {
 public:
-    explicit CriticalSection(LockRank rank = LockRank::Innermost) noexcept : LockOrder(rank)
+    explicit CriticalSection(LockRank rank = kInnermost) noexcept : LockOrder(rank)
     {
         ::InitializeCriticalSection(&m_Section);
     }

@@ -4,21 +4,17 @@
 
 #include <cassert>
 #include <cstddef>
+#include <limits>
 
 namespace KxCommon::Synchronize
 {
 
-/// Whoever holds a lock may take those that come after it, and once more what it holds already.
-enum class LockRank
-{
-    Lifecycle,
-    Global,
-    TimerTable,
-    Master,
-    Record,
-    Trace,
-    Innermost // nothing is taken under it
-};
+/// A lock's place in the order: whoever holds one may take those of a higher rank, and once more what it holds already.
+/// KxComn_LockRanks.h names the ranks.
+enum class LockRank : int;
+
+/// Of a lock under which nothing is taken.
+inline constexpr LockRank kInnermost{std::numeric_limits<int>::max()};
 
 /// Base of every lock class: knows which locks the calling thread holds, last taken last.
 #ifdef NDEBUG

@@ -1,5 +1,5 @@
-// The trace call that every room uses. What becomes of a line is KxComn_DebugLog.h's business; tests define the two
-// functions as a recorder instead.
+// The trace call that every room uses. What becomes of a line is the business of common/trace, which defines the two
+// functions; tests define them as a recorder instead.
 #pragma once
 
 #include <atomic>

@@ -1,5 +1,5 @@
 // KxVqrDbg.dll: the trace library's entry points. They find the session, stop exceptions and leave GetLastError as it
-// was. The records are those of common/srclib/KxComn_DebugConfig.h; docs/settings.md describes files and settings.
+// was. The records are those of common/trace/KxComn_DebugConfig.h; docs/settings.md describes files and settings.
 #include <cstdint>
 #include <cstring>
 #include <map>
@@ -9,9 +9,9 @@
 #include <type_traits>
 
 #include "common/srclib/KxComn_CriticalSection.h"
-#include "common/srclib/KxComn_DebugConfig.h"
 #include "common/srclib/KxComn_ErrorMode.h"
 #include "common/srclib/KxComn_Identity.h"
+#include "common/trace/KxComn_DebugConfig.h"
 
 #include "companions/NtFile.h"
 #include "companions/trace/Session.h"

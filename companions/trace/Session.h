@@ -5,7 +5,8 @@
 #include <string>
 
 #include "common/srclib/KxComn_CriticalSection.h"
-#include "common/srclib/KxComn_DebugConfig.h"
+#include "common/srclib/KxComn_LockRanks.h"
+#include "common/trace/KxComn_DebugConfig.h"
 
 #include "companions/trace/LogFile.h"
 #include "companions/trace/Settings.h"

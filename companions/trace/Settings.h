@@ -8,7 +8,7 @@
 #include <string_view>
 #include <utility>
 
-#include "common/srclib/KxComn_DebugConfig.h"
+#include "common/trace/KxComn_DebugConfig.h"
 
 namespace KxTrace
 {

@@ -9,9 +9,9 @@
 
 #include <gtest/gtest.h>
 
-#include "common/srclib/KxComn_DebugLog.h"
 #include "common/srclib/KxComn_SecurityAttributes.h"
 #include "common/srclib/KxComn_Trace.h"
+#include "common/trace/KxComn_DebugLog.h"
 #include "tests/standins/TraceStandIn.h"
 #include "tests/support/OtherProcess.h"
 #include "tests/support/TempDir.h"

@@ -6,10 +6,10 @@
 
 #include <gtest/gtest.h>
 
-#include "common/srclib/KxComn_DebugLog.h"
 #include "common/srclib/KxComn_IniFile.h"
 #include "common/srclib/KxComn_Registry.h"
 #include "common/srclib/KxComn_SecurityAttributes.h"
+#include "common/trace/KxComn_DebugLog.h"
 #include "tests/standins/TraceStandIn.h"
 #include "tests/support/TempDir.h"
 #include "tests/support/Thrown.h"

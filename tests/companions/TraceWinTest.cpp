@@ -12,8 +12,8 @@
 
 #include <gtest/gtest.h>
 
-#include "common/srclib/KxComn_DebugConfig.h"
 #include "common/srclib/KxComn_Handle.h"
+#include "common/trace/KxComn_DebugConfig.h"
 #include "tests/standins/TraceStandIn.h"
 #include "tests/support/TempDir.h"
 

@@ -4,8 +4,8 @@
 
 #include <gtest/gtest.h>
 
-#include "common/srclib/KxComn_DebugLog.h"
 #include "common/srclib/KxComn_Settings.h"
+#include "common/trace/KxComn_DebugLog.h"
 #include "rules/HashDll.h"
 #include "tests/standins/HashStandIn.h"
 #include "tests/standins/TraceStandIn.h"

@@ -3,7 +3,7 @@
 
 #include <gtest/gtest.h>
 
-#include "common/srclib/KxComn_DebugLog.h"
+#include "common/trace/KxComn_DebugLog.h"
 #include "tests/standins/TraceStandIn.h"
 #include "tests/support/TempDir.h"
 

@@ -19,7 +19,7 @@
 #include <type_traits>
 #include <vector>
 
-#include "common/srclib/KxComn_DebugConfig.h"
+#include "common/trace/KxComn_DebugConfig.h"
 #include "tests/standins/StandIn.h"
 
 struct TraceStandInState

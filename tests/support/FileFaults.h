@@ -6,20 +6,20 @@
 #include <utility>
 #include <vector>
 
-#include "common/srclib/KxComn_Files.h"
+#include "persistence/Files.h"
 
 /// For as long as it lives. One at a time, one thread.
 class FileFaults
 {
 public:
-    using Operation = KxCommon::Files::Operation;
+    using Operation = Files::Operation;
 
     FileFaults()
     {
         s_Current = this;
-        KxCommon::Files::SetFaultHook([](Operation operation) { return s_Current->Called(operation); });
+        Files::SetFaultHook([](Operation operation) { return s_Current->Called(operation); });
     }
-    ~FileFaults() { KxCommon::Files::SetFaultHook(nullptr); }
+    ~FileFaults() { Files::SetFaultHook(nullptr); }
     FileFaults(const FileFaults&) = delete;
     FileFaults& operator=(const FileFaults&) = delete;
 

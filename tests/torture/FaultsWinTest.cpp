@@ -3,12 +3,12 @@
 #include <stdexcept>
 
 #include "api/Library.h"
-#include "common/srclib/KxComn_Files.h"
+#include "persistence/Files.h"
 #include "repository/RuleMaster.h"
 #include "tests/torture/Faults.h"
 #include "tests/torture/TortureTest.h"
 
-using KxCommon::Files::Operation;
+using Files::Operation;
 
 namespace
 {
@@ -34,11 +34,11 @@ protected:
         ChangeStore();
         ASSERT_EQ(kxRuleWrite(), 0);
         m_After = Snapshot();
-        KxCommon::Files::SetFaultHook(FileFault);
+        ::Files::SetFaultHook(FileFault);
     }
     void TearDown() override
     {
-        KxCommon::Files::SetFaultHook(nullptr);
+        ::Files::SetFaultHook(nullptr);
         TortureTest::TearDown();
     }
     /// The store of m_Before in memory and on the disk, with the change made in memory.

@@ -6,7 +6,7 @@
 
 // The real room under another name, so that the two can be compared.
 #define Files RealFiles
-#include "common/srclib/KxComn_Files.cpp" // NOLINT(bugprone-suspicious-include)
+#include "persistence/Files.cpp" // NOLINT(bugprone-suspicious-include)
 #undef Files
 
 namespace Crash
@@ -73,7 +73,7 @@ namespace
 using Crash::Disk;
 using Crash::g_Room;
 using Kind = Crash::Step::Kind;
-namespace Real = KxCommon::RealFiles;
+namespace Real = RealFiles;
 
 struct Opened
 {
@@ -141,8 +141,10 @@ size_t Crash::Room::OpenFiles() const
     return g_Opened.size();
 }
 
-namespace KxCommon::Files
+namespace Files
 {
+
+using KxCommon::UniqueFile;
 
 UniqueFile Open(const char* path, DWORD access, DWORD disposition, DWORD share) noexcept
 {
@@ -338,7 +340,7 @@ bool FindFiles(const std::string& pattern, std::vector<std::string>& names)
     return true;
 }
 
-} // namespace KxCommon::Files
+} // namespace Files
 
 // How owners close, who know nothing of this room: what the import goes through.
 static BOOL WINAPI CloseAny(HANDLE handle)

@@ -4,7 +4,7 @@
 #include <sstream>
 
 #include "common/srclib/KxComn_CriticalSection.h"
-#include "common/srclib/KxComn_Files.h"
+#include "persistence/Files.h"
 #include "repository/RuleMaster.h"
 #include "tests/support/FileContent.h"
 #include "tests/support/RecordBuilder.h"
@@ -14,8 +14,6 @@ namespace Crash
 
 namespace
 {
-
-namespace Files = KxCommon::Files;
 
 template <class Bytes>
 [[nodiscard]] std::string Text(const Bytes& bytes)

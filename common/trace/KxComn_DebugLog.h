@@ -1,4 +1,4 @@
-// The debug trace: settings, the form of a line, and the way to the trace library. Rooms trace through KxComn_Trace.h.
+// The debug trace: settings, the form of a line, and the way to the trace library. Rooms trace through KX_TRACE of KxComn_Trace.h.
 #pragma once
 
 #include <cstdarg>
@@ -6,11 +6,12 @@
 #include <string>
 
 #include "common/srclib/KxComn_CriticalSection.h"
-#include "common/srclib/KxComn_DebugConfig.h"
-#include "common/srclib/KxComn_KxDbg.h"
 #include "common/srclib/KxComn_Lock.h"
+#include "common/srclib/KxComn_LockRanks.h"
 #include "common/srclib/KxComn_Port.h"
 #include "common/srclib/KxComn_Storage.h"
+#include "common/trace/KxComn_DebugConfig.h"
+#include "common/trace/KxComn_KxDbg.h"
 
 namespace KxCommon
 {

@@ -1,5 +1,5 @@
 // The trace library and its five entry points.
-#include "common/srclib/KxComn_KxDbg.h"
+#include "common/trace/KxComn_KxDbg.h"
 
 namespace KxCommon::Library
 {

@@ -1,5 +1,5 @@
 // The ordered map, against its counterpart in the standard library.
-#include "common/srclib/KxComn_IndexMap.h"
+#include "repository/IndexMap.h"
 
 #include <algorithm>
 #include <map>
@@ -36,7 +36,7 @@ constexpr uint32_t kStep = 8; // the sanitizer moves memory byte by byte: every 
 constexpr uint32_t kStep = 1;
 #endif
 
-using Map = KxCommon::IndexMap<Value>;
+using Map = IndexMap<Value>;
 using Model = std::map<uint16_t, int64_t>;
 
 Model Contents(const Map& map)
@@ -99,7 +99,7 @@ TEST(IndexMap, HoldsEveryKeyInAnyOrder)
 {
     for (const uint32_t factor : {1u, 65535u, 40503u}) // ascending, descending, scattered; odd: each key once
     {
-        KxCommon::IndexMap<uint64_t> map;
+        IndexMap<uint64_t> map;
         for (uint32_t i = 0; i < 65536; i += kStep)
             map.Emplace(static_cast<uint16_t>(i * factor), i);
         EXPECT_TRUE(std::is_sorted(map.Keys().begin(), map.Keys().end())) << factor;

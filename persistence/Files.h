@@ -9,9 +9,6 @@
 
 #include "common/srclib/KxComn_Handle.h"
 
-namespace KxCommon
-{
-
 /// Tells a file from another one of the same name, and from itself before somebody wrote to it.
 struct FileStamp
 {
@@ -24,6 +21,8 @@ struct FileStamp
 
 namespace Files
 {
+
+using KxCommon::UniqueFile;
 
 enum class Operation
 {
@@ -120,4 +119,3 @@ bool Close(UniqueFile& file) noexcept;
 [[nodiscard]] bool FindFiles(const std::string& pattern, std::vector<std::string>& names);
 
 } // namespace Files
-} // namespace KxCommon

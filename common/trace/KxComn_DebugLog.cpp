@@ -1,5 +1,5 @@
 // The debug trace. docs/settings.md explains its settings.
-#include "common/srclib/KxComn_DebugLog.h"
+#include "common/trace/KxComn_DebugLog.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -10,7 +10,6 @@
 
 #include "common/srclib/KxComn_Windows.h"
 
-#include "common/srclib/KxComn_DebugLine.h"
 #include "common/srclib/KxComn_Exception.h"
 #include "common/srclib/KxComn_Identity.h"
 #include "common/srclib/KxComn_Names.h"
@@ -18,6 +17,7 @@
 #include "common/srclib/KxComn_String.h"
 #include "common/srclib/KxComn_Trace.h"
 #include "common/srclib/Utility.h"
+#include "common/trace/KxComn_DebugLine.h"
 
 namespace KxCommon
 {
@@ -332,5 +332,25 @@ NeverDestroyed g_Storage;
 } // namespace
 
 DebugLog& g_DebugLog = g_Storage.Log;
+
+// What KX_TRACE calls.
+
+constinit std::atomic<bool> g_TraceActive{false};
+
+void TraceLine(const char* file, uint32_t line, uint32_t level, const char* format, ...) noexcept
+{
+    va_list arguments;
+    va_start(arguments, format);
+    g_DebugLog.TraceList(file, line, level, format, arguments);
+    va_end(arguments);
+}
+
+void TraceLineWide(const char* file, uint32_t line, uint32_t level, const KXWCHAR* format, ...) noexcept
+{
+    va_list arguments;
+    va_start(arguments, format);
+    g_DebugLog.TraceWideList(file, line, level, format, arguments);
+    va_end(arguments);
+}
 
 } // namespace KxCommon

@@ -1,12 +1,12 @@
 // The file system calls of the library.
-#include "common/srclib/KxComn_Files.h"
+#include "persistence/Files.h"
 
 #include <atomic>
 #include <cstring>
 
 #include "common/srclib/KxComn_String.h"
 
-namespace KxCommon::Files
+namespace Files
 {
 namespace
 {
@@ -150,7 +150,7 @@ bool MayExist(const char* path) noexcept
 bool IsLink(const char* path) noexcept
 {
     WIN32_FIND_DATAA found;
-    const UniqueFind search(::FindFirstFileA(path, &found));
+    const KxCommon::UniqueFind search(::FindFirstFileA(path, &found));
     return search && (found.dwFileAttributes & FILE_ATTRIBUTE_REPARSE_POINT) != 0 &&
            IsReparseTagNameSurrogate(found.dwReserved0);
 }
@@ -216,7 +216,7 @@ bool FindFiles(const std::string& pattern, std::vector<std::string>& names)
     if (Refused(Operation::Find))
         return false;
     WIN32_FIND_DATAW found;
-    const UniqueFind search(::FindFirstFileW(String::ToWide(pattern).c_str(), &found));
+    const KxCommon::UniqueFind search(::FindFirstFileW(KxCommon::String::ToWide(pattern).c_str(), &found));
     if (!search)
         return ::GetLastError() == ERROR_FILE_NOT_FOUND || ::GetLastError() == ERROR_PATH_NOT_FOUND;
     do
@@ -228,4 +228,4 @@ bool FindFiles(const std::string& pattern, std::vector<std::string>& names)
     return ::GetLastError() == ERROR_NO_MORE_FILES;
 }
 
-} // namespace KxCommon::Files
+} // namespace Files

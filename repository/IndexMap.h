@@ -9,9 +9,6 @@
 #include <utility>
 #include <vector>
 
-namespace KxCommon
-{
-
 /// Keys lie sorted side by side, so a look-up touches two or three cache lines instead of one per tree level; values
 /// lie in slabs of many, never move, and cost no allocation each. Find is logarithmic; adding is, too, when keys
 /// arrive in ascending order, and otherwise moves the later keys (two and eight bytes each, 65536 at most).
@@ -218,5 +215,3 @@ private:
     T* m_Next = nullptr;         // m_Untouched places from here on, at the end of the last slab
     size_t m_Untouched = 0;
 };
-
-} // namespace KxCommon

@@ -1,5 +1,5 @@
 // What a line of the trace says. Its form is fixed: people and tools read these files.
-#include "common/srclib/KxComn_DebugLine.h"
+#include "common/trace/KxComn_DebugLine.h"
 
 #include <algorithm>
 #include <cstddef>

@@ -3,8 +3,8 @@
 
 #include <string>
 
-#include "common/srclib/KxComn_DebugConfig.h"
 #include "common/srclib/KxComn_DynLib.h"
+#include "common/trace/KxComn_DebugConfig.h"
 
 namespace KxCommon::Library
 {
