@@ -24,36 +24,9 @@ using KxTrace::Session;
 using Lock = KxCommon::Synchronize::ScopedLock<CriticalSection>;
 
 // Handles are numbers that are never given twice, so that a stale one is noticed.
-class SessionTable
-{
-public:
-    uint64_t Add(std::shared_ptr<Session> session)
-    {
-        const Lock lock(m_Lock);
-        m_Sessions.emplace(m_Next, std::move(session));
-        return m_Next++;
-    }
-    // Null when there is none of that number.
-    [[nodiscard]] std::shared_ptr<Session> Find(uint64_t handle)
-    {
-        const Lock lock(m_Lock);
-        const auto found = m_Sessions.find(handle);
-        return found == m_Sessions.end() ? nullptr : found->second;
-    }
-    [[nodiscard]] std::shared_ptr<Session> Remove(uint64_t handle)
-    {
-        const Lock lock(m_Lock);
-        const auto node = m_Sessions.extract(handle);
-        return node.empty() ? nullptr : node.mapped();
-    }
-
-private:
-    CriticalSection m_Lock;
-    std::map<uint64_t, std::shared_ptr<Session>> m_Sessions KX_GUARDED_BY(m_Lock);
-    uint64_t m_Next KX_GUARDED_BY(m_Lock) = 1;
-};
-
-SessionTable g_Sessions;
+CriticalSection g_Lock;
+std::map<uint64_t, std::shared_ptr<Session>> g_Sessions KX_GUARDED_BY(g_Lock);
+uint64_t g_Last KX_GUARDED_BY(g_Lock) = 0;
 
 template <class Body>
 int32_t Guarded(Body body) noexcept
@@ -83,9 +56,14 @@ int32_t WithSession(uint64_t handle, const void* argument, const Body& body) noe
     return Guarded(
         [&]() -> DWORD
         {
-            const std::shared_ptr<Session> session = g_Sessions.Find(handle);
-            if (!session)
-                return ERROR_INVALID_HANDLE;
+            std::shared_ptr<Session> session;
+            {
+                const Lock lock(g_Lock);
+                const auto found = g_Sessions.find(handle);
+                if (found == g_Sessions.end())
+                    return ERROR_INVALID_HANDLE;
+                session = found->second;
+            }
             return argument == nullptr ? ERROR_INVALID_PARAMETER : body(*session);
         });
 }
@@ -101,9 +79,10 @@ std::wstring OwnFolder()
     path.resize(path.rfind(L'\\') + 1);
     const KxCommon::OwnIdentity identity;
     KxCommon::UniqueFile folder;
-    const DWORD error = KxCompanions::Open(folder, nullptr, KxCompanions::NtPath(path), FILE_READ_ATTRIBUTES, FILE_OPEN,
-                                           FILE_DIRECTORY_FILE);
-    return error == ERROR_SUCCESS ? KxCompanions::FinalPath(folder.get()) : path;
+    const bool isOpen =
+        identity && KxCompanions::Open(folder, nullptr, KxCompanions::NtPath(path), FILE_READ_ATTRIBUTES, FILE_OPEN,
+                                       FILE_DIRECTORY_FILE) == ERROR_SUCCESS;
+    return isOpen ? KxCompanions::FinalPath(folder.get()) : path;
 }
 
 } // namespace
@@ -128,7 +107,10 @@ extern "C"
                 *handle = 0;
                 if (config == nullptr)
                     return ERROR_INVALID_PARAMETER;
-                *handle = g_Sessions.Add(std::make_shared<Session>(OwnFolder(), *config));
+                auto session = std::make_shared<Session>(OwnFolder(), *config);
+                const Lock lock(g_Lock);
+                g_Sessions.emplace(g_Last + 1, std::move(session));
+                *handle = ++g_Last;
                 return ERROR_SUCCESS;
             });
     }
@@ -137,7 +119,15 @@ extern "C"
     /// @return 0, or ERROR_INVALID_HANDLE (6)
     int32_t KxDbgUninitialize(uint64_t handle)
     {
-        return Guarded([=]() -> DWORD { return g_Sessions.Remove(handle) ? ERROR_SUCCESS : ERROR_INVALID_HANDLE; });
+        return Guarded(
+            [=]() -> DWORD
+            {
+                std::shared_ptr<Session> session; // ends after the lock
+                const Lock lock(g_Lock);
+                if (auto node = g_Sessions.extract(handle))
+                    session = std::move(node.mapped());
+                return session ? ERROR_SUCCESS : ERROR_INVALID_HANDLE;
+            });
     }
 
     /// Writes one line, as UTF-8. Lines of several threads and processes do not mix.

@@ -78,16 +78,8 @@ bool IsSameFile(HANDLE a, HANDLE b) noexcept
            first.nFileIndexLow == second.nFileIndexLow;
 }
 
-struct OldLog
-{
-    int64_t Written;
-    uint64_t Number; // orders those that the clock does not tell apart
-    std::wstring Name;
-    bool operator<(const OldLog& other) const
-    {
-        return std::tie(Written, Number) < std::tie(other.Written, other.Number);
-    }
-};
+// When it was last written to, its number, which orders those that the clock does not tell apart, and its name.
+using OldLog = std::tuple<int64_t, uint64_t, std::wstring>;
 
 // Oldest first: the predecessors of the log and, when each process has one, the logs of all processes but this one.
 std::vector<OldLog> ListOldLogs(HANDLE folder, const LogName& log)
@@ -105,7 +97,7 @@ std::vector<OldLog> ListOldLogs(HANDLE folder, const LogName& log)
             std::wstring name(found->FileName, found->FileNameLength / sizeof(wchar_t));
             uint64_t number = 0;
             if (log.IsOld(name, number))
-                logs.push_back({found->LastWriteTime.QuadPart, number, std::move(name)});
+                logs.emplace_back(found->LastWriteTime.QuadPart, number, std::move(name));
             step = found->NextEntryOffset;
         }
     }
@@ -126,23 +118,23 @@ DWORD Rename(HANDLE file, HANDLE folder, const std::wstring& name)
         ::NtSetInformationFile(file, &result, rename, static_cast<ULONG>(buffer.size() * 8), FileRenameInformation));
 }
 
-// Gives a number to what has the log's name, or to the given log alone. Two processes may do so at once: it is the same
-// file that they rename, so the second number counts and no new log is touched. False when somebody does not let it.
-bool PutAside(HANDLE folder, const LogName& log, HANDLE wanted)
+// Gives a number to what has the log's name, if it is what was opened by it. Two processes may do so at once: it is the
+// same file that they rename, so the second number counts and no new log is touched. False when somebody does not let it.
+bool PutAside(HANDLE folder, const LogName& log, HANDLE opened)
 {
     UniqueFile file;
     if (const DWORD error = KxCompanions::Open(file, folder, log.Name(), DELETE | FILE_READ_ATTRIBUTES, FILE_OPEN,
                                                FILE_OPEN_REPARSE_POINT))
         return error == ERROR_FILE_NOT_FOUND;
-    if (wanted != nullptr && !IsSameFile(file.get(), wanted))
+    if (!IsSameFile(file.get(), opened))
         return true; // somebody has been faster
     DWORD error = ERROR_ALREADY_EXISTS;
     for (int attempt = 0; attempt < 10 && error == ERROR_ALREADY_EXISTS; ++attempt)
     {
-        uint64_t number = 0;
-        for (const OldLog& old : ListOldLogs(folder, log))
-            number = std::max(number, old.Number);
-        error = Rename(file.get(), folder, log.OldName(number + 1));
+        uint64_t last = 0;
+        for (const auto& [written, number, name] : ListOldLogs(folder, log))
+            last = std::max(last, number);
+        error = Rename(file.get(), folder, log.OldName(last + 1));
     }
     return error == ERROR_SUCCESS;
 }
@@ -152,15 +144,23 @@ void RemoveOldLogs(HANDLE folder, const LogName& log)
     const std::vector<OldLog> logs = ListOldLogs(folder, log);
     for (size_t i = 0; i + log.Kept() < logs.size(); ++i)
     {
+        const auto& [written, number, name] = logs[i];
         // Nobody writes to a predecessor any more; what has no number may be the log of a living process and is deleted
         // only if nobody has it open.
-        const ULONG share = logs[i].Number != 0 ? FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE : 0;
+        const ULONG share = number != 0 ? FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE : 0;
         UniqueFile doomed;
         FILE_DISPOSITION_INFO deletion = {TRUE};
-        if (KxCompanions::Open(doomed, folder, logs[i].Name, DELETE, FILE_OPEN, FILE_OPEN_REPARSE_POINT, nullptr,
-                               share) == ERROR_SUCCESS)
+        if (KxCompanions::Open(doomed, folder, name, DELETE, FILE_OPEN, FILE_OPEN_REPARSE_POINT, nullptr, share) ==
+            ERROR_SUCCESS)
             ::SetFileInformationByHandle(doomed.get(), FileDispositionInfo, &deletion, sizeof deletion);
     }
+}
+
+// A file that does not tell counts as full.
+uint64_t SizeOf(HANDLE file) noexcept
+{
+    LARGE_INTEGER size;
+    return ::GetFileSizeEx(file, &size) ? static_cast<uint64_t>(size.QuadPart) : UINT64_MAX;
 }
 
 } // namespace
@@ -171,21 +171,28 @@ void LogFile::Use(LogName name)
         return;
     Close();
     m_Name = std::move(name);
-    m_RollOverAt = 0;
+}
+
+void LogFile::Close() noexcept
+{
+    m_File.reset();
+    m_OpenAt = 0;
 }
 
 DWORD LogFile::Append(uint64_t limit, bool flush, std::string_view line)
 {
-    // Opened anew from time to time: the file may have been deleted, renamed or replaced under our handle.
-    if (const uint64_t begin = ::GetTickCount64(); begin >= m_OpenAt)
+    // Opened anew from time to time: the file may have been deleted, renamed or replaced under our handle. One that is
+    // full stays so under its new name, which is how every process learns that another one rolled over.
+    if (const uint64_t begin = ::GetTickCount64(); begin >= m_OpenAt || (m_HadRoom && SizeOf(m_File.get()) >= limit))
     {
-        m_Error = Open();
+        m_Error = Open(limit);
         m_OpenAt = NextAttempt(begin);
+        m_HadRoom = m_File && SizeOf(m_File.get()) < limit;
     }
     if (!m_File)
         return m_Error;
-    if (const DWORD error = MakeRoom(limit))
-        return error;
+    if (!m_HadRoom && SizeOf(m_File.get()) >= 2 * limit)
+        return ERROR_FILE_TOO_LARGE;
     DWORD written = 0;
     if (!::WriteFile(m_File.get(), line.data(), static_cast<DWORD>(line.size()), &written, nullptr))
         return ::GetLastError();
@@ -193,17 +200,13 @@ DWORD LogFile::Append(uint64_t limit, bool flush, std::string_view line)
     return flush && !::FlushFileBuffers(m_File.get()) ? ::GetLastError() : ERROR_SUCCESS;
 }
 
-void LogFile::Close() noexcept
-{
-    m_File.reset();
-    m_Folder.reset();
-    m_OpenAt = 0;
-}
-
 // The new handle is opened before the old one is closed: in between somebody could take an oplock and keep us waiting.
 // When it cannot be had, the old one goes on to serve.
-DWORD LogFile::Open()
+DWORD LogFile::Open(uint64_t limit)
 {
+    const std::wstring name = m_Name.Name();
+    if (name.find_first_of(L"\\/:") != std::wstring::npos)
+        return ERROR_INVALID_NAME;
     const KxCommon::OwnIdentity identity;
     if (!identity)
         return ERROR_ACCESS_DENIED;
@@ -214,69 +217,38 @@ DWORD LogFile::Open()
     const KxCommon::UniqueLocalMemory owner(descriptor);
 
     UniqueFile folder, file;
-    DWORD error = OpenFolder(folder, m_Name.Folder, descriptor);
-    if (error == ERROR_SUCCESS)
-        error = OpenLog(folder.get(), file);
-    if (error == ERROR_ACCESS_DENIED && folder && m_File && !IsPlainFile(m_File.get()))
+    // Append access without write access: the system finds the end and writes there in one step, whoever else does.
+    const auto open = [&]
     {
-        m_File.reset(); // before Windows 10 a deleted file keeps its name while somebody holds it
-        error = OpenLog(folder.get(), file);
-    }
-    if (error != ERROR_SUCCESS)
-        return error;
-    const bool isFirst = !m_File;
-    m_Folder = std::move(folder);
-    m_File = std::move(file);
-    if (isFirst)
-        RemoveOldLogs(m_Folder.get(), m_Name);
-    return ERROR_SUCCESS;
-}
-
-DWORD LogFile::OpenLog(HANDLE folder, UniqueFile& file) const
-{
-    const std::wstring name = m_Name.Name();
-    if (name.find_first_of(L"\\/:") != std::wstring::npos)
-        return ERROR_INVALID_NAME;
-    for (int attempt = 0; attempt < 2; ++attempt)
+        return KxCompanions::Open(file, folder.get(), name, FILE_APPEND_DATA | FILE_READ_ATTRIBUTES, FILE_OPEN_IF,
+                                  FILE_OPEN_REPARSE_POINT);
+    };
+    bool isNew = !m_File;
+    for (int attempt = 0;; ++attempt)
     {
-        // Append access without write access: the system finds the end and writes there in one step, whoever else does.
-        if (const DWORD error = KxCompanions::Open(file, folder, name, FILE_APPEND_DATA | FILE_READ_ATTRIBUTES,
-                                                   FILE_OPEN_IF, FILE_OPEN_REPARSE_POINT))
-            return error;
-        if (IsPlainFile(file.get()))
-            return ERROR_SUCCESS;
-        file.reset();
-        if (!PutAside(folder, m_Name, nullptr))
-            break;
-    }
-    return ERROR_ACCESS_DENIED;
-}
-
-bool LogFile::HasRoom(uint64_t limit) const noexcept
-{
-    LARGE_INTEGER size;
-    return ::GetFileSizeEx(m_File.get(), &size) && static_cast<uint64_t>(size.QuadPart) < limit;
-}
-
-// A full file stays full, also under its new name. That is how every process learns that another one rolled over.
-DWORD LogFile::MakeRoom(uint64_t limit)
-{
-    if (HasRoom(limit))
-        return ERROR_SUCCESS;
-    if (const uint64_t begin = ::GetTickCount64(); begin >= m_RollOverAt)
-    {
-        bool isRolledOver = Open() == ERROR_SUCCESS; // by somebody else, if there is room now
-        if (isRolledOver && !HasRoom(limit))
+        DWORD error = OpenFolder(folder, m_Name.Folder, descriptor); // each time: a listing may stay with its handle
+        if (error == ERROR_SUCCESS)
+            error = open();
+        if (error == ERROR_ACCESS_DENIED && folder && m_File && !IsPlainFile(m_File.get()))
         {
-            const KxCommon::OwnIdentity identity;
-            const bool isAside = PutAside(m_Folder.get(), m_Name, m_File.get());
-            isRolledOver = Open() == ERROR_SUCCESS && (isAside || HasRoom(limit));
-            RemoveOldLogs(m_Folder.get(), m_Name);
+            m_File.reset(); // before Windows 10 a deleted file keeps its name while somebody holds it
+            error = open();
         }
-        if (!isRolledOver)
-            m_RollOverAt = NextAttempt(begin);
+        if (error != ERROR_SUCCESS)
+            return error;
+        const bool isPlain = IsPlainFile(file.get());
+        if ((isPlain && SizeOf(file.get()) < limit) || attempt == 2 || !PutAside(folder.get(), m_Name, file.get()))
+        {
+            if (!isPlain)
+                return ERROR_ACCESS_DENIED;
+            break;
+        }
+        isNew = true;
     }
-    return HasRoom(2 * limit) ? ERROR_SUCCESS : ERROR_FILE_TOO_LARGE;
+    if (isNew)
+        RemoveOldLogs(folder.get(), m_Name);
+    m_File = std::move(file);
+    return ERROR_SUCCESS;
 }
 
 } // namespace KxTrace

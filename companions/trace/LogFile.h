@@ -34,17 +34,13 @@ public:
     void Close() noexcept;
 
 private:
-    [[nodiscard]] DWORD Open();
-    [[nodiscard]] DWORD OpenLog(HANDLE folder, KxCommon::UniqueFile& file) const;
-    [[nodiscard]] DWORD MakeRoom(uint64_t limit);
-    [[nodiscard]] bool HasRoom(uint64_t limit) const noexcept;
+    [[nodiscard]] DWORD Open(uint64_t limit);
 
     LogName m_Name;
-    KxCommon::UniqueFile m_Folder;
     KxCommon::UniqueFile m_File;
-    DWORD m_Error = 0;         // why there is no m_File
-    uint64_t m_OpenAt = 0;     // in ticks
-    uint64_t m_RollOverAt = 0; // in ticks
+    DWORD m_Error = 0;      // why there is no m_File
+    bool m_HadRoom = false; // m_File, when it was opened; otherwise it grows
+    uint64_t m_OpenAt = 0;  // in ticks
 };
 
 } // namespace KxTrace

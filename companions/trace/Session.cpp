@@ -1,13 +1,11 @@
 // A session of the trace library: when its settings are read again and what becomes of a line.
 #include "companions/trace/Session.h"
 
-#include <cstring>
 #include <cwctype>
 #include <string_view>
 #include <utility>
 
 #include "common/srclib/KxComn_Identity.h"
-#include "common/srclib/KxComn_Names.h"
 
 namespace KxTrace
 {
@@ -16,11 +14,6 @@ using Lock = KxCommon::Synchronize::ScopedLock<KxCommon::Synchronize::CriticalSe
 
 namespace
 {
-
-std::wstring Widened(const char* ascii)
-{
-    return {ascii, ascii + std::strlen(ascii)};
-}
 
 // Whether a row of a dump begins here; no other message has line breaks of its own.
 bool IsDumpRow(std::wstring_view text)
@@ -62,7 +55,7 @@ std::string ToUtf8(const std::wstring& text)
 } // namespace
 
 Session::Session(std::wstring folder, const KxCommon::DebugConfigWide& config)
-    : m_Folder(std::move(folder)), m_SettingsFile(m_Folder + Widened(KxCommon::Names::kSettingsFile))
+    : m_Folder(std::move(folder)), m_SettingsFile(m_Folder)
 {
     const Lock lock(m_Lock);
     m_Settings.Record = config;

@@ -7,6 +7,7 @@
 #include <iterator>
 
 #include "common/srclib/KxComn_Handle.h"
+#include "common/srclib/KxComn_Names.h"
 #include "common/srclib/KxComn_Record.h"
 #include "common/srclib/KxComn_String.h"
 
@@ -166,6 +167,8 @@ bool LogName::IsOld(std::wstring_view file, uint64_t& number) const
         number = std::wcstoull(std::wstring(file.substr(5)).c_str(), nullptr, 10);
     return file.find_first_not_of(L".0123456789", 4) == std::wstring_view::npos; // once they had more than a number
 }
+
+SettingsFile::SettingsFile(const std::wstring& folder) : m_Path(folder + Ascii(KxCommon::Names::kSettingsFile)) {}
 
 bool SettingsFile::Update(Settings& settings)
 {

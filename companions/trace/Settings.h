@@ -6,7 +6,6 @@
 #include <optional>
 #include <string>
 #include <string_view>
-#include <utility>
 
 #include "common/trace/KxComn_DebugConfig.h"
 
@@ -61,7 +60,8 @@ struct LogName
 class SettingsFile
 {
 public:
-    explicit SettingsFile(std::wstring path) : m_Path(std::move(path)) {}
+    /// @param folder  that of KxPfw.ini, with backslash
+    explicit SettingsFile(const std::wstring& folder);
 
     /// Puts what the section of the session says now into its settings, if that differs from what it said the last time;
     /// not as long as there has been no section. One that disappears leaves the defaults. While the file cannot be read

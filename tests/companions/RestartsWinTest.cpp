@@ -27,22 +27,20 @@ using Use = std::array<size_t, 4>;
 
 Use Measure()
 {
-    Use use = {TLS_MINIMUM_AVAILABLE + 1024, 0, 0, 0};
+    Use use = {};
     std::vector<DWORD> free;
     for (DWORD slot = ::TlsAlloc(); slot != TLS_OUT_OF_INDEXES; slot = ::TlsAlloc())
         free.push_back(slot);
     for (const DWORD slot : free)
         ::TlsFree(slot);
-    use[0] -= free.size();
+    use[0] = TLS_MINIMUM_AVAILABLE + 1024 - free.size();
+    DWORD flags = 0;
     for (uintptr_t handle = 4; handle < 0x10000; handle += 4) // what the system counts is 0 under Wine
-    {
-        DWORD flags = 0;
-        use[1] += ::GetHandleInformation(reinterpret_cast<HANDLE>(handle), &flags) ? 1 : 0;
-    }
+        use[1] += ::GetHandleInformation(reinterpret_cast<HANDLE>(handle), &flags) != FALSE;
     const KxCommon::UniqueFile threads(::CreateToolhelp32Snapshot(TH32CS_SNAPTHREAD, 0));
     THREADENTRY32 entry = {sizeof entry, 0, 0, 0, 0, 0, 0};
     for (BOOL more = ::Thread32First(threads.get(), &entry); more; more = ::Thread32Next(threads.get(), &entry))
-        use[2] += entry.th32OwnerProcessID == ::GetCurrentProcessId() ? 1 : 0;
+        use[2] += entry.th32OwnerProcessID == ::GetCurrentProcessId();
     MEMORY_BASIC_INFORMATION block;
     for (const char* at = nullptr; ::VirtualQuery(at, &block, sizeof block) != 0; at += block.RegionSize)
         use[3] += block.State == MEM_COMMIT && block.Type == MEM_PRIVATE ? block.RegionSize / 1024 : 0;
@@ -60,8 +58,8 @@ TEST(Restarts, LeaveNothingBehind)
     registry.SetText(L"InstallPath", dir.Path().native());
     for (const wchar_t* const library : {L"KxPfwRul.dll", L"KxVqrDbg.dll", L"KxHash.dll"})
         std::filesystem::copy_file(TestFolder() / library, dir / library);
-    const std::string keys = "Enable=1\r\nLevel=273\r\nLogFolder=log\r\nLogSizeLimit=64\r\n";
-    WriteBytes(dir / "KxPfw.ini", "[InteractiveSession]\r\n" + keys + "[ServiceSession]\r\n" + keys);
+    WriteBytes(dir / "KxPfw.ini",
+               "[InteractiveSession]\r\nEnable=1\r\nLevel=273\r\nLogFolder=log\r\nLogSizeLimit=64\r\n");
     const std::string folder = dir.Path().string();
     const PFW_RULE rule = Build::Access(1, (dir / "KxPfw.ini").native());
     const char* const wanted = std::getenv("KX_RESTARTS");
