@@ -11,6 +11,7 @@
 #include "common/srclib/KxComn_CriticalSection.h"
 #include "common/srclib/KxComn_Exception.h"
 #include "common/srclib/KxComn_Handle.h"
+#include "common/srclib/KxComn_Identity.h"
 #include "common/srclib/KxComn_LockRanks.h"
 #include "common/srclib/KxComn_Names.h"
 #include "common/srclib/KxComn_SecurityAttributes.h"
@@ -80,6 +81,14 @@ int32_t Contain(int32_t resultOfFailure, const Body& body) noexcept
     return resultOfFailure;
 }
 
+// For what opens files. They are the process's, whomever the calling thread acts for: the timer writes them as well.
+template <class Operation>
+int32_t AsProcess(const Operation& operation)
+{
+    const KxCommon::OwnIdentity identity;
+    return identity ? operation() : KXRULE_E_FILE_OPEN;
+}
+
 // An export that traces: its Enter line when made, its Return line after its operation, still under the global lock.
 class TracedExport
 {
@@ -125,6 +134,9 @@ KxCommon::UniqueKernelObject CreateLibraryMutex(DWORD* error)
 
 int32_t Initialize(const char* rulePath, const char* masterFileName)
 {
+    const KxCommon::OwnIdentity identity;
+    if (!identity)
+        return KXRULE_E_MUTEX; // the client could make none
     const GlobalGuard lifecycle(g_LifecycleLock);
     const std::string ownDirectory = KxCommon::GetApplicationPath(g_ModuleHandle);
     const KxCommon::Storage::Key settings{KxCommon::Storage::kIniFile, ownDirectory.c_str(),
@@ -163,6 +175,7 @@ int32_t Initialize(const char* rulePath, const char* masterFileName)
 
 int32_t Finalize()
 {
+    const KxCommon::OwnIdentity identity; // without it the life ends all the same
     KX_TRACE(kTraceCall, "kxRuleFinalize Enter");
     for (;;)
     {
@@ -200,19 +213,19 @@ int32_t kxRuleFinalize(void)
 int32_t kxRuleRead(void)
 {
     const TracedExport call("kxRuleRead");
-    return call.UnderGlobalLock(KXRULE_E_FILE_READ, [] { return g_RuleMaster.ReadAll(); });
+    return call.UnderGlobalLock(KXRULE_E_FILE_READ, [] { return AsProcess([] { return g_RuleMaster.ReadAll(); }); });
 }
 
 int32_t kxRuleWrite(void)
 {
     const TracedExport call("kxRuleWrite");
-    return call.UnderGlobalLock(KXRULE_E_FILE_WRITE, [] { return g_RuleMaster.WriteAll(); });
+    return call.UnderGlobalLock(KXRULE_E_FILE_WRITE, [] { return AsProcess([] { return g_RuleMaster.WriteAll(); }); });
 }
 
 int32_t kxRuleFlush(void)
 {
     const GlobalGuard guard(g_GlobalLock);
-    return Contain(KXRULE_E_FILE_WRITE, [] { return g_RuleMaster.FlushRule(); });
+    return Contain(KXRULE_E_FILE_WRITE, [] { return AsProcess([] { return g_RuleMaster.FlushRule(); }); });
 }
 
 // ------------------------------------------------------------------------------------------------------ rule sets --
@@ -284,7 +297,8 @@ int32_t kxRuleAddRuleSet(uint16_t index, PFW_RULESET* ruleSet)
 int32_t kxRuleDeleteRuleSet(uint16_t index)
 {
     const TracedExport call("kxRuleDeleteRuleSet");
-    return call.UnderGlobalLock(KXRULE_E_FILE_WRITE, [&] { return g_RuleMaster.DeleteRuleSet(index); });
+    return call.UnderGlobalLock(KXRULE_E_FILE_WRITE,
+                                [&] { return AsProcess([&] { return g_RuleMaster.DeleteRuleSet(index); }); });
 }
 
 int32_t kxRuleGetRuleSetIndex(uint16_t* indexes, int32_t maxCount)

@@ -22,6 +22,10 @@
  * ends, calls of other threads that change, read, write or refresh the store wait, and so do timed writes. Nothing
  * reaches the disk meanwhile, unless that thread writes it.
  *
+ * Files are read and written, and libraries loaded, with the rights of the process, also on a thread that impersonates a
+ * client. Of an anonymous client, whom the system does not let go of, kxRuleInitialize says KXRULE_E_MUTEX and what needs
+ * files (kxRuleRead, kxRuleWrite, kxRuleFlush, kxRuleDeleteRuleSet) KXRULE_E_FILE_OPEN; nothing changes then.
+ *
  * Before kxRuleInitialize and after kxRuleFinalize the functions that look, add and delete work on what is in memory,
  * with their usual results (but for kxRuleDeleteRuleSet, which refuses); the next kxRuleInitialize empties it. Only
  * what is done between the two reaches the disk.

@@ -37,6 +37,27 @@ TEST_F(StoreTest, WithoutStartNothingTouchesTheDisk)
     EXPECT_TRUE(std::filesystem::is_empty(Directory()));
 }
 
+// Whomever the thread acts for, the files are the process's. A client without a name cannot be put back: nothing is opened.
+TEST_F(StoreTest, AClientHasNoSayInTheFiles)
+{
+    ASSERT_EQ(AddSet(1), 0);
+    ASSERT_TRUE(::ImpersonateSelf(SecurityAnonymous));
+    EXPECT_EQ(kxRuleRead(), KXRULE_E_FILE_OPEN);
+    EXPECT_EQ(kxRuleWrite(), KXRULE_E_FILE_OPEN);
+    EXPECT_EQ(kxRuleFlush(), KXRULE_E_FILE_OPEN);
+    EXPECT_EQ(kxRuleDeleteRuleSet(1), KXRULE_E_FILE_OPEN);
+    EXPECT_EQ(kxRuleInitialize(Directory().c_str(), nullptr), KXRULE_E_MUTEX);
+    EXPECT_EQ(SetIndexes(), Indexes{1}) << "nothing changes";
+    EXPECT_TRUE(std::filesystem::is_empty(Directory()));
+    ASSERT_TRUE(::ImpersonateSelf(SecurityIdentification)); // with this he could open nothing
+    EXPECT_EQ(kxRuleFlush(), 0);
+    HANDLE client = nullptr;
+    EXPECT_TRUE(::OpenThreadToken(::GetCurrentThread(), TOKEN_QUERY, TRUE, &client)) << "not put back";
+    const KxCommon::UniqueKernelObject owner(client);
+    ::RevertToSelf();
+    EXPECT_TRUE(Exists("KxRl0001.dat"));
+}
+
 // The keeper goes on, readers go on, whoever changes waits, and all ends when the keeper finalises.
 TEST_F(StoreTest, AKeptLockStopsNeitherItsKeeperNorReaders)
 {
