@@ -152,6 +152,15 @@ Recording Record(Disk base, const Scenario& scenario)
              (IsRuleSetFile(path) && !HoldsSet(story.Contents[0], Records(recording.Base.Files[file])))))
             recording.Hidden[path] = recording.Base.Files[file];
     }
+    // A copy that was cut off, of a file that is still there, is made again.
+    std::erase_if(recording.Hidden,
+                  [&](const auto& copy)
+                  {
+                      const std::string& path = copy.first;
+                      const size_t name = path.rfind('\\') + 1;
+                      return path.ends_with(".brk") && Records(copy.second).empty() &&
+                             recording.Hidden.count(kDirectory + path.substr(name, path.size() - name - 4)) != 0;
+                  });
     return recording;
 }
 
