@@ -38,11 +38,6 @@ CCriticalSectionLock g_LifecycleLock(LockRank::Lifecycle); // one start or stop 
 CCriticalSectionLock g_GlobalLock(LockRank::Global);       // one export at a time
 KxCommon::UniqueKernelObject g_Mutex;                      // held while the library is initialised
 
-} // namespace
-
-namespace
-{
-
 // While the process ends the store is left as it is: threads that were killed may have left it half changed.
 union Store
 {
@@ -55,13 +50,6 @@ union Store
     CRuleMaster Master;
 };
 Store g_Store;
-
-} // namespace
-
-CRuleMaster& g_RuleMaster = g_Store.Master;
-
-namespace
-{
 
 // The frame of every export: lets no exception out.
 template <class Body>
@@ -100,6 +88,14 @@ public:
     {
         const GlobalGuard guard(g_GlobalLock);
         return WithoutLock(resultOfFailure, operation);
+    }
+
+    // A getter's operation, which is given the token.
+    template <class Operation>
+    int32_t Reading(int32_t resultOfFailure, const Operation& operation) const noexcept
+    {
+        const GlobalGuard guard(g_GlobalLock);
+        return WithoutLock(resultOfFailure, [&] { return operation(ReadToken(guard)); });
     }
 
     template <class Operation>
@@ -198,6 +194,8 @@ int32_t Finalize()
 
 } // namespace
 
+CRuleMaster& g_RuleMaster = g_Store.Master;
+
 // ------------------------------------------------------------------------------------------------------ lifecycle --
 
 int32_t kxRuleInitialize(const char* rulePath, const char* masterFileName)
@@ -264,7 +262,7 @@ int32_t kxRuleSetActiveRuleSet(const uint16_t* indexes, int32_t count)
 int32_t kxRuleGetActiveRuleSet(uint16_t* indexes, int32_t maxCount)
 {
     const TracedExport call("kxRuleGetActiveRuleSet");
-    return call.UnderGlobalLock(0, [&] { return g_RuleMaster.GetActiveRuleSet(indexes, maxCount); });
+    return call.Reading(0, [&](ReadToken token) { return g_RuleMaster.GetActiveRuleSet(token, indexes, maxCount); });
 }
 
 int32_t kxRuleAddRuleSet(uint16_t index, PFW_RULESET* ruleSet)
@@ -304,13 +302,14 @@ int32_t kxRuleDeleteRuleSet(uint16_t index)
 int32_t kxRuleGetRuleSetIndex(uint16_t* indexes, int32_t maxCount)
 {
     const TracedExport call("kxRuleGetRuleSetIndex");
-    return call.UnderGlobalLock(0, [&] { return g_RuleMaster.GetRuleSetIndex(indexes, maxCount); });
+    return call.Reading(0, [&](ReadToken token) { return g_RuleMaster.GetRuleSetIndex(token, indexes, maxCount); });
 }
 
 int32_t kxRuleGetRuleSet(uint16_t index, PFW_RULESET* ruleSet, int32_t maxRules)
 {
     const TracedExport call("kxRuleGetRuleSet");
-    return call.UnderGlobalLock(KXRULE_E_NO_RULESET, [&] { return g_RuleMaster.GetRuleSet(index, ruleSet, maxRules); });
+    return call.Reading(KXRULE_E_NO_RULESET,
+                        [&](ReadToken token) { return g_RuleMaster.GetRuleSet(token, index, ruleSet, maxRules); });
 }
 
 // ---------------------------------------------------------------------------------------------------------- rules --
@@ -318,13 +317,15 @@ int32_t kxRuleGetRuleSet(uint16_t index, PFW_RULESET* ruleSet, int32_t maxRules)
 int32_t kxRuleGetRuleTopIndex(uint16_t ruleSetIndex)
 {
     const TracedExport call("kxRuleGetRuleTopIndex");
-    return call.UnderGlobalLock(KXRULE_E_NO_RULESET, [&] { return g_RuleMaster.GetRuleTopIndex(ruleSetIndex); });
+    return call.Reading(KXRULE_E_NO_RULESET,
+                        [&](ReadToken token) { return g_RuleMaster.GetRuleTopIndex(token, ruleSetIndex); });
 }
 
 int32_t kxRuleGetRuleBottomIndex(uint16_t ruleSetIndex)
 {
     const TracedExport call("kxRuleGetRuleBottomIndex");
-    return call.UnderGlobalLock(KXRULE_E_NO_RULESET, [&] { return g_RuleMaster.GetRuleBottomIndex(ruleSetIndex); });
+    return call.Reading(KXRULE_E_NO_RULESET,
+                        [&](ReadToken token) { return g_RuleMaster.GetRuleBottomIndex(token, ruleSetIndex); });
 }
 
 int32_t kxRuleAddRule(uint16_t ruleSetIndex, uint16_t ruleIndex, const PFW_RULE* rule)
@@ -355,13 +356,15 @@ int32_t kxRuleDeleteRule(uint16_t ruleSetIndex, uint16_t ruleIndex)
 int32_t kxRuleGetRule(uint16_t ruleSetIndex, uint16_t ruleIndex, PFW_RULE* rule)
 {
     const GlobalGuard guard(g_GlobalLock);
-    return Contain(KXRULE_E_NO_RULE, [&] { return g_RuleMaster.GetRule(ruleSetIndex, ruleIndex, rule); });
+    return Contain(KXRULE_E_NO_RULE,
+                   [&] { return g_RuleMaster.GetRule(ReadToken(guard), ruleSetIndex, ruleIndex, rule); });
 }
 
 int32_t kxRuleIsRuleActive(uint16_t ruleSetIndex, uint16_t ruleIndex)
 {
     const TracedExport call("kxRuleIsRuleActive");
-    return call.UnderGlobalLock(KXRULE_E_NO_RULE, [&] { return g_RuleMaster.IsRuleActive(ruleSetIndex, ruleIndex); });
+    return call.Reading(KXRULE_E_NO_RULE,
+                        [&](ReadToken token) { return g_RuleMaster.IsRuleActive(token, ruleSetIndex, ruleIndex); });
 }
 
 // --------------------------------------------------------------------------------------------------------- macros --
@@ -396,13 +399,13 @@ int32_t kxRuleDeleteMacro(void)
 int32_t kxRuleGetMacroCount(void)
 {
     const TracedExport call("kxRuleGetMacroCount");
-    return call.UnderGlobalLock(0, [] { return g_RuleMaster.GetMacroCount(); });
+    return call.Reading(0, [](ReadToken token) { return g_RuleMaster.GetMacroCount(token); });
 }
 
 int32_t kxRuleGetMacro(void* buffer, int32_t bufferSize)
 {
     const TracedExport call("kxRuleGetMacro");
-    return call.UnderGlobalLock(0, [&] { return g_RuleMaster.GetMacro(buffer, bufferSize); });
+    return call.Reading(0, [&](ReadToken token) { return g_RuleMaster.GetMacro(token, buffer, bufferSize); });
 }
 
 // ---------------------------------------------------------------------------------------------------------- texts --
@@ -410,13 +413,13 @@ int32_t kxRuleGetMacro(void* buffer, int32_t bufferSize)
 int32_t kxRuleGetRuleString(uint16_t ruleSetIndex, uint16_t ruleIndex, char* text, int32_t textSize)
 {
     const TracedExport call("kxRuleGetRuleString");
-    return call.UnderGlobalLock(KXRULE_E_RULE_TEXT,
-                                [&]
-                                {
-                                    std::string line;
-                                    const int32_t result = g_RuleMaster.GetRuleString(ruleSetIndex, ruleIndex, line);
-                                    return result == KXRULE_OK ? CopyText(line, text, textSize) : result;
-                                });
+    return call.Reading(KXRULE_E_RULE_TEXT,
+                        [&](ReadToken token)
+                        {
+                            std::string line;
+                            const int32_t result = g_RuleMaster.GetRuleString(token, ruleSetIndex, ruleIndex, line);
+                            return result == KXRULE_OK ? CopyText(line, text, textSize) : result;
+                        });
 }
 
 int32_t kxRuleGetRuleString2(const PFW_RULE* rule, char* text, int32_t textSize)

@@ -81,7 +81,7 @@ void MasterLock::ReleaseKept() noexcept
     WakeWaiters(); // no longer kept, though its keeper may still hold it
 }
 
-bool MasterLock::IsKeptByOther() noexcept
+bool MasterLock::IsKeptByOther() const noexcept
 {
     const StateGuard state(m_State);
     return m_KeptHolds > 0 && IsOther();
@@ -99,4 +99,14 @@ void MasterLock::WaitOnceWhileKeptByOther() noexcept
     const StateGuard state(m_State);
     if (m_KeptHolds > 0 && IsOther())
         WaitForOwner();
+}
+
+bool ChangeGuard::WaitsForKeeper(CLock& outerLock) noexcept KX_NO_THREAD_SAFETY_ANALYSIS // gives the caller's hold back
+{
+    if (!m_Lock.IsKeptByOther())
+        return false;
+    outerLock.Unlock();
+    m_Lock.WaitWhileKeptByOther();
+    outerLock.Lock();
+    return true;
 }

@@ -1,6 +1,7 @@
-// The master lock and its guard. docs/threads.md, "Locks that outlive a call".
+// The master lock, its guards, and what readers show instead. docs/threads.md, "Locks that outlive a call".
 #pragma once
 
+#include "api/include/KxPfwRule.h"
 #include "common/srclib/KxComn_CriticalSection.h"
 #include "common/srclib/KxComn_Handle.h"
 #include "common/srclib/KxComn_LockRanks.h"
@@ -25,7 +26,7 @@ public:
     /// Gives all kept holds back, whichever thread keeps them, and wakes those who wait. Global lock held.
     void ReleaseKept() noexcept;
 
-    [[nodiscard]] bool IsKeptByOther() noexcept;
+    [[nodiscard]] bool IsKeptByOther() const noexcept;
     /// Returns when no other thread keeps the lock. No lock that the keeper needs may be held.
     void WaitWhileKeptByOther() noexcept;
     /// Returns after a moment, or at once when no other thread keeps the lock.
@@ -37,7 +38,7 @@ private:
     void Release(unsigned holds) noexcept KX_REQUIRES(m_State);
     void WakeWaiters() noexcept KX_REQUIRES(m_State);
 
-    KxCommon::Synchronize::CriticalSection m_State; // guards what follows; held for a moment only, taken last
+    mutable KxCommon::Synchronize::CriticalSection m_State; // guards what follows; held for a moment only, taken last
     CONDITION_VARIABLE m_Changed = CONDITION_VARIABLE_INIT;
     DWORD m_Owner KX_GUARDED_BY(m_State) = 0; // thread id; 0 is none
     unsigned m_Holds KX_GUARDED_BY(m_State) = 0;
@@ -46,18 +47,58 @@ private:
     KxCommon::UniqueKernelObject m_Keeper KX_GUARDED_BY(m_State);
 };
 
-/// Holds the master lock for a scope, or, by its one named way out, beyond it.
-class [[nodiscard]] KX_SCOPED_CAPABILITY MasterGuard
+/// Holds the master lock for a scope.
+using MasterGuard = KxCommon::Synchronize::ScopedLock<MasterLock>;
+
+/// Shows that the outer (global) lock is held: only its guard makes one. Every change that a getter could see is made
+/// under that lock, so whoever holds it may read, and no getter waits for the master lock.
+class ReadToken
 {
 public:
-    explicit MasterGuard(MasterLock& lock) noexcept KX_ACQUIRE(lock) : m_Lock(lock) { m_Lock.Lock(); }
-    ~MasterGuard() KX_RELEASE()
+    template <class LockType>
+    explicit ReadToken(const KxCommon::Synchronize::ScopedLock<LockType>& /*outer*/) noexcept
     {
-        if (!m_IsKept)
+    }
+
+private:
+    friend class ChangeGuard;
+    ReadToken() = default;
+};
+
+/// The entry to a change, to be made with the outer lock held, and the only way to keep the master lock beyond a call.
+/// While another thread keeps the lock the outer lock is given back, so that the keeper and all readers go on.
+class [[nodiscard]] KX_SCOPED_CAPABILITY ChangeGuard
+{
+public:
+    /// Holds the master lock when it is made.
+    ChangeGuard(MasterLock& lock, CLock& outerLock) noexcept KX_ACQUIRE(lock)
+        : ChangeGuard(lock, outerLock, [](ReadToken) { return KXRULE_OK; })
+    {
+    }
+    /// Holds it unless the precondition refuses the change, which is to be asked next.
+    /// @param precondition  gets a ReadToken and returns KXRULE_OK or the code of the refusal. A refused change waits for
+    ///                      nobody; after a wait the precondition is asked again.
+    template <class Precondition>
+    ChangeGuard(MasterLock& lock, CLock& outerLock, const Precondition& precondition) noexcept
+        KX_EXCLUDES(lock) KX_NO_THREAD_SAFETY_ANALYSIS : m_Lock(lock)
+    {
+        do
+            m_Refusal = precondition(ReadToken());
+        while (m_Refusal == KXRULE_OK && WaitsForKeeper(outerLock));
+        if (m_Refusal == KXRULE_OK)
+            m_Lock.Lock();
+    }
+    ~ChangeGuard() KX_RELEASE()
+    {
+        if (m_Refusal == KXRULE_OK && !m_IsKept)
             m_Lock.Unlock();
     }
-    MasterGuard(const MasterGuard&) = delete;
-    MasterGuard& operator=(const MasterGuard&) = delete;
+    ChangeGuard(const ChangeGuard&) = delete;
+    ChangeGuard& operator=(const ChangeGuard&) = delete;
+
+    /// False when the change is refused: then the lock is not held.
+    explicit operator bool() const noexcept KX_TRY_ACQUIRE(true) { return m_Refusal == KXRULE_OK; }
+    [[nodiscard]] int32_t Refusal() const noexcept { return m_Refusal; }
 
     /// The calling thread goes on owning the lock when the scope ends, until it finalises the library.
     void KeepLocked() noexcept
@@ -67,6 +108,10 @@ public:
     }
 
 private:
+    /// False when no other thread keeps the lock; otherwise what was true before the wait may be so no longer.
+    [[nodiscard]] bool WaitsForKeeper(CLock& outerLock) noexcept;
+
     MasterLock& m_Lock;
+    int32_t m_Refusal = KXRULE_OK;
     bool m_IsKept = false;
 };

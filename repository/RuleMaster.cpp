@@ -77,34 +77,23 @@ void CRuleMaster::WaitForKeeper() noexcept
         m_Lock.WaitOnceWhileKeptByOther();
 }
 
-bool CRuleMaster::MayChange() noexcept KX_NO_THREAD_SAFETY_ANALYSIS
+int32_t CRuleMaster::RequireRuleSet(ReadToken token, uint16_t index) const noexcept
 {
-    if (!m_Lock.IsKeptByOther())
-        return true;
-    m_OuterLock.Unlock();
-    m_Lock.WaitWhileKeptByOther();
-    m_OuterLock.Lock();
-    return false;
-}
-
-bool CRuleMaster::HasRuleSet(uint16_t index) const noexcept
-{
-    AssertReadable();
-    return m_RuleSets.Contains(index);
+    return Read(token).RuleSets.Contains(index) ? KXRULE_OK : KXRULE_E_NO_RULESET;
 }
 
 void CRuleMaster::Empty() noexcept
 {
-    m_RuleSets.Clear();
-    m_Macros.clear();
-    m_ActiveRuleSets.clear();
+    m_Content.RuleSets.Clear();
+    m_Content.Macros.clear();
+    m_Content.ActiveRuleSets.clear();
 }
 
 std::vector<std::string> CRuleMaster::ListedNames() const
 {
     std::vector<std::string> names;
-    for (size_t i = 0; i < m_RuleSets.Size(); ++i)
-        names.push_back(m_RuleSets.ValueAt(i).FileName());
+    for (size_t i = 0; i < m_Content.RuleSets.Size(); ++i)
+        names.push_back(m_Content.RuleSets.ValueAt(i).FileName());
     return names;
 }
 
@@ -116,30 +105,24 @@ void CRuleMaster::MarkModified(uint16_t ruleSetIndex) noexcept
 
 void CRuleMaster::SetActiveRuleSet(std::vector<uint16_t> indexes)
 {
-    while (!MayChange())
-    {
-    }
-    const MasterGuard guard(m_Lock);
+    const ChangeGuard change(m_Lock, m_OuterLock);
     m_IsDirty = true;
-    m_ActiveRuleSets = std::move(indexes);
+    m_Content.ActiveRuleSets = std::move(indexes);
 }
 
-int32_t CRuleMaster::GetActiveRuleSet(uint16_t* indexes, int32_t maxCount) const noexcept
+int32_t CRuleMaster::GetActiveRuleSet(ReadToken token, uint16_t* indexes, int32_t maxCount) const noexcept
 {
-    AssertReadable();
-    return CopyIndexes(m_ActiveRuleSets, indexes, maxCount);
+    return CopyIndexes(Read(token).ActiveRuleSets, indexes, maxCount);
 }
 
-int32_t CRuleMaster::GetRuleSetIndex(uint16_t* indexes, int32_t maxCount) const noexcept
+int32_t CRuleMaster::GetRuleSetIndex(ReadToken token, uint16_t* indexes, int32_t maxCount) const noexcept
 {
-    AssertReadable();
-    return CopyIndexes(m_RuleSets.Keys(), indexes, maxCount);
+    return CopyIndexes(Read(token).RuleSets.Keys(), indexes, maxCount);
 }
 
-int32_t CRuleMaster::RefuseRuleSet(const CRuleSet& ruleSet) const noexcept
+int32_t CRuleMaster::RefuseRuleSet(ReadToken token, const CRuleSet& ruleSet) const noexcept
 {
-    AssertReadable();
-    if (m_RuleSets.Size() >= KXRULE_MAX_RULESETS)
+    if (Read(token).RuleSets.Size() >= KXRULE_MAX_RULESETS)
         return KXRULE_E_TOO_MANY_RULESETS;
     return ruleSet.RuleCount() > KXRULE_MAX_RULES ? KXRULE_E_TOO_MANY_RULES : KXRULE_OK;
 }
@@ -147,26 +130,21 @@ int32_t CRuleMaster::RefuseRuleSet(const CRuleSet& ruleSet) const noexcept
 int32_t CRuleMaster::AddRuleSet(uint16_t index, CRuleSet& ruleSet)
 {
     KX_TRACE(kTraceCall, "CRuleMaster::AddRuleSet Enter");
-    do
     {
-        const int32_t refusal = RefuseRuleSet(ruleSet);
-        if (refusal != KXRULE_OK)
+        ChangeGuard change(m_Lock, m_OuterLock, [&](ReadToken token) { return RefuseRuleSet(token, ruleSet); });
+        if (!change)
         {
-            KX_TRACE(kTraceCall, "CRuleMaster::AddRuleSet Return (%d)", refusal);
-            return refusal;
+            KX_TRACE(kTraceCall, "CRuleMaster::AddRuleSet Return (%d)", change.Refusal());
+            return change.Refusal();
         }
-    } while (!MayChange());
-
-    {
-        MasterGuard guard(m_Lock);
-        if (index != 0 && m_RuleSets.Contains(index))
+        if (index != 0 && m_Content.RuleSets.Contains(index))
         {
-            if (m_IsLive)           // otherwise nobody would finalise, which gives the lock back
-                guard.KeepLocked(); // kept: docs/threads.md, "Locks that outlive a call"
+            if (m_IsLive)            // otherwise nobody would finalise, which gives the lock back
+                change.KeepLocked(); // kept: docs/threads.md, "Locks that outlive a call"
             return KXRULE_E_NO_RULESET;
         }
         const uint16_t assigned = index != 0 ? index : AllocateIndex();
-        m_RuleSets.Emplace(assigned, std::move(ruleSet)).SetIndex(assigned);
+        m_Content.RuleSets.Emplace(assigned, std::move(ruleSet)).SetIndex(assigned);
         MarkModified(assigned);
         ruleSet.SetIndex(assigned); // NOLINT(bugprone-use-after-move): the caller asks the emptied set for its index
         m_NextIndex = assigned;
@@ -179,27 +157,28 @@ int32_t CRuleMaster::AddRuleSet(uint16_t index, CRuleSet& ruleSet)
 uint16_t CRuleMaster::AllocateIndex() noexcept
 {
     uint32_t candidate = std::max<uint32_t>(m_NextIndex, 1); // a master file may say 0, which means "none" elsewhere
-    while (m_RuleSets.Contains(static_cast<uint16_t>(candidate)))
+    while (m_Content.RuleSets.Contains(static_cast<uint16_t>(candidate)))
         candidate = candidate + 1 > KXRULE_MAX_RULESET_INDEX ? 1 : candidate + 1;
     return static_cast<uint16_t>(candidate);
 }
 
 int32_t CRuleMaster::DeleteRuleSet(uint16_t index)
 {
-    do
-    {
-        if (!m_IsLive)
-            return KXRULE_E_FILE_OPEN;
-        if (index != 0 && !HasRuleSet(index))
-            return KXRULE_E_NO_RULESET;
-    } while (!MayChange());
+    const ChangeGuard change(m_Lock, m_OuterLock,
+                             [&](ReadToken token)
+                             {
+                                 const int32_t refusal = RequireLife();
+                                 return refusal != KXRULE_OK || index == 0 ? refusal : RequireRuleSet(token, index);
+                             });
+    if (!change)
+        return change.Refusal();
 
-    const MasterGuard guard(m_Lock);
     std::vector<std::string> files;
-    for (size_t i = 0; i < m_RuleSets.Size(); ++i)
+    for (size_t i = 0; i < m_Content.RuleSets.Size(); ++i)
     {
-        const std::string& name = m_RuleSets.ValueAt(i).FileName();
-        if ((index == 0 || m_RuleSets.KeyAt(i) == index) && !name.empty()) // a set that was never written has no file
+        const std::string& name = m_Content.RuleSets.ValueAt(i).FileName();
+        const bool isMeant = index == 0 || m_Content.RuleSets.KeyAt(i) == index;
+        if (isMeant && !name.empty()) // a set that was never written has no file
             files.push_back(name);
     }
     for (const std::string& file : files)
@@ -207,14 +186,14 @@ int32_t CRuleMaster::DeleteRuleSet(uint16_t index)
     m_IsDirty = true;
     if (index == 0)
     {
-        m_RuleSets.Clear();
+        m_Content.RuleSets.Clear();
         m_Modified.reset();
         m_NextIndex = 1;
     }
     else
     {
         m_Modified.reset(index);
-        m_RuleSets.Erase(index);
+        m_Content.RuleSets.Erase(index);
     }
 
     // The list on disk stops naming the files before they go: a crash in between leaves a file too many, not one
@@ -233,10 +212,9 @@ int32_t CRuleMaster::DeleteRuleSet(uint16_t index)
     return KXRULE_OK;
 }
 
-int32_t CRuleMaster::GetRuleSet(uint16_t index, PFW_RULESET* ruleSet, int32_t maxRules)
+int32_t CRuleMaster::GetRuleSet(ReadToken token, uint16_t index, PFW_RULESET* ruleSet, int32_t maxRules) const noexcept
 {
-    AssertReadable();
-    const CRuleSet* const found = m_RuleSets.Find(index);
+    const CRuleSet* const found = Read(token).RuleSets.Find(index);
     if (found == nullptr)
         return KXRULE_E_NO_RULESET;
     if (ruleSet != nullptr && maxRules >= 0)
@@ -247,19 +225,17 @@ int32_t CRuleMaster::GetRuleSet(uint16_t index, PFW_RULESET* ruleSet, int32_t ma
     return found->RuleCount();
 }
 
-int32_t CRuleMaster::GetRuleTopIndex(uint16_t ruleSetIndex) const noexcept
+int32_t CRuleMaster::GetRuleTopIndex(ReadToken token, uint16_t ruleSetIndex) const noexcept
 {
-    AssertReadable();
-    const CRuleSet* const found = m_RuleSets.Find(ruleSetIndex);
+    const CRuleSet* const found = Read(token).RuleSets.Find(ruleSetIndex);
     if (found == nullptr)
         return KXRULE_E_NO_RULESET;
     return found->RuleIndexes().empty() ? 0 : found->RuleIndexes().front();
 }
 
-int32_t CRuleMaster::GetRuleBottomIndex(uint16_t ruleSetIndex) const noexcept
+int32_t CRuleMaster::GetRuleBottomIndex(ReadToken token, uint16_t ruleSetIndex) const noexcept
 {
-    AssertReadable();
-    const CRuleSet* const found = m_RuleSets.Find(ruleSetIndex);
+    const CRuleSet* const found = Read(token).RuleSets.Find(ruleSetIndex);
     if (found == nullptr)
         return KXRULE_E_NO_RULESET;
     return found->RuleIndexes().empty() ? 0 : found->RuleIndexes().back();
@@ -268,60 +244,52 @@ int32_t CRuleMaster::GetRuleBottomIndex(uint16_t ruleSetIndex) const noexcept
 // kept: a refused change marks the set all the same.
 int32_t CRuleMaster::AddRule(uint16_t ruleSetIndex, uint16_t ruleIndex, const CRule& rule)
 {
-    do
-    {
-        if (!HasRuleSet(ruleSetIndex))
-            return KXRULE_E_NO_RULESET;
-    } while (!MayChange());
-
-    const MasterGuard guard(m_Lock);
+    const ChangeGuard change(m_Lock, m_OuterLock, [&](ReadToken token) { return RequireRuleSet(token, ruleSetIndex); });
+    if (!change)
+        return change.Refusal();
     MarkModified(ruleSetIndex);
-    return m_RuleSets.Find(ruleSetIndex)->AddRule(ruleIndex, rule);
+    return m_Content.RuleSets.Find(ruleSetIndex)->AddRule(ruleIndex, rule);
 }
 
 int32_t CRuleMaster::DeleteRule(uint16_t ruleSetIndex, uint16_t ruleIndex)
 {
-    do
-    {
-        if (!HasRuleSet(ruleSetIndex))
-            return KXRULE_E_NO_RULESET;
-    } while (!MayChange());
-
-    const MasterGuard guard(m_Lock);
+    const ChangeGuard change(m_Lock, m_OuterLock, [&](ReadToken token) { return RequireRuleSet(token, ruleSetIndex); });
+    if (!change)
+        return change.Refusal();
     MarkModified(ruleSetIndex);
-    return m_RuleSets.Find(ruleSetIndex)->DeleteRule(ruleIndex);
+    return m_Content.RuleSets.Find(ruleSetIndex)->DeleteRule(ruleIndex);
 }
 
-const CRule* CRuleMaster::FindRule(uint16_t ruleSetIndex, uint16_t ruleIndex, int32_t& result) const noexcept
+const CRule* CRuleMaster::FindRule(ReadToken token, uint16_t ruleSetIndex, uint16_t ruleIndex,
+                                   int32_t& result) const noexcept
 {
-    AssertReadable();
-    const CRuleSet* const ruleSet = m_RuleSets.Find(ruleSetIndex);
+    const CRuleSet* const ruleSet = Read(token).RuleSets.Find(ruleSetIndex);
     const CRule* const rule = ruleSet == nullptr ? nullptr : ruleSet->FindRule(ruleIndex);
     result = ruleSet == nullptr ? KXRULE_E_NO_RULESET : rule == nullptr ? KXRULE_E_NO_RULE : KXRULE_OK;
     return rule;
 }
 
-int32_t CRuleMaster::GetRule(uint16_t ruleSetIndex, uint16_t ruleIndex, PFW_RULE* rule)
+int32_t CRuleMaster::GetRule(ReadToken token, uint16_t ruleSetIndex, uint16_t ruleIndex, PFW_RULE* rule) const noexcept
 {
     int32_t result = KXRULE_OK;
-    const CRule* const found = FindRule(ruleSetIndex, ruleIndex, result);
+    const CRule* const found = FindRule(token, ruleSetIndex, ruleIndex, result);
     if (found == nullptr)
         return result;
     const RecordGuard guard(m_RecordLock);
     return found->GetRule(rule);
 }
 
-int32_t CRuleMaster::IsRuleActive(uint16_t ruleSetIndex, uint16_t ruleIndex) const noexcept
+int32_t CRuleMaster::IsRuleActive(ReadToken token, uint16_t ruleSetIndex, uint16_t ruleIndex) const noexcept
 {
     int32_t result = KXRULE_OK;
-    const CRule* const found = FindRule(ruleSetIndex, ruleIndex, result);
+    const CRule* const found = FindRule(token, ruleSetIndex, ruleIndex, result);
     return found == nullptr ? result : static_cast<int32_t>(found->Record().dwActive);
 }
 
-int32_t CRuleMaster::GetRuleString(uint16_t ruleSetIndex, uint16_t ruleIndex, std::string& line)
+int32_t CRuleMaster::GetRuleString(ReadToken token, uint16_t ruleSetIndex, uint16_t ruleIndex, std::string& line) const
 {
     int32_t result = KXRULE_OK;
-    const CRule* const found = FindRule(ruleSetIndex, ruleIndex, result);
+    const CRule* const found = FindRule(token, ruleSetIndex, ruleIndex, result);
     if (found == nullptr)
         return result;
     const RecordGuard guard(m_RecordLock);
@@ -341,14 +309,14 @@ int32_t CRuleMaster::UpdateHashValue(const KXWCHAR* applicationPath, const uint8
     // for).
     for (uint32_t key = 0; result == KXRULE_OK && key <= std::numeric_limits<uint16_t>::max(); ++key)
     {
-        const size_t position = m_RuleSets.LowerBound(static_cast<uint16_t>(key));
-        if (position >= m_RuleSets.Size())
+        const size_t position = m_Content.RuleSets.LowerBound(static_cast<uint16_t>(key));
+        if (position >= m_Content.RuleSets.Size())
             break;
-        key = m_RuleSets.KeyAt(position);
+        key = m_Content.RuleSets.KeyAt(position);
         try
         {
-            result = m_RuleSets.ValueAt(position).UpdateHash(applicationPath, hash, callback, context, changed,
-                                                             m_RecordLock);
+            result = m_Content.RuleSets.ValueAt(position).UpdateHash(applicationPath, hash, callback, context, changed,
+                                                                     m_RecordLock);
         }
         catch (...) // from the callback, or for want of memory: what has changed is written all the same
         {
@@ -364,35 +332,27 @@ int32_t CRuleMaster::UpdateHashValue(const KXWCHAR* applicationPath, const uint8
 
 void CRuleMaster::AddMacro(CMacro macro)
 {
-    while (!MayChange())
-    {
-    }
-    const MasterGuard guard(m_Lock);
+    const ChangeGuard change(m_Lock, m_OuterLock);
     m_IsDirty = true;
-    m_Macros.push_back(std::move(macro));
+    m_Content.Macros.push_back(std::move(macro));
 }
 
 void CRuleMaster::DeleteMacro()
 {
-    while (!MayChange())
-    {
-    }
-    const MasterGuard guard(m_Lock);
+    const ChangeGuard change(m_Lock, m_OuterLock);
     m_IsDirty = true;
-    m_Macros.clear();
+    m_Content.Macros.clear();
 }
 
-int32_t CRuleMaster::GetMacroCount() const noexcept
+int32_t CRuleMaster::GetMacroCount(ReadToken token) const noexcept
 {
-    AssertReadable();
-    return static_cast<int32_t>(m_Macros.size());
+    return static_cast<int32_t>(Read(token).Macros.size());
 }
 
-int32_t CRuleMaster::GetMacro(void* buffer, int32_t bufferSize) const noexcept
+int32_t CRuleMaster::GetMacro(ReadToken token, void* buffer, int32_t bufferSize) const noexcept
 {
-    AssertReadable();
     uint64_t needed = 0;
-    for (const CMacro& macro : m_Macros)
+    for (const CMacro& macro : Read(token).Macros)
         needed += macro.RecordBytes();
     needed = std::min<uint64_t>(needed, std::numeric_limits<int32_t>::max());
     const int32_t result = static_cast<int32_t>(needed);
@@ -400,7 +360,7 @@ int32_t CRuleMaster::GetMacro(void* buffer, int32_t bufferSize) const noexcept
     if (buffer == nullptr || result > bufferSize || result == std::numeric_limits<int32_t>::max())
         return result;
     unsigned char* out = static_cast<unsigned char*>(buffer);
-    for (const CMacro& macro : m_Macros)
+    for (const CMacro& macro : Read(token).Macros)
     {
         macro.CopyRecord(out);
         out += macro.RecordBytes();

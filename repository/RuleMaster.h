@@ -24,8 +24,8 @@ struct MasterFields;
 
 /// Locks (docs/threads.md). The exports call every operation but UpdateHashValue, IsLive and WaitForKeeper with
 /// the outer (global) lock held; the timer's thread comes without it. The master lock guards every change. Operations
-/// that only read rely on the outer lock, never wait for the master lock, and take the record lock for the moment of
-/// copying a rule, because the hash refresh changes hashes without the outer lock.
+/// that only read are shown that the outer lock is held, never wait for the master lock, and take the record lock for
+/// the moment of copying a rule, because the hash refresh changes hashes without the outer lock.
 /// A changing operation that finds the master lock kept by another thread releases the outer lock while it waits.
 /// Operations that can run out of memory let std::bad_alloc through with the store as it was (but for DeleteRuleSet, which
 /// writes, and UpdateHashValue, which marks what it has changed); ReadAll and the writers turn it into a code.
@@ -54,7 +54,7 @@ public:
     int32_t Finalize();
     [[nodiscard]] bool IsLive() const noexcept { return m_IsLive; }
     /// Whether another thread has kept the lock and something is there to write, which only that thread may.
-    [[nodiscard]] bool MustWaitForKeeper() noexcept { return m_IsDirty && m_Lock.IsKeptByOther(); }
+    [[nodiscard]] bool MustWaitForKeeper() const noexcept { return m_IsDirty && m_Lock.IsKeptByOther(); }
     /// Returns when no other thread keeps the lock, or nothing is left to write.
     void WaitForKeeper() noexcept;
 
@@ -68,49 +68,70 @@ public:
     // ----- rule sets
     void SetActiveRuleSet(std::vector<uint16_t> indexes);
     /// Both copy at most maxCount entries (none to null) and return the full number.
-    [[nodiscard]] int32_t GetActiveRuleSet(uint16_t* indexes, int32_t maxCount) const noexcept;
-    [[nodiscard]] int32_t GetRuleSetIndex(uint16_t* indexes, int32_t maxCount) const noexcept;
+    [[nodiscard]] int32_t GetActiveRuleSet(ReadToken token, uint16_t* indexes, int32_t maxCount) const noexcept;
+    [[nodiscard]] int32_t GetRuleSetIndex(ReadToken token, uint16_t* indexes, int32_t maxCount) const noexcept;
     /// On success the set's rules are taken over and its index is the assigned one.
     /// kept: with an index in use the calling thread goes on owning the master lock.
     [[nodiscard]] int32_t AddRuleSet(uint16_t index, CRuleSet& ruleSet);
     [[nodiscard]] int32_t DeleteRuleSet(uint16_t index);
     /// The number of rules, or KXRULE_E_NO_RULESET. See kxRuleGetRuleSet for what is copied.
-    [[nodiscard]] int32_t GetRuleSet(uint16_t index, PFW_RULESET* ruleSet, int32_t maxRules);
+    [[nodiscard]] int32_t GetRuleSet(ReadToken token, uint16_t index, PFW_RULESET* ruleSet,
+                                     int32_t maxRules) const noexcept;
 
     // ----- rules
-    [[nodiscard]] int32_t GetRuleTopIndex(uint16_t ruleSetIndex) const noexcept;
-    [[nodiscard]] int32_t GetRuleBottomIndex(uint16_t ruleSetIndex) const noexcept;
+    [[nodiscard]] int32_t GetRuleTopIndex(ReadToken token, uint16_t ruleSetIndex) const noexcept;
+    [[nodiscard]] int32_t GetRuleBottomIndex(ReadToken token, uint16_t ruleSetIndex) const noexcept;
     [[nodiscard]] int32_t AddRule(uint16_t ruleSetIndex, uint16_t ruleIndex, const CRule& rule);
     [[nodiscard]] int32_t DeleteRule(uint16_t ruleSetIndex, uint16_t ruleIndex);
-    [[nodiscard]] int32_t GetRule(uint16_t ruleSetIndex, uint16_t ruleIndex, PFW_RULE* rule);
+    [[nodiscard]] int32_t GetRule(ReadToken token, uint16_t ruleSetIndex, uint16_t ruleIndex,
+                                  PFW_RULE* rule) const noexcept;
     /// dwActive, or a code.
-    [[nodiscard]] int32_t IsRuleActive(uint16_t ruleSetIndex, uint16_t ruleIndex) const noexcept;
-    [[nodiscard]] int32_t GetRuleString(uint16_t ruleSetIndex, uint16_t ruleIndex, std::string& line);
+    [[nodiscard]] int32_t IsRuleActive(ReadToken token, uint16_t ruleSetIndex, uint16_t ruleIndex) const noexcept;
+    [[nodiscard]] int32_t GetRuleString(ReadToken token, uint16_t ruleSetIndex, uint16_t ruleIndex,
+                                        std::string& line) const;
     [[nodiscard]] int32_t UpdateHashValue(const KXWCHAR* applicationPath, const uint8_t* hash,
                                           KXRULE_HASH_CALLBACK callback, void* context);
 
     // ----- macros
     void AddMacro(CMacro macro);
     void DeleteMacro();
-    [[nodiscard]] int32_t GetMacroCount() const noexcept;
+    [[nodiscard]] int32_t GetMacroCount(ReadToken token) const noexcept;
     /// The bytes needed, at most 2^31 - 1; filled when they fit.
-    [[nodiscard]] int32_t GetMacro(void* buffer, int32_t bufferSize) const noexcept;
+    [[nodiscard]] int32_t GetMacro(ReadToken token, void* buffer, int32_t bufferSize) const noexcept;
 
     /// The timer's callback; the context is the master.
     static void CallbackFuncWriteTimeOut(void* context);
 
 private:
-    /// Asked with the outer lock held, right before a changing operation takes the master lock. False: another thread
-    /// kept it, the outer lock was released while waiting, and whatever was checked before must be checked again.
-    [[nodiscard]] bool MayChange() noexcept;
-    /// Reads that rely on the outer lock alone: every change is made under the outer lock as well, but for the hash
-    /// bytes (record lock), the dirty flag and the modified set (not read by getters).
-    void AssertReadable() const noexcept KX_ASSERT_SHARED_CAPABILITY(m_Lock) {}
-    [[nodiscard]] bool HasRuleSet(uint16_t index) const noexcept;
+    /// What callers see. It changes under the outer lock and the master lock together, so either is enough to read it.
+    /// Two things change under the master lock alone: hashes, which the record lock guards, and the names of rule set
+    /// files, which no getter reads.
+    struct Content
+    {
+        std::vector<uint16_t> ActiveRuleSets; // as last given, with duplicates and unknown indexes
+        IndexMap<CRuleSet> RuleSets;
+        std::list<CMacro> Macros;
+    };
+    enum class ReadState
+    {
+        NotRead, // Init, or a first start: files that turn up in the directory are somebody's
+        Whole,   // memory holds what the files do, or they have been copied
+        Partial  // something was not opened or not read, or has been moved away
+    };
+
+    [[nodiscard]] const Content& Read(ReadToken /*token*/) const noexcept KX_NO_THREAD_SAFETY_ANALYSIS
+    {
+        return m_Content;
+    }
+    /// 0, KXRULE_E_FILE_OPEN: nothing is read, written or deleted outside a life.
+    [[nodiscard]] int32_t RequireLife() const noexcept { return m_IsLive ? KXRULE_OK : KXRULE_E_FILE_OPEN; }
+    /// 0, KXRULE_E_NO_RULESET.
+    [[nodiscard]] int32_t RequireRuleSet(ReadToken token, uint16_t index) const noexcept;
     /// The limits: 0, KXRULE_E_TOO_MANY_RULESETS, KXRULE_E_TOO_MANY_RULES.
-    [[nodiscard]] int32_t RefuseRuleSet(const CRuleSet& ruleSet) const noexcept;
+    [[nodiscard]] int32_t RefuseRuleSet(ReadToken token, const CRuleSet& ruleSet) const noexcept;
     /// The rule, or null with the code that says what is missing.
-    [[nodiscard]] const CRule* FindRule(uint16_t ruleSetIndex, uint16_t ruleIndex, int32_t& result) const noexcept;
+    [[nodiscard]] const CRule* FindRule(ReadToken token, uint16_t ruleSetIndex, uint16_t ruleIndex,
+                                        int32_t& result) const noexcept;
     [[nodiscard]] uint16_t AllocateIndex() noexcept KX_REQUIRES(m_Lock);
     void MarkModified(uint16_t ruleSetIndex) noexcept KX_REQUIRES(m_Lock);
     void Empty() noexcept KX_REQUIRES(m_Lock);
@@ -126,9 +147,9 @@ private:
     void StoreRuleSet(CRuleSet&& ruleSet, bool holdsMore) KX_REQUIRES(m_Lock);
 
     // RuleMasterFiles.cpp
-    [[nodiscard]] int32_t WriteMasterFile();
-    [[nodiscard]] int32_t WriteMacroFile();
-    [[nodiscard]] int32_t WriteRuleSetFile();
+    [[nodiscard]] int32_t WriteMasterFile() KX_REQUIRES(m_Lock);
+    [[nodiscard]] int32_t WriteMacroFile() KX_REQUIRES(m_Lock);
+    [[nodiscard]] int32_t WriteRuleSetFile() KX_REQUIRES(m_Lock);
     /// WriteMasterFile without its lines, where a read or the order of writes needs a master file in between.
     [[nodiscard]] int32_t StoreMaster(const std::vector<std::string>& names) KX_REQUIRES(m_Lock);
     [[nodiscard]] std::vector<std::string> ListedNames() const KX_REQUIRES(m_Lock);
@@ -140,24 +161,16 @@ private:
     CLock& m_OuterLock;
     MasterLock m_Lock;
     // For the copy of a record or the store of a hash.
-    CCriticalSectionLock m_RecordLock{KxCommon::Synchronize::LockRank::Record};
+    mutable CCriticalSectionLock m_RecordLock{KxCommon::Synchronize::LockRank::Record};
 
     uint32_t m_WriteInterval = 0; // milliseconds
     uint16_t m_NextIndex KX_GUARDED_BY(m_Lock) = 1;
-    std::vector<uint16_t> m_ActiveRuleSets KX_GUARDED_BY(m_Lock); // as last given, with duplicates and unknown indexes
-    IndexMap<CRuleSet> m_RuleSets KX_GUARDED_BY(m_Lock);
-    std::list<CMacro> m_Macros KX_GUARDED_BY(m_Lock);
+    Content m_Content KX_GUARDED_BY(m_Lock);
     CPfwTimer m_WriteTimer;
     std::atomic<bool> m_IsDirty = false;                 // something changed since the last successful timed write
     std::bitset<65536> m_Modified KX_GUARDED_BY(m_Lock); // rule sets whose files must be written
 
     std::atomic<bool> m_IsLive = false; // between Init and Finalize
-    enum class ReadState
-    {
-        NotRead, // Init, or a first start: files that turn up in the directory are somebody's
-        Whole,   // memory holds what the files do, or they have been copied
-        Partial  // something was not opened or not read, or has been moved away
-    };
     ReadState m_ReadState KX_GUARDED_BY(m_Lock) = ReadState::NotRead;
     RuleDirectory m_Directory KX_GUARDED_BY(m_Lock);
     RuleSetFiles m_Files KX_GUARDED_BY(m_Lock);

@@ -51,13 +51,10 @@ template <class Operation>
 int32_t CRuleMaster::ReadAll()
 {
     KX_TRACE(kTraceCall, "CMasterFile::ReadAll Enter");
-    while (!MayChange())
     {
-    }
-    if (!m_IsLive)
-        return KXRULE_E_FILE_OPEN;
-    {
-        MasterGuard guard(m_Lock);
+        ChangeGuard change(m_Lock, m_OuterLock, [this](ReadToken) { return RequireLife(); });
+        if (!change)
+            return change.Refusal();
         Empty();
         m_Files.Clear();
         m_ReadState = ReadState::Whole; // until something is found that is not read
@@ -69,7 +66,7 @@ int32_t CRuleMaster::ReadAll()
             // Nothing of what was changed before is there any more; what is changed from now on is marked anew.
             m_IsDirty = false;
             m_Modified.reset();
-            guard.KeepLocked(); // kept: docs/threads.md, "Locks that outlive a call"
+            change.KeepLocked(); // kept: docs/threads.md, "Locks that outlive a call"
             return result;
         }
     }
@@ -100,8 +97,8 @@ int32_t CRuleMaster::ReadFiles()
             else // the next read makes rescue sets of them
                 std::erase_if(fields.RuleSetFileNames, [&](const std::string& name) KX_REQUIRES(m_Lock)
                               { return !m_Directory.IsUsableRuleSetFileName(name); });
-            const bool tellsNothing = fields.RuleSetFileNames.empty() && m_ActiveRuleSets.empty() && m_NextIndex == 1 &&
-                                      m_Directory.MacroFileName() == FileFormat::kMacroFileName;
+            const bool tellsNothing = fields.RuleSetFileNames.empty() && m_Content.ActiveRuleSets.empty() &&
+                                      m_NextIndex == 1 && m_Directory.MacroFileName() == FileFormat::kMacroFileName;
             return tellsNothing ? KXRULE_OK : StoreMaster(fields.RuleSetFileNames);
         };
         if (Step("WriteMasterFile", KXRULE_E_FILE_WRITE, write) != KXRULE_OK)
@@ -109,7 +106,7 @@ int32_t CRuleMaster::ReadFiles()
     }
     if (!isRead && result == KXRULE_E_FILE_OPEN) // somebody holds the macro file: as if nothing had been read
     {
-        m_ActiveRuleSets.clear();
+        m_Content.ActiveRuleSets.clear();
         m_NextIndex = 1;
     }
     return result;
@@ -130,16 +127,18 @@ int32_t CRuleMaster::FlushRule()
 int32_t CRuleMaster::WriteAll()
 {
     KX_TRACE(kTraceCall, "CMasterFile::WriteAll Enter");
-    while (!MayChange()) // the timer's thread owns the master lock here, so for it nobody else can
-    {
-    }
-    if (!m_IsLive)
-        return KXRULE_E_FILE_OPEN;
-    int32_t result = Step("WriteMacroFile", KXRULE_E_FILE_WRITE, [&] { return WriteMacroFile(); });
+    // The timer's thread comes with the master lock and without the outer one, which is not touched then: nobody else can
+    // keep the lock.
+    const ChangeGuard change(m_Lock, m_OuterLock, [this](ReadToken) { return RequireLife(); });
+    if (!change)
+        return change.Refusal();
+    int32_t result =
+        Step("WriteMacroFile", KXRULE_E_FILE_WRITE, [&]() KX_REQUIRES(m_Lock) { return WriteMacroFile(); });
     if (result == KXRULE_OK)
-        result = Step("WriteRuleSetFile", KXRULE_E_FILE_WRITE, [&] { return WriteRuleSetFile(); });
+        result =
+            Step("WriteRuleSetFile", KXRULE_E_FILE_WRITE, [&]() KX_REQUIRES(m_Lock) { return WriteRuleSetFile(); });
     if (result == KXRULE_OK)
-        result = Step("WriteMasterFile", KXRULE_E_FILE_WRITE, [&] { return WriteMasterFile(); });
+        result = Step("WriteMasterFile", KXRULE_E_FILE_WRITE, [&]() KX_REQUIRES(m_Lock) { return WriteMasterFile(); });
     if (result == KXRULE_OK)
         KX_TRACE(kTraceCall, "CMasterFile::WriteAll Return");
     return result;
@@ -168,7 +167,6 @@ uint32_t CRuleMaster::KeepReplaced(const std::string& fileName)
 int32_t CRuleMaster::WriteMasterFile()
 {
     KX_TRACE(kTraceCall, "CRuleMaster::WriteMasterFile Enter");
-    const MasterGuard guard(m_Lock);
     const int32_t result = StoreMaster(ListedNames());
     if (result == KXRULE_OK)
         KX_TRACE(kTraceCall, "CRuleMaster::WriteMasterFile Return");
@@ -179,7 +177,7 @@ int32_t CRuleMaster::StoreMaster(const std::vector<std::string>& names)
 {
     const Encoder encode = [&](CEncryptStream& stream) KX_REQUIRES(m_Lock) -> int32_t
     {
-        MasterFormat::WriteFields(stream, {m_Directory.MacroFileName(), m_NextIndex, m_ActiveRuleSets, names});
+        MasterFormat::WriteFields(stream, {m_Directory.MacroFileName(), m_NextIndex, m_Content.ActiveRuleSets, names});
         if (!stream.Finish())
             throw CEncryptStream::WriteError;
         return KXRULE_OK;
@@ -209,13 +207,12 @@ int32_t CRuleMaster::StoreMaster(const std::vector<std::string>& names)
 int32_t CRuleMaster::WriteMacroFile()
 {
     KX_TRACE(kTraceCall, "CRuleMaster::WriteMacroFile Enter");
-    const MasterGuard guard(m_Lock);
     const Encoder encode = [this](CEncryptStream& stream) KX_REQUIRES(m_Lock) -> int32_t
     {
-        MacroFormat::WriteHead(stream, static_cast<uint32_t>(m_Macros.size()));
+        MacroFormat::WriteHead(stream, static_cast<uint32_t>(m_Content.Macros.size()));
         const auto write = [&stream](const CMacro& macro)
         { return MacroFormat::WriteMacro(stream, macro.Name(), macro.Items()); };
-        if (std::all_of(m_Macros.begin(), m_Macros.end(), write) && stream.Finish())
+        if (std::all_of(m_Content.Macros.begin(), m_Content.Macros.end(), write) && stream.Finish())
             return KXRULE_OK;
         KX_TRACE(kTraceError, "\tFile write error");
         return KXRULE_E_FILE_WRITE;
@@ -232,14 +229,11 @@ int32_t CRuleMaster::WriteRuleSetFile()
 {
     KX_TRACE(kTraceCall, "CRuleMaster::WriteRuleSetFile Enter (index %d)", 0);
     int32_t result = KXRULE_OK;
+    CStreamBuffer buffer; // one for all files
+    for (size_t i = 0; i < m_Content.RuleSets.Size() && result == KXRULE_OK; ++i)
     {
-        const MasterGuard guard(m_Lock);
-        CStreamBuffer buffer; // one for all files
-        for (size_t i = 0; i < m_RuleSets.Size() && result == KXRULE_OK; ++i)
-        {
-            if (m_Modified.test(m_RuleSets.KeyAt(i)))
-                result = WriteInTurn(m_RuleSets.KeyAt(i), buffer);
-        }
+        if (m_Modified.test(m_Content.RuleSets.KeyAt(i)))
+            result = WriteInTurn(m_Content.RuleSets.KeyAt(i), buffer);
     }
     KX_TRACE(kTraceCall, "CRuleMaster::WriteRuleSetFile Return (%d)", result);
     return result;
@@ -251,13 +245,13 @@ int32_t CRuleMaster::WriteRuleSetFile()
 int32_t CRuleMaster::WriteInTurn(uint16_t index, CStreamBuffer& buffer)
 {
     std::vector<uint16_t> queue{index};
-    while (queue.size() <= m_RuleSets.Size())
+    while (queue.size() <= m_Content.RuleSets.Size())
     {
         const std::optional<uint16_t> owner = m_Files.OwnerOf(RuleFiles::RuleSetFileName(queue.back()));
         if (!owner || owner == queue.back())
             break;
         if (owner == index)
-            return WriteOneRuleSet(index, m_RuleSets.Find(index)->FileName(), buffer);
+            return WriteOneRuleSet(index, m_Content.RuleSets.Find(index)->FileName(), buffer);
         queue.push_back(*owner);
     }
     int32_t result = KXRULE_OK;
@@ -268,7 +262,7 @@ int32_t CRuleMaster::WriteInTurn(uint16_t index, CStreamBuffer& buffer)
 
 int32_t CRuleMaster::WriteOneRuleSet(uint16_t index, std::string target, CStreamBuffer& buffer)
 {
-    CRuleSet* const ruleSet = m_RuleSets.Find(index);
+    CRuleSet* const ruleSet = m_Content.RuleSets.Find(index);
     const RuleSetFiles::Verdict verdict = m_Files.MayReplace(target, index);
     if (ruleSet == nullptr || verdict == RuleSetFiles::Verdict::No)
         return KXRULE_E_FILE_WRITE;

@@ -35,7 +35,7 @@ namespace
 int32_t CRuleMaster::ReadMasterFile(MasterFields& fields, bool& isBackedUp)
 {
     KX_TRACE(kTraceCall, "CRuleMaster::ReadMasterFile Enter");
-    m_RuleSets.Clear();
+    m_Content.RuleSets.Clear();
     m_NextIndex = 1;
     const FileDefect defect = ReadMasterFields(fields);
     if (defect == FileDefect::None)
@@ -85,7 +85,7 @@ FileDefect CRuleMaster::ReadMasterFields(MasterFields& fields)
     if (!m_Directory.TakeMacroFileName(fields.MacroFileName))
         KX_TRACE(kTraceError, "\tMacro file name ignored (%s)", Printable(fields.MacroFileName).c_str());
     m_NextIndex = fields.NextIndex;
-    m_ActiveRuleSets = fields.ActiveRuleSets;
+    m_Content.ActiveRuleSets = fields.ActiveRuleSets;
     return defect;
 }
 
@@ -111,7 +111,7 @@ int32_t CRuleMaster::ReadMacroFile()
             defect = MacroFormat::Read(file, macros);
     }
     for (MacroFields& macro : macros) // those before a defect stay
-        m_Macros.emplace_back(std::move(macro.Name), std::move(macro.Items));
+        m_Content.Macros.emplace_back(std::move(macro.Name), std::move(macro.Items));
     if (defect == FileDefect::None)
     {
         m_Files.NoteKept(m_Directory.MacroFileName());
@@ -167,7 +167,7 @@ int32_t CRuleMaster::ReadRuleSetFile(const std::vector<std::string>& fileNames)
 void CRuleMaster::StoreRuleSet(CRuleSet&& ruleSet, bool holdsMore)
 {
     const uint16_t index = ruleSet.Index();
-    const CRuleSet* const earlier = m_RuleSets.Find(index);
+    const CRuleSet* const earlier = m_Content.RuleSets.Find(index);
     if (earlier != nullptr)
     {
         KX_TRACE(kTraceError, "\tRuleSet index %u is listed twice, the later file counts (file=\"%s\")",
@@ -175,7 +175,7 @@ void CRuleMaster::StoreRuleSet(CRuleSet&& ruleSet, bool holdsMore)
         m_Files.NoteUnread(earlier->FileName());
     }
     RuleSetFiles::Claim claim = m_Files.Prepare(ruleSet.FileName(), index);
-    m_RuleSets.Replace(index, std::move(ruleSet));
+    m_Content.RuleSets.Replace(index, std::move(ruleSet));
     claim.Take(holdsMore);
 }
 
@@ -187,7 +187,7 @@ int32_t CRuleMaster::RescueRuleSet(CRuleSet&& ruleSet, bool isDamaged)
              ruleSet.FileName().c_str());
     // No such set could be told from others: 0 means "none", and a set of that index from another file is not replaced
     // by a rescue. (A forged list may also name any number of files that are missing.)
-    if (index == 0 || m_RuleSets.Contains(index))
+    if (index == 0 || m_Content.RuleSets.Contains(index))
     {
         if (isDamaged && m_Directory.CopyBroken(ruleSet.FileName(), RuleDirectory::Reason::Damaged) == ERROR_SUCCESS)
             m_Files.NoteKept(ruleSet.FileName());

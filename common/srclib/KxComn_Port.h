@@ -58,5 +58,6 @@ extern "C" void __cpuid(int[4], int);
 #define KX_REQUIRES(...) KX_THREAD_ANNOTATION(requires_capability(__VA_ARGS__))
 #define KX_ACQUIRE(...) KX_THREAD_ANNOTATION(acquire_capability(__VA_ARGS__))
 #define KX_RELEASE(...) KX_THREAD_ANNOTATION(release_capability(__VA_ARGS__))
-#define KX_ASSERT_SHARED_CAPABILITY(...) KX_THREAD_ANNOTATION(assert_shared_capability(__VA_ARGS__))
+#define KX_TRY_ACQUIRE(...) KX_THREAD_ANNOTATION(try_acquire_capability(__VA_ARGS__))
+#define KX_EXCLUDES(...) KX_THREAD_ANNOTATION(locks_excluded(__VA_ARGS__))
 #define KX_NO_THREAD_SAFETY_ANALYSIS KX_THREAD_ANNOTATION(no_thread_safety_analysis)

@@ -192,19 +192,19 @@ bool DebugLog::StartLibrary(const DebugConfig& config)
     return true;
 }
 
-bool DebugLog::IsInitialized()
+bool DebugLog::IsInitialized() const
 {
     const Synchronize::ScopedLock lock(m_StateLock);
     return m_Initialized;
 }
 
-bool DebugLog::IsEnabled()
+bool DebugLog::IsEnabled() const
 {
     const Synchronize::ScopedLock lock(m_StateLock);
     return m_Enabled;
 }
 
-bool DebugLog::IsLevelOn(uint32_t level)
+bool DebugLog::IsLevelOn(uint32_t level) const
 {
     const Synchronize::ScopedLock lock(m_StateLock);
     return (m_LevelMask & level) != 0;

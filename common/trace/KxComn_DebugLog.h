@@ -60,9 +60,9 @@ private:
     bool ReadConfig(const Storage::Key& settings, uint32_t unit, DebugConfig& config) KX_REQUIRES(m_TraceLock);
     bool Start(const Storage::Key& settings, const DebugConfig& config) KX_REQUIRES(m_TraceLock);
     bool StartLibrary(const DebugConfig& config) KX_REQUIRES(m_TraceLock);
-    [[nodiscard]] bool IsInitialized();
-    [[nodiscard]] bool IsLevelOn(uint32_t level);
-    [[nodiscard]] bool IsEnabled();
+    [[nodiscard]] bool IsInitialized() const;
+    [[nodiscard]] bool IsLevelOn(uint32_t level) const;
+    [[nodiscard]] bool IsEnabled() const;
     void RefreshSettings();
     void SetInitialized(bool isInitialized);
     void SetSettings(bool isEnabled, uint32_t levelMask);
@@ -76,7 +76,7 @@ private:
     bool m_Initialized KX_GUARDED_BY(m_StateLock) = false;
     bool m_Enabled KX_GUARDED_BY(m_StateLock) = false;
     uint32_t m_LevelMask KX_GUARDED_BY(m_StateLock) = 0;
-    Synchronize::CriticalSection m_StateLock; // taken inside m_TraceLock
+    mutable Synchronize::CriticalSection m_StateLock; // taken inside m_TraceLock
     std::string m_TraceName KX_GUARDED_BY(m_TraceLock);
     Library::KxDbg m_DbgLibrary KX_GUARDED_BY(m_TraceLock);
     uint64_t m_DbgHandle KX_GUARDED_BY(m_TraceLock) = 0;

@@ -44,15 +44,15 @@ TEST(LockOrderDeathTest, AWrongOrderEndsTheProgram)
 TEST(LockOrderDeathTest, AKeptLockBindsNobodyAHeldOneDoes)
 {
     GTEST_FLAG_SET(death_test_style, "threadsafe");
-    CriticalSection global(LockRank::Global);
+    CCriticalSectionLock global(LockRank::Global);
     MasterLock master;
     {
-        const ScopedLock<CriticalSection> outer(global);
-        MasterGuard guard(master);
+        const ScopedLock<CCriticalSectionLock> outer(global);
+        ChangeGuard guard(master, global);
         guard.KeepLocked();
     }
     {
-        const ScopedLock<CriticalSection> outer(global);
+        const ScopedLock<CCriticalSectionLock> outer(global);
         const MasterGuard guard(master);
     }
     {

@@ -61,7 +61,7 @@ bool IsRescue(const std::string& set)
     return set.size() > 2 + kName.size() * 2 && std::memcmp(&set[2], kName.data(), kName.size() * 2) == 0;
 }
 
-// One process with the library in it. (Nobody takes the outer lock: there is one thread, and a life that is cut off
+// One process with the library in it. (Changes come without the outer lock: there is one thread, and a life that is cut off
 // would never give it back.)
 struct Story::Life
 {
@@ -105,20 +105,23 @@ Story::~Story() = default;
 Content Story::Now() const
 {
     Content content;
-    CRuleMaster& master = m_Life->Master;
-    std::vector<uint16_t> indexes(static_cast<size_t>(master.GetRuleSetIndex(nullptr, 0)));
-    static_cast<void>(master.GetRuleSetIndex(indexes.data(), static_cast<int32_t>(indexes.size())));
+    const CRuleMaster& master = m_Life->Master;
+    const KxCommon::Synchronize::ScopedLock<CCriticalSectionLock> guard(m_Life->Outer);
+    const ReadToken token(guard);
+    std::vector<uint16_t> indexes(static_cast<size_t>(master.GetRuleSetIndex(token, nullptr, 0)));
+    static_cast<void>(master.GetRuleSetIndex(token, indexes.data(), static_cast<int32_t>(indexes.size())));
     for (const uint16_t index : indexes)
     {
-        const int32_t count = master.GetRuleSet(index, nullptr, 0);
+        const int32_t count = master.GetRuleSet(token, index, nullptr, 0);
         std::string& set = content.Sets[index];
         set.resize(KXRULE_RULESET_BYTES(count));
-        static_cast<void>(master.GetRuleSet(index, reinterpret_cast<PFW_RULESET*>(set.data()), count));
+        static_cast<void>(master.GetRuleSet(token, index, reinterpret_cast<PFW_RULESET*>(set.data()), count));
     }
-    content.Macros.resize(static_cast<size_t>(master.GetMacro(nullptr, 0)));
-    static_cast<void>(master.GetMacro(content.Macros.data(), static_cast<int32_t>(content.Macros.size())));
-    content.Active.resize(static_cast<size_t>(master.GetActiveRuleSet(nullptr, 0)));
-    static_cast<void>(master.GetActiveRuleSet(content.Active.data(), static_cast<int32_t>(content.Active.size())));
+    content.Macros.resize(static_cast<size_t>(master.GetMacro(token, nullptr, 0)));
+    static_cast<void>(master.GetMacro(token, content.Macros.data(), static_cast<int32_t>(content.Macros.size())));
+    content.Active.resize(static_cast<size_t>(master.GetActiveRuleSet(token, nullptr, 0)));
+    static_cast<void>(
+        master.GetActiveRuleSet(token, content.Active.data(), static_cast<int32_t>(content.Active.size())));
     return content;
 }
 
