@@ -1,4 +1,4 @@
-// The names of rule files. docs/format.md, "What readers do with the unknown", tells which are refused.
+// The names of rule files. docs/format.md, "How readers treat the unexpected", says which are refused.
 #include "persistence/RuleFileNames.h"
 
 #include <algorithm>

@@ -1,4 +1,4 @@
-// Who owns which file. docs/recovery.md, "What is written over, and when", is this in words.
+// Who owns which file. docs/recovery.md, "What is overwritten, and when", is this in words.
 #include "persistence/RuleSetFiles.h"
 
 #include <set>
