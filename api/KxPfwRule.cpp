@@ -175,7 +175,7 @@ int32_t Finalize()
     KX_TRACE(kTraceCall, "kxRuleFinalize Enter");
     for (;;)
     {
-        g_RuleMaster.WaitForKeeper(); // without a lock: the keeper needs both to finalise
+        g_RuleMaster.WaitForHolder(); // without a lock: the holder needs both to finalise
         const GlobalGuard lifecycle(g_LifecycleLock);
         if (g_Mutex)
         {
@@ -183,7 +183,7 @@ int32_t Finalize()
             g_Mutex.reset();
         }
         const GlobalGuard guard(g_GlobalLock);
-        if (g_RuleMaster.MustWaitForKeeper())
+        if (g_RuleMaster.MustWaitForHolder())
             continue; // since the wait ended
         const int32_t result = Contain(KXRULE_OK, [] { return g_RuleMaster.Finalize(); });
         KX_TRACE(kTraceCall, "g_RuleMaster.Finalize() Return (%d)", result);

@@ -135,7 +135,7 @@ uint32_t RuleDirectory::CopyUnread(RuleSetFiles& files) const
         const std::string copy = FreeName(PathOf(backup + name)).substr(m_Path.size());
         const uint32_t error = CopyTraced(name, copy, true);
         if (error == ERROR_SUCCESS)
-            files.NoteKept(name);
+            files.NoteSafe(name);
         else if (Files::IsBusy(error))
             busy = error;
     }

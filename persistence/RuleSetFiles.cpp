@@ -53,7 +53,7 @@ void RuleSetFiles::NoteUnread(const std::string& name)
     place.HoldsMore = true;
 }
 
-void RuleSetFiles::NoteNothingKept() noexcept
+void RuleSetFiles::NoteNothingSafe() noexcept
 {
     for (auto& [key, place] : m_Places)
         place.HoldsMore = true;

@@ -40,11 +40,11 @@ public:
     [[nodiscard]] Claim Prepare(const std::string& name, uint16_t index, const std::string& former = {});
     /// Nothing in the file is missing in memory or in a copy: a master or macro file that was read or written, or a file
     /// that has been copied.
-    void NoteKept(const std::string& name) { m_Places[ToKey(name)].HoldsMore = false; }
+    void NoteSafe(const std::string& name) { m_Places[ToKey(name)].HoldsMore = false; }
     /// It belongs to no set, and what it holds is in no copy.
     void NoteUnread(const std::string& name);
     /// A read has failed: what was read is not in memory, or not for long.
-    void NoteNothingKept() noexcept;
+    void NoteNothingSafe() noexcept;
     /// The set is gone from memory; its file is to be deleted once the master file lists it no longer.
     void Disown(const std::string& name) { m_Places[ToKey(name)].Owner.reset(); }
     /// After that: whether the file is nobody's and unlisted. It is forgotten here then.

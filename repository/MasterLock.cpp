@@ -6,7 +6,7 @@ using StateGuard = KxCommon::Synchronize::ScopedLock<KxCommon::Synchronize::Crit
 namespace
 {
 
-constexpr DWORD kKeeperCheck = 100; // milliseconds between two looks whether the keeper is still there
+constexpr DWORD kHolderCheck = 100; // milliseconds between two checks whether the holder still exists
 
 } // namespace
 
@@ -42,71 +42,71 @@ void MasterLock::WakeWaiters() noexcept
         ::WakeAllConditionVariable(&m_Changed);
 }
 
-// Waits for a change. A kept lock whose thread has ended is given back in its place.
+// Waits for a change. Releases a lock that is held on by a thread that has ended.
 void MasterLock::WaitForOwner() noexcept KX_NO_THREAD_SAFETY_ANALYSIS
 {
-    if (m_Keeper && ::WaitForSingleObject(m_Keeper.get(), 0) == WAIT_OBJECT_0)
+    if (m_Holder && ::WaitForSingleObject(m_Holder.get(), 0) == WAIT_OBJECT_0)
     {
-        m_KeptHolds = 0;
-        m_Keeper.reset();
+        m_HeldOn = 0;
+        m_Holder.reset();
         Release(m_Holds);
         return;
     }
     ++m_Waiters;
-    ::SleepConditionVariableCS(&m_Changed, m_State.Native(), m_KeptHolds > 0 ? kKeeperCheck : INFINITE);
+    ::SleepConditionVariableCS(&m_Changed, m_State.Native(), m_HeldOn > 0 ? kHolderCheck : INFINITE);
     --m_Waiters;
 }
 
-void MasterLock::Keep() noexcept
+void MasterLock::HoldOn() noexcept
 {
-    NoteGone(); // the keeper's next call takes the global lock
+    NoteGone(); // the holder's next call takes the global lock
     const StateGuard state(m_State);
-    ++m_KeptHolds;
+    ++m_HeldOn;
     HANDLE thread = nullptr;
-    if (!m_Keeper && ::DuplicateHandle(::GetCurrentProcess(), ::GetCurrentThread(), ::GetCurrentProcess(), &thread,
+    if (!m_Holder && ::DuplicateHandle(::GetCurrentProcess(), ::GetCurrentThread(), ::GetCurrentProcess(), &thread,
                                        SYNCHRONIZE, FALSE, 0) != FALSE)
-        m_Keeper.reset(thread);
-    WakeWaiters(); // whoever waits must look after the keeper from now on
+        m_Holder.reset(thread);
+    WakeWaiters(); // from now on waiting threads must check whether the holder exists
 }
 
-void MasterLock::ReleaseKept() noexcept
+void MasterLock::ReleaseHeldOn() noexcept
 {
     const StateGuard state(m_State);
-    if (m_KeptHolds == 0)
+    if (m_HeldOn == 0)
         return;
-    const unsigned holds = m_KeptHolds;
-    m_KeptHolds = 0;
-    m_Keeper.reset();
+    const unsigned holds = m_HeldOn;
+    m_HeldOn = 0;
+    m_Holder.reset();
     Release(holds);
-    WakeWaiters(); // no longer kept, though its keeper may still hold it
+    WakeWaiters(); // no longer held on, though its thread may still be inside a call
 }
 
-bool MasterLock::IsKeptByOther() const noexcept
+bool MasterLock::IsHeldOnByOther() const noexcept
 {
     const StateGuard state(m_State);
-    return m_KeptHolds > 0 && IsOther();
+    return m_HeldOn > 0 && IsOther();
 }
 
-void MasterLock::WaitWhileKeptByOther() noexcept
+void MasterLock::WaitWhileHeldOnByOther() noexcept
 {
     const StateGuard state(m_State);
-    while (m_KeptHolds > 0 && IsOther())
+    while (m_HeldOn > 0 && IsOther())
         WaitForOwner();
 }
 
-void MasterLock::WaitOnceWhileKeptByOther() noexcept
+void MasterLock::WaitOnceWhileHeldOnByOther() noexcept
 {
     const StateGuard state(m_State);
-    if (m_KeptHolds > 0 && IsOther())
+    if (m_HeldOn > 0 && IsOther())
         WaitForOwner();
 }
 
-bool ChangeGuard::WaitsForKeeper(CLock& outerLock) noexcept KX_NO_THREAD_SAFETY_ANALYSIS // gives the caller's hold back
+bool ChangeGuard::WaitsForHolder(CLock& outerLock) noexcept KX_NO_THREAD_SAFETY_ANALYSIS // releases the caller's hold
 {
-    if (!m_Lock.IsKeptByOther())
+    if (!m_Lock.IsHeldOnByOther())
         return false;
     outerLock.Unlock();
-    m_Lock.WaitWhileKeptByOther();
+    m_Lock.WaitWhileHeldOnByOther();
     outerLock.Lock();
     return true;
 }

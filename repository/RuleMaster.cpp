@@ -17,7 +17,7 @@ namespace
 
 constexpr uint32_t kTimerProcess = 0;
 constexpr uint32_t kTimerIndex = 0xFFFFFFAE;
-constexpr uint32_t kLastPatience = 2000; // milliseconds; nobody will try again after Finalize
+constexpr uint32_t kLastPatience = 2000; // milliseconds; nobody tries again after Finalize
 
 int32_t CopyIndexes(const std::vector<uint16_t>& from, uint16_t* to, int32_t maxCount) noexcept
 {
@@ -44,7 +44,7 @@ int32_t CRuleMaster::Init(const std::string& rulePath, const char* masterFileNam
         m_Modified.reset();
         m_IsLive = true;
     }
-    // Without a timer the store works on: changes are then written by kxRuleWrite, kxRuleFlush and Finalize.
+    // Without a timer the store still works: changes are then written by kxRuleWrite, kxRuleFlush and Finalize.
     m_WriteTimer.Register(kTimerProcess, kTimerIndex, CallbackFuncWriteTimeOut, m_WriteInterval, this, true);
     const MasterGuard guard(m_Lock);
     KX_TRACE(kTraceCall, "RulePath=%s, RuleMaster=%s", m_Directory.Given().c_str(),
@@ -54,27 +54,27 @@ int32_t CRuleMaster::Init(const std::string& rulePath, const char* masterFileNam
 
 int32_t CRuleMaster::Finalize()
 {
-    // A keeper that is another thread has nothing to write, and nothing is changed for it any more. The timer's thread may
-    // be waiting for the lock, and is waited for below.
-    m_Lock.ReleaseKept();
+    // If another thread holds on to the lock, there is nothing to write. The timer's thread, which is waited for below,
+    // may be waiting for the lock.
+    m_Lock.ReleaseHeldOn();
     if (!m_IsLive)
         return KXRULE_OK;
     {
-        // A hash refresh comes without the outer lock: what one has changed is written too, and none begins afterwards.
+        // A hash refresh comes without the outer lock: its changes are written too, and none begins afterwards.
         const MasterGuard guard(m_Lock);
         m_Directory.SetPatience(kLastPatience);
         if (m_IsDirty)
-            static_cast<void>(WriteAll()); // there is nobody left to tell; kxRuleFlush before tells
+            static_cast<void>(WriteAll()); // there is nobody left to tell; a kxRuleFlush before would
         m_IsLive = false;
     }
     m_WriteTimer.Unregister(kTimerProcess, kTimerIndex);
     return KXRULE_OK;
 }
 
-void CRuleMaster::WaitForKeeper() noexcept
+void CRuleMaster::WaitForHolder() noexcept
 {
-    while (MustWaitForKeeper())
-        m_Lock.WaitOnceWhileKeptByOther();
+    while (MustWaitForHolder())
+        m_Lock.WaitOnceWhileHeldOnByOther();
 }
 
 int32_t CRuleMaster::RequireRuleSet(ReadToken token, uint16_t index) const noexcept
@@ -139,21 +139,22 @@ int32_t CRuleMaster::AddRuleSet(uint16_t index, CRuleSet& ruleSet)
         }
         if (index != 0 && m_Content.RuleSets.Contains(index))
         {
-            if (m_IsLive)            // otherwise nobody would finalise, which gives the lock back
-                change.KeepLocked(); // kept: docs/threads.md, "Locks that outlive a call"
+            if (m_IsLive)        // otherwise nobody would finalise, which releases the lock
+                change.HoldOn(); // kept: docs/threads.md, "Locks that outlive a call"
             return KXRULE_E_NO_RULESET;
         }
         const uint16_t assigned = index != 0 ? index : AllocateIndex();
         m_Content.RuleSets.Emplace(assigned, std::move(ruleSet)).SetIndex(assigned);
         MarkModified(assigned);
-        ruleSet.SetIndex(assigned); // NOLINT(bugprone-use-after-move): the caller asks the emptied set for its index
+        ruleSet.SetIndex(assigned); // NOLINT(bugprone-use-after-move): the caller asks the moved-from set for its index
         m_NextIndex = assigned;
     }
     KX_TRACE(kTraceCall, "CRuleMaster::AddRuleSet Return (%d)", KXRULE_OK);
     return KXRULE_OK;
 }
 
-// kept: the search starts at the index given out last, not behind it, and hands out a start above the limit as it is.
+// kept: the search starts at the index given out last, not after it, and a start above the limit is given out
+// unchanged.
 uint16_t CRuleMaster::AllocateIndex() noexcept
 {
     uint32_t candidate = std::max<uint32_t>(m_NextIndex, 1); // a master file may say 0, which means "none" elsewhere
@@ -196,14 +197,14 @@ int32_t CRuleMaster::DeleteRuleSet(uint16_t index)
         m_Content.RuleSets.Erase(index);
     }
 
-    // The list on disk stops naming the files before they go: a crash in between leaves a file too many, not one
-    // too few.
+    // The list on disk stops naming the files before they are removed: a crash in between leaves a file too many, not
+    // one too few.
     const int32_t result = WriteMasterFile();
     if (result != KXRULE_OK)
         return result;
     for (const std::string& file : files)
     {
-        // What a file holds beyond the set that was deleted goes only when there is a copy of it.
+        // A file that holds more than the deleted set is removed only if there is a copy of it.
         const bool holdsMore = m_Files.HoldsMore(file);
         if (m_Files.Release(file) &&
             (!holdsMore || m_Directory.KeepBroken(file, RuleDirectory::Reason::Replaced) == ERROR_SUCCESS))
@@ -305,7 +306,7 @@ int32_t CRuleMaster::UpdateHashValue(const KXWCHAR* applicationPath, const uint8
 
     std::vector<uint16_t> changed;
     int32_t result = KXRULE_OK;
-    // By key, not by position: a callback that breaks its contract may delete other sets (but not the one it was called
+    // By key, not by position: a callback that breaks its contract may delete other sets (but not the one it is called
     // for).
     for (uint32_t key = 0; result == KXRULE_OK && key <= std::numeric_limits<uint16_t>::max(); ++key)
     {
@@ -318,7 +319,7 @@ int32_t CRuleMaster::UpdateHashValue(const KXWCHAR* applicationPath, const uint8
             result = m_Content.RuleSets.ValueAt(position).UpdateHash(applicationPath, hash, callback, context, changed,
                                                                      m_RecordLock);
         }
-        catch (...) // from the callback, or for want of memory: what has changed is written all the same
+        catch (...) // thrown by the callback, or out of memory: what has changed is written all the same
         {
             for (const uint16_t index : changed)
                 MarkModified(index);
@@ -356,7 +357,7 @@ int32_t CRuleMaster::GetMacro(ReadToken token, void* buffer, int32_t bufferSize)
         needed += macro.RecordBytes();
     needed = std::min<uint64_t>(needed, std::numeric_limits<int32_t>::max());
     const int32_t result = static_cast<int32_t>(needed);
-    // A sum that had to be capped does not fit any buffer, not even one of that size.
+    // A sum that had to be capped fits no buffer, not even one of that size.
     if (buffer == nullptr || result > bufferSize || result == std::numeric_limits<int32_t>::max())
         return result;
     unsigned char* out = static_cast<unsigned char*>(buffer);

@@ -22,17 +22,17 @@
 
 struct MasterFields;
 
-/// Locks (docs/threads.md). The exports call every operation but UpdateHashValue, IsLive and WaitForKeeper with
-/// the outer (global) lock held; the timer's thread comes without it. The master lock guards every change. Operations
-/// that only read are shown that the outer lock is held, never wait for the master lock, and take the record lock for
-/// the moment of copying a rule, because the hash refresh changes hashes without the outer lock.
-/// A changing operation that finds the master lock kept by another thread releases the outer lock while it waits.
-/// Operations that can run out of memory let std::bad_alloc through with the store as it was (but for DeleteRuleSet, which
-/// writes, and UpdateHashValue, which marks what it has changed); ReadAll and the writers turn it into a code.
+/// Locks (docs/threads.md). The exports call every operation but UpdateHashValue, IsLive and WaitForHolder with the
+/// outer (global) lock held; the timer's thread comes without it. The master lock guards every change. Operations that
+/// only read are shown that the outer lock is held, never wait for the master lock, and take the record lock for the
+/// moment of copying a rule, because the hash refresh changes hashes without the outer lock. A changing operation
+/// releases the outer lock while it waits for another thread that holds on to the master lock. Operations that run out
+/// of memory let std::bad_alloc through and leave the store unchanged (except DeleteRuleSet, which writes, and
+/// UpdateHashValue, which marks what it has changed); ReadAll and the writers turn it into a code.
 class CRuleMaster
 {
 public:
-    /// Thrown by the master file reader at itself; never leaves it.
+    /// Thrown and caught by the master file reader.
     class RuleMasterException
     {
     public:
@@ -48,18 +48,19 @@ public:
     CRuleMaster& operator=(const CRuleMaster&) = delete;
 
     // ----- life
-    /// Starts from empty: directory, write interval, timer. Always 0. Not to be called while IsLive.
+    /// Starts with an empty store: directory, write interval, timer. Always 0. Not to be called while IsLive.
     int32_t Init(const std::string& rulePath, const char* masterFileName);
-    /// Writes what is pending, gives kept locks back, stops the timer. Always 0. Not to be called while MustWaitForKeeper.
+    /// Writes pending changes, releases a lock that is held on, stops the timer. Always 0. Not to be called while
+    /// MustWaitForHolder.
     int32_t Finalize();
     [[nodiscard]] bool IsLive() const noexcept { return m_IsLive; }
-    /// Whether another thread has kept the lock and something is there to write, which only that thread may.
-    [[nodiscard]] bool MustWaitForKeeper() const noexcept { return m_IsDirty && m_Lock.IsKeptByOther(); }
-    /// Returns when no other thread keeps the lock, or nothing is left to write.
-    void WaitForKeeper() noexcept;
+    /// Whether another thread holds on to the lock while there is something to write, which only that thread may do.
+    [[nodiscard]] bool MustWaitForHolder() const noexcept { return m_IsDirty && m_Lock.IsHeldOnByOther(); }
+    /// Returns when no other thread holds on to the lock or nothing is left to write.
+    void WaitForHolder() noexcept;
 
     // ----- files (RuleMasterFiles.cpp)
-    /// kept: after a failure the calling thread goes on owning the master lock.
+    /// kept: after a failure the calling thread holds on to the master lock.
     [[nodiscard]] int32_t ReadAll();
     [[nodiscard]] int32_t WriteAll();
     /// WriteAll when anything is dirty.
@@ -67,11 +68,11 @@ public:
 
     // ----- rule sets
     void SetActiveRuleSet(std::vector<uint16_t> indexes);
-    /// Both copy at most maxCount entries (none to null) and return the full number.
+    /// Both copy at most maxCount entries (none if the pointer is null) and return the total number.
     [[nodiscard]] int32_t GetActiveRuleSet(ReadToken token, uint16_t* indexes, int32_t maxCount) const noexcept;
     [[nodiscard]] int32_t GetRuleSetIndex(ReadToken token, uint16_t* indexes, int32_t maxCount) const noexcept;
-    /// On success the set's rules are taken over and its index is the assigned one.
-    /// kept: with an index in use the calling thread goes on owning the master lock.
+    /// On success the set's rules have been moved into the store, and its index is the assigned one. kept: if the index
+    /// is in use, the calling thread holds on to the master lock.
     [[nodiscard]] int32_t AddRuleSet(uint16_t index, CRuleSet& ruleSet);
     [[nodiscard]] int32_t DeleteRuleSet(uint16_t index);
     /// The number of rules, or KXRULE_E_NO_RULESET. See kxRuleGetRuleSet for what is copied.
@@ -96,7 +97,7 @@ public:
     void AddMacro(CMacro macro);
     void DeleteMacro();
     [[nodiscard]] int32_t GetMacroCount(ReadToken token) const noexcept;
-    /// The bytes needed, at most 2^31 - 1; filled when they fit.
+    /// The bytes needed, at most 2^31 - 1; the buffer is filled if it is large enough.
     [[nodiscard]] int32_t GetMacro(ReadToken token, void* buffer, int32_t bufferSize) const noexcept;
 
     /// The timer's callback; the context is the master.
@@ -114,9 +115,9 @@ private:
     };
     enum class ReadState
     {
-        NotRead, // Init, or a first start: files that turn up in the directory are somebody's
-        Whole,   // memory holds what the files do, or they have been copied
-        Partial  // something was not opened or not read, or has been moved away
+        NotRead, // after Init or a first start: files that appear in the directory belong to others
+        Whole,   // memory holds what the files hold, or they have been copied
+        Partial  // something could not be opened or read, or has been moved away
     };
 
     [[nodiscard]] const Content& Read(ReadToken /*token*/) const noexcept KX_NO_THREAD_SAFETY_ANALYSIS
@@ -127,9 +128,9 @@ private:
     [[nodiscard]] int32_t RequireLife() const noexcept { return m_IsLive ? KXRULE_OK : KXRULE_E_FILE_OPEN; }
     /// 0, KXRULE_E_NO_RULESET.
     [[nodiscard]] int32_t RequireRuleSet(ReadToken token, uint16_t index) const noexcept;
-    /// The limits: 0, KXRULE_E_TOO_MANY_RULESETS, KXRULE_E_TOO_MANY_RULES.
+    /// Checks the limits: 0, KXRULE_E_TOO_MANY_RULESETS, KXRULE_E_TOO_MANY_RULES.
     [[nodiscard]] int32_t RefuseRuleSet(ReadToken token, const CRuleSet& ruleSet) const noexcept;
-    /// The rule, or null with the code that says what is missing.
+    /// The rule, or null and in result the code that says what is missing.
     [[nodiscard]] const CRule* FindRule(ReadToken token, uint16_t ruleSetIndex, uint16_t ruleIndex,
                                         int32_t& result) const noexcept;
     [[nodiscard]] uint16_t AllocateIndex() noexcept KX_REQUIRES(m_Lock);
@@ -150,7 +151,7 @@ private:
     [[nodiscard]] int32_t WriteMasterFile() KX_REQUIRES(m_Lock);
     [[nodiscard]] int32_t WriteMacroFile() KX_REQUIRES(m_Lock);
     [[nodiscard]] int32_t WriteRuleSetFile() KX_REQUIRES(m_Lock);
-    /// WriteMasterFile without its lines, where a read or the order of writes needs a master file in between.
+    /// WriteMasterFile without its trace lines, for a master file that a read or the order of writes needs in between.
     [[nodiscard]] int32_t StoreMaster(const std::vector<std::string>& names) KX_REQUIRES(m_Lock);
     [[nodiscard]] std::vector<std::string> ListedNames() const KX_REQUIRES(m_Lock);
     [[nodiscard]] int32_t WriteInTurn(uint16_t index, CStreamBuffer& buffer) KX_REQUIRES(m_Lock);
@@ -160,7 +161,7 @@ private:
 
     CLock& m_OuterLock;
     MasterLock m_Lock;
-    // For the copy of a record or the store of a hash.
+    // Held to copy a record or to store a hash.
     mutable CCriticalSectionLock m_RecordLock{KxCommon::Synchronize::LockRank::Record};
 
     uint32_t m_WriteInterval = 0; // milliseconds

@@ -1,5 +1,5 @@
-// The master's file operations: what is read and written in which order. How each file is read is
-// RuleMasterReading.cpp's, what may be written over is the answer of RuleSetFiles; docs/recovery.md explains both.
+// The master's file operations: what is read and written in which order. RuleMasterReading.cpp reads each file,
+// RuleSetFiles decides what may be overwritten; docs/recovery.md explains both.
 #include <algorithm>
 #include <new>
 #include <utility>
@@ -19,9 +19,9 @@ namespace
 
 using Encoder = std::function<int32_t(CEncryptStream&)>;
 
-// One step of ReadAll or WriteAll. Lack of memory is a failure of the step, never taken for damage of a file. Nor does
-// anything else pass: the hash library is called while rules are read, and what it throws must not get round the steps
-// that follow a failure.
+// One step of ReadAll or WriteAll. Lack of memory is a failure of the step, never mistaken for a damaged file. No other
+// exception gets through either: the hash library is called while rules are read, and what it throws must not skip the
+// steps that follow a failure.
 template <class Operation>
 [[nodiscard]] int32_t Step(const char* name, int32_t unexpected,
                            const Operation& operation) KX_NO_THREAD_SAFETY_ANALYSIS // the operations carry their own
@@ -57,16 +57,16 @@ int32_t CRuleMaster::ReadAll()
             return change.Refusal();
         Empty();
         m_Files.Clear();
-        m_ReadState = ReadState::Whole; // until something is found that is not read
+        m_ReadState = ReadState::Whole; // until something is found that cannot be read
         const int32_t result = ReadFiles();
         if (result != KXRULE_OK)
         {
             m_ReadState = ReadState::Partial;
-            m_Files.NoteNothingKept();
-            // Nothing of what was changed before is there any more; what is changed from now on is marked anew.
+            m_Files.NoteNothingSafe();
+            // Earlier changes are gone; later ones are marked anew.
             m_IsDirty = false;
             m_Modified.reset();
-            change.KeepLocked(); // kept: docs/threads.md, "Locks that outlive a call"
+            change.HoldOn(); // kept: docs/threads.md, "Locks that outlive a call"
             return result;
         }
     }
@@ -87,7 +87,8 @@ int32_t CRuleMaster::ReadFiles()
     if (isRead)
         result = Step("ReadRuleSetFile", KXRULE_E_FILE_READ,
                       [&]() KX_REQUIRES(m_Lock) { return ReadRuleSetFile(fields.RuleSetFileNames); });
-    // What a damaged master file still told is in none on the disk: without one, the next read would not find it.
+    // What could be read of a damaged master file is in no file now: without a new one, the next read would not find
+    // it.
     if (isBackedUp)
     {
         const auto write = [&]() KX_REQUIRES(m_Lock)
@@ -104,7 +105,8 @@ int32_t CRuleMaster::ReadFiles()
         if (Step("WriteMasterFile", KXRULE_E_FILE_WRITE, write) != KXRULE_OK)
             m_IsDirty = true;
     }
-    if (!isRead && result == KXRULE_E_FILE_OPEN) // somebody holds the macro file: as if nothing had been read
+    // Another program keeps the macro file open: as if nothing had been read.
+    if (!isRead && result == KXRULE_E_FILE_OPEN)
     {
         m_Content.ActiveRuleSets.clear();
         m_NextIndex = 1;
@@ -127,8 +129,8 @@ int32_t CRuleMaster::FlushRule()
 int32_t CRuleMaster::WriteAll()
 {
     KX_TRACE(kTraceCall, "CMasterFile::WriteAll Enter");
-    // The timer's thread comes with the master lock and without the outer one, which is not touched then: nobody else can
-    // keep the lock.
+    // The timer's thread comes with the master lock and without the outer one, which is not touched then, since no
+    // other thread can hold on to the master lock.
     const ChangeGuard change(m_Lock, m_OuterLock, [this](ReadToken) { return RequireLife(); });
     if (!change)
         return change.Refusal();
@@ -144,8 +146,9 @@ int32_t CRuleMaster::WriteAll()
     return result;
 }
 
-// The gate in front of every writer: what is about to be replaced and holds more than memory does is kept first. (A store
-// that was not read whole is copied as a whole: the list that is written next does not name what was not read.)
+// Every writer passes here: a file that is about to be replaced and holds more than memory does is copied first. (A
+// store that was not read completely is copied as a whole, since the list that is written next does not name what was
+// not read.)
 uint32_t CRuleMaster::KeepReplaced(const std::string& fileName)
 {
     if (m_ReadState != ReadState::Whole)
@@ -154,13 +157,13 @@ uint32_t CRuleMaster::KeepReplaced(const std::string& fileName)
         if (busy == ERROR_SUCCESS)
             m_ReadState = ReadState::Whole; // what could not be copied for another reason is still noted, file by file
         else if (fileName == m_Directory.MasterFileName())
-            return busy; // the file that is held would be in no list
+            return busy; // the file that is kept open would be in no list
     }
     if (!m_Files.HoldsMore(fileName))
         return ERROR_SUCCESS;
     const uint32_t error = m_Directory.KeepBroken(fileName, RuleDirectory::Reason::Replaced);
     if (error == ERROR_SUCCESS)
-        m_Files.NoteKept(fileName);
+        m_Files.NoteSafe(fileName);
     return error;
 }
 
@@ -182,7 +185,8 @@ int32_t CRuleMaster::StoreMaster(const std::vector<std::string>& names)
             throw CEncryptStream::WriteError;
         return KXRULE_OK;
     };
-    // A file that was listed and not read must not drop out of the list without a copy while it may still be read.
+    // A file that was listed and not read must not drop out of the list without a copy while it may still become
+    // readable.
     const RuleDirectory::Keeper keep = [&](const std::string& fileName) KX_REQUIRES(m_Lock) -> uint32_t
     {
         for (const std::string& name : m_Files.Unlisted(names))
@@ -191,14 +195,14 @@ int32_t CRuleMaster::StoreMaster(const std::vector<std::string>& names)
             if (Files::IsBusy(error))
                 return error;
             if (error == ERROR_SUCCESS)
-                m_Files.NoteKept(name);
+                m_Files.NoteSafe(name);
         }
         return KeepReplaced(fileName);
     };
     const int32_t result = m_Directory.Write({FileKind::Master, m_Directory.MasterFileName(), encode, keep});
     if (result == KXRULE_OK)
     {
-        m_Files.NoteKept(m_Directory.MasterFileName());
+        m_Files.NoteSafe(m_Directory.MasterFileName());
         m_Files.ListOnly(names);
     }
     return result;
@@ -220,7 +224,7 @@ int32_t CRuleMaster::WriteMacroFile()
     const int32_t result = m_Directory.Write({FileKind::Macros, m_Directory.MacroFileName(), encode, m_KeepReplaced});
     if (result != KXRULE_OK)
         return result;
-    m_Files.NoteKept(m_Directory.MacroFileName());
+    m_Files.NoteSafe(m_Directory.MacroFileName());
     KX_TRACE(kTraceCall, "CRuleMaster::WriteMacroFile Return");
     return KXRULE_OK;
 }
@@ -239,9 +243,9 @@ int32_t CRuleMaster::WriteRuleSetFile()
     return result;
 }
 
-// Writes a set under its own name. Whoever lies in that file moves out first, and whoever lies in his; in a ring nobody
-// can, and the set is written where it lies. (A loop: a forged list may chain 65535 names. Each link then costs a master
-// file, since no two can move at a time without a third name.)
+// Writes a set under its own name. A set that occupies that file moves to its own name first, and so on; in a cycle
+// none can, and the set is written where it is. (A loop rather than recursion: a forged list may chain 65535 names.
+// Each link then costs a master file, since no two can move at a time without a third name.)
 int32_t CRuleMaster::WriteInTurn(uint16_t index, CStreamBuffer& buffer)
 {
     std::vector<uint16_t> queue{index};
@@ -279,7 +283,7 @@ int32_t CRuleMaster::WriteOneRuleSet(uint16_t index, std::string target, CStream
     KX_TRACE(kTraceCall, "\tReturn CRuleSet::Write (%d)", result);
     if (result != KXRULE_OK)
     {
-        ruleSet->SetFileName(std::move(former)); // a master file must not list a file that never came to be
+        ruleSet->SetFileName(std::move(former)); // a master file must not list a file that was never written
         return result;
     }
     claim.Take();

@@ -1,5 +1,5 @@
-// How the master reads each kind of file. What becomes of damage is the table of persistence/Recovery.h; docs/recovery.md is
-// that table in words.
+// How the master reads each kind of file. The table in persistence/Recovery.h says what happens after damage;
+// docs/recovery.md is that table in words.
 #include <utility>
 
 #include "common/srclib/KxComn_Names.h"
@@ -18,7 +18,7 @@ using KxCommon::kTraceError;
 namespace
 {
 
-// A name out of a file for a trace line: it may be of any length and forge lines.
+// A name from a file for a trace line: it may have any length and could otherwise forge lines.
 [[nodiscard]] std::string Printable(const std::string& name)
 {
     std::string text = name.substr(0, 200);
@@ -40,7 +40,7 @@ int32_t CRuleMaster::ReadMasterFile(MasterFields& fields, bool& isBackedUp)
     const FileDefect defect = ReadMasterFields(fields);
     if (defect == FileDefect::None)
     {
-        m_Files.NoteKept(m_Directory.MasterFileName());
+        m_Files.NoteSafe(m_Directory.MasterFileName());
         KX_TRACE(kTraceCall, "CRuleMaster::ReadMasterFile Return");
         return KXRULE_OK;
     }
@@ -61,12 +61,13 @@ int32_t CRuleMaster::ReadMasterFile(MasterFields& fields, bool& isBackedUp)
     }
     isBackedUp = true;
     m_ReadState = ReadState::Partial;
-    m_Directory.BackupAllRules(); // what it cannot move is copied before it is written over
+    m_Directory.BackupAllRules(); // what it cannot move is copied before it is overwritten
     KX_TRACE(kTraceCall, "CRuleMaster::ReadMasterFile Return");
     return KXRULE_OK;
 }
 
-// The file is closed when this returns: an open one could not be moved away. What was read before a defect counts.
+// The file is closed when this returns, since an open one could not be moved away. What was read before a defect
+// counts.
 FileDefect CRuleMaster::ReadMasterFields(MasterFields& fields)
 {
     FileDefect defect = FileDefect::None;
@@ -89,8 +90,8 @@ FileDefect CRuleMaster::ReadMasterFields(MasterFields& fields)
     return defect;
 }
 
-// Neither a master file nor rule set files: a new directory, or one whose volume is not there yet. Files that turn up later
-// have not been read, and neither has a master file that is there but cannot be opened.
+// Neither a master file nor rule set files: a new directory, or one whose volume is not mounted yet. Files that appear
+// later have not been read, and neither has a master file that exists but cannot be opened.
 bool CRuleMaster::IsFirstStart()
 {
     std::vector<std::string> names;
@@ -114,7 +115,7 @@ int32_t CRuleMaster::ReadMacroFile()
         m_Content.Macros.emplace_back(std::move(macro.Name), std::move(macro.Items));
     if (defect == FileDefect::None)
     {
-        m_Files.NoteKept(m_Directory.MacroFileName());
+        m_Files.NoteSafe(m_Directory.MacroFileName());
         KX_TRACE(kTraceCall, "CRuleMaster::ReadMacroFile Return");
         return KXRULE_OK;
     }
@@ -122,7 +123,7 @@ int32_t CRuleMaster::ReadMacroFile()
     if (recovery.What == Remedy::GoOn)
     {
         KX_TRACE(kTraceCall, "\tMacro file does not exist");
-        if (m_Directory.MayExist(m_Directory.MacroFileName())) // there, but not to be opened
+        if (m_Directory.MayExist(m_Directory.MacroFileName())) // it exists but cannot be opened
             m_ReadState = ReadState::Partial;
     }
     else if (recovery.Line != nullptr)
@@ -138,8 +139,7 @@ int32_t CRuleMaster::ReadRuleSetFile(const std::vector<std::string>& fileNames)
     CStreamBuffer buffer; // one for all files
     for (const std::string& fileName : fileNames)
     {
-        if (!m_Directory.IsUsableRuleSetFileName(
-                fileName)) // hostile, or a set that was listed before it was ever written
+        if (!m_Directory.IsUsableRuleSetFileName(fileName)) // hostile, or of a set that was listed but never written
         {
             KX_TRACE(kTraceError, "\tCRuleSet::Read() error %d (file=\"%s\")", KXRULE_E_FILE_OPEN,
                      Printable(fileName).c_str());
@@ -185,17 +185,18 @@ int32_t CRuleMaster::RescueRuleSet(CRuleSet&& ruleSet, bool isDamaged)
     ruleSet.SetIndex(index);
     KX_TRACE(kTraceError, "\tCreating a rescue RuleSet instead of a broken/deleted RuleSet %s",
              ruleSet.FileName().c_str());
-    // No such set could be told from others: 0 means "none", and a set of that index from another file is not replaced
-    // by a rescue. (A forged list may also name any number of files that are missing.)
+    // Such a set could not be told from others: 0 means "none", and a set with that index from another file is not
+    // replaced by a rescue set. (A forged list may also name any number of missing files.)
     if (index == 0 || m_Content.RuleSets.Contains(index))
     {
         if (isDamaged && m_Directory.CopyBroken(ruleSet.FileName(), RuleDirectory::Reason::Damaged) == ERROR_SUCCESS)
-            m_Files.NoteKept(ruleSet.FileName());
+            m_Files.NoteSafe(ruleSet.FileName());
         KX_TRACE(kTraceError, "\tNo rescue RuleSet for index %u (file=\"%s\")", static_cast<unsigned>(index),
                  ruleSet.FileName().c_str());
         return KXRULE_OK;
     }
-    // Whatever the failure was: a file that is there is about to be replaced. One that could not be opened may be whole.
+    // Whatever the failure was, an existing file is about to be replaced. One that could not be opened may be
+    // undamaged.
     const uint32_t refusal = m_Directory.KeepBroken(ruleSet.FileName(), isDamaged ? RuleDirectory::Reason::Damaged
                                                                                   : RuleDirectory::Reason::Unopened);
     RuleSetRescue::MakeRescueSet(ruleSet);

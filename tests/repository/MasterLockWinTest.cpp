@@ -49,7 +49,7 @@ TEST(LockOrderDeathTest, AKeptLockBindsNobodyAHeldOneDoes)
     {
         const ScopedLock<CCriticalSectionLock> outer(global);
         ChangeGuard guard(master, global);
-        guard.KeepLocked();
+        guard.HoldOn();
     }
     {
         const ScopedLock<CCriticalSectionLock> outer(global);
@@ -58,7 +58,7 @@ TEST(LockOrderDeathTest, AKeptLockBindsNobodyAHeldOneDoes)
     {
         const MasterGuard guard(master);
         EXPECT_DEATH(global.Lock(), "out of order");
-        master.ReleaseKept();
+        master.ReleaseHeldOn();
         EXPECT_DEATH(global.Lock(), "out of order");
     }
     global.Lock();
