@@ -1,5 +1,5 @@
 // AES-128 with tables, CBC and padding. The tables follow from the definition of the cipher and are computed by the
-// compiler. That their look-ups leave traces in the cache is no loss: the key is no secret (docs/security.md).
+// compiler. That their look-ups leave traces in the cache does not matter: the key is not secret (docs/security.md).
 #include "persistence/Aes128.h"
 
 #include <algorithm>
@@ -39,7 +39,7 @@ constexpr ByteTable MakeSBox()
     uint8_t inverse = 1;
     do
     {
-        // 3 generates the field and 0xf6 is its inverse, so the pair meets every element with its inverse.
+        // 3 generates the field and 0xf6 is its inverse, so the pair runs through every element and its inverse.
         element = Multiply(element, 3);
         inverse = Multiply(inverse, 0xf6);
         box[element] = static_cast<uint8_t>(inverse ^ std::rotl(inverse, 1) ^ std::rotl(inverse, 2) ^
@@ -156,7 +156,7 @@ void DecryptChain(const KeySchedule& keys, const uint8_t* in, uint8_t* out, uint
     Store(iv, previous);
 }
 
-const BlockCipher* const g_Processor = ProcessorCipher(); // asking costs a microsecond in a virtual machine
+const BlockCipher* const g_Processor = ProcessorCipher(); // CPUID takes a microsecond in a virtual machine
 
 } // namespace
 
@@ -180,8 +180,8 @@ KeySchedule::KeySchedule(const uint8_t key[16]) noexcept
             Encrypt[i + row] = Encrypt[i + row - kBlock] ^ word[row];
     }
 
-    // Backwards, and the inner round keys with their columns unmixed: so the rounds of decryption, too, can substitute
-    // before they mix, with tables as with the processor's instructions.
+    // In reverse order, and the inner round keys with their columns unmixed: so that the rounds of decryption, too, can
+    // substitute before they mix, both with tables and with the processor's instructions.
     for (size_t i = 0; i < sizeof Decrypt; i += 4)
     {
         const size_t round = i / kBlock;

@@ -18,7 +18,7 @@ struct KeySchedule
     alignas(16) uint8_t Decrypt[(kRounds + 1) * kBlock];
 };
 
-/// The block cipher under CBC: the processor's AES instructions where it has them, portable tables elsewhere. All give
+/// The block cipher under CBC: the processor's AES instructions if it has them, otherwise portable tables. Both give
 /// the same bytes.
 struct BlockCipher
 {
@@ -36,9 +36,9 @@ struct BlockCipher
 inline constexpr size_t kMostChains = 8;
 
 [[nodiscard]] const BlockCipher& PortableCipher() noexcept;
-/// Null where the processor has no AES instructions.
+/// Null if the processor has no AES instructions.
 [[nodiscard]] const BlockCipher* ProcessorCipher() noexcept;
-/// The best this processor has; decided once.
+/// The fastest for this processor; decided once.
 [[nodiscard]] const BlockCipher& BestCipher() noexcept;
 
 /// Bytes of ciphertext for a plaintext: 0 for none, otherwise the next multiple of 16 above size.
@@ -53,9 +53,9 @@ void EncryptPadded(const BlockCipher& cipher, const KeySchedule& keys, const voi
                    size_t count, size_t size) noexcept;
 
 /// Decrypts one message, or the rest of one after whole blocks, whose plaintext must be exactly `size` bytes long.
-/// False when the ciphertext has another length (an empty plaintext may be 0 or 16 bytes of ciphertext) or bad padding;
+/// False if the ciphertext has another length (an empty plaintext may be 0 or 16 bytes of ciphertext) or bad padding;
 /// out is then unspecified but never written past `size` bytes.
-/// @param iv  the ciphertext block before in, zeros at the beginning of a message; used up
+/// @param iv  the ciphertext block that precedes in, zeros at the beginning of a message; overwritten
 [[nodiscard]] bool DecryptPadded(const BlockCipher& cipher, const KeySchedule& keys, uint8_t (&iv)[kBlock],
                                  const uint8_t* in, uint64_t cipherBytes, void* out, size_t size) noexcept;
 

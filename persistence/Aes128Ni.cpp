@@ -1,6 +1,6 @@
-// AES-128 with the processor's own instructions. One of them takes several cycles to give its result, but a new one can
-// start every cycle or faster: several blocks must be under way at once. That is why the blocks of a group are spelled
-// out by fold expressions and kept in registers.
+// AES-128 with the processor's own instructions. Each takes several cycles to return its result, but a new one can
+// start every cycle or faster, so several blocks must be in progress at once. That is why the blocks of a group are
+// spelled out by fold expressions and stay in registers.
 #include "persistence/Aes128.h"
 
 #include <utility>
@@ -16,7 +16,7 @@ namespace Aes128
 namespace
 {
 
-constexpr size_t kGroup = kMostChains; // blocks under way when decrypting
+constexpr size_t kGroup = kMostChains; // blocks in progress when decrypting
 
 KX_TARGET("aes") KX_ALWAYS_INLINE __m128i Load(const uint8_t* from)
 {
@@ -33,7 +33,7 @@ KX_TARGET("aes")
 void EncryptGroup(const KeySchedule& keys, const uint8_t* const in[], uint8_t* const out[], uint8_t (*ivs)[kBlock],
                   size_t blocks, std::index_sequence<I...>)
 {
-    // Copies, which no store to out can change.
+    // Copies that no store to out can change.
     const uint8_t* const from[] = {in[I]...};
     uint8_t* const to[] = {out[I]...};
     __m128i state[] = {Load(ivs[I])...};

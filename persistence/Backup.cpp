@@ -1,5 +1,5 @@
-// Copies of what could not be read, so that nothing is lost by going on without it. docs/recovery.md tells where what
-// lies and how to get rules back from it.
+// Copies of what could not be read, so that nothing is lost by going on without it. docs/recovery.md says where they
+// are and how to get rules back from them.
 #include <cstdio>
 #include <utility>
 #include <vector>
@@ -18,13 +18,13 @@
 namespace
 {
 
-// The first name of its kind, or that one with a number after it.
+// The name itself for the first, otherwise with the number appended.
 std::string Numbered(const std::string& name, unsigned number)
 {
     return number == 1 ? name : name + std::to_string(number);
 }
 
-// Where nothing can be said of a name it is tried: the copy to it then fails, and that is an answer.
+// If it is unknown whether a name is free, it is tried: if not, the copy fails, which is an answer.
 std::string FreeName(const std::string& name)
 {
     unsigned number = 1;
@@ -33,7 +33,7 @@ std::string FreeName(const std::string& name)
     return Numbered(name, number);
 }
 
-// Only of a damaged copy is it certain that it is not the last whole one of its file.
+// Only a damaged copy is certain not to be the last intact one of its file.
 bool IsWhole(const std::string& path)
 {
     CEncryptFile file;
@@ -62,7 +62,7 @@ std::string DateNow()
 
 } // namespace
 
-// With a dated directory in it, if a date is given. Its name, ending in a backslash.
+// Creates a dated directory in it too, if a date is given. Returns its name, ending in a backslash.
 std::string RuleDirectory::MakeBackupDirectory(const std::string& dated) const
 {
     std::string name = FileFormat::kBackupDirectory;
@@ -87,7 +87,7 @@ std::string RuleDirectory::NewBackupDirectory() const
     const std::string dated = FileFormat::kBackupDirectory + DateNow();
     for (unsigned number = 1;; ++number)
     {
-        // Always numbered: the library's own backup of the same second must not meet files of the same names.
+        // Always numbered: the library's own backup of the same second must not find files of the same names.
         const std::string name = dated + "-" + std::to_string(number);
         if (Files::MakeDirectory(PathOf(name).c_str()))
             return name + '\\';
@@ -100,7 +100,7 @@ void RuleDirectory::BackupAllRules() const
 {
     KX_TRACE(KxCommon::kTraceDetail, "BackupAllRules [Enter]");
     const std::string backup = CreateBackupDirectoryByDate();
-    // The line comes first: after a crash in between it tells where to look.
+    // The line comes first: after a crash in between it says where to look.
     const auto move = [&](const wchar_t* line, const std::string& name)
     {
         KX_TRACE_WIDE(KxCommon::kTraceCall, line, ShownPathOf(name).c_str(), ShownPathOf(backup + name).c_str());
@@ -111,7 +111,7 @@ void RuleDirectory::BackupAllRules() const
     static_cast<void>(FindRuleSetFiles(names));
     for (const std::string& name : names)
     {
-        if (!IsSameFile(name, m_MacroFileName)) // which may bear a name that the pattern finds
+        if (!IsSameFile(name, m_MacroFileName)) // whose name the pattern may match
             move(L"Move ruleset file : [%S] -> [%S]", name);
     }
     KX_TRACE(KxCommon::kTraceDetail, "BackupAllRules [Leave]");
@@ -120,7 +120,7 @@ void RuleDirectory::BackupAllRules() const
 uint32_t RuleDirectory::CopyUnread(RuleSetFiles& files) const
 {
     std::vector<std::string> names;
-    static_cast<void>(FindRuleSetFiles(names)); // what it misses is copied when it is written over
+    static_cast<void>(FindRuleSetFiles(names)); // what it misses is copied when it is overwritten
     names.push_back(m_MasterFileName);
     names.push_back(m_MacroFileName);
     std::string backup;
@@ -131,7 +131,7 @@ uint32_t RuleDirectory::CopyUnread(RuleSetFiles& files) const
             continue;
         if (backup.empty())
             backup = MakeBackupDirectory(DateNow());
-        // A free name: a backup of the same second shares the directory, and both stay.
+        // A free name: a backup of the same second shares the directory, and both remain.
         const std::string copy = FreeName(PathOf(backup + name)).substr(m_Path.size());
         const uint32_t error = CopyTraced(name, copy, true);
         if (error == ERROR_SUCCESS)
@@ -172,8 +172,8 @@ uint32_t RuleDirectory::KeepBroken(const std::string& fileName, Reason reason)
 {
     if (CopyBroken(fileName, reason) == ERROR_SUCCESS)
         return ERROR_SUCCESS;
-    // Beside itself it needs neither room nor RuleBackup nor sectors that can be read. (An access list that denies the
-    // copy for good may still allow this.)
+    // Renaming needs neither space nor RuleBackup nor readable sectors. (An access list that always denies the copy may
+    // still allow this.)
     std::string aside = FreeName(PathOf(fileName + FileFormat::kBrokenExtension)).substr(m_Path.size());
     if (Files::Move(PathOf(fileName).c_str(), PathOf(aside).c_str(), false))
     {
@@ -184,9 +184,10 @@ uint32_t RuleDirectory::KeepBroken(const std::string& fileName, Reason reason)
     return error == ERROR_SUCCESS ? ERROR_GEN_FAILURE : error;
 }
 
-// Windows before 10 refuses to move over a file that somebody has open, however he shares it, and lets it be renamed where
-// he shares deleting. (Wine moves over it.) In between nothing bears the name: a process that ends just then leaves the old
-// content beside it, as KeepBroken does. The copy that would be made instead could leave half of either.
+// Windows before 10 refuses to replace a file that another program has open, however it is shared, but lets it be
+// renamed if deleting is shared. (Wine replaces it.) In between no file has the name: a process that ends just then
+// leaves the old content under another name, as KeepBroken does. The copy that would be made instead could leave half
+// of either.
 bool RuleDirectory::MoveAround(const std::string& fromName, const std::string& fileName) const
 {
     const std::string target = PathOf(fileName);
@@ -195,7 +196,7 @@ bool RuleDirectory::MoveAround(const std::string& fromName, const std::string& f
         return false;
     if (Files::Move(PathOf(fromName).c_str(), target.c_str(), false))
     {
-        static_cast<void>(Files::Delete(aside.c_str())); // gone when the other one closes it
+        static_cast<void>(Files::Delete(aside.c_str())); // deleted when the other program closes it
         return true;
     }
     const DWORD error = ::GetLastError();

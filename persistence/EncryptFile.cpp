@@ -10,7 +10,7 @@
 namespace
 {
 
-// Lack of the machine's resources must not look like a missing or broken file.
+// Lack of system resources must not look like a missing or damaged file.
 void ThrowIfExhausted(DWORD error)
 {
     switch (error)
@@ -33,8 +33,8 @@ void ThrowIfExhausted(DWORD error)
 
 constexpr DWORD kShareAll = FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE;
 
-// Without sharing; where somebody else has the file open, so that he goes on and no writer comes in. (Others' handles must
-// then allow ours, so this keeps out writers alone: a reader is not one.)
+// Without sharing; if another program has the file open, so that it can go on and no writer is admitted. (Existing
+// handles must allow ours in turn, which excludes writers but not readers.)
 KxCommon::UniqueFile OpenPatiently(const char* path, DWORD access, DWORD disposition, DWORD patience)
 {
     KxCommon::UniqueFile file;

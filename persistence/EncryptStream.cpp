@@ -15,11 +15,11 @@ namespace
 
 static_assert(std::endian::native == std::endian::little, "fields are stored as they lie in memory");
 
-// What a derived class is given or asked for at a time. Not more: blocks of half a megabyte and above come fresh from
-// the system for every file, and the first touch of their pages costs more than the calls saved.
+// What a derived class is given or asked for at a time. Not more: blocks of half a megabyte and above are allocated
+// from the system for every file, and touching their pages for the first time costs more than the calls saved.
 constexpr size_t kPiece = size_t{1} << 18;
 constexpr size_t kFirstPiece = size_t{1} << 12;      // to begin writing with
-constexpr size_t kGathered = kPiece + (kPiece >> 3); // a piece, and what was begun after it
+constexpr size_t kGathered = kPiece + (kPiece >> 3); // a piece and the beginning of the next
 constexpr size_t kPrefix = sizeof(uint32_t);         // the length before the ciphertext
 constexpr uint64_t kMostBytes = std::numeric_limits<uint32_t>::max();
 
@@ -217,7 +217,7 @@ void CEncryptStream::ResetBuffer(bool usable) noexcept
     m_Mode = usable ? Mode::Fresh : Mode::Unusable;
 }
 
-// The first operation decides what the stream is for.
+// The first operation decides whether the stream is read or written.
 bool CEncryptStream::Enter(Mode mode) noexcept
 {
     if (m_Mode == Mode::Fresh)
@@ -230,22 +230,22 @@ uint64_t CEncryptStream::Left()
     return m_End - m_Position + RemainingBytes();
 }
 
-// Whether there are bytes enough for a record of that size: asked before memory is taken for it.
+// Whether enough bytes are left for a record of that size; checked before memory is allocated for it.
 bool CEncryptStream::HasRecord(uint64_t size)
 {
     const uint64_t left = Left();
     return left >= kPrefix && Aes128::CipherBytes(size) <= left - kPrefix;
 }
 
-// Fetches the next piece after what is left of the last one, of which needed bytes are waited for. At the end of the
-// data nothing is added.
+// Appends the next piece to what is left of the last one; the caller is waiting for needed bytes of it. At the end of
+// the data nothing is added.
 bool CEncryptStream::Fill(size_t needed)
 {
     if (m_Position != 0)
         std::copy(m_Buffer.Bytes() + m_Position, m_Buffer.Bytes() + m_End, m_Buffer.Bytes());
     m_End -= m_Position;
     m_Position = 0;
-    // No more than there is, but something, so that the system is asked and its refusal seen.
+    // No more than there is, but at least something, so that the system is asked and can refuse.
     m_Buffer.Grow(static_cast<size_t>(std::clamp<uint64_t>(Left(), Aes128::kBlock, kPiece)), m_End);
     const auto fetch = [this](size_t size)
     {
@@ -258,12 +258,12 @@ bool CEncryptStream::Fill(size_t needed)
     const size_t room = m_Buffer.Capacity() - m_End;
     if (!m_IsCareful && fetch(room))
         return true;
-    // A bad sector further on must not cost what lies before it: from now on no more than what is asked for.
+    // A bad sector further on must not cost what precedes it: from now on fetch no more than is needed.
     const bool isNew = !std::exchange(m_IsCareful, true);
     return (!isNew || needed < room) && fetch(std::min(needed, room));
 }
 
-// Makes sure of size bytes, at most a piece, in one stretch at the read position.
+// Makes sure that size bytes, at most a piece, are contiguous at the read position.
 bool CEncryptStream::Gather(size_t size)
 {
     if (m_End - m_Position < size && Left() < size)
@@ -277,8 +277,8 @@ bool CEncryptStream::Gather(size_t size)
     return true;
 }
 
-// Whole pieces go, the rest stays. So each piece lies in the file at a multiple of its size, where the system's cache
-// takes it in a few large pages: twice as fast as in pieces that begin and end where a record does.
+// Hands over whole pieces; the rest stays. So each piece is at a multiple of its size in the file, where the system's
+// cache takes it in a few large pages: twice as fast as pieces that begin and end with a record.
 bool CEncryptStream::MakeRoom(size_t size)
 {
     if (m_End >= kPiece && !HandOver(m_End - m_End % kPiece))
@@ -294,7 +294,7 @@ bool CEncryptStream::HandOver(size_t size)
     for (size_t done = 0; done < size; done += kPiece)
         if (!WriteBytes(m_Buffer.Bytes() + done, static_cast<uint32_t>(std::min(kPiece, size - done))))
         {
-            m_Mode = Mode::Unusable; // bytes are missing: what follows must not look complete
+            m_Mode = Mode::Unusable; // bytes are missing: the stream must not look complete later
             return false;
         }
     std::copy(m_Buffer.Bytes() + size, m_Buffer.Bytes() + m_End, m_Buffer.Bytes());

@@ -11,14 +11,14 @@
 
 #include "common/srclib/KxComn_String.h"
 
-/// The memory in which a stream gathers bytes. Whoever goes through many files lends one to each stream in turn: the
-/// first touch of new memory costs more than all calls for a file of a quarter of a megabyte.
+/// The memory in which a stream gathers bytes. Code that reads or writes many files lends one to each stream in turn:
+/// touching new memory for the first time costs more than all calls for a file of a quarter of a megabyte.
 class CStreamBuffer
 {
 public:
     [[nodiscard]] uint8_t* Bytes() noexcept { return m_Bytes.get(); }
     [[nodiscard]] size_t Capacity() const noexcept { return m_Capacity; }
-    /// Makes it at least that large, with the first used bytes kept. Strong guarantee.
+    /// Makes it at least that large and preserves the first used bytes. Strong guarantee.
     void Grow(size_t capacity, size_t used);
 
 private:
@@ -26,10 +26,10 @@ private:
     size_t m_Capacity = 0;
 };
 
-/// The low-level operations report false and never throw anything but std::bad_alloc; the typed ones throw Exception by
-/// value. A stream is read or written, not both. Bytes are gathered in memory and given to the derived class in large
-/// pieces, so a failure to write may show only at a later write, or at Finish.
-/// Lengths found in the data are compared with the bytes that are left before anything is allocated for them.
+/// The low-level operations return false and throw only std::bad_alloc; the typed ones throw Exception by value. A
+/// stream is read or written, not both. Bytes are gathered in memory and given to the derived class in large pieces, so
+/// a failure to write may show only at a later write, or at Finish. Lengths found in the data are compared with the
+/// bytes that are left before anything is allocated for them.
 class CEncryptStream
 {
 public:
@@ -39,7 +39,7 @@ public:
         WriteError = 1
     };
 
-    /// The buffer, if one is lent, outlives the stream and serves no other one meanwhile.
+    /// A lent buffer must outlive the stream and serve no other one meanwhile.
     explicit CEncryptStream(CStreamBuffer* lent = nullptr) noexcept : m_Buffer(lent != nullptr ? *lent : m_Own) {}
     CEncryptStream(const CEncryptStream&) = delete;
     CEncryptStream& operator=(const CEncryptStream&) = delete;
@@ -51,7 +51,7 @@ public:
     [[nodiscard]] bool Write(const void* buffer, uint32_t size, bool encrypted);
     /// Writes count encrypted records of the same size, several in flight in the cipher at a time.
     [[nodiscard]] bool WriteRecords(const void* const records[], size_t count, uint32_t size);
-    /// Hands the last bytes over. A stream that was written is complete only when this has returned true.
+    /// Hands over the last bytes. A written stream is complete only when this has returned true.
     [[nodiscard]] bool Finish();
 
     // One record each (strings and arrays two: length or count, then content). They throw ReadError or WriteError and
@@ -65,7 +65,7 @@ public:
     CEncryptStream& WriteU8(uint8_t value);
     CEncryptStream& WriteU16(uint16_t value);
     CEncryptStream& WriteU32(uint32_t value);
-    CEncryptStream& WriteVersion(); // FileFormat::kVersion, the only way a version is written
+    CEncryptStream& WriteVersion(); // FileFormat::kVersion, the only version that is written
     CEncryptStream& WriteString(std::string_view text);
     CEncryptStream& WriteString(KxCommon::WideStringView text);
     CEncryptStream& WriteArray(const std::vector<uint16_t>& array);
@@ -78,8 +78,8 @@ protected:
     /// Bytes after what ReadBytes has handed out.
     virtual uint64_t RemainingBytes() = 0;
 
-    /// Forgets what was gathered: for a derived class that opens or closes what it reads from. An unusable stream
-    /// refuses every operation until the next call.
+    /// Discards what was gathered: for a derived class that opens or closes its file. An unusable stream refuses every
+    /// operation until the next call.
     void ResetBuffer(bool usable = true) noexcept;
 
 private:
@@ -102,11 +102,12 @@ private:
     bool ReadRecord(void* buffer, uint32_t size);
     bool WritePlain(const void* buffer, uint32_t size);
 
-    // Reading: [m_Position, m_End) is what was fetched and not yet asked for. Writing: [0, m_End) is to be handed over.
+    // Reading: [m_Position, m_End) is what was fetched and not yet read. Writing: [0, m_End) is still to be handed
+    // over.
     CStreamBuffer m_Own;
-    CStreamBuffer& m_Buffer; // m_Own, or the one that was lent
+    CStreamBuffer& m_Buffer; // m_Own, or the lent one
     size_t m_Position = 0;
     size_t m_End = 0;
     Mode m_Mode = Mode::Fresh;
-    bool m_IsCareful = false; // reading: a large piece was refused
+    bool m_IsCareful = false; // reading: a large piece could not be read
 };

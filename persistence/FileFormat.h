@@ -16,7 +16,7 @@ inline constexpr char kRuleSetMagic[kMagicBytes + 1] = "KRSF";
 inline constexpr uint32_t kVersion = 0x00020000;    // the one that is written
 inline constexpr uint32_t kOldVersion = 0x00010000; // rule set files only: narrow name, rules not read
 
-// The key of every record of every file. It keeps files from being read by accident, not by intent: docs/security.md.
+// The key of every record of every file. It keeps files from being read by accident, not on purpose: docs/security.md.
 inline constexpr uint8_t kKey[16] = {0x00, 0x11, 0x22, 0x33, 0x44, 0x55, 0x66, 0x77,
                                      0x88, 0x99, 0xaa, 0xbb, 0xcc, 0xdd, 0xee, 0xff};
 

@@ -25,7 +25,7 @@ const char* MagicOf(FileKind kind) noexcept
 FileHead ReadHead(CEncryptStream& stream)
 {
     FileHead head;
-    char magic[FileFormat::kMagicBytes] = {}; // fewer bytes read as success, and are another magic
+    char magic[FileFormat::kMagicBytes] = {}; // a shorter file reads as success, with zeros
     if (!stream.Read(magic, sizeof magic, false))
     {
         head.Defect = FileDefect::Unreadable;

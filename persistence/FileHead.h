@@ -1,4 +1,4 @@
-// The head of a rule file, the same in all three kinds: a magic of four plain bytes and the version.
+// The head of a rule file, the same in all three kinds: a magic number of four plain bytes, and the version.
 #pragma once
 
 #include <cstdint>
@@ -16,17 +16,17 @@ enum class FileKind
 enum class FileDefect
 {
     None,
-    Missing,      // not there, or not to be opened for a reason that does not pass
-    Busy,         // held by somebody for longer than the library waits: it is there, and may be whole
-    Unreadable,   // the system refuses its first bytes
-    WrongMagic,   // a shorter file too
+    Missing,      // does not exist, or cannot be opened for a reason that is not temporary
+    Busy,         // kept open by another program for longer than the library waits: it exists and may be undamaged
+    Unreadable,   // the system cannot read its first bytes
+    WrongMagic,   // or the file is shorter than that
     WrongVersion, // one that this kind does not have
     Damaged,      // a field cannot be read
     DamagedItem,  // a rule or a macro's item cannot be read
     NoIndex       // a rule set with index 0, which means "none" and "all" everywhere else
 };
 
-/// The four bytes in front of a file of a kind.
+/// The first four bytes of a file of that kind.
 [[nodiscard]] const char* MagicOf(FileKind kind) noexcept;
 
 struct FileHead
@@ -37,7 +37,7 @@ struct FileHead
     FileDefect Defect = FileDefect::None; // None, Unreadable, WrongMagic, WrongVersion or Damaged
 };
 
-/// Reads the head of a file of whatever kind. Throws nothing but what the system's lack of memory throws.
+/// Reads the head of a file of any kind. Throws only std::bad_alloc, if the system lacks memory.
 [[nodiscard]] FileHead ReadHead(CEncryptStream& stream);
-/// The same for a file that is to be of a kind; another kind's magic is a wrong one.
+/// The same for a file of a given kind; another kind's magic number is a wrong one.
 [[nodiscard]] FileHead ReadHead(CEncryptStream& stream, FileKind expected);

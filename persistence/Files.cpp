@@ -23,14 +23,13 @@ bool Refused(Operation operation) noexcept
     return true;
 }
 
-// False where the active code page cannot say the name: the system's narrow calls then give a question mark, or the name
-// of another file that looks alike.
+// False if the active code page cannot express the name: the system's narrow calls would then return a question mark,
+// or the similar name of another file.
 bool ToNarrowExactly(const wchar_t* name, std::string& narrow)
 {
     char text[MAX_PATH * 3];
     BOOL isReplaced = FALSE;
-    const bool isUtf8 =
-        ::GetACP() == CP_UTF8; // has letters for everything, and knows neither the flag nor the question
+    const bool isUtf8 = ::GetACP() == CP_UTF8; // expresses everything, and supports neither the flag nor the question
     const int bytes = ::WideCharToMultiByte(CP_ACP, isUtf8 ? WC_ERR_INVALID_CHARS : WC_NO_BEST_FIT_CHARS, name, -1,
                                             text, sizeof text, nullptr, isUtf8 ? nullptr : &isReplaced);
     if (bytes <= 1 || isReplaced != FALSE)
@@ -104,7 +103,7 @@ bool Flush(HANDLE file) noexcept
 {
     if (!Refused(Operation::Flush) && ::FlushFileBuffers(file) != FALSE)
         return true;
-    // Some network redirectors know no flushing: what they were given is as safe as it gets.
+    // Some network redirectors do not support flushing: what was written to them is as safe as it gets.
     return ::GetLastError() == ERROR_INVALID_FUNCTION || ::GetLastError() == ERROR_NOT_SUPPORTED;
 }
 
@@ -187,7 +186,7 @@ bool MoveOverOpen(const char* from, const char* to) noexcept
 
 bool Copy(const char* from, const char* to) noexcept
 {
-    constexpr DWORD kPatience = 1000; // milliseconds; scanners open what is new
+    constexpr DWORD kPatience = 1000; // milliseconds; scanners open new files
     if (Refused(Operation::Copy) || ::CopyFileA(from, to, FALSE) == FALSE)
         return false;
     UniqueFile copy;
@@ -197,7 +196,7 @@ bool Copy(const char* from, const char* to) noexcept
                                  OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, nullptr));
         return static_cast<bool>(copy);
     };
-    // A read-only copy cannot be opened to be flushed; it is as safe as it gets.
+    // A read-only copy cannot be opened for flushing; it is as safe as it gets.
     return Persist(kPatience, open, IsBusy) ? Flush(copy.get()) : !IsBusy(::GetLastError());
 }
 

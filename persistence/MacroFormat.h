@@ -1,4 +1,4 @@
-// The macro file's fields after its magic.
+// The macro file's fields after its magic number.
 #pragma once
 
 #include <cstdint>
@@ -18,11 +18,11 @@ struct MacroFields
 namespace MacroFormat
 {
 
-/// A whole file, from its head on. Macros before a defect are there.
+/// Reads a whole file, from its head on. Macros that precede a defect are appended.
 [[nodiscard]] FileDefect Read(CEncryptStream& stream, std::vector<MacroFields>& macros);
 /// The same from after the head on.
 [[nodiscard]] FileDefect ReadBody(CEncryptStream& stream, std::vector<MacroFields>& macros);
-/// The number of macros, which stands after the version; throws CEncryptStream::Exception. It reserves nothing.
+/// The number of macros, which follows the version; throws CEncryptStream::Exception. It reserves nothing.
 [[nodiscard]] uint32_t ReadCount(CEncryptStream& stream);
 /// One macro. False when an item could not be read; throws as above for the other fields.
 [[nodiscard]] bool ReadMacro(CEncryptStream& stream, MacroFields& macro);

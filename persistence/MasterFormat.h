@@ -1,4 +1,4 @@
-// The master file's fields after its magic and version.
+// The master file's fields after its magic number and version.
 #pragma once
 
 #include <cstdint>
@@ -19,12 +19,13 @@ struct MasterFields
 namespace MasterFormat
 {
 
-/// A whole file, from its head on. What was read before a defect is in fields.
+/// Reads a whole file, from its head on. What precedes a defect is in fields.
 [[nodiscard]] FileDefect Read(CEncryptStream& stream, MasterFields& fields);
-/// The fields after the head, in order. Throws CEncryptStream::Exception. Each is stored as soon as it is read (ActiveRuleSets and RuleSetFileNames are appended to), so
-/// what was read before an exception is there. The count of names reserves nothing.
+/// The fields after the head, in order. Throws CEncryptStream::Exception. Each is stored as soon as it is read
+/// (ActiveRuleSets and RuleSetFileNames are appended to), so what was read before an exception is available. The count
+/// of names reserves nothing.
 void ReadFields(CEncryptStream& stream, MasterFields& fields);
-/// Everything after the magic, version first.
+/// Writes everything after the magic number, version first.
 void WriteFields(CEncryptStream& stream, const MasterFields& fields);
 
 } // namespace MasterFormat

@@ -1,5 +1,5 @@
 // CPfwTimer: a table of entries, each with a thread that waits on its quit event for the length of the interval.
-// docs/threads.md tells which locks may be held around it.
+// docs/threads.md says which locks may be held around it.
 #include "persistence/PfwTimer.h"
 
 #include <process.h>
@@ -33,8 +33,8 @@ uint64_t MakeKey(uint32_t processId, uint32_t index) noexcept
     return uint64_t{processId} << 32 | index;
 }
 
-// One more reference to the module that this code is in. Its threads run that code: unloading the module with one of
-// them alive would crash it, and joining it under the loader lock would never end, since a thread that ends wants that
+// One more reference to the module that this code is in. The threads run that code: unloading the module while one of
+// them runs would crash it, and joining it under the loader lock would never end, since a thread that ends needs that
 // lock itself.
 UniqueModule ReferenceOwnModule() noexcept
 {
@@ -70,7 +70,7 @@ struct CPfwTimer::Entry
     uint32_t Interval;
     void* Context;
     bool Periodic;
-    UniqueModule Module; // released last, when the thread is gone
+    UniqueModule Module; // released last, when the thread has ended
     UniqueKernelObject Quit;
     UniqueKernelObject Thread;
 
@@ -106,7 +106,7 @@ void CPfwTimer::Entry::Stop() noexcept
     CloseTraced(Quit);
 }
 
-// Takes no lock of the timer: whoever stops the entry waits for this thread under that lock.
+// Takes no lock of the timer: the code that stops the entry waits for this thread under that lock.
 void CPfwTimer::Entry::Run() noexcept
 {
     do
@@ -134,7 +134,7 @@ CPfwTimer::CPfwTimer() = default;
 
 CPfwTimer::~CPfwTimer()
 {
-    if (KxCommon::IsProcessEnding()) // the threads are gone, and with them perhaps the lock
+    if (KxCommon::IsProcessEnding()) // the threads have ended, perhaps while holding the lock
         return;
     KX_TRACE(KxCommon::kTraceCall, "~CPfwTimer Enter");
     {
@@ -172,7 +172,7 @@ try
         KX_TRACE(KxCommon::kTraceError, "\tQuitEvent could not been created");
         return false;
     }
-    // In the table before there is a thread: inserting may run out of memory, and no thread runs without its entry.
+    // Inserted before there is a thread: inserting may run out of memory, and no thread must run without its entry.
     const auto position = m_Table.emplace(key, std::move(entry)).first;
     if (!position->second->Start())
     {
@@ -198,7 +198,7 @@ catch (const std::bad_alloc&)
 
 bool CPfwTimer::Unregister(uint32_t processId, uint32_t index)
 {
-    std::unique_ptr<Entry> entry; // destroyed after the lock is released: that gives the module back
+    std::unique_ptr<Entry> entry; // destroyed after the lock is released, which releases the module
     ScopedLock lock(m_Lock);
     const auto position = m_Table.find(MakeKey(processId, index));
     if (position == m_Table.end())

@@ -16,17 +16,17 @@ public:
     CPfwTimer();
     CPfwTimer(const CPfwTimer&) = delete;
     CPfwTimer& operator=(const CPfwTimer&) = delete;
-    /// Stops and removes every entry; nothing while the process is ending, when the threads are gone already.
+    /// Stops and removes every entry, but does nothing while the process is ending: the threads have ended by then.
     ~CPfwTimer();
 
-    /// Starts calling callback every interval milliseconds, counted from the end of one call to the next; once only
-    /// unless periodic. 0xFFFFFFFF never fires. While an entry exists the module stays loaded.
-    /// @return false when the key is taken or the event or the thread cannot be made; traced
+    /// Starts calling callback every interval milliseconds, counted from the end of one call; only once unless
+    /// periodic. 0xFFFFFFFF never fires. While an entry exists, the module stays loaded.
+    /// @return false if the key is in use or the event or the thread cannot be created; traced
     bool Register(uint32_t processId, uint32_t index, Callback callback, uint32_t interval, void* context,
                   bool periodic);
-    /// Stops an entry and waits for a call in progress: afterwards none runs or will run. Not to be called from the
+    /// Stops an entry and waits for a call in progress: afterwards no call runs or will run. Not to be called from the
     /// entry's own callback, nor under a lock that the callback takes.
-    /// @return false when no entry has the key
+    /// @return false if no entry has the key
     bool Unregister(uint32_t processId, uint32_t index);
 
 private:

@@ -1,5 +1,5 @@
-// What becomes of a file that cannot be taken as it is: one table, for those who read files and for those who tell what
-// a read would do. docs/recovery.md is this table in words.
+// What happens to a file that cannot be used as it is: one table, for code that reads files and for code that predicts
+// what a read would do. docs/recovery.md is this table in words.
 #pragma once
 
 #include <cstdint>
@@ -9,10 +9,10 @@
 
 enum class Remedy
 {
-    GoOn,   // without the file: a first start, or no macros
+    GoOn,   // go on without the file: a first start, or no macros
     Stop,   // the read fails with Result; nothing is moved or written
     BackUp, // master file: it and all rule set files move into a dated directory
-    Rescue  // rule set file: it is kept as a copy, a rescue set takes its place
+    Rescue  // rule set file: it is copied, and a rescue set takes its place
 };
 
 struct Recovery
@@ -21,12 +21,12 @@ struct Recovery
     FileDefect Defect;
     Remedy What;
     int32_t Result;   // of the operation that found it
-    const char* Line; // its line in the trace; null: none of its own
-    const char* Text; // master file: what the line after it says in brackets; null: none
+    const char* Line; // its trace line; null: none of its own
+    const char* Text; // master file: the text in brackets in the next line; null: none
 };
 
 inline constexpr Recovery kRecoveries[] = {
-    // A missing master file beside rule set files is backed up too; where there are none, it is a first start.
+    // A missing master file beside rule set files is treated alike; without rule set files it is a first start.
     {FileKind::Master, FileDefect::Missing, Remedy::BackUp, KXRULE_OK,
      "Master file open failed. But ruleset file exists.", "Garbage ruleset file exists"},
     {FileKind::Master, FileDefect::Busy, Remedy::Stop, KXRULE_E_FILE_OPEN, nullptr, nullptr},
@@ -42,7 +42,7 @@ inline constexpr Recovery kRecoveries[] = {
     {FileKind::Macros, FileDefect::Unreadable, Remedy::Stop, KXRULE_E_FILE_READ, "\tMacroFile read error", nullptr},
     {FileKind::Macros, FileDefect::WrongMagic, Remedy::Stop, KXRULE_E_MACRO_FORMAT, "\tMacroFile does not match magic",
      nullptr},
-    // kept: these two lines of the macro file speak of the master file.
+    // kept: these two lines about the macro file mention the master file.
     {FileKind::Macros, FileDefect::WrongVersion, Remedy::Stop, KXRULE_E_MACRO_FORMAT,
      "\tMasterFile does not match version", nullptr},
     {FileKind::Macros, FileDefect::DamagedItem, Remedy::Stop, KXRULE_E_FILE_READ, "\tMasterFile read value error",
@@ -64,10 +64,10 @@ inline constexpr Recovery kRecoveries[] = {
     {FileKind::RuleSet, FileDefect::NoIndex, Remedy::Rescue, KXRULE_E_FILE_READ, "\tFile index is 0", nullptr},
 };
 
-/// The row of a defect that the kind of file can have; FileDefect::None has none.
+/// The row for a defect that the kind of file can have; there is none for FileDefect::None.
 [[nodiscard]] constexpr const Recovery& RecoveryOf(FileKind kind, FileDefect defect) noexcept
 {
-    const Recovery* found = &kRecoveries[1]; // whatever is not foreseen stops the read
+    const Recovery* found = &kRecoveries[1]; // anything unforeseen stops the read
     for (const Recovery& row : kRecoveries)
     {
         if (row.Kind == kind && row.Defect == defect)

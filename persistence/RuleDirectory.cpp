@@ -1,5 +1,5 @@
-// The rule directory: how its files are found and opened, and the one way in which all of them are written. docs/format.md,
-// "How a file is written", tells why through a temporary file and why moved.
+// The rule directory: how its files are found and opened, and the one way in which all of them are written.
+// docs/format.md, "How a file is written", explains why through a temporary file and why moved.
 #include "persistence/RuleDirectory.h"
 
 #include <algorithm>
@@ -19,12 +19,12 @@
 namespace
 {
 
-// A target with one of these is never moved over. A copy is refused for read-only, hidden and system files and for
-// directories, and goes through a link to what it means; a move would do something else, or replace the link.
+// A target with one of these is never replaced by a move. A copy is refused for read-only, hidden and system files and
+// for directories, and follows a link; a move would behave differently, or replace the link.
 constexpr DWORD kOddAttributes =
     FILE_ATTRIBUTE_READONLY | FILE_ATTRIBUTE_HIDDEN | FILE_ATTRIBUTE_SYSTEM | FILE_ATTRIBUTE_DIRECTORY;
 
-// What the system's longest path leaves for a directory in which a dated copy of the master file has a name.
+// The system's longest path, minus what a dated copy of the master file needs.
 constexpr size_t kLongestPath = 223;
 
 const char* TemporaryPrefix(FileKind kind) noexcept
@@ -52,12 +52,12 @@ FileDefect DefectOf(bool isOpen, uint32_t* error)
     return Files::IsBusy(code) ? FileDefect::Busy : FileDefect::Missing;
 }
 
-// Takes what would be written to a file, and compares it with what the file holds.
+// A stream that compares what would be written to a file with what the file holds.
 class CComparison final : public CEncryptStream
 {
 public:
     explicit CComparison(HANDLE file) : m_File(file) {}
-    /// Of everything up to now: the file may go on.
+    /// True if everything up to now is equal; the file may be longer.
     [[nodiscard]] bool IsSame() const noexcept { return m_IsSame; }
     [[nodiscard]] uint64_t Bytes() const noexcept { return m_Bytes; }
 
@@ -70,7 +70,7 @@ protected:
         m_IsSame = m_IsSame && Files::Read(m_File, m_Held.data(), size, &got) && got == size &&
                    std::memcmp(m_Held.data(), in, size) == 0;
         m_Bytes += size;
-        return true; // a difference is no failure
+        return true; // a difference is not a failure
     }
     uint64_t RemainingBytes() override { return 0; }
 
@@ -109,8 +109,8 @@ bool RuleDirectory::IsSameFile(const std::string& a, const std::string& b)
     return KxCommon::String::EqualNoCase(KxCommon::String::ToWide(a), KxCommon::String::ToWide(b));
 }
 
-// The key is no secret: whoever may write the directory can name any file, and this one is written to. An empty name
-// would make every write fail.
+// The key is not secret: whoever may write the directory can name any file in the master file, and the library writes
+// to this one. An empty name would make every write fail.
 bool RuleDirectory::TakeMacroFileName(const std::string& name)
 {
     if (!RuleFiles::IsBareName(name) || RuleFiles::IsOwnRuleSetFileName(name) || IsSameFile(name, m_MasterFileName))
@@ -173,7 +173,7 @@ bool RuleDirectory::Remove(const std::string& fileName) const
     return Files::Delete(PathOf(fileName).c_str());
 }
 
-// A directory that bears a rule file's name holds nothing that could be kept.
+// A directory with a rule file's name holds nothing that could be copied.
 bool RuleDirectory::IsFile(const std::string& name) const
 {
     const DWORD attributes = Files::Attributes(PathOf(name).c_str());
@@ -204,7 +204,7 @@ int32_t RuleDirectory::Write(const WriteJob& job)
 {
     try
     {
-        // A caller may have named the master file like another one.
+        // A caller may have given the master file the name of another one.
         if (job.Kind != FileKind::Master && IsSameFile(job.FileName, m_MasterFileName))
         {
             KX_TRACE(KxCommon::kTraceError, "\tThe master file has the name of another file (%s)",
@@ -213,7 +213,7 @@ int32_t RuleDirectory::Write(const WriteJob& job)
         }
         if (IsWritten(job))
             return KXRULE_OK;
-        // Without a name the open fails, and that is what is reported.
+        // Without a name the open fails, which is what is reported.
         const std::string path = Files::TemporaryName(m_Path, TemporaryPrefix(job.Kind));
         const std::string name = path.substr(path.find_last_of('\\') + 1);
         int32_t result = WriteTemporary(job, name);
@@ -229,7 +229,7 @@ int32_t RuleDirectory::Write(const WriteJob& job)
         result = Replace(name, job.FileName);
         if (result == KXRULE_OK)
             NoteWritten(job);
-        if (result != KXRULE_OK && !m_Aside.empty()) // the place stays empty, so what was there takes it again
+        if (result != KXRULE_OK && !m_Aside.empty()) // the name stays unused, so the old file gets it back
             static_cast<void>(Files::Move(PathOf(m_Aside).c_str(), PathOf(job.FileName).c_str(), false));
         return result;
     }
@@ -240,9 +240,9 @@ int32_t RuleDirectory::Write(const WriteJob& job)
     }
 }
 
-// Only where the file can be opened without sharing: whoever holds it gets the ordinary way with its failures. Of a file
-// that somebody else put there, or touched, it is not known whether its bytes are on the disk, and a large one is faster
-// written than compared. Rule set files are not asked about: they are marked when they change.
+// Only if the file can be opened without sharing; otherwise it is written as usual, with the usual failures. If
+// somebody else put the file there or touched it, its bytes may not be on the disk; and a large one is written faster
+// than compared. Rule set files are not asked about: they are marked when they change.
 bool RuleDirectory::IsWritten(const WriteJob& job) const
 {
     constexpr uint64_t kLargest = 1 << 20;
@@ -306,13 +306,13 @@ int32_t RuleDirectory::WriteTemporary(const WriteJob& job, const std::string& na
     return KXRULE_OK;
 }
 
-// Puts the complete temporary file over the real one. A move replaces it in one step; a copy writes into it, so that a
-// crash in mid-copy leaves half a file, and is what remains where nothing can be moved.
+// Puts the complete temporary file over the real one. A move replaces it in one step. Where nothing can be moved, a
+// copy remains, which writes into the real file, so that a crash in the middle leaves half a file.
 int32_t RuleDirectory::Replace(const std::string& temporaryName, const std::string& fileName) const
 {
     const std::string temporary = PathOf(temporaryName);
     const std::string target = PathOf(fileName);
-    // Access denied is what the system says of a target that somebody has open.
+    // "Access denied" is the system's error for a target that another program has open.
     const auto mayPass = [](DWORD error) { return Files::IsBusy(error) || error == ERROR_ACCESS_DENIED; };
     if (!IsOddTarget(target.c_str()))
     {

@@ -1,4 +1,4 @@
-// RuleDirectory: the one rule directory of a store, as it lies on the disk.
+// RuleDirectory: the rule directory of a store on the disk.
 #pragma once
 
 #include <cstdint>
@@ -15,32 +15,33 @@
 class CEncryptFile;
 class RuleSetFiles;
 
-/// Knows where the directory is and what its files are called, opens them, writes them, and keeps copies of what is about
-/// to be replaced. What the files mean, and which of them may be replaced, others know: RuleSetFiles and the master.
-/// File names are names in the directory (persistence/RuleFileNames.h). No lock of its own: the master lock guards it.
+/// Knows where the directory is and what its files are called, opens and writes them, and makes copies of what is about
+/// to be replaced. It does not know what the files mean or which of them may be replaced; RuleSetFiles and the master
+/// do. File names are names in the directory (persistence/RuleFileNames.h). No lock of its own: the master lock guards
+/// it.
 class RuleDirectory
 {
 public:
-    /// Asked when the new file is complete, right before it takes the place of the named one: 0, or the system's error for
-    /// which what the old file holds cannot be kept, so that it must stay.
+    /// Called when the new file is complete, right before it takes the place of the named one: 0, or the system's error
+    /// because of which the old file could not be saved, so that it must stay.
     using Keeper = std::function<uint32_t(const std::string& fileName)>;
 
-    /// How one of the three writers differs from the others.
+    /// What distinguishes the three writers.
     struct WriteJob
     {
         FileKind Kind;
         const std::string& FileName;
-        /// Writes everything after the magic. 0, or a result code that has been traced; may throw
+        /// Writes everything after the magic number. 0, or a result code that has been traced; may throw
         /// CEncryptStream::Exception and std::bad_alloc.
         const std::function<int32_t(CEncryptStream&)>& Encode;
         const Keeper& Keep;
-        CStreamBuffer* Lent = nullptr; // what the bytes are gathered in, if somebody has one
+        CStreamBuffer* Lent = nullptr; // a buffer to gather the bytes in, if the caller has one
     };
 
-    /// Resolves the path, once: a changed current directory must not lead later writes elsewhere. Trace lines go on
-    /// showing the path as it was given.
+    /// Resolves the path once, so that a change of the current directory does not redirect later writes. Trace lines
+    /// still show the path as it was given.
     void Locate(const std::string& given, const std::string& masterFileName);
-    /// Makes the directory when it is missing, one level. Whether that worked shows at the writes.
+    /// Creates the directory if it is missing, one level only. A failure shows in later writes.
     void MakeIfMissing() const;
 
     /// Absolute, ending in a backslash.
@@ -49,7 +50,7 @@ public:
     [[nodiscard]] const std::string& Given() const noexcept { return m_Given; }
     [[nodiscard]] const std::string& MasterFileName() const noexcept { return m_MasterFileName; }
     [[nodiscard]] const std::string& MacroFileName() const noexcept { return m_MacroFileName; }
-    /// Takes the name that a master file gives if it can mean nothing but a file of its own in the directory.
+    /// Accepts the name in a master file if it cannot denote anything but a separate file in the directory.
     [[nodiscard]] bool TakeMacroFileName(const std::string& name);
     /// Whether a name that a master file lists can be that of a rule set file.
     [[nodiscard]] bool IsUsableRuleSetFileName(const std::string& name) const;
@@ -57,40 +58,41 @@ public:
     /// How long a write waits for others to close a file, in milliseconds.
     void SetPatience(uint32_t milliseconds) noexcept { m_Patience = milliseconds; }
 
-    /// Opens a file to read. None, or FileDefect::Missing or Busy. bad_alloc as CEncryptFile.
+    /// Opens a file for reading. None, or FileDefect::Missing or Busy. May throw bad_alloc like CEncryptFile.
     [[nodiscard]] FileDefect Open(CEncryptFile& file, const std::string& fileName) const;
-    /// The same beside everybody, for those who only look: see CEncryptFile::OpenToLook. *error: the system's number.
+    /// The same without excluding anybody, for code that only looks: see CEncryptFile::OpenToLook. *error: the system's
+    /// error.
     [[nodiscard]] FileDefect OpenToLook(CEncryptFile& file, const std::string& fileName,
                                         uint32_t* error = nullptr) const;
-    /// Appends the rule set files, in the system's order. False when the search broke off, so that there may be more.
+    /// Appends the rule set files in the system's order. False if the search broke off, so that there may be more.
     [[nodiscard]] bool FindRuleSetFiles(std::vector<std::string>& names) const;
-    /// Appends what of master, macro and rule set files is there, in this order, without directories of such a name.
+    /// Appends the existing master, macro and rule set files, in this order, but no directories of such a name.
     [[nodiscard]] bool FindFiles(std::vector<std::string>& names) const;
-    /// Appends what unfinished writes have left.
+    /// Appends the files that unfinished writes have left.
     [[nodiscard]] bool FindTemporaryFiles(std::vector<std::string>& names) const;
     [[nodiscard]] bool MayExist(const std::string& fileName) const;
-    /// Whether the file is gone.
+    /// True if the file is gone.
     bool Remove(const std::string& fileName) const;
-    /// Writes a temporary file, flushes it, asks the keeper, and puts it over the real one. A master or macro file that
-    /// this object wrote, that nobody has touched or holds, and that would get the bytes it has is left as it is: most
-    /// changes change neither, and a flush costs more than all else. On any failure the real file
-    /// keeps its content under its name (unless the move was refused and the copy in its place broke off), and the
-    /// temporary file stays, whole in that case. Every failure is traced.
+    /// Writes a temporary file, flushes it, calls the keeper, and moves it over the real one. A master or macro file
+    /// that this object wrote, that nobody has touched since or has open, and that would get the same bytes again is
+    /// left as it is: most changes alter neither, and a flush costs more than everything else. On any failure the real
+    /// file still has its content under its name (unless the move was refused and the copy that replaces it broke off),
+    /// and the temporary file stays, complete in that case. Every failure is traced.
     /// @return 0, KXRULE_E_FILE_OPEN (temporary file), KXRULE_E_FILE_WRITE
     [[nodiscard]] int32_t Write(const WriteJob& job);
 
-    /// Copies a file into another directory under the same name, flushed. On failure (GetLastError) a part of it may be
-    /// there.
+    /// Copies a file into another directory under the same name, flushed. On failure (GetLastError) a part of it may
+    /// remain.
     [[nodiscard]] bool CopyTo(const RuleDirectory& target, const std::string& fileName) const;
-    /// Puts a flushed copy of another directory's file over the named one, in one step as a write does. On failure
-    /// (GetLastError; traced if it came at the last step) the file is as it was and nothing else is left.
+    /// Moves a flushed copy of another directory's file over the named one, in one step as a write does. On failure
+    /// (GetLastError; traced if the last step failed) the file is as it was and nothing else is left.
     [[nodiscard]] bool Put(const RuleDirectory& source, const std::string& sourceName,
                            const std::string& fileName) const;
 
     // ----- Backup.cpp: copies, in RuleBackup; nothing there is ever removed
 
     /// Makes RuleBackup and a directory in it named by the local time (yyMMddHHmmss); returns its name in the rule
-    /// directory, ending in a backslash. That it could not be made is found out by whoever puts something there.
+    /// directory, ending in a backslash. A failure shows when something is put there.
     std::string CreateBackupDirectoryByDate() const;
     /// A dated directory that did not exist before, with a dash and a number; its name as above. Empty on failure
     /// (GetLastError).
@@ -98,25 +100,25 @@ public:
     /// Moves the master file and every rule set file into a new dated directory. The macro file stays, and so does what
     /// cannot be moved.
     void BackupAllRules() const;
-    /// Before the first write into a directory that was not read whole: copies every file that holds more than memory
-    /// does into a dated directory, and notes it as kept. What cannot be copied (traced) stays noted as it is. 0, or the
-    /// system's error for a file that somebody holds, so that the next try may succeed.
+    /// Called before the first write into a directory that was not read completely: copies every file that holds more
+    /// than memory does into a dated directory, and notes it as safe. A file that cannot be copied (traced) is not. 0,
+    /// or the system's error for a file that another program keeps open, so that the next try may succeed.
     [[nodiscard]] uint32_t CopyUnread(RuleSetFiles& files) const;
-    /// Why a copy is made. Only a damaged file's may take the place of an earlier one, if that is damaged too; every other
-    /// gets a number where the name is taken. A file that could not be opened may not be there at all: silent.
+    /// Why a copy is made. Only the copy of a damaged file may replace an earlier copy, if that is damaged too; every
+    /// other gets a number if the name is taken. Unopened: the file may not exist at all, so failures are not traced.
     enum class Reason
     {
         Damaged,
         Unopened,
         Replaced
     };
-    /// Copies a file to RuleBackup under its name with ".brk" after it; nothing when there is no file. 0, or the system's
+    /// Copies a file to RuleBackup under its name with ".brk" after it; nothing if there is no file. 0, or the system's
     /// error, traced.
     [[nodiscard]] uint32_t CopyBroken(const std::string& fileName, Reason reason) const;
-    /// The same for a file that is about to be replaced: where no copy can be made it is renamed beside itself. 0, or the
-    /// system's error for a file that is held so that neither is possible.
+    /// The same for a file that is about to be replaced: if no copy can be made, it is renamed in the same directory.
+    /// 0, or the system's error if neither is possible.
     [[nodiscard]] uint32_t KeepBroken(const std::string& fileName, Reason reason);
-    /// Puts a file into the place of one that may be renamed and not replaced. On failure both bear their names again.
+    /// Puts a file into the place of one that may be renamed but not replaced. On failure both have their names again.
     [[nodiscard]] bool MoveAround(const std::string& fromName, const std::string& fileName) const;
 
 private:
@@ -134,12 +136,12 @@ private:
     [[nodiscard]] uint32_t CopyTraced(const std::string& from, const std::string& to, bool isTraced) const;
 
     std::string m_Given = ".\\";
-    std::string m_Path = ".\\"; // absolute once it is located; ends in a backslash
+    std::string m_Path = ".\\"; // absolute after Locate; ends in a backslash
     std::string m_MasterFileName = FileFormat::kMasterFileName;
     std::string m_MacroFileName = FileFormat::kMacroFileName;
     static constexpr uint32_t kPatience = 330; // a third of a second
     uint32_t m_Patience = kPatience;
-    // Of the master and the macro file as they were written, by kind. What is not known to be flushed has none.
+    // Of the master and the macro file as they were written, by kind. Empty if not known to be flushed.
     FileStamp m_Written[2];
-    std::string m_Aside; // where KeepBroken has renamed a file to since the last write began; mostly empty
+    std::string m_Aside; // the name that KeepBroken gave a file since the last write began; usually empty
 };

@@ -15,7 +15,7 @@ namespace
 
 constexpr size_t kLongestName = 200; // leaves room for the directory within the system's 260
 
-// ASCII only: file names of the library and of devices have no other letters.
+// ASCII only: file names of the library and of devices contain no other letters.
 constexpr char ToUpper(char character) noexcept
 {
     return character >= 'a' && character <= 'z' ? static_cast<char>(character - 'a' + 'A') : character;
@@ -26,7 +26,7 @@ bool EqualNoCase(std::string_view a, std::string_view b) noexcept
     return std::equal(a.begin(), a.end(), b.begin(), b.end(), [](char x, char y) { return ToUpper(x) == ToUpper(y); });
 }
 
-// The system takes these for devices in every directory, whatever extension follows.
+// In every directory the system takes these for devices, whatever extension follows.
 bool IsDeviceName(std::string_view name) noexcept
 {
     std::string_view stem = name.substr(0, name.find('.'));
@@ -35,7 +35,7 @@ bool IsDeviceName(std::string_view name) noexcept
     for (const std::string_view device : {"CON", "PRN", "AUX", "NUL", "CLOCK$", "CONIN$", "CONOUT$"})
         if (EqualNoCase(stem, device))
             return true;
-    // Superscript digits count as well; where they are in the code page is not looked up.
+    // Superscript digits count as well; where the code page has them is not looked up.
     return stem.size() == 4 && (EqualNoCase(stem.substr(0, 3), "COM") || EqualNoCase(stem.substr(0, 3), "LPT")) &&
            ((stem[3] >= '0' && stem[3] <= '9') || static_cast<unsigned char>(stem[3]) >= 128);
 }
@@ -83,7 +83,7 @@ bool IsOwnRuleSetFileName(std::string_view name) noexcept
 bool IsTemporaryFileName(std::string_view name) noexcept
 {
     constexpr std::string_view kExtension = ".tmp";
-    constexpr size_t kPrefix = 3; // of which the system takes that many characters
+    constexpr size_t kPrefix = 3; // the system uses that many characters of it
     if (name.size() <= kPrefix + kExtension.size() || name.size() > kPrefix + 4 + kExtension.size())
         return false;
     const std::string_view digits = name.substr(kPrefix, name.size() - kPrefix - kExtension.size());

@@ -1,4 +1,4 @@
-// Who owns which file. docs/recovery.md, "What is overwritten, and when", is this in words.
+// Which set owns which file. docs/recovery.md, "What is overwritten, and when", describes it.
 #include "persistence/RuleSetFiles.h"
 
 #include <set>

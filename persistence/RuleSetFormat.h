@@ -1,4 +1,4 @@
-// The rule set file's fields after its magic, both versions.
+// The rule set file's fields after its magic number, both versions.
 #pragma once
 
 #include <cstddef>
@@ -21,17 +21,17 @@ struct Header
     uint32_t RuleCount = 0;
 };
 
-/// Index, name and count after a version that is one of the two known; throws CEncryptStream::Exception.
+/// Index, name and count, which follow one of the two known versions; throws CEncryptStream::Exception.
 void ReadHeader(CEncryptStream& stream, uint32_t version, Header& header);
 /// The number of records after the header. kept: a count with the top bit set is negative and means none.
 [[nodiscard]] int32_t RuleCount(const Header& header) noexcept;
-/// One record, decrypted into its place. False when it cannot be read; rule is then unspecified.
+/// One record, decrypted in place. False if it cannot be read; rule is then unspecified.
 [[nodiscard]] bool ReadRule(CEncryptStream& stream, PFW_RULE& rule);
-/// Everything after the head; take is given every rule. What was read before a defect is there. (The rules of an old
-/// version are not read, so they are not looked at.)
+/// Reads everything after the head; take is called with every rule, also with those that precede a defect. (The rules
+/// of an old version are not read, hence not checked.)
 [[nodiscard]] FileDefect ReadBody(CEncryptStream& stream, uint32_t version, Header& header,
                                   const std::function<void(const PFW_RULE&)>& take);
-/// Reads a whole file from its head on: whether the library would take it as it is.
+/// Reads a whole file from its head on. True if the library would use it as it is.
 [[nodiscard]] bool IsWhole(CEncryptStream& stream);
 
 /// Version, index, name and count; throws as above.

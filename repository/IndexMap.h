@@ -9,11 +9,10 @@
 #include <utility>
 #include <vector>
 
-/// Keys lie sorted side by side, so a look-up touches two or three cache lines instead of one per tree level; values
-/// lie in slabs of many, never move, and cost no allocation each. Find is logarithmic; adding is, too, when keys
-/// arrive in ascending order, and otherwise moves the later keys (two and eight bytes each, 65536 at most).
-/// No lock of its own. Values are neither copied nor moved after construction; references stay valid until erased or
-/// replaced.
+/// Keys are sorted and contiguous, so a look-up touches two or three cache lines instead of one per tree level; values
+/// are in slabs, never move, and need no allocation each. Find is logarithmic; so is adding if keys arrive in ascending
+/// order; otherwise it moves the later keys (two and eight bytes each, 65536 at most). No lock of its own. Values are
+/// neither copied nor moved after construction; references stay valid until erased or replaced.
 template <class T>
 class IndexMap
 {
@@ -27,7 +26,7 @@ public:
         Swap(taken);
         return *this;
     }
-    IndexMap(const IndexMap& other) : IndexMap() // a whole object from here on: destroyed when a value cannot be copied
+    IndexMap(const IndexMap& other) : IndexMap() // complete from here on, so destroyed if a value cannot be copied
     {
         for (size_t i = 0; i < other.Size(); ++i)
             Emplace(other.KeyAt(i), other.ValueAt(i));
@@ -54,31 +53,31 @@ public:
     [[nodiscard]] const T* Find(uint16_t key) const noexcept { return const_cast<IndexMap*>(this)->Find(key); }
     [[nodiscard]] bool Contains(uint16_t key) const noexcept { return Find(key) != nullptr; }
 
-    /// The position of the first key that is not below key; Size() when there is none.
+    /// The position of the first key that is not below key; Size() if there is none.
     [[nodiscard]] size_t LowerBound(uint16_t key) const noexcept
     {
-        // Keys mostly arrive in ascending order, so the end is looked at first.
+        // Keys mostly arrive in ascending order, so the end is checked first.
         if (m_Keys.empty() || m_Keys.back() < key)
             return m_Keys.size();
         return static_cast<size_t>(std::lower_bound(m_Keys.begin(), m_Keys.end(), key) - m_Keys.begin());
     }
 
-    /// Constructs a value under a key that is not there yet. Strong guarantee.
+    /// Constructs a value under a new key. Strong guarantee.
     template <class... Arguments>
     T& Emplace(uint16_t key, Arguments&&... arguments)
     {
         return ReplaceKeyed([key](const T&) noexcept { return key; }, std::forward<Arguments>(arguments)...);
     }
 
-    /// Constructs a value under a key; a value that is there already goes. Strong guarantee.
+    /// Constructs a value under a key, replacing an existing value. Strong guarantee.
     template <class... Arguments>
     T& Replace(uint16_t key, Arguments&&... arguments)
     {
         return ReplaceKeyed([key](const T&) noexcept { return key; }, std::forward<Arguments>(arguments)...);
     }
 
-    /// The same for a value whose key is known only when it is there: keyOf finds it in the value, and the value that it
-    /// replaces can be looked up in the map meanwhile.
+    /// The same for a value whose key is known only once it is constructed: keyOf returns it, and can still look up the
+    /// value that is about to be replaced.
     template <class KeyOf, class... Arguments>
     T& ReplaceKeyed(const KeyOf& keyOf, Arguments&&... arguments)
     {
@@ -106,7 +105,7 @@ public:
         return *value;
     }
 
-    /// False when the key is not there.
+    /// False if there is no such key.
     bool Erase(uint16_t key) noexcept
     {
         const size_t position = LowerBound(key);
@@ -133,7 +132,7 @@ private:
         Slab& operator=(Slab&&) = delete;
         T* Memory;
     };
-    /// What an erased value leaves in its place.
+    /// What replaces an erased value.
     struct FreePlace
     {
         FreePlace* Next;
@@ -146,7 +145,7 @@ private:
     static constexpr size_t kFirstSlab = 4;
     static constexpr size_t kLargestSlab = 64;
 
-    // Doubling, before anything is changed, so that the insertions of Emplace cannot fail half-way.
+    // Doubles the capacity before anything is changed, so that the insertions of Emplace cannot fail half-way.
     template <class Element>
     static void Grow(std::vector<Element>& vector)
     {
@@ -212,6 +211,6 @@ private:
     std::vector<T*> m_Values;     // m_Values[i] belongs to m_Keys[i]
     std::vector<Slab> m_Slabs;
     FreePlace* m_Free = nullptr; // places of erased values
-    T* m_Next = nullptr;         // m_Untouched places from here on, at the end of the last slab
+    T* m_Next = nullptr;         // the first of m_Untouched places at the end of the last slab
     size_t m_Untouched = 0;
 };

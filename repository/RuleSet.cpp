@@ -1,4 +1,4 @@
-// A rule set in memory. Its file is RuleSetFile.cpp's business.
+// A rule set in memory; RuleSetFile.cpp reads and writes its file.
 #include "repository/RuleSet.h"
 
 #include <algorithm>

@@ -25,9 +25,9 @@ public:
     using Rules = IndexMap<CRule>;
 
     CRuleSet() = default;
-    /// From a record and ruleCount rules after it: the record's own count, which the caller has read once, since the
-    /// record is another's memory and may change. Of two rules with the same index the later one counts; no limit on
-    /// their number (the master has one).
+    /// From a record and the ruleCount rules that follow it. (ruleCount is the record's own count, which the caller has
+    /// read only once, since the record is foreign memory and may change.) Of two rules with the same index the later
+    /// one counts; their number is not limited here (the master has a limit).
     CRuleSet(const PFW_RULESET& record, int32_t ruleCount);
     explicit CRuleSet(const PFW_RULESET& record) : CRuleSet(record, record.nRuleCount) {}
     CRuleSet(const CRuleSet&) = default;
@@ -36,13 +36,13 @@ public:
     CRuleSet& operator=(CRuleSet&&) = default;
     virtual ~CRuleSet() = default; // the only virtual operation
 
-    /// 0, KXRULE_E_TOO_MANY_RULES (1024 are there; looked at first), KXRULE_E_RULE_EXISTS.
+    /// 0, KXRULE_E_TOO_MANY_RULES (there are 1024; checked first), KXRULE_E_RULE_EXISTS.
     [[nodiscard]] int32_t AddRule(uint16_t ruleIndex, const CRule& rule);
     /// 0 deletes all. 0, KXRULE_E_NO_RULE.
     [[nodiscard]] int32_t DeleteRule(uint16_t ruleIndex) noexcept;
     /// Null when there is none.
     [[nodiscard]] const CRule* FindRule(uint16_t ruleIndex) const noexcept { return m_Rules.Find(ruleIndex); }
-    /// Stores a rule under its own index, replacing one that is there: how records and files are taken over.
+    /// Stores a rule under its own index, replacing an existing one: for rules from records and files.
     void PutRule(const PFW_RULE& record);
 
     [[nodiscard]] int32_t RuleCount() const noexcept { return static_cast<int32_t>(m_Rules.Size()); }
@@ -71,20 +71,20 @@ public:
     /// not damage. Both gather the bytes in the lent buffer, if there is one.
     [[nodiscard]] int32_t Read(const RuleDirectory& directory, uint32_t* version = nullptr,
                                CStreamBuffer* lent = nullptr);
-    /// As RuleDirectory::Keeper: asked right before the file that is there is replaced.
+    /// As RuleDirectory::Keeper: called right before the existing file is replaced.
     using Keeper = std::function<uint32_t(const std::string& fileName)>;
     /// 0, KXRULE_E_FILE_OPEN, KXRULE_E_FILE_WRITE.
     [[nodiscard]] int32_t Write(RuleDirectory& directory, const Keeper& keep, CStreamBuffer* lent = nullptr) const;
 
 private:
-    // A record is copied first and asked for its index then: the one it came from is another's memory and may change.
+    // The index is taken from the copy of a record: the original is foreign memory and may change.
     [[nodiscard]] static uint16_t KeyOf(const CRule& rule) noexcept { return rule.Record().wRuleIndex; }
     struct FileOrder;
     [[nodiscard]] FileDefect Decode(const RuleDirectory& directory, uint32_t* version, CStreamBuffer* lent,
                                     FileOrder& order);
     [[nodiscard]] bool ReadRules(CEncryptStream& stream, int32_t count, FileOrder& order);
 
-    uint64_t m_Companion = 0; // belongs to the set and is copied with it; nothing here interprets it
+    uint64_t m_Companion = 0; // belongs to the set and is copied with it; not interpreted here
     std::string m_FileName;
     uint16_t m_Index = 0;
     KxCommon::WideString m_Name;

@@ -1,5 +1,5 @@
-// A rule set's file: which step failed, in trace lines and codes. The layout is persistence/RuleSetFormat.h's and
-// docs/format.md's.
+// Reads and writes a rule set's file; trace lines and codes say which step failed. For the layout see
+// persistence/RuleSetFormat.h and docs/format.md.
 #include <functional>
 #include <map>
 
@@ -14,12 +14,12 @@
 using KxCommon::kTraceCall;
 using KxCommon::kTraceError;
 
-/// The rules of a file in its own order, those that a later one has replaced included.
+/// The rules of a file in its order, including those that a later one replaces.
 struct CRuleSet::FileOrder
 {
     std::vector<uint16_t> Keys;
     std::map<size_t, CRule> Replaced; // by place in Keys
-    std::map<uint16_t, size_t> Last;  // where a key stands last; empty until a rule is replaced, which no writer makes
+    std::map<uint16_t, size_t> Last;  // the last place of a key; empty until a rule is replaced, which no writer causes
 
     void Add(uint16_t key, const CRule* former)
     {
@@ -52,7 +52,7 @@ int32_t CRuleSet::Read(const RuleDirectory& directory, uint32_t* version, CStrea
     KX_TRACE(kTraceCall, "CRuleSet::Read Enter (%s)", directory.Given().c_str());
     FileOrder order;
     const FileDefect defect = Decode(directory, version, lent, order);
-    // Only now that the file is closed: this may read whole programs, and nobody else can open the file meanwhile.
+    // Only now that the file is closed: this may read whole programs, and meanwhile nobody else could open the file.
     order.TakeOver(m_Rules);
     if (defect != FileDefect::None)
     {
@@ -80,7 +80,7 @@ FileDefect CRuleSet::Decode(const RuleDirectory& directory, uint32_t* version, C
         RuleSetFormat::ReadHeader(file, head.Version, header);
         m_Index = header.Index;
         m_Name = std::move(header.Name);
-        if (m_Index == 0) // such a set could never be deleted alone
+        if (m_Index == 0) // such a set could never be deleted by itself
             return FileDefect::NoIndex;
         // kept: the old version's rules have another layout; such a set is read without them.
         if (head.Version == FileFormat::kVersion && !ReadRules(file, RuleSetFormat::RuleCount(header), order))
@@ -93,7 +93,7 @@ FileDefect CRuleSet::Decode(const RuleDirectory& directory, uint32_t* version, C
     return FileDefect::None;
 }
 
-// Each record is decrypted where the rule will stay: in new memory, the first touch is most of what reading costs.
+// Each record is decrypted where the rule will stay: touching new memory is most of the cost of reading.
 bool CRuleSet::ReadRules(CEncryptStream& stream, int32_t count, FileOrder& order)
 {
     const auto read = [&stream](PFW_RULE& record)

@@ -1,5 +1,5 @@
-// What a rule set becomes whose file cannot be read: the rules that were read before the damage stay, three more tell
-// the user what happened. docs/recovery.md explains the whole.
+// What replaces a rule set whose file cannot be read: the rules that precede the damage stay, and three more tell the
+// user what happened. docs/recovery.md explains it.
 #include "repository/RuleSetRescue.h"
 
 #include <cstring>

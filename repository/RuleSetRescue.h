@@ -1,4 +1,4 @@
-// What a rule set becomes whose file cannot be read.
+// What replaces a rule set whose file cannot be read.
 #pragma once
 
 #include "repository/RuleSet.h"
@@ -6,7 +6,7 @@
 namespace RuleSetRescue
 {
 
-/// Gives the set the rescue name and adds the three rescue rules to the rules it holds, tracing each.
+/// Gives the set the rescue name and adds the three rescue rules to its rules, tracing each.
 void MakeRescueSet(CRuleSet& ruleSet);
 
 } // namespace RuleSetRescue

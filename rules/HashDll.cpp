@@ -1,4 +1,4 @@
-// The hash library comes from the product's folder and from nowhere else: docs/security.md.
+// The hash library is loaded from the product's folder only: docs/security.md.
 #include "rules/HashDll.h"
 
 #include <algorithm>
@@ -17,12 +17,12 @@
 namespace
 {
 
-// Empty when there is no absolute folder, or when the code page has no name for it: the bare name, and a name with
-// substitutes in it, could be somebody else's file.
+// Empty if there is no absolute folder, or if the code page cannot express it: the bare name, or a name with
+// substitutes, could be an attacker's file.
 std::string LibraryPath()
 {
     std::wstring folder = KxCommon::Settings::InstallPath();
-    std::replace(folder.begin(), folder.end(), L'/', L'\\'); // a loader wants them so to look beside the library
+    std::replace(folder.begin(), folder.end(), L'/', L'\\'); // the loader needs them to search the library's folder
     KxCommon::AppendSeparator(folder);
     const std::string narrow = KxCommon::String::ToNarrow(folder);
     if (!KxCommon::IsAbsolutePath(folder) || KxCommon::String::ToWide(narrow) != folder)
@@ -66,8 +66,8 @@ int32_t CHashDll::GetHashValue(const void* applicationPath, void* hash) const
     }
     alignas(8) uint8_t value[KXRULE_HASH_BYTES];
     std::memcpy(value, hash, sizeof value);
-    const KxCommon::OwnIdentity identity; // had it not been to be had, Init would have failed
+    const KxCommon::OwnIdentity identity; // if this were impossible, Init would have failed
     const int32_t status = m_GetHashValue(path, value);
-    std::memcpy(hash, value, sizeof value); // kept: what a failing function wrote stays
+    std::memcpy(hash, value, sizeof value); // kept: what a failing function wrote is copied as well
     return status;
 }

@@ -1,4 +1,4 @@
-// A macro: taken from its record, shown as text, put back into a record.
+// A macro: made from a record, shown as text, copied to a record.
 #include "rules/Macro.h"
 
 #include <algorithm>
@@ -10,7 +10,7 @@
 namespace
 {
 
-// Items are kept as raw blocks, so one of a type that nobody knows yet goes through unchanged; it has no text.
+// Items are stored as raw blocks, so one of an unknown type passes through unchanged; it has no text.
 void AppendItem(std::string& text, const MACRO_ITEM& item)
 {
     switch (item.dwItemType)

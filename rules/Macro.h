@@ -11,7 +11,7 @@ class CMacro
 {
 public:
     CMacro() = default;
-    /// Name up to its NUL (31 bytes at most), items as they stand. nItemCount is read once.
+    /// The name up to its NUL (31 bytes at most), the items as they are. nItemCount is read only once.
     explicit CMacro(const PFW_MACRO& record);
     CMacro(std::string name, std::vector<MACRO_ITEM> items) : m_Name(std::move(name)), m_Items(std::move(items)) {}
     CMacro(const CMacro&) = default;
@@ -23,12 +23,12 @@ public:
     [[nodiscard]] const std::string& Name() const noexcept { return m_Name; }
     [[nodiscard]] const std::vector<MACRO_ITEM>& Items() const noexcept { return m_Items; }
 
-    /// name=item,item,... 0, or KXRULE_E_MACRO_TEXT (no items) and text stays as it was.
+    /// name=item,item,... 0, or KXRULE_E_MACRO_TEXT (no items) with text unchanged.
     [[nodiscard]] int32_t GetMacroString(std::string& text) const;
 
     /// Bytes of the macro's record.
     [[nodiscard]] uint64_t RecordBytes() const noexcept { return 40 + uint64_t{137} * m_Items.size(); }
-    /// Writes the record at out, RecordBytes() long, all but dwReserved. A longer name is cut to 31 bytes, the rest of
+    /// Writes the record to out, RecordBytes() long, except dwReserved. A longer name is cut to 31 bytes, the rest of
     /// the field is zero.
     void CopyRecord(void* out) const noexcept;
 

@@ -1,4 +1,4 @@
-// Access rules are put in order before they are stored; rules of other kinds stay as they are given.
+// Access rules are normalised before they are stored; rules of other kinds stay as they are.
 #include "rules/Normalise.h"
 
 #include <algorithm>
@@ -8,14 +8,14 @@
 #include "common/srclib/KxComn_Names.h"
 #include "common/srclib/KxComn_Record.h"
 
-// Both access layouts keep addresses and ports in the same places.
+// Both access layouts have addresses and ports in the same places.
 static_assert(offsetof(PFW_RULE, Access.Addr) == offsetof(PFW_RULE, Access2.Addr));
 static_assert(offsetof(PFW_RULE, Access.Port) == offsetof(PFW_RULE, Access2.Port));
 
 namespace
 {
 
-constexpr KXWCHAR kSystem[] = KXW("SYSTEM"); // compared with its terminator
+constexpr KXWCHAR kSystem[] = KXW("SYSTEM"); // compared including its terminator
 
 void OrderRange(RULE_ADDR& item) noexcept
 {
@@ -25,7 +25,7 @@ void OrderRange(RULE_ADDR& item) noexcept
     const PFW_ADDR high = item.Addr2;
     switch (item.dwFamily)
     {
-    case KXRULE_FAMILY_IPV4: // four bytes change places, the other twelve are carried where they are
+    case KXRULE_FAMILY_IPV4: // four bytes are exchanged, the other twelve stay where they are
     {
         const uint32_t first = low.dwIPv4, second = high.dwIPv4;
         item.Addr1.dwIPv4 = std::min(first, second);

@@ -1,4 +1,4 @@
-// A rule's record: taken over, put in order, handed out. The layout is in api/include/KxPfwRule.h.
+// A rule's record: copied in, normalised, copied out. The layout is in api/include/KxPfwRule.h.
 #include "rules/Rule.h"
 
 #include <cstring>
@@ -21,7 +21,7 @@ void CRule::TakeOver()
 {
     Normalise::NormaliseRule(m_Rule);
     if (Normalise::IsAccessRule(m_Rule))
-        static_cast<void>(FillHash()); // a rule whose application cannot be hashed today is still a rule
+        static_cast<void>(FillHash()); // a rule whose application cannot be hashed now is still a rule
 }
 
 int32_t CRule::GetRule(PFW_RULE* out) const

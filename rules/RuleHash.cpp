@@ -1,5 +1,5 @@
-// The hash of a rule's application: filled in when the rule is made from a record, refreshed on request. (%ls in the
-// trace: %S under the name that the compiler can check.)
+// The hash of a rule's application: filled in when the rule is made from a record, refreshed on request. (In trace
+// formats %ls is %S in the form that the compiler can check.)
 #include <algorithm>
 #include <cstring>
 
@@ -29,8 +29,8 @@ int32_t Fill(Block& block)
     return library.GetHashValue(&block.wszAppName, &block.abAppHash);
 }
 
-// Whether the hash is to be set, going by the kind of application and the hash that was given. Only two of the values
-// of dwSystem mean anything; rules with another one are left alone.
+// Whether the hash is to be set, depending on the kind of application and the given hash. Only two values of dwSystem
+// mean anything; rules with any other are left alone.
 bool WantsHash(const PFW_ACCESS& access, const uint8_t* given) noexcept
 {
     const bool isGiven = given != nullptr && !IsZero(given);
@@ -49,7 +49,7 @@ bool IsSelected(const PFW_ACCESS& access, const Path& name, const KXWCHAR* appli
 {
     if (applicationPath == nullptr)
         return access.dwSystem == 0;
-    // One unit more than a name can have: a longer path is equal to no name, not even to its own beginning.
+    // One unit more than a name can have, so that a longer path equals no name, not even its own beginning.
     const size_t length = KxCommon::Record::WideLength(applicationPath, KXRULE_APP_NAME_UNITS + 1);
     return !name.View().empty() && KxCommon::String::EqualNoCase(name.View(), {applicationPath, length});
 }
@@ -86,7 +86,7 @@ int32_t CRule::UpdateHash(uint16_t ruleSetIndex, const KXWCHAR* applicationPath,
         std::memcpy(value, hash, sizeof value);
     else
     {
-        // Outside the lock of the records: a file may take its time, and readers shall not wait for it.
+        // Without the record lock: hashing a file may take long, and readers must not wait for it.
         CHashDll library;
         if (!library.Init())
             return KXRULE_E_HASH_LIBRARY;
@@ -94,7 +94,7 @@ int32_t CRule::UpdateHash(uint16_t ruleSetIndex, const KXWCHAR* applicationPath,
             return status;
     }
 
-    // Listed first, as only this can fail: no set is changed without being listed.
+    // Listed first, since only this can fail: no set changes without being listed.
     if (std::find(changed.begin(), changed.end(), ruleSetIndex) == changed.end())
         changed.push_back(ruleSetIndex);
     {

@@ -1,5 +1,5 @@
-// Rules, address items and port items as text. A value without a keyword and an item that cannot be shown become the
-// empty text; the separators around them stay.
+// Rules, address items and port items as text. A value without a keyword, and an item that cannot be shown, become
+// empty; the separators around them stay.
 #include "rules/RuleText.h"
 
 #include <charconv>
@@ -36,7 +36,7 @@ std::string_view Protocol(uint32_t value) noexcept
     return {};
 }
 
-// The other keywords are numbered from 1 without a gap.
+// The other keywords are numbered from 1 without gaps.
 template <size_t count>
 std::string_view Keyword(const std::string_view (&words)[count], uint32_t value) noexcept
 {
@@ -74,7 +74,7 @@ void AppendNumber(std::string& text, uint16_t value)
 // address is in host byte order: its highest byte comes first.
 void AppendDotted(std::string& text, uint32_t address)
 {
-    char dotted[4 * 4]; // every part with a dot after it
+    char dotted[4 * 4]; // every part followed by a dot
     char* end = dotted;
     for (int shift = 24; shift >= 0; shift -= 8)
     {
@@ -115,7 +115,7 @@ void AppendExtension(std::string& text, const Block& block)
     text += Text(block.szExtText, sizeof block.szExtText);
 }
 
-// Protocol, addresses and ports: the beginning of all lines but a stream's.
+// Protocol, addresses and ports: the beginning of every line except a stream's.
 template <class Block>
 void AppendTraffic(std::string& text, const Block& block)
 {
@@ -141,7 +141,7 @@ void Append(std::string& text, const PFW_NAT& rule)
     text += Keyword(kNatTypes, rule.dwNatType);
 }
 
-// Numbers in arrays go by value, and not even the array is referred to: it may lie at an odd address.
+// Array elements are passed by value, without even a reference to the array, which may be at an odd address.
 void Append(std::string& text, const PFW_THROTTLE& rule)
 {
     text += "THROTTLE,";
@@ -185,7 +185,7 @@ void Append(std::string& text, const PFW_GENSTREAM& rule)
     text += ',';
     AppendNumber(text, rule.dwParam3);
     AppendExtension(text, rule);
-    if (rule.szStreamText[0] != 0 || rule.szStreamText[1] != 0) // kept: the second byte alone brings the comma too
+    if (rule.szStreamText[0] != 0 || rule.szStreamText[1] != 0) // kept: the second byte alone adds the comma too
     {
         text += ',';
         text += Text(rule.szStreamText, sizeof rule.szStreamText);
@@ -245,7 +245,7 @@ void AppendPort(std::string& text, const RULE_PORT& item)
             AppendNumber(text, item.wPort2);
         }
         break;
-    case KXRULE_PORT_LIST: // the line has other uses for hyphens and commas
+    case KXRULE_PORT_LIST: // in the line, hyphens and commas have other meanings
         for (const char byte : Text(item.szList, sizeof item.szList))
             text += byte == '-' ? ':' : byte == ',' ? '|' : byte;
         break;

@@ -1,4 +1,4 @@
-// Modules are loaded so that nothing but their own folder and the system's is searched: docs/security.md.
+// Modules are loaded so that only their own folder and the system's are searched: docs/security.md.
 #include "common/srclib/KxComn_DynLib.h"
 
 #include <utility>
@@ -14,8 +14,8 @@ namespace KxCommon
 bool DynLib::Load(const std::string& path) noexcept
 {
     Unload();
-    // With a path, the module's own folder serves the libraries that it needs in turn. Neither the current folder nor
-    // PATH takes part in either form, so nothing can be planted there.
+    // With a path, the module's own folder is searched for the libraries that it needs in turn. Neither form searches
+    // the current folder or PATH, so nothing can be planted there.
     const bool isBareName = path.find_first_of("\\/:") == std::string::npos;
     if (!isBareName && !IsAbsolutePath(path))
     {

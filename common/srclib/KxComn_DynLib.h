@@ -16,8 +16,8 @@ public:
     DynLib& operator=(const DynLib&) = delete;
 
     /// Loads a module by its absolute path; a bare name is looked for in the safe default directories only (not the
-    /// current one, not PATH). Releases what was loaded before. False for any other path (it would mean another place
-    /// in another current folder), and when the system refuses.
+    /// current one, not PATH). Releases what was loaded before. False for any other path (what it denotes would depend
+    /// on the current folder), and when the system refuses.
     bool Load(const std::string& path) noexcept;
     void Unload() noexcept;
     [[nodiscard]] bool IsLoaded() const noexcept { return m_Module != nullptr; }

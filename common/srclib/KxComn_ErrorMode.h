@@ -6,8 +6,8 @@
 namespace KxCommon
 {
 
-/// While this lives, what fails in the calling thread fails with an error code. Without it the system may first ask the
-/// user to insert a disk or to put up with a damaged library, and a service has no user: the call would never return.
+/// While this object exists, calls of its thread fail with an error code. Otherwise the system may first ask the user
+/// to insert a disk or to accept a damaged library, and since a service has no user, the call would never return.
 class [[nodiscard]] QuietErrors
 {
 public:
@@ -15,7 +15,7 @@ public:
     {
         ::SetThreadErrorMode(::GetThreadErrorMode() | SEM_FAILCRITICALERRORS | SEM_NOOPENFILEERRORBOX, &m_Before);
     }
-    ~QuietErrors() { ::SetThreadErrorMode(m_Before, nullptr); } // touches no GetLastError
+    ~QuietErrors() { ::SetThreadErrorMode(m_Before, nullptr); } // leaves GetLastError alone
     QuietErrors(const QuietErrors&) = delete;
     QuietErrors& operator=(const QuietErrors&) = delete;
 

@@ -26,7 +26,7 @@ public:
     explicit operator bool() const noexcept { return m_Handle != Policy::invalid(); }
     pointer get() const noexcept { return m_Handle; }
     pointer release() noexcept { return std::exchange(m_Handle, Policy::invalid()); }
-    // Closes what is held; the result is CloseHandle's or its like, for callers that trace it.
+    // Closes what is held; returns the result of CloseHandle or its equivalent, for callers that trace it.
     bool reset(pointer handle = Policy::invalid()) noexcept
     {
         const pointer old = std::exchange(m_Handle, handle);

@@ -1,4 +1,4 @@
-// Whose rights count.
+// With whose rights the library acts.
 #pragma once
 
 #include <cstdlib>
@@ -9,9 +9,10 @@
 namespace KxCommon
 {
 
-/// While this lives the calling thread acts as its process, also when its caller has it impersonate a client. Otherwise
-/// the client's drive letters would say which library a service loads, and the client would own its log. False when the
-/// system does not tell or does not let go of the client (an anonymous one): then nothing may be opened.
+/// While this object exists the calling thread acts as its process, even if it impersonates a client. Otherwise the
+/// client's drive letters would determine which library a service loads, and the client would own its log. False if the
+/// system does not say whom the thread impersonates, or cannot end it (for an anonymous client): then nothing may be
+/// opened.
 class [[nodiscard]] OwnIdentity
 {
 public:
@@ -29,7 +30,7 @@ public:
     }
     ~OwnIdentity()
     {
-        // Going on with the process's rights where the caller counts on the client's would be worse than an end.
+        // Going on with the process's rights while the caller relies on the client's would be worse than ending.
         if (m_Client && !::SetThreadToken(nullptr, m_Client.get()))
             std::abort();
     }

@@ -50,7 +50,7 @@ bool IniFile::Close()
 
 bool IniFile::Flush()
 {
-    ::WritePrivateProfileStringA(nullptr, nullptr, nullptr, m_Path.c_str()); // answers 0 when it has flushed
+    ::WritePrivateProfileStringA(nullptr, nullptr, nullptr, m_Path.c_str()); // returns 0 after flushing
     return true;
 }
 

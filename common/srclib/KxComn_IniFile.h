@@ -9,8 +9,9 @@
 namespace KxCommon::Storage
 {
 
-/// One section of the file that the descriptor's folder, a backslash when it lacks one, and its file name give. Opening
-/// touches no file. Reading never throws Storage::Exception: what is missing has its default. A refused write throws.
+/// One section of the file whose path is the descriptor's folder (with a backslash appended if it lacks one) and its
+/// file name. Opening touches no file. Reading never throws Storage::Exception: a missing value has its default. A
+/// failed write throws.
 class IniFile final : public Base
 {
 public:

@@ -1,5 +1,4 @@
-// The order of the library's locks, asserted in builds without NDEBUG; in others nothing of it is left. The table is in
-// docs/threads.md.
+// The order of locks, asserted in builds without NDEBUG; in others nothing is left of it.
 #pragma once
 
 #include <cassert>
@@ -31,7 +30,8 @@ class LockOrder
 protected:
     explicit LockOrder(LockRank rank) noexcept : m_Rank(rank) {}
 
-    /// Before the lock is waited for: a wrong order shows although nobody else is there to make it a deadlock.
+    /// Called before waiting for the lock, so that a wrong order shows even if no other thread turns it into a
+    /// deadlock.
     void NoteTaking() const noexcept
     {
         Record& held = Held();
@@ -39,8 +39,8 @@ protected:
         assert(held.Count < kMostHeld);
         held.Locks[held.Count++] = this;
     }
-    /// Given back, or kept beyond the call: a kept lock binds its thread to no order, since no other thread waits for
-    /// it with a lock in its hands.
+    /// Released, or held on beyond the call: such a lock does not bind its thread to the order, since no other thread
+    /// waits for it while holding a lock.
     void NoteGone() const noexcept
     {
         Record& held = Held();

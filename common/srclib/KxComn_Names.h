@@ -22,7 +22,7 @@ inline constexpr char kHashLibrary[] = "KxHash.dll";
 inline constexpr char kHashFunction[] = "kxCfwGetHashValue";
 inline constexpr char kTraceLibrary[] = "KxVqrDbg.dll";
 
-// What the rules say that stand in for a rule set which could not be read; the tool knows them by it.
+// The description of the rules that replace a rule set which could not be read; the tool recognises them by it.
 inline constexpr KXWCHAR kRescueDescription[] = KXW("This is a rescue rule. This rule file had been broken/deleted.");
 
 } // namespace KxCommon::Names

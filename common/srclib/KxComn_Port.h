@@ -1,7 +1,7 @@
 // What differs between compilers, and nothing else: the only place with compiler extensions beside the public header.
 #pragma once
 
-// One UTF-16 code unit and its literals, as the public header has it: wchar_t is wider on other systems than Windows.
+// One UTF-16 code unit and its literals, as in the public header: on systems other than Windows wchar_t is wider.
 #if defined(_WIN32)
 typedef wchar_t KXWCHAR;
 #define KXW(text) L##text
@@ -25,7 +25,7 @@ typedef char16_t KXWCHAR;
 #define KX_PRINTF(formatIndex, firstArgument)
 #endif
 
-// Instruction sets beyond the baseline, chosen at run time function by function. Other compilers need no mark.
+// Instruction sets beyond the baseline, chosen at run time for each function. Other compilers need no mark.
 #if defined(__GNUC__) || defined(__clang__)
 #define KX_TARGET(features) __attribute__((target(features)))
 #define KX_ALWAYS_INLINE inline __attribute__((always_inline))
@@ -34,7 +34,7 @@ typedef char16_t KXWCHAR;
 #define KX_ALWAYS_INLINE __forceinline
 #endif
 
-// KX_CPUID(registers, leaf) fills int registers[4] with EAX to EDX. Defined on x64 alone.
+// KX_CPUID(registers, leaf) fills int registers[4] with EAX to EDX. Defined only on x64.
 #if defined(_M_X64) && defined(_MSC_VER)
 extern "C" void __cpuid(int[4], int);
 #pragma intrinsic(__cpuid)

@@ -1,4 +1,4 @@
-// Access to packed records: fields lie at any address, and texts may lack their terminator.
+// Access to packed records: fields may have any address, and texts may lack their terminator.
 #pragma once
 
 #include <cstddef>

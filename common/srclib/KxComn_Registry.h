@@ -12,19 +12,19 @@
 namespace KxCommon::Storage
 {
 
-/// One key below HKEY_LOCAL_MACHINE: the descriptor's location, a backslash when it lacks one, and the name given to
-/// the open. Opening again closes what was open; so does destruction. Every failing call throws its error.
+/// One key below HKEY_LOCAL_MACHINE: the descriptor's location (with a backslash appended if it lacks one) and the name
+/// given when opening. Opening again closes what was open; so does destruction. Every failing call throws its error.
 class Registry final : public Base
 {
 public:
-    /// @param attributes  for keys that OpenForWriting makes; not copied
+    /// @param attributes  for keys that OpenForWriting creates; not copied
     explicit Registry(const AccessControl::SecurityAttributes& attributes = AccessControl::DefSecAttr) noexcept
         : m_Attributes(attributes)
     {
     }
 
     bool OpenForReading(const Key& where, const char* name, uint32_t view) override;
-    bool OpenForWriting(const Key& where, const char* name, uint32_t view) override; // makes the key if need be
+    bool OpenForWriting(const Key& where, const char* name, uint32_t view) override; // creates the key if necessary
     bool OpenForDeleting(const Key& where, const char* name, uint32_t view) override;
     bool OpenForEnumerating(const Key& where, const char* name, uint32_t view) override;
     bool Close() override;

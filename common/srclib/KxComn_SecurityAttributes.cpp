@@ -13,7 +13,7 @@ namespace KxCommon
 namespace
 {
 
-constexpr char kUsersAccess[] = "D:(A;OICI;GA;;;AU)"; // authenticated users: everything, inherited by what is inside
+constexpr char kUsersAccess[] = "D:(A;OICI;GA;;;AU)"; // authenticated users: full access, inherited
 constexpr char kLowLabel[] = "S:(ML;;NW;;;LW)";       // low integrity, no write-up
 constexpr DWORD kSidSize = 68;                        // the longest SID there is
 constexpr DWORD kLocalSystemSid = 22;                 // WinLocalSystemSid
@@ -28,7 +28,7 @@ struct SystemVersion
 
 #if defined(_MSC_VER)
 #pragma warning(push)
-#pragma warning(disable : 4996) // the classes are about old systems, which the deprecated call tells truly
+#pragma warning(disable : 4996) // the classes are those of old systems, which the deprecated call reports correctly
 #endif
 SystemVersion QueryVersion() noexcept
 {
@@ -72,7 +72,7 @@ bool SetLabel(HANDLE object, PSECURITY_DESCRIPTOR descriptor) noexcept
                ERROR_SUCCESS;
 }
 
-// The two calls that not every system has, bound when they are needed.
+// The two calls that not every system has, bound when needed.
 class TokenTest
 {
 public:

@@ -1,5 +1,5 @@
-// What makes objects reachable from other sessions and for ordinary users, and the account, session and version tests
-// that this depends on.
+// Makes objects accessible from other sessions and to ordinary users; the account, session and version tests that this
+// depends on.
 #pragma once
 
 #include <cstdint>
@@ -25,25 +25,25 @@ enum class VersionClass : uint32_t
 
 /// Whether a system of that platform id and version belongs to a class.
 [[nodiscard]] bool IsVersion(VersionClass wanted, uint32_t platform, uint32_t major, uint32_t minor) noexcept;
-/// The same for the system that runs, asked for once per process. False for every class when it does not answer.
+/// The same for the running system, queried once per process. False for every class if the query fails.
 [[nodiscard]] bool IsVersion(VersionClass wanted) noexcept;
 
 /// The name of an object in the global namespace: "Global\" and the name. The narrow form leaves the name as it is on
-/// NT 4, which has no such namespace; the wide form does not ask for the version.
+/// NT 4, which has no such namespace; the wide form ignores the version.
 [[nodiscard]] std::string GlobalName(std::string_view name);
 [[nodiscard]] std::wstring GlobalName(std::wstring_view name);
 
-/// Gives authenticated users full access to a kernel object and labels it with low integrity. False when either
-/// fails; a label that cannot be set leaves the access list in place. (Where the system does not even know the
-/// label's text, the access list alone is success.)
+/// Gives authenticated users full access to a kernel object and labels it with low integrity. False if either fails; if
+/// the label cannot be set, the access list stays. (If the system does not even support the text of the label, the
+/// access list alone counts as success.)
 bool Harden(HANDLE object) noexcept;
 
 /// Whether the calling thread's token is a member of LocalSystem.
-/// @param isMember  set on success alone
-/// @param error     may be null; ERROR_NOT_SUPPORTED where the system lacks the calls, else the failing call's error
+/// @param isMember  set only on success
+/// @param error     may be null; ERROR_NOT_SUPPORTED if the system lacks the calls, otherwise the failing call's error
 bool IsLocalSystem(bool* isMember, DWORD* error) noexcept;
 
-/// Whether the process runs in the service session. Every failure counts as an interactive session.
+/// Whether the process runs in the service session; after any failure, false.
 [[nodiscard]] bool IsServiceSession() noexcept;
 
 namespace AccessControl
@@ -71,14 +71,14 @@ public:
     SecurityAttributes(const SecurityAttributes&) = delete;
     SecurityAttributes& operator=(const SecurityAttributes&) = delete;
 
-    /// Makes it the descriptor that gives everyone full access (a present but null access list). When the system
-    /// refuses: false, and the object stands for default security.
+    /// Makes it a descriptor that gives everyone full access (a present but null access list). False if the system
+    /// refuses; the object then stands for default security.
     bool AllowEveryone() noexcept;
 
     /// kStateNone, or 0 when there is a descriptor.
     [[nodiscard]] uint32_t State() const noexcept { return m_Record.lpSecurityDescriptor == nullptr ? kStateNone : 0; }
-    /// For the creating call: null for default security, else a record with an inheritable handle. Lives as long as
-    /// this object.
+    /// For the creating call: null for default security, otherwise a record with an inheritable handle. Valid as long
+    /// as this object.
     [[nodiscard]] SECURITY_ATTRIBUTES* Record() const noexcept { return State() == kStateNone ? nullptr : &m_Record; }
 
 private:
@@ -87,7 +87,7 @@ private:
     UniqueLocalMemory m_Converted;
 };
 
-/// Default security, for whoever must name attributes.
+/// Default security, where attributes are required.
 extern const SecurityAttributes DefSecAttr;
 
 } // namespace AccessControl

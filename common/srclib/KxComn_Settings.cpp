@@ -1,4 +1,4 @@
-// Read afresh at every call. Not through Storage::Registry, which is narrow and throws for a missing value.
+// Read anew on every call. Not through Storage::Registry, which is narrow and throws for a missing value.
 #include "common/srclib/KxComn_Settings.h"
 
 #include <algorithm>

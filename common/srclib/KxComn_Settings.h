@@ -7,12 +7,12 @@
 namespace KxCommon::Settings
 {
 
-/// Milliseconds between two timed writes as the registry has them: a REG_DWORD of 4 bytes, otherwise 1800000
-/// (30 minutes); at least 60000.
+/// Milliseconds between two timed writes: the registry value if it is a REG_DWORD of 4 bytes, otherwise 1800000 (30
+/// minutes); at least 60000.
 [[nodiscard]] uint32_t WriteInterval() noexcept;
 
-/// The product's folder as the registry has it (REG_SZ); empty when it is missing or of another type. Throws bad_alloc
-/// alone.
+/// The product's folder according to the registry (REG_SZ); empty if the value is missing or has another type. Throws
+/// only bad_alloc.
 [[nodiscard]] std::wstring InstallPath();
 
 } // namespace KxCommon::Settings

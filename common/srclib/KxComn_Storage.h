@@ -23,7 +23,7 @@ struct Key
     const char* Name;     // INI: the file's name; registry: not used
 };
 
-/// Which registry a key is opened in; an INI file does not look at it. Any other value is kSystemView.
+/// In which view of the registry a key is opened; INI files ignore it. Any other value means kSystemView.
 inline constexpr uint32_t kSystemView = 0;
 inline constexpr uint32_t kView32 = 1;
 inline constexpr uint32_t kView64 = 2;
@@ -37,9 +37,9 @@ public:
 
 /// One key or section: open, read or write by name, close. All failures are thrown as Storage::Exception by pointer.
 /// The order of the operations is fixed: with MSVC the destructor has slot 0 and OpenForReading slot 1. GCC gives the
-/// destructor two slots, so that there each operation stands one further on; objects of this class are used only by
-/// modules of the same compiler, as their texts are the compiler's own as well. An operation that a storage does not
-/// support does nothing and returns zero, false or an empty text; that is what these here do.
+/// destructor two slots, so each operation has the next slot there; since the strings are the compiler's own as well,
+/// objects of this class are used only by modules built with the same compiler. An operation that a storage does not
+/// support does nothing and returns zero, false or an empty text, as these here do.
 class Base
 {
 public:
@@ -52,17 +52,17 @@ public:
     /// Makes what was written reach the disk.
     virtual bool Flush();
     virtual bool Reserved7();
-    /// @return the bytes that the value has; throws ERROR_MORE_DATA when they do not fit size
+    /// @return the size of the value; throws ERROR_MORE_DATA if it exceeds size
     virtual uint32_t ReadBinary(const char* name, void* data, uint32_t size);
     virtual uint32_t Reserved9(const char* name);
-    /// The registry throws for a missing value and never looks at the default; an INI file returns it.
+    /// The registry throws for a missing value and ignores the default; an INI file returns it.
     virtual std::string ReadString(const char* name, const char* defaultText);
     virtual bool Reserved11(const char* name);
     virtual uint32_t ReadNumber(const char* name, uint32_t defaultNumber);
     virtual bool WriteBinary(const char* name, const void* data, uint32_t size);
     virtual bool WriteString(const char* name, const char* text);
     virtual bool WriteNumber(const char* name, uint32_t number);
-    /// The name at an index that counts from 0; false when there are no more.
+    /// The name at an index, counted from 0; false if there are no more.
     virtual bool EnumerateKeys(uint32_t index, std::string& name);
     virtual bool EnumerateValues(uint32_t index, std::string& name);
 

@@ -19,9 +19,9 @@ namespace
 
 constexpr size_t kFormatStep = 256;
 
-// The system's C library, not the compiler's own replacement: only the former knows UTF-16 text in narrow formats, and
-// only these two tell a text that does not fit (the first is negative) from one that cannot be formatted (so is the
-// second).
+// The system's C library, not the compiler's own replacement: only the former supports UTF-16 text in narrow formats,
+// and only these two calls distinguish a text that does not fit (the first is negative) from one that cannot be
+// formatted (both are).
 int Print(char* out, size_t size, const char* format, va_list arguments)
 {
     return ::_vsnprintf_s(out, size, _TRUNCATE, format, arguments);

@@ -33,25 +33,26 @@ inline constexpr int kDoesNotFit = -1;
 inline constexpr int kCannotFormat = -2;
 
 /// One attempt at formatting into a buffer of size characters.
-/// @return the length, the terminator not counted; kDoesNotFit, also when there is no room for the terminator alone;
-///         kCannotFormat when the C library refuses. The buffer's content counts in the first case only.
+/// @return the length without the terminator; kDoesNotFit, also if only the terminator does not fit; kCannotFormat if
+///         the C library refuses. The buffer's content is valid only in the first case.
 int FormatInto(char* out, size_t size, const char* format, va_list arguments) noexcept KX_PRINTF(3, 0);
 int FormatInto(KXWCHAR* out, size_t size, const KXWCHAR* format, va_list arguments) noexcept;
 
 /// Formats a text of any length as the system's C library does: in the narrow form %s is narrow and %S is UTF-16, in
-/// the wide form it is the other way round. True; throws String::Exception when memory or the formatting fails, and
-/// out is as it was then.
+/// the wide form it is the other way round. Returns true; throws String::Exception if memory or the formatting fails,
+/// and then leaves out unchanged.
 bool Format(std::string& out, const char* format, ...) KX_PRINTF(2, 3);
 bool Format(WideString& out, const KXWCHAR* format, ...);
 
-/// Active code page to UTF-16. Bytes without a meaning are converted as the system does it; empty when it refuses.
+/// Active code page to UTF-16. Invalid bytes are converted as the system does it; empty if it refuses.
 [[nodiscard]] WideString ToWide(std::string_view text);
 
-/// UTF-16 to the active code page; empty when the system refuses. Units without a counterpart become the system's
-/// default character, or one that looks like them.
+/// UTF-16 to the active code page; empty if the system refuses. Units without a counterpart become the system's default
+/// character, or a similar one.
 [[nodiscard]] std::string ToNarrow(WideStringView text);
 
-/// As the file system compares names: unit by unit, ignoring case. Below 0, 0 or above it, as a comes before b.
+/// Compares as the file system compares names: unit by unit, ignoring case. Negative if a comes before b, 0 if equal,
+/// otherwise positive.
 [[nodiscard]] int CompareNoCase(WideStringView a, WideStringView b) noexcept;
 [[nodiscard]] inline bool EqualNoCase(WideStringView a, WideStringView b) noexcept
 {

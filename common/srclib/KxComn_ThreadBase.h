@@ -23,7 +23,7 @@ public:
 
 /// Creates a thread suspended, starts it, waits for it, ends and closes it. Every failure is thrown as
 /// Thread::Exception by pointer. An operation that needs a thread throws ERROR_INVALID_HANDLE (6) without one.
-/// Destruction closes the handle and leaves the thread to itself. One thread at a time may use an object.
+/// Destruction closes the handle and lets the thread go on. Only one thread at a time may use an object.
 class Base
 {
 public:
@@ -44,10 +44,10 @@ public:
     /// False when no thread is owned.
     [[nodiscard]] bool IsRunning() const;
 
-    /// Ends the thread with exit code ERROR_OPERATION_ABORTED (995) wherever it is, and whatever it holds.
+    /// Ends the thread with exit code ERROR_OPERATION_ABORTED (995), wherever it is and whatever locks it holds.
     void Terminate();
 
-    /// Afterwards no thread is owned and the default timeout is infinite, even when closing fails.
+    /// Afterwards no thread is owned and the default timeout is infinite, even if closing fails.
     void Close();
 
     void SetDefaultTimeout(uint32_t milliseconds) noexcept { m_DefaultTimeout = milliseconds; }

@@ -1,5 +1,5 @@
-// The trace call that every room uses. What becomes of a line is the business of common/trace, which defines the two
-// functions; tests define them as a recorder instead.
+// The trace call of the whole library. common/trace defines the two functions and decides what happens to a line; tests
+// define them as a recorder instead.
 #pragma once
 
 #include <atomic>
@@ -14,11 +14,11 @@ inline constexpr uint32_t kTraceDetail = 1;  // tag ".w."
 inline constexpr uint32_t kTraceCall = 16;   // tag "@@@": function entry, return, progress
 inline constexpr uint32_t kTraceError = 256; // tag "!!!": every detected failure
 
-// True while the trace library is loaded. Read before anything else so that a trace that is off costs one load.
+// True while the trace library is loaded. Checked first, so that a trace that is off costs one load.
 extern std::atomic<bool> g_TraceActive;
 
-// Writes one line. Both leave GetLastError as it was and let no exception out. The format is one of the system's C
-// library: in the narrow form %s is narrow and %S is UTF-16 text, in the wide form it is the other way round.
+// Writes one line. Both leave GetLastError unchanged and throw nothing. The format is one of the system's C library: in
+// the narrow form %s is narrow and %S is UTF-16 text, in the wide form it is the other way round.
 void TraceLine(const char* file, uint32_t line, uint32_t level, const char* format, ...) noexcept KX_PRINTF(4, 5);
 void TraceLineWide(const char* file, uint32_t line, uint32_t level, const KXWCHAR* format, ...) noexcept;
 

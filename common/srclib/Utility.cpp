@@ -18,7 +18,7 @@ namespace
 
 constexpr DWORD kPathSize = MAX_PATH; // 260, terminator included, in bytes as in units
 
-// The same calls in both widths: the consumer family of systems knows no others than the narrow ones.
+// The same calls in both widths: the consumer family of systems has only the narrow ones.
 DWORD ModuleFile(HMODULE module, char (&path)[kPathSize]) noexcept
 {
     return ::GetModuleFileNameA(module, path, kPathSize);
@@ -36,8 +36,8 @@ DWORD ShortPath(const wchar_t (&path)[kPathSize], wchar_t (&shortPath)[kPathSize
     return ::GetShortPathNameW(path, shortPath, kPathSize);
 }
 
-// Both calls answer 0 when they fail, and the buffer's size or more when the path does not fit; the system sets no
-// error for the latter everywhere.
+// Both calls return 0 if they fail, and the buffer's size or more if the path does not fit; not every system sets an
+// error for the latter.
 DWORD PathError(DWORD length) noexcept
 {
     if (length == 0)
@@ -69,7 +69,8 @@ bool NarrowShortModulePath(HMODULE module, char (&shortPath)[kPathSize]) noexcep
     wchar_t wide[kPathSize] = {};
     if (!ShortModulePath(module, wide))
         return false;
-    // What the code page cannot express, substitutes would replace: the path of another folder, perhaps somebody's.
+    // Substitutes for what the code page cannot express would make it the path of another folder, perhaps an
+    // attacker's.
     wchar_t back[kPathSize] = {};
     if (::WideCharToMultiByte(CP_ACP, 0, wide, -1, shortPath, kPathSize, nullptr, nullptr) > 0 &&
         ::MultiByteToWideChar(CP_ACP, 0, shortPath, -1, back, kPathSize) > 0 && std::wcscmp(wide, back) == 0)

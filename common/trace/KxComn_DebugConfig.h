@@ -16,7 +16,7 @@
 namespace KxCommon
 {
 
-/// Sections (INI file) or subkeys (registry), keys, and what counts when a key is missing. All texts are ASCII.
+/// Sections (INI file) or subkeys (registry), keys, and defaults for missing keys. All texts are ASCII.
 namespace DebugSettings
 {
 

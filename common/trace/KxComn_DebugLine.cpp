@@ -1,4 +1,4 @@
-// What a line of the trace says. Its form is fixed: people and tools read these files.
+// The text of a trace line. Its form is fixed, since people and tools read these files.
 #include "common/trace/KxComn_DebugLine.h"
 
 #include <algorithm>

@@ -25,7 +25,7 @@ namespace KxCommon
 namespace
 {
 
-/// What a traced function may be about to look at.
+/// Preserves what a traced function may be about to check.
 class CallerState
 {
 public:
@@ -59,7 +59,7 @@ void SetField(char (&field)[size], std::string_view text)
     String::CopyBounded(field, static_cast<int>(size - 1), text);
 }
 
-// In this order: where a missing value throws, the values before it count.
+// In this order: if a missing value throws, the values before it count.
 void ReadValues(Storage::Base& storage, DebugConfig& config)
 {
     using namespace DebugSettings;
@@ -75,9 +75,9 @@ void ReadValues(Storage::Base& storage, DebugConfig& config)
     config.Head.bDebugger = storage.ReadNumber(kDebugger, 0) != 0;
 }
 
-// Runs what may throw; whatever it throws is deleted, and the answer is false.
+// Runs work; if it throws, deletes the exception and returns false.
 template <class Work>
-bool Guarded(Work work) noexcept KX_NO_THREAD_SAFETY_ANALYSIS // what it is given carries its own
+bool Guarded(Work work) noexcept KX_NO_THREAD_SAFETY_ANALYSIS // the work has its own annotations
 {
     try
     {
@@ -128,7 +128,7 @@ bool DebugLog::Uninitialize() noexcept
         {
             const Synchronize::ScopedLock lock(m_TraceLock);
             const bool wasInitialized = IsInitialized();
-            SetInitialized(false); // first: whoever arrives from here on is turned away without waiting
+            SetInitialized(false); // first: calls that arrive from here on are refused without waiting
             if (wasInitialized && m_DbgLibrary.IsLoaded())
             {
                 if (m_DbgLibrary.Uninitialize != nullptr)

@@ -14,7 +14,7 @@ namespace KxCommon::Library
 class KxDbg : private DynLib
 {
 public:
-    /// False when the library cannot be loaded; missing entry points are no failure here.
+    /// False if the library cannot be loaded; missing entry points are not a failure.
     bool Load(const std::string& path) noexcept;
     void Unload() noexcept;
     using DynLib::IsLoaded;
