@@ -8,11 +8,7 @@
 #include <KxPfwRule.h>
 
 /* A pointer to each of the 25 functions: g_Rule.kxRuleRead() and so on. */
-#define POINTER(name, parameters) name##_FUNC* name;
-static struct
-{
-    KXRULE_FUNCTIONS(POINTER)
-} g_Rule;
+static KXRULE_LIBRARY g_Rule;
 
 /*
  * Looks for the DLL beside the program and in the system's directory, never in the current directory or along PATH,

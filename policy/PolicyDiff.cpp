@@ -7,6 +7,7 @@
 
 #include "common/srclib/KxComn_Record.h"
 #include "policy/RecordText.h"
+#include "policy/Words.h"
 #include "rules/Normalise.h"
 
 namespace KxPolicy
@@ -193,6 +194,45 @@ size_t RuleSetsAfter(const Policy& store, const PolicyDiff& diff) noexcept
     for (const RuleSetChange& change : diff.RuleSets)
         count += change.NameBefore ? (change.NameAfter ? 0 : size_t(-1)) : 1;
     return count;
+}
+
+std::string ExcessText(const Policy& store, const PolicyDiff& diff)
+{
+    if (RuleSetsAfter(store, diff) > KXRULE_MAX_RULESETS)
+        return "the store would hold " + Count(RuleSetsAfter(store, diff), "rule set") + "; the limit is " +
+               std::to_string(KXRULE_MAX_RULESETS);
+    for (const RuleSetChange& change : diff.RuleSets)
+    {
+        if (change.RulesAfter.size() > KXRULE_MAX_RULES)
+            return "rule set " + std::to_string(change.Index) + " would hold " +
+                   Count(change.RulesAfter.size(), "rule") + "; the limit is " + std::to_string(KXRULE_MAX_RULES);
+    }
+    return {};
+}
+
+bool IsEmptying(const Policy& store, const PolicyDiff& diff) noexcept
+{
+    return !store.RuleSets.empty() && RuleSetsAfter(store, diff) == 0;
+}
+
+PolicyDiff Inverse(const Policy& before, const PolicyDiff& diff, const Policy& now)
+{
+    Policy from;
+    Policy to;
+    for (const RuleSetChange& change : diff.RuleSets)
+    {
+        if (const RuleSetRecord* const ruleSet = Find(now.RuleSets, change.Index))
+            from.RuleSets.push_back(*ruleSet);
+        if (const RuleSetRecord* const ruleSet = Find(before.RuleSets, change.Index))
+            to.RuleSets.push_back(*ruleSet);
+    }
+    from.Active = now.Active;
+    from.Macros = now.Macros;
+    if (diff.Active)
+        to.Active = before.Active;
+    if (diff.Macros)
+        to.Macros = before.Macros;
+    return Compare(from, to, MergeMode::Replace);
 }
 
 } // namespace KxPolicy

@@ -50,6 +50,13 @@ struct PolicyDiff
 
 /// How many rule sets there are after the changes.
 [[nodiscard]] size_t RuleSetsAfter(const Policy& store, const PolicyDiff& diff) noexcept;
+/// Which limit of the store the changes would break, as a sentence for people; empty: none.
+[[nodiscard]] std::string ExcessText(const Policy& store, const PolicyDiff& diff);
+/// Whether every rule set goes, which is more often a mistake than meant.
+[[nodiscard]] bool IsEmptying(const Policy& store, const PolicyDiff& diff) noexcept;
+/// What takes the changes back that were made of the difference: what the store holds now becomes, where the difference
+/// has an entry, what it was before.
+[[nodiscard]] PolicyDiff Inverse(const Policy& before, const PolicyDiff& diff, const Policy& now);
 
 /// The changes as lines for people: + added, - removed, ~ changed with the JSON lines that differ.
 [[nodiscard]] std::string DiffText(const PolicyDiff& diff);

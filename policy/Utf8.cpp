@@ -54,7 +54,8 @@ std::string ToUtf8(KxCommon::WideStringView text)
 
 KxCommon::WideString FromUtf8(std::string_view text)
 {
-    const std::string valid = utf8::replace_invalid(text);
+    std::string valid; // (without the character given, a guarded static would hold it)
+    utf8::replace_invalid(text.begin(), text.end(), std::back_inserter(valid), kReplacement);
     KxCommon::WideString out;
     out.reserve(valid.size());
     utf8::utf8to16(valid.begin(), valid.end(), std::back_inserter(out));

@@ -648,8 +648,9 @@ KXRULE_API int32_t kxRuleUpdateHashValue(const KXWCHAR* applicationPath, const u
 /* ------------------------------------------------------------------------------------------- loaded at run time -- */
 
 /*
- * All functions, F(name, (parameters)) each, for a program that loads the DLL itself instead of linking with it; and a
- * type for each: kxRuleRead_FUNC is that of kxRuleRead. examples/load-at-run-time.c has the loader to paste.
+ * All functions, F(name, (parameters)) each, for a program that loads the DLL itself instead of linking with it; a type
+ * for each: kxRuleRead_FUNC is that of kxRuleRead; and KXRULE_LIBRARY, a pointer to each by its name.
+ * examples/load-at-run-time.c has the loader to paste. Functions of later versions come after these.
  */
 /* clang-format off */
 #define KXRULE_FUNCTIONS(F)                                                                                            \
@@ -682,8 +683,14 @@ KXRULE_API int32_t kxRuleUpdateHashValue(const KXWCHAR* applicationPath, const u
 /* clang-format on */
 
 #define KXRULE_FUNCTION_TYPE(name, parameters) typedef int32_t name##_FUNC parameters;
+#define KXRULE_FUNCTION_POINTER(name, parameters) name##_FUNC* name;
 KXRULE_FUNCTIONS(KXRULE_FUNCTION_TYPE)
+typedef struct KXRULE_LIBRARY
+{
+    KXRULE_FUNCTIONS(KXRULE_FUNCTION_POINTER)
+} KXRULE_LIBRARY;
 #undef KXRULE_FUNCTION_TYPE
+#undef KXRULE_FUNCTION_POINTER
 
 /* ------------------------------------------------------------------------------------------------------ layout -- */
 

@@ -62,7 +62,7 @@ int AddRuleSet(Session& session, const std::string& name, std::optional<uint16_t
     std::vector<unsigned char> block = RuleSetBytes(0, wide, {});
     PFW_RULESET* const record = reinterpret_cast<PFW_RULESET*>(block.data());
     session.BeginChange();
-    Check(session.Library().AddRuleSet(index.value_or(0), record), "adding the rule set");
+    Check(session.Library().kxRuleAddRuleSet(index.value_or(0), record), "adding the rule set");
     session.Write();
     const uint16_t given = record->wRuleSetIndex;
     session.Terminal().Out(session.Options().Json ? Json({{"index", given}}).dump() + "\n"
@@ -155,8 +155,8 @@ int RefreshHashes(Session& session, const std::string& application)
     const std::wstring path = FromUtf8(application);
     std::vector<Refreshed> refreshed;
     session.BeginChange();
-    const int32_t result =
-        session.Library().UpdateHashValue(path.empty() ? nullptr : path.c_str(), nullptr, TakeRefreshed, &refreshed);
+    const int32_t result = session.Library().kxRuleUpdateHashValue(path.empty() ? nullptr : path.c_str(), nullptr,
+                                                                   TakeRefreshed, &refreshed);
     if (!refreshed.empty()) // those before a failure count as well
     {
         session.KeepCopy();

@@ -8,8 +8,8 @@
 
 #include <nlohmann/json.hpp>
 
-#include "policy/Apply.h"
-#include "policy/RuleJson.h"
+#include "policy/LibraryStore.h"
+#include "policy/PolicyText.h"
 #include "policy/Utf8.h"
 #include "policy/Words.h"
 #include "tools/kxrule/commands/Commands.h"
@@ -38,16 +38,9 @@ std::string ReadStream(std::FILE* file)
 /// The store's limits, checked before anything is changed.
 void CheckLimits(const Policy& store, const PolicyDiff& diff)
 {
-    if (RuleSetsAfter(store, diff) > KXRULE_MAX_RULESETS)
-        throw Failure("the store would hold " + Count(RuleSetsAfter(store, diff), "rule set") + "; the limit is " +
-                      std::to_string(KXRULE_MAX_RULESETS));
-    for (const RuleSetChange& change : diff.RuleSets)
-    {
-        if (change.RulesAfter.size() > KXRULE_MAX_RULES)
-            throw Failure("rule set " + std::to_string(change.Index) + " would hold " +
-                          Count(change.RulesAfter.size(), "rule") + "; the limit is " +
-                          std::to_string(KXRULE_MAX_RULES));
-    }
+    const std::string excess = ExcessText(store, diff);
+    if (!excess.empty())
+        throw Failure(excess);
 }
 
 const char* ChangeWord(bool before, bool after) noexcept
@@ -84,36 +77,15 @@ Json DiffAsJson(const PolicyDiff& diff)
 }
 
 /// The store of a session. If the session ends without a write, the files stay as they were.
-class SessionStore final : public PolicyStore
+class SessionStore final : public LibraryStore
 {
 public:
-    explicit SessionStore(Session& session) noexcept : m_Session(session) {}
-
-    int32_t AddRuleSet(uint16_t index, PFW_RULESET* record) override { return Changing().AddRuleSet(index, record); }
-    int32_t DeleteRuleSet(uint16_t index) override { return Changing().DeleteRuleSet(index); }
-    int32_t AddRule(uint16_t ruleSetIndex, uint16_t ruleIndex, const PFW_RULE* rule) override
-    {
-        return Changing().AddRule(ruleSetIndex, ruleIndex, rule);
-    }
-    int32_t DeleteRule(uint16_t ruleSetIndex, uint16_t ruleIndex) override
-    {
-        return Changing().DeleteRule(ruleSetIndex, ruleIndex);
-    }
-    int32_t AddMacro(const PFW_MACRO* record) override { return Changing().AddMacro(record); }
-    int32_t DeleteMacro() override { return Changing().DeleteMacro(); }
-    int32_t SetActiveRuleSet(const uint16_t* indexes, int32_t count) override
-    {
-        return Changing().SetActiveRuleSet(indexes, count);
-    }
+    explicit SessionStore(Session& session) noexcept : LibraryStore(session.Library()), m_Session(session) {}
     void Write() override { m_Session.Write(); }
     void KeepCopy() override { m_Session.KeepCopy(); }
 
 private:
-    RuleLibrary& Changing()
-    {
-        m_Session.BeginChange();
-        return m_Session.Library();
-    }
+    void BeginChange() override { m_Session.BeginChange(); }
 
     Session& m_Session;
 };
@@ -122,13 +94,8 @@ private:
 bool ReadPolicyFile(Session& session, const std::string& file, Policy& policy)
 {
     std::vector<Diagnostic> diagnostics;
-    const bool isGood = ReadPolicy(ReadTextFile(file), policy, diagnostics);
-    if (isGood && policy.HasVersion)
+    if (ReadPolicyText(ReadTextFile(file), policy, diagnostics))
         return true;
-    // Without it "{}" would be a policy, and half a file that happens to be JSON.
-    if (isGood)
-        diagnostics.push_back(
-            {1, 1, {}, "\"version\" is missing; this form has version " + std::to_string(kPolicyVersion)});
     TellDiagnostics(session, file, diagnostics);
     return false;
 }
@@ -235,10 +202,9 @@ bool IsRemoving(const PolicyDiff& diff)
                        });
 }
 
-/// A policy that names no rule set is more often a mistake than meant.
 void RefuseEmptying(const Policy& store, const PolicyDiff& diff, const ImportOptions& options)
 {
-    if (!options.AllowEmpty && !store.RuleSets.empty() && RuleSetsAfter(store, diff) == 0)
+    if (!options.AllowEmpty && IsEmptying(store, diff))
         throw Failure("the import would remove every rule set; --allow-empty does so");
 }
 

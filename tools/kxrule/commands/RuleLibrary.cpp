@@ -41,33 +41,15 @@ std::wstring RuleLibrary::OwnDirectory()
     }
 }
 
-RuleLibrary::RuleLibrary()
+RuleLibrary::RuleLibrary() : KXRULE_LIBRARY()
 {
     const std::wstring path = OwnDirectory() + kLibraryName;
     m_Module = ::LoadLibraryExW(path.c_str(), nullptr, LOAD_WITH_ALTERED_SEARCH_PATH);
     if (m_Module == nullptr)
         throw Failure(ToUtf8(path) + " cannot be loaded: " + SystemText(::GetLastError()));
-    Find(m_Module, "kxRuleInitialize", Initialize);
-    Find(m_Module, "kxRuleFinalize", Finalize);
-    Find(m_Module, "kxRuleRead", Read);
-    Find(m_Module, "kxRuleWrite", Write);
-    Find(m_Module, "kxRuleFlush", Flush);
-    Find(m_Module, "kxRuleSetActiveRuleSet", SetActiveRuleSet);
-    Find(m_Module, "kxRuleGetActiveRuleSet", GetActiveRuleSet);
-    Find(m_Module, "kxRuleAddRuleSet", AddRuleSet);
-    Find(m_Module, "kxRuleDeleteRuleSet", DeleteRuleSet);
-    Find(m_Module, "kxRuleGetRuleSetIndex", GetRuleSetIndex);
-    Find(m_Module, "kxRuleGetRuleSet", GetRuleSet);
-    Find(m_Module, "kxRuleAddRule", AddRule);
-    Find(m_Module, "kxRuleDeleteRule", DeleteRule);
-    Find(m_Module, "kxRuleGetRule", GetRule);
-    Find(m_Module, "kxRuleAddMacro", AddMacro);
-    Find(m_Module, "kxRuleDeleteMacro", DeleteMacro);
-    Find(m_Module, "kxRuleGetMacro", GetMacro);
-    Find(m_Module, "kxRuleGetRuleString", GetRuleString);
-    Find(m_Module, "kxRuleGetRuleString2", GetRuleString2);
-    Find(m_Module, "kxRuleGetMacroString", GetMacroString);
-    Find(m_Module, "kxRuleUpdateHashValue", UpdateHashValue);
+#define KX_FIND(name, parameters) Find(m_Module, #name, name);
+    KXRULE_FUNCTIONS(KX_FIND)
+#undef KX_FIND
 }
 
 RuleLibrary::~RuleLibrary()

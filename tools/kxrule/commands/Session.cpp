@@ -13,6 +13,7 @@
 #include "common/srclib/KxComn_Record.h"
 #include "policy/Apply.h"
 #include "policy/JsonText.h"
+#include "policy/LibraryStore.h"
 #include "policy/ResultCodes.h"
 #include "policy/Utf8.h"
 #include "rules/Macro.h"
@@ -86,7 +87,7 @@ Session::Session(const GlobalOptions& options, Console& console) : m_Options(opt
 Session::~Session()
 {
     if (m_Initialised && m_MayEnd)
-        m_Library->Finalize();
+        m_Library->kxRuleFinalize();
     else if (m_Initialised)
         static_cast<void>(m_Library.release()); // unloading is for libraries that have been finalised
     if (m_Lock)
@@ -173,9 +174,9 @@ void Session::Open()
 {
     const RuleDirectory store = Store();
     m_Library = std::make_unique<RuleLibrary>();
-    Check(m_Library->Initialize(store.Path().c_str(), store.MasterFileName().c_str()), "starting the library");
+    Check(m_Library->kxRuleInitialize(store.Path().c_str(), store.MasterFileName().c_str()), "starting the library");
     m_Initialised = true;
-    const int32_t result = m_Library->Read();
+    const int32_t result = m_Library->kxRuleRead();
     if (result != KXRULE_OK)
         throw Failure("reading " + ToUtf8(m_Directory) + ": " + ResultText(result) +
                           "; \"kxrule verify\" tells which file",
@@ -245,60 +246,16 @@ void Session::KeepCopy()
 
 void Session::Write()
 {
-    Check(m_Library->Write(), "writing " + ToUtf8(m_Directory));
+    Check(m_Library->kxRuleWrite(), "writing " + ToUtf8(m_Directory));
     m_MayEnd = true;
-}
-
-std::vector<RuleSetRecord> Session::ReadRuleSets()
-{
-    std::vector<uint16_t> indexes(static_cast<size_t>(m_Library->GetRuleSetIndex(nullptr, 0)));
-    m_Library->GetRuleSetIndex(indexes.data(), static_cast<int32_t>(indexes.size()));
-    std::vector<RuleSetRecord> ruleSets;
-    std::vector<unsigned char> block;
-    Progress progress(m_Console, "reading the store");
-    for (const uint16_t index : indexes)
-    {
-        progress.Show(ruleSets.size(), indexes.size());
-        const int32_t count = m_Library->GetRuleSet(index, nullptr, 0);
-        Check(count, "reading rule set " + std::to_string(index));
-        block.resize(KXRULE_RULESET_BYTES(count));
-        PFW_RULESET* const record = reinterpret_cast<PFW_RULESET*>(block.data());
-        Check(m_Library->GetRuleSet(index, record, count), "reading rule set " + std::to_string(index));
-        RuleSetRecord& ruleSet = ruleSets.emplace_back();
-        ruleSet.Index = index;
-        ruleSet.Name = KxCommon::Record::WideText(&record->wszName, KXRULE_RULESET_NAME_UNITS);
-        ruleSet.Rules.assign(KXRULE_RULES(record), KXRULE_RULES(record) + count);
-    }
-    return ruleSets;
-}
-
-std::vector<MacroRecord> Session::ReadMacros()
-{
-    std::vector<unsigned char> block(static_cast<size_t>(m_Library->GetMacro(nullptr, 0)));
-    m_Library->GetMacro(block.data(), static_cast<int32_t>(block.size()));
-    std::vector<MacroRecord> macros;
-    for (size_t at = 0; at < block.size();)
-    {
-        PFW_MACRO* const record = reinterpret_cast<PFW_MACRO*>(block.data() + at);
-        const MACRO_ITEM* const items = KXRULE_MACRO_ITEMS(record);
-        const int32_t count = record->nItemCount;
-        macros.push_back({std::string(KxCommon::Record::Text(&record->szName, sizeof record->szName)),
-                          std::vector<MACRO_ITEM>(items, items + count)});
-        at += KXRULE_MACRO_BYTES(count);
-    }
-    return macros;
 }
 
 Policy Session::Read()
 {
     if (m_Looked)
         return *std::exchange(m_Looked, std::nullopt);
-    Policy policy;
-    std::vector<uint16_t>& active = policy.Active.emplace(static_cast<size_t>(m_Library->GetActiveRuleSet(nullptr, 0)));
-    m_Library->GetActiveRuleSet(active.data(), static_cast<int32_t>(active.size()));
-    policy.Macros = ReadMacros();
-    policy.RuleSets = ReadRuleSets();
-    return policy;
+    Progress progress(m_Console, "reading the store");
+    return ReadStore(*m_Library, [&progress](size_t done, size_t all) { progress.Show(done, all); });
 }
 
 std::string RuleLine(const PFW_RULE& rule)

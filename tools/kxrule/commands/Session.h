@@ -85,8 +85,6 @@ private:
     /// Waits a moment, and says so the first time; false when the time for it is over.
     bool MayWait(const std::string& whom);
     void Open();
-    [[nodiscard]] std::vector<RuleSetRecord> ReadRuleSets();
-    [[nodiscard]] std::vector<MacroRecord> ReadMacros();
 
     const GlobalOptions& m_Options;
     Console& m_Console;
