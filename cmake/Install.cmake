@@ -21,7 +21,7 @@ kx_with_symbols(${PROJECT_SOURCE_DIR})
 # MSVC's linker wants its own form of import library, which LLVM makes. Building does not need it, so it may be missing.
 find_program(KX_LLVM_DLLTOOL NAMES llvm-dlltool llvm-dlltool-14)
 set(libraries)
-foreach(target KxPfwRul KxHash KxVqrDbg)
+foreach(target KxPfwRul KxPolicy KxHash KxVqrDbg)
     install(TARGETS ${target} RUNTIME DESTINATION bin ARCHIVE DESTINATION lib)
     if(KX_LLVM_DLLTOOL)
         get_target_property(definition ${target} SOURCES)
@@ -38,22 +38,24 @@ foreach(target KxPfwRul KxHash KxVqrDbg)
 endforeach()
 add_custom_target(KxPfwRul_msvc ALL DEPENDS ${libraries})
 install(TARGETS kxrule RUNTIME DESTINATION bin)
-install(FILES api/include/KxPfwRule.h api/include/KxPfwRule.hpp api/include/KxPfwRuleBuilder.hpp DESTINATION include)
+install(FILES api/include/KxPfwRule.h api/include/KxPfwRule.hpp api/include/KxPfwRuleBuilder.hpp api/include/KxPolicy.h
+    DESTINATION include)
 
 # What finds it: find_package, FetchContent, pkg-config.
 configure_package_config_file(cmake/sdk/KxPfwRulConfig.cmake.in ${PROJECT_BINARY_DIR}/KxPfwRulConfig.cmake
     INSTALL_DESTINATION lib/cmake/KxPfwRul NO_SET_AND_CHECK_MACRO)
 write_basic_package_version_file(${PROJECT_BINARY_DIR}/KxPfwRulConfigVersion.cmake COMPATIBILITY SameMajorVersion)
 configure_file(cmake/sdk/kxpfwrul.pc.in ${PROJECT_BINARY_DIR}/kxpfwrul.pc @ONLY)
+configure_file(cmake/sdk/kxpolicy.pc.in ${PROJECT_BINARY_DIR}/kxpolicy.pc @ONLY)
 install(FILES ${PROJECT_BINARY_DIR}/KxPfwRulConfig.cmake ${PROJECT_BINARY_DIR}/KxPfwRulConfigVersion.cmake
     DESTINATION lib/cmake/KxPfwRul)
-install(FILES ${PROJECT_BINARY_DIR}/kxpfwrul.pc DESTINATION lib/pkgconfig)
+install(FILES ${PROJECT_BINARY_DIR}/kxpfwrul.pc ${PROJECT_BINARY_DIR}/kxpolicy.pc DESTINATION lib/pkgconfig)
 install(FILES cmake/sdk/CMakeLists.txt DESTINATION .)
 
 # Documents of the package's users. Those of the library's own developers speak of sources that are not in it.
 install(FILES cmake/sdk/README.md LICENSE CHANGELOG.md SECURITY.md DESTINATION .)
-install(FILES docs/format.md docs/kxrule.md docs/policy.schema.json docs/recovery.md docs/security.md docs/settings.md
-    docs/threads.md DESTINATION docs)
+install(FILES docs/format.md docs/kxrule.md docs/policies.md docs/policy.schema.json docs/recovery.md docs/security.md
+    docs/settings.md docs/threads.md DESTINATION docs)
 install(DIRECTORY examples DESTINATION . PATTERN __pycache__ EXCLUDE)
 install(FILES cmake/mingw-w64-x86_64.cmake DESTINATION examples)
 install(DIRECTORY api/python DESTINATION . PATTERN __pycache__ EXCLUDE)

@@ -67,10 +67,10 @@ checkHeaders()
         each clang++ "${windows[@]}" "${flags[@]}" -fsyntax-only -Werror -Wno-pragma-once-outside-header -x c++ '{}'
 }
 
-# The public header for every compiler that a caller may have.
+# The public headers for every compiler that a caller may have; the second includes the first.
 checkContract()
 {
-    local header=api/include/KxPfwRule.h standard compiler
+    local header=api/include/KxPolicy.h standard compiler
     for standard in c99 c11 c17; do
         for compiler in gcc clang x86_64-w64-mingw32-gcc-posix "clang --target=x86_64-pc-windows-msvc -ffreestanding"; do
             $compiler -std=$standard -pedantic -Wall -Wextra -Werror -fsyntax-only -x c $header
@@ -107,6 +107,8 @@ checkTables()
     mapfile -t names < <(grep -oE '^KXRULE_API int32_t kxRule\w+' api/include/KxPfwRule.h | cut -d ' ' -f 3)
     [ ${#names[@]} = 25 ] || { echo "the header declares ${#names[@]} functions" >&2; return 1; }
     tables KxPfwRul.dll "${names[@]}"
+    mapfile -t names < <(grep -oE '^KXPOLICY_API int32_t kxPolicy\w+' api/include/KxPolicy.h | cut -d ' ' -f 3)
+    tables KxPolicy.dll "${names[@]}"
     tables KxHash.dll kxCfwGetHashValue
     tables KxVqrDbg.dll KxDbgInitialize KxDbgUninitialize KxDbgTrace KxDbgSetDebugConfig KxDbgGetDebugConfig
 }

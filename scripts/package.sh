@@ -12,7 +12,7 @@ scripts/packages.sh build package
 
 step "build (release)"
 configure release
-NINJA_STATUS='    [%f/%t] ' cmake --build --preset release --target KxPfwRul KxPfwRul_msvc KxHash KxVqrDbg kxrule
+NINJA_STATUS='    [%f/%t] ' cmake --build --preset release --target KxPfwRul KxPfwRul_msvc KxPolicy KxHash KxVqrDbg kxrule
 
 version=$(sed -n 's/^project(KxPfwRul VERSION \([0-9.]*\).*/\1/p' CMakeLists.txt)
 name=KxPfwRul-$version-win64

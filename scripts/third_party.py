@@ -18,10 +18,11 @@ ROOT = pathlib.Path(__file__).resolve().parent.parent
 PRODUCT = ["api", "common", "companions", "persistence", "policy", "repository", "rules", "tools"]
 DOC = pathlib.Path("/usr/share/doc")
 GPL3 = pathlib.Path("/usr/share/common-licenses/GPL-3")
-EVERYTHING = ["KxPfwRul.dll", "KxHash.dll", "KxVqrDbg.dll", "kxrule.exe"]
+EVERYTHING = ["KxPfwRul.dll", "KxPolicy.dll", "KxHash.dll", "KxVqrDbg.dll", "kxrule.exe"]
 
 # Name, Debian package, licence (SPDX), how the includes begin that bring it (none: it comes with the compiler), which
-# files of its sources are linked, which of those are not.
+# files of its sources are linked, which of those are not. What comes with the compiler is in everything, what policy/
+# includes in KxPolicy.dll and kxrule.exe, the rest in kxrule.exe.
 COMPONENTS = [
     ("GCC run-time libraries", "gcc-mingw-w64-x86-64-posix-runtime", "GPL-3.0-or-later WITH GCC-exception-3.1", None,
      [], []),
@@ -35,10 +36,10 @@ COMPONENTS = [
 ]
 
 
-def included():
+def included(rooms):
     """The first words of all includes in angle brackets that name neither the standard library nor Windows."""
     found = set()
-    for room in PRODUCT:
+    for room in rooms:
         for path in (ROOT / room).rglob("*"):
             if path.suffix in (".cpp", ".h", ".hpp", ".c"):
                 found |= set(re.findall(r"#include <(\w+/|utf8)", path.read_text(encoding="utf-8")))
@@ -46,6 +47,13 @@ def included():
     if unknown:
         sys.exit(f"no notice is known for what is included from {', '.join(sorted(unknown))}")
     return found
+
+
+def binaries(include):
+    """Where a component is linked in."""
+    if include is None:
+        return EVERYTHING
+    return ["KxPolicy.dll", "kxrule.exe"] if include in included(["policy"]) else ["kxrule.exe"]
 
 
 def copyright_file(package):
@@ -126,7 +134,7 @@ def spdx(package, version, components):
     related = [("SPDXRef-DOCUMENT", "DESCRIBES", "SPDXRef-KxPfwRul")]
     related += [("SPDXRef-KxPfwRul", "CONTAINS", identifier(path.name)) for path in files]
     related += [(identifier(file), "STATIC_LINK", identifier(name)) for name, _, _, include, _, _ in components
-                for file in (["kxrule.exe"] if include else EVERYTHING)]
+                for file in binaries(include)]
     return {
         "spdxVersion": "SPDX-2.3", "dataLicense": "CC0-1.0", "SPDXID": "SPDXRef-DOCUMENT",
         "name": f"KxPfwRul-{version}",
@@ -146,14 +154,14 @@ def spdx(package, version, components):
 
 def main():
     package, version = pathlib.Path(sys.argv[1]), sys.argv[2]
-    found = included()
+    found = included(PRODUCT)
     components = [component for component in COMPONENTS if component[3] is None or component[3] in found]
     rule = "=" * 100
     texts = ["The programs and libraries of this package contain the following parts of others, under these terms. "
              "What is\nours is under the terms of the file LICENSE."]
     for name, debian, licence, include, wanted, unwanted in components:
         text = notice(debian, wanted, unwanted) if wanted else compiler_notice()
-        place = "in kxrule.exe" if include else "in every program and library"
+        place = f"in {' and '.join(binaries(include))}" if include else "in every program and library"
         texts.append(f"{rule}\n{name} ({licence}), {place}\nDebian package {debian} {version_of(debian)}\n{rule}\n\n"
                      f"{text}")
     notices = "\n\n".join(text.strip() for text in texts) + "\n"

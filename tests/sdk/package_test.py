@@ -12,7 +12,7 @@ import xml.etree.ElementTree as ElementTree
 import zipfile
 
 sdk, symbols, nuget = (pathlib.Path(argument).resolve() for argument in sys.argv[1:])
-DLLS = ["KxPfwRul", "KxHash", "KxVqrDbg"]
+DLLS = ["KxPfwRul", "KxPolicy", "KxHash", "KxVqrDbg"]
 faults = []
 
 
@@ -28,7 +28,7 @@ def run(*command, **arguments):
 def check_files():
     for name in [*(f"bin/{dll}.dll" for dll in DLLS), "bin/kxrule.exe", *(f"lib/lib{dll}.dll.a" for dll in DLLS),
                  *(f"lib/{dll}.lib" for dll in DLLS), "include/KxPfwRule.h", "include/KxPfwRule.hpp",
-                 "include/KxPfwRuleBuilder.hpp", "lib/pkgconfig/kxpfwrul.pc", "lib/cmake/KxPfwRul/KxPfwRulConfig.cmake",
+                 "include/KxPfwRuleBuilder.hpp", "include/KxPolicy.h", "lib/pkgconfig/kxpolicy.pc", "lib/cmake/KxPfwRul/KxPfwRulConfig.cmake",
                  "CMakeLists.txt", "README.md", "LICENSE", "CHANGELOG.md", "SECURITY.md", "docs/policy.schema.json",
                  "examples/service.cpp", "examples/mingw-w64-x86_64.cmake", "python/pyproject.toml"]:
         expect((sdk / name).is_file(), f"{name} is missing")
@@ -119,7 +119,7 @@ def check_nuget():
     targets = archive.read("build/native/KxPfwRul.targets").decode()
     ElementTree.fromstring(targets)
     paths = [path.replace("\\", "/") for path in re.findall(r"\$\(MSBuildThisFileDirectory\)([^;\"<]+)", targets)]
-    expect(len(paths) == 6, f"paths of the .targets: {paths}")
+    expect(len(paths) == 8, f"paths of the .targets: {paths}")
     for path in paths:
         expect(any(name.startswith(f"build/native/{path}") for name in names), f"the .targets name {path}")
     for name in names:

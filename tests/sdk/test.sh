@@ -49,7 +49,7 @@ logged consumer cmake -S "$root/tests/sdk/consumer" -B "$scratch/a folder/consum
     -DCMAKE_TOOLCHAIN_FILE="$PWD/examples/mingw-w64-x86_64.cmake"
 logged consumer cmake --build "$scratch/a folder/consumer"
 eval "x86_64-w64-mingw32-gcc-posix -std=c99 $flags -static -o build/by-pkg-config.exe examples/first-steps.c \
-    $(PKG_CONFIG_PATH=lib/pkgconfig pkg-config --cflags --libs kxpfwrul)"
+    $(PKG_CONFIG_PATH=lib/pkgconfig pkg-config --cflags --libs kxpolicy)"
 
 # expect NAME COMMAND...: the command's output is what the input says.
 expect()
