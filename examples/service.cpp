@@ -1,11 +1,14 @@
 // service.cpp: how a service lives with the store. It reads the rules once, answers queries on several threads while
-// the library writes changes at its own interval, and finalises when it is told to stop.
+// the library writes changes at its own interval, and finalises when it is told to stop. If it is given a policy file
+// beside the rule directory, the store holds what the file says, at the start and whenever the file changes.
 //
 // A query is a line such as "tcp 443" on the standard input; the answer names the first rule of the active rule sets
 // that speaks of that protocol and port. "block tcp 23" adds a rule. The end of the input stops the service.
+#include <chrono>
 #include <condition_variable>
 #include <cstdio>
 #include <deque>
+#include <fstream>
 #include <iostream>
 #include <mutex>
 #include <sstream>
@@ -14,6 +17,7 @@
 #include <vector>
 
 #include <KxPfwRule.hpp>
+#include <KxPolicy.h>
 
 namespace
 {
@@ -53,6 +57,52 @@ private:
     std::condition_variable m_Changed;
     std::deque<std::string> m_Waiting;
     bool m_Closed = false;
+};
+
+// One change of the store at a time: a policy is many calls, between which nobody else may change what it changes.
+std::mutex g_Changing;
+
+// Follows a policy file by its content. One that is wrong, or still being written, changes nothing.
+class PolicyFile
+{
+public:
+    explicit PolicyFile(const char* path) : m_Path(path) {}
+
+    void Follow(const std::stop_token& stop)
+    {
+        std::unique_lock lock(m_Lock);
+        do
+            Take();
+        while (!m_Stopped.wait_for(lock, stop, std::chrono::milliseconds(500), [&] { return stop.stop_requested(); }));
+    }
+
+    void Take()
+    {
+        std::ifstream file(m_Path, std::ios::binary);
+        std::string text{std::istreambuf_iterator<char>(file), {}};
+        if (!file.is_open() || text == m_Seen)
+            return;
+        m_Seen = std::move(text);
+        const std::lock_guard lock(g_Changing);
+        const int32_t result =
+            kxPolicyApply(nullptr, m_Seen.data(), m_Seen.size(), KXPOLICY_REPLACE, nullptr, Report, this);
+        if (result >= 0)
+            std::printf("policy: %d differences applied\n", static_cast<int>(result));
+        else
+            std::printf("policy: refused (%d)\n", static_cast<int>(result));
+    }
+
+private:
+    static void Report(int32_t, uint32_t line, uint32_t column, const char* where, const char* text, void* self)
+    {
+        std::printf("%s:%u:%u: %s %s\n", static_cast<PolicyFile*>(self)->m_Path, static_cast<unsigned>(line),
+                    static_cast<unsigned>(column), where, text);
+    }
+
+    const char* m_Path;
+    std::string m_Seen;
+    std::mutex m_Lock;
+    std::condition_variable_any m_Stopped;
 };
 
 bool SpeaksOf(const PFW_RULE& rule, uint32_t protocol, uint16_t port)
@@ -104,6 +154,7 @@ std::string Serve(kxrule::Store& store, const std::string& query)
     if (!block)
         return Answer(store, protocol, port);
     const auto item = kxrule::Port::parse(std::to_string(port));
+    const std::lock_guard lock(g_Changing);
     const kxrule::Result result =
         store.addRule(sets.front(), port, kxrule::access().protocol(protocol).port(*item).drop());
     return std::string(result ? "blocked" : result.message());
@@ -119,6 +170,10 @@ int main(int argc, char** argv)
     if (const kxrule::Result result = store.read(); !result)
         return std::fprintf(stderr, "read: %s\n", result.message().data()), 1;
 
+    PolicyFile policy(argc > 2 ? argv[2] : "");
+    policy.Take(); // before the first query is answered
+    std::jthread follower([&policy](const std::stop_token& stop) { policy.Follow(stop); });
+
     Queries queries;
     std::vector<std::jthread> threads;
     for (int i = 0; i < 4; ++i)
@@ -133,6 +188,7 @@ int main(int argc, char** argv)
     while (std::getline(std::cin, line))
         queries.Put(line);
     queries.Close();
+    follower = {};
     threads.clear(); // joins: no thread may be inside the library when the store goes
 
     const kxrule::Result written = store.flush(); // closing writes too, but cannot report
