@@ -23,43 +23,43 @@ using KxCommon::Record::Load;
 class Query
 {
 public:
-    explicit Query(std::string_view text) : m_Text(FromUtf8(text))
+    Query(const Policy& policy, std::string_view text, bool withAny)
+        : m_Text(FromUtf8(text)), m_Meanings(policy), m_WithAny(withAny)
     {
         RULE_ADDR address{};
         RULE_PORT port{};
         std::string why;
-        if (ParseAddress(text, address, why))
-            m_Address = RangeOf(address);
-        if (ParsePort(text, port, why))
-            m_Ports = RangesOf(port);
+        if (ParseAddress(text, address, why) && address.dwType != KXRULE_ADDR_NAME && address.dwType != KXRULE_ADDR_ANY)
+            m_Addresses = SetOf(address).value_or(AddressSet());
+        if (ParsePort(text, port, why) && port.nType != KXRULE_PORT_NAME && port.nType > KXRULE_PORT_ANY)
+            m_Ports = SetOf(port).value_or(NumberSet());
     }
 
     [[nodiscard]] bool IsIn(const RULE_ADDR& item) const
     {
-        if (item.dwType == KXRULE_ADDR_NAME)
-            return IsName(KxCommon::Record::Text(&item.szName, sizeof item.szName));
-        const std::optional<AddressRange> range = RangeOf(item);
-        return m_Address && range && Overlap(*m_Address, *range);
+        if (item.dwType == KXRULE_ADDR_NAME && IsName(KxCommon::Record::Text(&item.szName, sizeof item.szName)))
+            return true;
+        return (m_WithAny || item.dwType != KXRULE_ADDR_ANY) &&
+               Meet(m_Addresses, m_Meanings.SetOf(item).value_or(AddressSet()));
     }
     [[nodiscard]] bool IsIn(const RULE_PORT& item) const
     {
-        if (item.nType == KXRULE_PORT_NAME)
-            return IsName(KxCommon::Record::Text(&item.szList, sizeof item.szList));
-        for (const PortRange& range : RangesOf(item))
-        {
-            for (const PortRange& wanted : m_Ports)
-            {
-                if (range.First <= wanted.Last && wanted.First <= range.Last)
-                    return true;
-            }
-        }
-        return false;
+        if (item.nType == KXRULE_PORT_NAME && IsName(KxCommon::Record::Text(&item.szList, sizeof item.szList)))
+            return true;
+        return (m_WithAny || item.nType > KXRULE_PORT_ANY) &&
+               Meet(m_Ports, m_Meanings.SetOf(item).value_or(NumberSet()));
     }
-    [[nodiscard]] bool IsPort(uint32_t number) const
+    /// Whether a macro means it, as a rule that names it does.
+    [[nodiscard]] bool IsMeantBy(const std::string& macro) const
     {
-        return std::any_of(m_Ports.begin(), m_Ports.end(),
-                           [number](const PortRange& range) { return range.First <= number && number <= range.Last; });
+        RULE_ADDR address{KXRULE_ADDR_NAME, {}};
+        RULE_PORT port{KXRULE_PORT_NAME, {}};
+        macro.copy(address.szName, sizeof address.szName - 1);
+        macro.copy(port.szList, sizeof port.szList - 1);
+        return Meet(m_Addresses, m_Meanings.SetOf(address).value_or(AddressSet())) ||
+               Meet(m_Ports, m_Meanings.SetOf(port).value_or(NumberSet()));
     }
+    [[nodiscard]] bool IsPort(uint32_t number) const { return Meet(m_Ports, NumberSet{{number, number}}); }
     [[nodiscard]] bool IsIn(WideStringView text) const
     {
         for (size_t i = 0; !m_Text.empty() && i + m_Text.size() <= text.size(); ++i)
@@ -81,8 +81,10 @@ private:
     }
 
     KxCommon::WideString m_Text;
-    std::optional<AddressRange> m_Address;
-    std::vector<PortRange> m_Ports;
+    Names m_Meanings;
+    AddressSet m_Addresses; // empty: it is no address
+    NumberSet m_Ports;
+    bool m_WithAny;
     std::set<std::string> m_Names;
 };
 
@@ -124,26 +126,29 @@ std::string FindInRule(const Query& query, const PFW_RULE& rule)
     return where;
 }
 
-std::string FindInMacro(const Query& query, const MacroRecord& macro)
+/// Texts make a rule that names the macro a hit by its name; what the macro means does so by itself.
+std::string FindInMacro(Query& query, const MacroRecord& macro)
 {
-    bool items = false;
+    bool texts = query.IsInNarrow(macro.Name);
+    std::string where = texts ? "name" : "";
+    bool items = query.IsMeantBy(macro.Name);
     for (const MACRO_ITEM& item : macro.Items)
     {
-        const uint32_t type = item.dwItemType;
-        items =
-            items || (type == KXRULE_ITEM_ADDR && query.IsIn(item.Addr)) ||
-            (type == KXRULE_ITEM_PORT && query.IsIn(item.Port)) ||
-            (type == KXRULE_ITEM_TEXT && query.IsInNarrow(KxCommon::Record::Text(&item.szText, sizeof item.szText)));
+        const bool found = item.dwItemType == KXRULE_ITEM_TEXT &&
+                           query.IsInNarrow(KxCommon::Record::Text(&item.szText, sizeof item.szText));
+        items = items || found;
+        texts = texts || found;
     }
-    const bool name = query.IsInNarrow(macro.Name);
-    return std::string(name ? "name" : "") + (name && items ? ", " : "") + (items ? "items" : "");
+    if (texts)
+        query.AddName(macro.Name);
+    return where + (!where.empty() && items ? ", " : "") + (items ? "items" : "");
 }
 
 } // namespace
 
-std::vector<Hit> Find(const Policy& policy, std::string_view text)
+std::vector<Hit> Find(const Policy& policy, std::string_view text, bool withAny)
 {
-    Query query(text);
+    Query query(policy, text, withAny);
     std::vector<Hit> macros;
     if (policy.Macros)
     {
@@ -155,8 +160,6 @@ std::vector<Hit> Find(const Policy& policy, std::string_view text)
             macros.push_back({nullptr, nullptr, &macro, std::move(where)});
         }
     }
-    for (const Hit& hit : macros)
-        query.AddName(hit.Macro->Name);
     std::vector<Hit> hits;
     for (const RuleSetRecord& ruleSet : policy.RuleSets)
     {

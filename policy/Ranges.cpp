@@ -1,7 +1,6 @@
-// What address and port items span, and which rules cover others.
+// What address and port items mean, as sets.
 #include "policy/Ranges.h"
 
-#include <algorithm>
 #include <cstring>
 
 #include "common/srclib/KxComn_Record.h"
@@ -12,146 +11,115 @@ namespace KxPolicy
 namespace
 {
 
-using Bytes = std::array<uint8_t, 16>;
+constexpr uint32_t kMostPorts = UINT16_MAX;
+constexpr size_t kMostGapBits = 12; // a mask with this many bits in its gaps means 4096 ranges
+constexpr size_t kMostDepth = 8;    // of macros that name macros
 
-Bytes AddressBytes(uint32_t family, const PFW_ADDR& address) noexcept
+AddressValue ValueOf(uint32_t family, const PFW_ADDR& address) noexcept
 {
-    Bytes bytes{};
-    if (family == KXRULE_FAMILY_IPV6)
+    if (family == KXRULE_FAMILY_IPV4)
+        return {family, 0, address.dwIPv4};
+    AddressValue value{family, 0, 0};
+    for (size_t i = 0; i < 8; ++i)
     {
-        std::memcpy(bytes.data(), address.abIPv6, bytes.size());
-        return bytes;
+        value.High = value.High << 8 | address.abIPv6[i];
+        value.Low = value.Low << 8 | address.abIPv6[8 + i];
     }
-    const uint32_t value = address.dwIPv4;
-    for (size_t i = 0; i < 4; ++i)
-        bytes[i] = static_cast<uint8_t>(value >> (24 - 8 * i));
-    return bytes;
+    return value;
 }
 
-Bytes PrefixMask(uint32_t length) noexcept
+Range<AddressValue> Whole(uint32_t family) noexcept
 {
-    Bytes mask{};
-    for (size_t i = 0; i < mask.size() && length > 8 * i; ++i)
-        mask[i] = length >= 8 * i + 8 ? 0xFF : static_cast<uint8_t>(0xFF00 >> (length - 8 * i));
+    if (family == KXRULE_FAMILY_IPV4)
+        return {{family, 0, 0}, {family, 0, UINT32_MAX}};
+    return {{family, 0, 0}, {family, UINT64_MAX, UINT64_MAX}};
+}
+
+bool HasBit(const AddressValue& value, uint32_t bit) noexcept
+{
+    return ((bit < 64 ? value.Low : value.High) >> bit % 64 & 1) != 0;
+}
+
+void SetBit(AddressValue& value, uint32_t bit) noexcept
+{
+    (bit < 64 ? value.Low : value.High) |= uint64_t{1} << bit % 64;
+}
+
+AddressValue PrefixMask(uint32_t family, uint32_t length) noexcept
+{
+    AddressValue mask{family, 0, 0};
+    const uint32_t bits = family == KXRULE_FAMILY_IPV4 ? 32 : 128;
+    for (uint32_t i = 0; i < std::min(length, bits); ++i)
+        SetBit(mask, bits - 1 - i);
     return mask;
 }
 
-/// A one after a zero.
-bool HasGaps(const Bytes& mask, size_t size) noexcept
+/// The bits that a mask leaves open at its end make a range, those in its gaps many.
+std::optional<AddressSet> Masked(const AddressValue& address, const AddressValue& mask)
 {
-    bool ended = false;
-    for (size_t bit = 0; bit < 8 * size; ++bit)
+    const uint32_t bits = address.Family == KXRULE_FAMILY_IPV4 ? 32 : 128;
+    uint32_t open = 0;
+    while (open < bits && !HasBit(mask, open))
+        ++open;
+    std::vector<uint32_t> gaps;
+    for (uint32_t bit = open; bit < bits; ++bit)
     {
-        const bool one = (mask[bit / 8] >> (7 - bit % 8) & 1) != 0;
-        if (one && ended)
-            return true;
-        ended = !one;
+        if (!HasBit(mask, bit))
+            gaps.push_back(bit);
     }
-    return false;
-}
-
-size_t FamilyBytes(uint32_t family) noexcept
-{
-    return family == KXRULE_FAMILY_IPV6 ? 16 : 4;
+    if (gaps.size() > kMostGapBits)
+        return std::nullopt;
+    AddressSet set;
+    for (size_t filling = 0; filling < size_t{1} << gaps.size(); ++filling)
+    {
+        AddressValue first{address.Family, address.High & mask.High, address.Low & mask.Low};
+        for (size_t i = 0; i < gaps.size(); ++i)
+        {
+            if ((filling >> i & 1) != 0)
+                SetBit(first, gaps[i]);
+        }
+        AddressValue last = first;
+        for (uint32_t bit = 0; bit < open; ++bit)
+            SetBit(last, bit);
+        set.push_back({first, last});
+    }
+    return set;
 }
 
 bool IsNegated(const RULE_ADDR& item) noexcept
 {
-    return item.dwNot != 0;
+    return item.dwType != KXRULE_ADDR_ANY && item.dwType != KXRULE_ADDR_NAME && item.dwNot != 0;
 }
 
-bool IsAny(const RULE_ADDR& item) noexcept
+bool IsNegated(const RULE_PORT& item) noexcept
 {
-    return item.dwType == KXRULE_ADDR_ANY;
+    return (item.nType == KXRULE_PORT_SINGLE || item.nType == KXRULE_PORT_RANGE) && item.dwNot != 0;
 }
 
-/// Items whose meaning is not the range from their first to their last address.
-bool IsRagged(const RULE_ADDR& item) noexcept
+AddressSet Everything(const RULE_ADDR&)
 {
-    return item.dwType == KXRULE_ADDR_MASK &&
-           HasGaps(AddressBytes(item.dwFamily, item.Addr2), FamilyBytes(item.dwFamily));
+    return EveryAddress();
 }
 
-bool SameBytes(const void* a, const void* b, size_t size) noexcept
+NumberSet Everything(const RULE_PORT&)
 {
-    return std::memcmp(a, b, size) == 0;
+    return {{0, kMostPorts}};
 }
 
-bool IsAny(const RULE_PORT& item) noexcept
+/// What a negated item takes something away from.
+AddressSet WholeOf(const RULE_ADDR& item)
 {
-    return item.nType == KXRULE_PORT_ANY || item.nType == KXRULE_PORT_NONE;
+    return {Whole(item.dwFamily)};
 }
 
-/// The ports of an item as a sorted list of ranges that do not touch, negation resolved.
-std::vector<PortRange> PortSet(const RULE_PORT& item)
+NumberSet WholeOf(const RULE_PORT& item)
 {
-    std::vector<PortRange> ranges = RangesOf(item);
-    std::sort(ranges.begin(), ranges.end(), [](const PortRange& a, const PortRange& b) { return a.First < b.First; });
-    std::vector<PortRange> merged;
-    for (const PortRange& range : ranges)
-    {
-        if (!merged.empty() && range.First <= merged.back().Last + 1)
-            merged.back().Last = std::max(merged.back().Last, range.Last);
-        else
-            merged.push_back(range);
-    }
-    if (item.dwNot == 0 || item.nType == KXRULE_PORT_LIST || merged.size() != 1)
-        return merged;
-    std::vector<PortRange> rest;
-    if (merged[0].First > 0)
-        rest.push_back({0, static_cast<uint16_t>(merged[0].First - 1)});
-    if (merged[0].Last < UINT16_MAX)
-        rest.push_back({static_cast<uint16_t>(merged[0].Last + 1), UINT16_MAX});
-    return rest;
+    return Everything(item);
 }
 
-bool CoversProtocol(uint32_t outer, uint32_t inner) noexcept
+std::optional<NumberSet> ListSet(std::string_view list)
 {
-    return outer == inner || outer == KXRULE_PROTOCOL_ANY ||
-           (outer == KXRULE_PROTOCOL_TCPUDP && (inner == KXRULE_PROTOCOL_TCP || inner == KXRULE_PROTOCOL_UDP));
-}
-
-} // namespace
-
-std::optional<AddressRange> RangeOf(const RULE_ADDR& item) noexcept
-{
-    const uint32_t type = item.dwType;
-    const uint32_t family = item.dwFamily;
-    const bool known = family == KXRULE_FAMILY_IPV4 || family == KXRULE_FAMILY_IPV6;
-    if (type == KXRULE_ADDR_ANY || type == KXRULE_ADDR_NAME || !known)
-        return std::nullopt;
-    AddressRange range{family, AddressBytes(family, item.Addr1), {}};
-    range.Last = range.First;
-    if (type == KXRULE_ADDR_RANGE)
-    {
-        range.Last = AddressBytes(family, item.Addr2);
-        if (range.Last < range.First)
-            std::swap(range.First, range.Last);
-    }
-    else if (type == KXRULE_ADDR_MASK || type == KXRULE_ADDR_PREFIX)
-    {
-        const Bytes mask = type == KXRULE_ADDR_MASK ? AddressBytes(family, item.Addr2) : PrefixMask(item.Addr2.dwIPv4);
-        for (size_t i = 0; i < FamilyBytes(family); ++i)
-        {
-            range.First[i] &= mask[i];
-            range.Last[i] = static_cast<uint8_t>(range.First[i] | ~mask[i]);
-        }
-    }
-    return range;
-}
-
-std::vector<PortRange> RangesOf(const RULE_PORT& item)
-{
-    const uint16_t first = item.wPort1;
-    const uint16_t last = item.wPort2;
-    if (item.nType == KXRULE_PORT_SINGLE)
-        return {{first, first}};
-    if (item.nType == KXRULE_PORT_RANGE)
-        return {{std::min(first, last), std::max(first, last)}};
-    std::vector<PortRange> ranges;
-    if (item.nType != KXRULE_PORT_LIST)
-        return ranges;
-    std::string_view list = KxCommon::Record::Text(&item.szList, sizeof item.szList);
+    NumberSet ranges;
     while (!list.empty())
     {
         const size_t end = std::min(list.find(','), list.size());
@@ -159,66 +127,180 @@ std::vector<PortRange> RangesOf(const RULE_PORT& item)
         std::string why;
         if (!ParsePort(list.substr(0, end), part, why) || part.dwNot != 0 ||
             (part.nType != KXRULE_PORT_SINGLE && part.nType != KXRULE_PORT_RANGE))
-            return {};
-        ranges.push_back(RangesOf(part).front());
+            return std::nullopt;
+        const NumberSet set = *SetOf(part);
+        ranges.insert(ranges.end(), set.begin(), set.end());
         list.remove_prefix(std::min(end + 1, list.size()));
     }
-    return ranges;
+    return ranges.empty() ? std::nullopt : std::optional(Merged(std::move(ranges)));
 }
 
-bool Overlap(const AddressRange& a, const AddressRange& b) noexcept
+std::optional<AddressSet> WithoutNegation(const RULE_ADDR& item)
 {
-    return a.Family == b.Family && a.First <= b.Last && b.First <= a.Last;
+    const uint32_t type = item.dwType;
+    const uint32_t family = item.dwFamily;
+    if (type == KXRULE_ADDR_ANY)
+        return EveryAddress();
+    if (type == KXRULE_ADDR_NAME || (family != KXRULE_FAMILY_IPV4 && family != KXRULE_FAMILY_IPV6))
+        return std::nullopt;
+    const AddressValue first = ValueOf(family, item.Addr1);
+    const AddressValue second = ValueOf(family, item.Addr2);
+    switch (type)
+    {
+    case KXRULE_ADDR_MASK:
+        return Masked(first, second);
+    case KXRULE_ADDR_PREFIX:
+        return Masked(first, PrefixMask(family, item.Addr2.dwIPv4));
+    case KXRULE_ADDR_RANGE:
+        return AddressSet{{std::min(first, second), std::max(first, second)}};
+    default:
+        return AddressSet{{first, first}};
+    }
 }
 
-bool Covers(const RULE_ADDR& outer, const RULE_ADDR& inner) noexcept
+std::optional<NumberSet> WithoutNegation(const RULE_PORT& item)
 {
-    if (IsAny(outer) || SameBytes(&outer, &inner, sizeof outer))
+    const uint32_t first = item.wPort1;
+    const uint32_t last = item.wPort2;
+    switch (item.nType)
+    {
+    case KXRULE_PORT_SINGLE:
+        return NumberSet{{first, first}};
+    case KXRULE_PORT_RANGE:
+        return NumberSet{{std::min(first, last), std::max(first, last)}};
+    case KXRULE_PORT_LIST:
+        return ListSet(KxCommon::Record::Text(&item.szList, sizeof item.szList));
+    case KXRULE_PORT_NONE:
+    case KXRULE_PORT_ANY:
+        return WholeOf(item);
+    default:
+        return std::nullopt;
+    }
+}
+
+template <class Item>
+auto ItemSet(const Item& item) -> decltype(WithoutNegation(item))
+{
+    auto set = WithoutNegation(item);
+    return set && IsNegated(item) ? Difference(WholeOf(item), *set) : set;
+}
+
+template <class Item>
+bool ItemCovers(const Item& outer, const Item& inner)
+{
+    if (std::memcmp(&outer, &inner, sizeof outer) == 0)
         return true;
-    const std::optional<AddressRange> large = RangeOf(outer);
-    const std::optional<AddressRange> small = RangeOf(inner);
-    if (!large || !small || IsRagged(outer) || IsRagged(inner) || large->Family != small->Family)
-        return false;
-    const auto contains = [](const AddressRange& a, const AddressRange& b)
-    { return a.First <= b.First && b.Last <= a.Last; };
-    if (IsNegated(outer))
-        return IsNegated(inner) ? contains(*small, *large) : !Overlap(*large, *small);
-    return !IsNegated(inner) && contains(*large, *small);
+    const auto large = ItemSet(outer);
+    const auto small = ItemSet(inner);
+    if (large && Difference(Everything(outer), *large).empty())
+        return true; // whatever the inner one is
+    return large && small && !small->empty() && Difference(*small, *large).empty();
+}
+
+std::string_view NameOf(const RULE_ADDR& item) noexcept
+{
+    return item.dwType == KXRULE_ADDR_NAME ? KxCommon::Record::Text(&item.szName, sizeof item.szName)
+                                           : std::string_view();
+}
+
+std::string_view NameOf(const RULE_PORT& item) noexcept
+{
+    return item.nType == KXRULE_PORT_NAME ? KxCommon::Record::Text(&item.szList, sizeof item.szList)
+                                          : std::string_view();
+}
+
+bool Take(const MACRO_ITEM& from, RULE_ADDR& item) noexcept
+{
+    item = from.Addr;
+    return from.dwItemType == KXRULE_ITEM_ADDR;
+}
+
+bool Take(const MACRO_ITEM& from, RULE_PORT& item) noexcept
+{
+    item = from.Port;
+    return from.dwItemType == KXRULE_ITEM_PORT;
+}
+
+} // namespace
+
+AddressSet EveryAddress()
+{
+    return {Whole(KXRULE_FAMILY_IPV4), Whole(KXRULE_FAMILY_IPV6)};
+}
+
+NumberSet EveryNumber()
+{
+    return {{0, UINT32_MAX}};
+}
+
+std::optional<AddressSet> SetOf(const RULE_ADDR& item)
+{
+    return ItemSet(item);
+}
+
+std::optional<NumberSet> SetOf(const RULE_PORT& item)
+{
+    return ItemSet(item);
+}
+
+Names::Names(const Policy& policy)
+{
+    if (!policy.Macros)
+        return;
+    for (const MacroRecord& macro : *policy.Macros)
+        m_Macros[macro.Name].push_back(&macro);
+}
+
+template <class Item>
+auto Names::SetAt(const Item& item, size_t depth) const -> decltype(KxPolicy::SetOf(item))
+{
+    const std::string_view name = NameOf(item);
+    if (name.empty())
+        return KxPolicy::SetOf(item);
+    const auto named = m_Macros.find(name);
+    if (named == m_Macros.end() || depth == kMostDepth)
+        return std::nullopt;
+    std::decay_t<decltype(*KxPolicy::SetOf(item))> with, without, whole;
+    const auto add = [](auto& to, const auto& set) { to.insert(to.end(), set.begin(), set.end()); };
+    for (const MacroRecord* const macro : named->second)
+    {
+        for (const MACRO_ITEM& entry : macro->Items)
+        {
+            Item part;
+            if (!Take(entry, part))
+                continue;
+            const bool isNegated = IsNegated(part);
+            const auto set = isNegated ? WithoutNegation(part) : SetAt(part, depth + 1);
+            if (!set)
+                return std::nullopt;
+            add(isNegated ? without : with, *set);
+            if (isNegated)
+                add(whole, WholeOf(part));
+        }
+    }
+    if (with.empty() && without.empty())
+        return std::nullopt;
+    return Difference(Merged(with.empty() ? whole : with), Merged(without));
+}
+
+std::optional<AddressSet> Names::SetOf(const RULE_ADDR& item) const
+{
+    return SetAt(item, 0);
+}
+
+std::optional<NumberSet> Names::SetOf(const RULE_PORT& item) const
+{
+    return SetAt(item, 0);
+}
+
+bool Covers(const RULE_ADDR& outer, const RULE_ADDR& inner)
+{
+    return ItemCovers(outer, inner);
 }
 
 bool Covers(const RULE_PORT& outer, const RULE_PORT& inner)
 {
-    if (IsAny(outer) || SameBytes(&outer, &inner, sizeof outer))
-        return true;
-    const std::vector<PortRange> large = PortSet(outer);
-    const std::vector<PortRange> small = PortSet(inner);
-    return !IsAny(inner) && !small.empty() &&
-           std::all_of(small.begin(), small.end(),
-                       [&large](const PortRange& part)
-                       {
-                           return std::any_of(large.begin(), large.end(),
-                                              [&part](const PortRange& whole)
-                                              { return whole.First <= part.First && part.Last <= whole.Last; });
-                       });
-}
-
-bool Covers(const PFW_RULE& earlier, const PFW_RULE& later)
-{
-    if (earlier.dwKind != KXRULE_KIND_ACCESS || later.dwKind != KXRULE_KIND_ACCESS || earlier.dwActive == 0 ||
-        later.dwActive == 0 || earlier.Access.dwExtFlag != 0 ||
-        !CoversProtocol(earlier.Access.dwProtocol, later.Access.dwProtocol))
-        return false;
-    for (size_t i = 0; i < 2; ++i)
-    {
-        if (!Covers(earlier.Access.Addr[i], later.Access.Addr[i]) ||
-            !Covers(earlier.Access.Port[i], later.Access.Port[i]))
-            return false;
-    }
-    const KxCommon::WideString application =
-        KxCommon::Record::WideText(&earlier.Access.wszAppName, KXRULE_APP_NAME_UNITS);
-    return application.empty() ||
-           KxCommon::String::EqualNoCase(application,
-                                         KxCommon::Record::WideText(&later.Access.wszAppName, KXRULE_APP_NAME_UNITS));
+    return ItemCovers(outer, inner);
 }
 
 } // namespace KxPolicy

@@ -1,43 +1,47 @@
-// What address and port items span.
+// What address and port items mean, as sets.
 #pragma once
 
-#include <array>
-#include <cstdint>
+#include <map>
 #include <optional>
+#include <string>
 #include <vector>
 
 #include "api/include/KxPfwRule.h"
+#include "policy/Policy.h"
+#include "policy/RangeSet.h"
 
 namespace KxPolicy
 {
 
-/// Both ends belong to it; in network order, an IPv4 address in the first four bytes.
-struct AddressRange
+/// Every address of both families; every number that 32 bits hold.
+[[nodiscard]] AddressSet EveryAddress();
+[[nodiscard]] NumberSet EveryNumber();
+
+/// What an item means by itself. A negated one means the other addresses of its family, or the other ports; a port that
+/// was never set means any. Nothing when that cannot be told: names, an address that was never set, other families, lists
+/// that cannot be read, masks with many gaps.
+[[nodiscard]] std::optional<AddressSet> SetOf(const RULE_ADDR& item);
+[[nodiscard]] std::optional<NumberSet> SetOf(const RULE_PORT& item);
+
+/// What items mean beside the macros of a policy. A name means all items of the right type of the macros that bear it,
+/// names in them included, without what negated ones mean; negated ones alone mean everything else. A name without such
+/// an item means nothing that can be told here.
+class Names
 {
-    uint32_t Family;
-    std::array<uint8_t, 16> First;
-    std::array<uint8_t, 16> Last;
+public:
+    explicit Names(const Policy& policy);
+    [[nodiscard]] std::optional<AddressSet> SetOf(const RULE_ADDR& item) const;
+    [[nodiscard]] std::optional<NumberSet> SetOf(const RULE_PORT& item) const;
+
+private:
+    template <class Item>
+    auto SetAt(const Item& item, size_t depth) const -> decltype(KxPolicy::SetOf(item));
+
+    std::map<std::string, std::vector<const MacroRecord*>, std::less<>> m_Macros;
 };
-
-struct PortRange
-{
-    uint16_t First;
-    uint16_t Last;
-};
-
-/// What an item spans regardless of its negation. Nothing for any, none, names and families other than the two. A
-/// mask with gaps gives the range from its first to its last address.
-[[nodiscard]] std::optional<AddressRange> RangeOf(const RULE_ADDR& item) noexcept;
-/// The same for ports, in the order of the item; empty for any, none, names and lists that cannot be read.
-[[nodiscard]] std::vector<PortRange> RangesOf(const RULE_PORT& item);
-
-[[nodiscard]] bool Overlap(const AddressRange& a, const AddressRange& b) noexcept;
 
 /// True when the outer item includes everything that the inner one means. False when that is not known.
-[[nodiscard]] bool Covers(const RULE_ADDR& outer, const RULE_ADDR& inner) noexcept;
+[[nodiscard]] bool Covers(const RULE_ADDR& outer, const RULE_ADDR& inner);
 [[nodiscard]] bool Covers(const RULE_PORT& outer, const RULE_PORT& inner);
-
-/// True when the earlier access rule takes all traffic that the later one could match: the later one never matches.
-[[nodiscard]] bool Covers(const PFW_RULE& earlier, const PFW_RULE& later);
 
 } // namespace KxPolicy

@@ -116,10 +116,24 @@ private:
         AddRule(show, m_RuleIndex, "Only this rule, with all its fields");
         CLI::App* const find =
             Add(m_App, "find", "Find the rules and macros that mention a text, an address or a port",
-                "kxrule find 10.20.0.0/16", [this](Session& session) { return FindCommand(session, m_Text); });
+                "kxrule find 10.20.0.0/16", [this](Session& session) { return FindCommand(session, m_Text, m_All); });
         find->add_option("QUERY", m_Text, "A text, an address, a prefix, a range of addresses, a port or ports")
             ->required()
             ->type_name("");
+        find->add_flag("--any", m_All, "Items that mean any address or port, too");
+        CLI::App* const explain = Add(
+            m_App, "explain", "Tell which rule of the active ones decides about traffic, and what kept others from it",
+            "kxrule explain tcp 10.1.2.3:50000 10.20.0.2:445 --app C:\\a.exe",
+            [this](Session& session) { return Explain(session, m_Explain); });
+        explain->add_option("PROTOCOL", m_Explain.Protocol, "any, icmp, tcp, udp, tcpudp or a number")
+            ->required()
+            ->type_name("");
+        explain
+            ->add_option("FROM", m_Explain.From,
+                         "Where it comes from: ADDRESS, ADDRESS:PORT, [IPV6]:PORT, :PORT or any")
+            ->type_name("");
+        explain->add_option("TO", m_Explain.To, "Where it goes; what is left out is any")->type_name("");
+        explain->add_option("--app", m_Explain.Application, "The program's path")->type_name("PATH");
         Add(m_App, "active", "Show which rule sets are active, in their order", "kxrule active",
             [](Session& session) { return Active(session); });
         CLI::App* const report =
@@ -301,6 +315,7 @@ private:
     std::string m_Text;
     std::string m_File;
     ImportOptions m_Import;
+    ExplainOptions m_Explain;
     bool m_All = false;
 };
 

@@ -19,7 +19,16 @@ using namespace KxPolicy;
 int List(Session& session);
 int Show(Session& session, std::optional<uint16_t> ruleSetIndex, std::optional<uint16_t> ruleIndex);
 int Macros(Session& session);
-int FindCommand(Session& session, const std::string& query);
+int FindCommand(Session& session, const std::string& query, bool withAny);
+/// Traffic as people write it; what is left empty is any.
+struct ExplainOptions
+{
+    std::string Protocol;
+    std::string From;
+    std::string To;
+    std::string Application;
+};
+int Explain(Session& session, const ExplainOptions& options); // ExplainCommand
 int Active(Session& session);
 int Report(Session& session, const std::string& file); // ReportCommand
 
@@ -62,6 +71,8 @@ int Dump(Session& session, const std::string& file);
 // ---------------------------------------------------------------------------------------------------------- helpers --
 /// Makes the store hold the wanted policy and prints what changed.
 int ApplyPolicy(Session& session, const Policy& store, const Policy& wanted, MergeMode mode);
+/// A rule's line, and below it what the line leaves out.
+void PrintRule(Session& session, const PFW_RULE& rule);
 /// Fails unless the store has it.
 [[nodiscard]] const RuleSetRecord& FindRuleSet(const Policy& policy, uint16_t index);
 [[nodiscard]] RuleSetRecord& FindRuleSet(Policy& policy, uint16_t index);

@@ -78,24 +78,6 @@ Json RuleWithLine(const PFW_RULE& rule, const std::string& line)
     return json;
 }
 
-void PrintRule(Session& session, const PFW_RULE& rule)
-{
-    Console& console = session.Terminal();
-    const std::string line = LineOrKind(RuleLine(rule), rule);
-    const std::string index = std::to_string(rule.wRuleIndex);
-    console.Out(std::string(index.size() < 7 ? 7 - index.size() : 0, ' ') + index + "  " +
-                console.Paint(rule.dwActive != 0 ? Style::Plain : Style::Dim, Printable(line)) +
-                (rule.dwActive != 0 ? "" : "  (off)") + "\n");
-    std::string more;
-    for (const std::string& part : {Description(rule), Application(rule), HiddenAddresses(rule)})
-    {
-        if (!part.empty())
-            more += (more.empty() ? "" : "  |  ") + Printable(part);
-    }
-    if (!more.empty())
-        console.Out("         " + console.Paint(Style::Dim, more) + "\n");
-}
-
 void PrintRuleSet(Session& session, const Policy& policy, const RuleSetRecord& ruleSet)
 {
     Console& console = session.Terminal();
@@ -160,6 +142,24 @@ int ShowRule(Session& session, const RuleSetRecord& ruleSet, uint16_t ruleIndex)
 }
 
 } // namespace
+
+void PrintRule(Session& session, const PFW_RULE& rule)
+{
+    Console& console = session.Terminal();
+    const std::string line = LineOrKind(RuleLine(rule), rule);
+    const std::string index = std::to_string(rule.wRuleIndex);
+    console.Out(std::string(index.size() < 7 ? 7 - index.size() : 0, ' ') + index + "  " +
+                console.Paint(rule.dwActive != 0 ? Style::Plain : Style::Dim, Printable(line)) +
+                (rule.dwActive != 0 ? "" : "  (off)") + "\n");
+    std::string more;
+    for (const std::string& part : {Description(rule), Application(rule), HiddenAddresses(rule)})
+    {
+        if (!part.empty())
+            more += (more.empty() ? "" : "  |  ") + Printable(part);
+    }
+    if (!more.empty())
+        console.Out("         " + console.Paint(Style::Dim, more) + "\n");
+}
 
 RuleSetRecord& FindRuleSet(Policy& policy, uint16_t index)
 {
@@ -255,11 +255,11 @@ int Macros(Session& session)
     return ExitDone;
 }
 
-int FindCommand(Session& session, const std::string& query)
+int FindCommand(Session& session, const std::string& query, bool withAny)
 {
     session.OpenToLook();
     const Policy policy = session.Read();
-    const std::vector<Hit> hits = Find(policy, query);
+    const std::vector<Hit> hits = Find(policy, query, withAny);
     Console& console = session.Terminal();
     if (session.Options().Json)
     {

@@ -42,6 +42,22 @@ the file stops being JSON, that place alone. It changes only what differs: the s
 nothing. Without `--replace` nothing is removed that the file does not name. Rule sets, active list and macros stay as they
 are when the file does not mention them; an empty `"ruleSets"` removes every rule set only with `--allow-empty`.
 
+## Which rule decides
+
+The library stores rules and filters nothing. `explain`, `find` and `report` assume that the product does this with them:
+
+- The rule sets of the active list are asked in their order, the rules of each by ascending index. The first rule that
+  matches decides: `accept` allows, `drop`, `reject` and `reset` refuse, `ask` leaves it to the user.
+- Only access rules that are on decide. Rules of the other kinds apply beside that; `explain` names those.
+- The first address and port of a rule are where traffic comes from, the second where it goes. `!` means the other
+  addresses of the same family, or the other ports. A rule with ports matches TCP and UDP only.
+- A name stands for the macros that bear it: everything that their items of the right type mean, without what those with
+  `!` leave out; items with `!` alone mean everything else. A name that no macro explains cannot be told.
+- A rule for a program matches its path, in any letter case. Hashes are not compared.
+
+A rule that has an extension, or a name or a value that cannot be told, may decide: `explain` says "perhaps" and goes on.
+Where several rules decide, each about a part of what was asked for, it names all of them.
+
 ## What is kept safe
 
 Before a command removes or replaces a rule, a rule set or the macros, it copies the store's files to a dated directory

@@ -3,7 +3,7 @@
 
 #include "common/srclib/KxComn_Names.h"
 #include "common/srclib/KxComn_Record.h"
-#include "policy/Ranges.h"
+#include "policy/Decide.h"
 #include "policy/RecordText.h"
 #include "tools/kxrule/report/Report.h"
 
@@ -15,36 +15,16 @@ namespace
 using KxCommon::WideString;
 using KxCommon::Record::WideText;
 
-constexpr size_t kMostRulesAcrossSets = 4096; // every rule is compared with every earlier one
-
-struct Located
+/// Active rule sets in the order of the list, then the others.
+std::vector<std::vector<uint16_t>> Orders(const Policy& policy)
 {
-    const RuleSetRecord* RuleSet;
-    const PFW_RULE* Rule;
-};
-
-/// Active rule sets in the order of the list, each once, then the others.
-std::vector<const RuleSetRecord*> InOrder(const Policy& policy)
-{
-    std::vector<const RuleSetRecord*> order;
-    const auto add = [&order](const RuleSetRecord& ruleSet)
+    std::vector<std::vector<uint16_t>> orders = {policy.Active.value_or(std::vector<uint16_t>())};
+    for (const RuleSetRecord& ruleSet : policy.RuleSets)
     {
-        if (std::find(order.begin(), order.end(), &ruleSet) == order.end())
-            order.push_back(&ruleSet);
-    };
-    if (policy.Active)
-    {
-        for (const uint16_t index : *policy.Active)
-        {
-            for (const RuleSetRecord& ruleSet : policy.RuleSets)
-            {
-                if (ruleSet.Index == index)
-                    add(ruleSet);
-            }
-        }
+        if (!IsActive(policy, ruleSet.Index))
+            orders.push_back({ruleSet.Index}); // on its own
     }
-    std::for_each(policy.RuleSets.begin(), policy.RuleSets.end(), add);
-    return order;
+    return orders;
 }
 
 bool IsAnyToAny(const PFW_RULE& rule)
@@ -69,7 +49,7 @@ bool IsRescue(const PFW_RULE& rule)
            WideText(&rule.wszDescription, KXRULE_DESCRIPTION_UNITS) == KxCommon::Names::kRescueDescription;
 }
 
-std::string Name(const Located& located, const Located& from)
+std::string Name(const RuleRef& located, const RuleRef& from)
 {
     const std::string rule = "rule " + std::to_string(uint16_t{located.Rule->wRuleIndex});
     return located.RuleSet == from.RuleSet ? rule : rule + " of rule set " + std::to_string(located.RuleSet->Index);
@@ -82,7 +62,6 @@ std::vector<Warning> FindWarnings(const Policy& policy)
     std::vector<Warning> warnings;
     if (policy.Active && policy.Active->empty() && !policy.RuleSets.empty())
         warnings.push_back({WarningKind::NothingActive, 0, 0, false, "No rule set is active."});
-    size_t activeRules = 0;
     for (const uint16_t index : policy.Active.value_or(std::vector<uint16_t>()))
     {
         const bool exists = std::any_of(policy.RuleSets.begin(), policy.RuleSets.end(),
@@ -90,26 +69,22 @@ std::vector<Warning> FindWarnings(const Policy& policy)
         if (!exists)
             warnings.push_back({WarningKind::NotThere, index, 0, false, "is active but does not exist."});
     }
-    for (const RuleSetRecord& ruleSet : policy.RuleSets)
-        activeRules += IsActive(policy, ruleSet.Index) ? ruleSet.Rules.size() : 0;
 
-    std::vector<Located> earlier;
-    for (const RuleSetRecord* const ruleSet : InOrder(policy))
+    for (const std::vector<uint16_t>& order : Orders(policy))
     {
-        // Rule sets that are not active are on their own.
-        if (!IsActive(policy, ruleSet->Index) || activeRules > kMostRulesAcrossSets)
-            earlier.clear();
-        for (const PFW_RULE& rule : ruleSet->Rules)
+        const Decider decider(policy, order);
+        for (size_t place = 0; place < decider.Count(); ++place)
         {
-            const Located located{ruleSet, &rule};
+            const RuleRef located = decider.Rule(place);
+            const PFW_RULE& rule = *located.Rule;
+            const RuleSetRecord* const ruleSet = located.RuleSet;
             const auto warn = [&](WarningKind kind, std::string text) {
                 warnings.push_back({kind, ruleSet->Index, rule.wRuleIndex, true, std::move(text)});
             };
-            const auto cover = std::find_if(earlier.begin(), earlier.end(),
-                                            [&rule](const Located& other) { return Covers(*other.Rule, rule); });
-            if (cover != earlier.end())
+            const std::vector<RuleRef> covers = decider.Covering(place);
+            if (!covers.empty())
                 warn(WarningKind::Covered,
-                     "can never match: " + Name(*cover, located) + " takes everything before it.");
+                     "can never match: " + Name(covers.front(), located) + " takes everything before it.");
             if (IsRescue(rule))
                 warn(WarningKind::Rescue,
                      ruleSet->Rules.size() > 3
@@ -120,7 +95,6 @@ std::vector<Warning> FindWarnings(const Policy& policy)
             if (LacksHash(rule))
                 warn(WarningKind::NoHash,
                      "is bound to a program without a hash: it also matches whatever replaces it.");
-            earlier.push_back(located);
         }
     }
     return warnings;

@@ -1,0 +1,261 @@
+// Which rule decides about traffic.
+#include "policy/Decide.h"
+
+#include <algorithm>
+#include <bit>
+#include <set>
+
+#include "common/srclib/KxComn_Record.h"
+#include "policy/RuleFields.h"
+
+namespace KxPolicy
+{
+namespace
+{
+
+using KxCommon::Record::Load;
+
+constexpr size_t kMostParts = 4096;
+constexpr size_t kFields = std::tuple_size_v<Traffic>;
+
+template <size_t index>
+using Field = std::integral_constant<size_t, index>;
+
+/// take(Field<0>()), take(Field<1>()), ...
+template <class Take>
+void ForEachField(Take take)
+{
+    [&]<size_t... index>(std::index_sequence<index...>)
+    {
+        (take(Field<index>()), ...);
+    }
+    (std::make_index_sequence<kFields>());
+}
+
+/// A bit for each field that the two do not share.
+uint32_t Apart(const Traffic& a, const Traffic& b)
+{
+    uint32_t apart = 0;
+    ForEachField([&](auto field) { apart |= Meet(std::get<field>(a), std::get<field>(b)) ? 0u : 1u << field; });
+    return apart;
+}
+
+/// Appends what is left of traffic: for each field what lies outside, of the rest the next one.
+void Subtract(Traffic from, const Traffic& what, std::vector<Traffic>& rest)
+{
+    if (Apart(from, what) != 0)
+        return rest.push_back(std::move(from));
+    ForEachField(
+        [&](auto field)
+        {
+            auto inside = Intersection(std::get<field>(from), std::get<field>(what));
+            std::get<field>(from) = Difference(std::get<field>(from), inside);
+            if (!std::get<field>(from).empty())
+                rest.push_back(from);
+            std::get<field>(from) = std::move(inside);
+        });
+}
+
+/// Whether anything was taken away.
+bool TakeAway(std::vector<Traffic>& from, const Traffic& what)
+{
+    if (std::all_of(from.begin(), from.end(), [&what](const Traffic& part) { return Apart(part, what) != 0; }))
+        return false;
+    std::vector<Traffic> rest;
+    for (Traffic& part : from)
+        Subtract(std::move(part), what, rest);
+    from = std::move(rest);
+    return true;
+}
+
+bool Decides(const RuleRef& rule) noexcept
+{
+    return rule.Rule->dwKind == KXRULE_KIND_ACCESS && rule.Rule->dwActive != 0;
+}
+
+std::optional<NumberSet> ProtocolSet(uint32_t protocol)
+{
+    if (protocol == KXRULE_PROTOCOL_ANY)
+        return EveryNumber();
+    if (protocol == KXRULE_PROTOCOL_TCPUDP)
+        return NumberSet{{KXRULE_PROTOCOL_TCP, KXRULE_PROTOCOL_TCP}, {KXRULE_PROTOCOL_UDP, KXRULE_PROTOCOL_UDP}};
+    if (protocol > UINT8_MAX) // no protocol has such a number
+        return std::nullopt;
+    return NumberSet{{protocol, protocol}};
+}
+
+const RuleField* ApplicationField(const PFW_RULE& rule) noexcept
+{
+    for (const RuleField& field : KindFields(rule.dwKind))
+    {
+        if (field.Type == FieldType::Application)
+            return &field;
+    }
+    return nullptr;
+}
+
+KxCommon::WideString ApplicationOf(const PFW_RULE& rule)
+{
+    const RuleField* const field = ApplicationField(rule);
+    return field == nullptr
+               ? KxCommon::WideString()
+               : KxCommon::Record::WideText(reinterpret_cast<const uint8_t*>(&rule) + field->Places[0], field->Room);
+}
+
+} // namespace
+
+Verdict VerdictOf(const PFW_RULE& rule) noexcept
+{
+    switch (rule.dwKind == KXRULE_KIND_ACCESS ? uint32_t{rule.Access.dwAction} : 0)
+    {
+    case KXRULE_ACTION_ACCEPT:
+        return Verdict::Allowed;
+    case KXRULE_ACTION_DROP:
+    case KXRULE_ACTION_REJECT:
+    case KXRULE_ACTION_RESET:
+        return Verdict::Refused;
+    case KXRULE_ACTION_ASK:
+        return Verdict::Asked;
+    default:
+        return Verdict::Unknown;
+    }
+}
+
+std::string_view VerdictText(Verdict verdict) noexcept
+{
+    static constexpr std::string_view kTexts[] = {"allowed", "refused", "asked", "unknown"};
+    return kTexts[static_cast<size_t>(verdict)];
+}
+
+std::string_view ObstacleText(Obstacle obstacle) noexcept
+{
+    static constexpr std::string_view kTexts[] = {"protocol", "from address", "to address", "from port",
+                                                  "to port",  "program",      "off"};
+    return kTexts[static_cast<size_t>(obstacle)];
+}
+
+Decider::Decider(const Policy& policy) : Decider(policy, policy.Active.value_or(std::vector<uint16_t>())) {}
+
+Decider::Decider(const Policy& policy, const std::vector<uint16_t>& ruleSetIndexes) : m_Names(policy)
+{
+    std::set<uint16_t> seen; // a rule set that is listed twice has nothing left to decide
+    for (const uint16_t index : ruleSetIndexes)
+    {
+        for (const RuleSetRecord& ruleSet : policy.RuleSets)
+        {
+            if (ruleSet.Index != index || !seen.insert(index).second)
+                continue;
+            for (const PFW_RULE& rule : ruleSet.Rules)
+            {
+                const KxCommon::WideString application = ApplicationOf(rule);
+                if (!application.empty())
+                    m_Programs.try_emplace(application, static_cast<uint32_t>(m_Programs.size()));
+                Entry& entry = m_Entries.emplace_back(Entry{{&ruleSet, &rule}, {}, true});
+                entry.Matches = TrafficOf(rule, entry.IsCertain);
+            }
+        }
+    }
+}
+
+Traffic Decider::TrafficOf(const PFW_RULE& rule, bool& isCertain) const
+{
+    const uint8_t* const record = reinterpret_cast<const uint8_t*>(&rule);
+    const NumberSet streams{{KXRULE_PROTOCOL_TCP, KXRULE_PROTOCOL_TCP}};
+    Traffic traffic{rule.dwKind == KXRULE_KIND_STREAM ? streams : EveryNumber(),
+                    EveryAddress(),
+                    EveryAddress(),
+                    EveryNumber(),
+                    EveryNumber(),
+                    EveryNumber()};
+    isCertain = true;
+    const auto set = [&](auto& to, auto known)
+    {
+        isCertain = isCertain && known.has_value();
+        if (known)
+            to = std::move(*known);
+    };
+    bool hasPorts = false;
+    for (const RuleField& field : KindFields(rule.dwKind))
+    {
+        const uint8_t* const first = record + field.Places[0];
+        const uint8_t* const second = record + field.Places[1];
+        if (field.Type == FieldType::Address)
+        {
+            set(std::get<1>(traffic), m_Names.SetOf(Load<RULE_ADDR>(first)));
+            set(std::get<2>(traffic), m_Names.SetOf(Load<RULE_ADDR>(second)));
+        }
+        else if (field.Type == FieldType::Port)
+        {
+            const RULE_PORT from = Load<RULE_PORT>(first);
+            const RULE_PORT to = Load<RULE_PORT>(second);
+            hasPorts = from.nType > KXRULE_PORT_ANY || to.nType > KXRULE_PORT_ANY;
+            set(std::get<3>(traffic), m_Names.SetOf(from));
+            set(std::get<4>(traffic), m_Names.SetOf(to));
+        }
+        else if (field.Type == FieldType::Keyword && std::string_view(field.Name) == "protocol")
+            set(std::get<0>(traffic), ProtocolSet(Load<uint32_t>(first)));
+        else if (field.Type == FieldType::Extension)
+            isCertain = isCertain && Load<uint32_t>(first) == 0;
+    }
+    if (hasPorts)
+        std::get<0>(traffic) = Intersection(std::get<0>(traffic), *ProtocolSet(KXRULE_PROTOCOL_TCPUDP));
+    const KxCommon::WideString application = ApplicationOf(rule);
+    if (!application.empty())
+    {
+        const auto known = m_Programs.find(application);
+        const uint32_t number = known == m_Programs.end() ? static_cast<uint32_t>(m_Programs.size()) : known->second;
+        std::get<5>(traffic) = {{number, number}};
+    }
+    return traffic;
+}
+
+std::vector<RuleRef> Decider::Covering(size_t place) const
+{
+    const Entry& covered = m_Entries[place];
+    std::vector<RuleRef> covering;
+    if (!Decides(covered.Which) || Apart(covered.Matches, covered.Matches) != 0)
+        return covering;
+    std::vector<Traffic> left = {covered.Matches};
+    for (size_t i = 0; i < place && !left.empty() && left.size() <= kMostParts; ++i)
+    {
+        const Entry& earlier = m_Entries[i];
+        if (Decides(earlier.Which) && earlier.IsCertain && TakeAway(left, earlier.Matches))
+            covering.push_back(earlier.Which);
+    }
+    return left.empty() ? covering : std::vector<RuleRef>();
+}
+
+Decision Decider::Decide(const PFW_RULE& traffic) const
+{
+    Decision decision;
+    bool ignored = true;
+    const Traffic asked = TrafficOf(traffic, ignored);
+    std::vector<Traffic> left;
+    if (Apart(asked, asked) == 0) // no field is empty
+        left.push_back(asked);
+    for (const Entry& entry : m_Entries)
+    {
+        const PFW_RULE& rule = *entry.Which.Rule;
+        const bool decides = rule.dwKind == KXRULE_KIND_ACCESS;
+        if (decides && (left.empty() || !decision.IsComplete))
+            continue;
+        const uint32_t obstacles = Apart(entry.Matches, asked) | (rule.dwActive == 0 ? 1u << kFields : 0u);
+        if (!decides && obstacles == 0)
+            decision.Others.push_back(entry.Which);
+        else if (decides && std::has_single_bit(obstacles))
+            decision.Misses.push_back({entry.Which, static_cast<Obstacle>(std::countr_zero(obstacles))});
+        if (!decides || obstacles != 0)
+            continue;
+        std::vector<Traffic> rest = left;
+        if (!TakeAway(rest, entry.Matches))
+            continue;
+        decision.Rules.push_back({entry.Which, entry.IsCertain, rest.empty()});
+        if (entry.IsCertain)
+            left = std::move(rest);
+        decision.IsComplete = left.size() <= kMostParts;
+    }
+    decision.IsUndecided = !left.empty();
+    return decision;
+}
+
+} // namespace KxPolicy
