@@ -1,4 +1,4 @@
-// The load entry. It runs under the loader lock, so it keeps the module handle and does nothing else.
+// DllMain. It runs under the loader lock, so it only stores the module handle.
 #include "api/Library.h"
 
 extern "C" BOOL WINAPI DllMain(HINSTANCE module, DWORD reason, LPVOID)

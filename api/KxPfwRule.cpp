@@ -1,5 +1,5 @@
-// The 25 exports: check the arguments, take the global lock, call the master once, trace. KxPfwRule.h is their
-// documentation, docs/threads.md that of the locks.
+// The 25 exports: check the arguments, take the global lock, call the master once, trace. KxPfwRule.h documents them,
+// docs/threads.md the locks.
 #include "api/include/KxPfwRule.h"
 
 #include <memory>
@@ -38,7 +38,7 @@ CCriticalSectionLock g_LifecycleLock(LockRank::Lifecycle); // one start or stop 
 CCriticalSectionLock g_GlobalLock(LockRank::Global);       // one export at a time
 KxCommon::UniqueKernelObject g_Mutex;                      // held while the library is initialised
 
-// While the process ends the store is left as it is: threads that were killed may have left it half changed.
+// While the process ends the store is not destroyed: killed threads may have left it half changed.
 union Store
 {
     Store() : Master(g_GlobalLock) {}
@@ -63,13 +63,14 @@ int32_t Contain(int32_t resultOfFailure, const Body& body) noexcept
     {
         const std::unique_ptr<KxCommon::Exception::Base> owner(exception);
     }
-    catch (...) // std::bad_alloc, or what a caller's callback threw
+    catch (...) // std::bad_alloc, or an exception of a caller's callback
     {
     }
     return resultOfFailure;
 }
 
-// For what opens files. They are the process's, whomever the calling thread acts for: the timer writes them as well.
+// For operations that open files, with the rights of the process even if the calling thread impersonates a client: the
+// timer writes them as well.
 template <class Operation>
 int32_t AsProcess(const Operation& operation)
 {
@@ -77,7 +78,8 @@ int32_t AsProcess(const Operation& operation)
     return identity ? operation() : KXRULE_E_FILE_OPEN;
 }
 
-// An export that traces: its Enter line when made, its Return line after its operation, still under the global lock.
+// An export that traces: its Enter line when constructed, its Return line after its operation, still under the global
+// lock.
 class TracedExport
 {
 public:
@@ -90,7 +92,7 @@ public:
         return WithoutLock(resultOfFailure, operation);
     }
 
-    // A getter's operation, which is given the token.
+    // For a getter, whose operation takes the token.
     template <class Operation>
     int32_t Reading(int32_t resultOfFailure, const Operation& operation) const noexcept
     {
@@ -116,8 +118,8 @@ int32_t CopyText(const std::string& line, char* text, int32_t textSize) noexcept
     return static_cast<int32_t>(std::min<size_t>(line.size(), INT32_MAX));
 }
 
-// Creates the mutex that marks an initialised library, open to everybody; the system's defaults where the attributes
-// cannot be built. It is never waited for, so another process that holds one of the same name stops nothing.
+// Creates the mutex that marks an initialised library, accessible to everybody, or with the system's defaults if the
+// attributes cannot be built. Nothing waits for it, so another process that holds a mutex of this name blocks nothing.
 KxCommon::UniqueKernelObject CreateLibraryMutex(DWORD* error)
 {
     KxCommon::AccessControl::SecurityAttributes attributes;
@@ -132,7 +134,7 @@ int32_t Initialize(const char* rulePath, const char* masterFileName)
 {
     const KxCommon::OwnIdentity identity;
     if (!identity)
-        return KXRULE_E_MUTEX; // the client could make none
+        return KXRULE_E_MUTEX; // the client could not create it
     const GlobalGuard lifecycle(g_LifecycleLock);
     const std::string ownDirectory = KxCommon::GetApplicationPath(g_ModuleHandle);
     const KxCommon::Storage::Key settings{KxCommon::Storage::kIniFile, ownDirectory.c_str(),
@@ -149,7 +151,8 @@ int32_t Initialize(const char* rulePath, const char* masterFileName)
     {
         directory = rulePath;
     }
-    // A master that is still live without the mutex is being finalised by a thread that waits for a kept lock.
+    // A master that is still live without the mutex is being finalised by a thread that waits for a lock that is held
+    // on.
     if (g_Mutex || g_RuleMaster.IsLive())
     {
         KX_TRACE(kTraceError, "Already Initialized");
@@ -171,7 +174,7 @@ int32_t Initialize(const char* rulePath, const char* masterFileName)
 
 int32_t Finalize()
 {
-    const KxCommon::OwnIdentity identity; // without it the life ends all the same
+    const KxCommon::OwnIdentity identity; // without it the library stops all the same
     KX_TRACE(kTraceCall, "kxRuleFinalize Enter");
     for (;;)
     {
@@ -179,12 +182,12 @@ int32_t Finalize()
         const GlobalGuard lifecycle(g_LifecycleLock);
         if (g_Mutex)
         {
-            ::ReleaseMutex(g_Mutex.get()); // fails on a thread other than the initialising one, which harms nothing
+            ::ReleaseMutex(g_Mutex.get()); // fails on a thread other than the initialising one, which is harmless
             g_Mutex.reset();
         }
         const GlobalGuard guard(g_GlobalLock);
         if (g_RuleMaster.MustWaitForHolder())
-            continue; // since the wait ended
+            continue; // a thread began to hold on after the wait
         const int32_t result = Contain(KXRULE_OK, [] { return g_RuleMaster.Finalize(); });
         KX_TRACE(kTraceCall, "g_RuleMaster.Finalize() Return (%d)", result);
         KxCommon::g_DebugLog.Uninitialize();

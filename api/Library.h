@@ -1,9 +1,9 @@
-// What the load entry and the exports share.
+// Shared by DllMain and the exports.
 #pragma once
 
 #include "common/srclib/KxComn_Windows.h"
 
-/// The library's own module, stored when it is loaded; null in a program that links the library statically.
+/// The library's own module, stored when loaded; null in a program that links the library statically.
 extern HMODULE g_ModuleHandle;
 
 /// The one store of the process.

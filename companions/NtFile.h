@@ -1,5 +1,5 @@
-// Files by the system's own call, which knows three things that CreateFile does not: names relative to an open folder,
-// paths of any length, and opening without waiting for whoever holds an oplock.
+// Files by the system's own call, which can do three things that CreateFile cannot: names relative to an open folder,
+// paths of any length, and opening without waiting for the holder of an oplock.
 #pragma once
 
 #include <string>
@@ -13,9 +13,9 @@
 namespace KxCompanions
 {
 
-inline constexpr DWORD kOplocked = 802; // ERROR_CANNOT_BREAK_OPLOCK, which not all headers have
+inline constexpr DWORD kOplocked = 802; // ERROR_CANNOT_BREAK_OPLOCK, missing in some headers
 
-/// The path made absolute and tidy, as the other file functions would; empty when the system does not tell.
+/// The path made absolute and normalised, as the other file functions do it; empty if the system refuses.
 [[nodiscard]] inline std::wstring FullPath(const std::wstring& path)
 {
     std::wstring full(::GetFullPathNameW(path.c_str(), 0, nullptr, nullptr), L'\0');
@@ -32,8 +32,8 @@ inline constexpr DWORD kOplocked = 802; // ERROR_CANNOT_BREAK_OPLOCK, which not 
     return full.starts_with(L"\\\\") ? L"\\??\\UNC\\" + full.substr(2) : L"\\??\\" + full;
 }
 
-/// Where an open folder lies, links followed, in the form of FullPath and with a backslash; the backslash alone when the
-/// system does not tell.
+/// Where an open folder is, with links resolved, in the form of FullPath with a trailing backslash; only the backslash
+/// if the system refuses.
 [[nodiscard]] inline std::wstring FinalPath(HANDLE folder)
 {
     std::wstring path(32768, L'\0');
@@ -46,23 +46,23 @@ inline constexpr DWORD kOplocked = 802; // ERROR_CANNOT_BREAK_OPLOCK, which not 
 }
 
 /// Opens or creates a file or folder for synchronous use; others may read, write, rename and delete it meanwhile.
-/// @param folder       what a bare name counts from; null for a name of NtPath
-/// @param disposition  FILE_OPEN and its like; options likewise
-/// @param security     the descriptor of what is created, null for the folder's
-/// @return 0, or a Windows error; kOplocked when somebody holds an oplock: he has been asked to let
-///         go, so that another attempt may succeed
+/// @param folder       what a bare name is relative to; null for a name of NtPath
+/// @param disposition  FILE_OPEN etc.; options likewise
+/// @param security     the descriptor of a created file, null for the folder's
+/// @return 0, or a Windows error; kOplocked if another program holds an oplock: it has been asked to release it, so
+///         another attempt may succeed
 [[nodiscard]] inline DWORD Open(KxCommon::UniqueFile& file, HANDLE folder, std::wstring_view name, ACCESS_MASK access,
                                 ULONG disposition, ULONG options, void* security = nullptr,
                                 ULONG share = FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE)
 {
-    constexpr NTSTATUS kOplockBreakInProgress = 0x108; // a success of which the next operation would wait
+    constexpr NTSTATUS kOplockBreakInProgress = 0x108; // a success after which the next operation would wait
     file.reset();
     if (name.size() > 32766)
         return ERROR_FILENAME_EXCED_RANGE;
     UNICODE_STRING text;
     text.Buffer = const_cast<wchar_t*>(name.data());
     text.Length = text.MaximumLength = static_cast<USHORT>(name.size() * sizeof(wchar_t));
-    // Should a link lead to a pipe, its server gets to know who we are but not to act as us.
+    // If a link leads to a pipe, its server learns who we are but cannot impersonate us.
     SECURITY_QUALITY_OF_SERVICE quality = {sizeof quality, SecurityIdentification, SECURITY_STATIC_TRACKING, TRUE};
     OBJECT_ATTRIBUTES attributes;
     InitializeObjectAttributes(&attributes, &text, OBJ_CASE_INSENSITIVE, folder, security);

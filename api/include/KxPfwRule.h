@@ -17,21 +17,22 @@
  * where they are wide. Everything that a function hands out is a copy in the caller's buffer.
  *
  * Threads: any thread may call any function. All but kxRuleGetRuleString2, kxRuleGetMacroString and
- * kxRuleUpdateHashValue run one at a time, under the global lock. Two failures leave the store's master lock with the
- * calling thread (see kxRuleAddRuleSet and kxRuleRead, and docs/threads.md): until that thread calls kxRuleFinalize or
- * ends, calls of other threads that change, read, write or refresh the store wait, and so do timed writes. Nothing
- * reaches the disk meanwhile, unless that thread writes it.
+ * kxRuleUpdateHashValue run one at a time, under the global lock. After two failures the calling thread holds on to the
+ * store's master lock (see kxRuleAddRuleSet and kxRuleRead, and docs/threads.md): until that thread calls
+ * kxRuleFinalize or ends, calls of other threads that change, read, write or refresh the store wait, and so do timed
+ * writes. Meanwhile nothing reaches the disk unless that thread writes it.
  *
- * Files are read and written, and libraries loaded, with the rights of the process, also on a thread that impersonates a
- * client. Of an anonymous client, whom the system does not let go of, kxRuleInitialize says KXRULE_E_MUTEX and what needs
- * files (kxRuleRead, kxRuleWrite, kxRuleFlush, kxRuleDeleteRuleSet) KXRULE_E_FILE_OPEN; nothing changes then.
+ * Files are read and written, and libraries loaded, with the rights of the process, also on a thread that
+ * impersonates a client. If that client is anonymous, which the system does not let the library undo,
+ * kxRuleInitialize returns KXRULE_E_MUTEX, and the functions that need files (kxRuleRead, kxRuleWrite, kxRuleFlush,
+ * kxRuleDeleteRuleSet) return KXRULE_E_FILE_OPEN; nothing changes then.
  *
  * Before kxRuleInitialize and after kxRuleFinalize the functions that look, add and delete work on what is in memory,
- * with their usual results (but for kxRuleDeleteRuleSet, which refuses); the next kxRuleInitialize empties it. Only
- * what is done between the two reaches the disk.
+ * with their usual results (except kxRuleDeleteRuleSet, which refuses); the next kxRuleInitialize empties it. Only
+ * changes between the two reach the disk.
  *
  * Results are KXRULE_OK (0) or one of the negative codes below; some functions return a count, a length or a size
- * instead. Only the codes listed at a function are returned by it. No function throws.
+ * instead. A function returns only the codes that are listed for it. No function throws.
  *
  * C99 or C++11 and later; x86-64 Windows. A program links with the import library (libKxPfwRul.dll.a or KxPfwRul.lib),
  * or loads the DLL itself: see KXRULE_FUNCTIONS. The file formats are described in docs/format.md.
@@ -54,7 +55,7 @@
 #endif
 #endif
 
-/* One UTF-16 code unit. (Elsewhere than on Windows the header serves the library's own portable tests.) */
+/* One UTF-16 code unit. (On systems other than Windows the header serves the library's own portable tests.) */
 #if defined(_WIN32)
 typedef wchar_t KXWCHAR;
 #elif defined(__cplusplus)
@@ -412,66 +413,68 @@ typedef int32_t (*KXRULE_HASH_CALLBACK)(uint32_t ruleSetIndex, const PFW_RULE* r
 /*
  * Starts the library: trace, named mutex, empty store, delayed write timer. Reads no rule file; see kxRuleRead.
  *   rulePath        the rule directory. A relative path is resolved here, once. Null or empty: the DLL's own directory
- *                   (the current one where that cannot be told). Created when missing (one level); if that fails, the
- *                   first write says KXRULE_E_FILE_OPEN. At most 223 bytes, or copies in RuleBackup have no names.
+ *                   (the current one if that cannot be determined). Created if missing (one level); if that fails,
+ *                   the first write returns KXRULE_E_FILE_OPEN. At most 223 bytes, or copies in RuleBackup have no
+ *                   names.
  *   masterFileName  a bare file name for the master file. Null or empty: KxRulMas.dat.
- * 0, or KXRULE_E_ALREADY_INITIALIZED  the library is initialised; nothing changes but the trace settings, re-read
+ * 0, or KXRULE_E_ALREADY_INITIALIZED  the library is initialised; only the trace settings are read again
  *       KXRULE_E_MUTEX                Global\KxPfwRuleDllLockMutex could not be created, or memory ran out; not
  *                                     initialised, but the trace goes on until kxRuleFinalize is called
- * Call kxRuleRead next, also on a directory believed to be empty: what is written without it replaces the store that
- * lies there (after a copy into a dated backup directory) and does not list its rule sets.
- * Changes reach the disk every RuleWriteInterval milliseconds (docs/settings.md), 30 minutes unless configured.
- * One process at a time reads or writes a rule directory: nothing reloads what another process wrote.
+ * Call kxRuleRead next, even if the directory is believed to be empty: a write without it replaces the store that is
+ * there (after a copy into a dated backup directory) and does not list its rule sets. Changes reach the disk every
+ * RuleWriteInterval milliseconds (docs/settings.md), 30 minutes unless configured. Only one process at a time may
+ * read or write a rule directory: nothing reloads what another process wrote.
  */
 KXRULE_API int32_t kxRuleInitialize(const char* rulePath, const char* masterFileName);
 
 /*
- * Writes pending changes, stops the timer, closes mutex and trace. Always 0, also when that last write failed: call
- * kxRuleFlush before it to learn of that. It waits up to two seconds for somebody who holds a file that is written.
- * Without an initialised library it does nothing and returns 0. Kept master locks are given back. While another thread
- * keeps one and something is there to write, the call waits for that thread's kxRuleFinalize, or for the thread's end.
- * It waits for the timer's thread: not to be called from a load entry (DllMain) or the destructor of a global in a DLL,
- * where that thread cannot end.
+ * Writes pending changes, stops the timer, closes mutex and trace. Always 0, even if that last write failed: call
+ * kxRuleFlush first to find out. The write waits up to two seconds for another program that has one of the files open.
+ * Without an initialised library the call does nothing and returns 0. A master lock that is held on is released; while
+ * another thread holds on to it and there is something to write, the call waits for that thread's kxRuleFinalize, or
+ * for the thread's end. Since the call waits for the timer's thread, it must not be made from DllMain or the destructor
+ * of a global object in a DLL, where that thread cannot end.
  */
 KXRULE_API int32_t kxRuleFinalize(void);
 
 /*
- * Discards what is in memory and reads master, macro and rule set files. Damage is noticed where a length, the padding,
- * a magic or a count does not fit; a flipped bit inside a record can pass for another rule. It is answered, not
- * reported, where the store can go on: an unusable master file, or a missing one beside rule set files, moves it and
- * all rule set files to a dated backup directory (the macro file stays); at most rescue rule sets remain, for those
- * that it named before the damage, and the result says nothing of it. An unreadable rule set becomes a rescue rule set
- * and is kept as a .brk copy (docs/recovery.md). May load KxHash.dll.
+ * Discards what is in memory and reads master, macro and rule set files. Damage is detected only if a length, the
+ * padding, a magic number or a count does not fit; a flipped bit inside a record can turn it into a different rule.
+ * Where the store can go on, damage is repaired and not reported: if the master file is unusable, or missing beside
+ * rule set files, it and all rule set files are moved to a dated backup directory (the macro file stays); rescue rule
+ * sets remain at most for those that it named before the damage, and the result does not show it. An unreadable rule
+ * set is copied to a .brk file and replaced by a rescue rule set (docs/recovery.md). May load KxHash.dll.
  * 0, or KXRULE_E_FILE_READ       the macro file is damaged (no rule set has been read then), or memory ran out
  *       KXRULE_E_MACRO_FORMAT    the macro file has another magic or version (no rule set has been read then)
  *       KXRULE_E_FILE_OPEN, KXRULE_E_FILE_WRITE  the rescue of the last listed rule set could not be written
- *       KXRULE_E_FILE_OPEN       the master or the macro file is held by somebody who lets nobody else read it, for more
- *                                than a second: nothing was moved or written, try again. Or not initialised
- * After a failure of an initialised library the calling thread keeps the master lock until it calls kxRuleFinalize or
- * ends: its own calls go on, those of other threads wait. What was changed before the read and not written is gone and
- * will not be written. Do not change the store after a failed read: the first write copies all rule files into a dated
+ *       KXRULE_E_FILE_OPEN       another program keeps the master or the macro file open for more than a second and
+ *                                lets nobody else read it: nothing was moved or written, try again. Or not
+ *                                initialised
+ * After a failure in an initialised library the calling thread holds on to the master lock until it calls
+ * kxRuleFinalize or ends: its own calls go on, those of other threads wait. Changes that were not written before the
+ * read are gone. Do not change the store after a failed read: the first write copies all rule files into a dated
  * backup directory, but it lists only what is in memory.
  */
 KXRULE_API int32_t kxRuleRead(void);
 
 /*
- * Writes macro file, modified rule sets and master file now. Each file is written beside the old one and put over
+ * Writes macro file, modified rule sets and master file now. Each file is written beside the old one and moved over
  * it only when complete and flushed.
  * 0, or KXRULE_E_FILE_OPEN   a temporary file could not be made in the rule directory, or not initialised
- *       KXRULE_E_FILE_WRITE  a file could not be written or replaced, or memory ran out; the old file stays. Or what
- *                            would be written over was never read, and somebody holds it so that it can be neither
- *                            copied nor renamed first (docs/recovery.md). Nothing that comes after it is written
+ *       KXRULE_E_FILE_WRITE  a file could not be written or replaced, or memory ran out; the old file stays. Or the
+ *                            old file was never read, and another program has it open so that it can be neither
+ *                            copied nor renamed first (docs/recovery.md). The files after it are not written
  */
 KXRULE_API int32_t kxRuleWrite(void);
 
-/* As kxRuleWrite when anything changed since the last timed write; otherwise 0 without touching a file. */
+/* Like kxRuleWrite if anything changed since the last timed write; otherwise 0 without touching a file. */
 KXRULE_API int32_t kxRuleFlush(void);
 
 /* --------------------------------------------------------------------------------------------------- rule sets -- */
 
 /*
  * Replaces the list of active rule sets.
- *   indexes  count rule set indexes, 1 to 65280, kept in this order; they need not exist, duplicates stay. Null with
+ *   indexes  count rule set indexes, 1 to 65280, stored in this order; they need not exist, duplicates stay. Null with
  *            count 0, and a negative count with a non-null pointer, empty the list.
  * 0, or KXRULE_E_NULL_POINTER  indexes is null and count is not 0, or memory ran out
  *       KXRULE_E_NO_RULESET    an index is 0 or above 65280; the old list stays
@@ -479,15 +482,15 @@ KXRULE_API int32_t kxRuleFlush(void);
 KXRULE_API int32_t kxRuleSetActiveRuleSet(const uint16_t* indexes, int32_t count);
 
 /*
- * Copies at most maxCount entries of the active list (none when indexes is null or maxCount below 1) and returns the
- * full number of entries.
+ * Copies at most maxCount entries of the active list (none if indexes is null or maxCount below 1) and returns the
+ * total number of entries.
  */
 KXRULE_API int32_t kxRuleGetActiveRuleSet(uint16_t* indexes, int32_t maxCount);
 
 /*
  * Adds a rule set with its rules.
- *   index    the index it shall get, or 0 to have a free one allocated. One above 65280 is accepted but cannot be made
- *            active. The record's own wRuleSetIndex is no request.
+ *   index    the index of the set, or 0 to allocate a free one. One above 65280 is accepted but cannot be made
+ *            active. The record's own wRuleSetIndex is ignored.
  *   ruleSet  in: KXRULE_RULESET_BYTES(nRuleCount) bytes, copied; access rules are normalised in the copy; of two
  *            rules with the same wRuleIndex the later one counts. Out: wRuleSetIndex on success, else unchanged.
  * 0, or KXRULE_E_NULL_POINTER       ruleSet is null, or memory ran out
@@ -502,26 +505,27 @@ KXRULE_API int32_t kxRuleGetActiveRuleSet(uint16_t* indexes, int32_t maxCount);
 KXRULE_API int32_t kxRuleAddRuleSet(uint16_t index, PFW_RULESET* ruleSet);
 
 /*
- * Removes a rule set, or all of them (index 0), rewrites the master file at once and then deletes the files of what
- * was removed. The active list does not change; as it is in memory by then, it reaches the disk with the master file,
- * while other changes still wait.
+ * Removes a rule set, or all of them (index 0), rewrites the master file at once and then deletes their files. The
+ * active list does not change; in its current state it reaches the disk with the master file, while other changes
+ * still wait.
  * 0, or KXRULE_E_NO_RULESET  no rule set has that index (never for 0)
  *       KXRULE_E_FILE_OPEN, KXRULE_E_FILE_WRITE  the master file could not be written (as in kxRuleWrite); the rule
- *                            set is gone from memory all the same and its file stays
+ *                            set is gone from memory all the same, and its file stays
  *       KXRULE_E_FILE_OPEN   not initialised; nothing changes
  *       KXRULE_E_FILE_WRITE  memory ran out; the rule set may or may not be gone
  */
 KXRULE_API int32_t kxRuleDeleteRuleSet(uint16_t index);
 
-/* Copies at most maxCount rule set indexes, ascending (none when indexes is null), and returns their full number. */
+/* Copies at most maxCount rule set indexes, ascending (none if indexes is null), and returns their total number. */
 KXRULE_API int32_t kxRuleGetRuleSetIndex(uint16_t* indexes, int32_t maxCount);
 
 /*
  * Copies a rule set out.
  *   ruleSet   null: count only. Otherwise room for KXRULE_RULESET_BYTES(maxRules) bytes.
- *   maxRules  rule records that fit; 0 fills the head only, below 0 nothing is written.
- * The full number of rules in the set, which is also what nRuleCount holds, however many were copied (ascending by
- * rule index), or KXRULE_E_NO_RULESET, and nothing is written. Call with null first, then with a buffer of that size.
+ *   maxRules  the number of rule records that fit; 0 fills only the head, below 0 nothing is written.
+ * Returns the total number of rules in the set, which is also in nRuleCount however many were copied (ascending by
+ * rule index), or KXRULE_E_NO_RULESET; then nothing is written. Call with null first, then with a buffer of that
+ * size.
  */
 KXRULE_API int32_t kxRuleGetRuleSet(uint16_t index, PFW_RULESET* ruleSet, int32_t maxRules);
 
@@ -555,20 +559,20 @@ KXRULE_API int32_t kxRuleAddRule(uint16_t ruleSetIndex, uint16_t ruleIndex, cons
 KXRULE_API int32_t kxRuleDeleteRule(uint16_t ruleSetIndex, uint16_t ruleIndex);
 
 /*
- * Copies one rule out. Neither allocates nor, but for a null pointer, traces.
+ * Copies one rule out. Does not allocate, and does not trace except for a null pointer.
  * 0, or KXRULE_E_NO_RULESET    no rule set with that index
  *       KXRULE_E_NO_RULE       no rule with that index
  *       KXRULE_E_NULL_POINTER  rule is null, and there is a rule with that index
  */
 KXRULE_API int32_t kxRuleGetRule(uint16_t ruleSetIndex, uint16_t ruleIndex, PFW_RULE* rule);
 
-/* The rule's dwActive as it stands, or KXRULE_E_NO_RULESET or KXRULE_E_NO_RULE; equal values cannot be told apart. */
+/* The rule's dwActive unchanged, or KXRULE_E_NO_RULESET or KXRULE_E_NO_RULE; equal values cannot be distinguished. */
 KXRULE_API int32_t kxRuleIsRuleActive(uint16_t ruleSetIndex, uint16_t ruleIndex);
 
 /* ------------------------------------------------------------------------------------------------------ macros -- */
 
 /*
- * Appends a macro; equal names are not looked for.
+ * Appends a macro without checking for equal names.
  *   macro  KXRULE_MACRO_BYTES(nItemCount) bytes, copied
  * 0, or KXRULE_E_NULL_POINTER  macro is null, or memory ran out
  */
@@ -581,10 +585,10 @@ KXRULE_API int32_t kxRuleDeleteMacro(void);
 KXRULE_API int32_t kxRuleGetMacroCount(void);
 
 /*
- * Copies all macros out, one packed record right after the other, in the order they were added; dwReserved is left
- * as it was in the buffer.
+ * Copies all macros out, one packed record right after the other, in the order they were added; dwReserved keeps the
+ * value that the buffer had.
  *   buffer      bufferSize bytes; nothing is written when it is null or too small
- * The bytes needed for all macros (at most 2^31 - 1), in either case. Call with bufferSize 0 first.
+ * Returns the bytes needed for all macros (at most 2^31 - 1), in either case. Call with bufferSize 0 first.
  */
 KXRULE_API int32_t kxRuleGetMacro(void* buffer, int32_t bufferSize);
 
@@ -605,7 +609,7 @@ KXRULE_API int32_t kxRuleGetMacro(void* buffer, int32_t bufferSize);
 KXRULE_API int32_t kxRuleGetRuleString(uint16_t ruleSetIndex, uint16_t ruleIndex, char* text, int32_t textSize);
 
 /*
- * A record that need not be stored as a line of text, normalised as if it were added. Takes no lock; may load
+ * A record, which need not be stored, as a line of text, normalised as if it were added. Takes no lock; may load
  * KxHash.dll.
  * The length, or KXRULE_E_NULL_POINTER  rule is null
  *                KXRULE_E_RULE_TEXT     its kind is not 1 to 5, or memory ran out
@@ -639,8 +643,9 @@ KXRULE_API int32_t kxRuleGetMacroString(const PFW_MACRO* macro, char* text, int3
  * that text, fails, and ends with that set. Refresh application by application where there are such rules.
  * Rules whose dwSystem is neither 0 nor 1 are left alone. An uninitialised library returns 0.
  * A rule that fails keeps its hash and does not stop its set; the walk ends after the first set with a failure and
- * returns that set's first one. Changed sets are written with the next timed write. Takes the master lock only, for as
- * long as it reads files: a call that changes the store waits for it meanwhile, and behind that call all others.
+ * returns that set's first one. Changed sets are written with the next timed write. Takes the master lock only, for
+ * as long as it reads files: meanwhile a call that changes the store waits for it, and all other calls wait for that
+ * call.
  */
 KXRULE_API int32_t kxRuleUpdateHashValue(const KXWCHAR* applicationPath, const uint8_t* hash,
                                          KXRULE_HASH_CALLBACK callback, void* context);

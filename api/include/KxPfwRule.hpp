@@ -113,9 +113,9 @@ inline std::error_code make_error_code(Result result) noexcept
     return {result.code(), category()};
 }
 
-/// A value, or the error that says why there is none. What * and -> give lives as long as the outcome does; * moves out
-/// of a temporary one, and -> wants one with a name, so that no range or text of a temporary is left behind. Both want
-/// an outcome that has a value.
+/// A value, or the error that says why there is none. What * and -> return is valid as long as the outcome; * moves out
+/// of a temporary, and -> requires a named one, so that no range or text of a temporary dangles. Both require an
+/// outcome with a value.
 template <class T>
 class [[nodiscard]] Outcome
 {
@@ -126,7 +126,7 @@ public:
     bool has_value() const noexcept { return static_cast<bool>(m_Error); }
     Result error() const noexcept { return m_Error; } ///< KXRULE_OK where there is a value
 
-    /// Not for a bool, whose own value would be taken for it: has_value() or value_or(false) say which one is meant.
+    /// Not for a bool, whose own value would be mistaken for it: has_value() and value_or(false) say what is meant.
     explicit operator bool() const noexcept requires(!std::is_same_v<T, bool>) { return has_value(); }
 
     T& operator*() & noexcept { return m_Value; }
@@ -170,8 +170,8 @@ inline std::basic_string<KXWCHAR> application(const PFW_RULE& rule)
                                                 : std::basic_string<KXWCHAR>();
 }
 
-/// A rule set record with its rules after it, in one block. Without one (as made by default, or moved away) record() is
-/// null, there are no rules, and index and name must not be asked for.
+/// A rule set record with its rules after it, in one block. Without one (default-constructed or moved-from) record() is
+/// null, there are no rules, and index and name must not be called.
 class RuleSet
 {
 public:
@@ -192,12 +192,12 @@ public:
 
     std::span<PFW_RULE> rules() & noexcept { return {first(), count()}; }
     std::span<const PFW_RULE> rules() const& noexcept { return {first(), count()}; }
-    void rules() const&& = delete; // they would go with the temporary
+    void rules() const&& = delete; // they would vanish with the temporary
 
 private:
     friend class Store;
 
-    /// Room that the library is about to fill.
+    /// Memory that the library is about to fill.
     explicit RuleSet(size_t room)
         : m_Bytes(std::make_unique_for_overwrite<unsigned char[]>(KXRULE_RULESET_BYTES(room))), m_Room(room)
     {
@@ -261,7 +261,7 @@ inline std::span<const MACRO_ITEM> items(const PFW_MACRO& macro) noexcept
 namespace detail
 {
 
-/// What a call returned that gives a number or a code.
+/// The result of a call that returns a number or a code.
 inline Outcome<int32_t> number(int32_t value) noexcept
 {
     return {(std::min)(value, KXRULE_OK), (std::max)(value, 0)};
@@ -276,7 +276,7 @@ Outcome<std::string> text(const Call& call)
     int32_t length = call(line, static_cast<int32_t>(sizeof line));
     if (length >= 0 && static_cast<size_t>(length) <= sizeof line)
         text.assign(line, static_cast<size_t>(length));
-    // Between two calls another thread may put a longer rule in the place.
+    // Between two calls another thread may store a longer rule there.
     while (length > 0 && static_cast<size_t>(length) > text.size())
     {
         text.resize(static_cast<size_t>(length));
@@ -309,7 +309,7 @@ extern "C" __declspec(dllimport) int __stdcall WideCharToMultiByte(unsigned int 
                                                                    const wchar_t* from, int fromSize, char* to,
                                                                    int toSize, const char* unmapped, int* anyUnmapped);
 
-/// The text in the active code page; nothing where that would be another text.
+/// The text in the active code page; nothing if that would be a different text.
 inline std::optional<std::string> narrow(std::wstring_view text)
 {
     const int size = static_cast<int>(text.size());
@@ -352,13 +352,13 @@ public:
     }
     ~Store() { close(); }
 
-    /// Null for the rule directory: the DLL's own; for the master file: KxRulMas.dat. Leaves nothing running when it
+    /// Null for the rule directory means the DLL's own, for the master file KxRulMas.dat. Leaves nothing running if it
     /// fails.
     Result open(const char* rulePath, const char* masterFileName = nullptr) noexcept
     {
         const Result result = kxRuleInitialize(rulePath, masterFileName);
         if (result == KXRULE_E_MUTEX)
-            kxRuleFinalize(); // stops the trace, which went on
+            kxRuleFinalize(); // stops the trace, which is still on
         m_Open = m_Open || result;
         return result;
     }
@@ -375,7 +375,7 @@ public:
     }
 #endif
 
-    /// Writes what changed; flush() before it tells whether that works.
+    /// Writes changes; call flush() first to learn whether that works.
     void close() noexcept
     {
         if (std::exchange(m_Open, false))
@@ -409,7 +409,7 @@ public:
         return kxRuleSetActiveRuleSet(indexes.data(), static_cast<int32_t>(indexes.size()));
     }
 
-    /// The set's own index is what the library gave it; index 0 has a free one chosen.
+    /// The set's own index becomes the one that the library assigned; index 0 chooses a free one.
     Result addRuleSet(RuleSet& ruleSet, uint16_t index = 0) noexcept
     {
         return kxRuleAddRuleSet(index, ruleSet.record());
@@ -437,7 +437,7 @@ public:
             count = kxRuleGetRuleSet(index, set.record(), count);
         }
         if (count < 0)
-            return {count, RuleSet()}; // it may have gone after it was counted
+            return {count, RuleSet()}; // it may have been deleted after it was counted
         return {KXRULE_OK, std::move(set)};
     }
 
@@ -450,7 +450,7 @@ public:
     {
         return kxRuleAddRule(ruleSet, index, &rule);
     }
-    /// (Rule 0 can only go with all others.)
+    /// (Rule 0 can only be deleted together with all others.)
     Result deleteRule(uint16_t ruleSet, uint16_t index) noexcept
     {
         return index == 0 ? Result(KXRULE_E_NO_RULE) : Result(kxRuleDeleteRule(ruleSet, index));
@@ -460,7 +460,7 @@ public:
         return kxRuleDeleteRule(ruleSet, 0);
     }
 
-    /// Into the caller's record, which spares lookups in a loop the copy that a returned value may cost.
+    /// Into the caller's record, which saves look-ups in a loop the copy that a returned value may cost.
     Result rule(uint16_t ruleSet, uint16_t index, PFW_RULE& rule) const noexcept
     {
         return kxRuleGetRule(ruleSet, index, &rule);
@@ -523,7 +523,7 @@ public:
 
     /// Refreshes application hashes: of the rules for one path, or of all (null). hash is null or 20 bytes; see
     /// kxRuleUpdateHashValue. changed(uint32_t ruleSet, const PFW_RULE& rule) is called for each rule that got one; it
-    /// must not call the library. What it throws does not end the refresh: it is thrown on when all is done.
+    /// must not call the library. An exception of it does not end the refresh; it is rethrown at the end.
     template <class Changed>
     Result updateHashes(const KXWCHAR* applicationPath, const uint8_t* hash, Changed&& changed)
     {

@@ -31,7 +31,7 @@ namespace kxrule
 
 using WideView = std::basic_string_view<KXWCHAR>;
 
-// What may be wrong with a literal, in the words that the compiler shows.
+// What can be wrong with a literal, in the words that the compiler shows.
 #define KXRULE_FAULTS(F)                                                                                               \
     F(an_address_is_any_or_like_10_0_0_1_or_fe80_1_or_at_name)                                                         \
     F(an_ipv4_number_has_a_leading_zero_which_some_read_as_octal)                                                      \
@@ -43,7 +43,7 @@ using WideView = std::basic_string_view<KXWCHAR>;
     F(the_text_holds_a_nul)                                                                                            \
     F(the_name_after_the_at_sign_is_missing)
 
-/// Called by no program: the compiler names one of these when it refuses a literal.
+/// Never called: the compiler names one of these when it refuses a literal.
 namespace wrong_literal
 {
 #define KXRULE_FAULT(name) void name();
@@ -112,7 +112,7 @@ constexpr bool negated(std::string_view& text)
     return negated;
 }
 
-/// Whether a field of that many units, terminator included, takes the text whole.
+/// Whether the text fits a field of that many units, terminator included.
 template <class Unit>
 constexpr Fault fits(std::basic_string_view<Unit> text, size_t units)
 {
@@ -142,7 +142,7 @@ void fill(void* field, size_t size, std::basic_string_view<Unit> text)
 
 } // namespace detail
 
-/// A text that its field takes whole: cut, a path or a name would be another one.
+/// A text that fits its field: if cut, a path or a name would be a different one.
 template <class Unit, size_t Units> // of the field, terminator included
 class FieldText
 {
@@ -426,10 +426,10 @@ private:
     std::array<char, KXRULE_PORT_LIST_BYTES> m_Text = {};
 };
 
-/// One rule under construction. It stands wherever a const PFW_RULE& is wanted, without a copy; to keep the rule, copy
-/// it (const PFW_RULE rule = access()...): a reference would outlive the builder. Calls that a kind of rule has no
-/// field for do not compile; addresses and ports not mentioned are "any". Of the texts only the description is cut to
-/// its field.
+/// One rule under construction. It can be passed wherever a const PFW_RULE& is expected, without a copy; to store the
+/// rule, copy it (const PFW_RULE rule = access()...), since a reference would outlive the builder. Calls for which a
+/// kind of rule has no field do not compile; addresses and ports not mentioned are "any". Of the texts only the
+/// description is cut to its field.
 template <uint32_t Kind, auto PFW_RULE::*Body, class TheStreamText = StreamText>
 class RuleBuilder
 {
@@ -458,7 +458,7 @@ public:
         return detail::fill(&m_Rule.wszDescription, sizeof m_Rule.wszDescription, text), *this;
     }
 
-    // Whom it concerns. A NAT rule has a third address and port, the new one.
+    // Which traffic it applies to. A NAT rule has a third address and port, the new one.
     RuleBuilder& from(const Address& address) { return body().Addr[0] = address.record(), *this; }
     RuleBuilder& to(const Address& address) { return body().Addr[1] = address.record(), *this; }
     RuleBuilder& fromPort(const Port& port) { return body().Port[0] = port.record(), *this; }
@@ -481,7 +481,7 @@ public:
         return detail::fill(&body().wszAppName, sizeof body().wszAppName, path.view()), *this;
     }
 
-    // What happens.
+    // What happens to it.
     RuleBuilder& action(uint32_t action) { return body().dwAction = action, *this; }
     RuleBuilder& accept() { return action(KXRULE_ACTION_ACCEPT); }
     RuleBuilder& drop() { return action(KXRULE_ACTION_DROP); }
@@ -551,7 +551,7 @@ inline auto genStream()
     return RuleBuilder<KXRULE_KIND_GENSTREAM, &PFW_RULE::GenStream, GenStreamText>();
 }
 
-/// One macro under construction; it stands wherever a const PFW_MACRO& is wanted, without a copy.
+/// One macro under construction; it can be passed wherever a const PFW_MACRO& is expected, without a copy.
 class Macro
 {
 public:

@@ -1,4 +1,4 @@
-// KxHash.dll: SHA-1 of a file through the system's own cryptography. KxHash.h is the contract.
+// KxHash.dll: SHA-1 of a file through the system's own cryptography. KxHash.h documents it.
 #include "companions/hash/KxHash.h"
 
 #include <algorithm>
@@ -28,7 +28,7 @@ struct Sha1
     Sha1() = default;
     ~Sha1()
     {
-        ::BCryptDestroyHash(Hash); // before what it was made with; both take null
+        ::BCryptDestroyHash(Hash); // before the algorithm it belongs to; both calls accept null
         ::BCryptCloseAlgorithmProvider(Algorithm, 0);
     }
     Sha1(const Sha1&) = delete;
@@ -45,7 +45,7 @@ enum class Place
     Device
 };
 
-// Told by the path alone: opening what lies elsewhere may already take as long as its owner likes.
+// Decided by the path alone: even opening a remote file may take as long as its server likes.
 Place PlaceOf(std::wstring full)
 {
     const auto starts = [&full](const wchar_t* with, int length)
@@ -65,7 +65,7 @@ Place PlaceOf(std::wstring full)
     return starts(L"Volume{", 7) ? Place::Local : Place::Device;
 }
 
-// A link may have led to a server, and the bytes of a file may have been moved to another medium or into a cloud.
+// A link may have led to a server, and a file's bytes may have been moved to another medium or to a cloud.
 bool IsElsewhere(HANDLE file, const BY_HANDLE_FILE_INFORMATION& info)
 {
     constexpr DWORD kRecalled = FILE_ATTRIBUTE_OFFLINE | 0x00040000 | 0x00400000; // on opening, on reading
@@ -89,7 +89,7 @@ bool MayUseNetwork()
     for (int attempt = 0; attempt < 5 && error == KxCompanions::kOplocked; ++attempt)
     {
         if (attempt != 0)
-            ::Sleep(20); // well-behaved holders, such as the file server, let go within that time
+            ::Sleep(20); // well-behaved holders, such as the file server, release it within that time
         error = KxCompanions::Open(file, nullptr, KxCompanions::NtPath(full), FILE_GENERIC_READ, FILE_OPEN,
                                    FILE_NON_DIRECTORY_FILE | FILE_SEQUENTIAL_ONLY);
     }
@@ -109,7 +109,7 @@ bool MayUseNetwork()
         if (!::ReadFile(file, piece.get(), std::min(size, kPieceSize), &got, nullptr))
             return ::GetLastError();
         if (got == 0)
-            return ERROR_RETRY; // it has become shorter
+            return ERROR_RETRY; // the file has become shorter
         status = ::BCryptHashData(sha1.Hash, piece.get(), got, 0);
     }
     if (status >= 0)
@@ -122,13 +122,13 @@ bool MayUseNetwork()
     const KxCommon::OwnIdentity identity;
     if (!identity)
         return ERROR_ACCESS_DENIED;
-    const KxCommon::QuietErrors quiet; // the path may name a drive without a disk
+    const KxCommon::QuietErrors quiet; // the path may name a drive without a medium
     const std::wstring full = KxCompanions::FullPath(path);
     const Place place = PlaceOf(full);
     if (place == Place::Network && !MayUseNetwork())
         return ERROR_NETWORK_ACCESS_DENIED;
     KxCommon::UniqueFile file;
-    // Reading a pipe or a console could wait for ever, reading a whole disk nearly so.
+    // Reading a pipe or a console could wait for ever, and reading a whole disk nearly so.
     if (const DWORD error = place == Place::Device ? ERROR_BAD_FILE_TYPE : OpenToRead(file, full))
         return error;
     BY_HANDLE_FILE_INFORMATION before, after;
@@ -137,7 +137,7 @@ bool MayUseNetwork()
     if (IsElsewhere(file.get(), before) && !MayUseNetwork())
         return ERROR_NETWORK_ACCESS_DENIED;
     if (before.nFileSizeHigh != 0)
-        return ERROR_FILE_TOO_LARGE; // no program: the system runs none of that size
+        return ERROR_FILE_TOO_LARGE; // not a program: the system runs none of that size
 
     uint8_t hash[kHashSize];
     if (const DWORD error = HashBytes(file.get(), before.nFileSizeLow, hash))

@@ -23,7 +23,7 @@ using KxCommon::Synchronize::CriticalSection;
 using KxTrace::Session;
 using Lock = KxCommon::Synchronize::ScopedLock<CriticalSection>;
 
-// Handles are numbers that are never given twice, so that a stale one is noticed.
+// Handles are numbers that are never reused, so that a stale one is detected.
 CriticalSection g_Lock;
 std::map<uint64_t, std::shared_ptr<Session>> g_Sessions KX_GUARDED_BY(g_Lock);
 uint64_t g_Last KX_GUARDED_BY(g_Lock) = 0;
@@ -32,7 +32,7 @@ template <class Body>
 int32_t Guarded(Body body) noexcept
 {
     const DWORD lastError = ::GetLastError();
-    const KxCommon::QuietErrors quiet; // log and settings may lie on a drive without a disk
+    const KxCommon::QuietErrors quiet; // log and settings may be on a drive without a medium
     DWORD result = ERROR_GEN_FAILURE;
     try
     {
@@ -68,7 +68,7 @@ int32_t WithSession(uint64_t handle, const void* argument, const Body& body) noe
         });
 }
 
-// The folder of this library's file, as it is named behind all links and with backslash.
+// The folder of this library's file, with all links resolved and a trailing backslash.
 std::wstring OwnFolder()
 {
     HMODULE self = nullptr;
@@ -90,7 +90,7 @@ std::wstring OwnFolder()
 extern "C"
 {
 
-    /// Starts a session. Until KxPfw.ini in this library's folder says something else the settings are those of config.
+    /// Starts a session. Its settings are those of config until KxPfw.ini in this library's folder says otherwise.
     /// Nothing is opened or created before the first line.
     /// @param handle  receives the session's handle, never 0; set to 0 on failure
     /// @param config  at any address; copied
@@ -115,14 +115,14 @@ extern "C"
             });
     }
 
-    /// Ends a session and closes its log. Calls that are on their way in other threads are finished.
+    /// Ends a session and closes its log. Calls in progress on other threads are completed.
     /// @return 0, or ERROR_INVALID_HANDLE (6)
     int32_t KxDbgUninitialize(uint64_t handle)
     {
         return Guarded(
             [=]() -> DWORD
             {
-                std::shared_ptr<Session> session; // ends after the lock
+                std::shared_ptr<Session> session; // destroyed after the lock is released
                 const Lock lock(g_Lock);
                 if (auto node = g_Sessions.extract(handle))
                     session = std::move(node.mapped());
@@ -131,13 +131,12 @@ extern "C"
     }
 
     /// Writes one line, as UTF-8. Lines of several threads and processes do not mix.
-    /// @param time  when the line was made; it is part of the text too and not looked at here. May be null.
-    /// @param line  complete, with its CR LF; an empty one writes nothing
-    /// @return 0, also when the trace is off, or the Windows error that cost the line, among them
-    ///         ERROR_INVALID_HANDLE (6), ERROR_INVALID_PARAMETER (87)  line is null
-    ///         ERROR_ACCESS_DENIED (5)      the folder or the file may not be written, or a link leads to the folder
-    ///         ERROR_DISK_FULL (112)
-    ///         ERROR_FILE_TOO_LARGE (223)   the log has twice its size limit and somebody keeps it from being renamed
+    /// @param time  when the line was made; ignored, since it is part of the text too. May be null.
+    /// @param line  complete, with its CR LF; for an empty one nothing is written
+    /// @return 0, also when the trace is off, or the Windows error that cost the line, among them ERROR_INVALID_HANDLE
+    ///         (6), ERROR_INVALID_PARAMETER (87)  line is null ERROR_ACCESS_DENIED (5)      the folder or the file may
+    ///         not be written, or a link leads to the folder ERROR_DISK_FULL (112) ERROR_FILE_TOO_LARGE (223)   the log
+    ///         has twice its size limit and another program keeps it from being renamed
     int32_t KxDbgTrace(uint64_t handle, const SYSTEMTIME* /*time*/, const wchar_t* line)
     {
         return WithSession(handle, line, [=](Session& session) { return session.Trace(line); });
@@ -158,8 +157,8 @@ extern "C"
     }
 
     /// The settings in force. A change of KxPfw.ini shows within a second.
-    /// @param config  at any address; filled whole on success, left alone otherwise. The time is when the settings were
-    ///                taken over.
+    /// @param config  at any address; filled on success, otherwise unchanged. The time is when the settings came into
+    ///                force.
     /// @return 0, or ERROR_INVALID_HANDLE (6), ERROR_INVALID_PARAMETER (87)  config is null
     int32_t KxDbgGetDebugConfig(uint64_t handle, KxCommon::DebugConfig* config)
     {

@@ -22,14 +22,15 @@ namespace
 
 using KxCommon::UniqueFile;
 
-// When to try again what was begun at that tick: a second later, and a server that is gone may have a tenth of our time.
+// When to retry an attempt that began at that tick: a second later at least; a server that does not answer may take a
+// tenth of our time.
 uint64_t NextAttempt(uint64_t begin) noexcept
 {
     const uint64_t end = ::GetTickCount64();
     return end + std::max<uint64_t>(1000, 10 * (end - begin));
 }
 
-// Whether an open folder lies where its path says, and not where a link in the path leads.
+// Whether an open folder is where its path says, and not where a link in the path leads.
 bool IsAt(HANDLE folder, std::wstring_view path)
 {
     const std::wstring found = KxCompanions::FinalPath(folder);
@@ -37,7 +38,7 @@ bool IsAt(HANDLE folder, std::wstring_view path)
                                   static_cast<int>(path.size()), TRUE) == CSTR_EQUAL;
 }
 
-// Opens a folder, creating what is missing of it in folders that have been seen to lie in their places.
+// Opens a folder, creating missing parts of it in folders that were verified first.
 DWORD OpenFolder(UniqueFile& folder, const std::wstring& path, void* security)
 {
     constexpr ACCESS_MASK kAccess = FILE_LIST_DIRECTORY | FILE_TRAVERSE | FILE_READ_ATTRIBUTES;
@@ -61,7 +62,7 @@ DWORD OpenFolder(UniqueFile& folder, const std::wstring& path, void* security)
     return error;
 }
 
-// No link to what only a service may write, under whatever name, and not deleted.
+// Not a link, under whatever name, to a file that only a service may write, and not deleted.
 bool IsPlainFile(HANDLE file) noexcept
 {
     BY_HANDLE_FILE_INFORMATION info;
@@ -78,14 +79,14 @@ bool IsSameFile(HANDLE a, HANDLE b) noexcept
            first.nFileIndexLow == second.nFileIndexLow;
 }
 
-// When it was last written to, its number, which orders those that the clock does not tell apart, and its name.
+// Time of the last write, number (which orders files with equal times), and name.
 using OldLog = std::tuple<int64_t, uint64_t, std::wstring>;
 
-// Oldest first: the predecessors of the log and, when each process has one, the logs of all processes but this one.
+// Oldest first: the predecessors of the log and, if each process has one, the logs of all other processes.
 std::vector<OldLog> ListOldLogs(HANDLE folder, const LogName& log)
 {
     std::vector<OldLog> logs;
-    std::vector<int64_t> buffer(8192); // aligned as the records are
+    std::vector<int64_t> buffer(8192); // aligned like the records
     FILE_INFO_BY_HANDLE_CLASS kind = FileIdBothDirectoryRestartInfo;
     while (::GetFileInformationByHandleEx(folder, kind, buffer.data(), static_cast<DWORD>(buffer.size() * 8)))
     {
@@ -118,8 +119,9 @@ DWORD Rename(HANDLE file, HANDLE folder, const std::wstring& name)
         ::NtSetInformationFile(file, &result, rename, static_cast<ULONG>(buffer.size() * 8), FileRenameInformation));
 }
 
-// Gives a number to what has the log's name, if it is what was opened by it. Two processes may do so at once: it is the
-// same file that they rename, so the second number counts and no new log is touched. False when somebody does not let it.
+// Renames the file that has the log's name to a number, if it is the one that was opened. If two processes do so at
+// once, they rename the same file, so the second number counts and no new log is touched. False if another program
+// prevents it.
 bool PutAside(HANDLE folder, const LogName& log, HANDLE opened)
 {
     UniqueFile file;
@@ -127,7 +129,7 @@ bool PutAside(HANDLE folder, const LogName& log, HANDLE opened)
                                                FILE_OPEN_REPARSE_POINT))
         return error == ERROR_FILE_NOT_FOUND;
     if (!IsSameFile(file.get(), opened))
-        return true; // somebody has been faster
+        return true; // another process was faster
     DWORD error = ERROR_ALREADY_EXISTS;
     for (int attempt = 0; attempt < 10 && error == ERROR_ALREADY_EXISTS; ++attempt)
     {
@@ -145,8 +147,8 @@ void RemoveOldLogs(HANDLE folder, const LogName& log)
     for (size_t i = 0; i + log.Kept() < logs.size(); ++i)
     {
         const auto& [written, number, name] = logs[i];
-        // Nobody writes to a predecessor any more; what has no number may be the log of a living process and is deleted
-        // only if nobody has it open.
+        // Nobody writes to a predecessor any more; a file without a number may be the log of a running process and is
+        // deleted only if nobody has it open.
         const ULONG share = number != 0 ? FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE : 0;
         UniqueFile doomed;
         FILE_DISPOSITION_INFO deletion = {TRUE};
@@ -156,7 +158,7 @@ void RemoveOldLogs(HANDLE folder, const LogName& log)
     }
 }
 
-// A file that does not tell counts as full.
+// A file whose size is unknown counts as full.
 uint64_t SizeOf(HANDLE file) noexcept
 {
     LARGE_INTEGER size;
@@ -181,8 +183,8 @@ void LogFile::Close() noexcept
 
 DWORD LogFile::Append(uint64_t limit, bool flush, std::string_view line)
 {
-    // Opened anew from time to time: the file may have been deleted, renamed or replaced under our handle. One that is
-    // full stays so under its new name, which is how every process learns that another one rolled over.
+    // Reopened from time to time: the file may have been deleted, renamed or replaced while we have it open. A full log
+    // stays full under its new name, which is how every process learns that another one rolled over.
     if (const uint64_t begin = ::GetTickCount64(); begin >= m_OpenAt || (m_HadRoom && SizeOf(m_File.get()) >= limit))
     {
         m_Error = Open(limit);
@@ -200,8 +202,8 @@ DWORD LogFile::Append(uint64_t limit, bool flush, std::string_view line)
     return flush && !::FlushFileBuffers(m_File.get()) ? ::GetLastError() : ERROR_SUCCESS;
 }
 
-// The new handle is opened before the old one is closed: in between somebody could take an oplock and keep us waiting.
-// When it cannot be had, the old one goes on to serve.
+// The new handle is opened before the old one is closed, since in between a program could take an oplock and make us
+// wait. If that fails, the old one remains in use.
 DWORD LogFile::Open(uint64_t limit)
 {
     const std::wstring name = m_Name.Name();
@@ -210,14 +212,15 @@ DWORD LogFile::Open(uint64_t limit)
     const KxCommon::OwnIdentity identity;
     if (!identity)
         return ERROR_ACCESS_DENIED;
-    PSECURITY_DESCRIPTOR descriptor = nullptr; // the system's and the administrators' alone
+    PSECURITY_DESCRIPTOR descriptor = nullptr; // for the system and the administrators only
     if (m_Name.IsProtected && !::ConvertStringSecurityDescriptorToSecurityDescriptorW(
                                   L"D:P(A;OICI;FA;;;SY)(A;OICI;FA;;;BA)", SDDL_REVISION_1, &descriptor, nullptr))
         return ::GetLastError();
     const KxCommon::UniqueLocalMemory owner(descriptor);
 
     UniqueFile folder, file;
-    // Append access without write access: the system finds the end and writes there in one step, whoever else does.
+    // Append access without write access: the system finds the end and writes there in one step, no matter who else
+    // writes.
     const auto open = [&]
     {
         return KxCompanions::Open(file, folder.get(), name, FILE_APPEND_DATA | FILE_READ_ATTRIBUTES, FILE_OPEN_IF,
@@ -231,7 +234,7 @@ DWORD LogFile::Open(uint64_t limit)
             error = open();
         if (error == ERROR_ACCESS_DENIED && folder && m_File && !IsPlainFile(m_File.get()))
         {
-            m_File.reset(); // before Windows 10 a deleted file keeps its name while somebody holds it
+            m_File.reset(); // before Windows 10 a deleted file keeps its name while it is open
             error = open();
         }
         if (error != ERROR_SUCCESS)

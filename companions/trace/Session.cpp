@@ -1,4 +1,4 @@
-// A session of the trace library: when its settings are read again and what becomes of a line.
+// A session of the trace library: when its settings are read again, and what happens to a line.
 #include "companions/trace/Session.h"
 
 #include <cwctype>
@@ -15,7 +15,7 @@ using Lock = KxCommon::Synchronize::ScopedLock<KxCommon::Synchronize::CriticalSe
 namespace
 {
 
-// Whether a row of a dump begins here; no other message has line breaks of its own.
+// Whether a row of a dump begins here; no other message contains line breaks.
 bool IsDumpRow(std::wstring_view text)
 {
     return text.starts_with(L"\r\n??? ") || (text.size() > 4 && text.starts_with(L"\r\n ") &&
@@ -25,10 +25,11 @@ bool IsDumpRow(std::wstring_view text)
 bool IsControl(wchar_t unit)
 {
     return (std::iswcntrl(unit) != 0 && unit != L'\t') || unit == 0x2028 || unit == 0x2029 || // breaks of lines
-           (unit >= 0x202A && unit <= 0x202E) || (unit >= 0x2066 && unit <= 0x2069);          // text turned around
+           (unit >= 0x202A && unit <= 0x202E) || (unit >= 0x2066 && unit <= 0x2069);          // direction of text
 }
 
-// Messages hold names out of rules: nothing in them may pass for a line of its own, or for an order to a terminal.
+// Messages contain names from rules: nothing in them must pass for a line of its own or for a terminal's control
+// sequence.
 std::wstring Printable(std::wstring_view line)
 {
     std::wstring text(line);
@@ -46,7 +47,7 @@ std::wstring Printable(std::wstring_view line)
 std::string ToUtf8(const std::wstring& text)
 {
     const int length = static_cast<int>(text.size());
-    std::string utf8(text.size() * 3, '\0'); // no unit takes more
+    std::string utf8(text.size() * 3, '\0'); // no unit needs more
     utf8.resize(static_cast<size_t>(::WideCharToMultiByte(CP_UTF8, 0, text.data(), length, utf8.data(),
                                                           static_cast<int>(utf8.size()), nullptr, nullptr)));
     return utf8;
@@ -86,7 +87,7 @@ DWORD Session::Trace(const wchar_t* line)
     if (head.bEnable == 0 || *line == L'\0')
         return ERROR_SUCCESS;
     const std::wstring text = Printable(line);
-    // Without a debugger the text would go to a buffer that any process can make, read and keep others waiting at.
+    // Without a debugger the text would go to a buffer that any process can create, read, and block others with.
     if (head.bDebugger != 0 && ::IsDebuggerPresent() != FALSE)
         ::OutputDebugStringW(text.c_str());
     return m_Log.Append(uint64_t{m_Settings.SizeLimit} * 1024, head.bRobust != 0, ToUtf8(text));
@@ -113,7 +114,7 @@ void Session::Apply()
     m_Config = Narrow(m_Settings.Record);
     m_Log.Use(MakeLogName(m_Settings.Record, m_Folder, ::GetCurrentProcessId()));
     if (m_Settings.Record.Head.bEnable == 0)
-        m_Log.Close(); // nobody should find the log of a trace that is off in use
+        m_Log.Close(); // the log of a trace that is off should not be in use
 }
 
 } // namespace KxTrace

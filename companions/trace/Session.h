@@ -14,16 +14,16 @@
 namespace KxTrace
 {
 
-/// Any thread may call any function; one at a time is served.
+/// Any thread may call any function; calls are served one at a time.
 class Session
 {
 public:
-    /// @param folder  the library's own, with backslash; KxPfw.ini is looked for there
+    /// @param folder  the library's own, with a trailing backslash; KxPfw.ini is there
     Session(std::wstring folder, const KxCommon::DebugConfigWide& config);
 
     [[nodiscard]] KxCommon::DebugConfig Config();
     void SetConfig(const KxCommon::DebugConfig& config);
-    /// @return 0, also when the trace is off, or the Windows error that cost the line
+    /// @return 0, also if the trace is off, or the Windows error because of which the line was lost
     [[nodiscard]] DWORD Trace(const wchar_t* line);
 
 private:

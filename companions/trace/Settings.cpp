@@ -34,7 +34,7 @@ void PutText(void* field, size_t size, std::wstring_view text)
     std::memcpy(field, text.data(), std::min(text.size(), size - 1) * sizeof(wchar_t));
 }
 
-// Where services write unless they are told something else: below it nobody but the system and administrators writes.
+// Where services write by default: only the system and administrators may write there.
 std::wstring ServiceFolder()
 {
     wchar_t folder[MAX_PATH] = {};
@@ -47,7 +47,7 @@ bool IsAbsolute(const std::wstring& folder)
     return folder.starts_with(L"\\\\") || (folder.size() > 2 && folder[1] == L':' && folder[2] == L'\\');
 }
 
-// One section of one file by the profile functions. A section that is not there has the defaults.
+// One section of a file, read with the profile functions. A missing section has the defaults.
 struct Section
 {
     std::wstring Path;
@@ -87,7 +87,7 @@ void Read(const Section& section, Settings& settings)
                  Ascii(Keys::DefaultLogFile(record.Head.dwUnit)));
     section.Text(record.szLogExtension, std::size(record.szLogExtension), Keys::kLogExtension,
                  Ascii(Keys::kDefaultLogExtension));
-    // 0 reads like "no limit" and comes out of a mistyped number; neither may fill the disk.
+    // 0 looks like "no limit" and results from a mistyped number; neither must fill the disk.
     const uint32_t limit = section.Number(kLogSizeLimit, 0);
     settings.SizeLimit = limit == 0 ? kDefaultSizeLimit : std::clamp(limit, kLeastSizeLimit, kMostSizeLimit);
 }
@@ -105,7 +105,7 @@ DebugConfig Narrow(const DebugConfigWide& record)
         std::wstring wide = KxCommon::Record::WideText(from, size);
         std::string text = KxCommon::String::ToNarrow(wide);
         for (; text.size() >= size; text = KxCommon::String::ToNarrow(wide))
-            wide.pop_back(); // a unit at a time: bytes would cut a character in half
+            wide.pop_back(); // unit by unit: removing bytes would cut a character in half
         std::copy(text.begin(), text.end(), to);
         from += size * sizeof(wchar_t);
         to += size;
@@ -165,14 +165,15 @@ bool LogName::IsOld(std::wstring_view file, uint64_t& number) const
         return file.empty();
     if (file.size() > 5)
         number = std::wcstoull(std::wstring(file.substr(5)).c_str(), nullptr, 10);
-    return file.find_first_not_of(L".0123456789", 4) == std::wstring_view::npos; // once they had more than a number
+    return file.find_first_not_of(L".0123456789", 4) ==
+           std::wstring_view::npos; // earlier versions had more than a number
 }
 
 SettingsFile::SettingsFile(const std::wstring& folder) : m_Path(folder + Ascii(KxCommon::Names::kSettingsFile)) {}
 
 bool SettingsFile::Update(Settings& settings)
 {
-    // Held open: the profile functions do not tell a file that somebody has locked from one that is empty.
+    // Opened first: the profile functions do not distinguish a locked file from an empty one.
     const KxCommon::UniqueFile file(::CreateFileW(m_Path.c_str(), GENERIC_READ,
                                                   FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, nullptr,
                                                   OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, nullptr));
