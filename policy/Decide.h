@@ -93,8 +93,8 @@ public:
     /// meaning) it counts as one that may decide, and the rules after it are asked as well.
     [[nodiscard]] Decision Decide(const PFW_RULE& traffic) const;
 
-    /// The rules before an access rule that together leave nothing for it to decide, in their order; empty when something
-    /// is left, or may be, or when there are too many parts to tell.
+    /// The rules before an access rule that together leave nothing for it to decide, in their order; empty when
+    /// something is left, or may be, or when there are too many parts to tell.
     [[nodiscard]] std::vector<RuleRef> Covering(size_t place) const;
 
     /// The rules in the order in which they are asked.

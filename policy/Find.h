@@ -21,8 +21,8 @@ struct Hit
 };
 
 /// An address, a prefix or a range finds items that mean some of it; a number finds ports that mean it, and numbers in
-/// texts; anything else finds texts that contain it, in any letter case. Items that mean any are found when that is asked
-/// for. Names mean what the macros do that bear them, and are found with the texts of those, too.
+/// texts; anything else finds texts that contain it, in any letter case. Items that mean any are found when that is
+/// asked for. Names mean what the macros do that bear them, and are found with the texts of those, too.
 [[nodiscard]] std::vector<Hit> Find(const Policy& policy, std::string_view query, bool withAny = false);
 
 } // namespace KxPolicy

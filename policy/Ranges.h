@@ -18,8 +18,8 @@ namespace KxPolicy
 [[nodiscard]] NumberSet EveryNumber();
 
 /// What an item means by itself. A negated one means the other addresses of its family, or the other ports; a port that
-/// was never set means any. Nothing when that cannot be told: names, an address that was never set, other families, lists
-/// that cannot be read, masks with many gaps.
+/// was never set means any. Nothing when that cannot be told: names, an address that was never set, other families,
+/// lists that cannot be read, masks with many gaps.
 [[nodiscard]] std::optional<AddressSet> SetOf(const RULE_ADDR& item);
 [[nodiscard]] std::optional<NumberSet> SetOf(const RULE_PORT& item);
 

@@ -113,12 +113,13 @@ checkTables()
     tables KxVqrDbg.dll KxDbgInitialize KxDbgUninitialize KxDbgTrace KxDbgSetDebugConfig KxDbgGetDebugConfig
 }
 
-# Texts give their own reasons, name no machine, and no file outgrows its reader (500 lines, with some grace; the public header
-# is the reference of the functions and stays whole).
+# Texts give their own reasons and name no machine, comments end at the 120th column, and no file outgrows its reader (500
+# lines, with some grace; the public header is the reference of the functions and stays whole).
 checkText()
 {
     local bad=0
     files . | grep -vE '\.(png|dat|bin)$' | xargs grep -nIE '\b[Ss]pec(s|ification)?\b|\bParts? [0-9]+\.[0-9]|/(work|root|home)/\w' && bad=1
+    files '\.(c|cpp|h|hpp)$' | xargs grep -nE '^.{121,}$' | grep -E ':[0-9]+: *//' && bad=1 # clang-format leaves them
     files '\.(c|cpp|h|hpp|py|sh|cmake)$' | grep -vx api/include/KxPfwRule.h | xargs wc -l |
         awk '$2 != "total" && $1 > 600 { print $2 ": " $1 " lines"; bad = 1 } END { exit bad }' || bad=1
     return $bad

@@ -85,7 +85,8 @@ struct ModulePolicy
     static bool close(pointer module) noexcept { return ::FreeLibrary(module) != FALSE; }
 };
 
-/// The functions that the caller gives, or those of the library that the process has loaded, which stays loaded as long.
+/// The functions that the caller gives, or those of the library that the process has loaded, which stays loaded as
+/// long.
 class RuleFunctions
 {
 public:

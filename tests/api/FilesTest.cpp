@@ -1,5 +1,5 @@
-// The store on disk, through the exports: what comes back, and from where. LivesTest.cpp shows what is written when, and
-// what becomes of damage.
+// The store on disk, through the exports: what comes back, and from where. LivesTest.cpp shows what is written when,
+// and what becomes of damage.
 #include "tests/api/StoreFixture.h"
 
 #include <filesystem>

@@ -37,7 +37,8 @@ TEST_F(StoreTest, WithoutStartNothingTouchesTheDisk)
     EXPECT_TRUE(std::filesystem::is_empty(Directory()));
 }
 
-// Whomever the thread acts for, the files are the process's. A client without a name cannot be put back: nothing is opened.
+// Whomever the thread acts for, the files are the process's. A client without a name cannot be put back: nothing is
+// opened.
 TEST_F(StoreTest, AClientHasNoSayInTheFiles)
 {
     ASSERT_EQ(AddSet(1), 0);

@@ -1,33 +1,35 @@
-// Lives of the library in a directory of their own, told in words:
+// Runs of the library ("lives") in a directory of their own, described in words:
 //
-//     EXPECT_EQ(lives.Run("store 1 2 5; hold mas none; open; read =-10055; end; release; life; sets 1 2 5 m; end"), "");
+//     EXPECT_EQ(lives.Run("store 1 2 5; hold mas none; open; read =-10055; end; release; life; sets 1 2 5 m; end"),
+//     "");
 //
-// A number is a rule set, and its file KxRl0001.dat; mas and mac are the two other files, vol the folder that the rule
-// directory lies in, away another name for it, odd a name outside the code page. Statements, with the result that is
-// expected of it (=any, or 0 if none is given):
+// A number is a rule set and its file, KxRl0001.dat; mas and mac are the two other files, vol is the folder that
+// contains the rule directory, away another name for it, odd a name outside the code page. Statements, each with its
+// expected result (=any; 0 if none is given):
 //
 //     store N...         a life that adds these sets, a macro and an active list
 //     life               open, read
 //     open [F]           kxRuleInitialize; F: relative, or a name below the rule directory
 //     read, write, flush, end (kxRuleFinalize)
-//     add N, delete N, rule N (one more, or one less), again N (one that is there), macro (another one, and another active
-//                        list), nomacro, active (none)
-//     copy F F (which is not there), old F (one of version 1), rename F F, ring F F..., cut F [N] (to N bytes, or its last one), version F (1), remove F,
-//     plain F (no rule file), folder F, attributes F N, list NAME NAME... (a master file with these, the macro file's first)
+//     add N, delete N, rule N (one more, or one less), again N (an existing one), nomacro, active (none),
+//     macro              another one, and another active list
+//     copy F F (to a new one), old F (one of version 1), rename F F, ring F F..., cut F [N] (to N bytes, or by one),
+//     version F (1), remove F, plain F (not a rule file), folder F, attributes F N,
+//     list NAME NAME...  writes a master file with these names, the macro file's first
 //     enter F            makes it the current directory: base, from which relative leads to the rule directory, or back
 //     hold F WHO [MS]    WHO: full, read or none reads and shares everything, reading or nothing; writer may write too
 //     scanner WHO        opens every temporary file as soon as it exists, for a while
 //     refuse FUNCTION    of the system: the library's calls of it fail as on a full disk
-//     release            of everything held and refused
-//     sets N... [m]      exactly these are in memory, with what they were last given, m: and macro and active list.
-//                        N! a rescue set, what N was last given lies kept; N? a rescue set; N* as given, or N!; N~ as
-//                        ever given; N- so, or not there
-//     kept N...          what these were last given lies whole in RuleBackup or as .brk
-//     backups N, gone F, same F F    there are N dated directories; no such file; two files of the same bytes
+//     release            everything held and refused
+//     sets N... [m]      exactly these are in memory, with their last content; m: and macro and active list.
+//                        N! a rescue set, and a copy has the last content of N; N? a rescue set; N* as given, or N!;
+//                        N~ with any content it ever had; N- so, or missing
+//     kept N...          the last content of these is complete in RuleBackup or in a .brk file
+//     backups N, gone F, same F F    there are N dated directories; no such file; two files of equal bytes
 //
-// Whatever is told: what lay whole in the directory before a call lies there whole after it, unless the caller has
-// changed or deleted it since it was read. After a read, the sets of whole listed files are in memory and rescue sets for
-// the others; after a write that succeeded, what is in memory lies in the directory.
+// Whatever is run: what was complete in the directory before a call is complete after it, unless the caller has changed
+// or deleted it since it was read. After a read, memory holds the sets of intact listed files and rescue sets for the
+// others; after a successful write, the directory holds what is in memory.
 #pragma once
 
 #include <filesystem>

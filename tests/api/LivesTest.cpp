@@ -101,8 +101,8 @@ TEST(Lives, NothingIsLostWhereNothingFails)
         EXPECT_EQ(Lives().Run(row.script), "") << row.name;
 }
 
-// Somebody holds a file, or opens each temporary one for a moment: what each call answers, and that all comes right when
-// he lets go. Whoever lets nobody read is a busy file; he who lets nobody write stands in the way of a write.
+// Somebody holds a file, or opens each temporary one for a moment: what each call answers, and that all comes right
+// when he lets go. Whoever lets nobody read is a busy file; he who lets nobody write stands in the way of a write.
 TEST(Lives, EveryHolderOfEveryFile)
 {
     // FILE is the file, WHO holds it, CODE what the call answers.

@@ -221,8 +221,8 @@ TEST_F(Trace, SeesTheSettingsChange)
     EXPECT_TRUE(comes(0, 256));
 }
 
-// Three sessions take turns, each with handles of its own, as processes would. (Windows puts a line at the end of the file
-// in one step; Wine takes two, between which another one may write.)
+// Three sessions take turns, each with handles of its own, as processes would. (Windows puts a line at the end of the
+// file in one step; Wine takes two, between which another one may write.)
 TEST_F(Trace, KeepsOnePredecessorAndTheSizeLimit)
 {
     for (const wchar_t* const old : {L"VQR_.log.old", L"VQR_.log.old.248.4711"}) // of earlier versions

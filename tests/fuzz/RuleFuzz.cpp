@@ -1,5 +1,5 @@
-// Bytes as a rule or a macro: normalised, rendered, written, read back, shown as JSON. The first byte tells which; behind
-// it stands the record, zeroes following, or the macro's name and its items.
+// Bytes as a rule or a macro: normalised, rendered, written, read back, shown as JSON. The first byte tells which;
+// behind it stands the record, zeroes following, or the macro's name and its items.
 #include <array>
 #include <cstring>
 #include <memory>

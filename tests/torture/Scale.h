@@ -1,5 +1,5 @@
-// How long and with which random numbers a campaign runs. scripts/torture.sh sets both; without it a test takes its short
-// form. The seed is printed, and the same seed repeats the run.
+// How long and with which random numbers a campaign runs. scripts/torture.sh sets both; without it a test takes its
+// short form. The seed is printed, and the same seed repeats the run.
 #pragma once
 
 #include <gtest/gtest.h>

@@ -1,5 +1,5 @@
-// A store whose files are known byte by byte before and after a change: encryption is deterministic, so whatever lies in
-// the directory afterwards must be one of the two.
+// A store whose files are known byte by byte before and after a change: encryption is deterministic, so whatever lies
+// in the directory afterwards must be one of the two.
 #pragma once
 
 #include <map>

@@ -1,5 +1,5 @@
-// Every state that a crash or a power loss can leave: a scenario is recorded once, each state on the way is laid out, read
-// and written on, and compared with what callers had been told. docs/recovery.md, "Crash states".
+// Every state that a crash or a power loss can leave: a scenario is recorded once, each state on the way is laid out,
+// read and written on, and compared with what callers had been told. docs/recovery.md, "Crash states".
 #include <gtest/gtest.h>
 
 #include <algorithm>

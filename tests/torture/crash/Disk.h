@@ -1,5 +1,6 @@
-// A disk in memory. The crash tests link Room.cpp in place of the library's room of file calls: it keeps the files here and
-// records what is done to them, so that every state on the way can be made again, and those that only a power loss makes.
+// A disk in memory. The crash tests link Room.cpp in place of the library's room of file calls: it keeps the files here
+// and records what is done to them, so that every state on the way can be made again, and those that only a power loss
+// makes.
 #pragma once
 
 #include <cstdint>

@@ -1,4 +1,5 @@
-// What a file system may leave of a sequence of steps that is cut off. docs/recovery.md, "Crash states", states the models.
+// What a file system may leave of a sequence of steps that is cut off. docs/recovery.md, "Crash states", states the
+// models.
 #pragma once
 
 #include <functional>

@@ -114,8 +114,8 @@ bool IsInUse(const std::string& path, DWORD wanted = 0)
                        [&](const auto& opened) { return opened.second.File == file; });
 }
 
-// Counts a call of the library. False: it is refused, or there is an error. (For good is not for ever: whoever tries until
-// it succeeds would never come back to be told.)
+// Counts a call of the library. False: it is refused, or there is an error. (For good is not for ever: whoever tries
+// until it succeeds would never come back to be told.)
 bool Succeeds(DWORD error = ERROR_SUCCESS)
 {
     ++g_Room.Calls;

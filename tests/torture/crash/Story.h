@@ -1,4 +1,5 @@
-// The words in which the crash tests are told: lives of the library on the room's disk, and what others do to its files.
+// The language of the crash tests: runs of the library ("lives") on the disk in memory, and what others do to its
+// files.
 #pragma once
 
 #include <cstdint>
@@ -28,12 +29,12 @@ struct Content
 [[nodiscard]] std::string RecordsIn(const std::string& file);
 [[nodiscard]] bool IsRescue(const std::string& set);
 
-/// Sentences with a semicolon between them, each a verb and its words. A life ends as a process does that crashes, unless it
-/// is stopped. A set's file goes by its number.
+/// Sentences separated by semicolons, each a verb and its words. Unless stopped, a life ends as if the process crashed.
+/// A set's file is named by its number.
 ///   open [RESULT]   begin a life and read        rule SET RULE   add a rule          write [RESULT]
 ///   unread          begin one and do not         touch RULE      add it to all sets  flush
 ///   stop, die       end it                       macro NAME      add one             tick             the timer fires
-///   set N [RULES]   add a set                    active SETS     set the list        store N          a life: sets 1 to N
+///   set N [RULES] add a set active SETS set the list store N a life: sets 1 to N
 ///   delete N        a set, 0: all
 ///   rename A B, swap A B, copy A B, erase A, cut A SIZE, old A   by hand: old is the version whose rules are not read
 ///   hold A, share A, lend A, letgo    somebody else has the file open: for himself, to be read, to be read and renamed
@@ -60,8 +61,8 @@ private:
 
     void Do(const Words& words);
     void Expect(int32_t result, int32_t expected = 0);
-    /// Calls what puts the content on the disk. It is acknowledged with the result 0; not so when a call of the system was
-    /// refused that the result does not tell: isTold is false.
+    /// Calls what puts the content on the disk. Result 0 acknowledges it, unless isTold is false and a system call was
+    /// refused, which the result does not report.
     void Save(const Content& content, const std::function<int32_t()>& call, int32_t expected = 0, bool isTold = true);
     [[nodiscard]] std::string ReadFile(const std::string& path) const;
     void PutFile(const std::string& path, const std::string& content) const;

@@ -1,5 +1,5 @@
-// Time for the crash tests: lives are many and short, so a timer has no thread and never fires, and who sleeps wakes at once
-// in a later time.
+// Time for the crash tests: lives are many and short, so a timer has no thread and never fires, and who sleeps wakes at
+// once in a later time.
 #include <atomic>
 
 #include "common/srclib/KxComn_Windows.h"

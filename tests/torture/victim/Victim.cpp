@@ -1,12 +1,13 @@
-// A process that is made to be killed. It fills a store generation after generation through the exports and says on
-// stdout how far it is; another run of it tells whether what lies on the disk is whole. scripts/torture.py kills it.
+// A process that is made to be killed. It fills a store generation after generation through the exports and reports its
+// progress on stdout; another run of it checks whether the files are complete. scripts/torture.py kills it.
 //
 //   victim write  DIR [LOW HIGH]  checks, changes every rule set, writes, and again, until killed
 //   victim delete DIR [LOW HIGH]  checks, deletes rule sets and adds them anew, until killed
 //   victim next   DIR   one generation of "write"; exit code 0, or 1 and the library's result on stdout
 //   victim read   DIR   reads once
-//   victim check  DIR LOW HIGH [SET]  every rule set (but perhaps SET, which may be missing) is whole and of a generation
-//                       from LOW to HIGH, none is a rescue set, nothing was backed up; exit code 0, or 1 and what is wrong
+//   victim check  DIR LOW HIGH [SET]  every rule set (except SET, which may be missing) is complete and of a
+//                       generation from LOW to HIGH, none is a rescue set, nothing was backed up; exit code 0, or 1 and
+//                       what is wrong
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>

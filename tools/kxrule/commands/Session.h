@@ -29,8 +29,8 @@ struct GlobalOptions
     uint32_t Wait = 10; // seconds, for others who change a store
 };
 
-/// The functions throw Failure. What was begun with BeginChange and not written leaves the files as they were: the library
-/// is then not finalised, so its last write does not happen.
+/// The functions throw Failure. What was begun with BeginChange and not written leaves the files as they were: the
+/// library is then not finalised, so its last write does not happen.
 class Session
 {
 public:
@@ -39,16 +39,16 @@ public:
     Session(const Session&) = delete;
     Session& operator=(const Session&) = delete;
 
-    /// Reads the files of the store to look at it, without the library. Refuses a damaged one: what the library would make
-    /// of it is not what lies there.
+    /// Reads the files of the store to look at it, without the library. Refuses a damaged one: what the library would
+    /// make of it is not what lies there.
     void OpenToLook();
     enum class OnDamage
     {
         Refuse, // unless forced
         Mend    // the change is what mends it
     };
-    /// Reads the store with the library to change it, alone: see Claim. What is damaged is copied below RuleBackup first,
-    /// and told.
+    /// Reads the store with the library to change it, alone: see Claim. What is damaged is copied below RuleBackup
+    /// first, and told.
     void OpenToChange(OnDamage onDamage = OnDamage::Refuse);
     /// Everything in the store. The macros' names are cut to their field as the library hands them out.
     [[nodiscard]] Policy Read();

@@ -38,8 +38,8 @@ struct FileContent
     uint32_t RuleCount = 0; // as the file's head gives it
 };
 
-/// A file as the library names it: its directory, and its name there in the active code page. Throws Failure when the code
-/// page lacks a character of the path and there is no short name.
+/// A file as the library names it: its directory, and its name there in the active code page. Throws Failure when the
+/// code page lacks a character of the path and there is no short name.
 struct StoreFile
 {
     explicit StoreFile(const std::wstring& path);
@@ -49,8 +49,8 @@ struct StoreFile
 
 /// A path in the active code page, by its short name where the long one has no counterpart. Throws Failure.
 [[nodiscard]] std::string NarrowPath(const std::wstring& path);
-/// The rule directory of a path, with the macro file that its master file names. An empty name of the master file (UTF-8)
-/// stands for the default. Throws Failure.
+/// The rule directory of a path, with the macro file that its master file names. An empty name of the master file
+/// (UTF-8) stands for the default. Throws Failure.
 [[nodiscard]] RuleDirectory StoreAt(const std::wstring& path, const std::string& masterFileName);
 
 /// Reads any of the three kinds; the magic decides which.
