@@ -22,8 +22,6 @@ enum class FileDefect;
 class CRuleSet
 {
 public:
-    using Rules = IndexMap<CRule>;
-
     CRuleSet() = default;
     /// From a record and the ruleCount rules that follow it. (ruleCount is the record's own count, which the caller has
     /// read only once, since the record is foreign memory and may change.) Of two rules with the same index the later
@@ -48,7 +46,6 @@ public:
     [[nodiscard]] int32_t RuleCount() const noexcept { return static_cast<int32_t>(m_Rules.Size()); }
     /// All rule indexes, ascending.
     [[nodiscard]] const std::vector<uint16_t>& RuleIndexes() const noexcept { return m_Rules.Keys(); }
-    [[nodiscard]] const Rules& AllRules() const noexcept { return m_Rules; }
 
     /// Writes the head and at most maxRules (0 or more) rules, ascending, at record.
     void CopyRecord(PFW_RULESET* record, int32_t maxRules) const noexcept;
@@ -77,6 +74,7 @@ public:
     [[nodiscard]] int32_t Write(RuleDirectory& directory, const Keeper& keep, CStreamBuffer* lent = nullptr) const;
 
 private:
+    using Rules = IndexMap<CRule>;
     // The index is taken from the copy of a record: the original is foreign memory and may change.
     [[nodiscard]] static uint16_t KeyOf(const CRule& rule) noexcept { return rule.Record().wRuleIndex; }
     struct FileOrder;

@@ -7,8 +7,7 @@
 namespace KxCommon::Names
 {
 
-inline constexpr char kRegistryKey[] = "SOFTWARE\\Quelvane\\VQR\\PFW"; // under HKEY_LOCAL_MACHINE
-inline constexpr KXWCHAR kRegistryKeyWide[] = KXW("SOFTWARE\\Quelvane\\VQR\\PFW");
+inline constexpr KXWCHAR kRegistryKey[] = KXW("SOFTWARE\\Quelvane\\VQR\\PFW"); // under HKEY_LOCAL_MACHINE
 inline constexpr KXWCHAR kInstallPathValue[] = KXW("InstallPath");
 inline constexpr KXWCHAR kHashNetworkFilesValue[] = KXW("HashNetworkFiles");
 inline constexpr char kWriteIntervalValue[] = "RuleWriteInterval";

@@ -2,6 +2,7 @@
 #include "common/srclib/KxComn_Registry.h"
 
 #include <cstring>
+#include <utility>
 
 #include "common/srclib/Utility.h"
 
@@ -47,6 +48,20 @@ std::string KeyPath(const Key& where, const char* name)
     std::string path = where.Location == nullptr ? "" : where.Location;
     AppendSeparator(path);
     return path + (name == nullptr ? "" : name);
+}
+
+// False if there are no more.
+template <class Enumerate>
+bool NextName(std::string& name, DWORD size, const Enumerate& enumerate)
+{
+    std::string found(size, '\0');
+    const LSTATUS status = enumerate(found.data(), &size);
+    if (status == ERROR_NO_MORE_ITEMS)
+        return false;
+    Check(status);
+    found.resize(size);
+    name = std::move(found);
+    return true;
 }
 
 } // namespace
@@ -160,28 +175,16 @@ bool Registry::WriteNumber(const char* name, uint32_t number)
 
 bool Registry::EnumerateKeys(uint32_t index, std::string& name)
 {
-    std::string found(kKeyNameSize, '\0');
-    DWORD size = kKeyNameSize;
-    const LSTATUS status = ::RegEnumKeyExA(m_Key.get(), index, found.data(), &size, nullptr, nullptr, nullptr, nullptr);
-    if (status == ERROR_NO_MORE_ITEMS)
-        return false;
-    Check(status);
-    found.resize(size);
-    name = std::move(found);
-    return true;
+    return NextName(name, kKeyNameSize,
+                    [&](char* found, DWORD* size)
+                    { return ::RegEnumKeyExA(m_Key.get(), index, found, size, nullptr, nullptr, nullptr, nullptr); });
 }
 
 bool Registry::EnumerateValues(uint32_t index, std::string& name)
 {
-    std::string found(kValueNameSize, '\0');
-    DWORD size = kValueNameSize;
-    const LSTATUS status = ::RegEnumValueA(m_Key.get(), index, found.data(), &size, nullptr, nullptr, nullptr, nullptr);
-    if (status == ERROR_NO_MORE_ITEMS)
-        return false;
-    Check(status);
-    found.resize(size);
-    name = std::move(found);
-    return true;
+    return NextName(name, kValueNameSize,
+                    [&](char* found, DWORD* size)
+                    { return ::RegEnumValueA(m_Key.get(), index, found, size, nullptr, nullptr, nullptr, nullptr); });
 }
 
 bool Registry::DeleteValue(const char* name)

@@ -20,7 +20,7 @@ constexpr uint32_t kShortestWriteInterval = 60 * 1000;
 UniqueRegKey OpenProductKey() noexcept
 {
     HKEY key = nullptr;
-    if (::RegOpenKeyExW(HKEY_LOCAL_MACHINE, Names::kRegistryKeyWide, 0, KEY_READ, &key) != ERROR_SUCCESS)
+    if (::RegOpenKeyExW(HKEY_LOCAL_MACHINE, Names::kRegistryKey, 0, KEY_READ, &key) != ERROR_SUCCESS)
         return UniqueRegKey();
     return UniqueRegKey(key);
 }

@@ -37,7 +37,7 @@ TEST(RuleSetRescue, AddsThreeRules)
         bytes[148] = static_cast<unsigned char>(i + 1);        // number
         bytes[152] = bytes[200] = bytes[248] = bytes[381] = 1; // any
         bytes[514] = i == 0 ? 2 : 1;                           // action
-        EXPECT_EQ(std::memcmp(&set.AllRules().ValueAt(i).Record(), bytes, 2845), 0) << i;
+        EXPECT_EQ(std::memcmp(&set.FindRule(expected.wRuleIndex)->Record(), bytes, 2845), 0) << i;
     }
 }
 
