@@ -6,7 +6,7 @@ target_compile_definitions(kx_flags INTERFACE KXRULE_API=) # the exports are com
 target_compile_options(kx_flags INTERFACE
     -Wall -Wextra -Wpedantic -Wshadow
     $<$<CXX_COMPILER_ID:GNU>:-Wno-restrict> # GCC 12 warns falsely about `s = "literal"` at -O2
-    # Same bytes from any checkout. (What counts coverage has to find the sources.)
+    # The same bytes from any checkout. (Coverage tools have to find the sources.)
     $<$<NOT:$<CONFIG:Coverage>>:-ffile-prefix-map=${PROJECT_SOURCE_DIR}/=>
     $<$<BOOL:${KX_WERROR}>:-Werror>)
 

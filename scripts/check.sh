@@ -1,5 +1,5 @@
 #!/bin/bash
-# check.sh [CHECK...]: what neither compiler nor tests look at; without a name, all of it. `tables` needs build/release.
+# check.sh [CHECK...]: what neither compiler nor tests check; without a name, all of it. `tables` needs build/release.
 . "$(dirname "$0")/steps.sh" 0
 
 rooms='api|rules|repository|persistence|common|companions|policy|tools'
@@ -26,9 +26,9 @@ each() { xargs -r -P 2 -I '{}' "$@"; }
 # The layout of the text.
 checkFormat() { files '\.(c|cpp|h|hpp)$' | xargs clang-format --dry-run -Werror; }
 
-# With Clang's own warnings and the lock annotations: what is guarded is touched under its lock only. The analyzer leaves a
-# function after 50000 states instead of 225000, which takes half the time. Findings come on standard output; the other
-# holds little but the count of what system headers would give.
+# With Clang's own warnings and the lock annotations: guarded members are accessed only under their locks. The analyzer
+# gives up on a function after 50000 states instead of 225000, which halves the time. Findings go to standard output;
+# standard error has little but the number of suppressed warnings.
 checkTidy()
 {
     sources | each clang-tidy --quiet '{}' -- "${windows[@]}" "${flags[@]}" -Wthread-safety \
@@ -36,8 +36,8 @@ checkTidy()
         { cat build/check/tidy.log >&2; return 1; }
 }
 
-# Each room knows itself, the contract, and the rooms below it; common and the companions do without the contract, and
-# the shelf of common without the trace over it.
+# Each room includes only itself, the contract, and the rooms below it; common and the companions do without the
+# contract, and common/srclib without the trace.
 checkRooms()
 {
     local room below bad=0
@@ -54,13 +54,13 @@ api         common|rules|persistence|repository
 policy      common|api/include|rules
 tools       common|api/include|rules|persistence|policy
 END
-    # A source that no list names is built by nobody, and a test in it passes.
+    # A source in no list is never built, and a test in it seems to pass.
     files '\.(c|cpp)$' | sed 's|.*/||' |
         grep -vxFf <(git grep -hoE '[-A-Za-z0-9_]+\.(c|cpp)\b' -- '*CMakeLists.txt' tests/sdk) && bad=1
     return $bad
 }
 
-# Every header brings what it needs.
+# Every header includes what it needs.
 checkHeaders()
 {
     files "^($rooms)/.*\.(h|hpp)$" |
@@ -84,9 +84,9 @@ checkContract()
     done
 }
 
-# tables FILE EXPORT...: the library gives exactly these names, takes from Windows alone, asks for no slot of thread-local
-# storage, which nobody would give back when it is released (common/srclib/KxComn_Unload.cpp), and may be moved and not
-# run as data.
+# tables FILE EXPORT...: the library exports exactly these names, imports only from Windows, needs no slot of
+# thread-local storage, which nobody would release with it (common/srclib/KxComn_Unload.cpp), and is marked as
+# relocatable and its data as not executable.
 tables()
 {
     local file=build/release/bin/$1 dump allowed='KERNEL32.dll|ADVAPI32.dll|msvcrt.dll|WS2_32.dll|bcrypt.dll|ntdll.dll'
@@ -113,8 +113,8 @@ checkTables()
     tables KxVqrDbg.dll KxDbgInitialize KxDbgUninitialize KxDbgTrace KxDbgSetDebugConfig KxDbgGetDebugConfig
 }
 
-# Texts give their own reasons and name no machine, comments end at the 120th column, and no file outgrows its reader (500
-# lines, with some grace; the public header is the reference of the functions and stays whole).
+# Texts give reasons of their own and name no machine, comments end at the 120th column, and no file outgrows its reader
+# (500 lines, with some grace; the public header is the reference of the functions and stays whole).
 checkText()
 {
     local bad=0

@@ -1,6 +1,6 @@
 #!/bin/bash
-# coverage.sh [PRESET...]: which lines and branches of the product the tests reach, room by room, under Wine (coverage) and
-# natively (coverage-native). Line by line: build/PRESET/report/index.html.
+# coverage.sh [PRESET...]: which lines and branches of the product the tests reach, by directory, under Wine (coverage)
+# and natively (coverage-native). Line by line: build/PRESET/report/index.html.
 [ $# -gt 0 ] || set -- coverage coverage-native
 . "$(dirname "$0")/steps.sh" $((1 + 2 * $#))
 
@@ -9,8 +9,8 @@ scripts/packages.sh build test coverage
 trap stopWine EXIT
 export NINJA_STATUS='    [%f/%t] '
 
-# Every program in one run, a failing test does not end the measurement. The kills of torture.py count nothing: a process
-# that is killed writes no counters.
+# All programs in one run; a failing test does not end the measurement. The kills of torture.py do not count: a killed
+# process writes no counters.
 runTests()
 {
     local program

@@ -35,7 +35,7 @@ scripts/third_party.py "$package" "$version"
 
 step "$name.zip, its symbols, KxPfwRul.$version.nupkg"
 scripts/nuget.py "$package" "$version" "$dist/KxPfwRul.$version.nupkg"
-# What would tell one packing from another: clock, permissions, order, time zone.
+# What would make two packages differ: clock, permissions, order, time zone.
 cd build/package
 sums=$(cd "$name" && find . -type f -printf '%P\n' | LC_ALL=C sort | xargs -d '\n' sha256sum)
 echo "$sums" >"$name/SHA256SUMS"

@@ -1,6 +1,6 @@
 #!/bin/bash
-# packages.sh [--no-install] GROUP...: installs the Debian packages of these groups that are missing. Says first which and
-# what for, and asks when somebody sits at a terminal. With --no-install it ends there, successfully if none is missing.
+# packages.sh [--no-install] GROUP...: installs the Debian packages of these groups that are missing. Prints first which
+# and what for, and asks if it runs on a terminal. With --no-install it stops there, successfully if none is missing.
 set -euo pipefail
 
 declare -A groups=(
@@ -51,7 +51,7 @@ apt()
         -o Dpkg::Use-Pty=0 -o APT::Status-Fd=3 "$@" </dev/null 2>&1
 }
 
-# Shows how far apt-get is, in quarters, and keeps everything else that it says in case it fails.
+# Shows the progress of apt-get in quarters, and logs everything else in case it fails.
 log=$(mktemp)
 trap 'rm -f "$log"' EXIT
 progress()

@@ -1,9 +1,9 @@
 #!/bin/bash
-# torture.sh [MINUTES [PRESET]]: tries to lose a rule, for half an hour and ten thousand kills unless told otherwise: kills
-# the writer, lets calls fail, fills the disk, damages files, loads the library with threads, fuzzes the readers. Ends
-# with tables of what was tried and lost; fails when anything was. The preset is debug, whose assertions see more, or
-# release. Kills that were broken off go on with the next run.
-# torture.sh crash [PRESET]: every state that a crash can leave, alone; a minute.
+# torture.sh [MINUTES [PRESET]]: tries to lose a rule, for half an hour and ten thousand kills by default: kills the
+# writer, lets calls fail, fills the disk, damages files, loads the library with threads, fuzzes the readers. Prints
+# tables of what was tried and lost, and fails if anything was. The preset is debug, whose assertions detect more, or
+# release. Interrupted kills continue with the next run. torture.sh crash [PRESET]: every state that a crash can leave,
+# alone; a minute.
 . "$(dirname "$0")/steps.sh" 4
 
 step "packages"

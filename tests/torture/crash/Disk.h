@@ -1,6 +1,6 @@
-// A disk in memory. The crash tests link Room.cpp in place of the library's room of file calls: it keeps the files here
-// and records what is done to them, so that every state on the way can be made again, and those that only a power loss
-// makes.
+// A disk in memory. The crash tests link Room.cpp in place of persistence/Files.cpp: it stores the files here and
+// records what is done to them, so that every intermediate state can be reconstructed, including those that only a
+// power loss leaves.
 #pragma once
 
 #include <cstdint>
@@ -59,7 +59,7 @@ struct Disk
     [[nodiscard]] int NumberFor(const std::string& path) const;
 };
 
-/// What the room's calls work on. One thread.
+/// What the file calls work on. One thread.
 struct Room
 {
     static constexpr uint32_t kMostCalls = 2000; // more are an endless loop

@@ -1,10 +1,10 @@
-// The library's room of file calls, on a disk in memory. Errors are those that Windows gives.
+// The library's file calls on a disk in memory, with the errors that Windows returns.
 #include <algorithm>
 #include <cstdio>
 
 #include "tests/torture/crash/Disk.h"
 
-// The real room under another name, so that the two can be compared.
+// The real file calls under another name, so that the two can be compared.
 #define Files RealFiles
 #include "persistence/Files.cpp" // NOLINT(bugprone-suspicious-include)
 #undef Files
