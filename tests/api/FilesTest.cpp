@@ -1,5 +1,5 @@
-// The store on disk, through the exports: what comes back, and from where. LivesTest.cpp shows what is written when,
-// and what becomes of damage.
+// The store on disk, through the exports: what is read back, and from where. LivesTest.cpp tests what is written when,
+// and what happens to damage.
 #include "tests/api/StoreFixture.h"
 
 #include <filesystem>
@@ -44,7 +44,7 @@ TEST_F(FilesTest, WhatWasWrittenComesBackInANewLife)
     EXPECT_EQ(SetIndexes().back(), 0xAC) << "the next index is kept, too";
 }
 
-// Also those that a later one of the same index replaces: whoever watches the hash library sees the file as it is.
+// Also those that a later one of the same index replaces: a hash library that watches the calls sees the file as it is.
 TEST_F(FilesTest, RulesAreTakenOverInTheOrderOfTheFile)
 {
     const RegistryGuard registry;
@@ -74,7 +74,7 @@ TEST_F(FilesTest, RulesAreTakenOverInTheOrderOfTheFile)
     }
 }
 
-// Only while they hold what they would get, and nobody else has written or holds them.
+// Only if they already contain what would be written, and nobody else has written them or has them open.
 TEST_F(FilesTest, MasterAndMacroFileAreNotWrittenAgain)
 {
     ASSERT_EQ(AddSet(1), 0);

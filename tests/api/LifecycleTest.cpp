@@ -37,8 +37,8 @@ TEST_F(StoreTest, WithoutStartNothingTouchesTheDisk)
     EXPECT_TRUE(std::filesystem::is_empty(Directory()));
 }
 
-// Whomever the thread acts for, the files are the process's. A client without a name cannot be put back: nothing is
-// opened.
+// Files are opened with the rights of the process even on a thread that impersonates a client. For an anonymous client,
+// whose token could not be restored, nothing is opened.
 TEST_F(StoreTest, AClientHasNoSayInTheFiles)
 {
     ASSERT_EQ(AddSet(1), 0);
@@ -59,7 +59,7 @@ TEST_F(StoreTest, AClientHasNoSayInTheFiles)
     EXPECT_TRUE(Exists("KxRl0001.dat"));
 }
 
-// The keeper goes on, readers go on, whoever changes waits, and all ends when the keeper finalises.
+// The holder and all readers go on, changes wait, and everything ends when the holder finalises.
 TEST_F(StoreTest, AKeptLockStopsNeitherItsKeeperNorReaders)
 {
     ASSERT_EQ(AddSet(1, {Build::Access(1)}), 0);

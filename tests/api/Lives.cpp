@@ -317,7 +317,7 @@ fs::path Lives::PathOf(const std::string& word) const
     return Rules + (std::isdigit(word[0]) != 0 ? set : word);
 }
 
-// What lies whole below the rule directory, and where.
+// What is complete below the rule directory, and where.
 Lives::Found Lives::Scan() const
 {
     Found found;
@@ -336,7 +336,7 @@ Lives::Found Lives::Scan() const
     return found;
 }
 
-// What a read is to find, or nothing when that depends on more than the files.
+// What a read must find, or nothing if that depends on more than the files.
 std::optional<Lives::Contents> Lives::Readable() const
 {
     for (const auto& [path, held] : m_Held)
@@ -452,7 +452,7 @@ void Lives::Release()
     m_Refused.clear();
 }
 
-// In the place of any function that gives 0 when it fails.
+// Replaces any function that returns 0 on failure.
 BOOL WINAPI Lives::Refuse()
 {
     ::SetLastError(ERROR_DISK_FULL);

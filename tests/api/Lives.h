@@ -1,7 +1,6 @@
 // Runs of the library ("lives") in a directory of their own, described in words:
 //
-//     EXPECT_EQ(lives.Run("store 1 2 5; hold mas none; open; read =-10055; end; release; life; sets 1 2 5 m; end"),
-//     "");
+//     EXPECT_EQ(lives.Run("store 1 2; hold mas none; open; read =-10055; end; release; life; sets 1 2 m; end"), "");
 //
 // A number is a rule set and its file, KxRl0001.dat; mas and mac are the two other files, vol is the folder that
 // contains the rule directory, away another name for it, odd a name outside the code page. Statements, each with its

@@ -1,4 +1,4 @@
-// Several lives on one directory, what people and programs do to it in between, and that no rule is lost by it.
+// Several runs on one directory, and what people and programs do to it in between: no rule must be lost.
 #include "tests/api/Lives.h"
 
 #include <gtest/gtest.h>
@@ -101,11 +101,11 @@ TEST(Lives, NothingIsLostWhereNothingFails)
         EXPECT_EQ(Lives().Run(row.script), "") << row.name;
 }
 
-// Somebody holds a file, or opens each temporary one for a moment: what each call answers, and that all comes right
-// when he lets go. Whoever lets nobody read is a busy file; he who lets nobody write stands in the way of a write.
+// Another program holds a file, or opens each temporary file for a moment: what each call returns, and that all is well
+// when the file is closed. A file that nobody may read counts as busy; one that nobody may write obstructs a write.
 TEST(Lives, EveryHolderOfEveryFile)
 {
-    // FILE is the file, WHO holds it, CODE what the call answers.
+    // FILE is the file, WHO says how it is held, CODE is the expected result.
     const std::map<std::string, std::string> scripts = {
         {"read", "hold FILE WHO; open; read =CODE; end; release; life; sets 1 2 5 m; end"},
         {"write", "life; rule 1 2; delete 5; macro; hold FILE WHO; write =CODE; release; macro; write; sets 1 2 m; end;"
@@ -157,14 +157,14 @@ static BOOL WINAPI DoNotFlush(HANDLE)
     return TRUE;
 }
 
-// What nobody would think of, one after the other; Lives looks what becomes of it. The seed is Scale.h's.
+// Random sequences that nobody would think of; Lives checks the outcome. Scale.h has the seed.
 TEST(Lives, AnyLivesLoseNothing)
 {
     const char* const between = R"(
         rename $1 $2|ring 1 2|ring $1 3|ring 2 3 4|copy $1 ..\s$2|remove $1; copy ..\s$2 $1|cut $1|cut mas|plain $1|
         cut mac; remove mas|old $1|folder $1|remove RuleBackup; plain RuleBackup|plain odd|hold $1 read|hold mas full|
         hold mac full|remove mac|remove RuleBackup)";
-    // Who writes a file behind the library's back takes one that it has no set for.
+    // A file written without the library's knowledge must be one that it has no set for.
     const char* const within = R"(
         rule $1 $2|rule $1 $2 $3|add $1 $2 $3|delete $1|macro|write|write|flush|cut $1|
         cut mac; read|copy ..\s$1 $2|copy $1 ..\s$2|read|rule $1; hold $2 read; write; release)";

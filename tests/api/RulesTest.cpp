@@ -150,7 +150,7 @@ TEST_F(StoreTest, TextsAreCopiedAsStrncpyDoes)
     EXPECT_EQ(kxRuleGetMacroString(Build::Macro("m", {}).get(), untouched, 8), KXRULE_E_MACRO_TEXT);
     EXPECT_STREQ(untouched, "before");
 
-    // The buffer may lie in the record that is rendered.
+    // The buffer may be inside the record that is rendered.
     char* const inside = reinterpret_cast<char*>(&rule) + 140;
     EXPECT_EQ(kxRuleGetRuleString2(&rule, inside, 30), 21);
     EXPECT_STREQ(inside, "ACCESS,TCP,,,,,ACCEPT");
@@ -195,7 +195,7 @@ TEST_F(StoreTest, MacrosAreAppendedAndCopiedOutPacked)
     EXPECT_EQ(kxRuleGetMacroCount(), 0);
 }
 
-// A rule that fails keeps its hash; its set is gone through to the end, and the walk ends there.
+// A rule that fails keeps its hash; the walk goes on to the end of its set and stops there.
 TEST_F(StoreTest, HashesAreRefreshedUpToTheFirstSetThatFails)
 {
     static HashStandInState* s_Library;

@@ -24,7 +24,7 @@ protected:
     [[nodiscard]] std::string Directory() const { return m_Directory.Path().string() + '\\'; }
     [[nodiscard]] std::string PathOf(const std::string& name) const { return Directory() + name; }
 
-    /// Ends the library's life, which writes what is pending, and begins another one on the same directory.
+    /// Finalises the library, which writes pending changes, and initialises it again on the same directory.
     void Close() { ASSERT_EQ(kxRuleFinalize(), KXRULE_OK); }
     void Open(int32_t expectedRead = KXRULE_OK)
     {

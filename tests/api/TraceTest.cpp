@@ -1,5 +1,5 @@
-// What one life of the library says, line by line, as tests/data/trace-*.txt: a copy of the DLL with a stand-in trace
-// library beside it.
+// The trace of one run of the library, line by line, as in tests/data/trace-*.txt: a copy of the DLL with a stand-in
+// trace library beside it.
 #include "tests/api/Lives.h"
 
 #include <gtest/gtest.h>
@@ -49,7 +49,7 @@ TEST_F(TraceTest, AWholeLife)
     EXPECT_EQ(Said(), ReadBytes("tests/data/trace-life.txt"));
 }
 
-// What the file operations say in lives of another kind: a script, and its lines.
+// The trace of file operations in other cases: a script and its lines.
 TEST_F(TraceTest, BrokenBusyAndUnreadFiles)
 {
     const std::pair<const char*, const char*> scripts[] = {
@@ -220,7 +220,7 @@ TEST_F(TraceTest, WithoutTheMutexItDoesNotStart)
     EXPECT_EQ(KX_CALL(kxRuleFinalize), 0);
 }
 
-// Which calls say what when they refuse, and which of them say nothing on their way out.
+// What each call traces when it refuses, and which calls trace nothing on return.
 TEST_F(TraceTest, RefusedCalls)
 {
     Start();

@@ -1,4 +1,4 @@
-// The library leaves without kxRuleFinalize: unloaded, or with its process. Its timer's thread is asleep then.
+// The library is unloaded, or its process ends, without kxRuleFinalize, while the timer's thread sleeps.
 #include <gtest/gtest.h>
 
 #include "api/include/KxPfwRule.h"

@@ -28,7 +28,7 @@ std::string Ascii(const std::wstring& wide)
     return {wide.begin(), wide.end()};
 }
 
-/// Expects that a traced function finds its caller's error numbers as they were.
+/// Expects that tracing leaves the caller's error numbers unchanged.
 class ErrorsStay
 {
 public:
@@ -62,7 +62,7 @@ protected:
     }
     [[nodiscard]] TraceStandIn& Library() const { return *m_Library; }
     [[nodiscard]] std::string LastLine() const { return Ascii(Library()->Lines.back().Text); }
-    /// The last line's message, with or without the place behind it.
+    /// The last line's message, with or without the source position after it.
     void ExpectMessage(const std::string& message) const
     {
         EXPECT_NE((LastLine() + " - ").find("> " + message + " - "), std::string::npos) << LastLine();

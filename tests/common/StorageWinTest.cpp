@@ -25,7 +25,7 @@ uint32_t CodeOf(const Work& work, const char* source = "Registry")
     return Thrown<Storage::Exception>(source, work);
 }
 
-/// A key of the test's own below HKEY_LOCAL_MACHINE.
+/// A key for the test below HKEY_LOCAL_MACHINE.
 class RegistryTest : public testing::Test
 {
 protected:
@@ -112,8 +112,8 @@ TEST_F(RegistryTest, WritesEnumeratesAndDeletes)
     EXPECT_TRUE(m_Registry.Close() && !other.Close());
 }
 
-// A missing value ends the reading there; what was not read keeps its preset. (The trace library is one that does not
-// answer with settings of its own, started with an INI file: a key's path is no folder.)
+// A missing value ends the reading; what was not read keeps its preset. (The stand-in trace library returns no settings
+// and is started with an INI file, since a key's path is not a folder.)
 TEST_F(RegistryTest, TheTraceReadsItsSettingsUpToTheFirstMissingOne)
 {
     using Numbers = std::vector<std::pair<const char*, uint32_t>>;

@@ -22,8 +22,8 @@ unsigned __stdcall WaitFor(void* event)
     return 5;
 }
 
-// Three threads one after the other: one runs to its end, two are terminated, before and after their start. Of the
-// latter somebody else closes the handle: each call's own error comes out, and Close resets all the same.
+// Three threads one after the other: one runs to its end, two are terminated, before and after their start. The handle
+// of the latter is closed elsewhere: each call reports its own error, and Close resets all the same.
 TEST(ThreadBase, RunsWaitsAndTerminates)
 {
     const UniqueKernelObject goOn(::CreateEventW(nullptr, TRUE, TRUE, nullptr));

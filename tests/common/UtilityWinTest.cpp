@@ -16,7 +16,7 @@ namespace
 using namespace KxCommon;
 using Lines = std::vector<std::string>;
 
-// Short names are the system's invention, so a folder is known by what lies in it.
+// Short names are up to the system, so a folder is identified by its contents.
 TEST(GetApplicationPath, IsTheModulesFolderOrNothing)
 {
     const TempDir dir;
@@ -36,7 +36,7 @@ TEST(GetApplicationPath, IsTheModulesFolderOrNothing)
     EXPECT_EQ(trace.Take(),
               Lines{"!!! GetApplicationPath // GetModuleFileName error (" + std::to_string(::GetLastError()) + ")"});
 
-    // The module's folder is renamed under it: its path leads nowhere.
+    // The module's folder has been renamed, so its path leads nowhere.
     if (::MoveFileW(folder.c_str(), (dir / "after").c_str()) == FALSE)
         GTEST_SKIP();
     ::SetLastError(ERROR_SUCCESS);
@@ -61,7 +61,7 @@ TEST(DynLib, LoadsFromWhereItIsTold)
     EXPECT_EQ(loaded.Find<int()>("kxCfwGetHashValue"), nullptr);
     EXPECT_EQ(::GetModuleHandleW(file.c_str()), nullptr);
 
-    // Neither the current folder nor PATH takes part.
+    // Neither the current folder nor PATH is searched.
     std::filesystem::copy_file(file, dir / "KxPlanted.dll");
     std::filesystem::current_path(dir.Path());
     ::SetEnvironmentVariableW(L"PATH", dir.Path().c_str());

@@ -24,7 +24,7 @@ constexpr char kAbc[] = "a9993e364706816aba3e25717850c26c9cd0d89d"; // three byt
 class Hash : public testing::Test
 {
 protected:
-    // The hash in hexadecimal, or the status when there is none; the bytes must then be as they were.
+    // The hash in hexadecimal, or the status if there is none; the bytes must then be unchanged.
     std::string Of(const std::filesystem::path& file)
     {
         std::string hash(22, '#');
@@ -61,7 +61,7 @@ TEST_F(Hash, GivesThePublishedValues)
     }
 }
 
-// What a file of three bytes hashes to by each of its paths, or the Windows error of what is no such file.
+// The hash of a file of three bytes through each of its paths, or the Windows error of a path that is not a file.
 TEST_F(Hash, TakesAnyPathToAFileAndNothingElse)
 {
     const std::wstring d(60, L'd');
@@ -107,7 +107,7 @@ TEST_F(Hash, TakesAnyPathToAFileAndNothingElse)
     EXPECT_EQ(m_GetHashValue(L"app.exe", nullptr), 87);
 }
 
-// Somebody writes all the time; the call ends all the same, without a hash of no version.
+// Another program writes all the time; the call ends all the same, without the hash of a mixture.
 TEST_F(Hash, GivesUpOnAFileThatChanges)
 {
     WriteBytes(m_Dir / L"app.exe", "");

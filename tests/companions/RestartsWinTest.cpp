@@ -1,5 +1,5 @@
 // What a year of starts and stops leaves in a process: the real library with both companions, loaded and released
-// again and again, with lines in the log, a hash and an exception inside.
+// repeatedly, with lines in the log, a hash and an exception each time.
 #include <array>
 #include <cstdio>
 #include <cstdlib>
@@ -47,7 +47,7 @@ Use Measure()
     return use;
 }
 
-// KX_RESTARTS=10000 for a year; the rounds of the daily run show a slot or a handle as well.
+// KX_RESTARTS=10000 for a year; the rounds of the daily run detect a slot or a handle as well.
 TEST(Restarts, LeaveNothingBehind)
 {
 #ifndef NDEBUG

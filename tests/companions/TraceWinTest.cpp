@@ -31,13 +31,13 @@ struct Library : LoadedLibrary
     KxCommon::KxDbgGetDebugConfigFunction* GetConfig = Find("KxDbgGetDebugConfig");
 };
 
-// The library lies in a directory of the test's own, with its settings beside it and its logs below it.
+// The library is in a directory of the test's own, with its settings beside it and its logs below it.
 class Trace : public testing::Test
 {
 protected:
     Trace() { m_Config.Head.dwUnit = 1; }
 
-    /// A trace that is on, with its log beside the library, unless the keys say something else.
+    /// A trace that is on, with its log beside the library, unless the keys say otherwise.
     void Settings(const std::string& keys) const
     {
         WriteBytes(m_Dir / L"KxPfw.ini", "[InteractiveSession]\r\n" + keys + "Enable=1\r\nLogFolder=\r\n");
@@ -59,7 +59,7 @@ protected:
         EXPECT_EQ(m_Library.GetConfig(m_Handle, &config), 0);
         return config;
     }
-    // What lies in the directory and below it, without the library and its settings, sorted.
+    // The contents of the directory and its subdirectories, without the library and its settings, sorted.
     [[nodiscard]] Names Files() const
     {
         Names files;
@@ -78,7 +78,7 @@ protected:
     uint64_t m_Handle = 0;
 };
 
-// The library looks at its settings once a second; ten times that is a fault.
+// The library checks its settings once a second; ten times that is a fault.
 template <class Condition>
 bool Comes(Condition condition)
 {
@@ -143,10 +143,10 @@ TEST_F(Trace, NamesTheLogAfterTheSettings)
     }
 }
 
-// As UTF-8, and nothing in a line can pass for another: names out of rules stand in lines.
+// As UTF-8, and nothing in a line can pass for another line: lines contain names from rules.
 TEST_F(Trace, WritesLines)
 {
-    // Settings out of the record, for there is no file; a folder that the code page cannot express.
+    // Settings from the record, since there is no file; a folder that the code page cannot express.
     const std::wstring folder = (m_Dir / L"\u65e5\u672c").native();
     m_Config.Head.bEnable = 1;
     std::memcpy(&m_Config.szLogFolder, folder.c_str(), folder.size() * 2);
@@ -264,7 +264,7 @@ TEST_F(Trace, KeepsOnePredecessorAndTheSizeLimit)
     }
     check(41, 10);
     {
-        // An editor lets nobody rename it: the log grows, but not for ever.
+        // An editor prevents renaming: the log grows, but not for ever.
         const KxCommon::UniqueFile editor = Open(log, FILE_SHARE_READ | FILE_SHARE_WRITE);
         EXPECT_EQ(write(1000), ERROR_FILE_TOO_LARGE);
         EXPECT_EQ(std::filesystem::file_size(log), 8200u);
@@ -329,7 +329,7 @@ TEST_F(Trace, DropsLinesThatCannotBeWritten)
     EXPECT_EQ(ReadBytes(m_Dir / L"VQR_good.log"), "x\r\n");
 }
 
-// What somebody has put in the place of the log gets a number, and the log begins anew.
+// Something else under the log's name gets a number, and a new log begins.
 TEST_F(Trace, BeginsAnewWhereSomethingElseStands)
 {
     const std::wstring name(220, L'n'); // near the classic limit of a path

@@ -1,6 +1,6 @@
 // Bytes as each of the three files, through the readers of persistence/. An input is a head of five bytes (which file,
-// how its content is given, how the system gives the bytes) and the content: either the file as it lies on the disk, or
-// its fields before encryption, since hardly any change of an encrypted field leaves its padding good.
+// how its content is given, how the system gives the bytes) and the content: either the file as it is on the disk, or
+// its fields before encryption, since hardly any change of an encrypted field leaves its padding valid.
 #include "persistence/RuleFileNames.h"
 #include "repository/RuleSet.h"
 #include "repository/RuleSetRescue.h"
@@ -35,7 +35,7 @@ Bytes Encrypted(Fuzz::Input& input)
     return std::move(stream.Data);
 }
 
-/// A set in memory of what was read: what is broken becomes a rescue set, as in the store.
+/// A set in memory of what was read: a damaged one becomes a rescue set, as in the store.
 void PutIntoSet(const FileContent& content, bool isWhole)
 {
     CRuleSet ruleSet;
@@ -84,7 +84,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
     for (const std::string& name : content.Master.RuleSetFileNames)
         static_cast<void>(RuleFiles::IndexFromFileName(name));
 
-    // In whatever pieces the system gives the bytes, and what a system failed to give is missing at the end only.
+    // In whatever pieces the system delivers the bytes; bytes that it failed to deliver are missing only at the end.
     FileContent other;
     MemoryStream stream(file);
     stream.MostAtOnce = atOnce == 0 ? MemoryStream::kNever : atOnce * (1 + file.size() / 4096); // a large one in time
@@ -94,7 +94,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
         KX_REQUIRE(isOtherWhole == isWhole && other == content);
     KX_REQUIRE(other.Rules.size() <= content.Rules.size() && other.Macros.size() <= content.Macros.size());
 
-    // Whatever was read can be written, and is then read whole and the same.
+    // Whatever was read can be written, and is then read back unchanged.
     MemoryStream written(content.Write(kind));
     FileContent again;
     KX_REQUIRE(again.Read(kind, written).empty() && again == content);

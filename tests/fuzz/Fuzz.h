@@ -1,4 +1,4 @@
-// What the fuzz targets share: promises that must hold for every input, an input taken apart, and a bound on memory.
+// Shared by the fuzz targets: promises that must hold for every input, parsing of inputs, and a bound on memory.
 #pragma once
 
 #include <algorithm>
@@ -7,7 +7,7 @@
 #include <cstring>
 #include <vector>
 
-/// Ends the run, and so keeps the input, when a promise is broken.
+/// Ends the run, which saves the input, if a promise is broken.
 #define KX_REQUIRE(condition) ((condition) ? static_cast<void>(0) : Fuzz::Fail(#condition, __FILE__, __LINE__))
 
 namespace Fuzz
@@ -15,7 +15,7 @@ namespace Fuzz
 
 [[noreturn]] void Fail(const char* what, const char* file, int line);
 
-/// While it lives, at most `most` bytes may be allocated at a time beyond those that were when it began. One at a time.
+/// While it exists, at most `most` bytes may be allocated at a time beyond those at its beginning. One at a time.
 class MemoryBound
 {
 public:
@@ -25,7 +25,7 @@ public:
     MemoryBound& operator=(const MemoryBound&) = delete;
 };
 
-/// The bytes of an input, front to back. Behind its end everything is zero.
+/// The bytes of an input, front to back. After its end everything is zero.
 class Input
 {
 public:

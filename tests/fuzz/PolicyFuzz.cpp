@@ -1,4 +1,4 @@
-// Bytes as a policy in JSON. What is read must come back the same from what is written of it; what is refused must say
+// Bytes as a policy in JSON. What is read must come back unchanged when written and read again; a refusal must say
 // where and why.
 #include <cstring>
 #include <string>
@@ -80,7 +80,7 @@ void CheckPolicy(std::string_view text)
     KX_REQUIRE(KxPolicy::PolicyToJson(again) == written);
 }
 
-/// Where every value stands, against the values that the reader itself makes.
+/// The position of every value, against the values that the reader itself makes.
 bool SameValues(JsonValue value, const json& peer)
 {
     bool isSame = true;

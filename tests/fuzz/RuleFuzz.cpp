@@ -1,5 +1,5 @@
-// Bytes as a rule or a macro: normalised, rendered, written, read back, shown as JSON. The first byte tells which;
-// behind it stands the record, zeroes following, or the macro's name and its items.
+// Bytes as a rule or a macro: normalised, rendered, written, read back, shown as JSON. The first byte says which; after
+// it comes the record, followed by zeros, or the macro's name and its items.
 #include <array>
 #include <cstring>
 #include <memory>
@@ -37,7 +37,7 @@ bool Same(const PFW_RULE& a, const PFW_RULE& b)
     return Same(&a, &b, sizeof a);
 }
 
-/// An item's text from a copy in memory of its own, so that reading past it shows.
+/// An item's text from a copy in separate memory, so that reading past it shows.
 template <class Item>
 std::string TextOf(const Item& item, void (*append)(std::string&, const Item&))
 {
@@ -65,7 +65,7 @@ std::string TrafficOf(const Block& block)
     return text;
 }
 
-/// What the line says of addresses and ports, behind two keywords.
+/// What the line says about addresses and ports, after two keywords.
 std::string ExpectedTraffic(const PFW_RULE& rule)
 {
     switch (rule.dwKind)
@@ -83,7 +83,7 @@ std::string ExpectedTraffic(const PFW_RULE& rule)
     }
 }
 
-/// The first byte behind what the line shows of a rule of that kind.
+/// The first byte after what the line shows of a rule of that kind.
 size_t UsedEnd(uint32_t kind)
 {
     switch (kind)
@@ -110,11 +110,11 @@ void CheckLine(const PFW_RULE& rule)
         return;
     }
     KX_REQUIRE(line.find('\0') == std::string::npos);
-    const size_t behind = line.find(',', line.find(',') + 1) + 1;
+    const size_t start = line.find(',', line.find(',') + 1) + 1;
     const std::string traffic = ExpectedTraffic(rule);
-    KX_REQUIRE(line.compare(behind, traffic.size(), traffic) == 0);
+    KX_REQUIRE(line.compare(start, traffic.size(), traffic) == 0);
 
-    // A field without terminator must not bring its neighbours into the line.
+    // A field without a terminator must not bring its neighbours into the line.
     uint8_t* const bytes = reinterpret_cast<uint8_t*>(alone.get());
     std::fill_n(bytes, kUsedHead, 'x');
     std::fill(bytes + UsedEnd(kind), bytes + sizeof rule, static_cast<uint8_t>('x'));
@@ -143,7 +143,7 @@ void CheckNormalised(const PFW_RULE& given, const PFW_RULE& rule)
     CheckRanges(rule);
     KX_REQUIRE((isAccess ? rule.Access.wszAppName : rule.Access2.wszAppName)[KXRULE_APP_NAME_UNITS - 1] == 0);
     KX_REQUIRE(Same(CRule(rule).Record(), rule));
-    // Outside of ranges, the name's end, the hash and the switch behind it, nothing changes.
+    // Except for ranges, the name's end, the hash and the flag after it, nothing changes.
     const size_t ends = isAccess ? offsetof(PFW_RULE, Access.dwSystem) : offsetof(PFW_RULE, Access2.dwSystem);
     const uint8_t* const before = reinterpret_cast<const uint8_t*>(&given);
     const uint8_t* const after = reinterpret_cast<const uint8_t*>(&rule);

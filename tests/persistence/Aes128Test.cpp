@@ -22,7 +22,7 @@ std::vector<const BlockCipher*> Ciphers()
     return ciphers;
 }
 
-// Several chains, or one, in place. The initialisation vectors are left as the cipher leaves them.
+// Several chains, or one, in place. The initialisation vectors stay as the cipher leaves them.
 void Encrypt(const BlockCipher& cipher, const KeySchedule& keys, std::vector<Bytes>& ivs, std::vector<Bytes>& chains)
 {
     uint8_t* work[kMostChains];
@@ -73,7 +73,7 @@ TEST(Aes128, PublishedVectors)
     }
 }
 
-// What `openssl enc -aes-128-cbc` makes of Ramp(size) with the library's key and a zero initialisation vector.
+// `openssl enc -aes-128-cbc` of Ramp(size) with the library's key and a zero initialisation vector.
 TEST(Aes128, RecordsAreThoseOfAnotherImplementation)
 {
     const std::pair<size_t, uint64_t> cases[] = {

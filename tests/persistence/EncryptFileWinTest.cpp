@@ -56,7 +56,7 @@ TEST_F(EncryptedFile, AccessDecidesWhatBecomesOfTheFile)
         EXPECT_EQ(file.Open(m_Path.c_str(), c.Access), c.Opened);
         EXPECT_EQ(file.Read(&value, 1, false), c.Opened && (c.Access & GENERIC_READ) != 0);
 
-        // Nobody else gets in meanwhile, not even the same object.
+        // Nobody else can open the file meanwhile, not even the same object.
         const KxCommon::UniqueFile second(::CreateFileA(
             m_Path.c_str(), GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_WRITE, nullptr, OPEN_EXISTING, 0, nullptr));
         EXPECT_EQ(::GetLastError(), static_cast<DWORD>(c.Opened ? ERROR_SHARING_VIOLATION : ERROR_FILE_NOT_FOUND));

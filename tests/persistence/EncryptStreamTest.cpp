@@ -98,7 +98,7 @@ TEST(EncryptStream, FieldsHaveKnownBytes)
     EXPECT_EQ(array, (std::vector<uint16_t>{9, 1, 0xFF00}));
     EXPECT_EQ(Thrown([&] { stream.ReadU8(u8); }), CEncryptStream::ReadError);
 
-    // And such as only others write.
+    // And some that only other programs write.
     MemoryStream foreign(Joined({kU32Is5, kWideAJupiterOdd, kU32Is0, kPaddingOnly}));
     foreign.ReadString(wide[1]).ReadString(narrow[0]);
     EXPECT_TRUE(wide[1] == KXW("A\u2641") && narrow[0].empty());
@@ -171,7 +171,7 @@ bool ReadEverything(CEncryptStream& stream)
            stream.Read(record.data(), 40, true) && record == Ramp(40);
 }
 
-// Cut, ended early and refused at every byte; each byte changed; handed out in pieces of every small size.
+// Truncated, ended early and failing at every byte; each byte changed; delivered in pieces of every small size.
 TEST(EncryptStream, DamageAnywhereFails)
 {
     MemoryStream whole;
@@ -234,7 +234,7 @@ TEST(EncryptStream, ManyRecordsAreThoseOfOneAtATime)
     }
 }
 
-// Longer than what is gathered: the chain goes on from piece to piece.
+// Longer than a piece: the chain continues from piece to piece.
 TEST(EncryptStream, RecordMayBeLargerThanAPiece)
 {
     const Bytes source = Ramp((size_t{5} << 17) + 3);

@@ -1,4 +1,4 @@
-// All three formats against the files of tests/data, which another AES made.
+// All three formats against the files of tests/data, which another AES implementation made.
 #include <gtest/gtest.h>
 
 #include <fstream>
@@ -19,7 +19,7 @@ Bytes DataFile(const std::string& name) // tests run in the root of the tree
     return Bytes(std::istreambuf_iterator<char>(stream), {});
 }
 
-// Which of the three a file is, is told by the third letter of its name: maSter, maCros, ruLeset.
+// The third letter of a file's name says which of the three it is: maSter, maCros, ruLeset.
 FileContent::Kind KindOf(const std::string& name)
 {
     return name[2] == 's'   ? FileContent::Kind::Master

@@ -12,7 +12,7 @@
 namespace
 {
 
-// A value that knows which of its kind live, and fails to come into being on demand.
+// A value that tracks which values exist, and whose construction fails on demand.
 struct Value
 {
     explicit Value(int64_t number) : Number(number)

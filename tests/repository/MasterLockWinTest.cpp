@@ -1,4 +1,4 @@
-// The order of locks, as debug builds watch it. What the kept lock means to callers is in tests/api/LifecycleTest.cpp.
+// The order of locks, as debug builds assert it. tests/api/LifecycleTest.cpp tests what holding on means to callers.
 #include "repository/MasterLock.h"
 
 #include <gtest/gtest.h>

@@ -53,7 +53,7 @@ TEST(RuleSetRescue, KeepsWhatWasRead)
         std::string LastLine;
     } cases[] = {
         {{Access(1), Access(2)}, 5, "\tAdded rescue rule (index=2:30004, rule=\"ACCESS,,,,,,ACCEPT\")"},
-        // A refused rule leaves the count, and so the next rule's index, as they were.
+        // A refused rule leaves the count, and so the next rule's index, unchanged.
         {{Access(1), Access(30002)}, 2, "\tCRuleSet::AddRule() failed (nResult=-10019, index=2:30002)"},
         {full, 1024, "\tCRuleSet::AddRule() failed (nResult=-10018, index=2:31024)"},
     };

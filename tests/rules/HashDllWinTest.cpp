@@ -104,7 +104,7 @@ TEST_F(HashDllTest, HashesWhatARecordHolds)
     }
     EXPECT_EQ(library->Paths.size(), 9u);
 
-    // Whoever the caller has the thread act for: the library is called with the rights of the process.
+    // Even on an impersonating thread the library is called with the rights of the process.
     static bool s_IsClient = true;
     library->OnCall = [](const wchar_t*) { s_IsClient = IsClient(); };
     ASSERT_TRUE(::ImpersonateSelf(SecurityImpersonation));

@@ -50,7 +50,7 @@ TEST(Macro, FillsARecordWithTheBytesItCameFrom)
                                                     {CMacro(name32 + "n", items), std::string(31, 'n')}};
     for (const auto& [macro, name] : cases)
     {
-        // Every other record in a caller's buffer begins at an odd address; its leading word is the caller's.
+        // Every other record in a caller's buffer begins at an odd address; its first word belongs to the caller.
         std::vector<unsigned char> buffer(1 + 314 + 1, 0xEE);
         std::vector<unsigned char> expected = buffer;
         std::memset(&expected[5], 0, 32);

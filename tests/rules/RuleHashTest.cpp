@@ -1,4 +1,4 @@
-// Application hashes: when the hash library is asked, and what becomes of its answer.
+// Application hashes: when the hash library is called, and what happens to its result.
 #include <cstring>
 #include <string>
 
@@ -16,7 +16,7 @@ using namespace Build;
 using KxCommon::WideString;
 using Hash = std::array<uint8_t, 20>;
 
-// Hashes are told apart by the last byte alone.
+// Hashes differ only in the last byte.
 Hash HashOf(int byte)
 {
     Hash hash{};
@@ -132,7 +132,7 @@ const UpdateCase kUpdates[] = {
     {"unknown system value, path given", 2, kApp, 5, KXW("C:\\a.exe"), 6, Untouched, 5},
 };
 
-// The context is the record as it shall be.
+// The context is the expected record.
 int32_t CheckCallback(uint32_t ruleSetIndex, const PFW_RULE* rule, void* context)
 {
     EXPECT_EQ(ruleSetIndex, 3u);
@@ -140,7 +140,7 @@ int32_t CheckCallback(uint32_t ruleSetIndex, const PFW_RULE* rule, void* context
     return -1; // no concern of the library's
 }
 
-// Whatever the kind, the places of the first layout are meant.
+// Whatever the kind, the offsets of the first layout are used.
 void CheckUpdate(const UpdateCase& c, uint32_t kind, Outcome outcome, FakeHashDll& library, int32_t result)
 {
     CRule rule;

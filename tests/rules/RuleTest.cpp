@@ -1,4 +1,4 @@
-// What becomes of a record when it is made a rule, apart from its hash.
+// What happens to a record when a rule is made from it, apart from its hash.
 #include "rules/Rule.h"
 
 #include <cstring>
@@ -42,7 +42,8 @@ void CheckStored(const char* name, Item (PFW_ACCESS::*items)[2], const Item& giv
         }
 }
 
-// All bytes differ, so it shows whether the twelve after an IPv4 address stay and those of an IPv6 address go along.
+// All bytes differ, which shows whether the twelve after an IPv4 address stay and those of an IPv6 address are
+// exchanged too.
 RULE_ADDR Range(uint32_t family, uint32_t begin1, uint32_t begin2, uint32_t type = 5)
 {
     RULE_ADDR item = Patterned<RULE_ADDR>();

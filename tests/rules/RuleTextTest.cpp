@@ -141,7 +141,7 @@ TEST(RuleText, ShowsRules)
     for (uint32_t kind = 1; kind < 6; ++kind)
         CheckLine(Example(kind), kLines[kind]);
 
-    // What becomes of a part of the example's line when four bytes of the record change.
+    // How a part of the example's line changes with four bytes of the record.
     const struct
     {
         uint32_t Kind;
@@ -180,11 +180,11 @@ TEST(RuleText, ShowsRules)
         {4, 514, 2331, ",x", ",", ""},
         {5, 540, 256, ":t", ":", ""},
         {5, 796, 2049, "6:t", "6:t,", ""}};
-    for (const auto& [kind, offset, size, part, before, behind] : texts)
+    for (const auto& [kind, offset, size, part, before, after] : texts)
     {
         PFW_RULE rule = Example(kind);
         std::memset(reinterpret_cast<char*>(&rule) + offset, 'e', size);
-        CheckLine(rule, Line(kind, part, before + std::string(size, 'e') + behind));
+        CheckLine(rule, Line(kind, part, before + std::string(size, 'e') + after));
     }
 }
 

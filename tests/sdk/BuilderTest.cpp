@@ -1,4 +1,4 @@
-// The builders of the C++ layer, seen through the rules' own text and through bytes.
+// The builders of the C++ layer, checked through the rules' text and through bytes.
 #include "api/include/KxPfwRuleBuilder.hpp"
 
 #include <cstring>
@@ -72,7 +72,7 @@ TEST(Builder, OnlyDescriptionsAreCut)
     EXPECT_FALSE(StreamText::parse(std::string("a\0b", 3)));
 }
 
-/// True when the record begins with these bytes (hexadecimal) and has nothing but zero behind them.
+/// True if the record begins with these bytes (hexadecimal) and has only zeros after them.
 template <class Record>
 bool Holds(const Record& record, const char* hex)
 {

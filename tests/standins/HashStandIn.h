@@ -1,12 +1,12 @@
-// A KxHash.dll that hashes nothing: it answers as it is told and keeps the paths that it was asked about.
+// A KxHash.dll that hashes nothing: it returns what it is told and records the paths it is called with.
 //
 //     TempDir dir;                    // the folder that InstallPath names; see tests/support/RegistryGuard.h
 //     HashStandIn hash(dir.Path());   // copies it there from bin/standins and holds it
 //     hash->Status = 5;
 //     hash->OnCall = [](const wchar_t*) { ::WaitForSingleObject(g_GoOn, INFINITE); };   // as slow as the test wants
 //
-// HashStandIn(folder, "no-function") lacks kxCfwGetHashValue. Tests read Paths; only the library grows it, one call
-// at a time.
+// HashStandIn(folder, "no-function") lacks kxCfwGetHashValue. Tests read Paths; only the library appends to it, one
+// call at a time.
 #pragma once
 
 #include <cstdint>

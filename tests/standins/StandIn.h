@@ -1,4 +1,4 @@
-// How a test holds a library: one of the product's, or a stand-in for one.
+// How a test loads a library: one of the product's, or a stand-in for one.
 #pragma once
 
 #include <filesystem>
@@ -49,7 +49,7 @@ public:
     {
         return {reinterpret_cast<void*>(::GetProcAddress(m_Module, name))};
     }
-    /// Gives the library up. True when nobody else holds it: it is gone.
+    /// Releases the library. True if it is unloaded, since nobody else uses it.
     bool Release()
     {
         if (m_Module != nullptr)
@@ -63,8 +63,8 @@ private:
     HMODULE m_Module;
 };
 
-/// Holds a stand-in, so that what it has recorded outlives the loading and releasing by others. State is what test and
-/// stand-in share; variant the folder below bin/standins.
+/// Keeps a stand-in loaded, so that its records survive when others load and release it. State is what test and
+/// stand-in share; variant is the folder below bin/standins.
 template <class State>
 class StandIn : public LoadedLibrary
 {

@@ -1,4 +1,4 @@
-// The real trace with the stand-in library behind it: what the code under test says.
+// The real trace on top of the stand-in library: what the code under test traces.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -7,7 +7,7 @@
 #include "tests/standins/TraceStandIn.h"
 #include "tests/support/TempDir.h"
 
-/// Records every level for as long as it lives. One at a time.
+/// Records every level while it exists. One at a time.
 class TraceRecorder
 {
 public:
@@ -23,7 +23,7 @@ public:
     TraceRecorder(const TraceRecorder&) = delete;
     TraceRecorder& operator=(const TraceRecorder&) = delete;
 
-    /// Tag and message of each line so far, which are forgotten here. Not while another thread may trace.
+    /// Returns tag and message of each line so far and clears them. Not while another thread may trace.
     std::vector<std::string> Take()
     {
         std::vector<std::string> lines;

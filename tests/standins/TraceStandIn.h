@@ -1,4 +1,4 @@
-// A KxVqrDbg.dll that writes nothing: it keeps what it is given and answers as it is told.
+// A KxVqrDbg.dll that writes nothing: it records what it is given and returns what it is told.
 //
 //     TempDir dir;                       // where the library under test looks for KxVqrDbg.dll
 //     TraceStandIn trace(dir.Path());    // copies it there from bin/standins and holds it
@@ -7,8 +7,8 @@
 //     EXPECT_EQ(trace->Lines.at(0).Text, ...);
 //
 // TraceStandIn(folder, "no-trace") lacks an entry point: "no-initialize", "no-uninitialize", "no-trace", "no-config".
-// Tests read the lists; only the library grows them. Nothing here is locked: the callers are to come one at a time,
-// and Overlapped tells when they did not.
+// Tests read the lists; only the library appends to them. Nothing here is locked: callers must come one at a time, and
+// Overlapped says if they did not.
 #pragma once
 
 #include <atomic>
@@ -56,7 +56,7 @@ struct TraceStandInState
 using TraceStandIn = StandIn<TraceStandInState>;
 
 /// A configuration as text: flags, numbers and texts in the order of the record. A unit beyond ASCII as its number; a
-/// star for what is left behind a text's end.
+/// star for what remains after a text's end.
 template <class Character>
 std::string Describe(const KxCommon::DebugConfigRecord<Character>& config)
 {

@@ -9,7 +9,7 @@
 #include "api/include/KxPfwRule.h"
 #include "common/srclib/KxComn_String.h"
 
-/// What CHashDll does for as long as this lives; without one, loading fails. One at a time.
+/// What CHashDll does while this exists; without one, loading fails. One at a time.
 class FakeHashDll
 {
 public:

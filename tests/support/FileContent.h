@@ -33,7 +33,7 @@ struct FileContent
     RuleSetFormat::Header Set;
     std::vector<PFW_RULE> Rules;
 
-    /// What ended the reading early, or nothing. What was read is there in any case.
+    /// What ended the reading early, or nothing. What was read is available in any case.
     std::string Read(Kind kind, CEncryptStream& stream)
     {
         FileDefect defect = FileDefect::None;

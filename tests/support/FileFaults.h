@@ -8,7 +8,7 @@
 
 #include "persistence/Files.h"
 
-/// For as long as it lives. One at a time, one thread.
+/// While it exists. One at a time, one thread.
 class FileFaults
 {
 public:

@@ -1,4 +1,4 @@
-// The encrypted stream over bytes in memory, and the ways in which a file can let one down.
+// The encrypted stream over bytes in memory, and the ways in which a file can fail.
 #pragma once
 
 #include <algorithm>
@@ -9,7 +9,7 @@
 
 #include "persistence/EncryptStream.h"
 
-/// Writing appends to Data; reading starts at its beginning. Rewind turns from the one to the other.
+/// Writing appends to Data; reading starts at its beginning. Rewind switches from writing to reading.
 class MemoryStream final : public CEncryptStream
 {
 public:

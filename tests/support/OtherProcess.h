@@ -1,4 +1,4 @@
-// A disabled test of this program as a process of its own. Windows.
+// Runs a disabled test of this program in a separate process. Windows.
 #pragma once
 
 #include <string>

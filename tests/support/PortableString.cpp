@@ -1,5 +1,5 @@
-// The code page of the core's tests: ASCII, and behind it two bytes a character as in the code pages of East Asia. What
-// has no meaning becomes a character of two bytes on the way to UTF-16 and a question mark on the way back.
+// The code page of the core's tests: ASCII, and above it two bytes per character as in the code pages of East Asia.
+// Invalid bytes become a character of two bytes on the way to UTF-16 and a question mark on the way back.
 #include <algorithm>
 #include <cstring>
 

@@ -37,7 +37,7 @@ inline void SetText(void* field, size_t units, KxCommon::WideStringView text)
         std::memcpy(field, text.data(), (text.size() < units ? text.size() : units) * sizeof(KXWCHAR));
 }
 
-/// Numbered bytes, so that every byte that moves or is missing shows.
+/// Numbered bytes, so that every byte that is moved or missing shows.
 template <class Record>
 Record Patterned(uint8_t seed = 1)
 {
@@ -74,7 +74,7 @@ inline RULE_ADDR AddressName(std::string_view name)
     SetText(item.szName, name);
     return item;
 }
-/// An IPv6 item; its addresses end in the given bytes behind a common beginning.
+/// An IPv6 item; its addresses have a common beginning and end in the given bytes.
 inline RULE_ADDR Address6(uint32_t type, uint8_t end1 = 1, uint8_t end2 = 0)
 {
     RULE_ADDR item = Address(type);

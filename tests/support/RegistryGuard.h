@@ -10,8 +10,8 @@
 #include "common/srclib/KxComn_Handle.h"
 #include "common/srclib/KxComn_Windows.h"
 
-/// Takes all settings away and brings them back at the end. All test programs that use it share
-/// one registry, so only one of them has it at a time; the others wait.
+/// Removes all settings and restores them at the end. All test programs that use it share one registry, so only one of
+/// them uses it at a time; the others wait.
 class RegistryGuard
 {
 public:

@@ -1,4 +1,4 @@
-// The recorder behind the trace call. It formats by itself: natively no C library knows UTF-16 text for %S.
+// The recorder that the trace call reaches. It formats by itself: natively no C library supports UTF-16 text for %S.
 #include "tests/support/TraceSink.h"
 
 #include <algorithm>

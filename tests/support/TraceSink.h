@@ -1,4 +1,4 @@
-// The trace as the core's tests see it: every line is formatted and kept.
+// The trace in the core's tests: every line is formatted and recorded.
 #pragma once
 
 #include <cstdint>
@@ -19,7 +19,7 @@ struct TracedLine
     }
 };
 
-/// Turns the trace on for as long as it lives. One at a time, one thread.
+/// Turns the trace on while it exists. One at a time, one thread.
 class TraceSink
 {
 public:
@@ -29,6 +29,6 @@ public:
     TraceSink& operator=(const TraceSink&) = delete;
 
     [[nodiscard]] const std::vector<TracedLine>& Lines() const noexcept;
-    /// The lines so far, which are forgotten here.
+    /// Returns the lines so far and clears them.
     std::vector<TracedLine> Take();
 };
