@@ -60,7 +60,7 @@ TEST_F(StoreTest, AClientHasNoSayInTheFiles)
 }
 
 // The holder and all readers go on, changes wait, and everything ends when the holder finalises.
-TEST_F(StoreTest, AKeptLockStopsNeitherItsKeeperNorReaders)
+TEST_F(StoreTest, ALockThatIsHeldOnStopsNeitherItsHolderNorReaders)
 {
     ASSERT_EQ(AddSet(1, {Build::Access(1)}), 0);
     ASSERT_EQ(AddSet(1), KXRULE_E_NO_RULESET); // this thread keeps the lock from here on
@@ -118,7 +118,7 @@ TEST_F(StoreTest, AKeptLockStopsNeitherItsKeeperNorReaders)
         })
         .join();
     for (uint16_t i = 100; i < 600; ++i)
-        ASSERT_EQ(kxRuleAddRule(1, i, &rule), 0) << "the keeper's own change";
+        ASSERT_EQ(kxRuleAddRule(1, i, &rule), 0) << "the holder's own change";
     EXPECT_EQ(kxRuleWrite(), 0);
     EXPECT_EQ(ended, 0u) << "did not wait";
     EXPECT_EQ(kxRuleFinalize(), 0);
@@ -134,9 +134,9 @@ TEST_F(StoreTest, AFailedReadKeepsTheLockToo)
     WriteFile("KxRulMac.dat", "damaged");
     EXPECT_EQ(kxRuleRead(), KXRULE_E_MACRO_FORMAT);
     std::filesystem::remove(PathOf("KxRulMac.dat"));
-    EXPECT_EQ(kxRuleRead(), 0) << "gives back nothing that a former one kept";
+    EXPECT_EQ(kxRuleRead(), 0) << "releases nothing that a former one held on to";
     std::future<int32_t> added = std::async(std::launch::async, [] { return AddSet(5); });
-    EXPECT_EQ(AddSet(1), 0) << "the keeper goes on";
+    EXPECT_EQ(AddSet(1), 0) << "the holder goes on";
     EXPECT_EQ(added.wait_for(std::chrono::milliseconds(100)), std::future_status::timeout) << "did not wait";
     EXPECT_EQ(kxRuleFinalize(), 0);
     EXPECT_EQ(added.get(), 0);
@@ -149,7 +149,7 @@ TEST_F(StoreTest, AnotherThreadMayEndALifeThatHasNothingToWrite)
     EXPECT_EQ(std::async(std::launch::async, kxRuleFinalize).get(), 0);
 }
 
-TEST_F(StoreTest, AKeeperThatIsGoneStopsNobody)
+TEST_F(StoreTest, AHolderThatHasEndedStopsNobody)
 {
     ASSERT_EQ(AddSet(1), 0);
     std::thread([] { EXPECT_EQ(AddSet(1), KXRULE_E_NO_RULESET); }).join(); // keeps the lock and ends
@@ -157,7 +157,7 @@ TEST_F(StoreTest, AKeeperThatIsGoneStopsNobody)
     EXPECT_EQ(kxRuleAddRule(1, 1, &rule), 0);
     std::thread([] { EXPECT_EQ(AddSet(1), KXRULE_E_NO_RULESET); }).join();
     EXPECT_EQ(kxRuleFinalize(), 0);
-    EXPECT_EQ(AddSet(1), KXRULE_E_NO_RULESET) << "left over, but nothing is kept without a life";
+    EXPECT_EQ(AddSet(1), KXRULE_E_NO_RULESET) << "left over, but nothing is held on without a life";
     ASSERT_EQ(kxRuleInitialize(Directory().c_str(), nullptr), 0);
     std::thread([] { EXPECT_EQ(AddSet(1), 0); }).join();
 }

@@ -41,7 +41,7 @@ TEST(LockOrderDeathTest, AWrongOrderEndsTheProgram)
     timer.Unlock();
 }
 
-TEST(LockOrderDeathTest, AKeptLockBindsNobodyAHeldOneDoes)
+TEST(LockOrderDeathTest, ALockThatIsHeldOnBindsNobodyAHeldOneDoes)
 {
     GTEST_FLAG_SET(death_test_style, "threadsafe");
     CCriticalSectionLock global(LockRank::Global);
