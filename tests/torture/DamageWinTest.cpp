@@ -1,4 +1,4 @@
-// Master files that somebody has forged. (Damage of other kinds: crash/CrashWinTest.cpp.)
+// Forged master files. (Other damage: crash/CrashWinTest.cpp.)
 #include <algorithm>
 
 #include "persistence/RuleFileNames.h"
@@ -15,7 +15,7 @@ protected:
         ASSERT_EQ(kxRuleWrite(), 0);
         m_Good = Snapshot();
     }
-    /// Reads the directory with another master file; whatever comes of it, nothing else may suffer.
+    /// Reads the directory with another master file; whatever the result, nothing else must suffer.
     void Try(const std::string& content)
     {
         ASSERT_EQ(kxRuleFinalize(), 0);
@@ -50,7 +50,7 @@ protected:
     Files m_Good;
 };
 
-// Whoever may write the directory can forge a master file. Nothing outside the directory may be touched for it.
+// Whoever may write the directory can forge a master file. It must not make the library touch anything outside.
 TEST_F(DamageTest, HostileNamesInTheMasterFile)
 {
     Campaign campaign("damaged: hostile names in the master file");

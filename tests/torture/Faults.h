@@ -3,7 +3,7 @@
 
 #include <cstdint>
 
-// Counts calls and fails the chosen one, or all from it on. One for file calls, one for allocations.
+// Counts calls and lets the chosen one fail, or that one and all later ones. One for file calls, one for allocations.
 struct Faults
 {
     uint32_t Calls = 0;
@@ -22,5 +22,5 @@ struct Faults
     [[nodiscard]] bool IsFailing() { return First != 0 && (++Calls == First || (IsForGood && Calls > First)); }
 };
 
-// Of the calling thread's allocations; the torture tests' operator new asks it.
+// For the calling thread's allocations; the torture tests' operator new consults it.
 extern thread_local Faults g_AllocationFaults;

@@ -49,8 +49,8 @@ protected:
         Open();
         ChangeStore();
     }
-    /// Acts with the first call failing, the second and so on, until none fails any more; that one alone, and all after
-    /// it, too. Each time from the state that begin makes.
+    /// Acts with the first call failing, then with the second and so on, until none fails any more; that call alone,
+    /// and also together with all later ones. Each time starts from the state that begin makes.
     template <class Begin, class Act, class Check>
     void ForEachFault(const std::string& name, Campaign& campaign, const Begin& begin, const Act& act,
                       const Check& check)
@@ -76,7 +76,7 @@ protected:
     Files m_Before, m_After;
 };
 
-// A change is written at the next tick for as long as it takes, and nothing without a change.
+// A change is written at the next tick, again until it succeeds; without a change nothing is written.
 TEST_F(FaultsTest, TimedWritesGoOnUntilOneSucceeds)
 {
     const auto tick = [](DWORD error)
@@ -93,7 +93,7 @@ TEST_F(FaultsTest, TimedWritesGoOnUntilOneSucceeds)
     EXPECT_EQ(Snapshot(), m_After);
     EXPECT_FALSE(tick(ERROR_DISK_FULL)) << "no change, but a file was touched";
 
-    // What a refresh had changed when its callback threw is a change all the same.
+    // What a refresh has changed before its callback throws still counts as a change.
     ASSERT_EQ(AddSet(4, {Build::Access(1, L"SYSTEM"), Build::Access(2, L"SYSTEM")}), 0);
     tick(ERROR_SUCCESS);
     const std::string before = ReadFile("KxRl0004.dat");

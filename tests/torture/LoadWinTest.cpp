@@ -17,7 +17,7 @@
 namespace
 {
 
-// A rule that shows when it is mixed from two: every description unit is its number.
+// A rule that reveals a mixture of two: every unit of the description is its number.
 PFW_RULE Numbered(uint16_t number)
 {
     PFW_RULE rule = Build::Rule(KXRULE_KIND_NAT, number);

@@ -26,14 +26,14 @@ public:
 
     /// 0 is the short form: a fixed number of tries instead of a time.
     [[nodiscard]] static unsigned Seconds() { return Number("KX_TORTURE_SECONDS", 0); }
-    /// Counts a try; false when the time, or in the short form the number, is used up.
+    /// Counts a try; false if the time, or in the short form the number of tries, is used up.
     [[nodiscard]] bool Next(uint64_t triesInShortForm)
     {
         const bool isOver = Seconds() == 0 ? m_Tries >= triesInShortForm : IsTimeUp();
         m_Tries += isOver ? 0 : 1;
         return !isOver;
     }
-    /// Counts tries of a campaign that has its own measure of how many there are.
+    /// Counts tries of a campaign that decides their number itself.
     void Count(uint64_t tries) { m_Tries += tries; }
     /// Whether the time is used up; always in the short form.
     [[nodiscard]] bool IsTimeUp() const

@@ -1,5 +1,5 @@
-// A store whose files are known byte by byte before and after a change: encryption is deterministic, so whatever lies
-// in the directory afterwards must be one of the two.
+// A store whose files are known byte by byte before and after a change: encryption is deterministic, so the directory
+// must afterwards be in one of the two states.
 #pragma once
 
 #include <map>
@@ -71,7 +71,7 @@ protected:
         for (const auto& [name, content] : before)
             EXPECT_TRUE(now.count(name) != 0 || after.count(name) == 0) << name << " is missing";
     }
-    /// Nothing that was there is gone: every content is still somewhere below the directory.
+    /// Nothing is lost: every former content is still somewhere below the directory.
     static void ExpectNothingLost(const Files& now, const Files& before)
     {
         for (const auto& [name, content] : before)

@@ -1,5 +1,5 @@
-// Every state that a crash or a power loss can leave: a scenario is recorded once, each state on the way is laid out,
-// read and written on, and compared with what callers had been told. docs/recovery.md, "Crash states".
+// Every state that a crash or a power loss can leave: a scenario is recorded once, each state is reconstructed, read
+// and written to, and compared with what callers had been told. docs/recovery.md, "Crash states".
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -79,7 +79,7 @@ bool IsRuleSetFile(const std::string& path)
     return path.substr(path.rfind('\\') + 1).starts_with("KxRl");
 }
 
-// RecordsIn, remembered: the same files come again and again.
+// RecordsIn with a cache: the same files recur.
 const std::string& Records(const std::string& file)
 {
     static std::map<size_t, std::string> s_Known; // by digest
@@ -89,7 +89,7 @@ const std::string& Records(const std::string& file)
     return entry->second;
 }
 
-// Whether a file that the documents tell to look at holds them.
+// Whether a file that the documents mention contains them.
 bool IsKept(const std::string& records)
 {
     return std::any_of(g_Room.Now.Names.begin(), g_Room.Now.Names.end(),
@@ -152,7 +152,7 @@ Recording Record(Disk base, const Scenario& scenario)
              (IsRuleSetFile(path) && !HoldsSet(story.Contents[0], Records(recording.Base.Files[file])))))
             recording.Hidden[path] = recording.Base.Files[file];
     }
-    // A copy that was cut off, of a file that is still there, is made again.
+    // An interrupted copy, whose source still exists, is made again.
     std::erase_if(recording.Hidden,
                   [&](const auto& copy)
                   {
@@ -173,7 +173,7 @@ Recording Record(const Scenario& scenario)
     return Record(g_Room.Now, scenario);
 }
 
-/// Lays a state out, lives on, and tells what is lost.
+/// Reconstructs a state, goes on from it, and says what is lost.
 class Check
 {
 public:
@@ -264,12 +264,12 @@ private:
             return isGiven ? void() : Lose(name + (IsAny(m_Recording.Contents, is) ? " is stale" : " is nobody's"));
         }
         const auto has = [&](const Content& content) { return !content.Set(index).empty(); };
-        // Gone, or a rescue set: then it is kept somewhere, or was only a rescue set before.
+        // Gone, or a rescue set: then there is a copy somewhere, or it was a rescue set before.
         const bool isKept = IsAny(m_Allowed, [&](const Content& content) { return MayMove(content.Set(index)); });
         if (!isKept && !(m_Recording.IsDamaged && !IsAny(m_Allowed, has)))
             Lose(name + (now.empty() ? " is gone" : " is a rescue set"));
     }
-    // What a refused call has kept from memory is kept on the disk, unless the story itself deletes it.
+    // What a failing call kept out of memory must still be on the disk, unless the story itself deletes it.
     void CompareWithWanted(uint16_t index, const std::string& now)
     {
         const auto lacks = [&](const Content& content) { return content.Set(index).empty(); };
@@ -282,7 +282,7 @@ private:
             !IsAny(m_Recording.Wanted, isKept))
             Lose("set " + std::to_string(index) + " is gone for good");
     }
-    // Whether these records may be missing in memory, because they lie elsewhere or never were a user's.
+    // Whether these records may be missing in memory, because they are elsewhere or never were a user's.
     bool MayMove(const std::string& records)
     {
         if (!m_Recording.MayMove || records.empty() || (!IsRescue(records) && !IsKept(records)))
@@ -305,7 +305,7 @@ private:
         const auto found = g_Room.Now.Names.find(path);
         return found != g_Room.Now.Names.end() && g_Room.Now.Files[found->second] == bytes;
     }
-    // What memory does not hold must go on lying somewhere.
+    // What memory does not hold must still be somewhere.
     void LookForKept(const std::string& since)
     {
         for (const auto& [path, bytes] : m_Hidden)
@@ -455,7 +455,7 @@ TEST(CrashTest, NoStateLosesARule)
     }
 }
 
-// A library with such a fault would be found out; so its absence is seen.
+// A library with such a fault would be detected, so its absence is proved.
 TEST(CrashTest, PlantedFaultsAreFound)
 {
     std::vector<Recording> recordings;
@@ -481,7 +481,8 @@ TEST(CrashTest, PlantedFaultsAreFound)
     }
 }
 
-// The system refuses a call, or all from one on; whoever goes on as if nothing had been loses nothing either.
+// The system refuses a call, or one and all later ones; going on as if nothing had happened must not lose anything
+// either.
 TEST(CrashTest, NoRefusedCallLosesARule)
 {
     for (const Scenario& scenario : kScenarios)
@@ -532,7 +533,8 @@ TEST(CrashTest, NoRefusedCallLosesARule)
     }
 }
 
-// Files are cut, bits flipped, numbers replaced, records taken from other files: what was not damaged is not lost.
+// Files are truncated, bits flipped, numbers replaced, records taken from other files: what was not damaged must not be
+// lost.
 TEST(CrashTest, NoDamageReachesAnotherFile)
 {
     const Recording plain = Record({"damage", "store 2", "open", true});

@@ -17,7 +17,7 @@ struct NoCase
     bool operator()(const std::string& a, const std::string& b) const { return ::_stricmp(a.c_str(), b.c_str()) < 0; }
 };
 
-/// One thing that was done to a disk. Files have numbers, which they keep when they are renamed.
+/// One operation on a disk. Files have numbers, which do not change when they are renamed.
 struct Step
 {
     enum class Kind
@@ -28,9 +28,9 @@ struct Step
         Move,
         Delete,
         MakeDirectory,
-        // Nothing is done by these; File is the number of a content that the caller knows.
-        Attempt,    // from now on it may be there
-        Acknowledge // from now on it must be there
+        // These do nothing; File is the number of a content that the caller knows.
+        Attempt,    // from now on it may be on the disk
+        Acknowledge // from now on it must be on the disk
     };
     Kind What;
     std::string Path, To = {};
@@ -38,7 +38,7 @@ struct Step
     std::string Data = {};
     bool IsThrough = false; // the move returns when it is on the disk
 
-    /// Whether it changes names, of which a file system keeps a journal, and not the bytes of a file.
+    /// Whether it changes names, which a file system journals, and not the bytes of a file.
     [[nodiscard]] bool IsOfNames() const
     {
         return What == Kind::Create || (What >= Kind::Move && What <= Kind::MakeDirectory);
@@ -55,7 +55,7 @@ struct Disk
 
     void Do(const Step& step);
     [[nodiscard]] bool Has(const std::string& path) const { return Names.count(path) != 0; }
-    /// A number that no file has yet, or that of the file of this name.
+    /// The number of the file with this name, or an unused one.
     [[nodiscard]] int NumberFor(const std::string& path) const;
 };
 
@@ -64,8 +64,8 @@ struct Room
 {
     static constexpr uint32_t kMostCalls = 2000; // more are an endless loop
     Disk Now;
-    std::vector<Step> Steps;                   // since somebody emptied it
-    std::map<int, uint32_t> Held;              // files that somebody else has open: what he shares
+    std::vector<Step> Steps;                   // since it was last cleared
+    std::map<int, uint32_t> Held;              // files that another program has open, and what it shares
     bool IsReal = false;                       // every call goes to the system instead
     uint32_t Calls = 0, FailAt = 0, Error = 0; // the call of that number is refused with that error,
     bool IsForGood = false;                    // and all after it

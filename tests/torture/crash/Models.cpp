@@ -12,7 +12,7 @@ namespace
 constexpr size_t kBlock = 4096;
 constexpr size_t kMostSubsets = 1 << 12;
 
-// What becomes of bytes that were written and not flushed.
+// What happens to bytes that were written and not flushed.
 enum class Bytes
 {
     All,
@@ -84,7 +84,7 @@ private:
         if (step.What == Step::Kind::Flush || step.IsThrough)
             ordered = done;
     }
-    // Names up to any step since the last one that is certain to be there.
+    // Names up to any step after the last one that is certain.
     void VisitPrefixes(size_t done, size_t ordered)
     {
         VisitBytes(done);
@@ -95,7 +95,7 @@ private:
                 VisitBytes(done);
         }
     }
-    // Every choice of the steps from next on, but for those that need one that is missing.
+    // Every selection of the steps from next on, except steps that need a missing one.
     void VisitSubsets(size_t done, size_t ordered, size_t next, size_t most)
     {
         while (next < done && !m_Steps[next].IsOfNames())
@@ -149,7 +149,7 @@ private:
     {
         State state{m_Base, done, m_Acknowledged, m_Attempted, kBytesText[static_cast<int>(what)]};
         std::map<int, std::string> unflushed;
-        std::set<int> unborn; // files whose creation, or emptying, is missing: nothing reaches them
+        std::set<int> unborn; // files whose creation or truncation is missing: nothing reaches them
         for (size_t i = 0; i < done; ++i)
         {
             const Step& step = m_Steps[i];

@@ -1,4 +1,4 @@
-// What a file system may leave of a sequence of steps that is cut off. docs/recovery.md, "Crash states", states the
+// What a file system may leave of an interrupted sequence of steps. docs/recovery.md, "Crash states", defines the
 // models.
 #pragma once
 
@@ -11,12 +11,12 @@ namespace Crash
 
 enum class Model
 {
-    Kill,    // the process ends: what was called is there
+    Kill,    // the process ends: what was called has happened
     Journal, // the power fails: names in order, up to any; bytes that were not flushed missing, zero or there in parts
     Reorder // the same, but steps on different names in any order unless a flush or a write-through stands between them
 };
 
-/// One state, and which steps it is made of.
+/// One state, and the steps it consists of.
 struct State
 {
     Disk Left;
@@ -28,7 +28,7 @@ struct State
 
 using Visitor = std::function<void(const State&)>;
 
-/// Visits every state, many of them more than once. from tells what was acknowledged and attempted before the steps.
+/// Visits every state, many of them more than once. from says what was acknowledged and attempted before the steps.
 void Enumerate(Model model, const Disk& base, const std::vector<Step>& steps, const State& from, const Visitor& visit);
 
 enum class PlantedFault
@@ -41,7 +41,7 @@ enum class PlantedFault
     KeptAfterOverwrite // a copy of what is replaced
 };
 
-/// The same steps as a library with that fault would have done them.
+/// The same steps as done by a library with that fault.
 std::vector<Step> Plant(PlantedFault fault, const Disk& base, const std::vector<Step>& steps);
 
 } // namespace Crash

@@ -95,7 +95,7 @@ bool IsDirectory(const std::string& path)
     return g_Room.Now.Has(path) && g_Room.Now.Names.at(path) == Disk::kDirectory;
 }
 
-// The error of a name that is not there, or none.
+// The error of a name that does not exist, or none.
 DWORD Missing(const std::string& path)
 {
     const std::string parent = path.substr(0, path.rfind('\\'));
@@ -114,8 +114,8 @@ bool IsInUse(const std::string& path, DWORD wanted = 0)
                        [&](const auto& opened) { return opened.second.File == file; });
 }
 
-// Counts a call of the library. False: it is refused, or there is an error. (For good is not for ever: whoever tries
-// until it succeeds would never come back to be told.)
+// Counts a call of the library. False: it is refused, or there is an error. (For good is not for ever: code that tries
+// until it succeeds would never return.)
 bool Succeeds(DWORD error = ERROR_SUCCESS)
 {
     ++g_Room.Calls;
@@ -342,7 +342,7 @@ bool FindFiles(const std::string& pattern, std::vector<std::string>& names)
 
 } // namespace Files
 
-// How owners close, who know nothing of this room: what the import goes through.
+// How handle owners, which do not use these functions, close files: through this import.
 static BOOL WINAPI CloseAny(HANDLE handle)
 {
     using CloseHandleType = BOOL(WINAPI*)(HANDLE);

@@ -61,8 +61,8 @@ bool IsRescue(const std::string& set)
     return set.size() > 2 + kName.size() * 2 && std::memcmp(&set[2], kName.data(), kName.size() * 2) == 0;
 }
 
-// One process with the library in it. (Changes come without the outer lock: there is one thread, and a life that is cut
-// off would never give it back.)
+// One process with the library in it. (Changes come without the outer lock: there is one thread, and an interrupted
+// life would never release it.)
 struct Story::Life
 {
     explicit Life(const std::string& directory) { static_cast<void>(Master.Init(directory, nullptr)); }

@@ -25,7 +25,7 @@ struct Content
     [[nodiscard]] std::string Set(uint16_t index) const { return Sets.count(index) != 0 ? Sets.at(index) : ""; }
 };
 
-/// The record of the rule set, or the records of the macros, that a file holds; empty when it holds none to its end.
+/// The record of the rule set, or the records of the macros, in a file; empty if the file is incomplete.
 [[nodiscard]] std::string RecordsIn(const std::string& file);
 [[nodiscard]] bool IsRescue(const std::string& set);
 
@@ -34,7 +34,7 @@ struct Content
 ///   open [RESULT]   begin a life and read        rule SET RULE   add a rule          write [RESULT]
 ///   unread          begin one and do not         touch RULE      add it to all sets  flush
 ///   stop, die       end it                       macro NAME      add one             tick             the timer fires
-///   set N [RULES] add a set active SETS set the list store N a life: sets 1 to N
+///   set N [RULES]   add a set                    active SETS     set the list        store N          sets 1 to N
 ///   delete N        a set, 0: all
 ///   rename A B, swap A B, copy A B, erase A, cut A SIZE, old A   by hand: old is the version whose rules are not read
 ///   hold A, share A, lend A, letgo    somebody else has the file open: for himself, to be read, to be read and renamed

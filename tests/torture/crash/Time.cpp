@@ -1,5 +1,5 @@
-// Time for the crash tests: lives are many and short, so a timer has no thread and never fires, and who sleeps wakes at
-// once in a later time.
+// Time for the crash tests: lives are many and short, so a timer has no thread and never fires, and sleeping returns at
+// once at a later time.
 #include <atomic>
 
 #include "common/srclib/KxComn_Windows.h"
@@ -36,7 +36,7 @@ ULONGLONG WINAPI TimeSlept()
 
 } // namespace
 
-// What calls go through that are imported; the linker takes these before it looks into the import library.
+// Imported functions are called through these, which the linker takes before searching the import library.
 extern "C"
 {
     void(WINAPI* __imp_Sleep)(DWORD) = SleepNot;

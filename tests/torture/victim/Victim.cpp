@@ -22,7 +22,7 @@ namespace
 
 constexpr uint16_t kSets = 6;
 
-// Sizes differ from set to set and from generation to generation, so that a mixture shows.
+// Sizes differ between sets and generations, so that a mixture shows.
 uint32_t RuleCount(uint16_t set, uint32_t generation)
 {
     return 1 + (generation * 7919u + set * 104729u) % (set * 40u);
@@ -173,7 +173,7 @@ int main(int argc, char** argv)
         while (exitCode == 0)
             exitCode = isDeleting ? DeleteAndAdd(++generation) : Next(++generation);
     }
-    // No kxRuleFinalize: it would write once more. The process ends as one that crashed does.
+    // No kxRuleFinalize, which would write once more: the process ends as if it had crashed.
     std::fflush(stdout);
     std::_Exit(exitCode);
 }
