@@ -688,7 +688,7 @@ KXRULE_API int32_t kxRuleUpdateHashValue(const KXWCHAR* applicationPath, const u
 /* clang-format on */
 
 #define KXRULE_FUNCTION_TYPE(name, parameters) typedef int32_t name##_FUNC parameters;
-#define KXRULE_FUNCTION_POINTER(name, parameters) name##_FUNC* name;
+#define KXRULE_FUNCTION_POINTER(name, parameters) name##_FUNC* name; /* NOLINT(bugprone-macro-parentheses) */
 KXRULE_FUNCTIONS(KXRULE_FUNCTION_TYPE)
 typedef struct KXRULE_LIBRARY
 {
