@@ -77,9 +77,8 @@ bool IsElsewhere(HANDLE file, const BY_HANDLE_FILE_INFORMATION& info)
 bool MayUseNetwork()
 {
     DWORD value = 0, size = sizeof value;
-    return ::RegGetValueW(HKEY_LOCAL_MACHINE, KxCommon::Names::kRegistryKey,
-                          KxCommon::Names::kHashNetworkFilesValue, RRF_RT_REG_DWORD, nullptr, &value,
-                          &size) == ERROR_SUCCESS &&
+    return ::RegGetValueW(HKEY_LOCAL_MACHINE, KxCommon::Names::kRegistryKey, KxCommon::Names::kHashNetworkFilesValue,
+                          RRF_RT_REG_DWORD, nullptr, &value, &size) == ERROR_SUCCESS &&
            value != 0;
 }
 
