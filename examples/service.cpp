@@ -90,6 +90,7 @@ public:
             std::printf("policy: %d differences applied\n", static_cast<int>(result));
         else
             std::printf("policy: refused (%d)\n", static_cast<int>(result));
+        std::fflush(stdout);
     }
 
 private:

@@ -1,5 +1,5 @@
-// What a year of starts and stops leaves in a process: the real library with both companions, loaded and released
-// repeatedly, with lines in the log, a hash and an exception each time.
+// What a year of starts and stops leaves in a process: the real library with both companions, and the one for policies,
+// loaded and released repeatedly, with lines in the log, a hash and an exception each time.
 #include <array>
 #include <cstdio>
 #include <cstdlib>
@@ -13,7 +13,7 @@
 
 #include <tlhelp32.h>
 
-#include "api/include/KxPfwRule.h"
+#include "api/include/KxPolicy.h"
 #include "tests/standins/StandIn.h"
 #include "tests/support/RecordBuilder.h"
 #include "tests/support/RegistryGuard.h"
@@ -56,7 +56,7 @@ TEST(Restarts, LeaveNothingBehind)
     const TempDir dir;
     const RegistryGuard registry;
     registry.SetText(L"InstallPath", dir.Path().native());
-    for (const wchar_t* const library : {L"KxPfwRul.dll", L"KxVqrDbg.dll", L"KxHash.dll"})
+    for (const wchar_t* const library : {L"KxPfwRul.dll", L"KxPolicy.dll", L"KxVqrDbg.dll", L"KxHash.dll"})
         std::filesystem::copy_file(TestFolder() / library, dir / library);
     WriteBytes(dir / "KxPfw.ini",
                "[InteractiveSession]\r\nEnable=1\r\nLevel=273\r\nLogFolder=log\r\nLogSizeLimit=64\r\n");
@@ -72,6 +72,10 @@ TEST(Restarts, LeaveNothingBehind)
         if (isNew)
         {
             ASSERT_TRUE(!library || library->Release()) << round;
+            const LoadedLibrary policies(dir / "KxPolicy.dll");
+            const auto apply = static_cast<kxPolicyApply_FUNC*>(policies.Find("kxPolicyApply"));
+            const std::string text = "{\"version\": 1}"; // and no library whose store could hold it, which throws
+            ASSERT_EQ(apply(nullptr, text.data(), text.size(), 0, nullptr, nullptr, nullptr), KXPOLICY_E_LIBRARY);
             library.emplace(dir / "KxPfwRul.dll");
         }
         if (round % 2000 == 0 || round == rounds)

@@ -1,97 +1,12 @@
-// What has to change so that a store holds a policy.
+// What has to change so that a store holds a policy: what tests/api/PolicyTest.cpp does not see of it.
 #include "policy/PolicyDiff.h"
 
 #include <gtest/gtest.h>
 
-#include "policy/RuleJson.h"
 #include "tests/support/RecordBuilder.h"
 
 using KxPolicy::MergeMode;
 using KxPolicy::Policy;
-
-namespace
-{
-
-Policy Read(const std::string& json)
-{
-    Policy policy;
-    std::vector<KxPolicy::Diagnostic> errors;
-    EXPECT_TRUE(KxPolicy::ReadPolicy(json, policy, errors)) << errors.front().Text << json;
-    if (!policy.Active)
-        policy.Active.emplace();
-    if (!policy.Macros)
-        policy.Macros.emplace();
-    return policy;
-}
-
-/// A rule set of rules with these indexes; a letter after an index becomes part of the rule's description.
-std::string Set(int index, const std::string& name, const std::vector<std::string>& rules)
-{
-    std::string text;
-    for (const std::string& rule : rules)
-        text += (text.empty() ? "" : ", ") + std::string("{\"kind\": \"nat\", \"natType\": \"snat\", \"index\": ") +
-                std::to_string(std::stoi(rule)) + ", \"description\": \"" + rule + "\"}";
-    return "{\"index\": " + std::to_string(index) + ", \"name\": \"" + name + "\", \"rules\": [" + text + "]}";
-}
-
-std::string Sets(const std::vector<std::string>& sets)
-{
-    std::string text;
-    for (const std::string& set : sets)
-        text += (text.empty() ? "" : ", ") + set;
-    return "\"ruleSets\": [" + text + "]";
-}
-
-/// The signs and indexes of a difference, without the lines of the rules.
-std::string Outline(const KxPolicy::PolicyDiff& diff)
-{
-    std::string text;
-    for (const KxPolicy::RuleSetChange& set : diff.RuleSets)
-    {
-        text += std::string(!set.NameBefore                   ? "+"
-                            : !set.NameAfter                  ? "-"
-                            : set.NameBefore != set.NameAfter ? "="
-                                                              : "~") +
-                std::to_string(set.Index) + "(";
-        for (const KxPolicy::RuleChange& rule : set.Rules)
-            text += (!rule.Before ? "+" : !rule.After ? "-" : "~") + std::to_string(rule.Index);
-        text += ")" + std::to_string(set.RulesAfter.size());
-    }
-    for (const KxPolicy::MacroRecord& macro : diff.Macros.value_or(std::vector<KxPolicy::MacroRecord>()))
-        text += " " + macro.Name + std::to_string(macro.Items.size());
-    text += diff.Macros ? " macros" : "";
-    return text + (diff.Active ? " active" : "");
-}
-
-} // namespace
-
-TEST(PolicyDiff, NamesWhatChanges)
-{
-    const std::string store = Sets({Set(1, "a", {"1", "2", "3"}), Set(2, "b", {"5"})}) +
-                              R"(, "active": [1], "macros": [{"name": "m"}, {"name": "n"}, {"name": "m"}])";
-    const struct
-    {
-        std::string Policy;
-        const char* Merge;
-        const char* Replace;
-    } cases[] = {
-        {store, "", ""},
-        {Sets({}), "", "-1(-1-2-3)0-2(-5)0"},
-        {Sets({Set(1, "a", {"2"}), Set(2, "b", {"5"})}), "", "~1(-1-3)1"},
-        {Sets({Set(1, "a", {"0", "2x", "4"}), Set(2, "b", {"5"})}), "~1(+0~2+4)5", "~1(+0-1~2-3+4)3"},
-        {Sets({Set(1, "x", {}), Set(2, "b", {"5"}), Set(9, "c", {"1"})}), "=1()3+9(+1)1", "=1(-1-2-3)0+9(+1)1"},
-        {Sets({Set(1, "a", {"1", "2", "3"})}) + R"(, "active": [1, 1])", " active", "-2(-5)0 active"},
-    };
-    for (const auto& c : cases)
-    {
-        Policy policy;
-        std::vector<KxPolicy::Diagnostic> errors;
-        ASSERT_TRUE(KxPolicy::ReadPolicy("{" + c.Policy + "}", policy, errors));
-        EXPECT_EQ(Outline(KxPolicy::Compare(Read("{" + store + "}"), policy, MergeMode::Merge)), c.Merge) << c.Policy;
-        EXPECT_EQ(Outline(KxPolicy::Compare(Read("{" + store + "}"), policy, MergeMode::Replace)), c.Replace)
-            << c.Policy;
-    }
-}
 
 TEST(PolicyDiff, MergesMacrosByName)
 {

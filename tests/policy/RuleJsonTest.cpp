@@ -163,30 +163,6 @@ TEST(RuleJson, WritesNoMoreThanTheRecordHolds)
     EXPECT_EQ(KxPolicy::RuleToJson(rule), expected);
 }
 
-TEST(RuleJson, KnowsTheLibrarysLimits)
-{
-    std::string rules;
-    for (int i = 0; i < 1025; ++i)
-        rules += (i > 0 ? ", " : "") + std::string("{\"kind\": 9, \"index\": ") + std::to_string(i) + "}";
-    std::string sets = "{\"index\": 1, \"name\": \"\", \"rules\": [" + rules + "]}";
-    for (int i = 2; i <= 65; ++i)
-        sets += ", {\"name\": \"\", \"index\": " + std::to_string(i) + "}";
-    Policy policy;
-    std::vector<Diagnostic> errors;
-    EXPECT_FALSE(KxPolicy::ReadPolicy("{\"ruleSets\": [" + sets + "]}", policy, errors));
-    ASSERT_EQ(errors.size(), 2u) << Texts(errors);
-    EXPECT_EQ(errors[0].Text, "a store holds at most 64 rule sets, the file has 65");
-    EXPECT_EQ(errors[1].Text, "a rule set holds at most 1024 rules, this one has 1025");
-
-    std::string zeroes = "0";
-    for (int i = 1; i < 1500; ++i)
-        zeroes += ",\n0";
-    EXPECT_FALSE(KxPolicy::ReadPolicy("{\"active\": [" + zeroes + "]}", policy, errors));
-    ASSERT_EQ(errors.size(), 1001u);
-    EXPECT_EQ(errors[999].Line, 1000u);
-    EXPECT_EQ(errors[1000].Text, "and 500 more");
-}
-
 // docs/policy.schema.json names the members that the reader knows, kind by kind, and no others.
 TEST(RuleJson, TheSchemaNamesEveryField)
 {

@@ -10,11 +10,11 @@ import subprocess
 import sys
 
 import kxpfwrul
-from kxpfwrul import _library
+from kxpfwrul import _library, _policy
 
 include, scratch = (pathlib.Path(argument).resolve() for argument in sys.argv[1:])
 here = pathlib.Path(__file__).resolve().parent
-header = (include / "KxPfwRule.h").read_text(encoding="utf-8")
+headers = [(include / name).read_text(encoding="utf-8") for name in ("KxPfwRule.h", "KxPolicy.h")]
 
 
 def fields(record):
@@ -44,18 +44,20 @@ def check_layouts():
 
 
 def check_signatures():
-    """Every function takes what the header says, and every code has its name."""
-    kinds = {"uint16_t": ctypes.c_uint16, "int32_t": ctypes.c_int32}
-    rows = re.findall(r"F\((kxRule\w+),\s*\\?\s*\((.*?)\)\)", header[header.index("#define KXRULE_FUNCTIONS(F)"):])
-    declared = {name: [kinds.get(parameter.split()[0]) if "*" not in parameter else None
-                       for parameter in parameters.split(",") if parameter != "void"] for name, parameters in rows}
-    declared["kxRuleUpdateHashValue"][2] = None
-    assert len(declared) == 25
-    numbers = ctypes.c_uint16, ctypes.c_int32
-    assert declared == {name: [kind if kind in numbers else None for kind in arguments]
-                        for name, arguments in _library._SIGNATURES.items()}
-    codes = dict(re.findall(r"#define (KXRULE_OK|KXRULE_E_\w+) \(?(-?\d+)\)?", header))
-    assert {code.name: str(code.value) for code in kxpfwrul.Code} == codes
+    """Every function takes what the headers say, in their order, and every code has its name."""
+    kinds = {"uint16_t": ctypes.c_uint16, "int32_t": ctypes.c_int32, "uint32_t": ctypes.c_uint32,
+             "size_t": ctypes.c_size_t}
+    for header, signatures, codes, count in zip(headers, (_library._SIGNATURES, _policy._SIGNATURES),
+                                                (kxpfwrul.Code, kxpfwrul.PolicyCode), (25, 4)):
+        rows = re.findall(r"F\((kx\w+),[\s\\]*\((.*?)\)\)", header[header.index("_FUNCTIONS(F)"):], re.S)
+        declared = [(name, [kinds.get(parameter.split()[0]) if "*" not in parameter else None
+                            for parameter in parameters.replace("\\", "").split(",") if parameter != "void"])
+                    for name, parameters in rows]
+        assert len(declared) == count, declared
+        assert declared == [(name, [kind if kind in kinds.values() else None for kind in arguments])
+                            for name, arguments in signatures.items()]
+        defined = dict(re.findall(r"#define (KX\w+_OK|KX\w+_E_\w+) \(?(-?\d+)\)?", header))
+        assert {code.name: str(code.value) for code in codes} == defined
 
 
 def refuses(error, call, text):
@@ -99,6 +101,15 @@ def check_calls():
         refuses(kxpfwrul.RuleError, lambda: store.rule_set(index + 1), "kxRuleGetRuleSet: KXRULE_E_NO_RULESET (-10015)")
         refuses(ValueError, lambda: store.rule_set(65536 + index), "0 to 65535")
         refuses(kxpfwrul.RuleError, lambda: store.add_rule(index + 1, rule), "KXRULE_E_NO_RULESET")
+        policies = kxpfwrul.Policies(store, str(library))
+        assert policies.export() == kxpfwrul.Exported("1 rules", 7)
+        assert policies.difference("{}", True, True) == kxpfwrul.Difference("- all", 7, 2)
+        assert policies.check(b"{}") == [] and [str(found) for found in policies.check("bad")] == [
+            "1:2: active[0]: expected a ü"]
+        assert policies.apply("{}") == policies.apply("{}", stamp=7) == 2
+        refuses(kxpfwrul.PolicyError, lambda: policies.apply("bad"), "KXPOLICY_E_TEXT (-20002)\n1:2: active[0]: expected")
+        refuses(kxpfwrul.PolicyError, lambda: policies.apply("{}", stamp=8), "KXPOLICY_E_CHANGED")
+        refuses(ValueError, lambda: policies.apply("{}", stamp=-1), "2**64")
         stands = ctypes.CDLL(str(library))
     assert stands.flushed() == 1 and stands.finalized() == 1
 

@@ -5,7 +5,7 @@
 #include <stdio.h>
 #include <string.h>
 
-#include "KxPfwRule.h"
+#include "KxPolicy.h"
 
 static PFW_RULESET g_Head;
 static PFW_RULE g_Rules[4];
@@ -67,6 +67,40 @@ int32_t kxRuleAddRule(uint16_t ruleSetIndex, uint16_t ruleIndex, const PFW_RULE*
     g_Rules[g_Head.nRuleCount] = *rule;
     g_Head.nRuleCount = g_Head.nRuleCount + 1;
     return KXRULE_OK;
+}
+
+/* Policies: the text "bad" has an error, any other is two differences from a store of stamp 7. */
+int32_t kxPolicyCheck(const char* text, size_t size, KXPOLICY_REPORT report, void* context)
+{
+    if (size != 3 || memcmp(text, "bad", 3) != 0)
+        return KXRULE_OK;
+    report(KXPOLICY_ERROR, 1, 2, "active[0]", "expected a \xC3\xBC", context);
+    return KXPOLICY_E_TEXT;
+}
+
+int32_t kxPolicyExport(const KXRULE_LIBRARY* library, uint32_t flags, uint64_t* stamp, KXPOLICY_TAKE take,
+                       void* context)
+{
+    char text[64];
+    *stamp = 7;
+    take(text, (size_t)sprintf(text, "%d rules", library->kxRuleGetRuleSet(g_Head.wRuleSetIndex, NULL, 0)), context);
+    return flags == 0 ? KXRULE_OK : KXPOLICY_E_ARGUMENT;
+}
+
+int32_t kxPolicyDifference(const KXRULE_LIBRARY* library, const char* text, size_t size, uint32_t flags,
+                           uint64_t* stamp, KXPOLICY_TAKE take, KXPOLICY_REPORT report, void* context)
+{
+    *stamp = 7;
+    take(flags == (KXPOLICY_REPLACE | KXPOLICY_ALLOW_EMPTY) ? "- all" : "+ x", flags == 3 ? 5 : 3, context);
+    return kxPolicyCheck(text, size, report, context) == KXRULE_OK ? 2 : KXPOLICY_E_TEXT;
+}
+
+int32_t kxPolicyApply(const KXRULE_LIBRARY* library, const char* text, size_t size, uint32_t flags,
+                      const uint64_t* stamp, KXPOLICY_REPORT report, void* context)
+{
+    if (stamp != NULL && *stamp != 7)
+        return KXPOLICY_E_CHANGED;
+    return kxPolicyCheck(text, size, report, context) == KXRULE_OK ? 2 : KXPOLICY_E_TEXT;
 }
 
 int32_t kxRuleGetRuleSet(uint16_t index, PFW_RULESET* ruleSet, int32_t maxRules)

@@ -96,13 +96,39 @@ stopped: success
 udp 69: ACCESS,UDP,,,,69,DROP
 E1
 
+# A policy at the start; while the service runs one that is wrong, and another one.
+put()
+{
+    printf '{"version": 1, "active": [1], "ruleSets": [{"index": 1, "name": "p", "rules": [{"index": 1, "kind": "access",
+        "protocol": "tcp", "action": "drop", "addresses": ["any", "any"], "ports": ["any", "%s"]}]}]}' "$1" >policy.json
+}
+await() { timeout 60 bash -c 'until grep -qs "$0" follow.log; do sleep 0.2; done' "$1"; }
+follow()
+{
+    put 21
+    mkfifo queries
+    run ./service.exe rules-p policy.json <queries >follow.log &
+    { await 'policy: 2 ' && put 70000 && await refused && put 22 && await 'policy: 1 '; printf 'tcp %s\n' 21 22; } >queries
+    wait $!
+    cut -c 1-60 follow.log | LC_ALL=C sort
+}
+expect "service, a policy that changes" follow <<'E1'
+policy.json:2:92: ruleSets[0].rules[0].ports[1] expected a p
+policy: 1 differences applied
+policy: 2 differences applied
+policy: refused (-20002)
+stopped: success
+tcp 21: no rule
+tcp 22: ACCESS,TCP,,,,22,DROP
+E1
+
 # MSVC's object format and linker, with Clang in MSVC's place: the program ends with the number of rules that it reads.
 clang --target=x86_64-pc-windows-msvc -ffreestanding -O1 -mno-stack-arg-probe -std=c11 -I"$sdk/include" -c -o msvc.obj \
     "$root/tests/sdk/msvc.c"
-lld-link /nologo /entry:start /subsystem:console /nodefaultlib /out:msvc.exe msvc.obj "$sdk/lib/KxPfwRul.lib"
+lld-link /nologo /entry:start /subsystem:console /nodefaultlib /out:msvc.exe msvc.obj "$sdk"/lib/KxP*.lib
 status=0
 run ./msvc.exe || status=$?
-[ $status = 3 ] || { echo "linked with KxPfwRul.lib: ended with $status instead of 3" >&2; exit 1; }
+[ $status = 3 ] || { echo "linked with KxP*.lib: ended with $status instead of 3" >&2; exit 1; }
 
 cd "$scratch/a folder/consumer"
 [ -f KxHash.dll ] && [ -f KxVqrDbg.dll ] && [ -f kxrule.exe ] # copied with the target that names them
