@@ -199,7 +199,7 @@ KXPOLICY_API int32_t kxPolicyApply(const KXRULE_LIBRARY* library, const char* te
 /* clang-format on */
 
 #define KXPOLICY_FUNCTION_TYPE(name, parameters) typedef int32_t name##_FUNC parameters;
-#define KXPOLICY_FUNCTION_POINTER(name, parameters) name##_FUNC* name;
+#define KXPOLICY_FUNCTION_POINTER(name, parameters) name##_FUNC* name; /* NOLINT: a declarator */
 KXPOLICY_FUNCTIONS(KXPOLICY_FUNCTION_TYPE)
 typedef struct KXPOLICY_LIBRARY
 {

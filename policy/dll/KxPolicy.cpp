@@ -1,5 +1,6 @@
 // The four exports: read the text, compare it with the store, change the store or nothing. KxPolicy.h is their
 // documentation.
+#define KXPOLICY_API // the exports are compiled here, not imported
 #include "api/include/KxPolicy.h"
 
 #include <algorithm>

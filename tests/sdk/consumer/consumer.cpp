@@ -19,7 +19,6 @@
 #define max(a, b) (((a) > (b)) ? (a) : (b))
 
 #include <KxPfwRule.hpp>
-#include <KxPolicy.h>
 
 namespace
 {
@@ -66,18 +65,6 @@ void MacrosAreARange(kxrule::Store& store)
     EXPECT(found != macros.end() && kxrule::text(*found).value_or("") == "second=10.0.0.1");
 }
 
-// KxPolicy.dll works on the store that this program has open.
-void PoliciesFindTheStore(kxrule::Store& store)
-{
-    std::string text;
-    const auto append = [](const char* part, size_t size, void* to)
-    { static_cast<std::string*>(to)->assign(part, size); };
-    EXPECT(kxPolicyExport(nullptr, 0, nullptr, append, &text) == KXRULE_OK);
-    EXPECT(store.deleteAllMacros() && store.macroCount() == 0);
-    EXPECT(kxPolicyApply(nullptr, text.data(), text.size(), KXPOLICY_REPLACE, nullptr, nullptr, nullptr) == 1);
-    EXPECT(store.macroCount() == 2);
-}
-
 // A failed open leaves nothing running: the log of the trace can be opened for this program alone.
 void FailedOpenStopsTheTrace()
 {
@@ -104,7 +91,6 @@ int main()
         EXPECT(store.addRuleSet(set));
         Values(store, set.index());
         MacrosAreARange(store);
-        PoliciesFindTheStore(store);
         EXPECT(store.flush());
     }
     EXPECT(std::filesystem::exists(L"rules-B\u00FCro\\KxRulMas.dat"));
