@@ -1,4 +1,5 @@
-// Addresses and ports as people write them.
+// Addresses and ports as people write them: in policies, and in the builders of the C++ layer, which have a reader of
+// their own.
 #include "policy/ItemText.h"
 
 #include <cstring>
@@ -6,6 +7,7 @@
 
 #include <gtest/gtest.h>
 
+#include "api/include/KxPfwRuleBuilder.hpp"
 #include "tests/support/RecordBuilder.h"
 
 namespace
@@ -65,17 +67,21 @@ TEST(ItemText, Addresses)
         ASSERT_TRUE(KxPolicy::ParseAddress(c.Text, item, why)) << c.Text << ": " << why;
         EXPECT_EQ(Bytes(item), c.Bytes) << c.Text;
         EXPECT_EQ(KxPolicy::AddressText(item), c.Back == nullptr ? c.Text : c.Back);
+        const auto built = kxrule::Address::parse(c.Text);
+        EXPECT_EQ(built ? Bytes(built->record()) : "07", c.Bytes) << c.Text; // a builder wants a name after the @
     }
     std::istringstream wrong(
         ";!;10;10.0.0;10.0.0.256;10.0.0.01;10.0.0.1/;10.0.0.1/33;10.0.0.1/255.0.0;10.0.0.1-;"
         "10.0.0.1-fe80::1;fe80::/129;1:2:3:4:5:6:7;1:2:3:4:5:6:7:8:9;1::2::3;:1;1:;1:2:3:4:5:6:7:;:::;"
-        "12345::;g::;10.0.0.1:10.0.0.2; 10.0.0.1;Any;!any;!@name;::1.2.3;1.2.3.4::;"
+        "12345::;g::;1:2:3:4:5:6:7::8:9;010.0.0.1;10.0.0.0/255.00.0.0;10.0.0.1:10.0.0.2; "
+        "10.0.0.1;Any;!any;!@name;::1.2.3;1.2.3.4::;"
         "@12345678901234567890123456789012345678901234;");
     for (std::string text; std::getline(wrong, text, ';');)
     {
         RULE_ADDR item = Build::AnyAddress();
         std::string why;
         EXPECT_FALSE(KxPolicy::ParseAddress(text, item, why)) << text;
+        EXPECT_FALSE(kxrule::Address::parse(text)) << text;
         EXPECT_FALSE(why.empty()) << text;
         EXPECT_EQ(Bytes(item), Bytes(Build::AnyAddress())) << text;
     }
@@ -138,6 +144,9 @@ TEST(ItemText, Ports)
         ASSERT_TRUE(KxPolicy::ParsePort(c.Text, item, why)) << c.Text << ": " << why;
         EXPECT_EQ(Bytes(item), c.Bytes) << c.Text;
         EXPECT_EQ(KxPolicy::PortText(item), c.Text);
+        const auto built = kxrule::Port::parse(c.Text);
+        const bool isList = std::string(c.Text).starts_with("list:"); // what a record can hold, but nobody builds
+        EXPECT_EQ(built ? Bytes(built->record()) : "refused", isList ? "refused" : c.Bytes) << c.Text;
     }
     const std::string tooLong = "list:" + std::string(129, '1');
     for (const char* const text : {"", "!", "65536", "-1", "80-", "-80", "80-90-100", "80,", ",80", "80,,90", "80,x",
@@ -146,6 +155,7 @@ TEST(ItemText, Ports)
         RULE_PORT item = Build::AnyPort();
         std::string why;
         EXPECT_FALSE(KxPolicy::ParsePort(text, item, why)) << text;
+        EXPECT_FALSE(kxrule::Port::parse(text)) << text;
         EXPECT_FALSE(why.empty()) << text;
         EXPECT_EQ(item.nType, KXRULE_PORT_ANY) << text;
     }

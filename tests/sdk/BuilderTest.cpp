@@ -1,4 +1,4 @@
-// The builders of the C++ layer, checked through the rules' text and through bytes.
+// The builders of the C++ layer, seen through the rules' own text. (tests/policy/ItemTextTest.cpp has the notation.)
 #include "api/include/KxPfwRuleBuilder.hpp"
 
 #include <cstring>
@@ -6,7 +6,6 @@
 #include <string>
 
 #include "common/srclib/KxComn_Names.h"
-#include "policy/ItemText.h"
 #include "rules/Macro.h"
 #include "rules/RuleText.h"
 
@@ -70,63 +69,6 @@ TEST(Builder, OnlyDescriptionsAreCut)
     EXPECT_TRUE(MacroName::parse(std::string(31, 'x')));
     EXPECT_FALSE(MacroName::parse(std::string(32, 'x')));
     EXPECT_FALSE(StreamText::parse(std::string("a\0b", 3)));
-}
-
-/// Whether the two readers of the notation agree: on what they understand, and on its bytes.
-template <class Item, class Record>
-void ExpectSame(const char* text, bool (*parse)(std::string_view, Record&, std::string&))
-{
-    const auto item = Item::parse(text);
-    Record record{};
-    std::string why;
-    ASSERT_EQ(parse(text, record, why), item.has_value()) << text << " " << why;
-    const Record expected = item ? item->record() : record;
-    EXPECT_EQ(std::memcmp(&expected, &record, sizeof record), 0) << text;
-}
-
-TEST(Builder, ReadsTheNotationOfPolicies)
-{
-    for (const char* text : {"any",
-                             "none",
-                             "!10.1.2.3",
-                             "10.0.0.0/8",
-                             "10.0.0.0/255.0.0.0",
-                             "fe80::1",
-                             "::",
-                             "1:2:3:4:5:6:7:8",
-                             "::ffff:1.2.3.4",
-                             "2001:DB8::/32",
-                             "fe80::1-::2",
-                             "@lan",
-                             "",
-                             "10.0.0",
-                             "10.0.0.256",
-                             "10.0.0.0/33",
-                             "10.0.0.0/",
-                             "10.0.0.1-fe80::1",
-                             "10.0.0.1-",
-                             "!any",
-                             "1::2::3",
-                             ":::",
-                             "1:2:3:4:5:6:7",
-                             "1:2:3:4:5:6:7:8:9",
-                             "1:2:3:4:5:6:7::8:9",
-                             "1.2.3.4::",
-                             "fe80::/129",
-                             "12345::",
-                             "g::",
-                             "0x10.0.0.1",
-                             "010.0.0.1",
-                             "10.0.0.0/255.00.0.0",
-                             "::1.2.3.04",
-                             " 10.0.0.1"})
-        ExpectSame<Address>(text, KxPolicy::ParseAddress);
-    const std::string tooLong = "@" + std::string(129, 'p');
-    for (const char* text : {"any", "80", "!0-65535", "80,1000-2000", "@web", "", "65536", "80-", "-80", "80,", ",80",
-                             "80,,81", "!80,81", "http", tooLong.c_str()})
-        ExpectSame<Port>(text, KxPolicy::ParsePort);
-    EXPECT_FALSE(Address::parse("@")); // a policy may carry what a record can hold; a builder wants a name
-    EXPECT_FALSE(Port::parse("@"));
 }
 
 TEST(Builder, MacrosGrowByItems)

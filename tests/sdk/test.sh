@@ -102,7 +102,7 @@ put()
     printf '{"version": 1, "active": [1], "ruleSets": [{"index": 1, "name": "p", "rules": [{"index": 1, "kind": "access",
         "protocol": "tcp", "action": "drop", "addresses": ["any", "any"], "ports": ["any", "%s"]}]}]}' "$1" >policy.json
 }
-await() { timeout 60 bash -c 'until grep -qs "$0" follow.log; do sleep 0.2; done' "$1"; }
+await() { for _ in {1..300}; do ! grep -qs "$1" follow.log || return 0; sleep 0.2; done; return 1; }
 follow()
 {
     put 21
