@@ -16,12 +16,15 @@
 #include <bcrypt.h>
 
 #include "companions/NtFile.h"
+#include "companions/hash/HashCache.h"
 
 namespace
 {
 
-constexpr DWORD kHashSize = 20;
+constexpr DWORD kHashSize = HashCache::kHashSize;
 constexpr DWORD kPieceSize = 64 * 1024;
+
+HashCache g_Cache;
 
 struct Sha1
 {
@@ -95,6 +98,16 @@ bool MayUseNetwork()
     return error;
 }
 
+// The state of a file to which nobody can be writing: while somebody does, its times may lag behind its bytes.
+[[nodiscard]] bool GetQuietState(const std::wstring& full, FileState& state)
+{
+    KxCommon::UniqueFile file;
+    return KxCompanions::Open(file, nullptr, KxCompanions::NtPath(full), FILE_READ_DATA | FILE_READ_ATTRIBUTES,
+                              FILE_OPEN, FILE_NON_DIRECTORY_FILE, nullptr,
+                              FILE_SHARE_READ | FILE_SHARE_DELETE) == ERROR_SUCCESS &&
+           GetFileState(file.get(), state);
+}
+
 // SHA-1 of the first `size` bytes.
 [[nodiscard]] DWORD HashBytes(HANDLE file, DWORD size, uint8_t* hash20)
 {
@@ -126,6 +139,10 @@ bool MayUseNetwork()
     const Place place = PlaceOf(full);
     if (place == Place::Network && !MayUseNetwork())
         return ERROR_NETWORK_ACCESS_DENIED;
+    FileState known, hashed, left;
+    const bool isQuiet = place == Place::Local && GetQuietState(full, known);
+    if (isQuiet && g_Cache.Find(known, hash20))
+        return ERROR_SUCCESS;
     KxCommon::UniqueFile file;
     // Reading a pipe or a console could wait for ever, and reading a whole disk nearly so.
     if (const DWORD error = place == Place::Device ? ERROR_BAD_FILE_TYPE : OpenToRead(file, full))
@@ -133,7 +150,8 @@ bool MayUseNetwork()
     BY_HANDLE_FILE_INFORMATION before, after;
     if (::GetFileType(file.get()) != FILE_TYPE_DISK || !::GetFileInformationByHandle(file.get(), &before))
         return ERROR_BAD_FILE_TYPE;
-    if (IsElsewhere(file.get(), before) && !MayUseNetwork())
+    const bool isElsewhere = IsElsewhere(file.get(), before);
+    if (isElsewhere && !MayUseNetwork())
         return ERROR_NETWORK_ACCESS_DENIED;
     if (before.nFileSizeHigh != 0)
         return ERROR_FILE_TOO_LARGE; // not a program: the system runs none of that size
@@ -147,6 +165,9 @@ bool MayUseNetwork()
         ::CompareFileTime(&after.ftLastWriteTime, &before.ftLastWriteTime) != 0)
         return ERROR_RETRY;
     std::memcpy(hash20, hash, kHashSize);
+    if (isQuiet && !isElsewhere && GetFileState(file.get(), hashed) && hashed == known && GetQuietState(full, left) &&
+        left == known)
+        g_Cache.Add(known, hash);
     return ERROR_SUCCESS;
 }
 

@@ -2,7 +2,7 @@
  * KxHash.h: the fingerprint of a program file, for rules that are bound to an application. C and C++.
  *
  * KxPfwRul.dll loads KxHash.dll from the directory in InstallPath (docs/settings.md) for every hash that it needs and
- * releases it again. The hash is SHA-1 over the bytes of the file, what sha1sum prints.
+ * releases it again; KxHash.dll itself stays in the process from the first hash that it remembers on. The hash is SHA-1 over the bytes of the file, what sha1sum prints.
  *
  * What it is worth: it tells that a program was replaced, updated or damaged, so that its rule stops matching. It is no
  * proof against somebody who may choose the program: two files of the same SHA-1 can be made, at a cost that has been
@@ -25,6 +25,9 @@
 /*
  * Hashes a file as it is now: the bytes that it had when it was opened, below 4 GiB, so that the call comes to an end
  * whatever the file's owner does. It reads with the rights of the process, also on a thread that impersonates a client.
+ * A local file that nobody has open for writing, and that has stayed as it is for three seconds, is read once a minute: its
+ * identity, size and times of writing and change tell whether it is the same. For a moment nobody can open it for writing
+ * then.
  *   path    NUL-terminated, absolute or relative to the current directory; an absolute one may be longer than 260
  *           characters. Neither SYSTEM nor any other name has a special meaning here.
  *   hash20  receives 20 bytes on success and is left alone otherwise

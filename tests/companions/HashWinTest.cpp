@@ -3,6 +3,7 @@
 #include <atomic>
 #include <cstring>
 #include <filesystem>
+#include <functional>
 #include <iterator>
 #include <string>
 #include <thread>
@@ -127,6 +128,51 @@ TEST_F(Hash, GivesUpOnAFileThatChanges)
         isDone = true;
         writer.join();
     }
+}
+
+// A file is read once as long as it stays as it is, and never again taken for what it was.
+TEST_F(Hash, RemembersOneVersionOfAFile)
+{
+    using std::filesystem::path;
+    KxCommon::UniqueFile writer;
+    const auto write = [&](const path& file)
+    {
+        writer = Open(file, GENERIC_WRITE, kShareAll);
+        DWORD written = 0;
+        return ::WriteFile(writer.get(), "abd", 3, &written, nullptr) != FALSE;
+    };
+    const std::pair<const wchar_t*, std::function<bool(const path&)>> changes[] = {
+        {L"being written", write},
+        {L"written", [&](const path& file) { return write(file) && writer.reset(); }},
+        {L"written with its old times",
+         [&](const path& file)
+         {
+             FILETIME times[3];
+             return ::GetFileTime(Open(file, GENERIC_READ, kShareAll).get(), &times[0], &times[1], &times[2]) &&
+                    write(file) && ::SetFileTime(writer.get(), &times[0], &times[1], &times[2]) && writer.reset();
+         }},
+        {L"replaced by one with its times",
+         [&](const path& file)
+         {
+             const auto time = std::filesystem::last_write_time(file);
+             const path other = file.native() + L"2";
+             WriteBytes(other, "abd");
+             std::filesystem::last_write_time(other, time);
+             return ::MoveFileExW(other.c_str(), file.c_str(), MOVEFILE_REPLACE_EXISTING) != FALSE;
+         }},
+    };
+    for (const auto& [name, change] : changes)
+        WriteBytes(m_Dir / name, "abc");
+    ::Sleep(3100); // what has just been changed is not remembered: it could change again at the same time
+    for (const auto& [name, change] : changes)
+    {
+        EXPECT_EQ(Of(m_Dir / name), kAbc) << name;
+        EXPECT_EQ(Of(m_Dir / name), kAbc) << name;
+        EXPECT_TRUE(change(m_Dir / name)) << name;
+        EXPECT_EQ(Of(m_Dir / name), "cb4cc28df0fdbe0ecf9d9662e294b118092a5735") << name;
+        writer.reset();
+    }
+    EXPECT_FALSE(m_Library.Release()) << "what is remembered would be lost";
 }
 
 } // namespace
