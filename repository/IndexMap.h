@@ -2,12 +2,15 @@
 #pragma once
 
 #include <algorithm>
+#include <bit>
 #include <cstddef>
 #include <cstdint>
 #include <memory>
 #include <new>
 #include <utility>
 #include <vector>
+
+#include "common/srclib/KxComn_Port.h"
 
 /// Keys are sorted and contiguous, so a look-up touches two or three cache lines instead of one per tree level; values
 /// are in slabs, never move, and need no allocation each. Find is logarithmic; so is adding if keys arrive in ascending
@@ -47,8 +50,18 @@ public:
 
     [[nodiscard]] T* Find(uint16_t key) noexcept
     {
-        const size_t position = LowerBound(key);
-        return position < m_Keys.size() && m_Keys[position] == key ? m_Values[position] : nullptr;
+        if (m_Keys.empty() || key < m_Keys.front() || key > m_Keys.back())
+            return nullptr;
+        // Keys are mostly evenly spaced, and values are mostly added in ascending order. Then the guess is the position and
+        // the value is in the place of that number: it is on its way while its key and its address still are.
+        const uint32_t width = m_Keys.back() - m_Keys.front() + 1u;
+        const size_t guess = static_cast<uint32_t>(key - m_Keys.front()) * static_cast<uint32_t>(m_Keys.size()) / width;
+        Prefetch(PlaceOf(guess), 16 * kCacheLine); // a few lines, for it may be another one
+        const size_t position = m_Keys[guess] == key ? guess : LowerBound(key);
+        if (m_Keys[position] != key)
+            return nullptr;
+        Prefetch(m_Values[position], kCacheLine);
+        return m_Values[position];
     }
     [[nodiscard]] const T* Find(uint16_t key) const noexcept { return const_cast<IndexMap*>(this)->Find(key); }
     [[nodiscard]] bool Contains(uint16_t key) const noexcept { return Find(key) != nullptr; }
@@ -142,8 +155,25 @@ private:
     static_assert(sizeof(T) >= sizeof(FreePlace), "a place holds the way to the next free one");
     static_assert(alignof(T) >= alignof(FreePlace), "and may lie where a value does");
 
+    static constexpr size_t kCacheLine = 64;
+    // Slabs have 4, 4, 8, 16, 32, 64, 64, ... places, so the slab of a place follows from its number.
     static constexpr size_t kFirstSlab = 4;
     static constexpr size_t kLargestSlab = 64;
+
+    // The address of the place that was taken as the number-th, counted from 0. Below Size() there always is one.
+    [[nodiscard]] const T* PlaceOf(size_t number) const noexcept
+    {
+        const size_t slab = number < kLargestSlab ? static_cast<size_t>(std::bit_width(number / kFirstSlab))
+                                                  : number / kLargestSlab + 4;
+        const size_t first = number < kFirstSlab ? 0 : std::bit_floor(std::min(number, kLargestSlab));
+        return m_Slabs[slab].Memory + (number - first) % kLargestSlab;
+    }
+
+    KX_ALWAYS_INLINE static void Prefetch(const T* value, size_t step) noexcept
+    {
+        for (size_t i = 0; i < sizeof(T); i += step)
+            KX_PREFETCH(reinterpret_cast<const char*>(value) + i);
+    }
 
     // Doubles the capacity before anything is changed, so that the insertions of Emplace cannot fail half-way.
     template <class Element>
@@ -180,7 +210,7 @@ private:
             return std::exchange(m_Free, m_Free->Next);
         if (m_Untouched == 0)
         {
-            const size_t capacity = std::clamp(m_Keys.size(), kFirstSlab, kLargestSlab);
+            const size_t capacity = kFirstSlab << (std::clamp<size_t>(m_Slabs.size(), 1, 5) - 1);
             m_Slabs.emplace_back(capacity);
             m_Untouched = capacity;
             m_Next = m_Slabs.back().Memory;
