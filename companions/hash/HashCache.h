@@ -2,6 +2,7 @@
 // reading it once is enough.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 
 #include "common/srclib/KxComn_Windows.h"
