@@ -17,6 +17,7 @@ namespace
 {
 
 std::string g_DataRoot; // NOLINT: set once by main
+bool g_HasPeers = true;
 
 // By offset: the fields of a packed record may lie at odd addresses.
 void PutWide(PFW_RULE& rule, size_t offset, std::wstring_view text)
@@ -146,6 +147,16 @@ void SetDataRoot(std::string root)
 const std::string& DataRoot() noexcept
 {
     return g_DataRoot;
+}
+
+bool HasPeers() noexcept
+{
+    return g_HasPeers;
+}
+
+void SetPeers(bool hasPeers) noexcept
+{
+    g_HasPeers = hasPeers;
 }
 
 std::string DataDirectory(const std::string& name)

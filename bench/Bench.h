@@ -55,6 +55,10 @@ struct Memory
 void SetDataRoot(std::string root);
 [[nodiscard]] const std::string& DataRoot() noexcept;
 
+/// Whether the SQL store takes part; measuring a change in the library does without.
+[[nodiscard]] bool HasPeers() noexcept;
+void SetPeers(bool hasPeers) noexcept;
+
 /// Runs this program again as a child with these arguments and returns the numbers that it reported.
 using Numbers = std::map<std::string, double>;
 [[nodiscard]] Numbers RunChild(const std::string& arguments);

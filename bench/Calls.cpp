@@ -37,6 +37,8 @@ LookUps::LookUps(const Shape& shape) : Of(shape), Ours(DataDirectory("calls")), 
                                                  Plain.Sets().ValueAt(i).ValueAt(j).Record);
     for (const bool encrypted : {false, true})
     {
+        if (!HasPeers())
+            break;
         const std::string path = DataRoot() + (encrypted ? "calls-aes.db" : "calls.db");
         SqlStore::FillNew(path, encrypted, Plain.Sets());
         auto& sql = Sql[encrypted];
@@ -53,7 +55,8 @@ LookUps::~LookUps()
     for (uint16_t set = kFirstSet; set < kFirstSet + Of.Sets; ++set)
         kxRuleDeleteRule(set, 0); // so that the last write is short
     for (auto& sql : Sql)
-        sql->Commit();
+        if (sql)
+            sql->Commit();
 }
 
 const PFW_RULE* LookUps::Address(const Place& place) const

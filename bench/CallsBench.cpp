@@ -81,8 +81,11 @@ void AddLookUps(const Shape& shape)
     AddLookUp("get/ours", shape, OurGet);
     AddLookUp("get/floor", shape, FloorGet);
     AddLookUp("get/tree", shape, TreeGet);
-    AddLookUp("get/sql", shape, SqlGet<false>);
-    AddLookUp("get/sql-aes", shape, SqlGet<true>);
+    if (HasPeers())
+    {
+        AddLookUp("get/sql", shape, SqlGet<false>);
+        AddLookUp("get/sql-aes", shape, SqlGet<true>);
+    }
     AddLookUp("active/ours", shape, OurIsActive);
 }
 
@@ -301,6 +304,7 @@ int main(int argc, char** argv)
 {
     std::vector<char*> arguments(argv, argv + argc);
     SetDataRoot(TakeOption(arguments, "data", "bench-data"));
+    SetPeers(TakeOption(arguments, "peers", "yes") == "yes");
     int count = static_cast<int>(arguments.size());
     benchmark::Initialize(&count, arguments.data());
     AddLookUps(kSmall);

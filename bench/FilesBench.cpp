@@ -14,6 +14,7 @@
 #include "bench/OurStore.h"
 #include "bench/PlainStore.h"
 #include "bench/SqlStore.h"
+#include "common/srclib/KxComn_Windows.h"
 #include "persistence/Aes128.h"
 #include "persistence/FileFormat.h"
 
@@ -71,6 +72,56 @@ std::function<void()> ReadSql(const Shape& shape, bool encrypted)
     };
 }
 
+// A service's start, up to the first answered look-up: a copy of the DLL, since this program has one already. Leaves
+// the seconds of each part in the numbers.
+Numbers StartOurs(const Shape& shape)
+{
+    char own[MAX_PATH], copy[MAX_PATH];
+    ::GetModuleFileNameA(::GetModuleHandleA("KxPfwRul.dll"), own, MAX_PATH);
+    ::GetFullPathNameA((DataRoot() + "KxPfwRul.dll").c_str(), MAX_PATH, copy, nullptr);
+    Check(::CopyFileA(own, copy, FALSE) != FALSE, "copy of the DLL");
+    Numbers numbers;
+    double last = Seconds();
+    const auto note = [&](const char* part)
+    {
+        const double now = Seconds();
+        numbers[part] = now - last;
+        numbers["all"] += now - last;
+        last = now;
+    };
+    const HMODULE library = ::LoadLibraryA(copy);
+    const auto find = [library](const char* name) { return reinterpret_cast<void*>(::GetProcAddress(library, name)); };
+    note("load");
+    const std::string directory = DataDirectory("ours-" + shape.Name());
+    Check(reinterpret_cast<kxRuleInitialize_FUNC*>(find("kxRuleInitialize"))(directory.c_str(), nullptr) == KXRULE_OK,
+          "kxRuleInitialize");
+    note("initialize");
+    Check(reinterpret_cast<kxRuleRead_FUNC*>(find("kxRuleRead"))() == KXRULE_OK, "kxRuleRead");
+    note("read");
+    PFW_RULE rule;
+    Check(reinterpret_cast<kxRuleGetRule_FUNC*>(find("kxRuleGetRule"))(kFirstSet, RuleKey(0), &rule) == KXRULE_OK,
+          "kxRuleGetRule");
+    note("look-up");
+    reinterpret_cast<kxRuleFinalize_FUNC*>(find("kxRuleFinalize"))();
+    return numbers;
+}
+
+// The same of the peer: everything read, or only what the first look-up needs.
+Numbers StartSql(const Shape& shape, bool readsAll)
+{
+    const double start = Seconds();
+    SqlStore store(SqlPath(shape, "sql-aes"), true, SqlStore::Journal::Rollback);
+    SetMap sets;
+    if (readsAll)
+        store.ReadAll(sets);
+    PFW_RULE rule;
+    store.Begin();
+    Check(store.Get(kFirstSet, RuleKey(0), &rule), "a row");
+    const double seconds = Seconds() - start;
+    store.Commit();
+    return {{"all", seconds}};
+}
+
 const Child kChildren[] = {
     {"read/ours",
      [](const Shape& shape)
@@ -97,6 +148,11 @@ const Child kChildren[] = {
 
 int RunAsChild(const std::string& name, const Shape& shape, const std::string& report)
 {
+    if (name.starts_with("start/"))
+    {
+        Report(report, name == "start/ours" ? StartOurs(shape) : StartSql(shape, name == "start/sql-aes"));
+        return 0;
+    }
     for (const Child& child : kChildren)
         if (name == child.Name)
         {
@@ -128,8 +184,9 @@ struct Stores
         Plain->WriteAll();
         for (const bool encrypted : {false, true})
             for (const char* name : {"", "-replace", "-wal"})
-                SqlStore::FillNew(SqlPath(shape, (std::string(encrypted ? "sql-aes" : "sql") + name).c_str()),
-                                  encrypted, Plain->Sets());
+                if (HasPeers())
+                    SqlStore::FillNew(SqlPath(shape, (std::string(encrypted ? "sql-aes" : "sql") + name).c_str()),
+                                      encrypted, Plain->Sets());
     }
     const Shape Of;
     std::shared_ptr<PlainStore> Plain;
@@ -258,8 +315,11 @@ void AddAll(const Shape& shape)
     Add("write/floor", nullptr, [] { g_Stores->Plain->WriteAll(); });
     Add("change/ours", nullptr, [] { g_Stores->Ours->ChangeOne(kFirstSet, RuleKey(50), *g_Stores->Records[50]); });
     Add("change/floor", nullptr, [] { g_Stores->Plain->WriteSet(kFirstSet); });
-    AddSql(false);
-    AddSql(true);
+    if (HasPeers())
+    {
+        AddSql(false);
+        AddSql(true);
+    }
     AddCipher();
     auto copy = std::make_shared<std::vector<PFW_RULE>>(shape.Total());
     Add("copy", nullptr,
@@ -270,17 +330,19 @@ void AddAll(const Shape& shape)
             benchmark::ClobberMemory();
         });
     for (const char* who : {"ours", "floor", "sql", "sql-aes"})
-        if (shape == kFull)
+        if (shape == kFull && (HasPeers() || !std::string(who).starts_with("sql")))
             AddChild(std::string("read/") + who, std::string("read/") + who, shape);
     if (shape == kFull)
     {
         for (const char* who : {"ours", "floor", "sql-aes"})
-            AddChild(std::string("memory/write/") + who, std::string("write/") + who, shape);
+            if (HasPeers() || who != std::string("sql-aes"))
+                AddChild(std::string("memory/write/") + who, std::string("write/") + who, shape);
         return;
     }
     // Small: again and again in this process. The library goes on with what it read, which is what it wrote.
     for (const Child& child : kChildren)
-        if (const std::string name = child.Name; name.starts_with("read") && name != "read/ours")
+        if (const std::string name = child.Name;
+            name.starts_with("read") && name != "read/ours" && (HasPeers() || !name.starts_with("read/sql")))
             Add(name, nullptr, child.Prepare(shape));
     Add("read/ours", nullptr, [] { g_Stores->Ours->ReadAll(); });
 }
@@ -306,6 +368,7 @@ int main(int argc, char** argv)
 {
     std::vector<char*> arguments(argv, argv + argc);
     SetDataRoot(TakeOption(arguments, "data", "bench-data"));
+    SetPeers(TakeOption(arguments, "peers", "yes") == "yes");
     const std::string store = TakeOption(arguments, "store", kSmall.Name());
     const std::string report = TakeOption(arguments, "report", "");
     if (const std::string child = TakeOption(arguments, "child", ""); !child.empty())

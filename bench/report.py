@@ -1,9 +1,9 @@
 #!/usr/bin/env python3
 """report.py RESULTS [DOCUMENT]: the table and the plots of one run of scripts/bench.sh.
 
-RESULTS holds the JSON files that the benchmark programs wrote. Prints the table and writes summary.json and the plots
-there. With a document, the table takes the place of what stands between its two marks, and the plots go into the
-folder of the document's name.
+RESULTS holds the JSON files that the benchmark programs wrote. Prints the table and what has changed since the recorded run,
+and writes summary.json and the plots there. Rows of what was not measured are left out. With a document, the table takes
+the place of what stands between its two marks, and the plots and the medians go into the folder of the document's name.
 """
 import json
 import pathlib
@@ -13,6 +13,7 @@ import sys
 
 import plot
 
+RECORDED = pathlib.Path(__file__).resolve().parent.parent / "docs/performance/recorded.json"
 NANOSECONDS = {"ns": 1, "us": 1e3, "ms": 1e6, "s": 1e9}
 
 
@@ -28,7 +29,7 @@ class Measures:
                     continue
                 name = re.sub(r"/(manual_time|real_time|process_time|iterations:\d+|repeats:\d+)", "", entry["name"])
                 self.rounds.setdefault(name, []).append(entry["real_time"] * NANOSECONDS[entry["time_unit"]])
-                for counter in ("peak_above_rules", "peak_before"):
+                for counter in ("peak_above_rules", "peak_before", "peak"):
                     if counter in entry:
                         self.counters.setdefault((name, counter), []).append(entry[counter])
 
@@ -46,8 +47,11 @@ class Measures:
     def counter(self, name, counter):
         return statistics.median(self.counters[name, counter])
 
+    def has(self, *names):
+        return all(name in self.rounds for name in names)
+
     def fastest(self, names):
-        return min(names, key=self.median)
+        return min(filter(self.has, names), key=self.median, default=None)
 
     def shown(self, name):
         value = self.median(name)
@@ -82,9 +86,9 @@ ROWS = [
     (f"one rule changed, durable, {FULL}", f"change/ours/{FULL}", f"change/floor/{FULL}", 1.25,
      [("AES, write-ahead log", [f"change/sql-aes-wal/{FULL}"], None),
       ("AES, rollback journal", [f"change/sql-aes-rollback/{FULL}"], None)]),
-    (f"kxRuleGetRule at random, {FULL}", f"get/ours/random/{FULL}", f"get/floor/random/{FULL}", 1.8,
+    (f"kxRuleGetRule at random, {FULL}", f"get/ours/random/{FULL}", f"get/floor/random/{FULL}", 1.3,
      [("AES, in a transaction", [f"get/sql-aes/random/{FULL}"], 1.0)]),
-    (f"kxRuleGetRule in order, {FULL}", f"get/ours/order/{FULL}", f"get/floor/order/{FULL}", 1.6,
+    (f"kxRuleGetRule in order, {FULL}", f"get/ours/order/{FULL}", f"get/floor/order/{FULL}", 1.15,
      [("AES, in a transaction", [f"get/sql-aes/order/{FULL}"], 1.0)]),
     (f"kxRuleGetRule at random, {SMALL}", f"get/ours/random/{SMALL}", f"get/floor/random/{SMALL}", None,
      [("AES, in a transaction", [f"get/sql-aes/random/{SMALL}"], 2.5)]),
@@ -115,15 +119,17 @@ def verdict(value, goal, most, unit=""):
 def main_table(m, summary):
     rows = [["work", "library", "floor", "× floor", "goal", "peer", "", "× faster than the peer (the floor)", "goal"]]
     for work, ours, floor, floor_goal, peers in ROWS:
+        if not m.has(ours, floor):
+            continue
         ratio = m.median(ours) / m.median(floor)
         cells = [work, m.shown(ours), m.shown(floor), f"{ratio:.2f}", verdict(ratio, floor_goal, True)]
         entry = {"work": work, "library_ns": m.median(ours), "spread": m.spread(ours), "floor_ns": m.median(floor),
                  "times_floor": ratio, "goal": floor_goal, "peers": {}}
-        for what, candidates, goal in peers or [("–", None, None)]:
-            if candidates is None:
-                rows.append(cells + ["–", "–", "–", "–"])
-                continue
+        for what, candidates, goal in peers or [("–", [], None)]:
             peer = m.fastest(candidates)
+            if peer is None:
+                rows.append(cells + ["–", "–", "–", "–"])
+                break
             ratio = m.median(peer) / m.median(ours)
             floor_ratio = m.median(peer) / m.median(floor)
             rows.append(cells + [what + (" (log)" if peer.endswith(f"-wal/{FULL}") and "log" not in what else ""),
@@ -139,19 +145,56 @@ def other_table(m, counts, summary):
     mib = 1024 * 1024
     rows = [["measured", "result", "goal"]]
     for work, name in (("write", f"memory/write/ours/{FULL}"), ("read", f"read/ours/{FULL}")):
+        if not m.has(name):
+            continue
         value = m.counter(name, "peak_above_rules") / mib
-        peer = m.counter(name.replace("ours", "sql-aes"), "peak_above_rules") / mib
-        rows.append([f"peak memory above the rules, full {work}", f"{value:.1f} MiB (SQL {peer:.1f} MiB)",
-                     verdict(value, 4, True, " MiB")])
+        sql = name.replace("ours", "sql-aes")
+        peer = f" (SQL {m.counter(sql, 'peak_above_rules') / mib:.1f} MiB)" if m.has(sql) else ""
+        rows.append([f"peak memory above the rules, full {work}", f"{value:.1f} MiB{peer}", verdict(value, 4, True, " MiB")])
         summary[f"peak_above_rules_{work}_mib"] = value
-    trace = max(m.median("trace/off") - m.median("trace/none"), 0)
-    rows.append(["a trace call that is off", f"{trace:.2f} ns", verdict(trace, 5, True, " ns")])
-    summary["trace_off_ns"] = trace
+    if m.has("trace/off", "trace/none"):
+        trace = max(m.median("trace/off") - m.median("trace/none"), 0)
+        rows.append(["a trace call that is off", f"{trace:.2f} ns", verdict(trace, 5, True, " ns")])
+        summary["trace_off_ns"] = trace
     for work, operations in counts.items():
         rows.append([f"file calls, {'one rule changed' if work == 'change' else 'full ' + work}",
                      ", ".join(f"{count} {name}" for name, count in operations.items()), "–"])
     summary["file_calls"] = counts
-    rows += [[work, m.shown(name), "–"] for work, name in ALONE]
+    return rows + [[work, m.shown(name), "–"] for work, name in ALONE if m.has(name)]
+
+
+def start_table(m):
+    rows = [["start to the first look-up", "library", "loading the DLL", "initialize", "read", "look-up", "SQL, all read",
+             "SQL, one row"]]
+    for shape in (FULL, SMALL):
+        for state in ("cold", "warm"):
+            ours = [f"start/ours/{part}/{shape}/{state}" for part in ("all", "load", "initialize", "read", "look-up")]
+            peers = [f"start/{who}/all/{shape}/{state}" for who in ("sql-aes", "sql-aes-look-up")]
+            if m.has(*ours, *peers):
+                rows.append([f"{shape}, {state}"] + [m.shown(name) for name in ours + peers])
+    return rows
+
+
+def tool_table(m):
+    rows = [["kxrule on the full store", "time", "without starting the process, × one read", "peak memory"]]
+    read = f"read/ours/{FULL}"
+    for name in m.rounds:
+        if name.startswith("tool/") and m.has(read):
+            times = (m.median(name) - m.median("tool/nothing")) / m.median(read)
+            rows.append([name[5:], m.shown(name), f"{times:.2f}", f"{m.counter(name, 'peak') / 1024 ** 2:.0f} MiB"])
+    return rows
+
+
+def change_table(m):
+    """Against the recorded run: times the floor where there is one, so that the machine's mood counts little."""
+    rows = [["since the recorded run", "× floor then", "× floor now", "change"]]
+    if not RECORDED.exists():
+        return rows
+    then = json.loads(RECORDED.read_text())
+    for work, ours, floor, _, _ in ROWS:
+        if m.has(ours, floor) and ours in then and floor in then:
+            before, now = then[ours] / then[floor], m.median(ours) / m.median(floor)
+            rows.append([work, f"{before:.2f}", f"{now:.2f}", f"{(now / before - 1) * 100:+.0f} %"])
     return rows
 
 
@@ -198,17 +241,21 @@ def main(arguments):
     m = Measures(results)
     counts = json.loads((results / "counts.json").read_text())
     summary = {"rows": []}
-    tables = [main_table(m, summary), other_table(m, counts, summary)]
+    tables = [main_table(m, summary), start_table(m), tool_table(m), other_table(m, counts, summary)]
+    tables = [rows for rows in tables if len(rows) > 1]
     summary["benchmarks"] = {name: {"median_ns": m.median(name), "spread": m.spread(name), "rounds": len(rounds)}
                              for name, rounds in m.rounds.items()}
     (results / "summary.json").write_text(json.dumps(summary, indent=1, ensure_ascii=False))
-    print("\n\n".join(aligned(rows) for rows in tables))
-    plots(m, results)
+    print("\n\n".join(aligned(rows) for rows in tables + [change_table(m)]))
+    if m.has("threads/ours/threads:1"):
+        plots(m, results)
     if arguments[1:]:
         document = pathlib.Path(arguments[1])
         folder = document.with_suffix("")
         folder.mkdir(exist_ok=True)
         plots(m, folder)
+        (folder / RECORDED.name).write_text(
+            json.dumps({name: round(m.median(name), 2) for name in sorted(m.rounds)}, indent=0, ensure_ascii=False) + "\n")
         before, rest = document.read_text().split("<!-- results -->\n")
         after = rest.split("<!-- end of results -->\n")[1]
         table = "\n".join(markdown(rows) for rows in tables)

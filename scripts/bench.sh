@@ -1,8 +1,16 @@
 #!/bin/bash
-# bench.sh [--record]: measures the library against what the machine can do and against an SQL store, in a few minutes,
-# and prints one table. Results as JSON and plots: build/bench/results. --record puts table and plots into docs/performance.md.
+# bench.sh [--quick|--record]: measures the library against what the machine can do and against an SQL store, in under six
+# minutes, and prints one table and what has changed since the recorded run. Results as JSON and plots: build/bench/results.
+# --quick    under a minute once it is built, for before and after: the library and the floor alone, two rounds
+# --record   puts table and plots into docs/performance.md, and the medians beside them for later runs to be compared with
 # KX_BENCH_ROUNDS: rounds of each measurement (5); three times as many where a round takes no time.
 . "$(dirname "$0")/steps.sh" 5
+
+case "${1-}" in
+'' | --record) isQuick= ;;
+--quick) isQuick=1 KX_BENCH_ROUNDS=${KX_BENCH_ROUNDS:-2} ;;
+*) echo "usage: scripts/bench.sh [--quick|--record]" >&2; exit 2 ;;
+esac
 
 rounds=${KX_BENCH_ROUNDS:-5}
 deps=build/bench/deps
@@ -60,22 +68,33 @@ for archive in $harness $peer; do tar xzf "$deps/$archive" -C $deps; done
 
 step "build"
 configure bench
-NINJA_STATUS='    [%f/%t] ' cmake --build --preset bench --target files_bench calls_bench counts_bench
+NINJA_STATUS='    [%f/%t] ' cmake --build --preset bench --target files_bench calls_bench counts_bench kxrule
 
 step "run"
 trap stopWine EXIT
 rm -rf build/bench/data $results
 mkdir -p build/bench/data $results
 quietly bench-counts cmake/wine-run.sh build/bench/bin/counts_bench.exe --data=build/bench/data --out=$results/counts.json
-run files-full files_bench --store=64x1024
-run files-small files_bench --store=3x100 --benchmark_min_time=0.05 "--benchmark_repetitions=$((3 * rounds))"
-run growth-files files_bench --store=growth --benchmark_repetitions=3
-run calls-full calls_bench --benchmark_filter='^(get|active)/.*/64x1024' --benchmark_min_time=0.1
-run calls-small calls_bench --benchmark_filter='^(get|active)/.*/3x100' --benchmark_min_time=0.1
-run calls-lines calls_bench --benchmark_filter='^(line|trace)/' --benchmark_min_time=0.1 \
-    "--benchmark_repetitions=$((3 * rounds))"
-run calls-add calls_bench --benchmark_filter='^add/' --benchmark_min_time=0.1
-run growth-calls calls_bench --benchmark_filter='^(growth|threads)/' --benchmark_min_time=0.02 --benchmark_repetitions=5
+small=(--benchmark_min_time=0.05 "--benchmark_repetitions=$((3 * rounds))")
+if [ "$isQuick" ]; then
+    run files-full files_bench --store=64x1024 --peers=no --benchmark_filter='^(write|read|change)/(ours|floor)/'
+    run files-small files_bench --store=3x100 --peers=no --benchmark_filter='^(write|read|change)/(ours|floor)/' "${small[@]}"
+    run calls-full calls_bench --peers=no --benchmark_filter='^get/(ours|floor)/.*/64x1024' --benchmark_min_time=0.1
+    run calls-small calls_bench --peers=no --benchmark_filter='^get/(ours|floor)/.*/3x100' --benchmark_min_time=0.1
+    run calls-lines calls_bench --benchmark_filter='^(line|trace)/' --benchmark_min_time=0.1
+else
+    run files-full files_bench --store=64x1024
+    run files-small files_bench --store=3x100 "${small[@]}"
+    echo "    processes"
+    quietly bench-processes python3 bench/processes.py build/bench/bin build/bench/data $results/bench-processes.json 3
+    run growth-files files_bench --store=growth --benchmark_repetitions=3
+    run calls-full calls_bench --benchmark_filter='^(get|active)/.*/64x1024' --benchmark_min_time=0.1
+    run calls-small calls_bench --benchmark_filter='^(get|active)/.*/3x100' --benchmark_min_time=0.1
+    run calls-lines calls_bench --benchmark_filter='^(line|trace)/' --benchmark_min_time=0.1 \
+        "--benchmark_repetitions=$((3 * rounds))"
+    run calls-add calls_bench --benchmark_filter='^add/' --benchmark_min_time=0.1
+    run growth-calls calls_bench --benchmark_filter='^(growth|threads)/' --benchmark_min_time=0.02 --benchmark_repetitions=5
+fi
 rm -rf build/bench/data
 
 step "result ($SECONDS s in all)"
