@@ -1,7 +1,7 @@
 #!/bin/bash
 # bench.sh [--quick|--record]: measures the library against what the machine can do and against an SQL store, in under six
 # minutes, and prints one table and what has changed since the recorded run. Results as JSON and plots: build/bench/results.
-# --quick    under a minute once it is built, for before and after: the library and the floor alone, two rounds
+# --quick    for before and after, in about a minute once it is built: the library and the floor alone, two rounds
 # --record   puts table and plots into docs/performance.md, and the medians beside them for later runs to be compared with
 # KX_BENCH_ROUNDS: rounds of each measurement (5); three times as many where a round takes no time.
 . "$(dirname "$0")/steps.sh" 5
