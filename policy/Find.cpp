@@ -60,15 +60,7 @@ public:
                Meet(m_Ports, m_Meanings.SetOf(port).value_or(NumberSet()));
     }
     [[nodiscard]] bool IsPort(uint32_t number) const { return Meet(m_Ports, NumberSet{{number, number}}); }
-    [[nodiscard]] bool IsIn(WideStringView text) const
-    {
-        for (size_t i = 0; !m_Text.empty() && i + m_Text.size() <= text.size(); ++i)
-        {
-            if (KxCommon::String::EqualNoCase(text.substr(i, m_Text.size()), m_Text))
-                return true;
-        }
-        return false;
-    }
+    [[nodiscard]] bool IsIn(WideStringView text) const { return Contains(text, m_Text); }
     [[nodiscard]] bool IsInNarrow(std::string_view text) const { return IsIn(KxCommon::String::ToWide(text)); }
 
     /// From now on this name is found wherever an item has it.
@@ -145,6 +137,16 @@ std::string FindInMacro(Query& query, const MacroRecord& macro)
 }
 
 } // namespace
+
+bool Contains(WideStringView text, WideStringView part) noexcept
+{
+    for (size_t i = 0; !part.empty() && i + part.size() <= text.size(); ++i)
+    {
+        if (KxCommon::String::EqualNoCase(text.substr(i, part.size()), part))
+            return true;
+    }
+    return false;
+}
 
 std::vector<Hit> Find(const Policy& policy, std::string_view text, bool withAny)
 {

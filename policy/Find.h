@@ -25,4 +25,7 @@ struct Hit
 /// asked for. Names mean what the macros do that bear them, and are found with the texts of those, too.
 [[nodiscard]] std::vector<Hit> Find(const Policy& policy, std::string_view query, bool withAny = false);
 
+/// Whether a text contains another, in any letter case; nothing contains the empty text.
+[[nodiscard]] bool Contains(KxCommon::WideStringView text, KxCommon::WideStringView part) noexcept;
+
 } // namespace KxPolicy

@@ -1,12 +1,14 @@
 // A policy's text, whichever form it has.
 #include "policy/PolicyText.h"
 
+#include "policy/RulesText.h"
+
 namespace KxPolicy
 {
 
 bool ReadPolicyText(std::string_view text, Policy& policy, std::vector<Diagnostic>& diagnostics)
 {
-    if (!ReadPolicy(text, policy, diagnostics))
+    if (!ReadAnyPolicy(text, policy, diagnostics))
         return false;
     if (!policy.HasVersion)
         diagnostics.push_back(

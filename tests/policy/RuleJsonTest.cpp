@@ -10,6 +10,7 @@
 #include <nlohmann/json.hpp>
 
 #include "policy/RuleFields.h"
+#include "policy/RulesText.h"
 #include "tests/support/RecordBuilder.h"
 
 using KxPolicy::Diagnostic;
@@ -71,6 +72,68 @@ TEST(RuleJson, GivesPoliciesBackAndIsStable)
         EXPECT_TRUE(back.RuleSets.at(0).Name == ruleSet.Name) << json;
         EXPECT_EQ(Bytes(back.RuleSets[0].Rules.at(0)), Bytes(ruleSet.Rules[0])) << json;
         EXPECT_EQ(KxPolicy::PolicyToJson(back), json);
+        if (round % 10 != 0)
+            continue;
+        const std::string text = KxPolicy::PolicyToText(policy);
+        back = {};
+        ASSERT_TRUE(KxPolicy::ReadAnyPolicy(text, back, errors)) << Texts(errors) << text;
+        EXPECT_EQ(back.Active, policy.Active);
+        EXPECT_TRUE(Contents(back) == Contents(policy)) << text;
+        EXPECT_EQ(KxPolicy::PolicyToText(back), text);
+    }
+}
+
+TEST(RuleJson, TheExampleAsTextSaysTheSame)
+{
+    std::ifstream file("examples/workstation.json", std::ios::binary);
+    Policy policy;
+    Policy back;
+    std::vector<Diagnostic> errors;
+    ASSERT_TRUE(KxPolicy::ReadAnyPolicy(std::string{std::istreambuf_iterator<char>(file), {}}, policy, errors));
+    const std::string text = KxPolicy::PolicyToText(policy);
+    ASSERT_TRUE(KxPolicy::ReadAnyPolicy(text, back, errors)) << Texts(errors) << text;
+    EXPECT_EQ(KxPolicy::PolicyToJson(back), KxPolicy::PolicyToJson(policy)) << text;
+    EXPECT_EQ(text.find("raw="), std::string::npos);
+}
+
+TEST(RuleJson, ReadsLinesOfText)
+{
+    const struct
+    {
+        const char* Line;
+        const char* Back; // or what is wrong, from its column on
+    } cases[] = {
+        {"ACCESS,TCP,web,!10.0.0.0/8,1000:2000,80|443,DROP  (off)", nullptr},
+        {"ACCESS,ANY,fe80::1,!fe80::/10,,,ASK,-1:3:a, b", nullptr},
+        {"access,tcp,10.0.0.1:10.0.0.9,,,80,accept description=\"a b\"  application=C:\\a.exe",
+         "ACCESS,TCP,10.0.0.1:10.0.0.9,,,80,ACCEPT  description=\"a b\"  application=C:\\a.exe"},
+        {"ACCESS,TCP,,,,80,ACCEPT  ports=any,list:80", nullptr},
+        {"NAT,ANY,,,10.0.0.1,80,,8080,DNAT", nullptr},
+        {"THROTTLE,UDP,,,,53,1,2,3,4,5,65535", nullptr},
+        {"STREAM,HTTP,,,85,DROP,0:0:x80,GET /a, b", nullptr},
+        {"STREAM,HTTP,,,85,DROP,0:0:,", nullptr},
+        {"GENSTREAM,TCP,,,,,IN,1,2,-3,DROP,4,0:0:,text", nullptr},
+        {"ACCESS2  protocol=udp", "ACCESS2  protocol=udp  addresses=any,any  ports=any,any"},
+        {"ACCESS,TCP,10.0.0.300,,,,DROP", "1:12 expected an address"},
+        {"ACCESS,TPC,,,,,DROP", "1:8 expected any, icmp"},
+        {"ACCESS,TCP,,,,DROP", "1:19 expected action after"},
+        {"ACCESS,TCP,,,,80", "1:17 expected action after another comma"},
+        {"ACCESS,TCP,,,,80,DROP  colour=red", "1:24 \"colour\" is not a member"},
+        {"ACCESS,TCP,,,,80,DROP description=\"ü  spare=[1", "1:35 expected JSON"},
+        {"NAT,ANY,,,,,,,SNAT,1", "1:20 expected the end"},
+    };
+    for (const auto& c : cases)
+    {
+        PFW_RULE rule{};
+        bool hasIndex = true;
+        std::vector<Diagnostic> errors;
+        const bool isGood = KxPolicy::ReadAnyRule(c.Line, rule, hasIndex, errors);
+        const std::string found =
+            isGood ? KxPolicy::RuleToText(rule)
+                   : std::to_string(errors[0].Line) + ":" + std::to_string(errors[0].Column) + " " + errors[0].Text;
+        const std::string expected = c.Back == nullptr ? c.Line : c.Back;
+        EXPECT_EQ(isGood ? found : found.substr(0, expected.size()), expected) << found;
+        EXPECT_FALSE(hasIndex);
     }
 }
 

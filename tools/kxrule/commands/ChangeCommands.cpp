@@ -6,6 +6,7 @@
 #include "policy/Apply.h"
 #include "policy/RecordText.h"
 #include "policy/ResultCodes.h"
+#include "policy/RulesText.h"
 #include "policy/Utf8.h"
 #include "tools/kxrule/commands/Commands.h"
 #include "tools/kxrule/console/Columns.h"
@@ -47,10 +48,7 @@ int32_t TakeRefreshed(uint32_t ruleSetIndex, const PFW_RULE* rule, void* context
 
 int AddRuleSet(Session& session, const std::string& name, std::optional<uint16_t> index)
 {
-    const KxCommon::WideString wide = FromUtf8(name);
-    if (wide.size() >= KXRULE_RULESET_NAME_UNITS)
-        throw Failure("a rule set's name may have " + std::to_string(KXRULE_RULESET_NAME_UNITS - 1) +
-                      " UTF-16 units, this one has " + std::to_string(wide.size()));
+    const KxCommon::WideString wide = RuleSetName(name);
     session.OpenToChange();
     const Policy store = session.Read();
     for (const RuleSetRecord& ruleSet : store.RuleSets)
@@ -79,34 +77,39 @@ int DeleteRuleSets(Session& session, const std::vector<uint16_t>& indexes, bool 
     {
         static_cast<void>(FindRuleSet(store, index));
         std::erase_if(wanted.RuleSets, [index](const RuleSetRecord& ruleSet) { return ruleSet.Index == index; });
+        std::erase(*wanted.Active, index); // what is active and does not exist is a warning from then on
     }
     if (all)
+    {
         wanted.RuleSets.clear();
+        wanted.Active->clear();
+    }
     return ApplyPolicy(session, store, wanted, MergeMode::Replace);
 }
 
-int AddRule(Session& session, uint16_t ruleSetIndex, const std::string& rule, bool replace)
+int AddRule(Session& session, uint16_t ruleSetIndex, const std::string& rule, bool replace, const RulePlace& place)
 {
-    const bool isText = rule.find('{') != std::string::npos;
+    const bool isText = rule.find('{') != std::string::npos || IsRuleLine(rule);
     PFW_RULE record{};
+    RulePlace where = place;
+    bool hasIndex = true;
     std::vector<Diagnostic> diagnostics;
-    if (!ReadRule(isText ? rule : ReadTextFile(rule), record, diagnostics))
+    if (!ReadAnyRule(isText ? rule : ReadTextFile(rule), record, hasIndex, diagnostics))
         return TellDiagnostics(session, isText ? "RULE" : rule, diagnostics);
     session.OpenToChange();
     const Policy store = session.Read();
     Policy wanted = store;
     RuleSetRecord& ruleSet = FindRuleSet(wanted, ruleSetIndex);
-    const auto existing = FindRule(ruleSet, record.wRuleIndex);
+    if (hasIndex && !place.Before && !place.After)
+        where.Index = uint16_t{record.wRuleIndex};
+    const auto existing = where.Index ? FindRule(ruleSet, *where.Index) : ruleSet.Rules.end();
     if (existing != ruleSet.Rules.end() && !replace)
         throw Failure("rule set " + std::to_string(ruleSetIndex) + " already has a rule " +
                       std::to_string(uint16_t{record.wRuleIndex}) + "; use --replace");
     if (existing != ruleSet.Rules.end())
         *existing = record;
     else
-        ruleSet.Rules.insert(std::find_if(ruleSet.Rules.begin(), ruleSet.Rules.end(),
-                                          [&record](const PFW_RULE& other)
-                                          { return other.wRuleIndex > record.wRuleIndex; }),
-                             record);
+        InsertRule(ruleSet, record, where);
     return ApplyPolicy(session, store, wanted, MergeMode::Replace);
 }
 

@@ -48,7 +48,7 @@ public:
             ->type_name("SECONDS");
         m_App.set_version_flag("--version", "kxrule " KX_VERSION);
         m_App.footer("Example:\n  kxrule --dir C:\\ProgramData\\Firewall\\Rules list\n\n"
-                     "Exit codes: 0 done, 1 failed, 2 usage error, 3 import --check found differences, "
+                     "Exit codes: 0 done, 1 failed, 2 usage error, 3 import --check or diff found differences, "
                      "4 interrupted before anything was changed.");
         AddLook();
         AddPolicies();
@@ -108,12 +108,18 @@ private:
 
     void AddLook()
     {
-        Add(m_App, "list", "List the rule sets: index, rules, whether active, name", "kxrule list --json",
-            [](Session& session) { return List(session); });
-        CLI::App* const show = Add(m_App, "show", "Show rules and macros as lines of text", "kxrule show 3 120",
-                                   [this](Session& session) { return Show(session, m_RuleSetIndex, m_RuleIndex); });
+        CLI::App* const list = Add(m_App, "list", "List the rule sets: index, rules, whether active, name",
+                                   "kxrule list --json", [this](Session& session) { return List(session, m_Filter); });
+        list->add_flag("--active", m_Filter.Active, "Only those that are active");
+        CLI::App* const show =
+            Add(m_App, "show", "Show rules and macros as lines of text", "kxrule show 3 120",
+                [this](Session& session) { return Show(session, m_RuleSetIndex, m_RuleIndex, m_Filter); });
         AddRuleSet(show, m_RuleSetIndex, "Only this rule set");
         AddRule(show, m_RuleIndex, "Only this rule, with all its fields");
+        show->add_flag("--active", m_Filter.Active, "Only rule sets that are active");
+        show->add_option("--action", m_Filter.Action, "Only rules with this action, such as drop")->type_name("ACTION");
+        show->add_option("--app", m_Filter.Application, "Only rules whose program contains this")->type_name("TEXT");
+        show->add_flag("--off", m_Filter.Off, "Only rules that are off");
         CLI::App* const find =
             Add(m_App, "find", "Find the rules and macros that mention a text, an address or a port",
                 "kxrule find 10.20.0.0/16", [this](Session& session) { return FindCommand(session, m_Text, m_All); });
@@ -144,18 +150,36 @@ private:
 
     void AddPolicies()
     {
-        CLI::App* const import = Add(m_App, "import", "Apply the policy in a JSON file to the store",
+        CLI::App* const import = Add(m_App, "import", "Apply the policy in a file, JSON or text, to the store",
                                      "kxrule import workstation.json --replace --check",
                                      [this](Session& session) { return Import(session, m_Import); });
         AddImport(import);
         import->add_flag("--check", m_Import.Check,
                          "Show what would change and change nothing; exit code 3 when something would");
         import->add_flag("--allow-empty", m_Import.AllowEmpty, "Let --replace remove every rule set");
-        CLI::App* const exported =
-            Add(m_App, "export", "Write the store, or some rule sets, as JSON", "kxrule export -o policy.json",
-                [this](Session& session) { return Export(session, m_Indexes, m_File); });
+        CLI::App* const exported = Add(m_App, "export", "Write the store, or some rule sets, as JSON or as text",
+                                       "kxrule export --text -o policy.rules",
+                                       [this](Session& session) { return Export(session, m_Indexes, m_File, m_All); });
+        exported->add_flag("--text", m_All, "As lines of text");
         AddRuleSets(exported, "Only these rule sets, without macros and active list");
         AddOutput(exported);
+        CLI::App* const edit =
+            Add(m_App, "edit", "Open the store, or one rule set, as text in an editor, and apply what was changed",
+                "kxrule edit 3", [this](Session& session) { return Edit(session, m_RuleSetIndex, m_Edit); });
+        AddRuleSet(edit, m_RuleSetIndex, "Only this rule set");
+        edit->add_option("--editor", m_Edit.Editor,
+                         "The editor; by default VISUAL or EDITOR in the environment, else notepad")
+            ->type_name("COMMAND");
+        edit->add_flag("--yes", m_Edit.Yes, "Do not ask");
+        CLI::App* const diff = Add(
+            m_App, "diff", "Show what differs between two stores, backups or policies; exit code 3 when something does",
+            "kxrule diff workstation.json", [this](Session& session) { return Diff(session, m_Texts); });
+        diff->add_option("PATH", m_Texts,
+                         "Directories with rule files, copies below RuleBackup by name, or policies; one "
+                         "alone is compared with the store")
+            ->required()
+            ->expected(1, 2)
+            ->type_name("");
         CLI::App* const macros = Add(m_App, "macros", "Show the macros, or change them", "kxrule macros",
                                      [this](Session& session) { return m_Inner ? m_Inner(session) : Macros(session); });
         macros->require_subcommand(0, 1);
@@ -185,13 +209,20 @@ private:
                 });
         AddAll(deleteSet, AddRuleSets(deleteSet, "The rule sets"), "All of them");
         CLI::App* const addRule =
-            Add(m_App, "add-rule", "Add a rule, written in JSON", "kxrule add-rule 3 rule.json --replace",
-                [this](Session& session) { return Tool::AddRule(session, *m_RuleSetIndex, m_Text, m_Import.Replace); });
+            Add(m_App, "add-rule", "Add a rule, written in JSON or as its line of text",
+                "kxrule add-rule 3 \"ACCESS,TCP,,10.0.0.0/8,,80|443,DROP\"",
+                [this](Session& session)
+                { return Tool::AddRule(session, *m_RuleSetIndex, m_Text, m_Import.Replace, m_Target.Place); });
         AddRuleSet(addRule, m_RuleSetIndex, "The rule set")->required();
-        addRule->add_option("RULE", m_Text, "The rule in JSON, or a file with it; - for standard input")
+        addRule
+            ->add_option("RULE", m_Text,
+                         "The rule, or a file with it; - for standard input. A line without an index gets the next "
+                         "free one")
             ->required()
             ->type_name("");
         addRule->add_flag("--replace", m_Import.Replace, "Replace the rule with the same index");
+        AddPlace(addRule);
+        AddSmallChanges();
         CLI::App* const deleteRule =
             Add(m_App, "delete-rule", "Delete rules of a rule set", "kxrule delete-rule 3 120 121",
                 [this](Session& session)
@@ -204,19 +235,90 @@ private:
                deleteRule->add_option("RULE", m_Indexes, "The rules")->check(InRange(0, 65535))->type_name(""),
                "All of them");
         CLI::App* const activate =
-            Add(m_App, "activate", "Make these rule sets, and no others, active", "kxrule activate 1 2 3",
+            Add(m_App, "activate", "Make these rule sets, and no others, active, or change the list",
+                "kxrule activate 1 2 3",
                 [this](Session& session)
                 {
                     RequireList("--none");
-                    return Activate(session, m_Indexes);
+                    const bool isEdit = m_Active.Add || m_Active.Remove || m_Active.Before;
+                    return isEdit ? EditActive(session, m_Indexes, m_Active) : Activate(session, m_Indexes);
                 });
         CLI::Option* const sets = AddRuleSets(activate, "The rule sets in their order");
+        CLI::Option* const add = activate->add_flag("--add", m_Active.Add, "Add them to those that are active");
+        CLI::Option* const remove =
+            activate->add_flag("--remove", m_Active.Remove, "Remove them from those that are active")->excludes(add);
+        activate->add_option("--before", m_Active.Before, "Add them before this one")
+            ->excludes(remove)
+            ->type_name("SET");
         AddAll(activate, sets, "No rule set at all", "--none");
         CLI::App* const refresh =
             Add(m_App, "refresh-hashes", "Compute the hashes of the applications that rules are bound to",
                 "kxrule refresh-hashes --app \"C:\\Program Files\\Mail\\mail.exe\"",
                 [this](Session& session) { return RefreshHashes(session, m_Text); });
         refresh->add_option("--app", m_Text, "Only for this application")->type_name("PATH");
+    }
+
+    void AddSmallChanges()
+    {
+        for (const bool on : {true, false})
+        {
+            CLI::App* const command =
+                Add(m_App, on ? "enable" : "disable", on ? "Switch rules on" : "Switch rules off",
+                    on ? "kxrule enable 3 120 121" : "kxrule disable 3 120 121",
+                    [this, on](Session& session) { return Switch(session, *m_RuleSetIndex, m_Indexes, on); });
+            AddRuleSet(command, m_RuleSetIndex, "The rule set")->required();
+            command->add_option("RULE", m_Indexes, "The rules")->required()->check(InRange(0, 65535))->type_name("");
+        }
+        CLI::App* const set =
+            Add(m_App, "set", "Change fields of a rule", "kxrule set 3 120 action=drop ports=any,8080",
+                [this](Session& session) { return SetFields(session, *m_RuleSetIndex, *m_RuleIndex, m_Texts); });
+        AddRuleSet(set, m_RuleSetIndex, "The rule set")->required();
+        AddRule(set, m_RuleIndex, "The rule")->required();
+        set->add_option("FIELD=VALUE", m_Texts, "Members of the JSON form; null takes one away")
+            ->required()
+            ->type_name("");
+        CLI::App* const rename =
+            Add(m_App, "rename-set", "Give a rule set another name", "kxrule rename-set 4 \"Home office\"",
+                [this](Session& session) { return RenameSet(session, *m_RuleSetIndex, m_Text); });
+        AddRuleSet(rename, m_RuleSetIndex, "The rule set")->required();
+        rename->add_option("NAME", m_Text, "Its name, at most 64 characters")->required()->type_name("");
+        for (const bool move : {false, true})
+        {
+            CLI::App* const command = Add(m_App, move ? "move" : "copy",
+                                          move ? "Move a rule to another place, in its rule set or in another"
+                                               : "Copy a rule to another place",
+                                          move ? "kxrule move 3 120 --before 100" : "kxrule copy 3 120 4",
+                                          [this, move](Session& session)
+                                          {
+                                              m_Target.Move = move;
+                                              return CopyRule(session, *m_RuleSetIndex, *m_RuleIndex, m_Target);
+                                          });
+            AddRuleSet(command, m_RuleSetIndex, "The rule set")->required();
+            AddRule(command, m_RuleIndex, "The rule")->required();
+            command->add_option("TO", m_Target.RuleSet, "The rule set it goes to; by default its own")
+                ->check(InRange(1, KXRULE_MAX_RULESET_INDEX))
+                ->type_name("");
+            AddPlace(command)
+                ->add_option("--index", m_Target.Place.Index, "Its index there; by default the next free one")
+                ->type_name("RULE");
+        }
+        CLI::App* const renumber =
+            Add(m_App, "renumber", "Give the rules of a rule set the indexes 10, 20, 30 and so on, in their order",
+                "kxrule renumber 3", [this](Session& session) { return Renumber(session, *m_RuleSetIndex, m_Step); });
+        AddRuleSet(renumber, m_RuleSetIndex, "The rule set")->required();
+        renumber->add_option("--step", m_Step, "The distance; 10 if not given")
+            ->check(InRange(1, 65535))
+            ->type_name("N");
+    }
+
+    CLI::App* AddPlace(CLI::App* command)
+    {
+        CLI::Option* const before = command
+                                        ->add_option("--before", m_Target.Place.Before,
+                                                     "Before this rule; others move up where there is no room")
+                                        ->type_name("RULE");
+        command->add_option("--after", m_Target.Place.After, "After this rule")->excludes(before)->type_name("RULE");
+        return command;
     }
 
     void AddCare()
@@ -316,6 +418,12 @@ private:
     std::string m_File;
     ImportOptions m_Import;
     ExplainOptions m_Explain;
+    EditOptions m_Edit;
+    Filter m_Filter;
+    CopyTarget m_Target;
+    ActiveEdit m_Active;
+    std::vector<std::string> m_Texts;
+    uint16_t m_Step = 10;
     bool m_All = false;
 };
 

@@ -16,8 +16,17 @@ namespace Tool
 using namespace KxPolicy;
 
 // ------------------------------------------------------------------------------------------------- look (LookCommands)
-int List(Session& session);
-int Show(Session& session, std::optional<uint16_t> ruleSetIndex, std::optional<uint16_t> ruleIndex);
+/// What a list is to be cut down to; all of it together.
+struct Filter
+{
+    bool Active = false; // rule sets that are
+    bool Off = false;    // rules that are
+    std::string Action;
+    std::string Application; // a part of the path
+};
+int List(Session& session, const Filter& filter);
+int Show(Session& session, std::optional<uint16_t> ruleSetIndex, std::optional<uint16_t> ruleIndex,
+         const Filter& filter);
 int Macros(Session& session);
 int FindCommand(Session& session, const std::string& query, bool withAny);
 /// Traffic as people write it; what is left empty is any.
@@ -45,16 +54,55 @@ int Import(Session& session, const ImportOptions& options);
 int ImportMacros(Session& session, const ImportOptions& options);
 
 /// Everything, or only the given rule sets, without macros and active list.
-int Export(Session& session, const std::vector<uint16_t>& ruleSetIndexes, const std::string& file);
+int Export(Session& session, const std::vector<uint16_t>& ruleSetIndexes, const std::string& file, bool asText);
+
+// ------------------------------------------------------------------------------------------------- edit (EditCommand)
+struct EditOptions
+{
+    std::string Editor; // empty: what the environment says
+    bool Yes = false;
+};
+int Edit(Session& session, std::optional<uint16_t> ruleSetIndex, const EditOptions& options);
+/// What differs between two stores, backups or files; one alone is compared with the store.
+int Diff(Session& session, const std::vector<std::string>& paths);
 
 // --------------------------------------------------------------------------------------------- change (ChangeCommands)
 int AddRuleSet(Session& session, const std::string& name, std::optional<uint16_t> index);
 int DeleteRuleSets(Session& session, const std::vector<uint16_t>& indexes, bool all);
-/// The rule is JSON, or the name of a file with it.
-int AddRule(Session& session, uint16_t ruleSetIndex, const std::string& rule, bool replace);
+/// Where a rule goes: to an index, beside another rule, or behind all.
+struct RulePlace
+{
+    std::optional<uint16_t> Index;
+    std::optional<uint16_t> Before;
+    std::optional<uint16_t> After;
+};
+/// The rule is JSON, a line of text, or the name of a file with either.
+int AddRule(Session& session, uint16_t ruleSetIndex, const std::string& rule, bool replace, const RulePlace& place);
 int DeleteRules(Session& session, uint16_t ruleSetIndex, const std::vector<uint16_t>& indexes, bool all);
 int Activate(Session& session, const std::vector<uint16_t>& indexes);
 int ClearMacros(Session& session);
+
+// --------------------------------------------------------------------------------------- small changes (RuleCommands)
+int Switch(Session& session, uint16_t ruleSetIndex, const std::vector<uint16_t>& indexes, bool on);
+/// Assignments are members of the JSON form, as in a line of text.
+int SetFields(Session& session, uint16_t ruleSetIndex, uint16_t ruleIndex, const std::vector<std::string>& assignments);
+int RenameSet(Session& session, uint16_t ruleSetIndex, const std::string& name);
+struct CopyTarget
+{
+    bool Move = false;
+    std::optional<uint16_t> RuleSet; // nothing: the same
+    RulePlace Place;
+};
+int CopyRule(Session& session, uint16_t ruleSetIndex, uint16_t ruleIndex, const CopyTarget& target);
+int Renumber(Session& session, uint16_t ruleSetIndex, uint16_t step);
+struct ActiveEdit
+{
+    bool Add = false;
+    bool Remove = false;
+    std::optional<uint16_t> Before;
+};
+/// Adds to the active list, or removes from it; what is listed already moves.
+int EditActive(Session& session, const std::vector<uint16_t>& indexes, const ActiveEdit& edit);
 int RefreshHashes(Session& session, const std::string& application);
 
 // ------------------------------------------------------------------------------------------------- care (CareCommands)
@@ -76,6 +124,11 @@ void PrintRule(Session& session, const PFW_RULE& rule);
 /// Fails unless the store has it.
 [[nodiscard]] const RuleSetRecord& FindRuleSet(const Policy& policy, uint16_t index);
 [[nodiscard]] RuleSetRecord& FindRuleSet(Policy& policy, uint16_t index);
+/// Puts a rule into its place. Fails when the index is in use, or none is left.
+void InsertRule(RuleSetRecord& ruleSet, PFW_RULE rule, const RulePlace& place);
+/// Fails when the name is too long for its field.
+[[nodiscard]] KxCommon::WideString RuleSetName(const std::string& name);
+[[nodiscard]] Json DiffAsJson(const PolicyDiff& diff);
 /// A whole file, "-" for standard input.
 [[nodiscard]] std::string ReadTextFile(const std::string& path);
 /// Writes text to a file, completely or not at all; "-" or an empty path: standard output.

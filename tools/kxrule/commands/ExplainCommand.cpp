@@ -7,7 +7,7 @@
 #include "policy/ItemText.h"
 #include "policy/RecordText.h"
 #include "policy/RuleFields.h"
-#include "policy/RuleJson.h"
+#include "policy/RulesText.h"
 #include "policy/Utf8.h"
 #include "policy/Words.h"
 #include "tools/kxrule/commands/Commands.h"
@@ -125,7 +125,7 @@ void Print(Session& session, const Decision& decision)
         const NearMiss& miss = decision.Misses[i];
         rows.push_back({"  " + std::to_string(miss.Which.RuleSet->Index),
                         std::to_string(uint16_t{miss.Which.Rule->wRuleIndex}), std::string(ObstacleText(miss.Kept)),
-                        Printable(RuleLine(*miss.Which.Rule))});
+                        Printable(RuleToText(*miss.Which.Rule, true))});
     }
     for (const std::string& line : Aligned(rows, {0, 1}))
         console.Out(line + "\n");

@@ -4,11 +4,12 @@
 
 #include <nlohmann/json.hpp>
 
+#include "common/srclib/KxComn_Record.h"
 #include "policy/Find.h"
 #include "policy/ItemText.h"
 #include "policy/RecordText.h"
 #include "policy/RuleFields.h"
-#include "policy/RuleJson.h"
+#include "policy/RulesText.h"
 #include "policy/Utf8.h"
 #include "policy/Words.h"
 #include "tools/kxrule/commands/Commands.h"
@@ -39,35 +40,21 @@ std::string Application(const PFW_RULE& rule)
     return {};
 }
 
+std::string ActionText(const PFW_RULE& rule)
+{
+    for (const RuleField& field : KindFields(rule.dwKind))
+    {
+        if (std::string_view(field.Name) == "action")
+            return KeywordText(field.Names, KxCommon::Record::Load<uint32_t>(reinterpret_cast<const uint8_t*>(&rule) +
+                                                                             field.Places[0]));
+    }
+    return {};
+}
+
 /// The library does not render IPv6.
 bool IsHidden(const RULE_ADDR& item)
 {
     return item.dwFamily == KXRULE_FAMILY_IPV6 && item.dwType != KXRULE_ADDR_ANY && item.dwType != KXRULE_ADDR_NAME;
-}
-
-/// The addresses of a rule whose line leaves some of them out.
-std::string HiddenAddresses(const PFW_RULE& rule)
-{
-    std::string texts;
-    bool hidden = false;
-    for (const RuleField& field : KindFields(rule.dwKind))
-    {
-        for (size_t i = 0; field.Type == FieldType::Address && i < field.Count; ++i)
-        {
-            RULE_ADDR item;
-            std::memcpy(&item, reinterpret_cast<const uint8_t*>(&rule) + field.Places[i], sizeof item);
-            hidden = hidden || IsHidden(item);
-            texts += (texts.empty() ? "" : " ") + AddressText(item);
-        }
-    }
-    return hidden ? texts : std::string();
-}
-
-std::string LineOrKind(const std::string& line, const PFW_RULE& rule)
-{
-    if (!line.empty())
-        return line;
-    return "(kind " + KeywordText(kKinds, rule.dwKind) + " has no line of text)";
 }
 
 Json RuleWithLine(const PFW_RULE& rule, const std::string& line)
@@ -125,6 +112,29 @@ void PrintMacros(Session& session, const Policy& policy)
         PrintMacro(session, macro);
 }
 
+/// Without what a filter does not let through; rule sets that are left without rules go with them.
+Policy Filtered(Policy policy, const Filter& filter)
+{
+    const bool ofRules = filter.Off || !filter.Action.empty() || !filter.Application.empty();
+    const KxCommon::WideString application = FromUtf8(filter.Application);
+    std::erase_if(policy.RuleSets,
+                  [&](RuleSetRecord& ruleSet)
+                  {
+                      std::erase_if(ruleSet.Rules,
+                                    [&](const PFW_RULE& rule)
+                                    {
+                                        return (filter.Off && rule.dwActive != 0) ||
+                                               (!filter.Action.empty() && filter.Action != ActionText(rule)) ||
+                                               (!application.empty() &&
+                                                !Contains(FromUtf8(Application(rule)), application));
+                                    });
+                      return (ofRules && ruleSet.Rules.empty()) || (filter.Active && !IsActive(policy, ruleSet.Index));
+                  });
+    if (ofRules)
+        policy.Macros.emplace();
+    return policy;
+}
+
 int ShowRule(Session& session, const RuleSetRecord& ruleSet, uint16_t ruleIndex)
 {
     for (const PFW_RULE& rule : ruleSet.Rules)
@@ -135,7 +145,7 @@ int ShowRule(Session& session, const RuleSetRecord& ruleSet, uint16_t ruleIndex)
         if (session.Options().Json)
             session.Terminal().Out(RuleWithLine(rule, line).dump(2) + "\n");
         else
-            session.Terminal().Out(Printable(LineOrKind(line, rule)) + "\n" + RuleToJson(rule));
+            session.Terminal().Out(Printable(RuleToText(rule, true)) + "\n" + RuleToJson(rule));
         return ExitDone;
     }
     throw Failure("rule set " + std::to_string(ruleSet.Index) + " has no rule " + std::to_string(ruleIndex));
@@ -146,13 +156,12 @@ int ShowRule(Session& session, const RuleSetRecord& ruleSet, uint16_t ruleIndex)
 void PrintRule(Session& session, const PFW_RULE& rule)
 {
     Console& console = session.Terminal();
-    const std::string line = LineOrKind(RuleLine(rule), rule);
     const std::string index = std::to_string(rule.wRuleIndex);
     console.Out(std::string(index.size() < 7 ? 7 - index.size() : 0, ' ') + index + "  " +
-                console.Paint(rule.dwActive != 0 ? Style::Plain : Style::Dim, Printable(line)) +
-                (rule.dwActive != 0 ? "" : "  (off)") + "\n");
+                console.Paint(rule.dwActive != 0 ? Style::Plain : Style::Dim, Printable(RuleToText(rule, true))) +
+                "\n");
     std::string more;
-    for (const std::string& part : {Description(rule), Application(rule), HiddenAddresses(rule)})
+    for (const std::string& part : {Description(rule), Application(rule)})
     {
         if (!part.empty())
             more += (more.empty() ? "" : "  |  ") + Printable(part);
@@ -176,10 +185,10 @@ const RuleSetRecord& FindRuleSet(const Policy& policy, uint16_t index)
     return FindRuleSet(const_cast<Policy&>(policy), index); // handed back as const
 }
 
-int List(Session& session)
+int List(Session& session, const Filter& filter)
 {
     session.OpenToLook();
-    const Policy policy = session.Read();
+    const Policy policy = Filtered(session.Read(), filter);
     Console& console = session.Terminal();
     if (session.Options().Json)
     {
@@ -203,10 +212,11 @@ int List(Session& session)
     return ExitDone;
 }
 
-int Show(Session& session, std::optional<uint16_t> ruleSetIndex, std::optional<uint16_t> ruleIndex)
+int Show(Session& session, std::optional<uint16_t> ruleSetIndex, std::optional<uint16_t> ruleIndex,
+         const Filter& filter)
 {
     session.OpenToLook();
-    const Policy policy = session.Read();
+    const Policy policy = Filtered(session.Read(), filter);
     if (ruleIndex)
         return ShowRule(session, FindRuleSet(policy, *ruleSetIndex), *ruleIndex);
     if (session.Options().Json)

@@ -42,6 +42,30 @@ the file stops being JSON, that place alone. It changes only what differs: the s
 nothing. Without `--replace` nothing is removed that the file does not name. Rule sets, active list and macros stay as they
 are when the file does not mention them; an empty `"ruleSets"` removes every rule set only with `--allow-empty`.
 
+## Rules as text
+
+What `show` prints for a rule is what `add-rule`, `import` and `edit` take; `export --text` writes a whole policy so:
+
+```
+rules 1
+active 1
+
+macro web
+  port=80,443
+  address=10.0.0.0/8
+
+set 1 "Home office"
+  # a comment
+  10  ACCESS,TCP,,web,,80|8080,DROP  (off)  description="No web"  application=C:\a.exe
+  20  ACCESS,ANY,fe80::/10,,,,ACCEPT
+```
+
+A rule is its index, the library's line, and what the line does not carry: members of the JSON form as `key=value`. A
+value is bare or JSON; bare lists have commas, `null` takes a member away. In the line an empty place means any, ranges
+have a colon and lists of ports `|`; what begins neither with a digit nor with `!` is a name. A line without an index gets
+the one after the rule above it. `macros` or `sets` alone in a line say that there are none. What can be said in JSON can be
+said in text, so both restore every record byte for byte. `edit` shows what differs and asks before it applies that.
+
 ## Which rule decides
 
 The library stores rules and filters nothing. `explain`, `find` and `report` assume that the product does this with them:

@@ -10,6 +10,7 @@
 
 #include "policy/LibraryStore.h"
 #include "policy/PolicyText.h"
+#include "policy/RulesText.h"
 #include "policy/Utf8.h"
 #include "policy/Words.h"
 #include "tools/kxrule/commands/Commands.h"
@@ -48,6 +49,8 @@ const char* ChangeWord(bool before, bool after) noexcept
     return !before ? "added" : after ? "changed" : "removed";
 }
 
+} // namespace
+
 Json DiffAsJson(const PolicyDiff& diff)
 {
     Json json = {{"changed", !diff.IsEmpty()}, {"ruleSets", Json::array()}};
@@ -75,6 +78,9 @@ Json DiffAsJson(const PolicyDiff& diff)
         json["active"] = *diff.Active;
     return json;
 }
+
+namespace
+{
 
 /// The store of a session. If the session ends without a write, the files stay as they were.
 class SessionStore final : public LibraryStore
@@ -300,7 +306,7 @@ int ImportMacros(Session& session, const ImportOptions& options)
     return ApplyPolicy(session, store, wanted, MergeMode::Merge);
 }
 
-int Export(Session& session, const std::vector<uint16_t>& ruleSetIndexes, const std::string& file)
+int Export(Session& session, const std::vector<uint16_t>& ruleSetIndexes, const std::string& file, bool asText)
 {
     session.OpenToLook();
     Policy policy = session.Read();
@@ -311,7 +317,7 @@ int Export(Session& session, const std::vector<uint16_t>& ruleSetIndexes, const 
             some.RuleSets.push_back(FindRuleSet(policy, index));
         policy = std::move(some);
     }
-    WriteTextFile(session, file, PolicyToJson(policy));
+    WriteTextFile(session, file, asText ? PolicyToText(policy) : PolicyToJson(policy));
     return ExitDone;
 }
 
