@@ -68,9 +68,15 @@ bool TakeAway(std::vector<Traffic>& from, const Traffic& what)
     return true;
 }
 
-bool Decides(const RuleRef& rule) noexcept
+uint32_t Rank(uint32_t value) noexcept
 {
-    return rule.Rule->dwKind == KXRULE_KIND_ACCESS && rule.Rule->dwActive != 0;
+    return value;
+}
+
+uint32_t Rank(const AddressValue& value) noexcept
+{
+    return value.Family == KXRULE_FAMILY_IPV4 ? static_cast<uint32_t>(value.Low >> 1)
+                                              : 0x80000000u | static_cast<uint32_t>(value.High >> 33);
 }
 
 std::optional<NumberSet> ProtocolSet(uint32_t protocol)
@@ -103,6 +109,11 @@ KxCommon::WideString ApplicationOf(const PFW_RULE& rule)
 }
 
 } // namespace
+
+bool Decides(const PFW_RULE& rule) noexcept
+{
+    return rule.dwKind == KXRULE_KIND_ACCESS && rule.dwActive != 0;
+}
 
 Verdict VerdictOf(const PFW_RULE& rule) noexcept
 {
@@ -152,9 +163,24 @@ Decider::Decider(const Policy& policy, const std::vector<uint16_t>& ruleSetIndex
                     m_Programs.try_emplace(application, static_cast<uint32_t>(m_Programs.size()));
                 Entry& entry = m_Entries.emplace_back(Entry{{&ruleSet, &rule}, {}, true});
                 entry.Matches = TrafficOf(rule, entry.IsCertain);
+                m_Hulls.push_back(HullOf(entry));
             }
         }
     }
+}
+
+Decider::Hull Decider::HullOf(const Entry& entry)
+{
+    Hull hull;
+    ForEachField(
+        [&](auto field)
+        {
+            const auto& set = std::get<field>(entry.Matches);
+            const bool isNone = set.empty() || !entry.IsCertain || !Decides(*entry.Which.Rule);
+            hull.First[field] = isNone ? UINT32_MAX : Rank(set.front().First);
+            hull.Last[field] = isNone ? 0 : Rank(set.back().Last);
+        });
+    return hull;
 }
 
 Traffic Decider::TrafficOf(const PFW_RULE& rule, bool& isCertain) const
@@ -213,23 +239,34 @@ std::vector<RuleRef> Decider::Covering(size_t place) const
 {
     const Entry& covered = m_Entries[place];
     std::vector<RuleRef> covering;
-    if (!Decides(covered.Which) || Apart(covered.Matches, covered.Matches) != 0)
+    if (!Decides(*covered.Which.Rule) || Apart(covered.Matches, covered.Matches) != 0)
         return covering;
+    const Hull hull = HullOf({covered.Which, covered.Matches, true});
+    const auto meets = [&hull](const Hull& other)
+    {
+        bool all = true;
+        for (size_t i = 0; i < kFields; ++i)
+            all &= hull.First[i] <= other.Last[i] && other.First[i] <= hull.Last[i];
+        return all;
+    };
     std::vector<Traffic> left = {covered.Matches};
     for (size_t i = 0; i < place && !left.empty() && left.size() <= kMostParts; ++i)
     {
-        const Entry& earlier = m_Entries[i];
-        if (Decides(earlier.Which) && earlier.IsCertain && TakeAway(left, earlier.Matches))
-            covering.push_back(earlier.Which);
+        if (meets(m_Hulls[i]) && TakeAway(left, m_Entries[i].Matches))
+            covering.push_back(m_Entries[i].Which);
     }
     return left.empty() ? covering : std::vector<RuleRef>();
 }
 
 Decision Decider::Decide(const PFW_RULE& traffic) const
 {
-    Decision decision;
     bool ignored = true;
-    const Traffic asked = TrafficOf(traffic, ignored);
+    return Decide(TrafficOf(traffic, ignored));
+}
+
+Decision Decider::Decide(const Traffic& asked) const
+{
+    Decision decision;
     std::vector<Traffic> left;
     if (Apart(asked, asked) == 0) // no field is empty
         left.push_back(asked);

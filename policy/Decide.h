@@ -24,6 +24,8 @@ enum class Verdict
     Asked,   // ask
     Unknown  // an action without a name
 };
+/// Access rules that are on.
+[[nodiscard]] bool Decides(const PFW_RULE& rule) noexcept;
 [[nodiscard]] Verdict VerdictOf(const PFW_RULE& rule) noexcept;
 [[nodiscard]] std::string_view VerdictText(Verdict verdict) noexcept;
 
@@ -92,6 +94,7 @@ public:
     /// Where a rule cannot be told to match (an extension in use, a name that no macro explains, a field of unknown
     /// meaning) it counts as one that may decide, and the rules after it are asked as well.
     [[nodiscard]] Decision Decide(const PFW_RULE& traffic) const;
+    [[nodiscard]] Decision Decide(const Traffic& asked) const;
 
     /// The rules before an access rule that together leave nothing for it to decide, in their order; empty when
     /// something is left, or may be, or when there are too many parts to tell.
@@ -100,8 +103,17 @@ public:
     /// The rules in the order in which they are asked.
     [[nodiscard]] size_t Count() const noexcept { return m_Entries.size(); }
     [[nodiscard]] const RuleRef& Rule(size_t place) const noexcept { return m_Entries[place].Which; }
+    /// What it matches; where that cannot be told, what it may match.
+    [[nodiscard]] const Traffic& Matches(size_t place) const noexcept { return m_Entries[place].Matches; }
 
 private:
+    /// From the first to the last value of each field, as numbers in the same order: what lies apart here has nothing in
+    /// common, and that is soon seen.
+    struct Hull
+    {
+        uint32_t First[std::tuple_size_v<Traffic>];
+        uint32_t Last[std::tuple_size_v<Traffic>];
+    };
     struct Entry
     {
         RuleRef Which;
@@ -121,6 +133,9 @@ private:
     Names m_Names;
     std::map<KxCommon::WideString, uint32_t, Less> m_Programs;
     std::vector<Entry> m_Entries;
+    std::vector<Hull> m_Hulls; // of those that decide for certain; of others what nothing meets
+
+    [[nodiscard]] static Hull HullOf(const Entry& entry);
 };
 
 } // namespace KxPolicy

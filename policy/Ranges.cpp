@@ -1,8 +1,6 @@
 // What address and port items mean, as sets.
 #include "policy/Ranges.h"
 
-#include <cstring>
-
 #include "common/srclib/KxComn_Record.h"
 #include "policy/ItemText.h"
 
@@ -96,25 +94,15 @@ bool IsNegated(const RULE_PORT& item) noexcept
     return (item.nType == KXRULE_PORT_SINGLE || item.nType == KXRULE_PORT_RANGE) && item.dwNot != 0;
 }
 
-AddressSet Everything(const RULE_ADDR&)
-{
-    return EveryAddress();
-}
-
-NumberSet Everything(const RULE_PORT&)
-{
-    return {{0, kMostPorts}};
-}
-
 /// What a negated item takes something away from.
 AddressSet WholeOf(const RULE_ADDR& item)
 {
     return {Whole(item.dwFamily)};
 }
 
-NumberSet WholeOf(const RULE_PORT& item)
+NumberSet WholeOf(const RULE_PORT&)
 {
-    return Everything(item);
+    return {{0, kMostPorts}};
 }
 
 std::optional<NumberSet> ListSet(std::string_view list)
@@ -183,18 +171,6 @@ auto ItemSet(const Item& item) -> decltype(WithoutNegation(item))
 {
     auto set = WithoutNegation(item);
     return set && IsNegated(item) ? Difference(WholeOf(item), *set) : set;
-}
-
-template <class Item>
-bool ItemCovers(const Item& outer, const Item& inner)
-{
-    if (std::memcmp(&outer, &inner, sizeof outer) == 0)
-        return true;
-    const auto large = ItemSet(outer);
-    const auto small = ItemSet(inner);
-    if (large && Difference(Everything(outer), *large).empty())
-        return true; // whatever the inner one is
-    return large && small && !small->empty() && Difference(*small, *large).empty();
 }
 
 std::string_view NameOf(const RULE_ADDR& item) noexcept
@@ -291,16 +267,6 @@ std::optional<AddressSet> Names::SetOf(const RULE_ADDR& item) const
 std::optional<NumberSet> Names::SetOf(const RULE_PORT& item) const
 {
     return SetAt(item, 0);
-}
-
-bool Covers(const RULE_ADDR& outer, const RULE_ADDR& inner)
-{
-    return ItemCovers(outer, inner);
-}
-
-bool Covers(const RULE_PORT& outer, const RULE_PORT& inner)
-{
-    return ItemCovers(outer, inner);
 }
 
 } // namespace KxPolicy

@@ -40,8 +40,4 @@ private:
     std::map<std::string, std::vector<const MacroRecord*>, std::less<>> m_Macros;
 };
 
-/// True when the outer item includes everything that the inner one means. False when that is not known.
-[[nodiscard]] bool Covers(const RULE_ADDR& outer, const RULE_ADDR& inner);
-[[nodiscard]] bool Covers(const RULE_PORT& outer, const RULE_PORT& inner);
-
 } // namespace KxPolicy

@@ -9,7 +9,6 @@
 
 #include "policy/RuleJson.h"
 #include "rules/Macro.h"
-#include "rules/RuleText.h"
 #include "tests/support/RecordBuilder.h"
 
 namespace
@@ -27,26 +26,13 @@ Tool::Policy Workstation()
 
 std::string PageOf(const Tool::Policy& policy)
 {
-    const auto ruleLine = [&policy](uint16_t ruleSetIndex, uint16_t ruleIndex)
-    {
-        std::string line;
-        for (const Tool::RuleSetRecord& ruleSet : policy.RuleSets)
-        {
-            for (const PFW_RULE& rule : ruleSet.Rules)
-            {
-                if (ruleSet.Index == ruleSetIndex && rule.wRuleIndex == ruleIndex)
-                    static_cast<void>(RuleText::Render(rule, line));
-            }
-        }
-        return line;
-    };
     const auto macroLine = [](const Tool::MacroRecord& macro)
     {
         std::string line;
         static_cast<void>(CMacro(macro.Name, macro.Items).GetMacroString(line));
         return line;
     };
-    return Tool::ReportPage({policy, "C:\\Rules & more", "2024-05-17 12:00", ruleLine, macroLine});
+    return Tool::ReportPage({policy, "C:\\Rules & more", "2024-05-17 12:00", macroLine});
 }
 
 size_t Occurrences(const std::string& text, const std::string& what)
@@ -102,8 +88,8 @@ TEST(Report, Warns)
     const auto set = [](int index, int rule, const std::string& more)
     {
         return "{\"index\": " + std::to_string(index) +
-               ", \"name\": \"\", \"rules\": [{\"index\": " + std::to_string(rule) +
-               R"(, "kind": "access", "action": "accept")" + more + "}]}";
+               ", \"name\": \"\", \"rules\": [{\"index\": " + std::to_string(rule) + R"(, "kind": "access")" +
+               (more.find("action") == std::string::npos ? R"(, "action": "accept")" : "") + more + "}]}";
     };
     const std::string web = R"(, "ports": ["any", 80])";
     const std::string hash = R"(, "hash": "0102030405060708090a0b0c0d0e0f1011121314")";
@@ -122,7 +108,12 @@ TEST(Report, Warns)
          "1/3 is bound to a program without a hash: it also matches whatever replaces it."},
         {"1", set(1, 3, web + R"(, "application": "a")" + hash), ""},
         {"2, 1", set(1, 3, web) + "," + set(2, 4, R"(, "ports": ["any", "1-99"])"), // in the order of the active list
-         "1/3 can never match: rule 4 of rule set 2 takes everything before it."},
+         "1/3 is redundant: the same is decided before it by 2/4"},
+        {"1, 2", set(1, 3, web) + "," + set(2, 4, web + R"(, "active": false)"), ""},
+        {"1, 2, 3",
+         set(1, 3, R"(, "ports": ["any", "1-80"], "action": "drop")") + "," + set(2, 4, R"(, "ports": ["any", "@m"])") +
+             "," + set(3, 5, R"(, "ports": ["any", "80,81"])"), // by a union, and a macro
+         "3/5 never takes effect, although it says otherwise (accept): everything is decided before it by 1/3 2/4"},
         {"1", set(1, 3, web) + "," + set(2, 4, web), ""}, // sets that are not active take nothing
         {"1", set(1, 30000, rescue),
          "1/30000 is a rescue rule: the rules of this set were damaged and must be replaced."},
@@ -131,13 +122,19 @@ TEST(Report, Warns)
     {
         Tool::Policy policy;
         std::vector<Tool::Diagnostic> errors;
-        ASSERT_TRUE(
-            Tool::ReadPolicy("{\"active\": [" + c.Active + "], \"ruleSets\": [" + c.RuleSets + "]}", policy, errors))
+        ASSERT_TRUE(Tool::ReadPolicy(R"({"macros": [{"name": "m", "items": [{"port": "81"}]}], "active": [)" +
+                                         c.Active + "], \"ruleSets\": [" + c.RuleSets + "]}",
+                                     policy, errors))
             << c.RuleSets;
         std::string warnings;
         for (const Tool::Warning& warning : Tool::FindWarnings(policy))
             warnings += (warnings.empty() ? "" : "; ") + std::to_string(warning.RuleSetIndex) +
                         (warning.HasRule ? "/" + std::to_string(warning.RuleIndex) : "") + " " + warning.Text;
+        for (const Tool::Warning& warning : Tool::FindWarnings(policy))
+        {
+            for (const Tool::RuleRef& by : warning.By)
+                warnings += " " + std::to_string(by.RuleSet->Index) + "/" + std::to_string(by.Rule->wRuleIndex);
+        }
         EXPECT_EQ(warnings, c.Warnings) << c.Active << c.RuleSets;
     }
 }

@@ -3,12 +3,12 @@
 
 #include <algorithm>
 #include <map>
-#include <set>
 
 #include "common/srclib/KxComn_Record.h"
 #include "policy/ItemText.h"
 #include "policy/RecordText.h"
 #include "policy/RuleFields.h"
+#include "policy/RulesText.h"
 #include "policy/Utf8.h"
 #include "policy/Words.h"
 #include "tools/kxrule/report/ReportStyle.h"
@@ -20,10 +20,26 @@ namespace
 
 using KxCommon::Record::Load;
 
+constexpr size_t kMostServices = 400; // rows; each of them asks every rule
+
+/// What turns the direction of a line around, of which nothing else in it must be touched, is shown as a mark.
+std::string Fenced(std::string_view text)
+{
+    std::string out(text);
+    for (const char* const control : {"\u202A", "\u202B", "\u202C", "\u202D", "\u202E", "\u2066", "\u2067", "\u2068",
+                                      "\u2069", "\u200E", "\u200F", "\u061C"})
+    {
+        const std::string_view found = control;
+        for (size_t at = 0; (at = out.find(found, at)) != std::string::npos;)
+            out.replace(at, found.size(), "\uFFFD");
+    }
+    return out;
+}
+
 std::string Escaped(std::string_view text)
 {
     std::string out;
-    for (const char c : text)
+    for (const char c : Fenced(text))
     {
         switch (c)
         {
@@ -119,6 +135,12 @@ public:
     explicit Page(const ReportInput& input)
         : m_Input(input), m_Store(input.Store), m_Warnings(FindWarnings(input.Store))
     {
+        for (const Warning& warning : m_Warnings)
+        {
+            if (warning.Kind == WarningKind::Covered || warning.Kind == WarningKind::Redundant)
+                m_Marks[{warning.RuleSetIndex, warning.RuleIndex}] =
+                    warning.Kind == WarningKind::Covered ? "never takes effect" : "redundant";
+        }
     }
 
     std::string Write()
@@ -160,7 +182,11 @@ private:
         Tile(m_Store.RuleSets.size(), "rule sets, " + std::to_string(active) + " active");
         Tile(rules, "rules");
         Tile(m_Store.Macros ? m_Store.Macros->size() : 0, "macros");
-        Tile(m_Warnings.size(), "warnings");
+        // Programs without a hash are what every import leaves; they are told, but do not lead.
+        Tile(static_cast<size_t>(std::count_if(m_Warnings.begin(), m_Warnings.end(),
+                                               [](const Warning& warning)
+                                               { return warning.Kind != WarningKind::NoHash; })),
+             "warnings");
         m_Out += "</ul>\n<nav aria-label=\"Sections\"><ul><li><a href=\"#warnings\">Warnings</a></li><li><a "
                  "href=\"#matrix\">Who may talk to what</a></li><li><a href=\"#rules\">Rules</a></li><li><a "
                  "href=\"#macros\">Macros</a></li></ul></nav>\n</header>\n<main>\n";
@@ -173,7 +199,8 @@ private:
             {WarningKind::NotThere, "Active rule sets that do not exist"},
             {WarningKind::Rescue, "Rescue rules"},
             {WarningKind::AnyToAny, "Rules that accept everything"},
-            {WarningKind::Covered, "Rules that can never match"},
+            {WarningKind::Covered, "Rules that never take effect"},
+            {WarningKind::Redundant, "Rules that are redundant"},
             {WarningKind::NoHash, "Programs without a hash"}};
         m_Out += "<section aria-labelledby=\"warnings\">\n<h2 id=\"warnings\">Warnings</h2>\n";
         m_Out += m_Warnings.empty() ? "<p>Nothing to report.</p>\n" : "";
@@ -200,7 +227,14 @@ private:
                            " ";
             else if (warning.RuleSetIndex != 0)
                 entries += set + " ";
-            entries += Escaped(warning.Text) + "</li>\n";
+            entries += Escaped(warning.Text);
+            for (const RuleRef& by : warning.By)
+                entries +=
+                    (&by == &warning.By.front() ? " " : ", ") +
+                    RuleLink(by.RuleSet->Index, by.Rule->wRuleIndex,
+                             std::to_string(by.RuleSet->Index) + "/" + std::to_string(uint16_t{by.Rule->wRuleIndex}) +
+                                 " (" + Escaped(Describe(*by.Rule).Action) + ")");
+            entries += "</li>\n";
         }
         if (count > 0)
             m_Out += "<details" + std::string(count <= kFew ? " open" : "") + "><summary><h3>" + title +
@@ -208,69 +242,69 @@ private:
                      "</ul>\n</details>\n";
     }
 
-    /// Protocol and port against what is allowed and what is not, of the active rule sets.
+    /// What becomes of traffic to each service, by the rules that decide about it.
     void Matrix()
     {
-        std::vector<std::string> order; // as the rules come
-        std::map<std::string, std::map<std::string, std::string>> cells;
-        std::set<uint16_t> seen;
-        for (const uint16_t index : m_Store.Active.value_or(std::vector<uint16_t>()))
+        const Decider decider(m_Store);
+        size_t left = 0;
+        const std::vector<Service> services = FindServices(decider, kMostServices, left);
+        m_Out +=
+            "<section aria-labelledby=\"matrix\">\n<h2 id=\"matrix\">Who may talk to what</h2>\n<p class=\"dim\">"
+            "Rule sets are asked in this order: " +
+            Order() +
+            ". In each the rules are asked by ascending index, and the first that matches decides. A rule is named "
+            "where it decides, at least about a part.</p>\n";
+        if (decider.Count() == 0)
         {
-            for (const RuleSetRecord& ruleSet : m_Store.RuleSets)
-            {
-                if (ruleSet.Index != index || !seen.insert(index).second)
-                    continue;
-                for (const PFW_RULE& rule : ruleSet.Rules)
-                    AddToMatrix(ruleSet, rule, order, cells);
-            }
-        }
-        m_Out += "<section aria-labelledby=\"matrix\">\n<h2 id=\"matrix\">Who may talk to what</h2>\n<p "
-                 "class=\"dim\">Access "
-                 "rules that are on, of active rule sets, in their order.</p>\n";
-        if (order.empty())
-        {
-            m_Out += "<p>No such rule.</p>\n</section>\n";
+            m_Out += "<p>No rule is active.</p>\n</section>\n";
             return;
         }
-        m_Out +=
-            "<table class=\"cards\">\n<thead><tr><th scope=\"col\">Protocol and port</th><th scope=\"col\">Allowed</th>"
-            "<th scope=\"col\">Denied</th><th scope=\"col\">Asked</th></tr></thead>\n<tbody>\n";
-        for (const std::string& what : order)
-        {
-            m_Out += "<tr><th scope=\"row\">" + Escaped(what) + "</th>";
-            for (const auto& [column, label] :
-                 {std::pair("accept", "Allowed"), std::pair("deny", "Denied"), std::pair("ask", "Asked")})
-            {
-                const std::string& entries = cells[what][column];
-                m_Out += "<td data-label=\"" + std::string(label) + "\">" +
-                         (entries.empty() ? "" : "<ul class=\"" + std::string(column) + "\">" + entries + "</ul>") +
-                         "</td>";
-            }
-            m_Out += "</tr>\n";
-        }
-        m_Out += "</tbody>\n</table>\n</section>\n";
+        m_Out += "<table class=\"cards\">\n<thead><tr><th scope=\"col\">To</th><th scope=\"col\">Allowed</th><th "
+                 "scope=\"col\">Refused</th><th scope=\"col\">Asked</th><th scope=\"col\">Otherwise</th></tr></thead>\n"
+                 "<tbody>\n";
+        for (const Service& service : services)
+            ServiceRow(service);
+        m_Out += "</tbody>\n</table>\n";
+        if (left > 0)
+            m_Out +=
+                "<p>" + Count(left, "service") + " more could not be shown; kxrule explain tells about each.</p>\n";
+        m_Out += "</section>\n";
     }
 
-    static void AddToMatrix(const RuleSetRecord& ruleSet, const PFW_RULE& rule, std::vector<std::string>& order,
-                            std::map<std::string, std::map<std::string, std::string>>& cells)
+    void ServiceRow(const Service& service)
     {
-        const Row row = Describe(rule);
-        const std::string column = ActionClass(row.Action);
-        if (rule.dwKind != KXRULE_KIND_ACCESS || rule.dwActive == 0 || column.empty())
-            return;
-        const std::string port = row.Ports[1] != "any"   ? " " + row.Ports[1]
-                                 : row.Ports[0] != "any" ? " from " + row.Ports[0]
-                                                         : "";
-        std::string what = row.Protocol + port;
-        std::transform(what.begin(), what.begin() + static_cast<std::ptrdiff_t>(row.Protocol.size()), what.begin(),
-                       [](char c) { return static_cast<char>(c >= 'a' && c <= 'z' ? c - 32 : c); });
-        if (cells.find(what) == cells.end())
-            order.push_back(what);
-        const std::string who = row.Application.empty() ? "anybody" : FileName(row.Application);
-        cells[what][column] += "<li>" +
-                               RuleLink(ruleSet.Index, rule.wRuleIndex,
-                                        Escaped(who + ": " + row.Addresses[0] + " → " + row.Addresses[1])) +
-                               "</li>";
+        std::string cells[4];
+        for (const DecidingRule& rule : service.What.Rules)
+        {
+            const Row row = Describe(*rule.Which.Rule);
+            const std::string who = row.Application.empty() ? "anybody" : FileName(row.Application);
+            cells[static_cast<size_t>(VerdictOf(*rule.Which.Rule))] +=
+                "<li>" +
+                RuleLink(rule.Which.RuleSet->Index, rule.Which.Rule->wRuleIndex,
+                         Escaped((rule.IsCertain ? "" : "perhaps ") + who + ": " + row.Addresses[0] + " → " +
+                                 row.Addresses[1] + (row.Ports[0] == "any" ? "" : ", from port " + row.Ports[0]))) +
+                "</li>";
+        }
+        m_Out += "<tr><th scope=\"row\">" + Escaped(service.Name) + "</th>";
+        static constexpr std::pair<const char*, const char*> kColumns[] = {
+            {"accept", "Allowed"}, {"deny", "Refused"}, {"ask", "Asked"}};
+        for (size_t i = 0; i < 3; ++i)
+            Cell(kColumns[i].second,
+                 cells[i].empty() ? "" : "<ul class=\"" + std::string(kColumns[i].first) + "\">" + cells[i] + "</ul>");
+        Cell("Otherwise", (cells[3].empty() ? "" : "<ul>" + cells[3] + "</ul>") +
+                              (!service.What.IsComplete   ? "too many parts to tell"
+                               : service.What.IsUndecided ? "no rule"
+                                                          : ""));
+        m_Out += "</tr>\n";
+    }
+
+    /// The rule sets of the active list, linked.
+    std::string Order() const
+    {
+        std::string order;
+        for (const uint16_t index : m_Store.Active.value_or(std::vector<uint16_t>()))
+            order += (order.empty() ? "" : ", ") + std::to_string(index);
+        return order.empty() ? "none is active" : order;
     }
 
     void RuleSets()
@@ -317,7 +351,8 @@ private:
     {
         const Row row = Describe(rule);
         const uint16_t index = rule.wRuleIndex;
-        const std::string line = m_Input.RuleLine(ruleSet.Index, index);
+        const std::string line = RuleToText(rule, true);
+        const auto marked = m_Marks.find({ruleSet.Index, index});
         const bool anyPort = std::all_of(row.Ports.begin(), row.Ports.end(),
                                          [](const std::string& port) { return port == "any" || port == "none"; });
         m_Out += "<tr class=\"rule" + std::string(rule.dwActive == 0 ? " off" : "") + "\" id=\"" +
@@ -332,7 +367,9 @@ private:
         Cell("Ports", anyPort ? "" : Escaped(Joined(row.Ports, 0, 3, " → ")));
         Cell("Program", Escaped(row.Application));
         Cell("Description",
-             Escaped(row.Description) + (line.empty() ? "" : "<div class=\"line\">" + Escaped(line) + "</div>"));
+             Escaped(row.Description) +
+                 (marked == m_Marks.end() ? "" : " <span class=\"badge\">" + marked->second + "</span>") +
+                 "<div class=\"line\">" + Escaped(line) + "</div>");
         m_Out += "</tr>\n";
     }
 
@@ -368,6 +405,7 @@ private:
     const ReportInput& m_Input;
     const Policy& m_Store;
     const std::vector<Warning> m_Warnings;
+    std::map<std::pair<uint16_t, uint16_t>, std::string> m_Marks; // of the rows of rules
     std::string m_Out;
 };
 

@@ -5,6 +5,7 @@
 #include "common/srclib/KxComn_Record.h"
 #include "policy/Decide.h"
 #include "policy/RecordText.h"
+#include "policy/RuleFields.h"
 #include "tools/kxrule/report/Report.h"
 
 namespace Tool
@@ -49,10 +50,14 @@ bool IsRescue(const PFW_RULE& rule)
            WideText(&rule.wszDescription, KXRULE_DESCRIPTION_UNITS) == KxCommon::Names::kRescueDescription;
 }
 
-std::string Name(const RuleRef& located, const RuleRef& from)
+Keywords ActionNames()
 {
-    const std::string rule = "rule " + std::to_string(uint16_t{located.Rule->wRuleIndex});
-    return located.RuleSet == from.RuleSet ? rule : rule + " of rule set " + std::to_string(located.RuleSet->Index);
+    for (const RuleField& field : KindFields(KXRULE_KIND_ACCESS))
+    {
+        if (std::string_view(field.Name) == "action")
+            return field.Names;
+    }
+    return {};
 }
 
 } // namespace
@@ -81,10 +86,19 @@ std::vector<Warning> FindWarnings(const Policy& policy)
             const auto warn = [&](WarningKind kind, std::string text) {
                 warnings.push_back({kind, ruleSet->Index, rule.wRuleIndex, true, std::move(text)});
             };
-            const std::vector<RuleRef> covers = decider.Covering(place);
-            if (!covers.empty())
-                warn(WarningKind::Covered,
-                     "can never match: " + Name(covers.front(), located) + " takes everything before it.");
+            std::vector<RuleRef> covering = decider.Covering(place);
+            const bool isSame =
+                std::all_of(covering.begin(), covering.end(),
+                            [&rule](const RuleRef& by) { return by.Rule->Access.dwAction == rule.Access.dwAction; });
+            if (!covering.empty())
+            {
+                warn(isSame ? WarningKind::Redundant : WarningKind::Covered,
+                     std::string(isSame ? "is redundant: the same is decided before it by"
+                                        : "never takes effect, although it says otherwise (" +
+                                              KeywordText(ActionNames(), rule.Access.dwAction) +
+                                              "): everything is decided before it by"));
+                warnings.back().By = std::move(covering);
+            }
             if (IsRescue(rule))
                 warn(WarningKind::Rescue,
                      ruleSet->Rules.size() > 3
