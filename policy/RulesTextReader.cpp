@@ -172,8 +172,8 @@ std::string Replaced(std::string text, char from, char to)
     return text;
 }
 
-/// A line has a colon between the ends of a range, and names without a sign. What begins as an address must be one: a slip
-/// must not become a name.
+/// A line has a colon between the ends of a range, and names without a sign. What begins as an address must be one:
+/// a slip must not become a name.
 Json LineAddress(std::string text)
 {
     if (text.empty())

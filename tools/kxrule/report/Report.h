@@ -43,8 +43,8 @@ struct Service
     std::string Name;
     Decision What;
 };
-/// All services that the rules tell apart, by protocol and port; where lists of ports overlap they are cut. No more than
-/// the most; left counts the others.
+/// All services that the rules tell apart, by protocol and port; where lists of ports overlap they are cut. No more
+/// than the most; left counts the others.
 [[nodiscard]] std::vector<Service> FindServices(const Decider& decider, size_t most, size_t& left);
 
 struct ReportInput
