@@ -7,9 +7,9 @@
 //     set 1 "Home office"                           its rules follow
 //       10  ACCESS,TCP,,10.0.0.0/8,,80:90,DROP  (off)  description="No web"
 //
-// A rule is the line that the library gives it, IPv6 addresses added, and behind it what the line does not carry: members
-// of the JSON form as key=value, the value bare or in JSON. A # begins a line of comment. Reading goes by way of the JSON
-// form, so both accept and refuse the same.
+// A rule is the line that the library gives it, IPv6 addresses added, and behind it what the line does not carry:
+// members of the JSON form as key=value, the value bare or in JSON. A # begins a line of comment. Reading goes by way
+// of the JSON form, so both accept and refuse the same.
 #pragma once
 
 #include <string>
