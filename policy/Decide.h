@@ -107,8 +107,8 @@ public:
     [[nodiscard]] const Traffic& Matches(size_t place) const noexcept { return m_Entries[place].Matches; }
 
 private:
-    /// From the first to the last value of each field, as numbers in the same order: what lies apart here has nothing in
-    /// common, and that is soon seen.
+    /// From the first to the last value of each field, as numbers in the same order: what lies apart here shares
+    /// nothing, and that is soon seen.
     struct Hull
     {
         uint32_t First[std::tuple_size_v<Traffic>];
