@@ -9,11 +9,9 @@
 #include "common/srclib/KxComn_Trace.h"
 #include "persistence/EncryptFile.h"
 #include "persistence/Files.h"
-#include "persistence/MacroFormat.h"
-#include "persistence/MasterFormat.h"
 #include "persistence/RuleDirectory.h"
+#include "persistence/RuleFile.h"
 #include "persistence/RuleSetFiles.h"
-#include "persistence/RuleSetFormat.h"
 
 namespace
 {
@@ -36,18 +34,9 @@ std::string FreeName(const std::string& name)
 // Only a damaged copy is certain not to be the last intact one of its file.
 bool IsWhole(const std::string& path)
 {
-    CEncryptFile file;
-    if (!file.Open(path.c_str(), GENERIC_READ))
-        return true;
-    const FileHead head = ReadHead(file);
-    file.Close();
-    if (head.Defect != FileDefect::None || !file.Open(path.c_str(), GENERIC_READ))
-        return head.Defect == FileDefect::None;
-    MasterFields fields;
-    std::vector<MacroFields> macros;
-    return head.Kind == FileKind::Master   ? MasterFormat::Read(file, fields) == FileDefect::None
-           : head.Kind == FileKind::Macros ? MacroFormat::Read(file, macros) == FileDefect::None
-                                           : RuleSetFormat::IsWhole(file);
+    CEncryptFile stream;
+    RuleFile file;
+    return !stream.Open(path.c_str(), GENERIC_READ) || file.Read(stream, {}, false) == FileDefect::None;
 }
 
 std::string DateNow()
@@ -83,7 +72,7 @@ std::string RuleDirectory::CreateBackupDirectoryByDate() const
 
 std::string RuleDirectory::NewBackupDirectory() const
 {
-    static_cast<void>(Files::MakeDirectory(PathOf(FileFormat::kBackupDirectory).c_str())); // mostly there already
+    static_cast<void>(MakeBackupDirectory({}));
     const std::string dated = FileFormat::kBackupDirectory + DateNow();
     for (unsigned number = 1;; ++number)
     {

@@ -8,19 +8,11 @@ namespace MasterFormat
 FileDefect Read(CEncryptStream& stream, MasterFields& fields)
 {
     const FileDefect defect = ReadHead(stream, FileKind::Master).Defect;
-    try
-    {
-        if (defect == FileDefect::None)
-            ReadFields(stream, fields);
-        return defect;
-    }
-    catch (CEncryptStream::Exception)
-    {
-        return FileDefect::Damaged;
-    }
+    return defect == FileDefect::None ? ReadBody(stream, fields) : defect;
 }
 
-void ReadFields(CEncryptStream& stream, MasterFields& fields)
+FileDefect ReadBody(CEncryptStream& stream, MasterFields& fields)
+try
 {
     uint32_t names = 0;
     stream.ReadString(fields.MacroFileName).ReadU16(fields.NextIndex).ReadArray(fields.ActiveRuleSets).ReadU32(names);
@@ -30,6 +22,11 @@ void ReadFields(CEncryptStream& stream, MasterFields& fields)
         stream.ReadString(name);
         fields.RuleSetFileNames.push_back(std::move(name));
     }
+    return FileDefect::None;
+}
+catch (CEncryptStream::Exception)
+{
+    return FileDefect::Damaged;
 }
 
 void WriteFields(CEncryptStream& stream, const MasterFields& fields)

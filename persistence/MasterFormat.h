@@ -21,10 +21,9 @@ namespace MasterFormat
 
 /// Reads a whole file, from its head on. What precedes a defect is in fields.
 [[nodiscard]] FileDefect Read(CEncryptStream& stream, MasterFields& fields);
-/// The fields after the head, in order. Throws CEncryptStream::Exception. Each is stored as soon as it is read
-/// (ActiveRuleSets and RuleSetFileNames are appended to), so what was read before an exception is available. The count
-/// of names reserves nothing.
-void ReadFields(CEncryptStream& stream, MasterFields& fields);
+/// The same from after the head on. Each field is stored as soon as it is read (ActiveRuleSets and RuleSetFileNames are
+/// appended to). The count of names reserves nothing.
+[[nodiscard]] FileDefect ReadBody(CEncryptStream& stream, MasterFields& fields);
 /// Writes everything after the magic number, version first.
 void WriteFields(CEncryptStream& stream, const MasterFields& fields);
 

@@ -56,14 +56,6 @@ FileDefect ReadBody(CEncryptStream& stream, uint32_t version, Header& header,
     }
 }
 
-bool IsWhole(CEncryptStream& stream)
-{
-    const FileHead head = ReadHead(stream, FileKind::RuleSet);
-    Header header;
-    return head.Defect == FileDefect::None &&
-           ReadBody(stream, head.Version, header, [](const PFW_RULE&) {}) == FileDefect::None;
-}
-
 void WriteHeader(CEncryptStream& stream, const Header& header)
 {
     stream.WriteVersion().WriteU16(header.Index).WriteString(header.Name).WriteU32(header.RuleCount);

@@ -31,8 +31,6 @@ void ReadHeader(CEncryptStream& stream, uint32_t version, Header& header);
 /// of an old version are not read, hence not checked.)
 [[nodiscard]] FileDefect ReadBody(CEncryptStream& stream, uint32_t version, Header& header,
                                   const std::function<void(const PFW_RULE&)>& take);
-/// Reads a whole file from its head on. True if the library would use it as it is.
-[[nodiscard]] bool IsWhole(CEncryptStream& stream);
 
 /// Version, index, name and count; throws as above.
 void WriteHeader(CEncryptStream& stream, const Header& header);

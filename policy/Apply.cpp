@@ -34,7 +34,8 @@ bool NeedsNewSet(const RuleSetChange& change)
     const bool all = NeedsEmptying(change);
     return std::any_of(change.Rules.begin(), change.Rules.end(),
                        [](const RuleChange& rule) { return rule.After && Normalise::HasBlankPortList(*rule.After); }) ||
-           (all && std::any_of(change.RulesAfter.begin(), change.RulesAfter.end(), Normalise::HasBlankPortList));
+           (all && std::any_of(change.RulesAfter.begin(), change.RulesAfter.end(),
+                               [](const PFW_RULE* rule) { return Normalise::HasBlankPortList(*rule); }));
 }
 
 void AddRuleSet(PolicyStore& store, const RuleSetChange& change)
@@ -55,9 +56,9 @@ void ChangeRules(PolicyStore& store, const RuleSetChange& change)
     if (NeedsEmptying(change))
     {
         Check(store.DeleteRule(change.Index, 0), "emptying rule set " + std::to_string(change.Index));
-        for (const PFW_RULE& rule : change.RulesAfter)
-            Check(store.AddRule(change.Index, rule.wRuleIndex, &rule),
-                  "adding " + RuleName(change.Index, rule.wRuleIndex));
+        for (const PFW_RULE* const rule : change.RulesAfter)
+            Check(store.AddRule(change.Index, rule->wRuleIndex, rule),
+                  "adding " + RuleName(change.Index, rule->wRuleIndex));
         return;
     }
     // Deletions first: a full set has no room for more.
@@ -69,8 +70,7 @@ void ChangeRules(PolicyStore& store, const RuleSetChange& change)
     for (const RuleChange& rule : change.Rules)
     {
         if (rule.After)
-            Check(store.AddRule(change.Index, rule.Index, &*rule.After),
-                  "adding " + RuleName(change.Index, rule.Index));
+            Check(store.AddRule(change.Index, rule.Index, rule.After), "adding " + RuleName(change.Index, rule.Index));
     }
 }
 

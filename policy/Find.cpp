@@ -138,6 +138,24 @@ std::string FindInMacro(Query& query, const MacroRecord& macro)
 
 } // namespace
 
+std::string QueryMistake(std::string_view query)
+{
+    // Nothing but these characters, and one that numbers alone do not have: no text of a rule looks like this.
+    const bool isAddress = query.find_first_not_of("0123456789./-") == std::string_view::npos &&
+                           std::count(query.begin(), query.end(), '.') >= 3;
+    const bool isAddress6 = query.find_first_not_of("0123456789abcdefABCDEF:./-") == std::string_view::npos &&
+                            query.find("::") != std::string_view::npos;
+    const bool isPorts = query.find_first_not_of("0123456789-") == std::string_view::npos &&
+                         std::count(query.begin(), query.end(), '-') == 1 && query.size() > 2 && query.front() != '-' &&
+                         query.back() != '-';
+    RULE_ADDR address{};
+    RULE_PORT port{};
+    std::string why;
+    if (((isAddress || isAddress6) && !ParseAddress(query, address, why)) || (isPorts && !ParsePort(query, port, why)))
+        return why.empty() ? "it is neither an address nor ports" : why;
+    return {};
+}
+
 bool Contains(WideStringView text, WideStringView part) noexcept
 {
     for (size_t i = 0; !part.empty() && i + part.size() <= text.size(); ++i)

@@ -28,4 +28,7 @@ struct Hit
 /// Whether a text contains another, in any letter case; nothing contains the empty text.
 [[nodiscard]] bool Contains(KxCommon::WideStringView text, KxCommon::WideStringView part) noexcept;
 
+/// What is wrong with a query that is meant as an address or ports and is none; empty: nothing.
+[[nodiscard]] std::string QueryMistake(std::string_view query);
+
 } // namespace KxPolicy

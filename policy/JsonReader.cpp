@@ -40,10 +40,12 @@ JsonReader::JsonReader(std::string_view json) : m_Tree(json) {}
 
 void JsonReader::Report(size_t offset, const Path& path, std::string text)
 {
-    if (m_Found.size() < kMostDiagnostics)
-        m_Found.push_back({offset, path.Text(), std::move(text)});
-    else
-        ++m_LeftOut;
+    if (m_Found.size() >= kMostDiagnostics)
+    {
+        m_Found.push_back({offset, {}, "there is more; what follows is not read"});
+        throw TooMany();
+    }
+    m_Found.push_back({offset, path.Text(), std::move(text)});
 }
 
 void JsonReader::Expected(JsonValue value, const Path& path, const std::string& what)
@@ -62,9 +64,6 @@ bool JsonReader::Finish(std::vector<Diagnostic>& diagnostics)
         const Place place = locator.Find(found.Offset);
         diagnostics.push_back({place.Line, place.Column, std::move(found.Path), std::move(found.Text)});
     }
-    if (m_LeftOut > 0)
-        diagnostics.push_back(
-            {diagnostics.back().Line, diagnostics.back().Column, {}, "and " + std::to_string(m_LeftOut) + " more"});
     return diagnostics.empty();
 }
 

@@ -43,14 +43,20 @@ public:
     explicit JsonReader(std::string_view json);
 
     /// read(root) unless the text is not JSON, which is then the only diagnostic. Hands over all diagnostics in the
-    /// text's order; when there are too many to read, the last one says how many more. True when there are none.
+    /// text's order; when there are too many to read, reading stops and the last one says so. True when there are none.
     template <class Read>
     [[nodiscard]] bool ReadAll(std::vector<Diagnostic>& diagnostics, Read read)
     {
-        if (m_Tree.Error())
-            Report(m_Tree.Error()->Offset, {}, m_Tree.Error()->Text);
-        else
-            read(m_Tree.Root());
+        try
+        {
+            if (m_Tree.Error())
+                Report(m_Tree.Error()->Offset, {}, m_Tree.Error()->Text);
+            else
+                read(m_Tree.Root());
+        }
+        catch (TooMany)
+        {
+        }
         return Finish(diagnostics);
     }
 
@@ -59,8 +65,8 @@ protected:
     using Members = std::vector<std::optional<JsonValue>>;
 
     void Report(size_t offset, const Path& path, std::string text);
-    /// The number of diagnostics so far, including those that are only counted.
-    [[nodiscard]] size_t Reported() const noexcept { return m_Found.size() + m_LeftOut; }
+    /// The number of diagnostics so far.
+    [[nodiscard]] size_t Reported() const noexcept { return m_Found.size(); }
     /// "expected ..., found ...".
     void Expected(JsonValue value, const Path& path, const std::string& what);
 
@@ -86,7 +92,27 @@ protected:
     /// Any field of the tables, into its places.
     void ReadField(const RuleField& field, JsonValue value, const Path& path, uint8_t* record);
 
+    /// The same where there can only be so many: reading stops after them.
+    template <class Take>
+    void ReadArray(JsonValue value, const Path& path, const char* what, size_t most, const char* whoHolds, Take take)
+    {
+        size_t count = 0;
+        ReadArray(value, path, what,
+                  [&](JsonValue item, const Path& where)
+                  {
+                      if (++count <= most)
+                          return take(item, where);
+                      Report(item.Offset(), where,
+                             std::string(whoHolds) + " at most " + std::to_string(most) + " " + what +
+                                 "; what follows is not read");
+                      throw TooMany();
+                  });
+    }
+
 private:
+    struct TooMany
+    {
+    };
     struct Found
     {
         size_t Offset;
@@ -102,7 +128,6 @@ private:
 
     JsonTree m_Tree;
     std::vector<Found> m_Found;
-    size_t m_LeftOut = 0; // diagnostics that are only counted
 };
 
 } // namespace KxPolicy

@@ -13,7 +13,11 @@ namespace
 using nlohmann::json;
 
 constexpr std::string_view kByteOrderMark = "\xEF\xBB\xBF";
-constexpr size_t kMostBytes = size_t{2} << 30;
+constexpr size_t kMostBytes = size_t{1} << 30;
+constexpr uint32_t kMostNodes = (1U << 29) - 1;
+constexpr size_t kMostSmall = 1 << 16; // values that any text may have
+constexpr size_t kLeastBytes = 3;      // for each value of a larger one; {"limits":[1,2,3,4,5,6]} has more
+static_assert(kMostBytes / kLeastBytes < kMostNodes);
 constexpr size_t kMostNesting = 64;
 
 bool StartsWith(std::string_view text, std::string_view start) noexcept
@@ -85,28 +89,16 @@ private:
     }
     bool Add(Kind kind, size_t end)
     {
-        m_Tree.m_Nodes.push_back({static_cast<uint32_t>(Begin()), static_cast<uint32_t>(end),
-                                  static_cast<uint32_t>(m_Tree.m_Nodes.size() + 1), kind});
+        const size_t count = m_Tree.m_Nodes.size() + 1;
+        if (count > kMostSmall && count > end / kLeastBytes)
+            return Fail(Begin(), "the text has more values than a policy of its size");
+        m_Tree.m_Nodes.push_back({static_cast<uint32_t>(Begin()), static_cast<uint32_t>(count) & kMostNodes,
+                                  static_cast<uint32_t>(kind) & 7});
         m_At = end;
         return true;
     }
-    bool Number()
-    {
-        constexpr std::string_view kParts = "0123456789.eE";
-        size_t end = Begin() + 1;
-        while (end < m_Text.size() && (kParts.find(m_Text[end]) != std::string_view::npos ||
-                                       (std::string_view("+-").find(m_Text[end]) != std::string_view::npos &&
-                                        (m_Text[end - 1] | 0x20) == 'e')))
-            ++end;
-        return Add(Kind::Number, end);
-    }
-    bool String()
-    {
-        size_t end = m_Text.find_first_of("\"\\", Begin() + 1);
-        while (m_Text[end] == '\\')
-            end = m_Text.find_first_of("\"\\", end + 2);
-        return Add(Kind::String, end + 1);
-    }
+    bool Number() { return Add(Kind::Number, m_Tree.EndOfNumber(Begin())); }
+    bool String() { return Add(Kind::String, m_Tree.EndOfString(Begin())); }
     bool Open(Kind kind)
     {
         const size_t begin = Begin();
@@ -118,9 +110,7 @@ private:
     bool Close()
     {
         m_At = Begin() + 1;
-        Node& node = m_Tree.m_Nodes[m_Open.back()];
-        node.End = static_cast<uint32_t>(m_At);
-        node.Next = static_cast<uint32_t>(m_Tree.m_Nodes.size());
+        m_Tree.m_Nodes[m_Open.back()].Next = static_cast<uint32_t>(m_Tree.m_Nodes.size()) & kMostNodes;
         m_Open.pop_back();
         return true;
     }
@@ -135,9 +125,12 @@ JsonTree::JsonTree(std::string_view text) : m_Text(text)
 {
     Builder builder(*this);
     if (text.size() >= kMostBytes)
-        builder.Fail(0, "the text is 2 GB or larger");
+        builder.Fail(0, "the text is 1 GB or larger");
+    else if (StartsWith(text, std::string_view("\xFF\xFE\0\0", 4)) ||
+             StartsWith(text, std::string_view("\0\0\xFE\xFF", 4)))
+        builder.Fail(0, "the text is UTF-32; save it as UTF-8");
     else if (StartsWith(text, "\xFF\xFE") || StartsWith(text, "\xFE\xFF"))
-        builder.Fail(0, "the file is UTF-16; save it as UTF-8");
+        builder.Fail(0, "the text is UTF-16; save it as UTF-8");
     else if (json::sax_parse(text.begin(), text.end(), &builder))
         builder.Finish();
 }
@@ -145,6 +138,45 @@ JsonTree::JsonTree(std::string_view text) : m_Text(text)
 JsonValue JsonTree::Root() const noexcept
 {
     return JsonValue(*this, 0);
+}
+
+size_t JsonTree::EndOfNumber(size_t begin) const noexcept
+{
+    constexpr std::string_view kParts = "0123456789.eE";
+    size_t end = begin + 1;
+    while (end < m_Text.size() &&
+           (kParts.find(m_Text[end]) != std::string_view::npos ||
+            (std::string_view("+-").find(m_Text[end]) != std::string_view::npos && (m_Text[end - 1] | 0x20) == 'e')))
+        ++end;
+    return end;
+}
+
+size_t JsonTree::EndOfString(size_t begin) const noexcept
+{
+    size_t end = m_Text.find_first_of("\"\\", begin + 1);
+    while (m_Text[end] == '\\')
+        end = m_Text.find_first_of("\"\\", end + 2);
+    return end + 1;
+}
+
+std::string_view JsonValue::Raw() const noexcept
+{
+    const size_t begin = Offset();
+    const auto to = [&](size_t end) { return m_Tree->m_Text.substr(begin, end - begin); };
+    switch (Kind())
+    {
+    case JsonTree::Kind::Null:
+    case JsonTree::Kind::True:
+        return to(begin + 4);
+    case JsonTree::Kind::False:
+        return to(begin + 5);
+    case JsonTree::Kind::Number:
+        return to(m_Tree->EndOfNumber(begin));
+    case JsonTree::Kind::String:
+        return to(m_Tree->EndOfString(begin));
+    default:
+        return to(begin + 1);
+    }
 }
 
 std::string JsonValue::Text() const

@@ -3,6 +3,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <deque>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -21,7 +22,8 @@ struct SyntaxError
 class JsonValue;
 
 /// Reads a whole text: what RFC 8259 allows, nested up to 64 deep, with or without a byte order mark.
-/// Small on purpose: sixteen bytes a value, texts are decoded only when they are asked for.
+/// Small on purpose: eight bytes a value, texts are decoded only when they are asked for. A text whose values are shorter
+/// than those of any policy is refused, so that the tree is never more than three times as large as a large text.
 class JsonTree
 {
 public:
@@ -36,7 +38,7 @@ public:
         Object
     };
 
-    /// The text must outlive the tree. Texts of 2 GB and more are refused.
+    /// The text must outlive the tree. Texts of 1 GB and more are refused.
     explicit JsonTree(std::string_view text);
 
     /// Only when there is no error.
@@ -50,14 +52,17 @@ private:
 
     struct Node
     {
-        uint32_t Begin; // the value's bytes in the text
-        uint32_t End;
-        uint32_t Next; // the node after this value and everything in it; children follow their parent directly
-        Kind Type;
+        uint32_t Begin;     // in the text
+        uint32_t Next : 29; // the node after this value and everything in it; children follow their parent directly
+        uint32_t Type : 3;
     };
 
+    /// Where a number or a text that begins there ends.
+    [[nodiscard]] size_t EndOfNumber(size_t begin) const noexcept;
+    [[nodiscard]] size_t EndOfString(size_t begin) const noexcept;
+
     std::string_view m_Text;
-    std::vector<Node> m_Nodes; // an object's children are name, value, name, value, ...
+    std::deque<Node> m_Nodes; // an object's children are name, value, name, value, ...; grows without a copy
     std::optional<SyntaxError> m_Error;
 };
 
@@ -67,14 +72,11 @@ class JsonValue
 public:
     JsonValue(const JsonTree& tree, uint32_t index) noexcept : m_Tree(&tree), m_Index(index) {}
 
-    [[nodiscard]] JsonTree::Kind Kind() const noexcept { return Node().Type; }
-    [[nodiscard]] bool Is(JsonTree::Kind kind) const noexcept { return Node().Type == kind; }
+    [[nodiscard]] JsonTree::Kind Kind() const noexcept { return static_cast<JsonTree::Kind>(Node().Type); }
+    [[nodiscard]] bool Is(JsonTree::Kind kind) const noexcept { return Kind() == kind; }
     [[nodiscard]] size_t Offset() const noexcept { return Node().Begin; }
-    /// The value as it is written, quotes and all.
-    [[nodiscard]] std::string_view Raw() const noexcept
-    {
-        return m_Tree->m_Text.substr(Node().Begin, Node().End - Node().Begin);
-    }
+    /// The value as it is written, quotes and all; of an array or an object the bracket.
+    [[nodiscard]] std::string_view Raw() const noexcept;
     /// A string without quotes and escapes, UTF-8.
     [[nodiscard]] std::string Text() const;
 

@@ -26,7 +26,7 @@ std::vector<unsigned char> MacroBytes(const MacroRecord& macro)
 }
 
 std::vector<unsigned char> RuleSetBytes(uint16_t index, const KxCommon::WideString& name,
-                                        const std::vector<PFW_RULE>& rules)
+                                        const std::vector<const PFW_RULE*>& rules)
 {
     std::vector<unsigned char> block(KXRULE_RULESET_BYTES(rules.size()));
     PFW_RULESET* const record = reinterpret_cast<PFW_RULESET*>(block.data());
@@ -35,7 +35,7 @@ std::vector<unsigned char> RuleSetBytes(uint16_t index, const KxCommon::WideStri
                 std::min(name.size(), size_t{KXRULE_RULESET_NAME_UNITS - 1}) * sizeof(KXWCHAR));
     record->nRuleCount = static_cast<int32_t>(rules.size());
     for (size_t i = 0; i < rules.size(); ++i)
-        KXRULE_RULES(record)[i] = rules[i];
+        KXRULE_RULES(record)[i] = *rules[i];
     return block;
 }
 

@@ -33,7 +33,6 @@ struct Policy
     std::optional<std::vector<MacroRecord>> Macros; // nothing: nor macros
     std::vector<RuleSetRecord> RuleSets;            // ascending by index, no index twice
     bool HasRuleSets = true;                        // false: nor of rule sets
-    bool HasVersion = false;                        // of the JSON form
 };
 
 [[nodiscard]] bool IsActive(const Policy& policy, uint16_t ruleSetIndex) noexcept;
@@ -42,6 +41,6 @@ struct Policy
 [[nodiscard]] std::vector<unsigned char> MacroBytes(const MacroRecord& macro);
 /// A rule set as the record that the library takes.
 [[nodiscard]] std::vector<unsigned char> RuleSetBytes(uint16_t index, const KxCommon::WideString& name,
-                                                      const std::vector<PFW_RULE>& rules);
+                                                      const std::vector<const PFW_RULE*>& rules);
 
 } // namespace KxPolicy

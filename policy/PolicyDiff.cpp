@@ -67,15 +67,15 @@ void TakeOverHash(PFW_RULE& rule, const PFW_RULE& stored) noexcept
 
 /// The changes of one rule set's rules. Both lists are ascending.
 void CompareRules(const std::vector<PFW_RULE>& before, const std::vector<PFW_RULE>& wanted, MergeMode mode,
-                  RuleSetChange& change)
+                  RuleSetChange& change, std::deque<PFW_RULE>& altered)
 {
     size_t old = 0;
     const auto keepOrDrop = [&](const PFW_RULE& rule)
     {
         if (mode == MergeMode::Merge)
-            change.RulesAfter.push_back(rule);
+            change.RulesAfter.push_back(&rule);
         else
-            change.Rules.push_back({rule.wRuleIndex, rule, std::nullopt});
+            change.Rules.push_back({rule.wRuleIndex, &rule, nullptr});
     };
     for (const PFW_RULE& given : wanted)
     {
@@ -89,11 +89,13 @@ void CompareRules(const std::vector<PFW_RULE>& before, const std::vector<PFW_RUL
             Normalise::NormaliseRule(rule);
         if (exists)
             TakeOverHash(rule, before[old]);
-        if (!exists)
-            change.Rules.push_back({rule.wRuleIndex, std::nullopt, rule});
-        else if (!Equal(before[old], rule))
-            change.Rules.push_back({rule.wRuleIndex, before[old], rule});
-        change.RulesAfter.push_back(rule);
+        const PFW_RULE* const stored = exists ? &before[old] : nullptr;
+        const PFW_RULE* const after = stored != nullptr && Equal(*stored, rule) ? stored
+                                      : Equal(given, rule)                      ? &given
+                                                                                : &altered.emplace_back(rule);
+        if (after != stored)
+            change.Rules.push_back({rule.wRuleIndex, stored, after});
+        change.RulesAfter.push_back(after);
         old += exists ? 1 : 0;
     }
     for (; old < before.size(); ++old)
@@ -161,7 +163,8 @@ PolicyDiff Compare(const Policy& store, const Policy& policy, MergeMode mode)
         const RuleSetRecord* const before = Find(store.RuleSets, wanted.Index);
         if (before != nullptr)
             change.NameBefore = before->Name;
-        CompareRules(before == nullptr ? std::vector<PFW_RULE>() : before->Rules, wanted.Rules, mode, change);
+        static const std::vector<PFW_RULE> kNone;
+        CompareRules(before == nullptr ? kNone : before->Rules, wanted.Rules, mode, change, diff.Altered);
         if (change.NameBefore != change.NameAfter || !change.Rules.empty())
             diff.RuleSets.push_back(std::move(change));
     }
@@ -172,7 +175,7 @@ PolicyDiff Compare(const Policy& store, const Policy& policy, MergeMode mode)
         RuleSetChange change;
         change.Index = stored.Index;
         change.NameBefore = stored.Name;
-        CompareRules(stored.Rules, {}, mode, change);
+        CompareRules(stored.Rules, {}, mode, change, diff.Altered);
         diff.RuleSets.push_back(std::move(change));
     }
     std::sort(diff.RuleSets.begin(), diff.RuleSets.end(),

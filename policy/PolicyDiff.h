@@ -2,6 +2,7 @@
 #pragma once
 
 #include <cstdint>
+#include <deque>
 #include <optional>
 #include <string>
 #include <vector>
@@ -20,8 +21,8 @@ enum class MergeMode
 struct RuleChange
 {
     uint16_t Index = 0;
-    std::optional<PFW_RULE> Before; // nothing: the rule is new
-    std::optional<PFW_RULE> After;  // nothing: the rule is removed
+    const PFW_RULE* Before = nullptr; // in the store's policy; null: the rule is new
+    const PFW_RULE* After = nullptr;  // null: the rule is removed
 };
 
 struct RuleSetChange
@@ -30,22 +31,28 @@ struct RuleSetChange
     std::optional<KxCommon::WideString> NameBefore; // nothing: the rule set is new
     std::optional<KxCommon::WideString> NameAfter;  // nothing: the rule set is removed
     std::vector<RuleChange> Rules;                  // ascending
-    std::vector<PFW_RULE> RulesAfter;               // all of them, ascending
+    std::vector<const PFW_RULE*> RulesAfter;        // all of them, ascending
 };
 
+/// Points into the two policies that were compared: a full store is 180 MB, and there are two of them already.
 struct PolicyDiff
 {
+    PolicyDiff() = default;
+    PolicyDiff(PolicyDiff&&) = default;
+    PolicyDiff& operator=(PolicyDiff&&) = default;
+
     std::vector<RuleSetChange> RuleSets; // ascending; only those with changes
     std::vector<MacroRecord> MacrosBefore;
     std::optional<std::vector<MacroRecord>> Macros; // the new list, when it differs
     std::vector<uint16_t> ActiveBefore;
     std::optional<std::vector<uint16_t>> Active; // the new list, when it differs
+    std::deque<PFW_RULE> Altered;                // rules that the library will hold in another form than the policy's
 
     [[nodiscard]] bool IsEmpty() const noexcept { return RuleSets.empty() && !Macros && !Active; }
 };
 
 /// The store's policy is complete, as read from the library. Rule sets, active list and macros are left alone when the
-/// policy does not speak of them, in either mode.
+/// policy does not speak of them, in either mode. Both must outlive the result.
 [[nodiscard]] PolicyDiff Compare(const Policy& store, const Policy& policy, MergeMode mode);
 
 /// How many rule sets there are after the changes.

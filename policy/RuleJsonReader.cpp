@@ -24,7 +24,9 @@ public:
     void ReadRule(JsonValue value, const Path& path, PFW_RULE& rule);
 
 private:
+    void ReadOfNoKind(JsonValue rule, const Path& path);
     std::optional<uint32_t> ReadKind(JsonValue rule, const Path& path);
+    void ReadVersion(JsonValue value, const Path& path);
     void ReadActive(JsonValue value, const Path& path, std::vector<uint16_t>& active);
     void ReadMacro(JsonValue value, const Path& path, MacroRecord& macro);
     void ReadItem(JsonValue value, const Path& path, MACRO_ITEM& item);
@@ -53,11 +55,31 @@ std::optional<uint32_t> Reader::ReadKind(JsonValue rule, const Path& path)
     return std::nullopt;
 }
 
+/// What can be said all the same: of the members that a kind has, whichever it was meant to be.
+void Reader::ReadOfNoKind(JsonValue rule, const Path& path)
+{
+    std::vector<RuleField> fields(CommonFields().begin(), CommonFields().end());
+    for (const Keyword& kind : kKinds)
+        fields.insert(fields.end(), KindFields(kind.Value).begin(), KindFields(kind.Value).end());
+    rule.ForEachMember(
+        [&](JsonValue name, JsonValue value)
+        {
+            const std::string text = name.Text();
+            const auto named = [&text](const RuleField& field) { return text == field.Name; };
+            const auto field = std::find_if(fields.begin(), fields.end(), named);
+            PFW_RULE unused{};
+            if (field == fields.end() && text != "raw")
+                Report(name.Offset(), path, std::string(name.Raw()) + " is not a member of a rule of any kind");
+            else if (text != "kind" && text != "raw" && std::count_if(fields.begin(), fields.end(), named) == 1)
+                ReadField(*field, value, path.Member(text), reinterpret_cast<uint8_t*>(&unused));
+        });
+}
+
 void Reader::ReadRule(JsonValue value, const Path& path, PFW_RULE& rule)
 {
     const std::optional<uint32_t> kind = ReadKind(value, path);
     if (!kind)
-        return;
+        return value.Is(Kind::Object) ? ReadOfNoKind(value, path) : void();
     std::vector<RuleField> fields(CommonFields().begin(), CommonFields().end());
     fields.insert(fields.end(), KindFields(*kind).begin(), KindFields(*kind).end());
     std::vector<std::string_view> names(fields.size());
@@ -85,7 +107,7 @@ void Reader::ReadRule(JsonValue value, const Path& path, PFW_RULE& rule)
 void Reader::ReadRules(JsonValue value, const Path& path, RuleSetRecord& ruleSet)
 {
     std::array<bool, 65536> used{};
-    ReadArray(value, path, "rules",
+    ReadArray(value, path, "rules", KXRULE_MAX_RULES, "a rule set holds",
               [&](JsonValue item, const Path& where)
               {
                   PFW_RULE rule{};
@@ -99,10 +121,6 @@ void Reader::ReadRules(JsonValue value, const Path& path, RuleSetRecord& ruleSet
                   used[index] = true;
                   ruleSet.Rules.push_back(rule);
               });
-    if (value.Is(Kind::Array) && value.ItemCount() > KXRULE_MAX_RULES)
-        Report(value.Offset(), path,
-               "a rule set holds at most " + std::to_string(KXRULE_MAX_RULES) + " rules, this one has " +
-                   std::to_string(value.ItemCount()));
     std::stable_sort(ruleSet.Rules.begin(), ruleSet.Rules.end(),
                      [](const PFW_RULE& a, const PFW_RULE& b)
                      { return uint16_t{a.wRuleIndex} < uint16_t{b.wRuleIndex}; });
@@ -133,7 +151,7 @@ void Reader::ReadRuleSet(JsonValue value, const Path& path, RuleSetRecord& ruleS
 void Reader::ReadRuleSets(JsonValue value, const Path& path, std::vector<RuleSetRecord>& ruleSets)
 {
     std::array<bool, 65536> used{};
-    ReadArray(value, path, "rule sets",
+    ReadArray(value, path, "rule sets", KXRULE_MAX_RULESETS, "a store holds",
               [&](JsonValue item, const Path& where)
               {
                   RuleSetRecord ruleSet;
@@ -143,10 +161,6 @@ void Reader::ReadRuleSets(JsonValue value, const Path& path, std::vector<RuleSet
                   used[ruleSet.Index] = true;
                   ruleSets.push_back(std::move(ruleSet));
               });
-    if (value.Is(Kind::Array) && value.ItemCount() > KXRULE_MAX_RULESETS)
-        Report(value.Offset(), path,
-               "a store holds at most " + std::to_string(KXRULE_MAX_RULESETS) + " rule sets, the file has " +
-                   std::to_string(value.ItemCount()));
     std::stable_sort(ruleSets.begin(), ruleSets.end(),
                      [](const RuleSetRecord& a, const RuleSetRecord& b) { return a.Index < b.Index; });
 }
@@ -217,15 +231,29 @@ void Reader::ReadActive(JsonValue value, const Path& path, std::vector<uint16_t>
               });
 }
 
+void Reader::ReadVersion(JsonValue value, const Path& path)
+{
+    uint32_t number = 0;
+    const bool isNumber = value.Is(Kind::Number) && ParseNumber(value.Raw(), UINT32_MAX, number);
+    if (isNumber && number > kPolicyVersion)
+        Report(value.Offset(), path,
+               "the file has version " + std::to_string(number) +
+                   " of this form, which a newer kxrule reads; this one reads " + std::to_string(kPolicyVersion));
+    else if (!isNumber || number != kPolicyVersion)
+        Expected(value, path, std::to_string(kPolicyVersion));
+}
+
 void Reader::ReadPolicy(JsonValue value, Policy& policy)
 {
     const Path root;
     const Members members =
         ReadMembers(value, root, {"$schema", "version", "active", "macros", "ruleSets"}, "a policy");
-    policy.HasVersion = members[1].has_value();
+    // Without it "{}" would be a policy, and half a file that happens to be JSON.
+    if (!members[1] && value.Is(Kind::Object))
+        Report(value.Offset(), root, "\"version\" is missing; this form has version " + std::to_string(kPolicyVersion));
     policy.HasRuleSets = members[4].has_value();
     if (members[1])
-        static_cast<void>(ReadNumber(*members[1], root.Member("version"), kPolicyVersion, kPolicyVersion));
+        ReadVersion(*members[1], root.Member("version"));
     if (members[2])
         ReadActive(*members[2], root.Member("active"), policy.Active.emplace());
     if (members[3])

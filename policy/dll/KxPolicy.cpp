@@ -9,8 +9,8 @@
 
 #include "common/srclib/KxComn_Handle.h"
 #include "policy/LibraryStore.h"
-#include "policy/PolicyText.h"
 #include "policy/ResultCodes.h"
+#include "policy/RulesText.h"
 
 namespace
 {
@@ -129,7 +129,7 @@ std::optional<Policy> ReadText(const char* text, size_t size, const Listener& li
 {
     std::optional<Policy> policy(std::in_place);
     std::vector<Diagnostic> diagnostics;
-    if (!ReadPolicyText(size == 0 ? std::string_view() : std::string_view(text, size), *policy, diagnostics))
+    if (!ReadAnyPolicy(size == 0 ? std::string_view() : std::string_view(text, size), *policy, diagnostics))
         policy.reset();
     for (const Diagnostic& found : diagnostics)
         listener.Tell(KXPOLICY_ERROR, found);

@@ -31,6 +31,7 @@ TEST(JsonTree, SaysWhereTheTextStopsBeingJson)
         {"[[[", 1, 4, "unexpected end of input"},
         {"[1e999]", 1, 2, "number overflow"},
         {"\xFF\xFE[", 1, 1, "UTF-16"},
+        {std::string("\xFF\xFE\0\0", 4), 1, 1, "UTF-32"},
         {std::string(100000, '['), 1, 65, "nested too deep"},
     };
     for (const auto& c : cases)

@@ -51,7 +51,7 @@ TEST(PolicyDiff, TakesAComputedHashForThePolicys)
     EXPECT_TRUE(KxPolicy::Compare(store, policy, MergeMode::Replace).IsEmpty());
     PFW_RULE& wanted = policy.RuleSets[0].Rules[0];
     wanted.Access.dwAction = KXRULE_ACTION_DROP; // a change keeps the hash
-    EXPECT_EQ(KxPolicy::Compare(store, policy, MergeMode::Merge).RuleSets[0].RulesAfter[0].Access.abAppHash[19], 9);
+    EXPECT_EQ(KxPolicy::Compare(store, policy, MergeMode::Merge).RuleSets[0].RulesAfter[0]->Access.abAppHash[19], 9);
     Build::SetText(&wanted.Access.wszAppName, KXRULE_APP_NAME_UNITS, KXW("C:\\b.exe")); // another file has another
-    EXPECT_EQ(KxPolicy::Compare(store, policy, MergeMode::Merge).RuleSets[0].RulesAfter[0].Access.abAppHash[19], 0);
+    EXPECT_EQ(KxPolicy::Compare(store, policy, MergeMode::Merge).RuleSets[0].RulesAfter[0]->Access.abAppHash[19], 0);
 }

@@ -7,9 +7,7 @@
 #include <vector>
 
 #include "persistence/FileFormat.h"
-#include "persistence/MacroFormat.h"
-#include "persistence/MasterFormat.h"
-#include "persistence/RuleSetFormat.h"
+#include "persistence/RuleFile.h"
 #include "tests/support/MemoryStream.h"
 
 /// Byte for byte; records of the interface have no operator of their own.
@@ -24,28 +22,19 @@ inline bool SameMacro(const MacroFields& a, const MacroFields& b)
     return a.Name == b.Name && SameRecords(a.Items, b.Items);
 }
 
-struct FileContent
+struct FileContent : RuleFile
 {
     using Kind = FileKind;
 
-    MasterFields Master{"", 0, {}, {}};
-    std::vector<MacroFields> Macros;
-    RuleSetFormat::Header Set;
-    std::vector<PFW_RULE> Rules;
+    FileContent() { Master.NextIndex = 0; }
 
     /// What ended the reading early, or nothing. What was read is available in any case.
     std::string Read(Kind kind, CEncryptStream& stream)
     {
-        FileDefect defect = FileDefect::None;
-        if (kind == Kind::Master)
-            defect = MasterFormat::Read(stream, Master);
-        else if (kind == Kind::Macros)
-            defect = MacroFormat::Read(stream, Macros);
-        else
-            defect = ReadRuleSet(stream);
-        switch (defect)
+        switch (RuleFile::Read(stream, kind))
         {
         case FileDefect::None:
+        case FileDefect::NoIndex:
             return "";
         case FileDefect::WrongMagic:
         case FileDefect::Unreadable:
@@ -91,27 +80,5 @@ struct FileContent
                Master.RuleSetFileNames == other.Master.RuleSetFileNames &&
                std::equal(Macros.begin(), Macros.end(), other.Macros.begin(), other.Macros.end(), SameMacro) &&
                Set.Index == other.Set.Index && Set.Name == other.Set.Name && SameRecords(Rules, other.Rules);
-    }
-
-private:
-    FileDefect ReadRuleSet(CEncryptStream& stream)
-    try
-    {
-        const FileHead head = ReadHead(stream, FileKind::RuleSet);
-        if (head.Defect != FileDefect::None)
-            return head.Defect;
-        RuleSetFormat::ReadHeader(stream, head.Version, Set);
-        for (int32_t i = RuleSetFormat::RuleCount(Set); head.Version == FileFormat::kVersion && i > 0; --i)
-        {
-            PFW_RULE rule;
-            if (!RuleSetFormat::ReadRule(stream, rule))
-                return FileDefect::DamagedItem;
-            Rules.push_back(rule);
-        }
-        return FileDefect::None;
-    }
-    catch (CEncryptStream::Exception)
-    {
-        return FileDefect::Damaged;
     }
 };

@@ -104,9 +104,9 @@ TEST(Report, Warns)
         {"", set(1, 3, web), "0 No rule set is active."},
         {"7", "", "7 is active but does not exist."},
         {"1", set(1, 3, ""), "1/3 accepts everything from anybody to anybody."},
-        {"1", set(1, 3, web + R"(, "application": "a")"),
+        {"1", set(1, 3, web + R"(, "application": "C:/a")"),
          "1/3 is bound to a program without a hash: it also matches whatever replaces it."},
-        {"1", set(1, 3, web + R"(, "application": "a")" + hash), ""},
+        {"1", set(1, 3, web + R"(, "application": "C:/a")" + hash), ""},
         {"2, 1", set(1, 3, web) + "," + set(2, 4, R"(, "ports": ["any", "1-99"])"), // in the order of the active list
          "1/3 is redundant: the same is decided before it by 2/4"},
         {"1, 2", set(1, 3, web) + "," + set(2, 4, web + R"(, "active": false)"), ""},
@@ -122,9 +122,10 @@ TEST(Report, Warns)
     {
         Tool::Policy policy;
         std::vector<Tool::Diagnostic> errors;
-        ASSERT_TRUE(Tool::ReadPolicy(R"({"macros": [{"name": "m", "items": [{"port": "81"}]}], "active": [)" +
-                                         c.Active + "], \"ruleSets\": [" + c.RuleSets + "]}",
-                                     policy, errors))
+        ASSERT_TRUE(
+            Tool::ReadPolicy(R"({"version": 1, "macros": [{"name": "m", "items": [{"port": "81"}]}], "active": [)" +
+                                 c.Active + "], \"ruleSets\": [" + c.RuleSets + "]}",
+                             policy, errors))
             << c.RuleSets;
         std::string warnings;
         for (const Tool::Warning& warning : Tool::FindWarnings(policy))

@@ -8,17 +8,19 @@ A session is a text file. It begins in an empty directory and is read line by li
   $ kxrule.exe ARGS  runs it with these arguments alone; "< FILE" and "> FILE" at the end are what they are in a shell
   ! write FILE     makes a file of the lines "| text" that follow
   ! fetch FILE     copies a file of the source tree
-  ! copy FROM TO, ! remove PATH, ! mkdir PATH, ! truncate FILE SIZE (from the end if negative), ! flip FILE OFFSET, ! append FILE TEXT
+  ! copy FROM TO, ! remove PATH, ! mkdir PATH, ! truncate FILE SIZE (from the end if negative), ! flip FILE OFFSET, ! append FILE TEXT,
+  ! utf16 FROM TO
   ! same A B       says whether two files, or what two directories hold, are the same
   ! interrupt ARGS starts "kxrule --force --dir règles ARGS", which reads standard input, and presses Ctrl-C
   ! hold           another process has the library initialised from here on
 
 Every other line is what came of the line above: standard output, standard error after "2>", [exit N] unless it is 0,
 and in brackets the files that were added (+), removed (-) or written (~). DIR is the session's directory, DATED a
-dated one; of a line past 300 characters and of an output past ten lines the rest is a count and a checksum. What came
-in full lies in build/sessions. With --write the sessions are recorded anew; look at what changed before you keep it.
+dated one; of a line past 300 characters and of an output past ten lines (of JSON four) the rest is a count and a
+checksum. What came in full lies in build/sessions. With --write the sessions are recorded anew; look at what changed before you keep it.
 """
 import difflib
+import json
 import os
 import pathlib
 import re
@@ -30,17 +32,23 @@ import sys
 import tempfile
 import zlib
 
+try:
+    import jsonschema
+except ImportError:
+    jsonschema = None
+
 ROOT = pathlib.Path(__file__).resolve().parents[2]
 RULES = "règles"
 MARKS = ("# ", "$ ", "! ", "| ")
-SHOWN, MOST = 6, 10  # lines of an output
+SCHEMA = json.loads((ROOT / "docs/kxrule.schema.json").read_text())
 
 
-def shortened(lines):
-    if len(lines) <= MOST:
+
+def shortened(lines, shown, most):
+    if len(lines) <= most:
         return lines
-    rest = lines[SHOWN:]
-    return lines[:SHOWN] + [f"... {len(rest)} more lines, {zlib.crc32(chr(10).join(rest).encode()):08x}"]
+    rest = lines[shown:]
+    return lines[:shown] + [f"... {len(rest)} more lines, {zlib.crc32(chr(10).join(rest).encode()):08x}"]
 
 
 class Session:
@@ -79,6 +87,7 @@ class Session:
         if target:
             target.write_bytes(out)
             out = b""
+        self.check(arguments, out, process.returncode)
         out, error = (self.plain(piece.decode(errors="backslashreplace")).splitlines() for piece in (out, error))
         after = self.files()
         out = [" " + line if line[:2] in MARKS else line for line in out]
@@ -87,13 +96,23 @@ class Session:
         out, error = ([line if len(line) <= 300 else
                        f"{line[:250]}... {len(line)} characters, {zlib.crc32(line.encode()):08x}" for line in piece]
                       for piece in (out, error))
-        lines = shortened(out) + shortened(error)
+        shown = (2, 4) if "--json" in arguments else (6, 10)  # lines; how JSON looks, the schema tells
+        lines = shortened(out, *shown) + shortened(error, *shown)
         if process.returncode != 0:
             lines.append(f"[exit {process.returncode}]")
         touched = sorted((("+" if path not in before else "-" if path not in after else "~") + self.plain(str(path))
                           for path in before.keys() | after.keys() if before.get(path) != after.get(path)),
-                         key=lambda change: change[1:])
+                         key=lambda change: (change[1:], change[0]))
         return lines + ([f"[{' '.join(touched)}]"] if touched else [])
+
+    def check(self, arguments, out, code):
+        """What --json prints is what docs/kxrule.schema.json says."""
+        command = next((word for word in arguments if word in SCHEMA["$defs"]), None)
+        if jsonschema and "--json" in arguments and command and out and code != 2:
+            try:
+                jsonschema.validate(json.loads(out), {**SCHEMA, "$ref": "#/$defs/" + command})
+            except ValueError as error:
+                raise SystemExit(f"{arguments}: {error}: {out[:300]}") from error
 
     def help(self, verb, *arguments, body=()):
         paths = [self.directory / argument for argument in arguments]
@@ -117,6 +136,8 @@ class Session:
         elif verb == "append":
             with paths[0].open("a") as file:
                 file.write(arguments[1])
+        elif verb == "utf16":
+            paths[1].write_bytes(paths[0].read_text().encode("utf-16"))
         elif verb == "same":
             a, b = ({path.relative_to(top): path.read_bytes() for path in [top, *top.rglob("*")] if path.is_file()}
                     for top in paths)

@@ -4,7 +4,7 @@
 
 #include <nlohmann/json.hpp>
 
-#include "common/srclib/KxComn_Handle.h"
+#include "persistence/Copies.h"
 #include "persistence/RuleFileNames.h"
 #include "policy/Utf8.h"
 #include "policy/Words.h"
@@ -70,7 +70,9 @@ void PrintReport(Session& session, const StoreReport& report)
         damaged += bad ? 1 : 0;
         console.Out(console.Paint(bad ? Style::Bad : rows[i][0].empty() ? Style::Dim : Style::Plain, lines[i]) + "\n");
     }
-    console.Out(damaged == 0 ? console.Paint(Style::Good, "nothing is damaged") + "\n"
+    // Within a record nothing shows a changed bit: what is there is another rule.
+    console.Out(damaged == 0 ? console.Paint(Style::Good, "no damage shows") +
+                                   "; every changed bit shows with --against a backup\n"
                              : console.Paint(Style::Bad, std::to_string(damaged) + " damaged") + "\n");
 }
 
@@ -78,30 +80,12 @@ void RequireDirectory(const fs::path& directory)
 {
     std::error_code error;
     if (!fs::is_directory(directory, error))
-        throw Failure(Name(directory) + " is no directory");
+        throw Failure(Name(directory) + " is not a directory");
 }
 
-/// The C++ library's own comparison does not know directories here.
-bool IsSameDirectory(const fs::path& a, const fs::path& b)
+[[noreturn]] void FailedToPut(const std::string& name)
 {
-    const auto identify = [](const fs::path& directory, BY_HANDLE_FILE_INFORMATION& info)
-    {
-        const KxCommon::UniqueFile handle(::CreateFileW(directory.c_str(), 0,
-                                                        FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, nullptr,
-                                                        OPEN_EXISTING, FILE_FLAG_BACKUP_SEMANTICS, nullptr));
-        return handle && ::GetFileInformationByHandle(handle.get(), &info) != FALSE;
-    };
-    BY_HANDLE_FILE_INFORMATION first{};
-    BY_HANDLE_FILE_INFORMATION second{};
-    return identify(a, first) && identify(b, second) && first.dwVolumeSerialNumber == second.dwVolumeSerialNumber &&
-           first.nFileIndexHigh == second.nFileIndexHigh && first.nFileIndexLow == second.nFileIndexLow;
-}
-
-void PutFile(const RuleDirectory& source, const std::string& name, const RuleDirectory& target,
-             const std::string& targetName)
-{
-    if (!target.Put(source, name, targetName))
-        throw Failure("putting " + NarrowToUtf8(targetName) + " in place: " + SystemText(::GetLastError()));
+    throw Failure("putting " + NarrowToUtf8(name) + " in place: " + SystemText(::GetLastError()));
 }
 
 Json NamesAsJson(const std::vector<std::string>& names)
@@ -133,7 +117,8 @@ int RestoreMacros(Session& session, const StoreFile& file)
     session.BeginChange();
     const RuleDirectory target = session.Store();
     session.KeepCopy();
-    PutFile(file.Directory, file.Name, target, target.MacroFileName());
+    if (!target.Put(file.Directory, file.Name, target.MacroFileName()))
+        FailedToPut(target.MacroFileName());
     TellRestored(session, {target.MacroFileName()});
     return ExitDone;
 }
@@ -141,25 +126,25 @@ int RestoreMacros(Session& session, const StoreFile& file)
 int RestoreFile(Session& session, const fs::path& file)
 {
     const StoreFile place(file.wstring());
-    const FileContent content = ReadStoreFile(place.Directory, place.Name);
-    if (!content.Problem.empty())
-        throw Failure(Name(file) + " is not restored: " + content.Problem);
-    if (content.Kind == FileKind::Master)
+    LookedAt seen = LookAt(place.Directory, place.Name);
+    if (!seen.IsWhole())
+        throw Failure(Name(file) + " is not restored: " + ProblemText(seen));
+    if (seen.File.Head.Kind == FileKind::Master)
         throw Failure(Name(file) + " is a master file; it is restored with its directory");
-    if (content.Kind == FileKind::Macros)
+    if (seen.File.Head.Kind == FileKind::Macros)
         return RestoreMacros(session, place);
-    if (content.Version == FileFormat::kOldVersion)
+    if (seen.File.Head.Version == FileFormat::kOldVersion)
         throw Failure(Name(file) + " is of version 1, whose rules cannot be read");
     Policy wanted;
-    wanted.RuleSets.push_back(content.RuleSet);
+    wanted.RuleSets.push_back(RuleSetOf(seen.File));
     std::stable_sort(wanted.RuleSets[0].Rules.begin(), wanted.RuleSets[0].Rules.end(),
                      [](const PFW_RULE& a, const PFW_RULE& b)
                      { return uint16_t{a.wRuleIndex} < uint16_t{b.wRuleIndex}; });
     session.OpenToChange(Session::OnDamage::Mend);
-    const Policy store = session.Read();
+    Policy store = session.Read();
     for (const RuleSetRecord& ruleSet : store.RuleSets)
     {
-        if (ruleSet.Index != content.RuleSet.Index)
+        if (ruleSet.Index != seen.File.Set.Index)
             wanted.RuleSets.push_back(ruleSet);
     }
     return ApplyPolicy(session, store, wanted, MergeMode::Replace);
@@ -167,9 +152,37 @@ int RestoreFile(Session& session, const fs::path& file)
 
 } // namespace
 
-int Verify(Session& session)
+namespace
+{
+
+int VerifyAgainst(Session& session, const std::string& backup)
+{
+    const fs::path path = session.ExistingPath(backup);
+    RequireDirectory(path);
+    const auto changes = Copies::Compare(session.Store(), StoreAt(path.wstring(), session.Options().Master));
+    if (!changes)
+        throw Failure(Name(path) + " or the store cannot be read, or holds no rule files");
+    static constexpr const char* kWords[] = {"altered", "missing", "added"};
+    Json json = Json::array();
+    for (const Copies::Changed& change : *changes)
+    {
+        const char* const word = kWords[static_cast<size_t>(change.What)];
+        json.push_back({{"file", NarrowToUtf8(change.Name)}, {"change", word}});
+        session.Terminal().Out(session.Options().Json ? "" : Printable(NarrowToUtf8(change.Name)) + "  " + word + "\n");
+    }
+    session.Terminal().Out(session.Options().Json ? json.dump(2) + "\n"
+                           : changes->empty()     ? "the store is what was copied\n"
+                                                  : Count(changes->size(), "difference") + "\n");
+    return changes->empty() ? ExitDone : ExitDifferent;
+}
+
+} // namespace
+
+int Verify(Session& session, const std::string& against)
 {
     RequireDirectory(session.Directory());
+    if (!against.empty())
+        return VerifyAgainst(session, against);
     const StoreReport report = CheckStore(session.Store(), session.Terminal(), true);
     PrintReport(session, report);
     return report.IsDamaged() ? ExitFailed : ExitDone;
@@ -190,15 +203,12 @@ int Backup(Session& session, const std::string& target)
     const bool isNew = fs::create_directories(path, error);
     if (!fs::is_directory(path))
         throw Failure(Name(path) + " cannot be made: " + SystemText(static_cast<uint32_t>(error.value())));
-    try
+    if (std::string failed; !Copies::CopyFiles(store, StoreAt(path.wstring(), session.Options().Master), names, failed))
     {
-        CopyFiles(store, StoreAt(path.wstring(), session.Options().Master), names);
-    }
-    catch (const Failure&)
-    {
+        const std::string why = SystemText(::GetLastError());
         if (isNew)
             fs::remove(path, error);
-        throw;
+        throw Failure("copying " + NarrowToUtf8(failed) + " to " + Name(path) + ": " + why);
     }
     if (session.Options().Json)
         session.Terminal().Out(Json({{"copied", NamesAsJson(names)}, {"to", ToUtf8(path.wstring())}}).dump(2) + "\n");
@@ -210,10 +220,10 @@ int Backup(Session& session, const std::string& target)
 int RestoreDirectory(Session& session, const fs::path& path)
 {
     const RuleDirectory source = StoreAt(path.wstring(), session.Options().Master);
-    std::vector<std::string> names = StoreFileNames(source);
+    const std::vector<std::string> names = StoreFileNames(source);
     if (names.empty())
         throw Failure(Name(path) + " holds no rule files");
-    if (IsSameDirectory(path, session.Directory()))
+    if (IdentityOf(path.wstring()) == IdentityOf(session.Directory()))
         throw Failure(Name(path) + " is the rule directory itself");
     const StoreReport report = CheckStore(source, session.Terminal(), false);
     if (report.IsDamaged())
@@ -222,29 +232,26 @@ int RestoreDirectory(Session& session, const fs::path& path)
         throw Failure(Name(path) +
                       " is damaged and is not restored; its good rule set files can be restored one by one");
     }
+    // A changed bit that no damage shows. (Without a manifest the files are what they are.)
+    if (const auto changes = Copies::Compare(source, source); !changes || !changes->empty())
+        throw Failure(
+            Name(path) + " is not restored: " +
+            (changes ? NarrowToUtf8(changes->front().Name) + " is not what was copied" : "it cannot be read"));
     if (names.front() != source.MasterFileName())
         throw Failure(Name(path) + " holds no master file; its files can be restored one by one");
     session.Claim();
     session.BeginChange();
     const RuleDirectory target = session.Store();
-    const std::vector<std::string> replaced = StoreFileNames(target);
     session.KeepCopy();
-    // The master file comes last: until it is there, the old one names the old files.
-    std::reverse(names.begin(), names.end());
-    for (const std::string& name : names)
-        PutFile(source, name, target, name);
-    for (const std::string& name : replaced)
-    {
-        if (std::find(names.begin(), names.end(), name) == names.end())
-            target.Remove(name);
-    }
+    if (std::string failed; !Copies::PutFiles(source, target, names, failed))
+        FailedToPut(failed);
     TellRestored(session, names);
     return ExitDone;
 }
 
 int Restore(Session& session, const std::string& source)
 {
-    const fs::path path = AbsolutePath(source);
+    const fs::path path = session.ExistingPath(source);
     std::error_code error;
     if (!fs::exists(path, error))
         throw Failure(Name(path) + " does not exist");
@@ -283,7 +290,12 @@ int Tidy(Session& session, bool yes)
                  [&store](const std::string& name) { return store.Remove(name); });
     const std::string copies = ToUtf8(session.Copies().wstring());
     if (json)
-        console.Out(Json({{"removed", NamesAsJson(removed)}}).dump(2) + "\n");
+    {
+        Json members = {{"removed", NamesAsJson(removed)}};
+        if (!copies.empty())
+            members["copies"] = copies;
+        console.Out(members.dump(2) + "\n");
+    }
     else
         console.Out(Count(removed.size(), "file") + " removed" +
                     (copies.empty() ? "" : "; what was there before lies in " + Printable(copies)) + "\n");

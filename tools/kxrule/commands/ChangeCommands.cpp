@@ -3,6 +3,7 @@
 
 #include <nlohmann/json.hpp>
 
+#include "common/srclib/KxComn_Names.h"
 #include "policy/Apply.h"
 #include "policy/RecordText.h"
 #include "policy/ResultCodes.h"
@@ -20,6 +21,33 @@ std::vector<PFW_RULE>::iterator FindRule(RuleSetRecord& ruleSet, uint16_t index)
 {
     return std::find_if(ruleSet.Rules.begin(), ruleSet.Rules.end(),
                         [index](const PFW_RULE& rule) { return rule.wRuleIndex == index; });
+}
+
+bool HasRuleSet(const Policy& policy, uint16_t index)
+{
+    return std::any_of(policy.RuleSets.begin(), policy.RuleSets.end(),
+                       [index](const RuleSetRecord& ruleSet) { return ruleSet.Index == index; });
+}
+
+bool IsThere(const std::string& path)
+{
+    return !path.empty() && ::GetFileAttributesW(AbsolutePath(path).c_str()) != INVALID_FILE_ATTRIBUTES;
+}
+
+/// Whether a rule is bound to the program, whose path the library compares without regard to case.
+bool IsNamed(const Policy& policy, const std::wstring& application)
+{
+    for (const RuleSetRecord& ruleSet : policy.RuleSets)
+    {
+        for (const PFW_RULE& rule : ruleSet.Rules)
+        {
+            if (rule.dwKind == KXRULE_KIND_ACCESS &&
+                KxCommon::String::EqualNoCase(FromUtf8(WideFieldText(&rule.Access.wszAppName, KXRULE_APP_NAME_UNITS)),
+                                              application))
+                return true;
+        }
+    }
+    return false;
 }
 
 /// A rule whose hash was set, as the callback sees it.
@@ -50,7 +78,7 @@ int AddRuleSet(Session& session, const std::string& name, std::optional<uint16_t
 {
     const KxCommon::WideString wide = RuleSetName(name);
     session.OpenToChange();
-    const Policy store = session.Read();
+    Policy store = session.Read();
     for (const RuleSetRecord& ruleSet : store.RuleSets)
     {
         // Asking the library for an index in use would leave its lock with this thread.
@@ -71,33 +99,35 @@ int AddRuleSet(Session& session, const std::string& name, std::optional<uint16_t
 int DeleteRuleSets(Session& session, const std::vector<uint16_t>& indexes, bool all)
 {
     session.OpenToChange();
-    const Policy store = session.Read();
+    Policy store = session.Read();
     Policy wanted = store;
     for (const uint16_t index : indexes)
     {
         static_cast<void>(FindRuleSet(store, index));
         std::erase_if(wanted.RuleSets, [index](const RuleSetRecord& ruleSet) { return ruleSet.Index == index; });
-        std::erase(*wanted.Active, index); // what is active and does not exist is a warning from then on
     }
     if (all)
-    {
         wanted.RuleSets.clear();
-        wanted.Active->clear();
-    }
+    // What is gone is not active either.
+    std::erase_if(*wanted.Active, [&](uint16_t index)
+                  { return IsActive(store, index) && HasRuleSet(store, index) && !HasRuleSet(wanted, index); });
     return ApplyPolicy(session, store, wanted, MergeMode::Replace);
 }
 
 int AddRule(Session& session, uint16_t ruleSetIndex, const std::string& rule, bool replace, const RulePlace& place)
 {
-    const bool isText = rule.find('{') != std::string::npos || IsRuleLine(rule);
+    // The name of a file may begin like JSON, or look like a rule's line.
+    const size_t begin = rule.find_first_not_of(" \t\r\n");
+    const bool isText =
+        begin != std::string::npos && (rule[begin] == '{' || rule[begin] == '[' || IsRuleLine(rule)) && !IsThere(rule);
     PFW_RULE record{};
     RulePlace where = place;
     bool hasIndex = true;
     std::vector<Diagnostic> diagnostics;
-    if (!ReadAnyRule(isText ? rule : ReadTextFile(rule), record, hasIndex, diagnostics))
+    if (!ReadAnyRule(isText ? rule : ReadTextFile(session, rule), record, hasIndex, diagnostics))
         return TellDiagnostics(session, isText ? "RULE" : rule, diagnostics);
     session.OpenToChange();
-    const Policy store = session.Read();
+    Policy store = session.Read();
     Policy wanted = store;
     RuleSetRecord& ruleSet = FindRuleSet(wanted, ruleSetIndex);
     if (hasIndex && !place.Before && !place.After)
@@ -116,7 +146,7 @@ int AddRule(Session& session, uint16_t ruleSetIndex, const std::string& rule, bo
 int DeleteRules(Session& session, uint16_t ruleSetIndex, const std::vector<uint16_t>& indexes, bool all)
 {
     session.OpenToChange();
-    const Policy store = session.Read();
+    Policy store = session.Read();
     Policy wanted = store;
     RuleSetRecord& ruleSet = FindRuleSet(wanted, ruleSetIndex);
     for (const uint16_t index : indexes)
@@ -134,10 +164,13 @@ int DeleteRules(Session& session, uint16_t ruleSetIndex, const std::vector<uint1
 int Activate(Session& session, const std::vector<uint16_t>& indexes)
 {
     session.OpenToChange();
-    const Policy store = session.Read();
-    for (const uint16_t index : indexes)
-        static_cast<void>(
-            FindRuleSet(store, index)); // the library would take any index; a slip here opens the firewall
+    Policy store = session.Read();
+    std::vector<uint16_t> ruleSets;
+    for (const RuleSetRecord& ruleSet : store.RuleSets)
+        ruleSets.push_back(ruleSet.Index);
+    // The library would take any index; a slip here opens the firewall.
+    if (const std::string mistake = ActiveListMistake(indexes, ruleSets); !mistake.empty())
+        throw Failure(mistake);
     Policy wanted;
     wanted.Active = indexes;
     return ApplyPolicy(session, store, wanted, MergeMode::Merge);
@@ -146,7 +179,7 @@ int Activate(Session& session, const std::vector<uint16_t>& indexes)
 int ClearMacros(Session& session)
 {
     session.OpenToChange();
-    const Policy store = session.Read();
+    Policy store = session.Read();
     Policy wanted = store;
     wanted.Macros->clear();
     return ApplyPolicy(session, store, wanted, MergeMode::Replace);
@@ -156,6 +189,8 @@ int RefreshHashes(Session& session, const std::string& application)
 {
     session.OpenToChange();
     const std::wstring path = FromUtf8(application);
+    if (!path.empty() && !IsNamed(session.Read(), path))
+        throw Failure("no rule is bound to " + application);
     std::vector<Refreshed> refreshed;
     session.BeginChange();
     const int32_t result = session.Library().kxRuleUpdateHashValue(path.empty() ? nullptr : path.c_str(), nullptr,
@@ -182,7 +217,13 @@ int RefreshHashes(Session& session, const std::string& application)
                                " computed\n");
     }
     if (result != KXRULE_OK)
-        throw Failure("computing hashes: " + ResultText(result), ExitFailed, result);
+        throw Failure("computing hashes: " + ResultText(result) +
+                          (result == KXRULE_E_HASH_LIBRARY
+                               ? std::string("; it is looked for in the directory that the registry value InstallPath "
+                                             "of HKLM\\") +
+                                     KxCommon::Names::kRegistryKey + " names"
+                               : std::string()),
+                      ExitFailed, result);
     return ExitDone;
 }
 

@@ -1,8 +1,11 @@
 // The command line. The only file that sees the option parser.
 #include "tools/kxrule/commands/CommandLine.h"
 
+#include <algorithm>
 #include <functional>
+#include <numeric>
 #include <sstream>
+#include <utility>
 
 #include <CLI/CLI.hpp>
 
@@ -26,6 +29,21 @@ CLI::Validator InRange(int least, int most)
     return CLI::Range(least, most).description("");
 }
 
+/// How many letters have to be changed, added or left out to make one word of another.
+size_t Distance(const std::string& a, const std::string& b)
+{
+    std::vector<size_t> row(b.size() + 1);
+    std::iota(row.begin(), row.end(), size_t{0});
+    for (size_t i = 0; i < a.size(); ++i)
+    {
+        size_t diagonal = std::exchange(row[0], i + 1);
+        for (size_t j = 0; j < b.size(); ++j)
+            diagonal =
+                std::exchange(row[j + 1], std::min({row[j] + 1, row[j + 1] + 1, diagonal + (a[i] == b[j] ? 0 : 1)}));
+    }
+    return row.back();
+}
+
 /// Everything that can be written before or after a command.
 class CommandLine
 {
@@ -46,9 +64,20 @@ public:
         m_App.add_option("--wait", m_Options.Wait, "How long to wait for others who change a store; 10 if not given")
             ->check(InRange(0, 86400))
             ->type_name("SECONDS");
+        m_App
+            .add_option("--max-size", m_Options.MaxSize,
+                        "The largest file that is read, in megabytes; 256 if not given")
+            ->check(InRange(1, 1023))
+            ->type_name("MB");
+        m_App
+            .add_option("--keep", m_Options.Keep,
+                        "How many of its own copies below RuleBackup stay when another is made; all if not given")
+            ->check(InRange(1, 10000))
+            ->type_name("N");
         m_App.set_version_flag("--version", "kxrule " KX_VERSION);
         m_App.footer("Example:\n  kxrule --dir C:\\ProgramData\\Firewall\\Rules list\n\n"
-                     "Exit codes: 0 done, 1 failed, 2 usage error, 3 import --check or diff found differences, "
+                     "Exit codes: 0 done, 1 failed, 2 usage error, 3 import --check, diff or verify --against found "
+                     "differences, "
                      "4 interrupted before anything was changed.");
         AddLook();
         AddPolicies();
@@ -59,6 +88,11 @@ public:
 
     int Run(std::vector<std::string> arguments, Console& console)
     {
+        if (!arguments.empty() && arguments.front() == "help") // as other tools have it
+        {
+            arguments.erase(arguments.begin());
+            arguments.push_back("--help");
+        }
         std::reverse(arguments.begin(), arguments.end()); // the parser expects it so
         try
         {
@@ -72,7 +106,8 @@ public:
             {
                 const bool unknown = m_App.get_subcommands().empty() && !m_App.remaining().empty();
                 throw Failure((unknown ? "\"" + m_App.remaining().front() + "\" is not " +
-                                             (m_App.remaining().front()[0] == '-' ? "an option" : "a command")
+                                             (m_App.remaining().front()[0] == '-' ? "an option" : "a command") +
+                                             Suggestion(m_App.remaining().front())
                                        : error.what()) +
                                   "; see --help",
                               ExitUsage);
@@ -157,6 +192,11 @@ private:
         import->add_flag("--check", m_Import.Check,
                          "Show what would change and change nothing; exit code 3 when something would");
         import->add_flag("--allow-empty", m_Import.AllowEmpty, "Let --replace remove every rule set");
+        import->add_flag("--strict", m_Import.Strict, "Refuse a policy of which lint has something to say");
+        CLI::App* const lint = Add(
+            m_App, "lint", "Tell what a policy file, or the store, has that is hardly meant; exit code 1 when it has",
+            "kxrule lint workstation.json", [this](Session& session) { return LintCommand(session, m_File); });
+        lint->add_option("FILE", m_File, "The file; - for standard input; the store if not given")->type_name("");
         CLI::App* const exported = Add(m_App, "export", "Write the store, or some rule sets, as JSON or as text",
                                        "kxrule export --text -o policy.rules",
                                        [this](Session& session) { return Export(session, m_Indexes, m_File, m_All); });
@@ -323,8 +363,11 @@ private:
 
     void AddCare()
     {
-        Add(m_App, "verify", "Check every file in the rule directory and report what is wrong; changes nothing",
-            "kxrule --dir D:\\Rules verify", [](Session& session) { return Verify(session); });
+        CLI::App* const verify =
+            Add(m_App, "verify", "Check every file in the rule directory and report what is wrong; changes nothing",
+                "kxrule --dir D:\\Rules verify", [this](Session& session) { return Verify(session, m_Text); });
+        verify->add_option("--against", m_Text, "Tell instead which files are not as they were copied to this backup")
+            ->type_name("BACKUP");
         CLI::App* const backup =
             Add(m_App, "backup", "Copy the rule files to an empty directory", "kxrule backup E:\\rules-monday",
                 [this](Session& session) { return Backup(session, m_Text); });
@@ -371,6 +414,21 @@ private:
                 session.Terminal().Out(Manual(m_App));
                 return ExitDone;
             });
+    }
+
+    /// The command that was hardly mistyped, as a question.
+    std::string Suggestion(const std::string& word) const
+    {
+        std::string best;
+        size_t least = 3; // changed letters
+        for (const CLI::App* const command : m_App.get_subcommands([](const CLI::App*) { return true; }))
+        {
+            const size_t distance = Distance(word, command->get_name());
+            if (distance < least)
+                best = command->get_name();
+            least = std::min(least, distance);
+        }
+        return best.empty() ? "" : "; did you mean \"" + best + "\"?";
     }
 
     CLI::App* AddInner(CLI::App* parent, const char* name, const char* summary, const char* example,

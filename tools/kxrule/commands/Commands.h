@@ -6,6 +6,7 @@
 #include <string>
 #include <vector>
 
+#include "policy/Lint.h"
 #include "policy/PolicyDiff.h"
 #include "policy/RuleJson.h"
 #include "tools/kxrule/commands/Session.h"
@@ -23,6 +24,9 @@ struct Filter
     bool Off = false;    // rules that are
     std::string Action;
     std::string Application; // a part of the path
+
+    /// Whether it lets some rules of a rule set through and others not.
+    [[nodiscard]] bool IsOfRules() const noexcept { return Off || !Action.empty() || !Application.empty(); }
 };
 int List(Session& session, const Filter& filter);
 int Show(Session& session, std::optional<uint16_t> ruleSetIndex, std::optional<uint16_t> ruleIndex,
@@ -49,9 +53,13 @@ struct ImportOptions
     bool Replace = false;
     bool Check = false;
     bool AllowEmpty = false;
+    bool Strict = false;
 };
 int Import(Session& session, const ImportOptions& options);
 int ImportMacros(Session& session, const ImportOptions& options);
+
+/// What hardly anybody means, in the store or, if one is given, in a file.
+int LintCommand(Session& session, const std::string& file); // LintCommand
 
 /// Everything, or only the given rule sets, without macros and active list.
 int Export(Session& session, const std::vector<uint16_t>& ruleSetIndexes, const std::string& file, bool asText);
@@ -106,7 +114,8 @@ int EditActive(Session& session, const std::vector<uint16_t>& indexes, const Act
 int RefreshHashes(Session& session, const std::string& application);
 
 // ------------------------------------------------------------------------------------------------- care (CareCommands)
-int Verify(Session& session);
+/// With a backup, whether the store is what was copied there.
+int Verify(Session& session, const std::string& against);
 int Backup(Session& session, const std::string& directory);
 int Restore(Session& session, const std::string& source);
 int RestoreDirectory(Session& session, const std::filesystem::path& path);
@@ -118,7 +127,10 @@ int Dump(Session& session, const std::string& file);
 
 // ---------------------------------------------------------------------------------------------------------- helpers --
 /// Makes the store hold the wanted policy and prints what changed.
-int ApplyPolicy(Session& session, const Policy& store, const Policy& wanted, MergeMode mode);
+/// The store's rules are dropped as soon as they are not needed any more.
+int ApplyPolicy(Session& session, Policy& store, const Policy& wanted, MergeMode mode);
+/// For Session::Look, when only what is beside the rules is wanted.
+void LeaveOut(const Policy& policy, const RuleSetRecord& ruleSet);
 /// A rule's line, and below it what the line leaves out.
 void PrintRule(Session& session, const PFW_RULE& rule);
 /// Fails unless the store has it.
@@ -128,11 +140,16 @@ void PrintRule(Session& session, const PFW_RULE& rule);
 void InsertRule(RuleSetRecord& ruleSet, PFW_RULE rule, const RulePlace& place);
 /// Fails when the name is too long for its field.
 [[nodiscard]] KxCommon::WideString RuleSetName(const std::string& name);
-[[nodiscard]] Json DiffAsJson(const PolicyDiff& diff);
-/// A whole file, "-" for standard input.
-[[nodiscard]] std::string ReadTextFile(const std::string& path);
+[[nodiscard]] Json DiffAsJson(const PolicyDiff& diff, bool isCheck);
+/// A whole file as UTF-8, "-" for standard input.
+[[nodiscard]] std::string ReadTextFile(const Session& session, const std::string& path);
+/// False when something is wrong with the file, which has then been printed.
+[[nodiscard]] bool ReadPolicyFile(Session& session, const std::string& file, Policy& policy);
+[[nodiscard]] Json FindingsAsJson(const std::vector<LintFinding>& findings);
 /// Writes text to a file, completely or not at all; "-" or an empty path: standard output.
 void WriteTextFile(Session& session, const std::string& path, std::string_view text);
+/// Says in JSON which file that was.
+void TellWritten(Session& session, const std::string& path);
 /// Prints what is wrong in a file, one line each: FILE:LINE:COLUMN: where: what.
 /// @return ExitFailed
 int TellDiagnostics(Session& session, const std::string& path, const std::vector<Diagnostic>& diagnostics);

@@ -27,22 +27,22 @@ std::string Hexadecimal(uint32_t value)
 class Dumper
 {
 public:
-    explicit Dumper(const FileContent& content) : m_Content(content) {}
+    explicit Dumper(const LookedAt& content) : m_Content(content) {}
 
     void Dump(Console& console)
     {
-        Row("magic", FileFormat::kMagicBytes, MagicOf(m_Content.Kind));
-        Record("version", sizeof m_Content.Version, Hexadecimal(m_Content.Version));
-        if (m_Content.Kind == FileKind::Master)
+        Row("magic", FileFormat::kMagicBytes, MagicOf(m_Content.File.Head.Kind));
+        Record("version", sizeof m_Content.File.Head.Version, Hexadecimal(m_Content.File.Head.Version));
+        if (m_Content.File.Head.Kind == FileKind::Master)
             Master();
-        else if (m_Content.Kind == FileKind::Macros)
+        else if (m_Content.File.Head.Kind == FileKind::Macros)
             Macros();
         else
             RuleSet();
         for (const std::string& line : Aligned(m_Rows, {0, 1}))
             console.Out(line + "\n");
-        if (!m_Content.Problem.empty())
-            console.Out(console.Paint(Style::Bad, "reading stops here: " + m_Content.Problem) + "\n");
+        if (!m_Content.IsWhole())
+            console.Out(console.Paint(Style::Bad, "reading stops here: " + ProblemText(m_Content)) + "\n");
         else if (m_Offset < m_Content.Bytes)
             console.Out(std::to_string(m_Content.Bytes - m_Offset) + " bytes after the last record are not read\n");
     }
@@ -66,7 +66,7 @@ private:
 
     void Master()
     {
-        const MasterFields& fields = m_Content.Master;
+        const MasterFields& fields = m_Content.File.Master;
         Text("macro file", fields.MacroFileName.size(), NarrowToUtf8(fields.MacroFileName));
         Record("next index", sizeof fields.NextIndex, std::to_string(fields.NextIndex));
         std::string active;
@@ -81,8 +81,8 @@ private:
 
     void Macros()
     {
-        Record("macros", sizeof(uint32_t), std::to_string(m_Content.Macros.size()));
-        for (const MacroRecord& macro : m_Content.Macros)
+        Record("macros", sizeof(uint32_t), std::to_string(m_Content.File.Macros.size()));
+        for (const MacroRecord& macro : MacrosOf(m_Content.File))
         {
             Text("macro", macro.Name.size(), NarrowToUtf8(macro.Name));
             Record("items", sizeof(uint32_t), std::to_string(macro.Items.size()));
@@ -94,12 +94,12 @@ private:
 
     void RuleSet()
     {
-        const RuleSetRecord& ruleSet = m_Content.RuleSet;
-        const bool old = m_Content.Version == FileFormat::kOldVersion;
+        const RuleSetRecord ruleSet = RuleSetOf(m_Content.File);
+        const bool old = m_Content.File.Head.Version == FileFormat::kOldVersion;
         Record("index", sizeof ruleSet.Index, std::to_string(ruleSet.Index));
         Text("name", old ? KxCommon::String::ToNarrow(ruleSet.Name).size() : 2 * ruleSet.Name.size(),
              ToUtf8(ruleSet.Name));
-        Record("rules", sizeof(uint32_t), std::to_string(m_Content.RuleCount));
+        Record("rules", sizeof(uint32_t), std::to_string(m_Content.File.Set.RuleCount));
         for (const PFW_RULE& rule : ruleSet.Rules)
         {
             std::string line;
@@ -115,33 +115,33 @@ private:
         }
     }
 
-    const FileContent& m_Content;
+    const LookedAt& m_Content;
     uint64_t m_Offset = 0;
     std::vector<std::vector<std::string>> m_Rows = {{"offset", "bytes", "field", "value"}};
 };
 
-Json ContentAsJson(const FileContent& content)
+Json ContentAsJson(const LookedAt& content)
 {
-    Json json = {{"bytes", content.Bytes}, {"version", content.Version}};
-    if (content.Kind == FileKind::Master)
+    Json json = {{"bytes", content.Bytes}, {"version", content.File.Head.Version}};
+    if (content.File.Head.Kind == FileKind::Master)
     {
-        json["macroFile"] = NarrowToUtf8(content.Master.MacroFileName);
-        json["nextIndex"] = content.Master.NextIndex;
-        json["active"] = content.Master.ActiveRuleSets;
+        json["macroFile"] = NarrowToUtf8(content.File.Master.MacroFileName);
+        json["nextIndex"] = content.File.Master.NextIndex;
+        json["active"] = content.File.Master.ActiveRuleSets;
         json["ruleSetFiles"] = Json::array();
-        for (const std::string& name : content.Master.RuleSetFileNames)
+        for (const std::string& name : content.File.Master.RuleSetFileNames)
             json["ruleSetFiles"].push_back(NarrowToUtf8(name));
     }
-    else if (content.Kind == FileKind::Macros)
+    else if (content.File.Head.Kind == FileKind::Macros)
     {
-        json["macros"] = MacrosAsJson(content.Macros);
+        json["macros"] = MacrosAsJson(MacrosOf(content.File));
     }
     else
     {
-        json["ruleSet"] = RuleSetAsJson(content.RuleSet);
+        json["ruleSet"] = RuleSetAsJson(RuleSetOf(content.File));
     }
-    if (!content.Problem.empty())
-        json["problem"] = content.Problem;
+    if (!content.IsWhole())
+        json["problem"] = ProblemText(content);
     return json;
 }
 
@@ -149,15 +149,15 @@ Json ContentAsJson(const FileContent& content)
 
 int Dump(Session& session, const std::string& file)
 {
-    const StoreFile place(AbsolutePath(file));
-    const FileContent content = ReadStoreFile(place.Directory, place.Name);
-    if (!content.IsKnown)
-        throw Failure(file + ": " + content.Problem);
+    const StoreFile place(session.ExistingPath(file));
+    const LookedAt content = LookAt(place.Directory, place.Name);
+    if (!content.File.Head.IsKnown)
+        throw Failure(file + ": " + ProblemText(content));
     if (session.Options().Json)
         session.Terminal().Out(ContentAsJson(content).dump(2) + "\n");
     else
         Dumper(content).Dump(session.Terminal());
-    return content.Problem.empty() ? ExitDone : ExitFailed;
+    return content.IsWhole() ? ExitDone : ExitFailed;
 }
 
 } // namespace Tool

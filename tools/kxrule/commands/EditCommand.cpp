@@ -1,7 +1,6 @@
 // edit: the policy as text in an editor. diff: two policies, wherever they lie.
 #include <nlohmann/json.hpp>
 
-#include "policy/PolicyText.h"
 #include "policy/RulesText.h"
 #include "policy/Utf8.h"
 #include "tools/kxrule/commands/Commands.h"
@@ -52,7 +51,7 @@ bool ReadEdited(Session& session, const std::string& file, const Policy& store, 
 {
     Policy edited;
     std::vector<Diagnostic> diagnostics;
-    if (!ReadPolicyText(ReadTextFile(file), edited, diagnostics))
+    if (!ReadAnyPolicy(ReadTextFile(session, file), edited, diagnostics))
         return static_cast<void>(TellDiagnostics(session, file, diagnostics)), false;
     wanted = edited;
     if (!ruleSetIndex)
@@ -85,7 +84,7 @@ Policy PolicyAt(Session& session, const std::string& path)
         return policy;
     }
     std::vector<Diagnostic> diagnostics;
-    if (!ReadPolicyText(ReadTextFile(path), policy, diagnostics))
+    if (!ReadAnyPolicy(ReadTextFile(session, path), policy, diagnostics))
     {
         TellDiagnostics(session, path, diagnostics);
         throw Failure(path + " has errors");
@@ -128,7 +127,7 @@ int Edit(Session& session, std::optional<uint16_t> ruleSetIndex, const EditOptio
     else
     {
         session.OpenToChange();
-        const Policy now = session.Read();
+        Policy now = session.Read();
         if (!Compare(store, now, MergeMode::Replace).IsEmpty())
             throw Failure("somebody else has changed the store meanwhile; the text lies in " + file);
         code = ApplyPolicy(session, now, wanted, MergeMode::Replace);
@@ -155,7 +154,7 @@ int Diff(Session& session, const std::vector<std::string>& paths)
         to.Active.reset();
     to.HasRuleSets = to.HasRuleSets && from.HasRuleSets;
     const PolicyDiff diff = Compare(from, to, MergeMode::Replace);
-    session.Terminal().Out(session.Options().Json ? DiffAsJson(diff).dump(2) + "\n"
+    session.Terminal().Out(session.Options().Json ? DiffAsJson(diff, true).dump(2) + "\n"
                            : diff.IsEmpty()       ? "no difference\n"
                                                   : DiffText(diff));
     return diff.IsEmpty() ? ExitDone : ExitDifferent;

@@ -1,6 +1,7 @@
 // Commands that only look: list, show, macros, find, active.
 #include <algorithm>
 #include <cstring>
+#include <map>
 
 #include <nlohmann/json.hpp>
 
@@ -65,16 +66,36 @@ Json RuleWithLine(const PFW_RULE& rule, const std::string& line)
     return json;
 }
 
-void PrintRuleSet(Session& session, const Policy& policy, const RuleSetRecord& ruleSet)
+std::string RuleText(const Console& console, const PFW_RULE& rule)
 {
-    Console& console = session.Terminal();
-    console.Out(console.Paint(Style::Strong,
-                              "Rule set " + std::to_string(ruleSet.Index) + "  " + Printable(ToUtf8(ruleSet.Name))) +
-                "  (" + Count(ruleSet.Rules.size(), "rule") +
-                (IsActive(policy, ruleSet.Index) ? ", active)" : ", not active)") + "\n");
+    const std::string index = std::to_string(rule.wRuleIndex);
+    std::string text =
+        std::string(index.size() < 7 ? 7 - index.size() : 0, ' ') + index + "  " +
+        console.Paint(rule.dwActive != 0 ? Style::Plain : Style::Dim, Printable(RuleToText(rule, true))) + "\n";
+    std::string more;
+    for (const std::string& part : {Description(rule), Application(rule)})
+    {
+        if (!part.empty())
+            more += (more.empty() ? "" : "  |  ") + Printable(part);
+    }
+    if (!more.empty())
+        text += "         " + console.Paint(Style::Dim, more) + "\n";
+    return text;
+}
+
+std::string RuleSetTitle(const Console& console, const RuleSetRecord& ruleSet)
+{
+    return console.Paint(Style::Strong,
+                         "Rule set " + std::to_string(ruleSet.Index) + "  " + Printable(ToUtf8(ruleSet.Name)));
+}
+
+std::string RuleSetText(const Console& console, const Policy& policy, const RuleSetRecord& ruleSet)
+{
+    std::string text = RuleSetTitle(console, ruleSet) + "  (" + Count(ruleSet.Rules.size(), "rule") +
+                       (IsActive(policy, ruleSet.Index) ? ", active)" : ", not active)") + "\n";
     for (const PFW_RULE& rule : ruleSet.Rules)
-        PrintRule(session, rule);
-    console.Out("\n");
+        text += RuleText(console, rule);
+    return text + "\n";
 }
 
 Json RuleSetWithLines(const Policy& policy, const RuleSetRecord& ruleSet)
@@ -88,87 +109,87 @@ Json RuleSetWithLines(const Policy& policy, const RuleSetRecord& ruleSet)
     return json;
 }
 
-void PrintMacro(Session& session, const MacroRecord& macro)
+std::string MacroText(const Console& console, const MacroRecord& macro)
 {
-    Console& console = session.Terminal();
-    console.Out("  " + Printable(MacroLine(macro)) + "\n");
+    const std::string text = "  " + Printable(MacroLine(macro)) + "\n";
     std::string hidden;
     for (const MACRO_ITEM& item : macro.Items)
     {
         if (item.dwItemType == KXRULE_ITEM_ADDR && IsHidden(item.Addr))
             hidden += (hidden.empty() ? "" : " ") + AddressText(item.Addr);
     }
-    if (!hidden.empty())
-        console.Out("    " + console.Paint(Style::Dim, hidden) + "\n");
+    return hidden.empty() ? text : text + "    " + console.Paint(Style::Dim, hidden) + "\n";
 }
 
-void PrintMacros(Session& session, const Policy& policy)
+/// Cuts a rule set down to what a filter lets through. False when nothing of it is left.
+bool Passes(const Filter& filter, const Policy& policy, RuleSetRecord& ruleSet)
 {
-    Console& console = session.Terminal();
-    if (policy.Macros->empty())
-        return;
-    console.Out(console.Paint(Style::Strong, "Macros") + "\n");
-    for (const MacroRecord& macro : *policy.Macros)
-        PrintMacro(session, macro);
-}
-
-/// Without what a filter does not let through; rule sets that are left without rules go with them.
-Policy Filtered(Policy policy, const Filter& filter)
-{
-    const bool ofRules = filter.Off || !filter.Action.empty() || !filter.Application.empty();
     const KxCommon::WideString application = FromUtf8(filter.Application);
-    std::erase_if(policy.RuleSets,
-                  [&](RuleSetRecord& ruleSet)
+    std::erase_if(ruleSet.Rules,
+                  [&](const PFW_RULE& rule)
                   {
-                      std::erase_if(ruleSet.Rules,
-                                    [&](const PFW_RULE& rule)
-                                    {
-                                        return (filter.Off && rule.dwActive != 0) ||
-                                               (!filter.Action.empty() && filter.Action != ActionText(rule)) ||
-                                               (!application.empty() &&
-                                                !Contains(FromUtf8(Application(rule)), application));
-                                    });
-                      return (ofRules && ruleSet.Rules.empty()) || (filter.Active && !IsActive(policy, ruleSet.Index));
+                      return (filter.Off && rule.dwActive != 0) ||
+                             (!filter.Action.empty() && filter.Action != ActionText(rule)) ||
+                             (!application.empty() && !Contains(FromUtf8(Application(rule)), application));
                   });
-    if (ofRules)
-        policy.Macros.emplace();
-    return policy;
+    return !(filter.IsOfRules() && ruleSet.Rules.empty()) && !(filter.Active && !IsActive(policy, ruleSet.Index));
 }
 
-int ShowRule(Session& session, const RuleSetRecord& ruleSet, uint16_t ruleIndex)
+std::string RuleAlone(const RuleSetRecord& ruleSet, uint16_t ruleIndex, bool isJson)
 {
     for (const PFW_RULE& rule : ruleSet.Rules)
     {
         if (rule.wRuleIndex != ruleIndex)
             continue;
         const std::string line = RuleLine(rule);
-        if (session.Options().Json)
-            session.Terminal().Out(RuleWithLine(rule, line).dump(2) + "\n");
-        else
-            session.Terminal().Out(Printable(RuleToText(rule, true)) + "\n" + RuleToJson(rule));
-        return ExitDone;
+        return isJson ? RuleWithLine(rule, line).dump(2) + "\n"
+                      : Printable(RuleToText(rule, true)) + "\n" + RuleToJson(rule);
     }
-    throw Failure("rule set " + std::to_string(ruleSet.Index) + " has no rule " + std::to_string(ruleIndex));
+    return {};
+}
+
+/// Text that is indented once more, as an element of a list.
+std::string Indented(const std::string& text)
+{
+    std::string indented = "    ";
+    for (const char c : text)
+        indented += c == '\n' ? std::string("\n    ") : std::string(1, c);
+    return indented;
+}
+
+/// Everything, of which each rule set has its text.
+std::string StoreText(const Console& console, const Policy& policy, std::map<uint16_t, std::string>& texts)
+{
+    std::string text;
+    for (const RuleSetRecord& ruleSet : policy.RuleSets)
+        text += texts[ruleSet.Index];
+    if (!policy.Macros->empty())
+        text += console.Paint(Style::Strong, "Macros") + "\n";
+    for (const MacroRecord& macro : *policy.Macros)
+        text += MacroText(console, macro);
+    return policy.RuleSets.empty() && policy.Macros->empty() ? "no rule sets, no macros\n" : text;
+}
+
+std::string StoreJson(const Policy& policy, std::map<uint16_t, std::string>& texts)
+{
+    std::string text = "{\n  \"ruleSets\": [";
+    for (const RuleSetRecord& ruleSet : policy.RuleSets)
+        text += (&ruleSet == policy.RuleSets.data() ? "\n" : ",\n") + Indented(texts[ruleSet.Index]);
+    Json macros = Json::array();
+    for (const MacroRecord& macro : *policy.Macros)
+        macros.push_back({{"name", NarrowToUtf8(macro.Name)}, {"line", MacroLine(macro)}});
+    const std::string end = Json({{"macros", macros}}).dump(2);
+    return text + (policy.RuleSets.empty() ? "]" : "\n  ]") + "," + end.substr(1) + "\n";
 }
 
 } // namespace
 
 void PrintRule(Session& session, const PFW_RULE& rule)
 {
-    Console& console = session.Terminal();
-    const std::string index = std::to_string(rule.wRuleIndex);
-    console.Out(std::string(index.size() < 7 ? 7 - index.size() : 0, ' ') + index + "  " +
-                console.Paint(rule.dwActive != 0 ? Style::Plain : Style::Dim, Printable(RuleToText(rule, true))) +
-                "\n");
-    std::string more;
-    for (const std::string& part : {Description(rule), Application(rule)})
-    {
-        if (!part.empty())
-            more += (more.empty() ? "" : "  |  ") + Printable(part);
-    }
-    if (!more.empty())
-        console.Out("         " + console.Paint(Style::Dim, more) + "\n");
+    session.Terminal().Out(RuleText(session.Terminal(), rule));
 }
+
+void LeaveOut(const Policy&, const RuleSetRecord&) {}
 
 RuleSetRecord& FindRuleSet(Policy& policy, uint16_t index)
 {
@@ -187,8 +208,15 @@ const RuleSetRecord& FindRuleSet(const Policy& policy, uint16_t index)
 
 int List(Session& session, const Filter& filter)
 {
-    session.OpenToLook();
-    const Policy policy = Filtered(session.Read(), filter);
+    std::map<uint16_t, size_t> rules;
+    const auto take = [&](const Policy& soFar, RuleSetRecord ruleSet)
+    {
+        rules.erase(ruleSet.Index);
+        if (Passes(filter, soFar, ruleSet))
+            rules[ruleSet.Index] = ruleSet.Rules.size();
+    };
+    Policy policy = session.Look(take);
+    std::erase_if(policy.RuleSets, [&rules](const RuleSetRecord& ruleSet) { return rules.count(ruleSet.Index) == 0; });
     Console& console = session.Terminal();
     if (session.Options().Json)
     {
@@ -196,14 +224,14 @@ int List(Session& session, const Filter& filter)
         for (const RuleSetRecord& ruleSet : policy.RuleSets)
             json.push_back({{"index", ruleSet.Index},
                             {"name", ToUtf8(ruleSet.Name)},
-                            {"rules", ruleSet.Rules.size()},
+                            {"rules", rules[ruleSet.Index]},
                             {"active", IsActive(policy, ruleSet.Index)}});
         console.Out(json.dump(2) + "\n");
         return ExitDone;
     }
     std::vector<std::vector<std::string>> rows = {{"index", "rules", "active", "name"}};
     for (const RuleSetRecord& ruleSet : policy.RuleSets)
-        rows.push_back({std::to_string(ruleSet.Index), std::to_string(ruleSet.Rules.size()),
+        rows.push_back({std::to_string(ruleSet.Index), std::to_string(rules[ruleSet.Index]),
                         IsActive(policy, ruleSet.Index) ? "yes" : "no", Printable(ToUtf8(ruleSet.Name))});
     const std::vector<std::string> lines = Aligned(rows, {0, 1});
     for (size_t i = 0; i < lines.size(); ++i)
@@ -215,47 +243,46 @@ int List(Session& session, const Filter& filter)
 int Show(Session& session, std::optional<uint16_t> ruleSetIndex, std::optional<uint16_t> ruleIndex,
          const Filter& filter)
 {
-    session.OpenToLook();
-    const Policy policy = Filtered(session.Read(), filter);
-    if (ruleIndex)
-        return ShowRule(session, FindRuleSet(policy, *ruleSetIndex), *ruleIndex);
-    if (session.Options().Json)
+    Console& console = session.Terminal();
+    const bool isJson = session.Options().Json;
+    std::map<uint16_t, std::string> texts; // one rule set at a time: as records they are several times as large
+    const auto take = [&](const Policy& soFar, RuleSetRecord ruleSet)
     {
-        Json json;
-        if (ruleSetIndex)
-        {
-            json = RuleSetWithLines(policy, FindRuleSet(policy, *ruleSetIndex));
-        }
-        else
-        {
-            json = {{"ruleSets", Json::array()}, {"macros", Json::array()}};
-            for (const RuleSetRecord& ruleSet : policy.RuleSets)
-                json["ruleSets"].push_back(RuleSetWithLines(policy, ruleSet));
-            for (const MacroRecord& macro : *policy.Macros)
-                json["macros"].push_back({{"name", NarrowToUtf8(macro.Name)}, {"line", MacroLine(macro)}});
-        }
-        session.Terminal().Out(json.dump(2) + "\n");
+        texts.erase(ruleSet.Index);
+        if (ruleSetIndex ? ruleSet.Index != *ruleSetIndex : !Passes(filter, soFar, ruleSet))
+            return;
+        if (ruleSetIndex && !ruleIndex)
+            static_cast<void>(Passes(filter, soFar, ruleSet)); // asked for by name: shown without rules, too
+        texts[ruleSet.Index] = ruleIndex ? RuleAlone(ruleSet, *ruleIndex, isJson)
+                               : isJson  ? RuleSetWithLines(soFar, ruleSet).dump(2)
+                                         : RuleSetText(console, soFar, ruleSet);
+    };
+    Policy policy = session.Look(take);
+    if (!ruleSetIndex)
+    {
+        std::erase_if(policy.RuleSets,
+                      [&texts](const RuleSetRecord& ruleSet) { return texts.count(ruleSet.Index) == 0; });
+        if (filter.IsOfRules())
+            policy.Macros.emplace();
+        console.Out(isJson ? StoreJson(policy, texts) : StoreText(console, policy, texts));
         return ExitDone;
     }
-    if (ruleSetIndex)
-    {
-        PrintRuleSet(session, policy, FindRuleSet(policy, *ruleSetIndex));
-        return ExitDone;
-    }
-    for (const RuleSetRecord& ruleSet : policy.RuleSets)
-        PrintRuleSet(session, policy, ruleSet);
-    PrintMacros(session, policy);
+    const std::string& text = texts[FindRuleSet(policy, *ruleSetIndex).Index];
+    if (text.empty())
+        throw Failure("rule set " + std::to_string(*ruleSetIndex) + " has no rule " + std::to_string(*ruleIndex));
+    console.Out(text + (isJson && !ruleIndex ? "\n" : ""));
     return ExitDone;
 }
 
 int Macros(Session& session)
 {
-    session.OpenToLook();
-    const Policy policy = session.Read();
+    const Policy policy = session.Look(LeaveOut);
     if (!session.Options().Json)
     {
         for (const MacroRecord& macro : *policy.Macros)
-            PrintMacro(session, macro);
+            session.Terminal().Out(MacroText(session.Terminal(), macro));
+        if (policy.Macros->empty())
+            session.Terminal().Out("no macros\n");
         return ExitDone;
     }
     Json json = MacrosAsJson(*policy.Macros);
@@ -265,50 +292,79 @@ int Macros(Session& session)
     return ExitDone;
 }
 
+namespace
+{
+
+/// What was found, as text or as JSON.
+struct Found
+{
+    size_t Hits = 0;
+    std::string Text;
+    Json List = Json::array();
+};
+
+void Add(Found& found, const Console& console, const Hit& hit, bool isFirstOfSet)
+{
+    ++found.Hits;
+    Json& entry = found.List.emplace_back();
+    if (hit.Macro != nullptr)
+        entry["macro"] = NarrowToUtf8(hit.Macro->Name);
+    if (hit.RuleSet != nullptr)
+        entry["ruleSet"] = hit.RuleSet->Index;
+    if (hit.Rule != nullptr)
+        entry["rule"] = uint16_t{hit.Rule->wRuleIndex};
+    entry["where"] = hit.Where;
+    if (hit.RuleSet != nullptr && isFirstOfSet)
+        found.Text += RuleSetTitle(console, *hit.RuleSet) + "\n";
+    if (hit.Rule != nullptr)
+        found.Text += RuleText(console, *hit.Rule);
+    if (hit.Macro != nullptr)
+        found.Text += MacroText(console, *hit.Macro);
+}
+
+} // namespace
+
 int FindCommand(Session& session, const std::string& query, bool withAny)
 {
-    session.OpenToLook();
-    const Policy policy = session.Read();
-    const std::vector<Hit> hits = Find(policy, query, withAny);
+    if (const std::string mistake = QueryMistake(query); !mistake.empty())
+        throw Failure("\"" + query + "\" is not what can be found: " + mistake, ExitUsage);
     Console& console = session.Terminal();
-    if (session.Options().Json)
+    std::map<uint16_t, Found> found; // by rule set; macros under 0
+    const auto look = [&](const Policy& soFar, RuleSetRecord ruleSet)
     {
-        Json json = Json::array();
-        for (const Hit& hit : hits)
+        Policy one;
+        one.Macros = soFar.Macros; // rules that name one of them are found with it
+        const uint16_t index = ruleSet.Index;
+        if (index != 0)
+            one.RuleSets.push_back(std::move(ruleSet));
+        Found& here = found[index] = {};
+        for (const Hit& hit : Find(one, query, withAny))
         {
-            Json& entry = json.emplace_back();
-            if (hit.Macro != nullptr)
-                entry["macro"] = NarrowToUtf8(hit.Macro->Name);
-            if (hit.RuleSet != nullptr)
-                entry["ruleSet"] = hit.RuleSet->Index;
-            if (hit.Rule != nullptr)
-                entry["rule"] = uint16_t{hit.Rule->wRuleIndex};
-            entry["where"] = hit.Where;
+            if ((hit.Macro != nullptr) == (index == 0))
+                Add(here, console, hit, here.Hits == 0);
         }
-        console.Out(json.dump(2) + "\n");
-        return ExitDone;
-    }
-    const RuleSetRecord* shown = nullptr;
-    for (const Hit& hit : hits)
+    };
+    const Policy policy = session.Look(look);
+    look(policy, {});
+    Found all;
+    const auto append = [&](Found& part)
     {
-        if (hit.RuleSet != nullptr && hit.RuleSet != shown)
-            console.Out(console.Paint(Style::Strong, "Rule set " + std::to_string(hit.RuleSet->Index) + "  " +
-                                                         Printable(ToUtf8(hit.RuleSet->Name))) +
-                        "\n");
-        shown = hit.RuleSet;
-        if (hit.RuleSet != nullptr && hit.Rule != nullptr)
-            PrintRule(session, *hit.Rule);
-        if (hit.Macro != nullptr)
-            PrintMacro(session, *hit.Macro);
-    }
-    console.Out(hits.empty() ? "no match\n" : Count(hits.size(), "hit") + "\n");
+        all.Hits += part.Hits;
+        all.Text += part.Text;
+        all.List.insert(all.List.end(), part.List.begin(), part.List.end());
+    };
+    for (const RuleSetRecord& ruleSet : policy.RuleSets)
+        append(found[ruleSet.Index]);
+    append(found[0]);
+    console.Out(session.Options().Json ? all.List.dump(2) + "\n"
+                : all.Hits == 0        ? "no match\n"
+                                       : all.Text + Count(all.Hits, "hit") + "\n");
     return ExitDone;
 }
 
 int Active(Session& session)
 {
-    session.OpenToLook();
-    const Policy policy = session.Read();
+    const Policy policy = session.Look(LeaveOut);
     if (session.Options().Json)
     {
         session.Terminal().Out(Json(*policy.Active).dump() + "\n");

@@ -40,7 +40,15 @@ stored in the machine's active code page; a character that is not in it is refus
 `import` checks the whole file before it touches anything, and reports everything that is wrong with line and column; where
 the file stops being JSON, that place alone. It changes only what differs: the second import of the same file writes
 nothing. Without `--replace` nothing is removed that the file does not name. Rule sets, active list and macros stay as they
-are when the file does not mention them; an empty `"ruleSets"` removes every rule set only with `--allow-empty`.
+are when the file does not mention them; an empty `"ruleSets"` removes every rule set only with `--allow-empty`. Files are
+read in UTF-8, or in UTF-16 with a byte order mark; reading stops at what a store cannot hold, after a thousand mistakes and
+at `--max-size`.
+
+Some policies are possible, but hardly meant: a rule that names a macro which is not there, two macros of one name, ports of
+the protocol icmp, IPv4 and IPv6 addresses in one rule, numbers of actions or protocols that are not known, a program without
+a path, address bits under a mask. `kxrule lint FILE` tells them, `kxrule lint` those of the store; `import` warns of them, and
+refuses them with `--strict`. An active list with a rule set that does not exist, or twice, is refused by `import` as by
+`activate`.
 
 ## Rules as text
 
@@ -86,7 +94,12 @@ Where several rules decide, each about a part of what was asked for, it names al
 
 Before a command removes or replaces a rule, a rule set or the macros, it copies the store's files to a dated directory
 below `RuleBackup`, and says where. `kxrule backups` lists these directories,
-`kxrule restore` brings one back, and `kxrule undo` the newest; what that replaces is copied as well.
+`kxrule restore` brings one back, and `kxrule undo` the newest; what that replaces is copied as well. With `--keep N` only the
+newest N of them stay.
+
+Every copy has a manifest, `KxRulMan.txt`, with the SHA-256, the size and the name of each file. `restore` refuses a copy that
+is not what was copied, and `backups` says so. `verify --against BACKUP` tells which files of the store differ from it. That
+sees every changed bit; the rule files alone do not show all of them: with a changed bit a rule can be another rule.
 
 A damaged store is not changed: the command ends and says what is wrong. `restore` brings a copy back,
 `import FILE --replace` makes the store what a policy says, and with `--force` any other change goes on with what can be
@@ -95,7 +108,8 @@ machine that imports every hour heals itself.
 
 One `kxrule` at a time changes a directory; another one waits for it as long as `--wait` says. Commands that only look read
 the files themselves and wait for nobody. Ctrl-C ends a command before its first change, with exit code 4; afterwards it is
-held until the change is complete. `tidy` looks into what it would remove, and leaves what nothing else holds.
+held until the change is complete and the command ends as usual, so what lies there is old or new, never a mixture. (A crash
+of the machine can leave new macros beside old rule sets; the same import again repairs that.) `tidy` looks into what it would remove, and leaves what nothing else holds.
 
 ## Many machines
 
@@ -171,8 +185,8 @@ constexpr char kErrors[] =
 `"exitCode"`; `"result"` and `"name"` are the library's code, where it was the library that failed. Everything that
 is wrong in a policy is an element of `"diagnostics"`, with `"file"`, `"line"`, `"column"`, `"where"` and `"text"`. Before
 it there may be an object with `"waiting"`, while somebody else changes the store, and one with `"warning"` about a damaged
-store: what was wrong in `"files"`, and where they lie now in `"copies"`. Where a command copied the store's files, its own
-output says so in `"copies"`, too.
+store: what was wrong in `"files"`, and where they lie now in `"copies"`; or about a policy, with its `"findings"`. Where a command copied the store's files, its own
+output says so in `"copies"`, too. [kxrule.schema.json](kxrule.schema.json) is the JSON Schema of what each command prints.
 
 )";
 

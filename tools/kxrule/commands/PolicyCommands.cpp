@@ -9,7 +9,7 @@
 #include <nlohmann/json.hpp>
 
 #include "policy/LibraryStore.h"
-#include "policy/PolicyText.h"
+#include "policy/Lint.h"
 #include "policy/RulesText.h"
 #include "policy/Utf8.h"
 #include "policy/Words.h"
@@ -27,13 +27,39 @@ struct CloseFile
     void operator()(std::FILE* file) const noexcept { std::fclose(file); }
 };
 
-std::string ReadStream(std::FILE* file)
+std::string ReadStream(std::FILE* file, size_t most, const std::string& name)
 {
     std::string text;
+    // Of a file the size is known; a text that grows is for a moment there twice.
+    if (const __int64 size = ::_filelengthi64(::_fileno(file)); size > 0)
+        text.reserve(std::min(static_cast<size_t>(size), most) + 1);
     char piece[1 << 16];
     for (size_t got = 0; (got = std::fread(piece, 1, sizeof piece, file)) > 0;)
+    {
         text.append(piece, got);
+        if (text.size() > most)
+            throw Failure(name + " is larger than " + std::to_string(most >> 20) + " MB; --max-size reads larger ones");
+    }
     return text;
+}
+
+/// What a shell writes here is often UTF-16, with a byte order mark in front.
+std::string AsUtf8(std::string text)
+{
+    const bool isLittle = text.starts_with("\xFF\xFE");
+    if ((!isLittle && !text.starts_with("\xFE\xFF")) || text.size() % 2 != 0 ||
+        text.substr(2, 2) == std::string_view("\0\0", 2))
+        return text;
+    std::wstring wide;
+    wide.reserve(text.size() / 2);
+    for (size_t i = 2; i < text.size(); i += 2)
+    {
+        const auto byte = [&](size_t at) { return static_cast<unsigned char>(text[at]); };
+        wide += static_cast<wchar_t>(isLittle ? byte(i) | byte(i + 1) << 8 : byte(i + 1) | byte(i) << 8);
+    }
+    text.clear();
+    text.shrink_to_fit();
+    return ToUtf8(wide);
 }
 
 /// The store's limits, checked before anything is changed.
@@ -51,9 +77,9 @@ const char* ChangeWord(bool before, bool after) noexcept
 
 } // namespace
 
-Json DiffAsJson(const PolicyDiff& diff)
+Json DiffAsJson(const PolicyDiff& diff, bool isCheck)
 {
-    Json json = {{"changed", !diff.IsEmpty()}, {"ruleSets", Json::array()}};
+    Json json = {{"changed", !diff.IsEmpty()}, {"check", isCheck}, {"ruleSets", Json::array()}};
     for (const RuleSetChange& change : diff.RuleSets)
     {
         Json& set = json["ruleSets"].emplace_back();
@@ -65,7 +91,7 @@ Json DiffAsJson(const PolicyDiff& diff)
         {
             Json& entry = set["rules"].emplace_back();
             entry["index"] = rule.Index;
-            entry["change"] = ChangeWord(rule.Before.has_value(), rule.After.has_value());
+            entry["change"] = ChangeWord(rule.Before != nullptr, rule.After != nullptr);
             if (rule.Before)
                 entry["before"] = RuleAsJson(*rule.Before);
             if (rule.After)
@@ -86,42 +112,106 @@ namespace
 class SessionStore final : public LibraryStore
 {
 public:
-    explicit SessionStore(Session& session) noexcept : LibraryStore(session.Library()), m_Session(session) {}
-    void Write() override { m_Session.Write(); }
+    explicit SessionStore(Session& session) : LibraryStore(session.Library()), m_Session(session) {}
+    void Write() override
+    {
+        m_Writing.Show(0, 0);
+        m_Session.Write();
+    }
     void KeepCopy() override { m_Session.KeepCopy(); }
 
 private:
     void BeginChange() override { m_Session.BeginChange(); }
 
     Session& m_Session;
+    Progress m_Writing{m_Session.Terminal(), "writing the store"};
 };
 
-/// False when something is wrong with the file, which has then been printed.
+/// Refuses an active list that nobody may set, and with --strict what lint would tell; else warns of it.
+void RefuseOrWarn(Session& session, const Policy& store, const Policy& policy, const ImportOptions& options)
+{
+    Policy beside; // what the file may name though it does not have it
+    if (!policy.Macros || !options.Replace)
+        beside.Macros = store.Macros;
+    std::vector<uint16_t> indexes;
+    for (const RuleSetRecord& ruleSet : policy.RuleSets)
+        indexes.push_back(ruleSet.Index);
+    for (const RuleSetRecord& ruleSet : store.RuleSets)
+    {
+        if (!options.Replace || !policy.HasRuleSets)
+        {
+            indexes.push_back(ruleSet.Index);
+            beside.RuleSets.push_back({ruleSet.Index, {}, {}});
+        }
+    }
+    const std::string mistake = policy.Active ? ActiveListMistake(*policy.Active, indexes) : "";
+    if (!mistake.empty())
+        throw Failure(options.File + ": " + mistake);
+    const std::vector<LintFinding> findings = Lint(policy, &beside);
+    if (findings.empty())
+        return;
+    std::string lines;
+    for (const LintFinding& finding : findings)
+        lines += "\n  " + finding.Where() + " " + Printable(finding.Text);
+    if (options.Strict)
+        throw Failure(options.File + " has what --strict refuses" + lines);
+    const std::string text = options.File + " has what is hardly meant";
+    session.Terminal().Error(session.Options().Json
+                                 ? JsonLine(Json({{"warning", text}, {"findings", FindingsAsJson(findings)}})) + "\n"
+                                 : "kxrule: " + text + lines + "\n");
+}
+
+} // namespace
+
 bool ReadPolicyFile(Session& session, const std::string& file, Policy& policy)
 {
     std::vector<Diagnostic> diagnostics;
-    if (ReadPolicyText(ReadTextFile(file), policy, diagnostics))
+    Progress progress(session.Terminal(), "reading " + file);
+    progress.Show(0, 0);
+    if (ReadAnyPolicy(ReadTextFile(session, file), policy, diagnostics))
         return true;
     TellDiagnostics(session, file, diagnostics);
     return false;
 }
 
-} // namespace
-
-std::string ReadTextFile(const std::string& path)
+Json FindingsAsJson(const std::vector<LintFinding>& findings)
 {
+    Json json = Json::array();
+    for (const LintFinding& finding : findings)
+    {
+        Json& entry = json.emplace_back(Json({{"where", finding.Where()}, {"code", finding.Code}}));
+        if (finding.RuleSetIndex != 0)
+            entry["ruleSet"] = finding.RuleSetIndex;
+        if (finding.RuleIndex)
+            entry["rule"] = *finding.RuleIndex;
+        if (finding.Macro)
+            entry["macro"] = NarrowToUtf8(*finding.Macro);
+        entry["text"] = finding.Text;
+    }
+    return json;
+}
+
+std::string ReadTextFile(const Session& session, const std::string& path)
+{
+    const size_t most = size_t{session.Options().MaxSize} << 20;
     if (path == "-")
     {
         ::_setmode(::_fileno(stdin), _O_BINARY);
-        return ReadStream(stdin);
+        return AsUtf8(ReadStream(stdin, most, "standard input"));
     }
-    const std::unique_ptr<std::FILE, CloseFile> file(::_wfopen(AbsolutePath(path).c_str(), L"rb"));
+    if (path.empty())
+        throw Failure("the name of the file is empty");
+    const std::wstring full = AbsolutePath(path);
+    const DWORD attributes = ::GetFileAttributesW(full.c_str());
+    if (attributes != INVALID_FILE_ATTRIBUTES && (attributes & FILE_ATTRIBUTE_DIRECTORY) != 0)
+        throw Failure(path + " is a directory, not a file");
+    const std::unique_ptr<std::FILE, CloseFile> file(::_wfopen(full.c_str(), L"rb"));
     if (!file)
         throw Failure(path + " cannot be opened: " + SystemText(::GetLastError()));
-    std::string text = ReadStream(file.get());
+    std::string text = ReadStream(file.get(), most, path);
     if (std::ferror(file.get()) != 0)
         throw Failure(path + " cannot be read");
-    return text;
+    return AsUtf8(std::move(text));
 }
 
 int TellDiagnostics(Session& session, const std::string& path, const std::vector<Diagnostic>& diagnostics)
@@ -204,7 +294,7 @@ bool IsRemoving(const PolicyDiff& diff)
                            return change.NameBefore &&
                                   (change.NameBefore != change.NameAfter ||
                                    std::any_of(change.Rules.begin(), change.Rules.end(),
-                                               [](const RuleChange& rule) { return rule.Before.has_value(); }));
+                                               [](const RuleChange& rule) { return rule.Before != nullptr; }));
                        });
 }
 
@@ -215,6 +305,12 @@ void RefuseEmptying(const Policy& store, const PolicyDiff& diff, const ImportOpt
 }
 
 } // namespace
+
+void TellWritten(Session& session, const std::string& file)
+{
+    if (session.Options().Json && !file.empty() && file != "-")
+        session.Terminal().Out(JsonLine(Json({{"written", ToUtf8(AbsolutePath(file))}})) + "\n");
+}
 
 void WriteTextFile(Session& session, const std::string& path, std::string_view text)
 {
@@ -233,12 +329,17 @@ void WriteTextFile(Session& session, const std::string& path, std::string_view t
     PutFile(file, path, text);
 }
 
-int ApplyPolicy(Session& session, const Policy& store, const Policy& wanted, MergeMode mode)
+int ApplyPolicy(Session& session, Policy& store, const Policy& wanted, MergeMode mode)
 {
     const PolicyDiff diff = Compare(store, wanted, mode);
     CheckLimits(store, diff);
     if (IsRemoving(diff))
         session.KeepCopy();
+    if (!session.Options().Json) // then nobody asks what a rule was before, and the library needs the memory
+    {
+        for (RuleSetRecord& ruleSet : store.RuleSets)
+            std::vector<PFW_RULE>().swap(ruleSet.Rules);
+    }
     if (!diff.IsEmpty())
     {
         SessionStore target(session);
@@ -248,7 +349,7 @@ int ApplyPolicy(Session& session, const Policy& store, const Policy& wanted, Mer
     const std::string copies = ToUtf8(session.Copies().wstring());
     if (session.Options().Json)
     {
-        Json json = DiffAsJson(diff);
+        Json json = DiffAsJson(diff, false);
         if (!copies.empty())
             json["copies"] = copies;
         session.Terminal().Out(json.dump(2) + "\n");
@@ -268,8 +369,9 @@ int Import(Session& session, const ImportOptions& options)
     if (!options.Check)
     {
         session.OpenToChange(options.Replace ? Session::OnDamage::Mend : Session::OnDamage::Refuse);
-        const Policy store = session.Read();
+        Policy store = session.Read();
         RefuseEmptying(store, Compare(store, policy, mode), options);
+        RefuseOrWarn(session, store, policy, options);
         return ApplyPolicy(session, store, policy, mode);
     }
     Policy store; // a directory that is still to be made holds nothing
@@ -284,9 +386,10 @@ int Import(Session& session, const ImportOptions& options)
     const PolicyDiff diff = Compare(store, policy, mode);
     CheckLimits(store, diff);
     RefuseEmptying(store, diff, options);
+    RefuseOrWarn(session, store, policy, options);
     if (report.IsDamaged())
         session.Warn("the store is damaged; the import would copy its files and bring back what they lack", report);
-    session.Terminal().Out(session.Options().Json ? DiffAsJson(diff).dump(2) + "\n"
+    session.Terminal().Out(session.Options().Json ? DiffAsJson(diff, true).dump(2) + "\n"
                            : diff.IsEmpty()       ? "nothing would change\n"
                                                   : DiffText(diff));
     return diff.IsEmpty() && !report.IsDamaged() ? ExitDone : ExitDifferent;
@@ -300,7 +403,7 @@ int ImportMacros(Session& session, const ImportOptions& options)
     if (!policy.Macros)
         throw Failure(options.File + " contains no macros");
     session.OpenToChange();
-    const Policy store = session.Read();
+    Policy store = session.Read();
     Policy wanted;
     wanted.Macros = options.Replace ? policy.Macros : Compare(store, policy, MergeMode::Merge).Macros;
     return ApplyPolicy(session, store, wanted, MergeMode::Merge);
@@ -318,6 +421,7 @@ int Export(Session& session, const std::vector<uint16_t>& ruleSetIndexes, const 
         policy = std::move(some);
     }
     WriteTextFile(session, file, asText ? PolicyToText(policy) : PolicyToJson(policy));
+    TellWritten(session, file);
     return ExitDone;
 }
 

@@ -26,6 +26,7 @@ int Report(Session& session, const std::string& file)
     const Policy store = session.Read();
     const ReportInput input{store, ToUtf8(session.Directory()), Now(), MacroLine};
     WriteTextFile(session, file, ReportPage(input));
+    TellWritten(session, file);
     return ExitDone;
 }
 

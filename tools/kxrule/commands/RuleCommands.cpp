@@ -29,7 +29,7 @@ Rules::iterator FindRule(RuleSetRecord& ruleSet, uint16_t index)
 int Change(Session& session, const std::function<void(Policy& wanted)>& change)
 {
     session.OpenToChange();
-    const Policy store = session.Read();
+    Policy store = session.Read();
     Policy wanted = store;
     change(wanted);
     return ApplyPolicy(session, store, wanted, MergeMode::Replace);

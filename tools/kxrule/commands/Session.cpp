@@ -11,6 +11,8 @@
 
 #include "common/srclib/KxComn_Names.h"
 #include "common/srclib/KxComn_Record.h"
+#include "persistence/Copies.h"
+#include "persistence/Files.h"
 #include "policy/Apply.h"
 #include "policy/JsonText.h"
 #include "policy/LibraryStore.h"
@@ -60,6 +62,20 @@ std::string UserNames()
 
 } // namespace
 
+std::wstring IdentityOf(const std::wstring& directory)
+{
+    const KxCommon::UniqueFile handle(::CreateFileW(directory.c_str(), 0,
+                                                    FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, nullptr,
+                                                    OPEN_EXISTING, FILE_FLAG_BACKUP_SEMANTICS, nullptr));
+    BY_HANDLE_FILE_INFORMATION info{};
+    if (!handle || ::GetFileInformationByHandle(handle.get(), &info) == FALSE)
+        return {};
+    wchar_t name[64];
+    ::swprintf(name, std::size(name), L"%08lx-%08lx%08lx", info.dwVolumeSerialNumber, info.nFileIndexHigh,
+               info.nFileIndexLow);
+    return name;
+}
+
 std::wstring AbsolutePath(const std::string& path)
 {
     const std::wstring wide = FromUtf8(path);
@@ -72,7 +88,7 @@ std::wstring AbsolutePath(const std::string& path)
     }
     full.resize(length < full.size() ? length : 0);
     if (full.empty())
-        throw Failure("\"" + path + "\" is no path: " + SystemText(::GetLastError()));
+        throw Failure("\"" + path + "\" is not a path: " + SystemText(::GetLastError()));
     return full;
 }
 
@@ -81,6 +97,8 @@ Session::Session(const GlobalOptions& options, Console& console) : m_Options(opt
     m_Directory = options.Directory.empty() ? RuleLibrary::OwnDirectory() : AbsolutePath(options.Directory);
     if (m_Directory.back() != L'\\')
         m_Directory += L'\\';
+    if (options.Master.find_first_of("\\/:") != std::string::npos)
+        throw Failure("--master takes the name of a file in the rule directory, not a path", ExitUsage);
     m_Deadline = ::GetTickCount64() + uint64_t{1000} * options.Wait;
 }
 
@@ -120,19 +138,14 @@ void Session::Lock()
     if (m_Lock)
         return;
     Store().MakeIfMissing();
-    const KxCommon::UniqueFile directory(::CreateFileW(m_Directory.c_str(), 0,
-                                                       FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, nullptr,
-                                                       OPEN_EXISTING, FILE_FLAG_BACKUP_SEMANTICS, nullptr));
-    BY_HANDLE_FILE_INFORMATION info{};
-    if (!directory || ::GetFileInformationByHandle(directory.get(), &info) == FALSE)
+    const std::wstring identity = IdentityOf(m_Directory);
+    if (identity.empty())
         throw Failure(ToUtf8(m_Directory) + " cannot be opened: " + SystemText(::GetLastError()));
-    wchar_t name[64];
-    ::swprintf(name, std::size(name), L"Global\\kxrule-%08lx-%08lx%08lx", info.dwVolumeSerialNumber,
-               info.nFileIndexHigh, info.nFileIndexLow);
+    const std::wstring name = L"Global\\kxrule-" + identity;
     for (;;)
     {
         // Another account's mutex may not be opened; it is there as long as its owner is.
-        KxCommon::UniqueKernelObject lock(::CreateMutexW(nullptr, FALSE, name));
+        KxCommon::UniqueKernelObject lock(::CreateMutexW(nullptr, FALSE, name.c_str()));
         const DWORD waited = lock ? ::WaitForSingleObject(lock.get(), 0) : WAIT_TIMEOUT;
         if (waited == WAIT_OBJECT_0 || waited == WAIT_ABANDONED)
         {
@@ -144,24 +157,25 @@ void Session::Lock()
     }
 }
 
-void Session::RefuseWhileInUse()
+bool Session::RefuseWhileInUse()
 {
     const std::wstring name = L"Global\\" + std::wstring(KxCommon::Names::kMutexName);
-    while (!m_Options.Force)
+    for (bool hasWaited = false; !m_Options.Force; hasWaited = true)
     {
         const KxCommon::UniqueKernelObject mutex(::OpenMutexW(SYNCHRONIZE, FALSE, name.c_str()));
         if (!mutex && ::GetLastError() != ERROR_ACCESS_DENIED)
-            return;
+            return hasWaited;
         if (!MayWait("another process that has the rule library initialised"))
             throw Failure("another process has the rule library initialised" + UserNames() +
                           " and may write its own state over this change; stop it first, or use --force");
     }
+    return false;
 }
 
 void Session::Claim()
 {
     Lock();
-    RefuseWhileInUse();
+    static_cast<void>(RefuseWhileInUse());
 }
 
 void Session::BeginChange() noexcept
@@ -178,46 +192,104 @@ void Session::Open()
     m_Initialised = true;
     const int32_t result = m_Library->kxRuleRead();
     if (result != KXRULE_OK)
-        throw Failure("reading " + ToUtf8(m_Directory) + ": " + ResultText(result) +
+        throw Failure("reading " + ToUtf8(m_Directory) + ": " + ResultText(result) + Obstacle() +
                           "; \"kxrule verify\" tells which file",
                       ExitFailed, result);
 }
 
-void Session::OpenToLook()
+RuleLibrary& Session::Library()
+{
+    if (!m_Library)
+        Open();
+    return *m_Library;
+}
+
+std::string Session::Obstacle() const
+{
+    const RuleDirectory store = Store();
+    const std::string path = store.Path();
+    std::vector<std::string> names;
+    static_cast<void>(store.FindFiles(names));
+    for (const std::string& name : names)
+    {
+        const DWORD attributes = Files::Attributes((path + name).c_str());
+        if (attributes != INVALID_FILE_ATTRIBUTES && (attributes & FILE_ATTRIBUTE_READONLY) != 0)
+            return "; " + NarrowToUtf8(name) + " is write-protected";
+        if (!Files::Open((path + name).c_str(), GENERIC_WRITE, OPEN_EXISTING,
+                         FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE))
+            return "; " + NarrowToUtf8(name) + ": " + SystemText(::GetLastError());
+    }
+    const std::string temporary = Files::TemporaryName(path, FileFormat::kRuleSetTemporary);
+    if (temporary.empty())
+        return "; a file in it: " + SystemText(::GetLastError());
+    std::string why;
+    {
+        const std::vector<char> block(1 << 16);
+        const KxCommon::UniqueFile file = Files::Open(temporary.c_str(), GENERIC_WRITE, CREATE_ALWAYS);
+        if (!file || !Files::Write(file.get(), block.data(), static_cast<uint32_t>(block.size())))
+            why = "; a file in it: " + SystemText(::GetLastError());
+    }
+    static_cast<void>(Files::Delete(temporary.c_str()));
+    return why;
+}
+
+std::wstring Session::ExistingPath(const std::string& path) const
+{
+    const std::wstring here = AbsolutePath(path);
+    const std::wstring inStore = m_Directory + FromUtf8(path);
+    const bool isThere = ::GetFileAttributesW(here.c_str()) == INVALID_FILE_ATTRIBUTES &&
+                         ::GetFileAttributesW(inStore.c_str()) != INVALID_FILE_ATTRIBUTES;
+    return isThere ? inStore : here;
+}
+
+Policy Session::Look(const TakeRuleSet& take)
 {
     if (!DirectoryExists())
-        throw Failure(ToUtf8(m_Directory) + " is no directory");
+        throw Failure(ToUtf8(m_Directory) + " is not a directory");
     const RuleDirectory store = Store();
-    StoreReport report = CheckStore(store, m_Console, false, &m_Looked.emplace());
+    if (!m_Options.Master.empty() && !store.MayExist(store.MasterFileName()) &&
+        store.MayExist(FileFormat::kMasterFileName))
+        throw Failure(ToUtf8(m_Directory) + " has no master file \"" + m_Options.Master + "\", but " +
+                      FileFormat::kMasterFileName);
+    Policy policy;
+    StoreReport report = CheckStore(store, m_Console, false, &policy, take);
     // A rule set that was deleted after the list was read looks like a missing one; the second look has the new list.
     if (report.IsDamaged())
-        report = CheckStore(store, m_Console, false, &m_Looked.emplace());
+        report = CheckStore(store, m_Console, false, &(policy = {}), take);
     if (report.IsDamaged())
         throw Failure("the store is damaged; \"kxrule verify\" tells what the library would do with it" +
                       report.Problems());
+    return policy;
 }
 
 void Session::OpenToChange(OnDamage onDamage)
 {
     Lock();
     const RuleDirectory store = Store();
-    const StoreReport report = CheckStore(store, m_Console, false);
-    if (report.IsDamaged() && onDamage == OnDamage::Refuse && !m_Options.Force)
-        throw Failure(
-            "the store is damaged, and nothing is changed" + report.Problems() +
-            "\n\"kxrule restore\" brings a copy back, \"kxrule import FILE --replace\" makes the store what a "
-            "policy says, and --force goes on with what can be read");
-    RefuseWhileInUse();
-    if (report.IsDamaged())
+    Policy policy;
+    StoreReport report;
+    do // whoever was waited for has changed it
     {
-        HoldInterrupts();
-        KeepCopy();
-        if (report.IsStopped && !m_Copies.empty()) // the library would read nothing
-            store.Remove(store.MacroFileName());
-        Warn("the store was damaged; its files as they were lie in " + ToUtf8(m_Copies.wstring()), report);
-    }
-    Open();
+        policy = {};
+        report = CheckStore(store, m_Console, false, &policy);
+        if (report.IsDamaged() && onDamage == OnDamage::Refuse && !m_Options.Force)
+            throw Failure(
+                "the store is damaged, and nothing is changed" + report.Problems() +
+                "\n\"kxrule restore\" brings a copy back, \"kxrule import FILE --replace\" makes the store what a "
+                "policy says, and --force goes on with what can be read");
+    } while (RefuseWhileInUse());
     m_MayEnd = true;
+    if (!report.IsDamaged())
+    {
+        m_Looked = std::move(policy);
+        return;
+    }
+    HoldInterrupts();
+    KeepCopy();
+    if (report.IsStopped && !m_Copies.empty()) // the library would read nothing
+        store.Remove(store.MacroFileName());
+    Warn("the store was damaged; its files as they were lie in " + ToUtf8(m_Copies.wstring()), report);
+    Open(); // what it makes of the damage is what is changed
 }
 
 void Session::Warn(const std::string& text, const StoreReport& report)
@@ -240,13 +312,25 @@ void Session::KeepCopy()
 {
     if (!m_Copies.empty())
         return;
+    HoldInterrupts(); // half a copy would look like one
     const RuleDirectory store = Store();
-    m_Copies = CopyToBackup(store, StoreFileNames(store));
+    const std::vector<std::string> names = StoreFileNames(store);
+    std::string backup;
+    std::string failed;
+    if (!names.empty() && !Copies::CopyToBackup(store, names, backup, failed))
+        throw Failure("copying " + NarrowToUtf8(failed) + " below " + ToUtf8(m_Directory) +
+                      FileFormat::kBackupDirectory + ": " + SystemText(::GetLastError()));
+    if (!names.empty())
+        m_Copies = m_Directory + FromUtf8(NarrowToUtf8(backup));
+    if (m_Options.Keep > 0)
+        Copies::RemoveOldest(store, m_Options.Keep);
 }
 
 void Session::Write()
 {
-    Check(m_Library->kxRuleWrite(), "writing " + ToUtf8(m_Directory));
+    const int32_t result = Library().kxRuleWrite();
+    if (result < 0)
+        throw Failure("writing " + ToUtf8(m_Directory) + ": " + ResultText(result) + Obstacle(), ExitFailed, result);
     m_MayEnd = true;
 }
 

@@ -1,11 +1,7 @@
-// A rule directory as kxRuleRead would find it. What the library does about a defect is the table of
-// persistence/Recovery.h.
+// What verify says of the files of a store, and what the library would have in memory.
 #include <algorithm>
-#include <set>
 
-#include "persistence/FileFormat.h"
-#include "persistence/Recovery.h"
-#include "persistence/RuleFileNames.h"
+#include "policy/Lint.h"
 #include "policy/ResultCodes.h"
 #include "policy/RuleJson.h"
 #include "policy/Utf8.h"
@@ -19,270 +15,177 @@ namespace Tool
 namespace
 {
 
-constexpr char kMovedAway[] =
-    "the library would move the master file and all rule set files into a dated directory below "
-    "RuleBackup";
-
-bool IsUnopened(const FileContent& content) noexcept
+std::string Stopped(const Surveyed& seen)
 {
-    return content.Defect == FileDefect::Missing || content.Defect == FileDefect::Busy;
+    return "the library would read no rule set and report " + ResultText(seen.Result);
 }
 
-struct NoCase
+FileReport Good(std::string content)
 {
-    bool operator()(const std::string& a, const std::string& b) const
-    {
-        using namespace KxCommon::String;
-        return CompareNoCase(ToWide(a), ToWide(b)) < 0;
-    }
-};
-
-class Checker
+    return {{}, Finding::Good, std::move(content), {}, {}};
+}
+FileReport Note(std::string content, std::string problem, std::string consequence)
 {
-public:
-    Checker(const RuleDirectory& directory, bool thorough, Policy* policy)
-        : m_Directory(directory), m_Thorough(thorough), m_Policy(policy)
-    {
-    }
+    return {{}, Finding::Note, std::move(content), std::move(problem), std::move(consequence)};
+}
+FileReport Damaged(std::string consequence)
+{
+    return {{}, Finding::Damaged, {}, {}, std::move(consequence)};
+}
 
-    StoreReport Check(Console& console)
-    {
-        Progress progress(console, "checking the files");
-        for (const std::string& name : StoreFileNames(m_Directory))
-        {
-            if (RuleFiles::IsRuleSetFileName(name))
-                m_Unlisted.insert(name);
-        }
-        CheckMaster();
-        CheckMacros();
-        for (size_t i = 0; i < m_Fields.RuleSetFileNames.size(); ++i)
-        {
-            progress.Show(i, m_Fields.RuleSetFileNames.size());
-            CheckRuleSet(m_Fields.RuleSetFileNames[i]);
-        }
-        CheckActive();
-        for (const std::string& name : m_Unlisted)
-            CheckUnlisted(name);
-        CheckTemporaries();
-        return std::move(m_Report);
-    }
-
-private:
-    void Add(const std::string& name, Finding what, std::string content, std::string problem = {},
-             std::string consequence = {})
-    {
-        m_Report.Files.push_back(
-            {NarrowToUtf8(name), what, std::move(content), std::move(problem), std::move(consequence), {}, false});
-    }
-    void NoteOfMaster(std::string problem, std::string consequence)
-    {
-        Add(m_Directory.MasterFileName(), Finding::Note, {}, std::move(problem), std::move(consequence));
-    }
-
-    static std::string Stopped(const Recovery& recovery)
-    {
-        return "the library would read no rule set and report " + ResultText(recovery.Result);
-    }
-
-    void CheckMaster()
-    {
-        const std::string& name = m_Directory.MasterFileName();
-        const FileContent content = ReadStoreFile(m_Directory, name, FileKind::Master);
-        m_Fields = content.Master;
-        if (m_Policy != nullptr)
-            m_Policy->Active = m_Fields.ActiveRuleSets;
-        if (content.Defect == FileDefect::None)
-        {
-            m_Whole.insert(FileKind::Master);
-            return Add(name, Finding::Good,
-                       Count(m_Fields.RuleSetFileNames.size(), "rule set") + ", " +
-                           std::to_string(m_Fields.ActiveRuleSets.size()) + " active");
-        }
-        const Recovery& recovery = RecoveryOf(FileKind::Master, content.Defect);
-        m_OfMaster = recovery.What;
-        if (recovery.What == Remedy::Stop)
-            return Add(name, Finding::Damaged, {}, content.Problem, Stopped(recovery));
-        if (content.Defect == FileDefect::Missing && m_Unlisted.empty())
-        {
-            m_OfMaster = Remedy::GoOn;
-            const bool isThere = m_Directory.MayExist(name);
-            return Add(name, isThere ? Finding::Damaged : Finding::Note, {},
-                       content.Problem + (isThere ? "" : ", and so are rule sets"), "the library would start empty");
-        }
-        Add(name, Finding::Damaged, {}, content.Problem,
-            kMovedAway + std::string(m_Fields.RuleSetFileNames.empty()
-                                         ? " and start empty"
+FileReport OfMaster(const Surveyed& seen)
+{
+    const MasterFields& fields = seen.File.Master;
+    if (seen.IsWhole())
+        return Good(Count(fields.RuleSetFileNames.size(), "rule set") + ", " +
+                    std::to_string(fields.ActiveRuleSets.size()) + " active");
+    if (seen.Then == Remedy::Stop)
+        return Damaged(Stopped(seen));
+    if (seen.Then == Remedy::GoOn)
+        return seen.IsThere ? Damaged("the library would start empty")
+                            : Note({}, ", and so are rule sets", "the library would start empty");
+    return Damaged(
+        std::string("the library would move the master file and all rule set files into a dated directory below "
+                    "RuleBackup") +
+        (fields.RuleSetFileNames.empty() ? " and start empty"
                                          : "; rule sets whose names could be read would become rescue sets"));
-    }
+}
 
-    void CheckMacros()
+FileReport OfMacros(const Surveyed& seen)
+{
+    if (seen.IsWhole())
+        return Good(Count(seen.File.Macros.size(), "macro"));
+    if (seen.Then == Remedy::Stop)
+        return Damaged(Stopped(seen));
+    return seen.IsThere ? Damaged("the library would go on without macros, and copy the file before it writes its own")
+                        : Note({}, {}, "the library would have no macros");
+}
+
+FileReport OfRuleSet(const Surveyed& seen, bool thorough)
+{
+    const RuleSetFormat::Header& set = seen.File.Set;
+    const std::string rules = Count(seen.File.Rules.size(), "rule");
+    const std::string summary = std::to_string(set.Index) + " \"" + ToUtf8(set.Name) + "\", " + rules;
+    const std::string rescue = seen.HasRescue ? "a rescue set would take its place" : "nothing would take its place";
+    if (!seen.IsThere)
+        return Damaged(rescue);
+    if (seen.IsMoved)
     {
-        const std::string& name = m_Directory.MacroFileName();
-        if (!m_Fields.MacroFileName.empty() && m_Fields.MacroFileName != name)
-            NoteOfMaster("it names a macro file that cannot be one", "the library would use " + NarrowToUtf8(name));
-        FileContent content = ReadStoreFile(m_Directory, name, FileKind::Macros);
-        const size_t macros = content.Macros.size();
-        if (m_Policy != nullptr)
-        {
-            for (MacroRecord& macro : content.Macros) // as the library hands them out: cut to their field
-                macro.Name.resize(std::min(macro.Name.size(), sizeof(PFW_MACRO::szName) - 1));
-            m_Policy->Macros = std::move(content.Macros);
-        }
-        if (content.Defect == FileDefect::None)
-        {
-            m_Whole.insert(FileKind::Macros);
-            return Add(name, Finding::Good, Count(macros, "macro"));
-        }
-        const Recovery& recovery = RecoveryOf(FileKind::Macros, content.Defect);
-        m_Report.IsStopped = recovery.What == Remedy::Stop && content.Defect != FileDefect::Busy;
-        if (recovery.What == Remedy::Stop)
-            return Add(name, Finding::Damaged, {}, content.Problem, Stopped(recovery));
-        if (m_Directory.MayExist(name))
-            return Add(name, Finding::Damaged, {}, content.Problem,
-                       "the library would go on without macros, and copy the file before it writes its own");
-        Add(name, Finding::Note, {}, content.Problem, "the library would have no macros");
+        const std::string moved = "it would be moved with the master file, and " + rescue;
+        return seen.IsWhole() ? Note(summary, {}, moved) : Damaged(moved);
     }
+    if (seen.IsUnopened())
+        return Damaged(rescue + "; the file, which may be whole, would be copied to RuleBackup or renamed first");
+    if (!seen.IsWhole())
+        return Damaged("the library would copy it to RuleBackup, and " + rescue + ", keeping " + rules +
+                       " in front of the damage");
+    if (seen.File.Head.Version == FileFormat::kOldVersion)
+        return Note(summary + " read", std::to_string(set.RuleCount) + " rules of version 1",
+                    "the library does not read them");
+    if (seen.IsRepeated)
+        return Note(summary, "another file has the same index", "the later one in the master file counts");
+    // A changed byte in the middle of a record shows in no length and no padding.
+    const auto odd = thorough ? std::count_if(seen.File.Rules.begin(), seen.File.Rules.end(), HasUnexplainedBytes) : 0;
+    if (odd > 0)
+        return Note(summary, Count(static_cast<size_t>(odd), "rule") + " with bytes that no field explains",
+                    "it takes them as they are; \"kxrule dump\" shows them as raw");
+    return Good(summary);
+}
 
-    /// What stands in for a rule set that cannot be read.
-    std::string Rescue(const std::string& name) const
+/// Files that nobody reads: what there is of them only there stays, the rest tidy may remove.
+FileReport OfRest(const Surveyed& seen)
+{
+    const bool isUnlisted = seen.What == Sight::Unlisted;
+    const std::string unread = "the library would not read it";
+    if (isUnlisted && seen.Then != Remedy::GoOn)
+        return Note({}, seen.IsWhole() ? "nothing is wrong with it" : "",
+                    seen.IsMoved ? "it would be moved with the master file" : unread);
+    FileReport report = Note({}, isUnlisted ? "the master file does not list it" : "an unfinished write",
+                             (isUnlisted ? unread : "nothing") + "; \"kxrule tidy\" removes it");
+    if (isUnlisted && !seen.IsWhole())
+        report.Problem += ", and ";
+    report.IsOnlyCopy = seen.IsOnlyCopy;
+    if (!seen.IsOnlyCopy)
     {
-        const uint16_t index = RuleFiles::IndexFromFileName(name);
-        return index == 0 || m_Indexes.contains(index) ? "nothing would take its place"
-                                                       : "a rescue set would take its place";
+        report.Leftover = seen.Name;
+        return report;
     }
+    const FileKind kind = seen.File.Head.Kind;
+    report.Problem +=
+        kind == FileKind::RuleSet
+            ? "; it is the only whole copy of rule set " + std::to_string(seen.File.Set.Index)
+            : std::string("; it is the only whole ") + (kind == FileKind::Master ? "master file" : "macro file");
+    if (kind != FileKind::Master)
+        report.Consequence = "nothing; \"kxrule restore\" brings it back";
+    return report;
+}
 
-    void CheckRuleSet(const std::string& name)
+FileReport Describe(const Surveyed& seen, bool thorough)
+{
+    const std::string name = NarrowToUtf8(seen.Name);
+    switch (seen.What)
     {
-        if (!m_Directory.IsUsableRuleSetFileName(name))
-            return NoteOfMaster("it lists a rule set file whose name cannot be one: \"" + NarrowToUtf8(name) + "\"",
-                                "the library would ignore it");
-        if (!m_Listed.insert(name).second)
-            return NoteOfMaster("it lists " + NarrowToUtf8(name) + " twice", "the library would read it once");
-        m_Unlisted.erase(name);
-        FileContent content = ReadStoreFile(m_Directory, name, FileKind::RuleSet);
-        const std::string summary = std::to_string(content.RuleSet.Index) + " \"" + ToUtf8(content.RuleSet.Name) +
-                                    "\", " + Count(content.RuleSet.Rules.size(), "rule");
-        const bool isGood = content.Defect == FileDefect::None;
-        if (IsUnopened(content) && !m_Directory.MayExist(name))
-            return Add(name, Finding::Damaged, {}, content.Problem, Rescue(name));
-        if (m_OfMaster == Remedy::BackUp) // by the time it is looked for, it has been moved
-            return Add(name, isGood ? Finding::Note : Finding::Damaged, isGood ? summary : "", content.Problem,
-                       "it would be moved with the master file, and " + Rescue(name));
-        if (IsUnopened(content))
-            return Add(name, Finding::Damaged, {}, content.Problem,
-                       Rescue(name) + "; the file, which may be whole, would be copied to RuleBackup or renamed first");
-        if (!isGood)
-            return Add(name, Finding::Damaged, {}, content.Problem,
-                       "the library would copy it to RuleBackup, and " + Rescue(name) + ", keeping " +
-                           Count(content.RuleSet.Rules.size(), "rule") + " in front of the damage");
-        const bool isFirst = m_Indexes.insert(content.RuleSet.Index).second;
-        // A changed byte in the middle of a record shows in no length and no padding.
-        const size_t odd = !m_Thorough
-                               ? 0
-                               : static_cast<size_t>(std::count_if(content.RuleSet.Rules.begin(),
-                                                                   content.RuleSet.Rules.end(), HasUnexplainedBytes));
-        if (m_Policy != nullptr)
-            Take(std::move(content.RuleSet));
-        if (content.Version == FileFormat::kOldVersion)
-            return Add(name, Finding::Note, summary + " read",
-                       std::to_string(content.RuleCount) + " rules of version 1", "the library does not read them");
-        if (!isFirst)
-            return Add(name, Finding::Note, summary, "another file has the same index",
-                       "the later one in the master file counts");
-        if (odd > 0)
-            return Add(name, Finding::Note, summary, Count(odd, "rule") + " with bytes that no field explains",
-                       "it takes them as they are; \"kxrule dump\" shows them as raw");
-        Add(name, Finding::Good, summary);
+    case Sight::Master:
+        return OfMaster(seen);
+    case Sight::Macros:
+        return OfMacros(seen);
+    case Sight::RuleSet:
+        return OfRuleSet(seen, thorough);
+    case Sight::MacroName:
+        return Note({}, "it names a macro file that cannot be one", {});
+    case Sight::BadName:
+        return Note({}, "it lists a rule set file whose name cannot be one: \"" + name + "\"",
+                    "the library would ignore it");
+    case Sight::Twice:
+        return Note({}, "it lists " + name + " twice", "the library would read it once");
+    case Sight::NoSuchSet:
+        return Note({}, "rule set " + std::to_string(seen.Index) + " is active but does not exist", "nothing");
+    default:
+        return OfRest(seen);
     }
+}
 
-    /// As the library takes a set: each rule normalised, the later one of an index, in the order of the indexes.
-    void Take(RuleSetRecord&& ruleSet)
-    {
-        ruleSet.Name.resize(std::min(ruleSet.Name.size(), size_t{KXRULE_RULESET_NAME_UNITS - 1}));
-        std::for_each(ruleSet.Rules.begin(), ruleSet.Rules.end(), Normalise::NormaliseRule);
-        const auto index = [](const PFW_RULE& rule) { return uint16_t{rule.wRuleIndex}; };
-        std::reverse(ruleSet.Rules.begin(), ruleSet.Rules.end());
-        std::stable_sort(ruleSet.Rules.begin(), ruleSet.Rules.end(),
-                         [&](const PFW_RULE& a, const PFW_RULE& b) { return index(a) < index(b); });
-        ruleSet.Rules.erase(std::unique(ruleSet.Rules.begin(), ruleSet.Rules.end(),
-                                        [&](const PFW_RULE& a, const PFW_RULE& b) { return index(a) == index(b); }),
-                            ruleSet.Rules.end());
-        const auto place = std::lower_bound(m_Policy->RuleSets.begin(), m_Policy->RuleSets.end(), ruleSet.Index,
-                                            [](const RuleSetRecord& a, uint16_t b) { return a.Index < b; });
-        if (place != m_Policy->RuleSets.end() && place->Index == ruleSet.Index)
-            *place = std::move(ruleSet);
-        else
-            m_Policy->RuleSets.insert(place, std::move(ruleSet));
-    }
+/// Rules that name a macro that is not there: so an interrupted write can leave them, beside the macros of another policy.
+void NoteMissingMacros(FileReport& report, const RuleFile& file, const std::vector<MacroRecord>& macros)
+{
+    std::vector<LintFinding> findings;
+    LintRuleSet(RuleSetOf(file), {&macros}, findings);
+    const auto count =
+        std::count_if(findings.begin(), findings.end(),
+                      [](const LintFinding& finding) { return std::string_view(finding.Code) == "no-such-macro"; });
+    if (count == 0)
+        return;
+    report.What = Finding::Note;
+    report.Problem = Count(static_cast<size_t>(count), "macro") + " that rules name, but the macro file does not have";
+    report.Consequence = "the library takes them as they are; \"kxrule lint\" tells which";
+}
 
-    /// Whether the file is whole, and nothing that the library reads is the same thing.
-    bool IsOnlyCopy(const FileContent& content) const
-    {
-        return content.Defect == FileDefect::None &&
-               (content.Kind == FileKind::RuleSet ? !m_Indexes.contains(content.RuleSet.Index)
-                                                  : !m_Whole.contains(content.Kind));
-    }
+/// As the library takes a set: each rule normalised, the later one of an index, in the order of the indexes.
+void Normalised(RuleSetRecord& ruleSet)
+{
+    const auto index = [](const PFW_RULE& rule) { return uint16_t{rule.wRuleIndex}; };
+    ruleSet.Name.resize(std::min(ruleSet.Name.size(), size_t{KXRULE_RULESET_NAME_UNITS - 1}));
+    std::for_each(ruleSet.Rules.begin(), ruleSet.Rules.end(), Normalise::NormaliseRule);
+    if (std::is_sorted(ruleSet.Rules.begin(), ruleSet.Rules.end(),
+                       [&](const PFW_RULE& a, const PFW_RULE& b) { return index(a) <= index(b); }))
+        return; // strictly: none comes twice
+    std::reverse(ruleSet.Rules.begin(), ruleSet.Rules.end());
+    std::stable_sort(ruleSet.Rules.begin(), ruleSet.Rules.end(),
+                     [&](const PFW_RULE& a, const PFW_RULE& b) { return index(a) < index(b); });
+    ruleSet.Rules.erase(std::unique(ruleSet.Rules.begin(), ruleSet.Rules.end(),
+                                    [&](const PFW_RULE& a, const PFW_RULE& b) { return index(a) == index(b); }),
+                        ruleSet.Rules.end());
+}
 
-    /// Files that nobody reads: what there is of them only there stays, the rest tidy may remove.
-    void AddLeftover(const std::string& name, const FileContent& content, std::string problem, std::string consequence)
-    {
-        const bool isOnly = IsOnlyCopy(content);
-        if (isOnly)
-            problem += content.Kind == FileKind::RuleSet
-                           ? "; it is the only whole copy of rule set " + std::to_string(content.RuleSet.Index)
-                           : "; it is the only whole " +
-                                 std::string(content.Kind == FileKind::Master ? "master" : "macro") + " file";
-        Add(name, Finding::Note, {}, std::move(problem),
-            isOnly && content.Kind != FileKind::Master ? "nothing; \"kxrule restore\" brings it back"
-                                                       : std::move(consequence));
-        m_Report.Files.back().Leftover = isOnly ? "" : name;
-        m_Report.Files.back().IsOnlyCopy = isOnly;
-    }
-
-    void CheckTemporaries()
-    {
-        std::vector<std::string> names;
-        static_cast<void>(m_Directory.FindTemporaryFiles(names));
-        std::sort(names.begin(), names.end());
-        for (const std::string& name : names)
-            AddLeftover(name, ReadStoreFile(m_Directory, name), "an unfinished write",
-                        "nothing; \"kxrule tidy\" removes it");
-    }
-
-    void CheckActive()
-    {
-        if (m_Report.IsDamaged())
-            return;
-        for (const uint16_t index : m_Fields.ActiveRuleSets)
-        {
-            if (!m_Indexes.contains(index))
-                NoteOfMaster("rule set " + std::to_string(index) + " is active but does not exist", "nothing");
-        }
-    }
-
-    void CheckUnlisted(const std::string& name)
-    {
-        const FileContent content = ReadStoreFile(m_Directory, name, FileKind::RuleSet);
-        const std::string& problem = content.Problem;
-        const std::string unlisted = "the master file does not list it";
-        if (m_OfMaster == Remedy::GoOn)
-            return AddLeftover(name, content, unlisted + (problem.empty() ? "" : ", and " + problem),
-                               "the library would not read it; \"kxrule tidy\" removes it");
-        Add(name, Finding::Note, {}, problem.empty() ? "nothing is wrong with it" : problem,
-            m_OfMaster == Remedy::BackUp ? "it would be moved with the master file" : "the library would not read it");
-    }
-
-    const RuleDirectory& m_Directory;
-    const bool m_Thorough;
-    Policy* const m_Policy;
-    MasterFields m_Fields;
-    Remedy m_OfMaster = Remedy::GoOn;
-    std::set<std::string, NoCase> m_Listed;
-    std::set<std::string, NoCase> m_Unlisted; // rule set files that the master file has not named so far
-    std::set<uint16_t> m_Indexes;
-    std::set<FileKind> m_Whole; // of the master and the macro file
-    StoreReport m_Report;
-};
+void Put(Policy& policy, RuleSetRecord&& ruleSet)
+{
+    const auto place = std::lower_bound(policy.RuleSets.begin(), policy.RuleSets.end(), ruleSet.Index,
+                                        [](const RuleSetRecord& a, uint16_t b) { return a.Index < b; });
+    if (place != policy.RuleSets.end() && place->Index == ruleSet.Index)
+        *place = std::move(ruleSet);
+    else
+        policy.RuleSets.insert(place, std::move(ruleSet));
+}
 
 } // namespace
 
@@ -303,9 +206,50 @@ std::string StoreReport::Problems() const
     return lines;
 }
 
-StoreReport CheckStore(const RuleDirectory& directory, Console& console, bool thorough, Policy* policy)
+StoreReport CheckStore(const RuleDirectory& directory, Console& console, bool thorough, Policy* policy,
+                       const TakeRuleSet& take)
 {
-    return Checker(directory, thorough, policy).Check(console);
+    Progress progress(console, "reading the store");
+    StoreReport report;
+    std::optional<std::vector<MacroRecord>> macros; // where they are to be looked for
+    Survey(directory,
+           [&](Surveyed& seen)
+           {
+               progress.Show(seen.Position, seen.Last);
+               FileReport& file = report.Files.emplace_back(Describe(seen, thorough));
+               const bool isOfMaster = seen.What >= Sight::MacroName && seen.What <= Sight::NoSuchSet;
+               file.File = NarrowToUtf8(isOfMaster ? directory.MasterFileName() : seen.Name);
+               if (seen.What == Sight::MacroName)
+                   file.Consequence = "the library would use " + NarrowToUtf8(directory.MacroFileName());
+               // What is wrong with the file, and what that means, which may stand before or after it.
+               const std::string problem = isOfMaster || seen.What == Sight::Temporary ? "" : ProblemText(seen);
+               file.Problem = seen.What == Sight::Master ? problem + file.Problem : file.Problem + problem;
+               if (seen.What == Sight::Macros)
+                   report.IsStopped = seen.Then == Remedy::Stop && seen.File.Head.Defect != FileDefect::Busy;
+               if (thorough && seen.What == Sight::Macros && file.What != Finding::Damaged)
+                   macros = MacrosOf(seen.File);
+               else if (macros && seen.What == Sight::RuleSet && file.What == Finding::Good)
+                   NoteMissingMacros(file, seen.File, *macros);
+               if (policy == nullptr)
+                   return;
+               if (seen.What == Sight::Master)
+                   policy->Active = seen.File.Master.ActiveRuleSets;
+               else if (seen.What == Sight::Macros)
+               {
+                   policy->Macros = MacrosOf(std::move(seen.File));
+                   for (MacroRecord& macro : *policy->Macros) // as the library hands them out: cut to their field
+                       macro.Name.resize(std::min(macro.Name.size(), sizeof(PFW_MACRO::szName) - 1));
+               }
+               else if (seen.What == Sight::RuleSet && seen.IsWhole() && !seen.IsMoved)
+               {
+                   RuleSetRecord ruleSet = RuleSetOf(std::move(seen.File));
+                   Normalised(ruleSet);
+                   if (take)
+                       Put(*policy, {ruleSet.Index, ruleSet.Name, {}});
+                   take ? take(*policy, std::move(ruleSet)) : Put(*policy, std::move(ruleSet));
+               }
+           });
+    return report;
 }
 
 } // namespace Tool

@@ -71,6 +71,34 @@ std::vector<std::string> Aligned(const std::vector<std::vector<std::string>>& ro
     return lines;
 }
 
+std::string Wrapped(std::string_view text, size_t width)
+{
+    std::string out;
+    for (size_t at = 0; at < text.size();)
+    {
+        size_t end = std::min(text.find('\n', at), text.size());
+        std::string_view line = text.substr(at, end - at);
+        at = end;
+        const size_t indent = std::min(line.find_first_not_of(' '), line.size());
+        const std::string further(indent + 4, ' ');
+        for (size_t used = 0; width > indent + 20 && used + DisplayWidth(line) > width; used = further.size())
+        {
+            // After the last blank or comma up to which it fits. (Colours count as text, which breaks a little early.)
+            size_t cut = line.find_last_of(" ,", width - used - 1);
+            while (cut != std::string_view::npos && cut > 0 && used + DisplayWidth(line.substr(0, cut + 1)) > width)
+                cut = line.find_last_of(" ,", cut - 1);
+            if (cut == std::string_view::npos || cut <= (used == 0 ? indent : 0))
+                break; // one long word; the terminal breaks it
+            out.append(line.substr(0, line[cut] == ' ' ? cut : cut + 1)).append("\n").append(further);
+            line.remove_prefix(cut + 1);
+        }
+        out += line;
+        if (at < text.size())
+            out += text[at++];
+    }
+    return out;
+}
+
 std::string Printable(std::string_view text)
 {
     const std::string valid = utf8::replace_invalid(text);

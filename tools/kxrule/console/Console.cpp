@@ -4,11 +4,13 @@
 #include <fcntl.h>
 #include <io.h>
 
+#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 
 #include "common/srclib/KxComn_Windows.h"
 #include "policy/Utf8.h"
+#include "tools/kxrule/console/Columns.h"
 #include "tools/kxrule/console/Failure.h"
 
 namespace Tool
@@ -39,11 +41,23 @@ bool KnowsColours() noexcept
            ::SetConsoleMode(terminal, mode | ENABLE_VIRTUAL_TERMINAL_PROCESSING) != FALSE;
 }
 
+size_t TerminalWidth(DWORD which) noexcept
+{
+    CONSOLE_SCREEN_BUFFER_INFO info{};
+    return ::GetConsoleScreenBufferInfo(::GetStdHandle(which), &info) != FALSE ? static_cast<size_t>(info.dwSize.X) : 0;
+}
+
+bool IsClosedPipe() noexcept
+{
+    const DWORD error = ::GetLastError();
+    return error == ERROR_NO_DATA || error == ERROR_BROKEN_PIPE || errno == EPIPE;
+}
+
 bool WriteText(DWORD which, std::FILE* file, bool terminal, std::string_view text)
 {
     if (!terminal)
         return std::fwrite(text.data(), 1, text.size(), file) == text.size() && std::fflush(file) == 0;
-    const std::wstring wide = FromUtf8(text);
+    const std::wstring wide = FromUtf8(Wrapped(text, TerminalWidth(which)));
     for (size_t at = 0; at < wide.size(); at += kUnitsPerWrite)
     {
         const DWORD units = static_cast<DWORD>(std::min(kUnitsPerWrite, wide.size() - at));
@@ -79,8 +93,11 @@ bool Console::Flush() noexcept
 {
     try
     {
-        if (!m_Gathered.empty() && !WriteText(STD_OUTPUT_HANDLE, stdout, m_OutIsTerminal, m_Gathered))
-            m_Good = false;
+        if (!m_Gathered.empty() && !m_IsClosed && !WriteText(STD_OUTPUT_HANDLE, stdout, m_OutIsTerminal, m_Gathered))
+        {
+            m_IsClosed = IsClosedPipe();
+            m_Good = m_Good && m_IsClosed;
+        }
     }
     catch (...)
     {
@@ -127,6 +144,11 @@ void Progress::Show(size_t done, size_t all)
 {
     using namespace std::chrono;
     const steady_clock::time_point now = steady_clock::now();
+    if (m_Console.ErrorIsTerminal() && all == 0)
+    {
+        m_Console.Error("\r" + m_Label + " ");
+        m_Shown = true;
+    }
     if (!m_Console.ErrorIsTerminal() || all == 0 || now - m_Begin < seconds(1) ||
         (m_Shown && now - m_Drawn < milliseconds(100)))
         return;

@@ -47,6 +47,7 @@ private:
     bool m_ErrorIsTerminal;
     bool m_Colour;
     bool m_Good = true;
+    bool m_IsClosed = false; // whoever read the output has seen enough
 };
 
 /// A bar on the terminal for work that takes more than a second; nothing when standard error is not a terminal.
@@ -57,6 +58,7 @@ public:
     ~Progress();
     Progress(const Progress&) = delete;
     Progress& operator=(const Progress&) = delete;
+    /// Without a number of all only the label, for work that tells nothing of itself.
     void Show(size_t done, size_t all);
 
 private:

@@ -201,7 +201,8 @@ private:
             {WarningKind::AnyToAny, "Rules that accept everything"},
             {WarningKind::Covered, "Rules that never take effect"},
             {WarningKind::Redundant, "Rules that are redundant"},
-            {WarningKind::NoHash, "Programs without a hash"}};
+            {WarningKind::NoHash, "Programs without a hash"},
+            {WarningKind::Mistake, "What is hardly meant"}};
         m_Out += "<section aria-labelledby=\"warnings\">\n<h2 id=\"warnings\">Warnings</h2>\n";
         m_Out += m_Warnings.empty() ? "<p>Nothing to report.</p>\n" : "";
         for (const auto& [kind, title] : kGroups)

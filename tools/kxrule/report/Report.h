@@ -21,7 +21,8 @@ enum class WarningKind
     NoHash,    // bound to an application whose file may change unnoticed
     Rescue,    // replaces rules that were damaged
     NotThere,  // an active rule set that does not exist
-    NothingActive
+    NothingActive,
+    Mistake // what hardly anybody means: policy/Lint.h
 };
 
 struct Warning

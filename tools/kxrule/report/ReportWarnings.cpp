@@ -4,6 +4,7 @@
 #include "common/srclib/KxComn_Names.h"
 #include "common/srclib/KxComn_Record.h"
 #include "policy/Decide.h"
+#include "policy/Lint.h"
 #include "policy/RecordText.h"
 #include "policy/RuleFields.h"
 #include "tools/kxrule/report/Report.h"
@@ -110,6 +111,14 @@ std::vector<Warning> FindWarnings(const Policy& policy)
                 warn(WarningKind::NoHash,
                      "is bound to a program without a hash: it also matches whatever replaces it.");
         }
+    }
+    for (const LintFinding& finding : Lint(policy))
+    {
+        if (std::string_view(finding.Code) == "no-such-rule-set") // told above
+            continue;
+        const std::string subject = finding.RuleSetIndex != 0 ? "" : "The " + finding.Where() + " ";
+        warnings.push_back({WarningKind::Mistake, finding.RuleSetIndex, finding.RuleIndex.value_or(0),
+                            finding.RuleIndex.has_value(), subject + finding.Text + "."});
     }
     return warnings;
 }
