@@ -1,6 +1,8 @@
 // A whole rule file of whichever kind.
 #include "persistence/RuleFile.h"
 
+#include <algorithm>
+
 FileDefect RuleFile::Read(CEncryptStream& stream, std::optional<FileKind> kind, bool keepsRules)
 {
     Head = kind ? ReadHead(stream, *kind) : ReadHead(stream);
@@ -8,6 +10,8 @@ FileDefect RuleFile::Read(CEncryptStream& stream, std::optional<FileKind> kind, 
         return Head.Defect;
     const auto take = [&](const PFW_RULE& rule)
     {
+        if (keepsRules && Rules.empty()) // all at once, as far as a set may have them
+            Rules.reserve(static_cast<size_t>(std::min(RuleSetFormat::RuleCount(Set), KXRULE_MAX_RULES)));
         if (keepsRules)
             Rules.push_back(rule);
     };

@@ -22,6 +22,23 @@ struct NoCase
 };
 using Names = std::set<std::string, NoCase>;
 
+/// Of what it is given the buffer and the memory of the rules are used.
+LookedAt Look(const RuleDirectory& directory, const std::string& name, std::optional<FileKind> kind,
+              CStreamBuffer* lent, std::vector<PFW_RULE> rules)
+{
+    LookedAt seen;
+    seen.Name = name;
+    seen.File.Rules = std::move(rules);
+    CEncryptFile stream(lent);
+    seen.File.Head.Defect = directory.OpenToLook(stream, name, &seen.Error);
+    if (seen.File.Head.Defect == FileDefect::None)
+    {
+        seen.Bytes = stream.Size();
+        seen.File.Read(stream, kind);
+    }
+    return seen;
+}
+
 class Surveyor
 {
 public:
@@ -57,7 +74,7 @@ public:
 private:
     Surveyed Look(const std::string& name, Sight sight, std::optional<FileKind> kind)
     {
-        Surveyed seen{LookAt(m_Directory, name, kind, &m_Lent)};
+        Surveyed seen{::Look(m_Directory, name, kind, &m_Lent, std::move(m_Rules))};
         seen.What = sight;
         if (!seen.IsWhole() && kind)
         {
@@ -118,6 +135,8 @@ private:
         if (seen.IsWhole() && !seen.IsMoved)
             seen.IsRepeated = !m_Indexes.insert(seen.File.Set.Index).second;
         m_Take(seen);
+        m_Rules = std::move(seen.File.Rules); // what nobody took serves the next set
+        m_Rules.clear();
     }
 
     /// Files that nobody reads: what there is of them only there is worth keeping.
@@ -136,6 +155,7 @@ private:
     const RuleDirectory& m_Directory;
     const std::function<void(Surveyed&)>& m_Take;
     CStreamBuffer m_Lent;
+    std::vector<PFW_RULE> m_Rules;
     Remedy m_OfMaster = Remedy::GoOn;
     bool m_IsDamaged = false;
     bool m_IsMasterWhole = false;
@@ -150,16 +170,7 @@ private:
 LookedAt LookAt(const RuleDirectory& directory, const std::string& name, std::optional<FileKind> kind,
                 CStreamBuffer* lent)
 {
-    LookedAt seen;
-    seen.Name = name;
-    CEncryptFile stream(lent);
-    seen.File.Head.Defect = directory.OpenToLook(stream, name, &seen.Error);
-    if (seen.File.Head.Defect == FileDefect::None)
-    {
-        seen.Bytes = stream.Size();
-        seen.File.Read(stream, kind);
-    }
-    return seen;
+    return Look(directory, name, kind, lent, {});
 }
 
 void Survey(const RuleDirectory& directory, const std::function<void(Surveyed&)>& take)

@@ -16,8 +16,8 @@ constexpr std::string_view kByteOrderMark = "\xEF\xBB\xBF";
 constexpr size_t kMostBytes = size_t{1} << 30;
 constexpr uint32_t kMostNodes = (1U << 29) - 1;
 constexpr size_t kMostSmall = 1 << 16; // values that any text may have
-constexpr size_t kLeastBytes = 3;      // for each value of a larger one; {"limits":[1,2,3,4,5,6]} has more
-static_assert(kMostBytes / kLeastBytes < kMostNodes);
+constexpr size_t kLeastBytes = 7;      // for each two of a larger one; {"port":1}, has three values
+static_assert(2 * kMostBytes / kLeastBytes < kMostNodes);
 constexpr size_t kMostNesting = 64;
 
 bool StartsWith(std::string_view text, std::string_view start) noexcept
@@ -90,7 +90,7 @@ private:
     bool Add(Kind kind, size_t end)
     {
         const size_t count = m_Tree.m_Nodes.size() + 1;
-        if (count > kMostSmall && count > end / kLeastBytes)
+        if (count > kMostSmall && count > 2 * end / kLeastBytes)
             return Fail(Begin(), "the text has more values than a policy of its size");
         m_Tree.m_Nodes.push_back({static_cast<uint32_t>(Begin()), static_cast<uint32_t>(count) & kMostNodes,
                                   static_cast<uint32_t>(kind) & 7});

@@ -247,6 +247,7 @@ StoreReport CheckStore(const RuleDirectory& directory, Console& console, bool th
                    if (take)
                        Put(*policy, {ruleSet.Index, ruleSet.Name, {}});
                    take ? take(*policy, std::move(ruleSet)) : Put(*policy, std::move(ruleSet));
+                   seen.File.Rules = std::move(ruleSet.Rules); // where nobody took them
                }
            });
     return report;
