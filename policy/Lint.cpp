@@ -18,6 +18,8 @@ namespace
 {
 
 using KxCommon::Record::Load;
+constexpr uint32_t kRescue = UINT32_MAX; // the protocol of the rules that stand in for damaged ones
+
 using MacroLists = std::vector<const std::vector<MacroRecord>*>;
 
 bool IsMacro(const MacroLists& macros, std::string_view name)
@@ -106,7 +108,8 @@ private:
             Address(Load<RULE_ADDR>(at));
         else if (field.Type == FieldType::Port)
             Port(Load<RULE_PORT>(at));
-        else if (field.Type == FieldType::Keyword && KeywordName(field.Names, Load<uint32_t>(at)).empty())
+        else if (field.Type == FieldType::Keyword && Load<uint32_t>(at) != kRescue &&
+                 KeywordName(field.Names, Load<uint32_t>(at)).empty())
             Find("unknown-number", "has the " + std::string(field.Name) + " " + std::to_string(Load<uint32_t>(at)) +
                                        ", which is not known");
         else if (field.Type == FieldType::Application)
