@@ -66,7 +66,7 @@ public:
         if (HasHostBits(item))
             Find("host-bits", "has bits under the mask of " + AddressText(item) + ", which do not count");
         if (item.dwType >= KXRULE_ADDR_SINGLE && item.dwType <= KXRULE_ADDR_RANGE)
-            m_Families.insert(item.dwFamily);
+            m_Families.insert(uint32_t{item.dwFamily});
     }
     void Port(const RULE_PORT& item)
     {
