@@ -36,11 +36,13 @@ bool HasHostBits(const RULE_ADDR& item)
 {
     if (item.dwType != KXRULE_ADDR_MASK && item.dwType != KXRULE_ADDR_PREFIX)
         return false;
-    RULE_ADDR single = item;
+    RULE_ADDR network = item;
+    network.dwNot = 0;
+    RULE_ADDR single = network;
     single.dwType = KXRULE_ADDR_SINGLE;
-    const std::optional<AddressRange> network = RangeOf(item);
-    const std::optional<AddressRange> address = RangeOf(single);
-    return network && address && network->First != address->First;
+    const std::optional<AddressSet> whole = SetOf(network);
+    const std::optional<AddressSet> address = SetOf(single);
+    return whole && address && !whole->empty() && !(whole->front().First == address->front().First);
 }
 
 /// Goes over one rule, or one macro, whose place every finding gets.

@@ -3,6 +3,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <functional>
 #include <map>
 
 #include "common/srclib/KxComn_Record.h"
@@ -191,6 +192,24 @@ PolicyDiff Compare(const Policy& store, const Policy& policy, MergeMode mode)
     return diff;
 }
 
+void DropRules(Policy& store, PolicyDiff& diff)
+{
+    for (RuleSetRecord& ruleSet : store.RuleSets)
+    {
+        const PFW_RULE* const begin = ruleSet.Rules.data();
+        const PFW_RULE* const end = begin + ruleSet.Rules.size();
+        for (RuleSetChange& change : diff.RuleSets)
+        {
+            for (const PFW_RULE*& rule : change.RulesAfter)
+            {
+                if (change.Index == ruleSet.Index && !std::less<>()(rule, begin) && std::less<>()(rule, end))
+                    rule = &diff.Altered.emplace_back(*rule);
+            }
+        }
+        std::vector<PFW_RULE>().swap(ruleSet.Rules);
+    }
+}
+
 size_t RuleSetsAfter(const Policy& store, const PolicyDiff& diff) noexcept
 {
     size_t count = store.RuleSets.size();
@@ -235,7 +254,11 @@ PolicyDiff Inverse(const Policy& before, const PolicyDiff& diff, const Policy& n
         to.Active = before.Active;
     if (diff.Macros)
         to.Macros = before.Macros;
-    return Compare(from, to, MergeMode::Replace);
+    PolicyDiff inverse = Compare(from, to, MergeMode::Replace);
+    inverse.Own.reserve(2);
+    inverse.Own.push_back(std::move(from)); // rules stay where they are when the lists that hold them are moved
+    inverse.Own.push_back(std::move(to));
+    return inverse;
 }
 
 } // namespace KxPolicy

@@ -46,7 +46,8 @@ struct PolicyDiff
     std::optional<std::vector<MacroRecord>> Macros; // the new list, when it differs
     std::vector<uint16_t> ActiveBefore;
     std::optional<std::vector<uint16_t>> Active; // the new list, when it differs
-    std::deque<PFW_RULE> Altered;                // rules that the library will hold in another form than the policy's
+    std::deque<PFW_RULE> Altered;                // rules that it points to, and neither of the policies has
+    std::vector<Policy> Own;                     // policies that it points into, if nobody else holds them
 
     [[nodiscard]] bool IsEmpty() const noexcept { return RuleSets.empty() && !Macros && !Active; }
 };
@@ -54,6 +55,9 @@ struct PolicyDiff
 /// The store's policy is complete, as read from the library. Rule sets, active list and macros are left alone when the
 /// policy does not speak of them, in either mode. Both must outlive the result.
 [[nodiscard]] PolicyDiff Compare(const Policy& store, const Policy& policy, MergeMode mode);
+
+/// Drops the store's rules, but for those that are there after the changes. What a rule was before is lost.
+void DropRules(Policy& store, PolicyDiff& diff);
 
 /// How many rule sets there are after the changes.
 [[nodiscard]] size_t RuleSetsAfter(const Policy& store, const PolicyDiff& diff) noexcept;

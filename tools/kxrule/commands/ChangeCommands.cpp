@@ -221,7 +221,7 @@ int RefreshHashes(Session& session, const std::string& application)
                           (result == KXRULE_E_HASH_LIBRARY
                                ? std::string("; it is looked for in the directory that the registry value InstallPath "
                                              "of HKLM\\") +
-                                     KxCommon::Names::kRegistryKey + " names"
+                                     ToUtf8(KxCommon::Names::kRegistryKey) + " names"
                                : std::string()),
                       ExitFailed, result);
     return ExitDone;

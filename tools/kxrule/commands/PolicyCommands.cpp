@@ -331,15 +331,12 @@ void WriteTextFile(Session& session, const std::string& path, std::string_view t
 
 int ApplyPolicy(Session& session, Policy& store, const Policy& wanted, MergeMode mode)
 {
-    const PolicyDiff diff = Compare(store, wanted, mode);
+    PolicyDiff diff = Compare(store, wanted, mode);
     CheckLimits(store, diff);
     if (IsRemoving(diff))
         session.KeepCopy();
     if (!session.Options().Json) // then nobody asks what a rule was before, and the library needs the memory
-    {
-        for (RuleSetRecord& ruleSet : store.RuleSets)
-            std::vector<PFW_RULE>().swap(ruleSet.Rules);
-    }
+        DropRules(store, diff);
     if (!diff.IsEmpty())
     {
         SessionStore target(session);
