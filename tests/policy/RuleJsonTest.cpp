@@ -165,34 +165,6 @@ TEST(RuleJson, ReadsWhatPeopleWrite)
     EXPECT_EQ(Bytes(rule), Bytes(expected)) << KxPolicy::RuleToJson(rule) << KxPolicy::RuleToJson(expected);
 }
 
-TEST(RuleJson, KnowsTheLibrarysLimits)
-{
-    std::string rules;
-    for (int i = 0; i < 1025; ++i)
-        rules += (i > 0 ? ", " : "") + std::string("{\"kind\": 9, \"index\": ") + std::to_string(i) + "}";
-    std::string sets = "{\"index\": 1, \"name\": \"\", \"rules\": [" + rules + "]}";
-    for (int i = 2; i <= 65; ++i)
-        sets += ", {\"name\": \"\", \"index\": " + std::to_string(i) + "}";
-    Policy policy;
-    std::vector<Diagnostic> errors;
-    EXPECT_FALSE(KxPolicy::ReadPolicy("{\"version\": 1, \"ruleSets\": [" + sets + "]}", policy, errors));
-    ASSERT_EQ(errors.size(), 1u) << Texts(errors);
-    EXPECT_EQ(errors[0].Text, "a rule set holds at most 1024 rules; what follows is not read");
-    sets.erase(0, sets.find("]}") + 4);
-    EXPECT_FALSE(KxPolicy::ReadPolicy(
-        "{\"version\": 1, \"ruleSets\": [{\"index\": 99, \"name\": \"\"}, " + sets + ", 7, 8]}", policy, errors));
-    ASSERT_EQ(errors.size(), 1u) << Texts(errors);
-    EXPECT_EQ(errors[0].Text, "a store holds at most 64 rule sets; what follows is not read");
-
-    std::string zeroes = "0";
-    for (int i = 1; i < 1500; ++i)
-        zeroes += ",\n0";
-    EXPECT_FALSE(KxPolicy::ReadPolicy("{\"version\": 1, \"active\": [" + zeroes + "]}", policy, errors));
-    ASSERT_EQ(errors.size(), 1001u);
-    EXPECT_EQ(errors[999].Line, 1000u);
-    EXPECT_EQ(errors[1000].Text, "there is more; what follows is not read");
-}
-
 // docs/policy.schema.json names the members that the reader knows, kind by kind, and no others.
 TEST(RuleJson, TheSchemaNamesEveryField)
 {
