@@ -10,10 +10,11 @@
 namespace Copies
 {
 
-// Those that return false leave the system's error in GetLastError, and in failed the name of the file that it is about.
+// Those that return false leave the system's error in GetLastError, and in failed the name of the file that it is
+// about.
 
-/// Copies files to a directory that holds none of them, flushed, with a manifest: a line for each with its SHA-256, size
-/// and name. On failure nothing of the copies is left.
+/// Copies files to a directory that holds none of them, flushed, with a manifest: a line for each with its SHA-256,
+/// size and name. On failure nothing of the copies is left.
 [[nodiscard]] bool CopyFiles(const RuleDirectory& from, const RuleDirectory& to, const std::vector<std::string>& names,
                              std::string& failed);
 /// The same into a new dated directory below RuleBackup, whose name in the rule directory is given, without a backslash
@@ -34,8 +35,8 @@ struct Dated
 };
 /// The newest first.
 [[nodiscard]] std::vector<Dated> FindBackups(const RuleDirectory& directory);
-/// Removes of those with a number what is older than the newest ones, whose count is given. Only what a manifest names is
-/// removed, and a directory that is empty then.
+/// Removes of those with a number what is older than the newest ones, whose count is given. Only what a manifest names
+/// is removed, and a directory that is empty then.
 void RemoveOldest(const RuleDirectory& directory, size_t keep);
 
 enum class Change

@@ -1,4 +1,5 @@
-// What is in one rule file of whichever kind: the one reader of whole files for those who look into files without a store.
+// What is in one rule file of whichever kind: the one reader of whole files for those who look into files without a
+// store.
 #pragma once
 
 #include <optional>

@@ -21,9 +21,9 @@ struct SyntaxError
 
 class JsonValue;
 
-/// Reads a whole text: what RFC 8259 allows, nested up to 64 deep, with or without a byte order mark.
-/// Small on purpose: eight bytes a value, texts are decoded only when they are asked for. A text whose values are shorter
-/// than those of any policy is refused, so that the tree is never more than three times as large as a large text.
+/// Reads a whole text: what RFC 8259 allows, nested up to 64 deep, with or without a byte order mark. Small on purpose:
+/// eight bytes a value, texts are decoded only when they are asked for. A text whose values are shorter than those of
+/// any policy is refused, so that the tree is never more than three times as large as a large text.
 class JsonTree
 {
 public:

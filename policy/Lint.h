@@ -29,7 +29,8 @@ struct LintFinding
 /// Appends what is to be said of one rule set.
 void LintRuleSet(const RuleSetRecord& ruleSet, const std::vector<const std::vector<MacroRecord>*>& macros,
                  std::vector<LintFinding>& findings);
-/// What is wrong with an active list, which nobody may set: a rule set twice, or one that does not exist. Empty: nothing.
+/// What is wrong with an active list, which nobody may set: a rule set twice, or one that does not exist. Empty:
+/// nothing.
 [[nodiscard]] std::string ActiveListMistake(const std::vector<uint16_t>& active, const std::vector<uint16_t>& ruleSets);
 
 } // namespace KxPolicy

@@ -52,8 +52,8 @@ public:
     {
         if (m_Keys.empty() || key < m_Keys.front() || key > m_Keys.back())
             return nullptr;
-        // Keys are mostly evenly spaced, and values are mostly added in ascending order. Then the guess is the position and
-        // the value is in the place of that number: it is on its way while its key and its address still are.
+        // Keys are mostly evenly spaced, and values are mostly added in ascending order. Then the guess is the position
+        // and the value is in the place of that number: it is on its way while its key and its address still are.
         const uint32_t width = m_Keys.back() - m_Keys.front() + 1u;
         const size_t guess = static_cast<uint32_t>(key - m_Keys.front()) * static_cast<uint32_t>(m_Keys.size()) / width;
         Prefetch(PlaceOf(guess), 16 * kCacheLine); // a few lines, for it may be another one

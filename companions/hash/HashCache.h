@@ -1,5 +1,5 @@
-// What is remembered from one hash to the next. A refresh asks for the hash of a program once for each rule that names it;
-// reading it once is enough.
+// What is remembered from one hash to the next. A refresh asks for the hash of a program once for each rule that names
+// it; reading it once is enough.
 #pragma once
 
 #include <cstddef>
@@ -7,8 +7,8 @@
 
 #include "common/srclib/KxComn_Windows.h"
 
-/// Tells one version of a file from any other: whatever is done to a file on a local disk gives it another time of change,
-/// which, unlike that of writing, programs do not set.
+/// Tells one version of a file from any other: whatever is done to a file on a local disk gives it another time of
+/// change, which, unlike that of writing, programs do not set.
 struct FileState
 {
     uint64_t Volume, File, Size;
@@ -20,8 +20,8 @@ struct FileState
 /// False when the system does not tell, or keeps no time of change on that disk.
 [[nodiscard]] bool GetFileState(HANDLE file, FileState& state) noexcept;
 
-/// The hashes of the 256 files that were added last, a minute each. Any thread. What it holds is lost with the library, so
-/// the first one that is added keeps the library in the process.
+/// The hashes of the 256 files that were added last, a minute each. Any thread. What it holds is lost with the library,
+/// so the first one that is added keeps the library in the process.
 class HashCache
 {
 public:

@@ -88,7 +88,8 @@ const std::string kBefore =
     Text(Set(1, "a", Rule(0, "snat") + "," + Rule(5, "dnat")) + "," + Set(2, "b", Rule(1, "snat")) + "," +
              Set(3, "c", Rule(7, "snat")) + "," + Set(4, "d", Rule(1, "snat") + "," + Rule(2, "snat")),
          R"("active": [1, 3], "macros": [{"name": "m", "items": [{"port": "80"}]}, {"name": "n"}], )");
-// A rule 0 that changes, a new name, a set that goes, one that comes, rules that change, go and come, macros, active list.
+// A rule 0 that changes, a new name, a set that goes, one that comes, rules that change, go and come, macros, active
+// list.
 const std::string kAfter =
     Text(Set(1, "a", Rule(0, "dnat") + "," + Rule(6, "dnat")) + "," + Set(2, "x", Rule(1, "snat")) + "," +
              Set(4, "d", Rule(1, "dnat") + "," + Rule(3, "snat")) + "," + Set(9, "e", Rule(1, "masq")),

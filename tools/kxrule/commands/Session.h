@@ -52,8 +52,8 @@ public:
         Refuse, // unless forced
         Mend    // the change is what mends it
     };
-    /// Reads the store to change it, alone: see Claim. What is damaged is copied below RuleBackup first, and told. The library
-    /// is loaded when it is first asked for: a policy that changes nothing needs none.
+    /// Reads the store to change it, alone: see Claim. What is damaged is copied below RuleBackup first, and told. The
+    /// library is loaded when it is first asked for: a policy that changes nothing needs none.
     void OpenToChange(OnDamage onDamage = OnDamage::Refuse);
     /// Everything in the store. The macros' names are cut to their field as the library hands them out.
     [[nodiscard]] Policy Read();

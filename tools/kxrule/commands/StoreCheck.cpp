@@ -145,7 +145,8 @@ FileReport Describe(const Surveyed& seen, bool thorough)
     }
 }
 
-/// Rules that name a macro that is not there: so an interrupted write can leave them, beside the macros of another policy.
+/// Rules that name a macro that is not there: so an interrupted write can leave them, beside the macros of another
+/// policy.
 void NoteMissingMacros(FileReport& report, const RuleFile& file, const std::vector<MacroRecord>& macros)
 {
     std::vector<LintFinding> findings;

@@ -21,8 +21,8 @@ enum class Finding
     Damaged // the library would not take it as it is
 };
 
-/// A file as the library names it: its directory, and its name there in the active code page. Throws Failure when the code
-/// page lacks a character of the path and there is no short name.
+/// A file as the library names it: its directory, and its name there in the active code page. Throws Failure when the
+/// code page lacks a character of the path and there is no short name.
 struct StoreFile
 {
     explicit StoreFile(const std::wstring& path);
@@ -30,8 +30,8 @@ struct StoreFile
     std::string Name;
 };
 
-/// The rule directory of a path, with the macro file that its master file names. An empty name of the master file (UTF-8)
-/// stands for the default. Throws Failure.
+/// The rule directory of a path, with the macro file that its master file names. An empty name of the master file
+/// (UTF-8) stands for the default. Throws Failure.
 [[nodiscard]] RuleDirectory StoreAt(const std::wstring& path, const std::string& masterFileName);
 /// Master, macro and rule set files that exist in a directory, in this order.
 [[nodiscard]] std::vector<std::string> StoreFileNames(const RuleDirectory& directory);
@@ -62,13 +62,14 @@ struct StoreReport
     [[nodiscard]] std::string Problems() const;
 };
 
-/// Given every rule set once, as the library would have it, in the order of the master file: one with an index that came
-/// before replaces that. What the library has beside the rule sets is in the policy by then.
+/// Given every rule set once, as the library would have it, in the order of the master file: one with an index that
+/// came before replaces that. What the library has beside the rule sets is in the policy by then.
 using TakeRuleSet = std::function<void(const Policy& policy, RuleSetRecord&& ruleSet)>;
 
-/// Checks a rule directory as kxRuleRead would find it, reading each file once. The console shows progress. A thorough check
-/// looks into the rules, too. The policy, if one is given, becomes what the library would have in memory, without what is
-/// damaged (and without the hashes that it would compute); its rule sets have no rules where somebody takes these.
+/// Checks a rule directory as kxRuleRead would find it, reading each file once. The console shows progress. A thorough
+/// check looks into the rules, too. The policy, if one is given, becomes what the library would have in memory, without
+/// what is damaged (and without the hashes that it would compute); its rule sets have no rules where somebody takes
+/// these.
 [[nodiscard]] StoreReport CheckStore(const RuleDirectory& directory, Console& console, bool thorough,
                                      Policy* policy = nullptr, const TakeRuleSet& take = {});
 

@@ -14,8 +14,8 @@ namespace Tool
 /// The rows as lines whose columns are aligned; the last column is not padded. Columns in toTheRight end flush.
 [[nodiscard]] std::vector<std::string> Aligned(const std::vector<std::vector<std::string>>& rows,
                                                const std::vector<size_t>& toTheRight = {});
-/// Lines that are longer than a terminal is wide, broken between words, the rest indented a little further. A width of 0
-/// is not known; nothing is broken then.
+/// Lines that are longer than a terminal is wide, broken between words, the rest indented a little further. A width of
+/// 0 is not known; nothing is broken then.
 [[nodiscard]] std::string Wrapped(std::string_view text, size_t width);
 /// What a terminal could take for a command becomes U+FFFD: texts in a store cannot be trusted.
 [[nodiscard]] std::string Printable(std::string_view text);
