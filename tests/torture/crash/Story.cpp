@@ -4,6 +4,7 @@
 #include <sstream>
 
 #include "common/srclib/KxComn_CriticalSection.h"
+#include "persistence/Copies.h"
 #include "persistence/Files.h"
 #include "repository/RuleMaster.h"
 #include "tests/support/FileContent.h"
@@ -27,6 +28,13 @@ template <class Bytes>
     MemoryStream stream;
     static_cast<void>(stream.WriteU32(FileFormat::kOldVersion).Finish());
     return Text(stream.Data);
+}
+
+[[nodiscard]] RuleDirectory At(const std::string& path)
+{
+    RuleDirectory directory;
+    directory.Locate(path, FileFormat::kMasterFileName);
+    return directory;
 }
 
 } // namespace
@@ -135,7 +143,7 @@ void Story::Tell(const std::string& sentences)
         one >> words.Verb;
         for (std::string word; one >> word;)
             words.Rest.push_back(word);
-        if (!words.Verb.empty())
+        if (!words.Verb.empty() && !(m_IsOver && words.Verb != "die"))
             Do(words);
         if (!Surprises.empty() && Surprises.back().ends_with(':'))
             Surprises.back() += sentence;
@@ -234,6 +242,36 @@ void Story::Do(const Words& words)
              s.Rename(w.Directory + "aside", w.Path(1));
          }},
         {"copy", [](Story& s, const Words& w) { s.PutFile(w.Path(1), s.ReadFile(w.Path(0))); }},
+        {"backup",
+         [](Story& s, const Words& w)
+         {
+             const RuleDirectory store = At(w.Directory);
+             std::vector<std::string> names;
+             std::string backup, failed;
+             const bool isDone = store.FindFiles(names) && Copies::CopyToBackup(store, names, backup, failed);
+             s.Expect(isDone ? 0 : 1);
+             s.m_IsOver = !isDone;
+         }},
+        {"restore",
+         [](Story& s, const Words& w)
+         {
+             const RuleDirectory store = At(w.Directory);
+             const std::vector<Copies::Dated> backups = Copies::FindBackups(store);
+             s.m_IsOver = backups.empty();
+             if (s.m_IsOver)
+                 return s.Expect(1);
+             const RuleDirectory backup = At(w.Directory + backups.back().Name);
+             Story copy(backup.Path());
+             copy.Tell("open");
+             s.m_IsOver = !copy.Surprises.empty() || g_Room.HasFailed(); // it restores no damaged copy
+             if (s.m_IsOver)
+                 return s.Expect(1);
+             std::vector<std::string> names;
+             std::string failed;
+             const auto put = [&]
+             { return backup.FindFiles(names) && Copies::PutFiles(backup, store, names, failed) ? 0 : 1; };
+             s.Save(copy.Now(), put);
+         }},
         {"erase", [](Story& s, const Words& w) { s.Expect(Files::Delete(w.Path(0).c_str()) ? 0 : 1); }},
         {"cut", [](Story& s, const Words& w) { s.PutFile(w.Path(0), s.ReadFile(w.Path(0)).substr(0, w.Number(1))); }},
         {"old",

@@ -36,6 +36,7 @@ struct Content
 ///   stop, die       end it                       macro NAME      add one             tick             the timer fires
 ///   set N [RULES]   add a set                    active SETS     set the list        store N          sets 1 to N
 ///   delete N        a set, 0: all
+///   backup, restore    as kxrule does: all files to a new dated directory, and from the oldest one
 ///   rename A B, swap A B, copy A B, erase A, cut A SIZE, old A   by hand: old is the version whose rules are not read
 ///   hold A, share A, lend A, letgo    somebody else has the file open: for himself, to be read, to be read and renamed
 class Story
@@ -71,6 +72,7 @@ private:
 
     std::string m_Directory; // with backslash
     std::unique_ptr<Life> m_Life;
+    bool m_IsOver = false; // kxrule has given up
     std::vector<KxCommon::UniqueFile> m_Holders;
 };
 
