@@ -156,6 +156,7 @@ PolicyDiff Compare(const Policy& store, const Policy& policy, MergeMode mode)
     PolicyDiff diff;
     diff.MacrosBefore = store.Macros.value_or(std::vector<MacroRecord>());
     diff.ActiveBefore = store.Active.value_or(std::vector<uint16_t>());
+    const std::vector<PFW_RULE> none;
     for (const RuleSetRecord& wanted : policy.RuleSets)
     {
         RuleSetChange change;
@@ -164,8 +165,7 @@ PolicyDiff Compare(const Policy& store, const Policy& policy, MergeMode mode)
         const RuleSetRecord* const before = Find(store.RuleSets, wanted.Index);
         if (before != nullptr)
             change.NameBefore = before->Name;
-        static const std::vector<PFW_RULE> kNone;
-        CompareRules(before == nullptr ? kNone : before->Rules, wanted.Rules, mode, change, diff.Altered);
+        CompareRules(before == nullptr ? none : before->Rules, wanted.Rules, mode, change, diff.Altered);
         if (change.NameBefore != change.NameAfter || !change.Rules.empty())
             diff.RuleSets.push_back(std::move(change));
     }
