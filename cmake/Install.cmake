@@ -54,8 +54,8 @@ install(FILES cmake/sdk/CMakeLists.txt DESTINATION .)
 
 # Documents of the package's users. Those of the library's own developers speak of sources that are not in it.
 install(FILES cmake/sdk/README.md LICENSE CHANGELOG.md SECURITY.md DESTINATION .)
-install(FILES docs/format.md docs/kxrule.md docs/policies.md docs/policy.schema.json docs/recovery.md docs/security.md
-    docs/settings.md docs/threads.md DESTINATION docs)
+install(FILES docs/format.md docs/kxrule.md docs/kxrule.schema.json docs/policies.md docs/policy.schema.json
+    docs/recovery.md docs/security.md docs/settings.md docs/threads.md DESTINATION docs)
 install(DIRECTORY examples DESTINATION . PATTERN __pycache__ EXCLUDE)
 install(FILES cmake/mingw-w64-x86_64.cmake DESTINATION examples)
 install(DIRECTORY api/python DESTINATION . PATTERN __pycache__ EXCLUDE)

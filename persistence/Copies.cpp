@@ -150,7 +150,7 @@ bool WriteManifest(const RuleDirectory& directory, const std::vector<std::string
         const std::string print = Print(directory.Path() + name);
         if (print.empty())
             return false;
-        text += print + " " + name + "\n";
+        text.append(print).append(" ").append(name).append("\n");
     }
     KxCommon::UniqueFile file = Files::Open((directory.Path() + kManifest).c_str(), GENERIC_WRITE, CREATE_ALWAYS);
     return file && Files::Write(file.get(), text.data(), static_cast<uint32_t>(text.size())) &&
@@ -232,10 +232,11 @@ std::vector<Dated> FindBackups(const RuleDirectory& directory)
     {
         const size_t dash = std::min(name.find('-'), name.size());
         const std::string number = dash == name.size() ? "0" : name.substr(dash + 1);
-        const DWORD attributes = Files::Attributes((directory.Path() + parent + name).c_str());
+        const std::string place = parent + name;
+        const DWORD attributes = Files::Attributes((directory.Path() + place).c_str());
         if (attributes != INVALID_FILE_ATTRIBUTES && (attributes & FILE_ATTRIBUTE_DIRECTORY) != 0 &&
             IsNumber(name.substr(0, dash), kDateDigits, kDateDigits) && IsNumber(number, 1, 5))
-            backups.push_back({parent + name, name.substr(0, dash), static_cast<unsigned>(std::stoul(number))});
+            backups.push_back({place, name.substr(0, dash), static_cast<unsigned>(std::stoul(number))});
     }
     std::sort(backups.begin(), backups.end(),
               [](const Dated& a, const Dated& b)

@@ -102,7 +102,7 @@ private:
         m_OfMaster = seen.Then;
         m_IsDamaged = !seen.IsWhole() && (seen.Then != Remedy::GoOn || seen.IsThere);
         m_IsMasterWhole = seen.IsWhole();
-        const MasterFields fields = seen.File.Master;
+        MasterFields fields = seen.File.Master;
         m_Take(seen);
         return fields;
     }

@@ -236,7 +236,7 @@ Json LineExtension(std::string text)
 
 bool IsEmptyExtension(const Json& extension)
 {
-    return extension["value"] == 0 && extension["shortValue"] == 0 && extension["text"] == "";
+    return extension["value"] == 0 && extension["shortValue"] == 0 && extension["text"].get<std::string_view>().empty();
 }
 
 /// A bare value: a number, true, false or null if it is one, else text; for fields of several places a list.

@@ -80,7 +80,7 @@ void InsertRule(RuleSetRecord& ruleSet, PFW_RULE rule, const RulePlace& place)
 
 KxCommon::WideString RuleSetName(const std::string& name)
 {
-    const KxCommon::WideString wide = FromUtf8(name);
+    KxCommon::WideString wide = FromUtf8(name);
     if (wide.size() >= KXRULE_RULESET_NAME_UNITS)
         throw Failure("a rule set's name may have " + std::to_string(KXRULE_RULESET_NAME_UNITS - 1) +
                       " UTF-16 units, this one has " + std::to_string(wide.size()));

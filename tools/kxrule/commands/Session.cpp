@@ -207,7 +207,7 @@ RuleLibrary& Session::Library()
 std::string Session::Obstacle() const
 {
     const RuleDirectory store = Store();
-    const std::string path = store.Path();
+    const std::string& path = store.Path();
     std::vector<std::string> names;
     static_cast<void>(store.FindFiles(names));
     for (const std::string& name : names)

@@ -248,7 +248,8 @@ StoreReport CheckStore(const RuleDirectory& directory, Console& console, bool th
                    if (take)
                        Put(*policy, {ruleSet.Index, ruleSet.Name, {}});
                    take ? take(*policy, std::move(ruleSet)) : Put(*policy, std::move(ruleSet));
-                   seen.File.Rules = std::move(ruleSet.Rules); // where nobody took them
+                   // Where nobody took them.
+                   seen.File.Rules = std::move(ruleSet.Rules); // NOLINT(bugprone-use-after-move)
                }
            });
     return report;
