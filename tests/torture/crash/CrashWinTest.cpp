@@ -200,6 +200,12 @@ private:
     std::set<size_t> m_Seen;
 };
 
+/// Not the short form: scripts/torture.py wants every number.
+bool IsWhole()
+{
+    return std::getenv("KX_TORTURE_SECONDS") != nullptr;
+}
+
 } // namespace
 
 TEST(CrashTest, NoStateLosesARule)
@@ -257,6 +263,8 @@ TEST(CrashTest, PlantedFaultsAreFound)
         size_t lost[std::size(kModels)] = {}, finders = 0;
         for (Recording recording : recordings)
         {
+            if (finders > 1 && !IsWhole())
+                break;
             recording.Steps = Plant(static_cast<PlantedFault>(fault), recording.Base, recording.Steps);
             Campaign campaign(recording);
             const size_t before = lost[0] + lost[1] + lost[2];
