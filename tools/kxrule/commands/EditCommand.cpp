@@ -50,9 +50,8 @@ bool ReadEdited(Session& session, const std::string& file, const Policy& store, 
                 Policy& wanted)
 {
     Policy edited;
-    std::vector<Diagnostic> diagnostics;
-    if (!ReadAnyPolicy(ReadTextFile(session, file), edited, diagnostics))
-        return static_cast<void>(TellDiagnostics(session, file, diagnostics)), false;
+    if (!ReadPolicyFile(session, file, edited))
+        return false;
     wanted = edited;
     if (!ruleSetIndex)
         return true;
@@ -83,12 +82,8 @@ Policy PolicyAt(Session& session, const std::string& path)
             throw Failure(path + " is damaged" + report.Problems());
         return policy;
     }
-    std::vector<Diagnostic> diagnostics;
-    if (!ReadAnyPolicy(ReadTextFile(session, path), policy, diagnostics))
-    {
-        TellDiagnostics(session, path, diagnostics);
+    if (!ReadPolicyFile(session, path, policy))
         throw Failure(path + " has errors");
-    }
     return policy;
 }
 
