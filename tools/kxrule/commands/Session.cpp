@@ -42,7 +42,8 @@ bool HasLibrary(DWORD process)
     return false;
 }
 
-/// The other processes that have the rule library loaded, as far as the system tells: ": NAME (process 12), ...".
+/// The other processes that have the rule library loaded, as far as the system tells: ": NAME (process 12), ...". A
+/// process without a name is ending and holds nothing for long.
 std::string UserNames()
 {
     const KxCommon::UniqueFile processes(::CreateToolhelp32Snapshot(TH32CS_SNAPPROCESS, 0));
@@ -53,7 +54,7 @@ std::string UserNames()
          more = ::Process32NextW(processes.get(), &process))
     {
         const DWORD id = process.th32ProcessID;
-        if (id != 0 && id != ::GetCurrentProcessId() && HasLibrary(id))
+        if (id != 0 && id != ::GetCurrentProcessId() && process.szExeFile[0] != L'\0' && HasLibrary(id))
             users +=
                 (users.empty() ? ": " : ", ") + ToUtf8(process.szExeFile) + " (process " + std::to_string(id) + ")";
     }
