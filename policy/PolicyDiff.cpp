@@ -187,8 +187,14 @@ PolicyDiff Compare(const Policy& store, const Policy& policy, MergeMode mode)
         if (SameMacros(*diff.Macros, diff.MacrosBefore))
             diff.Macros.reset();
     }
-    if (policy.Active && *policy.Active != diff.ActiveBefore)
-        diff.Active = policy.Active;
+    std::vector<uint16_t> active = policy.Active.value_or(diff.ActiveBefore);
+    if (!policy.Active) // what is gone is not active either
+    {
+        for (const RuleSetChange& change : diff.RuleSets)
+            std::erase_if(active, [&](uint16_t index) { return !change.NameAfter && index == change.Index; });
+    }
+    if (active != diff.ActiveBefore)
+        diff.Active = std::move(active);
     return diff;
 }
 
@@ -250,8 +256,7 @@ PolicyDiff Inverse(const Policy& before, const PolicyDiff& diff, const Policy& n
     }
     from.Active = now.Active;
     from.Macros = now.Macros;
-    if (diff.Active)
-        to.Active = before.Active;
+    to.Active = diff.Active ? before.Active : now.Active;
     if (diff.Macros)
         to.Macros = before.Macros;
     PolicyDiff inverse = Compare(from, to, MergeMode::Replace);

@@ -53,7 +53,8 @@ struct PolicyDiff
 };
 
 /// The store's policy is complete, as read from the library. Rule sets, active list and macros are left alone when the
-/// policy does not speak of them, in either mode. Both must outlive the result.
+/// policy does not mention them, in either mode; only that a rule set that goes is no longer active. Both must outlive
+/// the result.
 [[nodiscard]] PolicyDiff Compare(const Policy& store, const Policy& policy, MergeMode mode);
 
 /// Drops the store's rules, but for those that are there after the changes. What a rule was before is lost.

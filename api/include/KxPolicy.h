@@ -80,7 +80,7 @@ KXRULE_C_BEGIN
 /* ------------------------------------------------------------------------------------------------------- flags -- */
 
 /* In either mode what a policy has no member for stays: the active list without "active", all macros without
- * "macros", all rule sets without "ruleSets". */
+ * "macros", all rule sets without "ruleSets". A rule set that goes leaves the active list. */
 #define KXPOLICY_MERGE 0u       /* rule sets and rules (by index), macros (by name) that it does not name stay */
 #define KXPOLICY_REPLACE 1u     /* they go */
 #define KXPOLICY_ALLOW_EMPTY 2u /* with KXPOLICY_REPLACE: the policy may remove every rule set that there is */

@@ -23,12 +23,6 @@ std::vector<PFW_RULE>::iterator FindRule(RuleSetRecord& ruleSet, uint16_t index)
                         [index](const PFW_RULE& rule) { return rule.wRuleIndex == index; });
 }
 
-bool HasRuleSet(const Policy& policy, uint16_t index)
-{
-    return std::any_of(policy.RuleSets.begin(), policy.RuleSets.end(),
-                       [index](const RuleSetRecord& ruleSet) { return ruleSet.Index == index; });
-}
-
 bool IsThere(const std::string& path)
 {
     return !path.empty() && ::GetFileAttributesW(AbsolutePath(path).c_str()) != INVALID_FILE_ATTRIBUTES;
@@ -108,9 +102,7 @@ int DeleteRuleSets(Session& session, const std::vector<uint16_t>& indexes, bool 
     }
     if (all)
         wanted.RuleSets.clear();
-    // What is gone is not active either.
-    std::erase_if(*wanted.Active, [&](uint16_t index)
-                  { return IsActive(store, index) && HasRuleSet(store, index) && !HasRuleSet(wanted, index); });
+    wanted.Active.reset(); // what goes leaves the list
     return ApplyPolicy(session, store, wanted, MergeMode::Replace);
 }
 
