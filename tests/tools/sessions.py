@@ -70,6 +70,7 @@ class Session:
         windows = "Z:" + str(self.directory).replace("/", "\\")
         text = text.replace(windows.replace("\\", "\\\\"), "DIR").replace(windows, "DIR")
         text = re.sub(r"(RuleBackup[\\/]+)\d{12}(-\d+)?", r"\1DATED", text)
+        text = re.sub(r"\bRul[0-9a-f]+\.tmp", "RulN.tmp", text)
         text = re.sub(r"\d{4}-\d\d-\d\d \d\d:\d\d:\d\d", "TIME", text)
         text = re.sub(r"([\w.]+ \(process \d+\)(, )?)+", "NAME (process N)", text)  # other tests' as well
         return re.sub(r"[\0-\t\x0b-\x1f\x7f\ue000-\uf8ff]", lambda hidden: f"\\x{ord(hidden[0]):02x}", text)

@@ -209,21 +209,29 @@ std::string Session::Obstacle() const
 {
     const RuleDirectory store = Store();
     const std::string& path = store.Path();
-    std::vector<std::string> names;
-    static_cast<void>(store.FindFiles(names));
+    std::vector<std::string> names = {store.MasterFileName(), store.MacroFileName()};
+    static_cast<void>(store.FindRuleSetFiles(names));
+    std::string why;
     for (const std::string& name : names)
     {
         const DWORD attributes = Files::Attributes((path + name).c_str());
-        if (attributes != INVALID_FILE_ATTRIBUTES && (attributes & FILE_ATTRIBUTE_READONLY) != 0)
-            return "; " + NarrowToUtf8(name) + " is write-protected";
-        if (!Files::Open((path + name).c_str(), GENERIC_WRITE, OPEN_EXISTING,
-                         FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE))
-            return "; " + NarrowToUtf8(name) + ": " + SystemText(::GetLastError());
+        if (attributes == INVALID_FILE_ATTRIBUTES)
+            continue;
+        if ((attributes & FILE_ATTRIBUTE_DIRECTORY) != 0) // that surely is one
+            return "; " + NarrowToUtf8(name) + " is a directory";
+        if (!why.empty())
+            continue;
+        if ((attributes & FILE_ATTRIBUTE_READONLY) != 0)
+            why = "; " + NarrowToUtf8(name) + " is write-protected";
+        else if (!Files::Open((path + name).c_str(), GENERIC_WRITE, OPEN_EXISTING,
+                              FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE))
+            why = "; " + NarrowToUtf8(name) + ": " + SystemText(::GetLastError());
     }
+    if (!why.empty())
+        return why;
     const std::string temporary = Files::TemporaryName(path, FileFormat::kRuleSetTemporary);
     if (temporary.empty())
         return "; a file in it: " + SystemText(::GetLastError());
-    std::string why;
     {
         const std::vector<char> block(1 << 16);
         const KxCommon::UniqueFile file = Files::Open(temporary.c_str(), GENERIC_WRITE, CREATE_ALWAYS);
