@@ -23,13 +23,13 @@ namespace
 
 using Command = std::function<int(Session&)>;
 
-/// A whole number; the help need not say so after every name.
+/// A whole number, whose range the help does not repeat after every name.
 CLI::Validator InRange(int least, int most)
 {
     return CLI::Range(least, most).description("");
 }
 
-/// How many letters have to be changed, added or left out to make one word of another.
+/// How many letters have to be changed, added or removed to turn one word into the other.
 size_t Distance(const std::string& a, const std::string& b)
 {
     std::vector<size_t> row(b.size() + 1);
@@ -59,9 +59,10 @@ public:
         m_App.add_option("--master", m_Options.Master, "The name of the master file in it")->type_name("NAME");
         m_App.add_flag("--json", m_Options.Json, "Print JSON for other programs; errors, too, on standard error");
         m_App.add_flag("--no-color", m_Options.NoColour, "No colours, as with the environment variable NO_COLOR");
-        m_App.add_flag("--force", m_Options.Force,
-                       "Change the store even while another process uses it, and one that is damaged");
-        m_App.add_option("--wait", m_Options.Wait, "How long to wait for others who change a store; 10 if not given")
+        m_App.add_flag("--force", m_Options.Force, "Change the store even if another process uses it or it is damaged");
+        m_App
+            .add_option("--wait", m_Options.Wait,
+                        "How long to wait while another process changes the store; 10 if not given")
             ->check(InRange(0, 86400))
             ->type_name("SECONDS");
         m_App
@@ -71,7 +72,7 @@ public:
             ->type_name("MB");
         m_App
             .add_option("--keep", m_Options.Keep,
-                        "How many of its own copies below RuleBackup stay when another is made; all if not given")
+                        "How many of its own copies below RuleBackup to retain when it makes another; all if not given")
             ->check(InRange(1, 10000))
             ->type_name("N");
         m_App.set_version_flag("--version", "kxrule " KX_VERSION);
@@ -88,12 +89,12 @@ public:
 
     int Run(std::vector<std::string> arguments, Console& console)
     {
-        if (!arguments.empty() && arguments.front() == "help") // as other tools have it
+        if (!arguments.empty() && arguments.front() == "help") // as with other tools
         {
             arguments.erase(arguments.begin());
             arguments.push_back("--help");
         }
-        std::reverse(arguments.begin(), arguments.end()); // the parser expects it so
+        std::reverse(arguments.begin(), arguments.end()); // the parser takes them from the end
         try
         {
             m_App.parse(std::move(arguments));
@@ -162,10 +163,10 @@ private:
             ->required()
             ->type_name("");
         find->add_flag("--any", m_All, "Items that mean any address or port, too");
-        CLI::App* const explain = Add(
-            m_App, "explain", "Tell which rule of the active ones decides about traffic, and what kept others from it",
-            "kxrule explain tcp 10.1.2.3:50000 10.20.0.2:445 --app C:\\a.exe",
-            [this](Session& session) { return Explain(session, m_Explain); });
+        CLI::App* const explain =
+            Add(m_App, "explain", "Show which active rule decides about traffic, and why the others do not",
+                "kxrule explain tcp 10.1.2.3:50000 10.20.0.2:445 --app C:\\a.exe",
+                [this](Session& session) { return Explain(session, m_Explain); });
         explain->add_option("PROTOCOL", m_Explain.Protocol, "any, icmp, tcp, udp, tcpudp or a number")
             ->required()
             ->type_name("");
@@ -192,10 +193,11 @@ private:
         import->add_flag("--check", m_Import.Check,
                          "Show what would change and change nothing; exit code 3 when something would");
         import->add_flag("--allow-empty", m_Import.AllowEmpty, "Let --replace remove every rule set");
-        import->add_flag("--strict", m_Import.Strict, "Refuse a policy of which lint has something to say");
-        CLI::App* const lint = Add(
-            m_App, "lint", "Tell what a policy file, or the store, has that is hardly meant; exit code 1 when it has",
-            "kxrule lint workstation.json", [this](Session& session) { return LintCommand(session, m_File); });
+        import->add_flag("--strict", m_Import.Strict, "Refuse a policy that lint would report");
+        CLI::App* const lint =
+            Add(m_App, "lint",
+                "Report what in a policy file, or in the store, is probably not intended; exit code 1 if anything is",
+                "kxrule lint workstation.json", [this](Session& session) { return LintCommand(session, m_File); });
         lint->add_option("FILE", m_File, "The file; - for standard input; the store if not given")->type_name("");
         CLI::App* const exported = Add(m_App, "export", "Write the store, or some rule sets, as JSON or as text",
                                        "kxrule export --text -o policy.rules",
@@ -275,8 +277,7 @@ private:
                deleteRule->add_option("RULE", m_Indexes, "The rules")->check(InRange(0, 65535))->type_name(""),
                "All of them");
         CLI::App* const activate =
-            Add(m_App, "activate", "Make these rule sets, and no others, active, or change the list",
-                "kxrule activate 1 2 3",
+            Add(m_App, "activate", "Make exactly these rule sets active, or change the list", "kxrule activate 1 2 3",
                 [this](Session& session)
                 {
                     RequireList("--none");
@@ -314,12 +315,11 @@ private:
                 [this](Session& session) { return SetFields(session, *m_RuleSetIndex, *m_RuleIndex, m_Texts); });
         AddRuleSet(set, m_RuleSetIndex, "The rule set")->required();
         AddRule(set, m_RuleIndex, "The rule")->required();
-        set->add_option("FIELD=VALUE", m_Texts, "Members of the JSON form; null takes one away")
+        set->add_option("FIELD=VALUE", m_Texts, "Members of the JSON form; null removes one")
             ->required()
             ->type_name("");
-        CLI::App* const rename =
-            Add(m_App, "rename-set", "Give a rule set another name", "kxrule rename-set 4 \"Home office\"",
-                [this](Session& session) { return RenameSet(session, *m_RuleSetIndex, m_Text); });
+        CLI::App* const rename = Add(m_App, "rename-set", "Rename a rule set", "kxrule rename-set 4 \"Home office\"",
+                                     [this](Session& session) { return RenameSet(session, *m_RuleSetIndex, m_Text); });
         AddRuleSet(rename, m_RuleSetIndex, "The rule set")->required();
         rename->add_option("NAME", m_Text, "Its name, at most 64 characters")->required()->type_name("");
         for (const bool move : {false, true})
@@ -346,17 +346,15 @@ private:
             Add(m_App, "renumber", "Give the rules of a rule set the indexes 10, 20, 30 and so on, in their order",
                 "kxrule renumber 3", [this](Session& session) { return Renumber(session, *m_RuleSetIndex, m_Step); });
         AddRuleSet(renumber, m_RuleSetIndex, "The rule set")->required();
-        renumber->add_option("--step", m_Step, "The distance; 10 if not given")
-            ->check(InRange(1, 65535))
-            ->type_name("N");
+        renumber->add_option("--step", m_Step, "The step; 10 if not given")->check(InRange(1, 65535))->type_name("N");
     }
 
     CLI::App* AddPlace(CLI::App* command)
     {
-        CLI::Option* const before = command
-                                        ->add_option("--before", m_Target.Place.Before,
-                                                     "Before this rule; others move up where there is no room")
-                                        ->type_name("RULE");
+        CLI::Option* const before =
+            command
+                ->add_option("--before", m_Target.Place.Before, "Before this rule; others move up if there is no room")
+                ->type_name("RULE");
         command->add_option("--after", m_Target.Place.After, "After this rule")->excludes(before)->type_name("RULE");
         return command;
     }
@@ -366,12 +364,12 @@ private:
         CLI::App* const verify =
             Add(m_App, "verify", "Check every file in the rule directory and report what is wrong; changes nothing",
                 "kxrule --dir D:\\Rules verify", [this](Session& session) { return Verify(session, m_Text); });
-        verify->add_option("--against", m_Text, "Tell instead which files are not as they were copied to this backup")
+        verify->add_option("--against", m_Text, "Report instead which files differ from this backup")
             ->type_name("BACKUP");
         CLI::App* const backup =
             Add(m_App, "backup", "Copy the rule files to an empty directory", "kxrule backup E:\\rules-monday",
                 [this](Session& session) { return Backup(session, m_Text); });
-        backup->add_option("DIRECTORY", m_Text, "Where to")->required()->type_name("");
+        backup->add_option("DIRECTORY", m_Text, "The directory")->required()->type_name("");
         CLI::App* const restore =
             Add(m_App, "restore", "Restore a backup or one file of it; what is replaced is copied to RuleBackup first",
                 "kxrule restore RuleBackup\\KxRl0001.dat.brk",
@@ -379,13 +377,13 @@ private:
         restore->add_option("SOURCE", m_Text, "A directory with rule files, a rule set file or a macro file")
             ->required()
             ->type_name("");
-        Add(m_App, "backups", "List the copies below RuleBackup: when made, how much is in them, where",
+        Add(m_App, "backups",
+            "List the copies below RuleBackup: when they were made, how much they hold, where they are",
             "kxrule backups", [](Session& session) { return Backups(session); });
-        Add(m_App, "undo",
-            "Bring back the newest copy that kxrule made before it changed something; undoes itself, too",
+        Add(m_App, "undo", "Restore the newest copy that kxrule made before a change; can itself be undone",
             "kxrule undo", [](Session& session) { return Undo(session); });
         CLI::App* const tidy =
-            Add(m_App, "tidy", "Remove what unfinished writes have left, and rule set files that nothing reads",
+            Add(m_App, "tidy", "Remove what unfinished writes have left behind, and rule set files that nothing reads",
                 "kxrule tidy --yes", [this](Session& session) { return Tidy(session, m_All); });
         tidy->add_flag("--yes", m_All, "Do not ask");
         CLI::App* const dump =
@@ -416,7 +414,7 @@ private:
             });
     }
 
-    /// The command that was hardly mistyped, as a question.
+    /// The command closest to a mistyped one, as a question.
     std::string Suggestion(const std::string& word) const
     {
         std::string best;

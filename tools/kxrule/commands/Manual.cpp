@@ -11,11 +11,11 @@ namespace Tool
 namespace
 {
 
-/// Follows the generated parts: what the options do not say. docs/kxrule.md is the whole text.
+/// Follows the generated parts and covers what the option descriptions do not. docs/kxrule.md is the whole text.
 constexpr char kGuide[] = R"(## Policies as JSON
 
-[policy.schema.json](policy.schema.json) is the JSON Schema of a policy; editors use it to complete and check a file that
-names it in `"$schema"`. [workstation.json](../examples/workstation.json) is a complete example.
+[policy.schema.json](policy.schema.json) is the JSON Schema of a policy; editors use it for completion and checking in a
+file that names it in `"$schema"`. [workstation.json](../examples/workstation.json) is a complete example.
 
 Addresses and ports are written as text:
 
@@ -27,32 +27,34 @@ Addresses and ports are written as text:
 | `10.0.0.0/255.0.0.0` | an address with a mask |
 | `10.0.0.1-10.0.0.9` | a range |
 | `!10.0.0.0/8` | everything else (not for names and lists) |
-| `80`, `1000-2000`, `!80` | a port, a range of ports, every port but one |
+| `80`, `1000-2000`, `!80` | a port, a range of ports, every port except one |
 | `80,443,1000-2000` | a list of ports; `list:80` is a list with one port |
 | `@web` | the name `web`, for example of a macro |
 | `none` | an item that was never set |
 
-Values that have names (`tcp`, `accept`, …) may also be written as numbers. Whatever cannot be expressed as a name or text,
-such as spare bytes, is in `"raw"` as lines `"offset: hexadecimal bytes"`; it appears only where it is needed. So importing
-an exported file restores every record byte for byte. Narrow texts (macro names, lists, extension and stream texts) are
-stored in the machine's active code page; a character that is not in it is refused.
+Values that have names (`tcp`, `accept`, …) may also be written as numbers. Whatever cannot be expressed as a name or as
+text, such as spare bytes, is written to `"raw"` as lines of the form `"offset: hexadecimal bytes"`; this member appears
+only where it is needed. Importing an exported file therefore restores every record byte for byte. Narrow texts (macro
+names, lists, extension and stream texts) are stored in the machine's active code page; characters outside it are
+refused.
 
-`import` checks the whole file before it touches anything, and reports everything that is wrong with line and column; where
-the file stops being JSON, that place alone. It changes only what differs: the second import of the same file writes
-nothing. Without `--replace` nothing is removed that the file does not name. Rule sets, active list and macros stay as they
-are when the file does not mention them; an empty `"ruleSets"` removes every rule set only with `--allow-empty`. Files are
-read in UTF-8, or in UTF-16 with a byte order mark; reading stops at what a store cannot hold, after a thousand mistakes and
-at `--max-size`.
+`import` checks the whole file before it changes anything, and reports every error with its line and column; a JSON
+syntax error ends the reading and is then the only one reported. `import` changes only what differs: importing the same
+file a second time writes nothing. Without `--replace`, nothing that the file does not name is removed. Rule sets,
+active list and macros stay as they are if the file does not mention them; an empty `"ruleSets"` removes every rule set
+only with `--allow-empty`. Files are read as UTF-8, or as UTF-16 with a byte order mark; reading stops at whatever
+exceeds what a store can hold, after a thousand errors, and at `--max-size`.
 
-Some policies are possible, but hardly meant: a rule that names a macro which is not there, two macros of one name, ports of
-the protocol icmp, IPv4 and IPv6 addresses in one rule, numbers of actions or protocols that are not known, a program without
-a path, address bits under a mask. `kxrule lint FILE` tells them, `kxrule lint` those of the store; `import` warns of them, and
-refuses them with `--strict`. An active list with a rule set that does not exist, or twice, is refused by `import` as by
-`activate`.
+Some policies are valid but probably not what was intended: a rule that names a macro that does not exist, two macros
+with the same name, ports with the protocol icmp, IPv4 and IPv6 addresses in one rule, unknown numbers for actions or
+protocols, a program without a path, address bits outside the mask. `kxrule lint FILE` reports these, `kxrule lint`
+those in the store; `import` warns of them, or with `--strict` refuses the policy. Like `activate`, `import` refuses an
+active list that names a rule set twice, or one that does not exist.
 
 ## Rules as text
 
-What `show` prints for a rule is what `add-rule`, `import` and `edit` take; `export --text` writes a whole policy so:
+`add-rule`, `import` and `edit` accept rules in the form in which `show` prints them; `export --text` writes a whole
+policy this way:
 
 ```
 rules 1
@@ -68,48 +70,53 @@ set 1 "Home office"
   20  ACCESS,ANY,fe80::/10,,,,ACCEPT
 ```
 
-A rule is its index, the library's line, and what the line does not carry: members of the JSON form as `key=value`. A
-value is bare or JSON; bare lists have commas, `null` takes a member away. In the line an empty place means any, ranges
-have a colon and lists of ports `|`; what begins neither with a digit nor with `!` is a name. A line without an index gets
-the one after the rule above it. `macros` or `sets` alone in a line say that there are none. What can be said in JSON can be
-said in text, so both restore every record byte for byte. `edit` shows what differs and asks before it applies that.
+A rule consists of its index, the library's text for it, and whatever that text does not include: members of the JSON
+form as `key=value`. A value is written bare or as JSON; items of a bare list are separated by commas, and `null`
+removes a member. In the library's text an empty field means any, ranges are written with a colon and lists of ports
+with `|`; whatever begins with neither a digit nor `!` is a name. A line without an index gets the index after that of
+the rule above it. `macros` or `sets` alone on a line says that there are none. Whatever can be expressed in JSON can be
+expressed in text, so both restore every record byte for byte. `edit` shows the differences and asks before it applies
+them.
 
 ## Which rule decides
 
-The library stores rules and filters nothing. `explain`, `find` and `report` assume that the product does this with them:
+The library stores rules and filters nothing. `explain`, `find` and `report` assume that the product applies them as
+follows:
 
-- The rule sets of the active list are asked in their order, the rules of each by ascending index. The first rule that
-  matches decides: `accept` allows, `drop`, `reject` and `reset` refuse, `ask` leaves it to the user.
-- Only access rules that are on decide. Rules of the other kinds apply beside that; `explain` names those.
-- The first address and port of a rule are where traffic comes from, the second where it goes. `!` means the other
+- The rule sets in the active list are consulted in the order of the list, the rules of each by ascending index. The
+  first rule that matches decides: `accept` allows the traffic, `drop`, `reject` and `reset` refuse it, `ask` leaves it
+  to the user.
+- Only access rules that are on decide. Rules of the other kinds apply as well, without deciding; `explain` names them.
+- The first address and port of a rule are the traffic's source, the second its destination. `!` means the other
   addresses of the same family, or the other ports. A rule with ports matches TCP and UDP only.
-- A name stands for the macros that bear it: everything that their items of the right type mean, without what those with
-  `!` leave out; items with `!` alone mean everything else. A name that no macro explains cannot be told.
-- A rule for a program matches its path, in any letter case. Hashes are not compared.
+- A name stands for the macros that have it: everything their items of the right type mean, except what those with `!`
+  exclude; if all items have `!`, everything else. What a name without a macro means is unknown.
+- A rule for a program is matched by path, ignoring case. Hashes are not compared.
 
-A rule that has an extension, or a name or a value that cannot be told, may decide: `explain` says "perhaps" and goes on.
-Where several rules decide, each about a part of what was asked for, it names all of them.
+A rule with an extension, or with a name or value of unknown meaning, may decide: `explain` says "perhaps" and goes on.
+If several rules decide, each about part of the traffic in question, it names all of them.
 
-## What is kept safe
+## Backups and damage
 
 Before a command removes or replaces a rule, a rule set or the macros, it copies the store's files to a dated directory
-below `RuleBackup`, and says where. `kxrule backups` lists these directories,
-`kxrule restore` brings one back, and `kxrule undo` the newest; what that replaces is copied as well. With `--keep N` only the
-newest N of them stay.
+below `RuleBackup` and says where. `kxrule backups` lists these directories, `kxrule restore` restores one of them, and
+`kxrule undo` the newest; what these replace is copied as well. With `--keep N` only the newest N of them are retained.
 
-Every copy has a manifest, `KxRulMan.txt`, with the SHA-256, the size and the name of each file. `restore` refuses a copy that
-is not what was copied, and `backups` says so. `verify --against BACKUP` tells which files of the store differ from it. That
-sees every changed bit; the rule files alone do not show all of them: with a changed bit a rule can be another rule.
+Every copy has a manifest, `KxRulMan.txt`, with the SHA-256, the size and the name of each file. `restore` refuses a
+copy that no longer matches its manifest, and `backups` says so. `verify --against BACKUP` reports which files of the
+store differ from the copy. This detects every changed bit, which a check of the rule files alone cannot: a changed bit
+can turn a rule into another valid one.
 
 A damaged store is not changed: the command ends and says what is wrong. `restore` brings a copy back,
-`import FILE --replace` makes the store what a policy says, and with `--force` any other change goes on with what can be
-read. All three copy the damaged files first. `import --replace --check` says what it would mend, and ends with 3, so that a
-machine that imports every hour heals itself.
+`import FILE --replace` makes the store match a policy, and with `--force` any other change goes ahead with what can be
+read. All three copy the damaged files first. `import --replace --check` reports what it would repair and exits with 3,
+so a machine that imports every hour repairs itself.
 
-One `kxrule` at a time changes a directory; another one waits for it as long as `--wait` says. Commands that only look read
-the files themselves and wait for nobody. Ctrl-C ends a command before its first change, with exit code 4; afterwards it is
-held until the change is complete and the command ends as usual, so what lies there is old or new, never a mixture. (A crash
-of the machine can leave new macros beside old rule sets; the same import again repairs that.) `tidy` looks into what it would remove, and leaves what nothing else holds.
+Only one `kxrule` at a time changes a directory; another one waits for it for up to `--wait` seconds. Commands that only
+read do not wait. Ctrl-C before the first change ends a command with exit code 4; after that it is deferred until the
+change is complete and the command ends as usual, so the store is either old or new, never a mixture. (A crash of the
+machine can leave new macros with old rule sets; running the same import again repairs that.) `tidy` examines what it
+would remove, and leaves anything that exists nowhere else.
 
 ## Many machines
 
@@ -119,18 +126,18 @@ of the machine can leave new macros beside old rule sets; the same import again 
 - name: Firewall rules
   hosts: workstations
   tasks:
-    - name: The policy
+    - name: Copy the policy
       ansible.windows.win_copy:
         src: workstation.json
         dest: C:\ProgramData\Firewall\workstation.json
-    - name: What would change
+    - name: Check what would change
       ansible.windows.win_command: >-
         "C:\Program Files\Firewall\kxrule.exe" --dir C:\ProgramData\Firewall\Rules
         import C:\ProgramData\Firewall\workstation.json --replace --check
       register: check
       changed_when: check.rc == 3
       failed_when: check.rc not in [0, 3]
-    - name: The store
+    - name: Update the store
       when: check.rc == 3
       block:
         - name: Stop the product
@@ -154,8 +161,8 @@ As a scheduled task that applies a file from a share:
 schtasks /Create /TN "Firewall policy" /SC HOURLY /RU SYSTEM /TR "C:\ProgramData\Firewall\follow.cmd"
 ```
 
-with this `follow.cmd`, which only administrators may write, like the file on the share: whoever writes either decides what
-every machine lets through. It stops the product only when something differs.
+with this `follow.cmd`. Only administrators may have write access to it and to the file on the share: whoever can write
+either decides what every machine lets through. It stops the product only if something differs.
 
 ```bat
 @echo off
@@ -170,9 +177,9 @@ net start Firewall
 exit /b %result%
 ```
 
-A process that has the library initialised does not see what another one writes, and writes its own state over it later.
-`kxrule` therefore refuses to change a store while one runs, and names it where the system tells: stop the product first, or
-use `--force` and restart it.
+A process that has initialised the library does not see what another process writes, and later overwrites it with its
+own state. `kxrule` therefore refuses to change a store while such a process is running, and names it if the system can
+tell which one it is: stop the product first, or use `--force` and restart it.
 
 ## Completion
 
@@ -181,12 +188,13 @@ PowerShell: add `kxrule completion powershell | Out-String | Invoke-Expression` 
 )";
 
 constexpr char kErrors[] =
-    R"(What goes wrong is told on standard error: a line for people, or with `--json` an object with `"error"` in words and
-`"exitCode"`; `"result"` and `"name"` are the library's code, where it was the library that failed. Everything that
-is wrong in a policy is an element of `"diagnostics"`, with `"file"`, `"line"`, `"column"`, `"where"` and `"text"`. Before
-it there may be an object with `"waiting"`, while somebody else changes the store, and one with `"warning"` about a damaged
-store: what was wrong in `"files"`, and where they lie now in `"copies"`; or about a policy, with its `"findings"`. Where a command copied the store's files, its own
-output says so in `"copies"`, too. [kxrule.schema.json](kxrule.schema.json) is the JSON Schema of what each command prints.
+    R"(Errors are reported on standard error: as a line of text, or with `--json` as an object with the message in
+`"error"` and the exit code in `"exitCode"`; if it was the library that failed, `"result"` and `"name"` are its result
+code. Each problem in a policy is an element of `"diagnostics"`, with `"file"`, `"line"`, `"column"`, `"where"` and
+`"text"`. The error object may be preceded by one with `"waiting"`, while another process is changing the store, and by
+one with `"warning"`: about a damaged store, with the problems in `"files"` and the place of the copies in `"copies"`,
+or about a policy, with its `"findings"`. A command that copied the store's files also names the copy in `"copies"` of
+its own output. [kxrule.schema.json](kxrule.schema.json) is the JSON Schema of what each command prints.
 
 )";
 
