@@ -1,4 +1,4 @@
-// Data, clock, memory and child processes of the benchmark programs.
+// Data, clock, memory figures and child processes for the benchmark programs.
 #include "bench/Bench.h"
 
 #include <cstdio>
@@ -19,7 +19,7 @@ namespace
 std::string g_DataRoot; // NOLINT: set once by main
 bool g_HasPeers = true;
 
-// By offset: the fields of a packed record may lie at odd addresses.
+// By offset: fields of a packed record may be at odd addresses.
 void PutWide(PFW_RULE& rule, size_t offset, std::wstring_view text)
 {
     std::memcpy(reinterpret_cast<uint8_t*>(&rule) + offset, text.data(), text.size() * sizeof(KXWCHAR));
@@ -61,7 +61,8 @@ PFW_RULE MakeRule(uint16_t set, size_t position)
         rule.Access.Port[1] = port;
         rule.Access.dwAction = KXRULE_ACTION_ACCEPT;
         PutWide(rule, offsetof(PFW_RULE, Access.wszAppName), L"C:\\Program Files\\Example\\Application\\program.exe");
-        std::memset(rule.Access.abAppHash, 0x5a, sizeof(rule.Access.abAppHash)); // known: no hash library is loaded
+        std::memset(rule.Access.abAppHash, 0x5a,
+                    sizeof(rule.Access.abAppHash)); // already set, so no hash library is loaded
         break;
     case KXRULE_KIND_NAT:
         rule.Nat.dwProtocol = KXRULE_PROTOCOL_UDP;

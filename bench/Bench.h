@@ -1,4 +1,4 @@
-// What the benchmark programs share: the data they store, clock, memory, directories, child processes.
+// What the benchmark programs share: the data they store, the clock, memory figures, directories, child processes.
 #pragma once
 
 #include <cstdint>
@@ -31,18 +31,18 @@ inline constexpr uint16_t kKeyStep = 10;
     return static_cast<uint16_t>(kKeyStep * (position + 1));
 }
 
-/// One rule, the same at every call: kinds 1 to 5 in turn, application rules with their hash filled in.
+/// One rule, the same on every call: kinds 1 to 5 in turn, application rules with their hash filled in.
 [[nodiscard]] PFW_RULE MakeRule(uint16_t set, size_t position);
-/// The access rule whose line of text has 64 characters.
+/// An access rule whose line of text has 64 characters.
 [[nodiscard]] PFW_RULE MakeTextRule();
 inline constexpr char kTextLine[] = "ACCESS,TCP,192.168.0.1,!10.0.0.0/255.0.0.0,,80:90,ACCEPT,7:3:abc";
 
-/// Ends the program with the text and the system's error number unless ok.
+/// Unless ok, ends the program with the text and the system's error number.
 void Check(bool ok, const char* what);
 
 [[nodiscard]] double Seconds() noexcept;
 
-/// Working set in bytes, now and at its highest since the process began.
+/// Working set in bytes: current, and peak since the process started.
 struct Memory
 {
     uint64_t Now;
@@ -50,22 +50,22 @@ struct Memory
 };
 [[nodiscard]] Memory MemoryUse();
 
-/// The directory with backslash, made if missing, below the one the program was given.
+/// The named directory below the program's data directory, with a trailing backslash; created if missing.
 [[nodiscard]] std::string DataDirectory(const std::string& name);
 void SetDataRoot(std::string root);
 [[nodiscard]] const std::string& DataRoot() noexcept;
 
-/// Whether the SQL store takes part; measuring a change in the library does without.
+/// Whether the SQL store takes part; it is not needed to measure a change in the library.
 [[nodiscard]] bool HasPeers() noexcept;
 void SetPeers(bool hasPeers) noexcept;
 
-/// Runs this program again as a child with these arguments and returns the numbers that it reported.
+/// Runs this program as a child process with these arguments and returns the numbers it reported.
 using Numbers = std::map<std::string, double>;
 [[nodiscard]] Numbers RunChild(const std::string& arguments);
-/// In the child: hands numbers to the parent.
+/// In the child: passes numbers to the parent.
 void Report(const std::string& path, const Numbers& numbers);
 
-/// Takes "--name=value" out of the arguments; the fallback when it is not there.
+/// Removes "--name=value" from the arguments and returns the value, or the fallback if there is none.
 [[nodiscard]] std::string TakeOption(std::vector<char*>& arguments, const std::string& name,
                                      const std::string& fallback);
 

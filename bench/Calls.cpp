@@ -53,7 +53,7 @@ LookUps::LookUps(const Shape& shape) : Of(shape), Ours(DataDirectory("calls")), 
 LookUps::~LookUps()
 {
     for (uint16_t set = kFirstSet; set < kFirstSet + Of.Sets; ++set)
-        kxRuleDeleteRule(set, 0); // so that the last write is short
+        kxRuleDeleteRule(set, 0); // keeps the last write short
     for (auto& sql : Sql)
         if (sql)
             sql->Commit();

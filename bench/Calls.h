@@ -1,5 +1,4 @@
-// What the benchmarks of single calls share: the same rules in the library, side by side with known addresses, in trees
-// and in SQL.
+// What the benchmarks of single calls share: the same rules in the library, at known addresses, in trees and in SQL.
 #pragma once
 
 #include <map>
@@ -16,9 +15,9 @@
 namespace Bench
 {
 
-constexpr int kWholeCache = 600000; // kilobytes: holds the full store twice over
+constexpr int kWholeCache = 600000; // kilobytes: three times the full store
 
-/// The lock under a floor.
+/// The lock that the floor of a look-up takes.
 class CriticalSection
 {
 public:
@@ -39,7 +38,7 @@ struct Place
     uint16_t Rule;
 };
 
-/// Every rule of a store, in order or in an order that is the same each time.
+/// Every rule of a store, in order or in a shuffled order that is the same every time.
 std::vector<Place> Places(const Shape& shape, bool shuffled);
 
 using TreeRules = std::map<uint16_t, StoredRule>;
@@ -59,16 +58,16 @@ struct LookUps
     CriticalSection Lock;
 };
 
-/// The stores of a shape, kept until another shape is asked for.
+/// The stores of a shape, which live until another shape is requested.
 LookUps& Use(const Shape& shape);
-/// Lets them go: the library holds one store at a time.
+/// Releases them: the library holds one store at a time.
 void Forget();
 
 void OurGet(LookUps&, const Place& place, const PFW_RULE*, PFW_RULE* out);
 /// A critical section and one copy from a known address.
 void FloorGet(LookUps& stores, const Place&, const PFW_RULE* address, PFW_RULE* out);
 
-/// Registers look-up and addition while the store grows, and look-ups from several threads.
+/// Registers look-ups and additions in a growing store, and look-ups from several threads.
 void AddGrowth();
 
 } // namespace Bench

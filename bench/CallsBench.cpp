@@ -16,7 +16,7 @@
 
 using namespace Bench;
 
-// The trace as it is after start, to time a trace call that is off.
+// The trace in its initial state, to time a trace call that is off.
 namespace KxCommon
 {
 std::atomic<bool> g_TraceActive = false;
@@ -91,7 +91,7 @@ void AddLookUps(const Shape& shape)
 
 // -------------------------------------------------------------------------------------------------------- adding --
 
-// One round fills an empty store; what it held before goes away untimed. Sets exist, rules are added one by one.
+// Each round fills an empty store; removing the previous contents is not timed. Sets exist, rules are added one by one.
 template <class Clear, class Put>
 void Growing(benchmark::State& state, const Shape& shape, Clear clear, Put put)
 {
@@ -180,7 +180,7 @@ void AddGrowing(const Shape& shape)
 
 // --------------------------------------------------------------------------------------------------- lines, trace --
 
-// What a line of 64 characters cannot do without: a reserved string, its numbers and words, a bounded copy.
+// The least that a line of 64 characters takes: a reserved string, its numbers and words, a bounded copy.
 void FloorLine(const PFW_RULE& rule, char* text, size_t size)
 {
     std::string line;
@@ -274,7 +274,7 @@ void AddLines()
         ->UseRealTime();
 }
 
-// A loop of calls with and without a trace line in them; the difference is what the line costs.
+// A loop of calls with and without a trace line; the difference is the cost of the line.
 template <bool kTraced>
 [[gnu::noinline]] void Step(uint32_t value)
 {

@@ -1,5 +1,5 @@
-// Counts the calls that a full write and a full read make to the system for files, and prints them as JSON. Built from
-// the library's objects, whose only file calls are those of persistence/Files.
+// Counts the file calls that a full write and a full read make to the system, and prints the counts as JSON. Built from
+// the library's objects, which call the system for files only in persistence/Files.
 //
 //     counts_bench.exe --data=DIR --out=FILE
 #include <fstream>

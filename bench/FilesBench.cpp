@@ -1,6 +1,6 @@
-// Reading and writing of whole stores: the library, the floor under it, and an SQL store, in turn in one run.
-// Reads of the full store run in a process of their own each, as a service's start does: most of their
-// cost is the first touch of new memory.
+// Reading and writing whole stores: the library, the floor under it, and an SQL store, alternating in one run. Each
+// read of the full store runs in a process of its own, as at the start of a service: most of its cost is touching new
+// memory for the first time.
 //
 //     files_bench.exe --data=DIR --store=3x100|64x1024|growth [Google Benchmark's options]
 #include <algorithm>
@@ -43,7 +43,7 @@ std::string SqlPath(const Shape& shape, const char* name)
 struct Child
 {
     const char* Name;
-    std::function<std::function<void()>(const Shape&)> Prepare; // gives the work that is timed
+    std::function<std::function<void()>(const Shape&)> Prepare; // returns the work to be timed
 };
 
 std::shared_ptr<PlainStore> NewPlain(const Shape& shape, bool fill)
@@ -66,14 +66,14 @@ std::function<void()> ReadSql(const Shape& shape, bool encrypted)
 {
     const std::string path = SqlPath(shape, encrypted ? "sql-aes" : "sql");
     auto sets = std::make_shared<SetMap>();
-    return [=] { // opened, read, closed, as the others do with their files
+    return [=] { // opens, reads and closes, as the others do with their files
         SqlStore(path, encrypted, SqlStore::Journal::Rollback).ReadAll(*sets);
         Check(sets->Size() == shape.Sets, "sets read");
     };
 }
 
-// A service's start, up to the first answered look-up: a copy of the DLL, since this program has one already. Leaves
-// the seconds of each part in the numbers.
+// The start of a service up to the first answered look-up, with a copy of the DLL, since this program has one loaded
+// already. Returns the seconds that each part took.
 Numbers StartOurs(const Shape& shape)
 {
     char own[MAX_PATH], copy[MAX_PATH];
@@ -106,7 +106,7 @@ Numbers StartOurs(const Shape& shape)
     return numbers;
 }
 
-// The same of the peer: everything read, or only what the first look-up needs.
+// The same for the peer: reads everything, or only what the first look-up needs.
 Numbers StartSql(const Shape& shape, bool readsAll)
 {
     const double start = Seconds();
@@ -174,7 +174,7 @@ int RunAsChild(const std::string& name, const Shape& shape, const std::string& r
 
 // ------------------------------------------------------------------------------------------------- in one process --
 
-// One process holds the rules twice: in the library, and for the floor and the peer.
+// One process holds the rules twice: in the library, and in the store that the floor and the peer share.
 struct Stores
 {
     explicit Stores(const Shape& shape)
@@ -221,7 +221,7 @@ void ByChild(benchmark::State& state, const std::string& name, const Shape& shap
 {
     const auto run = [&shape](const std::string& child)
     { return RunChild("--child=" + child + " --store=" + shape.Name()); };
-    // Rounds come in any order; what is read has been written once.
+    // Rounds run in any order, so what is read has to be written once beforehand.
     static std::set<std::string> written;
     if (name.starts_with("read/") && !g_Stores && written.insert(name + shape.Name()).second)
         run("write" + name.substr(name.find('/')));
@@ -231,7 +231,7 @@ void ByChild(benchmark::State& state, const std::string& name, const Shape& shap
         numbers = run(name);
         state.SetIterationTime(numbers["seconds"]);
     }
-    // What the rules themselves take is there before a write, and comes with a read.
+    // The memory of the rules themselves is there before a write, but allocated during a read.
     const double rules = name.starts_with("read") ? static_cast<double>(shape.Total() * sizeof(PFW_RULE)) : 0;
     state.counters["peak_above_rules"] = numbers["peak"] - numbers["before"] - rules;
     state.counters["peak_before"] = numbers["peak_before"] - numbers["before"];
@@ -273,7 +273,8 @@ void AddSql(bool encrypted)
 
 void AddCipher()
 {
-    // The cipher alone in its best form: records out of memory, most chains at once, into a buffer that stays near.
+    // The cipher alone at its best: records from memory, as many chains at once as possible, into a buffer that stays in
+    // the cache.
     const auto keys = std::make_shared<Aes128::KeySchedule>(FileFormat::kKey);
     constexpr size_t kChains = Aes128::kMostChains;
     const auto out = std::make_shared<std::vector<uint8_t>>(kChains * Aes128::CipherBytes(sizeof(PFW_RULE)));
@@ -339,7 +340,7 @@ void AddAll(const Shape& shape)
                 AddChild(std::string("memory/write/") + who, std::string("write/") + who, shape);
         return;
     }
-    // Small: again and again in this process. The library goes on with what it read, which is what it wrote.
+    // The small store: repeatedly in this process. The library continues with what it has read, which is what it wrote.
     for (const Child& child : kChildren)
         if (const std::string name = child.Name;
             name.starts_with("read") && name != "read/ours" && (HasPeers() || !name.starts_with("read/sql")))

@@ -11,10 +11,10 @@ using namespace Bench;
 namespace
 {
 
-LookUps* g_Stores = nullptr; // what the threads of one benchmark look into; set by the first
+LookUps* g_Stores = nullptr; // what the threads of one benchmark read; set by the first
 
-// Look-up and addition while one of the three grows: rules in the set, other sets, macros. 512 rules stay untouched by
-// what is timed but for the first row, where the set has as many rules as the row says.
+// Look-up and addition while one of the three grows: the rules in the set, the sets, the macros. The set has 512 rules
+// while the others grow.
 struct Crowd
 {
     uint16_t Rules;
@@ -55,7 +55,7 @@ private:
 void CrowdedGet(benchmark::State& state, const Crowd& crowd)
 {
     const CrowdedStore store(crowd);
-    // The same 512 look-ups each time, so that the processor's caches see the same.
+    // The same 512 look-ups every time, so that the processor's caches are equally warm.
     std::vector<uint16_t> keys;
     for (size_t i = 0; i < 512; ++i)
         keys.push_back(RuleKey(i % crowd.Rules));
@@ -74,7 +74,7 @@ void CrowdedAdd(benchmark::State& state, const Crowd& crowd)
 {
     const CrowdedStore store(crowd);
     const PFW_RULE rule = MakeRule(kFirstSet, 1);
-    const uint16_t key = RuleKey(crowd.Rules - 1u); // the last is taken away, untimed, and added again
+    const uint16_t key = RuleKey(crowd.Rules - 1u); // the last one is removed, which is not timed, and added again
     for (auto _ : state)
     {
         constexpr int kTimes = 64;

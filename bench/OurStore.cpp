@@ -1,4 +1,4 @@
-// The library, called as its customers call it.
+// The library, called as programs call it.
 #include "bench/OurStore.h"
 
 #include <cstring>
@@ -39,7 +39,7 @@ void OurStore::Fill(const Shape& shape)
 
 void OurStore::MarkAll(const Shape& shape)
 {
-    // A refused deletion changes nothing, but has the set written.
+    // A refused deletion changes nothing, but marks the set as changed.
     for (uint16_t set = kFirstSet; set < kFirstSet + shape.Sets; ++set)
         Check(kxRuleDeleteRule(set, 65535) == KXRULE_E_NO_RULE, "kxRuleDeleteRule");
 }

@@ -1,4 +1,4 @@
-// The library, called as its customers call it.
+// The library, called as programs call it.
 #pragma once
 
 #include <string>
@@ -9,7 +9,7 @@
 namespace Bench
 {
 
-/// There is one store in a process, so there is one of these.
+/// A process has one store, so there is only one of these.
 class OurStore
 {
 public:
@@ -18,14 +18,14 @@ public:
     OurStore(const OurStore&) = delete;
     OurStore& operator=(const OurStore&) = delete;
 
-    /// Adds rule by rule: no copy of a set beside the store.
+    /// Adds the rules one by one, so that no second copy of a set takes memory.
     void Fill(const Shape& shape);
     void WriteAll(); // all sets
     void ChangeOne(uint16_t set, uint16_t rule, const PFW_RULE& record);
     void ReadAll();
     [[nodiscard]] bool Holds(const Shape& shape) const;
 
-    /// Has every set written by the next write, without changing any.
+    /// Makes the next write write every set, without changing any.
     static void MarkAll(const Shape& shape);
     static void AddSet(uint16_t set);
 };

@@ -1,4 +1,4 @@
-// The floor under reading and writing: large pieces, one open, flush, close and replace per file.
+// The floor under reading and writing: large pieces; one open, flush, close and replace per file.
 #include "bench/PlainStore.h"
 
 #include <cstdio>
@@ -12,7 +12,7 @@ namespace
 {
 
 constexpr size_t kPiece = 1024 * 1024;
-constexpr size_t kSetHead = 104;     // what the library writes in front of the rules for a name of one block
+constexpr size_t kSetHead = 104;     // what the library writes before the rules if the name fits one block
 constexpr size_t kRuleRecord = 2852; // length and ciphertext of a rule
 constexpr size_t kMacroFile = 44;    // no macros
 constexpr size_t kMasterHead = 128;  // an empty active list
@@ -25,7 +25,7 @@ HANDLE OpenFile(const std::string& path, DWORD access, DWORD disposition)
     return file;
 }
 
-// Gathers bytes and hands them to the system in pieces of exactly 1 MB but for the last.
+// Gathers bytes and passes them to the system in pieces of exactly 1 MB, except the last.
 class PieceWriter
 {
 public:

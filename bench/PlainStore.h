@@ -12,7 +12,7 @@
 namespace Bench
 {
 
-/// As large as the library's own rule object.
+/// The size of the library's own rule object.
 struct StoredRule
 {
     explicit StoredRule(const PFW_RULE& record) noexcept : Record(record) {}
@@ -23,8 +23,8 @@ struct StoredRule
 using RuleMap = IndexMap<StoredRule>;
 using SetMap = IndexMap<RuleMap>;
 
-/// Writes and reads files of the sizes that the library's files have, in pieces of 1 MB, with the same durability:
-/// temporary file, flush, replace. Nothing is spared but the encryption, and nothing done beside it.
+/// Writes and reads files of the same sizes as the library's, in pieces of 1 MB, with the same durability: temporary
+/// file, flush, replace. Only the encryption is left out, and nothing is added.
 class PlainStore
 {
 public:
@@ -32,13 +32,13 @@ public:
 
     void Fill(const Shape& shape);
     void WriteAll();
-    /// One set and, as the library must, the macro and the master file.
+    /// Writes one set and, as the library must, the macro file and the master file.
     void WriteSet(uint16_t set);
-    /// Drops what is in memory and reads it again.
+    /// Discards what is in memory and reads it again.
     void ReadAll(const Shape& shape);
 
     [[nodiscard]] const SetMap& Sets() const noexcept { return m_Sets; }
-    /// Every record, set by set, for those who need addresses to copy from.
+    /// The address of every record, set by set, to copy from.
     [[nodiscard]] std::vector<const PFW_RULE*> Records() const;
 
 private:

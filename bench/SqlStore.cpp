@@ -1,4 +1,4 @@
-// The peer. Settings other than the defaults are the ones that made it faster here; see docs/performance.md.
+// The peer. Where a setting is not the default, it made the peer faster here; see docs/performance.md.
 #include "bench/SqlStore.h"
 
 #include <cstdio>
@@ -111,7 +111,7 @@ void SqlStore::ReplaceAll(const SetMap& sets)
 
 void SqlStore::ReplaceOne(uint16_t set, uint16_t rule, PFW_RULE record)
 {
-    static uint32_t changes = ::GetTickCount(); // other values than an earlier process wrote
+    static uint32_t changes = ::GetTickCount(); // differs from the values that an earlier process wrote
     PrepareUpdate();
     record.dwActive = ++changes;
     Put(m_Update, set, rule, record);

@@ -1,5 +1,5 @@
-// The peer: what people would pick instead. One SQL table, one integer key, 64 KB pages, plain or encrypted with
-// AES-128 in CBC mode, full durability.
+// The peer, what one would use instead: one SQL table with an integer key, 64 KB pages, plain or encrypted with AES-128
+// in CBC mode, full durability.
 #pragma once
 
 #include <cstdint>
@@ -29,14 +29,14 @@ public:
     SqlStore(const SqlStore&) = delete;
     SqlStore& operator=(const SqlStore&) = delete;
 
-    /// A new file with every rule, one transaction, from creation to closed.
+    /// Creates a new file with every rule, in one transaction, and closes it.
     static void FillNew(const std::string& path, bool encrypted, const SetMap& sets);
     static void Remove(const std::string& path);
 
-    // Every record is written with a change in it: a row that stays the same costs next to nothing.
+    // Every record is changed before it is written: a row that stays the same costs next to nothing.
     void ReplaceAll(const SetMap& sets); // one transaction
     void ReplaceOne(uint16_t set, uint16_t rule, PFW_RULE record);
-    void ReadAll(SetMap& sets); // into the same kind of map as the floor
+    void ReadAll(SetMap& sets); // into the same kind of map as the floor's
 
     // Inside a transaction that stays open, so that locks and flushes are paid once.
     void Begin();

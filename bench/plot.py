@@ -1,4 +1,4 @@
-"""Line charts as SVG, with the standard library alone. The x axis doubles from mark to mark."""
+"""Line charts as SVG, using only the standard library. The x axis doubles from tick to tick."""
 import math
 
 WIDTH, HEIGHT = 640, 360
@@ -7,7 +7,7 @@ COLOURS = ("#1f5fa8", "#c0504d", "#4f8a3c", "#7a5aa6")
 
 
 def ticks(low, high, from_zero):
-    """Marks of the y axis: round steps from zero, or powers of ten."""
+    """Ticks of the y axis: round steps from zero, or powers of ten."""
     if from_zero:
         step = 10 ** math.floor(math.log10(high))
         step = next(s for s in (step / 5, step / 2, step, step * 2) if high / s <= 6)
@@ -52,7 +52,7 @@ def lines(path, title, x_label, y_label, series, from_zero=False):
         out += [f'<circle cx="{at_x(x):.1f}" cy="{at_y(y):.1f}" r="3" fill="{colour}"/>' for x, y in points]
         labels.append([at_y(points[-1][1]), name, colour])
     labels.sort()
-    for i, (y, name, colour) in enumerate(labels):  # beside the lines' ends, not on each other
+    for i, (y, name, colour) in enumerate(labels):  # next to the ends of the lines, without overlap
         if i > 0 and y < labels[i - 1][0] + 15:
             y = labels[i][0] = labels[i - 1][0] + 15
         out.append(text(WIDTH - RIGHT + 10, y + 4, name, "start", f' fill="{colour}"'))

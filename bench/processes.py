@@ -1,9 +1,9 @@
 #!/usr/bin/env python3
-"""processes.py BINARIES DATA OUT ROUNDS: what is measured from outside, because it is a process each time.
+"""processes.py BINARIES DATA OUT ROUNDS: what is measured from outside, because each measurement is a process.
 
-The start of a service up to its first answered look-up, with the files in the system's cache (warm) and not (cold), and the
-tool's commands on the full store, with time and peak memory. Writes OUT in the form of the other benchmarks. The stores
-in DATA are those that files_bench has written.
+The start of a service up to its first answered look-up, with the files in the system's cache (warm) or not (cold), and
+the tool's commands on the full store, with time and peak memory. Writes OUT in the format of the other benchmarks. The
+stores in DATA are those written by files_bench.
 """
 import json
 import os
@@ -16,7 +16,7 @@ ROOT = pathlib.Path(__file__).resolve().parent.parent
 
 
 def evict(folder):
-    """Drops the files of a folder from the system's cache, once they are on the disk."""
+    """Drops the files of a folder from the system's cache after flushing them to the disk."""
     for path in filter(pathlib.Path.is_file, folder.iterdir()):
         handle = os.open(path, os.O_RDONLY)
         os.fsync(handle)
@@ -25,7 +25,7 @@ def evict(folder):
 
 
 def run(*arguments, allowed=(0,)):
-    """Seconds and peak memory in bytes of one Windows process."""
+    """Seconds and peak memory, in bytes, of one Windows process."""
     started = time.perf_counter()
     process = subprocess.Popen([ROOT / "cmake/wine-run.sh", *map(str, arguments)],
                                stdout=subprocess.DEVNULL, stderr=subprocess.PIPE)

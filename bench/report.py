@@ -1,9 +1,9 @@
 #!/usr/bin/env python3
 """report.py RESULTS [DOCUMENT]: the table and the plots of one run of scripts/bench.sh.
 
-RESULTS holds the JSON files that the benchmark programs wrote. Prints the table and what has changed since the recorded run,
-and writes summary.json and the plots there. Rows of what was not measured are left out. With a document, the table takes
-the place of what stands between its two marks, and the plots and the medians go into the folder of the document's name.
+RESULTS holds the JSON files written by the benchmark programs. Prints the table and what has changed since the recorded
+run, and writes summary.json and the plots there. Rows that were not measured are omitted. With a document, the table
+replaces what is between its two marks, and the plots and the medians go into the folder named after the document.
 """
 import json
 import pathlib
@@ -37,7 +37,7 @@ class Measures:
         return statistics.median(self.rounds[name])
 
     def spread(self, name):
-        """Half the distance of the quartiles, as a part of the median."""
+        """Half the distance between the quartiles, as a fraction of the median."""
         rounds = self.rounds[name]
         if len(rounds) < 4:
             return 0.0
@@ -61,7 +61,7 @@ class Measures:
 
 
 def three(value):
-    """Three digits that count."""
+    """Three significant digits."""
     return f"{value:.0f}" if value >= 100 else f"{value:.1f}" if value >= 10 else f"{value:.2f}"
 
 
@@ -71,7 +71,7 @@ def replaced(kind, shape):
 
 FULL, SMALL = "64x1024", "3x100"
 
-# work, ours, floor, goal (times the floor), peers: what, candidates of which the fastest counts, goal (times faster)
+# Work, ours, floor, goal (times the floor), peers: what, the candidates, of which the fastest counts, goal (times faster).
 ROWS = [
     (f"write everything, {FULL}", f"write/ours/{FULL}", f"write/floor/{FULL}", 1.3,
      [("AES, every row replaced", replaced("sql-aes", FULL), 2.2), ("AES, new file", [f"write/sql-aes-fill/{FULL}"], 1.3),
@@ -186,7 +186,7 @@ def tool_table(m):
 
 
 def change_table(m):
-    """Against the recorded run: times the floor where there is one, so that the machine's mood counts little."""
+    """Compared with the recorded run: in multiples of the floor where there is one, so that noise matters little."""
     rows = [["since the recorded run", "× floor then", "× floor now", "change"]]
     if not RECORDED.exists():
         return rows
