@@ -1,8 +1,8 @@
 /*
  * KxPfwRule.h: the rule store of the host firewall. Records, result codes and the 25 functions of KxPfwRul.dll.
  *
- * The library keeps rule sets, their rules and macros (named lists of addresses, ports and texts) in memory, marks
- * which rule sets are active, renders rules as text, binds access rules to application hashes, and keeps everything
+ * The library holds rule sets, their rules and macros (named lists of addresses, ports and texts) in memory, records
+ * which rule sets are active, renders rules as text, binds access rules to application hashes, and stores everything
  * in encrypted files in one directory, the rule directory. It filters no traffic.
  *
  *     if (kxRuleInitialize("C:\\ProgramData\\Firewall\\Rules", NULL) != KXRULE_OK) ...   // reads no file yet
@@ -14,7 +14,7 @@
  *     kxRuleFinalize();
  *
  * Records are byte-packed and little-endian; texts are in the active code page where they are narrow and UTF-16
- * where they are wide. Everything that a function hands out is a copy in the caller's buffer.
+ * where they are wide. Everything that a function returns is a copy in the caller's buffer.
  *
  * Threads: any thread may call any function. All but kxRuleGetRuleString2, kxRuleGetMacroString and
  * kxRuleUpdateHashValue run one at a time, under the global lock. After two failures the calling thread holds on to the
@@ -27,9 +27,9 @@
  * kxRuleInitialize returns KXRULE_E_MUTEX, and the functions that need files (kxRuleRead, kxRuleWrite, kxRuleFlush,
  * kxRuleDeleteRuleSet) return KXRULE_E_FILE_OPEN; nothing changes then.
  *
- * Before kxRuleInitialize and after kxRuleFinalize the functions that look, add and delete work on what is in memory,
- * with their usual results (except kxRuleDeleteRuleSet, which refuses); the next kxRuleInitialize empties it. Only
- * changes between the two reach the disk.
+ * Before kxRuleInitialize and after kxRuleFinalize, the functions that look up, add and delete work on what is in
+ * memory, with their usual results (except kxRuleDeleteRuleSet, which refuses); the next kxRuleInitialize empties it.
+ * Only changes between the two reach the disk.
  *
  * Results are KXRULE_OK (0) or one of the negative codes below; some functions return a count, a length or a size
  * instead. A function returns only the codes that are listed for it. No function throws.
@@ -83,7 +83,7 @@ typedef uint_least16_t KXWCHAR;
 #define KXRULE_STATIC_ASSERT(condition) _Static_assert(condition, #condition)
 #define KXRULE_C_BEGIN
 #define KXRULE_C_END
-#else /* C99: a declaration, repeated as often as wanted, that is wrong when the condition is */
+#else /* C99: a declaration, which may be repeated, and which is invalid if the condition is false */
 #define KXRULE_STATIC_ASSERT(condition) extern const char g_kxRuleLayout[(condition) ? 1 : -1]
 #define KXRULE_C_BEGIN
 #define KXRULE_C_END
@@ -411,17 +411,17 @@ typedef int32_t (*KXRULE_HASH_CALLBACK)(uint32_t ruleSetIndex, const PFW_RULE* r
 /* --------------------------------------------------------------------------------------------------- lifecycle -- */
 
 /*
- * Starts the library: trace, named mutex, empty store, delayed write timer. Reads no rule file; see kxRuleRead.
+ * Starts the library: trace, named mutex, empty store, timer of delayed writes. Reads no rule file; see kxRuleRead.
  *   rulePath        the rule directory. A relative path is resolved here, once. Null or empty: the DLL's own directory
  *                   (the current one if that cannot be determined). Created if missing (one level); if that fails,
- *                   the first write returns KXRULE_E_FILE_OPEN. At most 223 bytes, or copies in RuleBackup have no
- *                   names.
+ *                   the first write returns KXRULE_E_FILE_OPEN. At most 223 bytes: with
+ *                   a longer path, no copies can be made in RuleBackup.
  *   masterFileName  a bare file name for the master file. Null or empty: KxRulMas.dat.
  * 0, or KXRULE_E_ALREADY_INITIALIZED  the library is initialised; only the trace settings are read again
  *       KXRULE_E_MUTEX                Global\KxPfwRuleDllLockMutex could not be created, or memory ran out; not
  *                                     initialised, but the trace goes on until kxRuleFinalize is called
- * Call kxRuleRead next, even if the directory is believed to be empty: a write without it replaces the store that is
- * there (after a copy into a dated backup directory) and does not list its rule sets. Changes reach the disk every
+ * Call kxRuleRead next, even if the directory should be empty: a write without it replaces the store that is there
+ * (after copying it to a dated backup directory) and does not list its rule sets. Changes reach the disk every
  * RuleWriteInterval milliseconds (docs/settings.md), 30 minutes unless configured. Only one process at a time may
  * read or write a rule directory: nothing reloads what another process wrote.
  */
@@ -440,14 +440,14 @@ KXRULE_API int32_t kxRuleFinalize(void);
 /*
  * Discards what is in memory and reads master, macro and rule set files. Damage is detected only if a length, the
  * padding, a magic number or a count does not fit; a flipped bit inside a record can turn it into a different rule.
- * Where the store can go on, damage is repaired and not reported: if the master file is unusable, or missing beside
- * rule set files, it and all rule set files are moved to a dated backup directory (the macro file stays); rescue rule
- * sets remain at most for those that it named before the damage, and the result does not show it. An unreadable rule
- * set is copied to a .brk file and replaced by a rescue rule set (docs/recovery.md). May load KxHash.dll.
+ * If the store can go on, damage is repaired and not reported: if the master file is unusable, or missing although
+ * there are rule set files, it and all rule set files are moved to a dated backup directory (the macro file stays); at
+ * most the sets that it named before the damage get rescue rule sets, and the result does not show it. An unreadable
+ * rule set is copied to a .brk file and replaced by a rescue rule set (docs/recovery.md). May load KxHash.dll.
  * 0, or KXRULE_E_FILE_READ       the macro file is damaged (no rule set has been read then), or memory ran out
  *       KXRULE_E_MACRO_FORMAT    the macro file has another magic or version (no rule set has been read then)
  *       KXRULE_E_FILE_OPEN, KXRULE_E_FILE_WRITE  the rescue of the last listed rule set could not be written
- *       KXRULE_E_FILE_OPEN       another program keeps the master or the macro file open for more than a second and
+ *       KXRULE_E_FILE_OPEN       for more than a second another program has had the master or the macro file open and
  *                                lets nobody else read it: nothing was moved or written, try again. Or not
  *                                initialised
  * After a failure in an initialised library the calling thread holds on to the master lock until it calls
@@ -458,9 +458,9 @@ KXRULE_API int32_t kxRuleFinalize(void);
 KXRULE_API int32_t kxRuleRead(void);
 
 /*
- * Writes macro file, modified rule sets and master file now. Each file is written beside the old one and moved over
- * it only when complete and flushed.
- * 0, or KXRULE_E_FILE_OPEN   a temporary file could not be made in the rule directory, or not initialised
+ * Writes the macro file, modified rule sets and the master file now. Each file is written under a temporary name and
+ * replaces the old one only when complete and flushed.
+ * 0, or KXRULE_E_FILE_OPEN   a temporary file could not be created in the rule directory, or not initialised
  *       KXRULE_E_FILE_WRITE  a file could not be written or replaced, or memory ran out; the old file stays. Or the
  *                            old file was never read, and another program has it open so that it can be neither
  *                            copied nor renamed first (docs/recovery.md). The files after it are not written
@@ -495,11 +495,11 @@ KXRULE_API int32_t kxRuleGetActiveRuleSet(uint16_t* indexes, int32_t maxCount);
  *            rules with the same wRuleIndex the later one counts. Out: wRuleSetIndex on success, else unchanged.
  * 0, or KXRULE_E_NULL_POINTER       ruleSet is null, or memory ran out
  *       KXRULE_E_PORT_LIST          a rule of kind 1 has an empty or blank port list; kind 6 is not checked here
- *       KXRULE_E_TOO_MANY_RULESETS  64 rule sets are there
+ *       KXRULE_E_TOO_MANY_RULESETS  the store already holds 64 rule sets
  *       KXRULE_E_TOO_MANY_RULES     more than 1024 different wRuleIndex values
- *       KXRULE_E_NO_RULESET         index is in use. In an initialised library the calling thread then keeps the
- *                                   master lock until it calls kxRuleFinalize or ends: its own calls go on, those of
- *                                   other threads wait. Add with index 0, or ask kxRuleGetRuleSetIndex first.
+ *       KXRULE_E_NO_RULESET         index is in use. In an initialised library the calling thread then holds on to
+ *                                   the master lock until it calls kxRuleFinalize or ends: its own calls go on, those
+ *                                   of other threads wait. Add with index 0, or call kxRuleGetRuleSetIndex first.
  * May load KxHash.dll, once for each access rule without a hash.
  */
 KXRULE_API int32_t kxRuleAddRuleSet(uint16_t index, PFW_RULESET* ruleSet);
@@ -531,16 +531,16 @@ KXRULE_API int32_t kxRuleGetRuleSet(uint16_t index, PFW_RULESET* ruleSet, int32_
 
 /* ------------------------------------------------------------------------------------------------------- rules -- */
 
-/* The smallest rule index of a set, 0 when it holds no rule (or rule 0), or KXRULE_E_NO_RULESET. */
+/* The smallest rule index of a set, 0 if it holds no rule (or rule 0), or KXRULE_E_NO_RULESET. */
 KXRULE_API int32_t kxRuleGetRuleTopIndex(uint16_t ruleSetIndex);
 
-/* The largest rule index of a set, 0 when it holds no rule (or only rule 0), or KXRULE_E_NO_RULESET. */
+/* The largest rule index of a set, 0 if it holds no rule (or only rule 0), or KXRULE_E_NO_RULESET. */
 KXRULE_API int32_t kxRuleGetRuleBottomIndex(uint16_t ruleSetIndex);
 
 /*
  * Adds one rule to a rule set. It reaches the disk with the next timed write, or at once with kxRuleWrite.
  *   ruleSetIndex  an existing rule set
- *   ruleIndex     the rule's key in the set, 0 to 65535; wins over the record's own wRuleIndex
+ *   ruleIndex     the rule's key in the set, 0 to 65535; overrides the record's own wRuleIndex
  *   rule          2845 bytes, copied; access rules are normalised in the copy and get their application's hash
  * 0, or KXRULE_E_NULL_POINTER    rule is null, or memory ran out
  *       KXRULE_E_PORT_LIST       a rule of kind 1 or 6 has an empty or blank port list (bytes above 127 are blanks)
@@ -585,8 +585,8 @@ KXRULE_API int32_t kxRuleDeleteMacro(void);
 KXRULE_API int32_t kxRuleGetMacroCount(void);
 
 /*
- * Copies all macros out, one packed record right after the other, in the order they were added; dwReserved keeps the
- * value that the buffer had.
+ * Copies all macros out, one packed record right after the other, in the order they were added; dwReserved is left as
+ * it was in the buffer.
  *   buffer      bufferSize bytes; nothing is written when it is null or too small
  * Returns the bytes needed for all macros (at most 2^31 - 1), in either case. Call with bufferSize 0 first.
  */
@@ -628,24 +628,23 @@ KXRULE_API int32_t kxRuleGetMacroString(const PFW_MACRO* macro, char* text, int3
 /*
  * Refreshes the application hashes of all rules, or of those bound to one application.
  *   applicationPath  NUL-terminated; compared ignoring case. Null: every rule whose dwSystem is 0.
- *   hash             20 bytes, or null. Null or all zero: compute the hash of every selected rule whose dwSystem is 0
- *                    anew. Otherwise: skip those that already hold it, give the others the hash computed from their
- *                    file, never this one. A rule whose dwSystem is 1, selected by its name, takes over a hash that
- *                    is not zero in any case (if it is named SYSTEM, until the next kxRuleRead), and is otherwise
- *                    left alone.
+ *   hash             20 bytes, or null. Null or all zero: recompute the hash of every selected rule whose dwSystem is
+ *                    0. Otherwise: skip those that already have it, and give the others the hash computed from their
+ *                    file, never this one. A rule whose dwSystem is 1, selected by its name, takes any hash that is
+ *                    not zero (if it is named SYSTEM, until the next kxRuleRead), and is otherwise left alone.
  *   callback         called once per rule whose hash was set, or null; see KXRULE_HASH_CALLBACK
- *   context          handed to the callback
+ *   context          passed to the callback
  * 0, or KXRULE_E_HASH_LIBRARY  KxHash.dll could not be loaded, or memory ran out
  *       any other value        the status with which kxCfwGetHashValue failed, unchanged
- * Whatever a rule's kind, the bytes 784 to 1329 of its record are taken for an access rule's fields: a rule of kind 6
- * is not refreshed in its own fields, and other kinds may have bytes 1306 to 1325 replaced when they look like a path.
- * A stream rule whose text has 271 to 812 bytes looks so: a refresh of all applications asks for the hash of a part of
- * that text, fails, and ends with that set. Refresh application by application where there are such rules.
- * Rules whose dwSystem is neither 0 nor 1 are left alone. An uninitialised library returns 0.
- * A rule that fails keeps its hash and does not stop its set; the walk ends after the first set with a failure and
- * returns that set's first one. Changed sets are written with the next timed write. Takes the master lock only, for
- * as long as it reads files: meanwhile a call that changes the store waits for it, and all other calls wait for that
- * call.
+ * Whatever a rule's kind, bytes 784 to 1329 of its record are treated as an access rule's fields: a rule of kind 6 is
+ * not refreshed in its own fields, and rules of other kinds may have bytes 1306 to 1325 replaced if the bytes before
+ * them look like a path, as they do in a stream rule whose text has 271 to 812 bytes: a refresh of all applications
+ * asks for the hash of a part of that text, fails, and ends with that set. If there are such rules, refresh application
+ * by application. Rules whose dwSystem is neither 0 nor 1 are left alone. An uninitialised library returns 0.
+ * A rule that fails retains its hash and does not stop its set; the refresh ends after the first set with a failure and
+ * returns the first failure of that set. Changed sets are written with the next timed write. Takes the master lock
+ * only, for as long as it reads files: meanwhile a call that changes the store waits for it, and all other calls wait
+ * for that call.
  */
 KXRULE_API int32_t kxRuleUpdateHashValue(const KXWCHAR* applicationPath, const uint8_t* hash,
                                          KXRULE_HASH_CALLBACK callback, void* context);
@@ -653,9 +652,9 @@ KXRULE_API int32_t kxRuleUpdateHashValue(const KXWCHAR* applicationPath, const u
 /* ------------------------------------------------------------------------------------------- loaded at run time -- */
 
 /*
- * All functions, F(name, (parameters)) each, for a program that loads the DLL itself instead of linking with it; a type
- * for each: kxRuleRead_FUNC is that of kxRuleRead; and KXRULE_LIBRARY, a pointer to each by its name.
- * examples/load-at-run-time.c has the loader to paste. Functions of later versions come after these.
+ * For a program that loads the DLL itself instead of linking with it: all functions, each as F(name, (parameters)); a
+ * type for each, such as kxRuleRead_FUNC for kxRuleRead; and KXRULE_LIBRARY, with a pointer of that name to each.
+ * examples/load-at-run-time.c has a loader to paste. Functions of later versions come after these.
  */
 /* clang-format off */
 #define KXRULE_FUNCTIONS(F)                                                                                            \
@@ -766,7 +765,7 @@ KXRULE_STATIC_ASSERT(offsetof(MACRO_ITEM, szText) == 4);
 KXRULE_STATIC_ASSERT(sizeof(PFW_MACRO) == 40);
 KXRULE_STATIC_ASSERT(offsetof(PFW_MACRO, szName) == 4);
 KXRULE_STATIC_ASSERT(offsetof(PFW_MACRO, nItemCount) == 36);
-#if defined(__cplusplus) /* that a member can be read here tells that it is the one that {} zeroes */
+#if defined(__cplusplus) /* a member that can be read here is the one that {} zeroes */
 KXRULE_STATIC_ASSERT(PFW_ADDR{}.abIPv6[15] == 0);
 KXRULE_STATIC_ASSERT(RULE_PORT{}.szList[KXRULE_PORT_LIST_BYTES - 1] == 0);
 KXRULE_STATIC_ASSERT(PFW_RULE{}.abKind[2704] == 0);

@@ -5,11 +5,11 @@
  *     kxrule::Store store;
  *     kxrule::Result result = store.open(L"C:\\ProgramData\\Firewall\\Rules");
  *     if (result)
- *         result = store.read();       // change nothing when this fails: the next write lists only what was read
+ *         result = store.read();       // if this fails, change nothing: the next write lists only what was read
  *     if (result)
  *         result = store.addRule(1, 100, kxrule::access().tcp().from("10.0.0.0/8").port("80-90").accept());
  *     if (result)
- *         result = store.flush();      // on disk now; the end of the store writes too, but cannot say how that went
+ *         result = store.flush();      // on disk now; the destructor writes too, but cannot report a failure
  *     if (!result)
  *         return fail(result.name(), result.message()); // KXRULE_E_RULE_EXISTS, "the rule index is in use ..."
  *     if (const auto text = store.ruleText(1, 100))
@@ -22,7 +22,7 @@
 #ifndef KXPFWRULE_HPP
 #define KXPFWRULE_HPP
 
-#include "KxPfwRuleBuilder.hpp" // first: it refuses what is older than C++20
+#include "KxPfwRuleBuilder.hpp" // first: it refuses anything older than C++20
 
 #include <exception>
 #include <iterator>
@@ -57,7 +57,7 @@ namespace kxrule
     R(KXRULE_E_PORT_LIST, "a port list of an access rule is empty or blank")                                           \
     R(KXRULE_E_HASH_LIBRARY, "KxHash.dll or its function could not be loaded, or memory ran out")
 
-/// A result code that knows its name and compares with the codes of KxPfwRule.h. True when the call succeeded.
+/// A result code with its name, comparable with the codes of KxPfwRule.h. True if the call succeeded.
 class [[nodiscard]] Result
 {
 public:
@@ -67,10 +67,10 @@ public:
     constexpr int32_t code() const noexcept { return m_Code; }
     friend constexpr bool operator==(Result, Result) = default; // also result == KXRULE_E_MUTEX
 
-    /// As in KxPfwRule.h, with a NUL after it. Empty for a status of the hash library (Store::updateHashes).
+    /// As in KxPfwRule.h, followed by a NUL. Empty for a status of the hash library (Store::updateHashes).
     constexpr std::string_view name() const noexcept { return text().first; }
 
-    /// A sentence for people, with a NUL after it.
+    /// A readable sentence, followed by a NUL.
     constexpr std::string_view message() const noexcept { return text().second; }
 
 private:
@@ -124,9 +124,9 @@ public:
     Outcome(Result error, T value) : m_Error(error), m_Value(std::move(value)) {}
 
     bool has_value() const noexcept { return static_cast<bool>(m_Error); }
-    Result error() const noexcept { return m_Error; } ///< KXRULE_OK where there is a value
+    Result error() const noexcept { return m_Error; } ///< KXRULE_OK if there is a value
 
-    /// Not for a bool, whose own value would be mistaken for it: has_value() and value_or(false) say what is meant.
+    /// Not for a bool, whose own value could be mistaken for it: has_value() and value_or(false) are unambiguous.
     explicit operator bool() const noexcept requires(!std::is_same_v<T, bool>) { return has_value(); }
 
     T& operator*() & noexcept { return m_Value; }
@@ -146,7 +146,7 @@ private:
     T m_Value = {};
 };
 
-/// A text of a packed record, up to its terminator or the end of its field: field(set, &PFW_RULESET::wszName),
+/// A text in a packed record, up to its terminator or the end of its field: field(set, &PFW_RULESET::wszName),
 /// field(rule.Access, &PFW_ACCESS::szExtText). (A pointer or reference to such a field would be misaligned.)
 template <class Record, class Unit, size_t Units>
 std::basic_string<Unit> field(const Record& record, Unit (Record::*member)[Units])
@@ -170,7 +170,7 @@ inline std::basic_string<KXWCHAR> application(const PFW_RULE& rule)
                                                 : std::basic_string<KXWCHAR>();
 }
 
-/// A rule set record with its rules after it, in one block. Without one (default-constructed or moved-from) record() is
+/// A rule set record followed by its rules, in one block. Without one (default-constructed or moved-from) record() is
 /// null, there are no rules, and index and name must not be called.
 class RuleSet
 {
@@ -267,7 +267,8 @@ inline Outcome<int32_t> number(int32_t value) noexcept
     return {(std::min)(value, KXRULE_OK), (std::max)(value, 0)};
 }
 
-/// The text of a call of the form (buffer, size) -> length. Most lines fit the first buffer and are rendered once.
+/// The text returned by a call of the form (buffer, size) -> length. Most lines fit the first buffer and are rendered
+/// once.
 template <class Call>
 Outcome<std::string> text(const Call& call)
 {
@@ -276,7 +277,7 @@ Outcome<std::string> text(const Call& call)
     int32_t length = call(line, static_cast<int32_t>(sizeof line));
     if (length >= 0 && static_cast<size_t>(length) <= sizeof line)
         text.assign(line, static_cast<size_t>(length));
-    // Between two calls another thread may store a longer rule there.
+    // Another thread may store a longer rule there between two calls.
     while (length > 0 && static_cast<size_t>(length) > text.size())
     {
         text.resize(static_cast<size_t>(length));
@@ -286,7 +287,7 @@ Outcome<std::string> text(const Call& call)
     return {number(length).error(), std::move(text)};
 }
 
-/// The list of a call of the form (buffer, room) -> full count.
+/// The list returned by a call of the form (buffer, capacity) -> full count.
 template <class Call>
 std::vector<uint16_t> list(const Call& call)
 {
@@ -309,7 +310,7 @@ extern "C" __declspec(dllimport) int __stdcall WideCharToMultiByte(unsigned int 
                                                                    const wchar_t* from, int fromSize, char* to,
                                                                    int toSize, const char* unmapped, int* anyUnmapped);
 
-/// The text in the active code page; nothing if that would be a different text.
+/// The text in the active code page; nothing if the code page cannot express it.
 inline std::optional<std::string> narrow(std::wstring_view text)
 {
     const int size = static_cast<int>(text.size());
@@ -324,7 +325,7 @@ inline std::optional<std::string> narrow(std::wstring_view text)
 
 } // namespace detail
 
-/// A line of text for a record that need not be stored.
+/// A record, which need not be stored, as a line of text.
 inline Outcome<std::string> text(const PFW_RULE& rule)
 {
     return detail::text([&](char* text, int32_t size) { return kxRuleGetRuleString2(&rule, text, size); });
@@ -335,7 +336,7 @@ inline Outcome<std::string> text(const PFW_MACRO& macro)
     return detail::text([&](char* text, int32_t size) { return kxRuleGetMacroString(&macro, text, size); });
 }
 
-/// The library, initialised from open until close or the end of the object. There is one store in a process.
+/// The library, initialised from open until close or destruction. There is one store in a process.
 class Store
 {
 public:
@@ -352,8 +353,7 @@ public:
     }
     ~Store() { close(); }
 
-    /// Null for the rule directory means the DLL's own, for the master file KxRulMas.dat. Leaves nothing running if it
-    /// fails.
+    /// A null rule directory means the DLL's own, a null master file KxRulMas.dat. Leaves nothing running if it fails.
     Result open(const char* rulePath, const char* masterFileName = nullptr) noexcept
     {
         const Result result = kxRuleInitialize(rulePath, masterFileName);
@@ -375,7 +375,7 @@ public:
     }
 #endif
 
-    /// Writes changes; call flush() first to learn whether that works.
+    /// Writes changes; call flush() first to find out whether that succeeds.
     void close() noexcept
     {
         if (std::exchange(m_Open, false))
@@ -460,7 +460,7 @@ public:
         return kxRuleDeleteRule(ruleSet, 0);
     }
 
-    /// Into the caller's record, which saves look-ups in a loop the copy that a returned value may cost.
+    /// Into the caller's record, which saves look-ups in a loop the copying of a returned value.
     Result rule(uint16_t ruleSet, uint16_t index, PFW_RULE& rule) const noexcept
     {
         return kxRuleGetRule(ruleSet, index, &rule);
@@ -483,8 +483,8 @@ public:
     {
         return detail::number(kxRuleGetRuleBottomIndex(ruleSet));
     }
-    /// isActive(1, 100).value_or(false) asks for an active rule. (A dwActive that equals one of the two codes counts as
-    /// that code.)
+    /// isActive(1, 100).value_or(false) tests for an active rule. (A dwActive that equals one of the two codes counts
+    /// as that code.)
     Outcome<bool> isActive(uint16_t ruleSet, uint16_t index) const noexcept
     {
         const int32_t value = kxRuleIsRuleActive(ruleSet, index);
@@ -511,7 +511,7 @@ public:
         int32_t needed = kxRuleGetMacro(nullptr, 0);
         while (needed > static_cast<int32_t>(macros.m_Bytes.size()))
         {
-            if (needed == INT32_MAX) // or more: the library hands out less than that
+            if (needed == INT32_MAX) // or more: the library copies less than that
                 throw std::bad_alloc();
             // Zeroed, since the library leaves each record's first word as it is.
             macros.m_Bytes.assign(static_cast<size_t>(needed), 0);
@@ -522,8 +522,9 @@ public:
     }
 
     /// Refreshes application hashes: of the rules for one path, or of all (null). hash is null or 20 bytes; see
-    /// kxRuleUpdateHashValue. changed(uint32_t ruleSet, const PFW_RULE& rule) is called for each rule that got one; it
-    /// must not call the library. An exception of it does not end the refresh; it is rethrown at the end.
+    /// kxRuleUpdateHashValue. changed(uint32_t ruleSet, const PFW_RULE& rule) is called for each rule that is given
+    /// one; it must not call the library. An exception thrown by it does not stop the refresh, and is rethrown at the
+    /// end.
     template <class Changed>
     Result updateHashes(const KXWCHAR* applicationPath, const uint8_t* hash, Changed&& changed)
     {

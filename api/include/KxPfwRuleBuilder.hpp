@@ -31,7 +31,7 @@ namespace kxrule
 
 using WideView = std::basic_string_view<KXWCHAR>;
 
-// What can be wrong with a literal, in the words that the compiler shows.
+// What can be wrong with a literal, worded for the compiler's message.
 #define KXRULE_FAULTS(F)                                                                                               \
     F(an_address_is_any_or_like_10_0_0_1_or_fe80_1_or_at_name)                                                         \
     F(an_ipv4_number_has_a_leading_zero_which_some_read_as_octal)                                                      \
@@ -43,7 +43,7 @@ using WideView = std::basic_string_view<KXWCHAR>;
     F(the_text_holds_a_nul)                                                                                            \
     F(the_name_after_the_at_sign_is_missing)
 
-/// Never called: the compiler names one of these when it refuses a literal.
+/// Never called: the compiler names one of these if it rejects a literal.
 namespace wrong_literal
 {
 #define KXRULE_FAULT(name) void name();
@@ -77,7 +77,7 @@ consteval void require(Fault fault)
 }
 #undef KXRULE_FAULTS
 
-/// Digits only, at most `most`.
+/// Digits only, at most the value `most`.
 constexpr std::optional<uint32_t> number(std::string_view text, uint32_t most, uint32_t base = 10)
 {
     uint64_t value = 0;
@@ -96,7 +96,7 @@ constexpr std::optional<uint32_t> number(std::string_view text, uint32_t most, u
     return value > most ? std::nullopt : std::optional(static_cast<uint32_t>(value));
 }
 
-/// The text up to the separator; the rest, without it, stays.
+/// Takes the text up to the separator; the rest, without the separator, remains.
 constexpr std::string_view cut(std::string_view& text, char separator)
 {
     const size_t end = (std::min)(text.find(separator), text.size());
@@ -142,7 +142,7 @@ void fill(void* field, size_t size, std::basic_string_view<Unit> text)
 
 } // namespace detail
 
-/// A text that fits its field: if cut, a path or a name would be a different one.
+/// A text that fits its field: cutting a path or a name would make it a different one.
 template <class Unit, size_t Units> // of the field, terminator included
 class FieldText
 {
@@ -180,7 +180,7 @@ using StreamText = FieldText<char, KXRULE_STREAM_TEXT_BYTES>;
 using GenStreamText = FieldText<char, KXRULE_GENSTREAM_TEXT_BYTES>;
 
 /// An address item: any, none, 10.0.0.1, 10.0.0.0/8, 10.0.0.0/255.0.0.0, 10.0.0.1-10.0.0.9, fe80::1, fe80::/10, @name;
-/// all but any, none and @name also with "!" in front. The notation is that of kxrule.
+/// all except any, none and @name may be preceded by "!". The notation is that of kxrule.
 class Address
 {
 public:
@@ -255,7 +255,7 @@ private:
                             : Fault::after_the_slash_should_be_a_prefix_length_or_a_mask_of_the_same_family);
     }
 
-    /// A number in the order of the record's bytes.
+    /// A number whose bytes are in the order of the record.
     static constexpr Bytes split(uint32_t value)
     {
         return {static_cast<uint8_t>(value), static_cast<uint8_t>(value >> 8), static_cast<uint8_t>(value >> 16),
@@ -295,7 +295,7 @@ private:
         return address;
     }
 
-    /// Groups from the front up to "::", then the rest from the back.
+    /// Groups from the front up to "::", then the others from the back.
     static constexpr bool parseIPv6(std::string_view text, Bytes& bytes)
     {
         const size_t gap = text.find("::");
@@ -428,8 +428,8 @@ private:
 
 /// One rule under construction. It can be passed wherever a const PFW_RULE& is expected, without a copy; to store the
 /// rule, copy it (const PFW_RULE rule = access()...), since a reference would outlive the builder. Calls for which a
-/// kind of rule has no field do not compile; addresses and ports not mentioned are "any". Of the texts only the
-/// description is cut to its field.
+/// kind of rule has no field do not compile; addresses and ports not mentioned are "any". Of all texts,
+/// only the description is cut to fit its field.
 template <uint32_t Kind, auto PFW_RULE::*Body, class TheStreamText = StreamText>
 class RuleBuilder
 {
@@ -453,7 +453,7 @@ public:
     RuleBuilder& description(WideView text)
     {
         const size_t most = KXRULE_DESCRIPTION_UNITS - 1;
-        if (text.size() > most && (text[most] & 0xFC00) == 0xDC00) // not through the middle of a character
+        if (text.size() > most && (text[most] & 0xFC00) == 0xDC00) // do not cut a character in half
             text = text.substr(0, most - 1);
         return detail::fill(&m_Rule.wszDescription, sizeof m_Rule.wszDescription, text), *this;
     }

@@ -1,5 +1,5 @@
-"""The rule store of a host firewall, KxPfwRul.dll, and KxPolicy.dll from Python on Windows. KxPfwRule.h and KxPolicy.h document
-every call."""
+"""KxPfwRul.dll, the rule store of a host firewall, and KxPolicy.dll from Python on Windows. KxPfwRule.h and KxPolicy.h
+document every call."""
 from ._library import Code, Library, Macro, RuleError, RuleSet, Store
 from ._notation import access, address, port
 from ._policy import Diagnostic, Difference, Exported, Policies, PolicyCode, PolicyError

@@ -1,4 +1,4 @@
-"""python -m kxpfwrul DLL DIRECTORY: every rule of a rule directory."""
+"""python -m kxpfwrul DLL DIRECTORY: prints every rule in a rule directory."""
 import sys
 
 from . import Store, get_wide

@@ -1,4 +1,4 @@
-"""The 25 functions of KxPfwRul.dll, and a store for a with statement."""
+"""The 25 functions of KxPfwRul.dll, and a store for use in a with statement."""
 import ctypes
 import dataclasses
 import enum
@@ -33,7 +33,7 @@ class Code(enum.IntEnum):
 
 
 class RuleError(Exception):
-    """What a function of the library refused, with its code and the code's name (empty for the hash library's own)."""
+    """A failed call of the library, with its code and the code's name (empty for a status of the hash library)."""
 
     def __init__(self, function: str, code: int) -> None:
         self.function, self.code = function, code
@@ -72,7 +72,7 @@ _SIGNATURES: Dict[str, List[Any]] = {
 
 
 def _block(head: ctypes.Structure, records: Sequence[ctypes.Structure]) -> Any:
-    """A head and the records after it, in one piece of memory."""
+    """A head followed by its records, in one block of memory."""
     return ctypes.create_string_buffer(b"".join(map(bytes, [head, *records])))
 
 
@@ -95,7 +95,7 @@ def _macro_block(name: str, items: Sequence[Union[MacroItem, MACRO_ITEM]]) -> An
 
 
 class Library:
-    """KxPfwRul.dll, loaded from a path. There is one store in a process."""
+    """KxPfwRul.dll, loaded from a path. A process has one store."""
 
     def __init__(self, library: str) -> None:
         self._library = ctypes.CDLL(os.path.abspath(library))  # a full path: nothing is searched for
@@ -151,7 +151,7 @@ class Library:
         return self._indexes("kxRuleGetRuleSetIndex")
 
     def add_rule_set(self, name: str, rules: Sequence[PFW_RULE] = (), index: int = 0) -> int:
-        """The index of the new set; 0 asks for a free one."""
+        """Returns the index of the new set; index 0 requests a free one."""
         head = PFW_RULESET(nRuleCount=len(rules))
         set_wide(head.wszName, name)
         block = _block(head, rules)
@@ -188,7 +188,7 @@ class Library:
         return self._call("kxRuleGetRuleBottomIndex", rule_set)
 
     def add_rule(self, rule_set: int, rule: PFW_RULE, index: Optional[int] = None) -> None:
-        """Under the rule's own index unless another one is given."""
+        """Adds the rule under its own index unless another one is given."""
         self._call("kxRuleAddRule", rule_set, rule.wRuleIndex if index is None else index, rule)
 
     def delete_rule(self, rule_set: int, index: int) -> None:
@@ -256,7 +256,7 @@ class Library:
     # Application hashes.
     def update_hashes(self, path: Optional[str] = None, digest: Optional[bytes] = None,
                       changed: Optional[Callable[[int, PFW_RULE], None]] = None) -> None:
-        """changed(rule_set, rule) must not call the library; what it raises is raised when the refresh is done."""
+        """changed(rule_set, rule) must not call the library; what it raises is raised after the refresh."""
         if digest is not None and len(digest) != 20:
             raise ValueError("a hash has 20 bytes")
         raised: List[BaseException] = []
@@ -277,8 +277,8 @@ class Library:
 
 
 class Store(Library):
-    """with Store("KxPfwRul.dll", directory) as store: reads the directory; at the end of the block writes what changed
-    and raises when that fails. (After an exception the library writes too, as it does at every finalize.)"""
+    """with Store("KxPfwRul.dll", directory) as store: reads the directory; at the end of the block writes the changes
+    and raises if that fails. (The library also writes after an exception, as it does at every finalize.)"""
 
     def __init__(self, library: str, directory: Optional[str] = None) -> None:
         super().__init__(library)
@@ -289,7 +289,7 @@ class Store(Library):
             self.initialize(self._directory)
             self.read()
         except RuleError as error:
-            if error.code != Code.KXRULE_E_ALREADY_INITIALIZED:  # that one is somebody else's
+            if error.code != Code.KXRULE_E_ALREADY_INITIALIZED:  # it belongs to the code that initialised it
                 self.finalize()
             raise
         return self

@@ -66,7 +66,7 @@ def port(text: str) -> RULE_PORT:
 def access(index: int, protocol: str = "any", *, source: str = "any", target: str = "any", source_port: str = "any",
            port: str = "any", action: str = "accept", app: str = "", description: str = "",
            active: bool = True) -> PFW_RULE:
-    """An access rule, its words and items as kxrule writes them."""
+    """An access rule, with words and items in the notation of kxrule."""
     rule = PFW_RULE(wRuleIndex=index, dwActive=int(active), dwKind=1)
     rule.Access.dwProtocol, rule.Access.dwAction = PROTOCOLS[protocol], ACTIONS[action]
     rule.Access.Addr[0], rule.Access.Addr[1] = address(source), address(target)
@@ -76,4 +76,4 @@ def access(index: int, protocol: str = "any", *, source: str = "any", target: st
     return rule
 
 
-_port = port  # the parameter of access has its name
+_port = port  # access has a parameter of the same name

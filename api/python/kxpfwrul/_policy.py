@@ -1,4 +1,4 @@
-"""The functions of KxPolicy.dll: policies as text, for the store that this process holds."""
+"""The functions of KxPolicy.dll: policies as text, for the store of this process."""
 import ctypes
 import dataclasses
 import enum
@@ -11,7 +11,7 @@ from ._library import Code, Library, RuleError
 
 
 class PolicyCode(enum.IntEnum):
-    """The result codes of KxPolicy.h, beside those of KxPfwRule.h."""
+    """The result codes that KxPolicy.h adds to those of KxPfwRule.h."""
     KXPOLICY_E_ARGUMENT = -20001
     KXPOLICY_E_TEXT = -20002
     KXPOLICY_E_LIBRARY = -20003
@@ -24,7 +24,7 @@ class PolicyCode(enum.IntEnum):
 
 @dataclasses.dataclass(frozen=True)
 class Diagnostic:
-    """Something that was found in a policy's text, or (line 0) that stands in its way."""
+    """A problem in the text of a policy or (line 0) in the store it is to be applied to."""
     severity: int  # 1: error, 2: warning
     line: int
     column: int
@@ -37,7 +37,7 @@ class Diagnostic:
 
 
 class PolicyError(RuleError):
-    """A policy that was not taken, with what was found. Unless the code is KXPOLICY_E_PARTLY the store is as it was."""
+    """A refused policy, with its diagnostics. Unless the code is KXPOLICY_E_PARTLY, the store is as it was."""
 
     def __init__(self, function: str, code: int, diagnostics: List[Diagnostic]) -> None:
         super().__init__(function, code)
@@ -51,12 +51,12 @@ class PolicyError(RuleError):
 @dataclasses.dataclass(frozen=True)
 class Exported:
     text: str
-    stamp: int  # of what the store holds
+    stamp: int  # identifies the contents of the store
 
 
 @dataclasses.dataclass(frozen=True)
 class Difference:
-    text: str  # lines for people; empty: nothing differs
+    text: str  # readable lines; empty if nothing differs
     stamp: int
     count: int
 
@@ -77,7 +77,7 @@ class Policies:
         self._policy = ctypes.CDLL(os.path.abspath(path))
         for name, arguments in _SIGNATURES.items():
             getattr(self._policy, name).argtypes = arguments
-        self._library = library  # its functions are in the table
+        self._library = library  # the table points into it
         functions = [ctypes.cast(getattr(library._library, name), c_void_p).value for name in RULE_FUNCTIONS]
         self._table = (c_void_p * len(functions))(*functions)
 
@@ -107,7 +107,7 @@ class Policies:
         return policy, len(policy), (1 if replace else 0) | (2 if allow_empty else 0)
 
     def check(self, text: Union[str, bytes]) -> List[Diagnostic]:
-        """What is wrong with a text; it can be applied when none of it is an error."""
+        """Returns what is wrong with a text, which can be applied if none of it is an error."""
         result, found = self._call("kxPolicyCheck", *self._request(text, False, False)[:2])
         if result not in (Code.KXRULE_OK, PolicyCode.KXPOLICY_E_TEXT):
             raise PolicyError("kxPolicyCheck", result, found)
@@ -122,7 +122,7 @@ class Policies:
 
     def apply(self, text: Union[str, bytes], replace: bool = False, allow_empty: bool = False,
               stamp: Optional[int] = None) -> int:
-        """The number of differences that there were. With a stamp only if the store still is what it was then."""
+        """Returns the number of differences there were. With a stamp, refuses if the store has changed since."""
         expected = None if stamp is None else c_uint64(stamp)
         if expected is not None and expected.value != stamp:
             raise ValueError(f"a stamp takes 0 to 2**64 - 1, not {stamp}")

@@ -1,4 +1,4 @@
-"""The packed records of KxPfwRule.h. Numbers and texts that their field would wrap or cut are refused."""
+"""The packed records of KxPfwRule.h. Numbers and texts that do not fit their field are refused."""
 import ctypes
 from ctypes import c_char, c_int32, c_uint8, c_uint16, c_uint32
 from typing import Any, Dict, Tuple
@@ -8,7 +8,7 @@ RANGES: Dict[Any, Tuple[int, int]] = {
 
 
 def check(kind: Any, name: str, value: Any) -> None:
-    """ctypes keeps the low bits of a number that is too large, and a text without room for its terminator."""
+    """Refuses what ctypes would accept: a number cut to its low bits, a text without room for its terminator."""
     element = getattr(kind, "_type_", None)
     if kind in RANGES and isinstance(value, int):
         low, high = RANGES[kind]
@@ -22,7 +22,7 @@ def check(kind: Any, name: str, value: Any) -> None:
 
 
 class _Checked:
-    """Mixed into records: what is assigned to a field fits it. (Not what is assigned to one element of an array.)"""
+    """Mixed into records: checks that a value assigned to a field fits it. (Elements of arrays are not checked.)"""
     _kinds: Dict[str, Any]
 
     def __init_subclass__(cls, **arguments: Any) -> None:
@@ -145,7 +145,7 @@ class PFW_MACRO(_Struct):
 
 
 def set_wide(field: Any, text: str) -> None:
-    """Puts a text into a wide field; one that does not fit with its terminator is refused."""
+    """Stores a text in a wide field; a text that does not fit with its terminator is refused."""
     size = ctypes.sizeof(field)
     units = text.encode("utf-16-le")
     if len(units) >= size or "\0" in text:
