@@ -273,8 +273,8 @@ void AddSql(bool encrypted)
 
 void AddCipher()
 {
-    // The cipher alone at its best: records from memory, as many chains at once as possible, into a buffer that stays in
-    // the cache.
+    // The cipher alone at its best: records from memory, as many chains at once as possible, into a buffer that stays
+    // in the cache.
     const auto keys = std::make_shared<Aes128::KeySchedule>(FileFormat::kKey);
     constexpr size_t kChains = Aes128::kMostChains;
     const auto out = std::make_shared<std::vector<uint8_t>>(kChains * Aes128::CipherBytes(sizeof(PFW_RULE)));
