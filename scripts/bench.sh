@@ -1,9 +1,10 @@
 #!/bin/bash
-# bench.sh [--quick|--record]: measures the library against what the machine can do and against an SQL store, in under six
-# minutes, and prints one table and what has changed since the recorded run. Results as JSON and plots: build/bench/results.
-# --quick    for before and after, in about a minute once it is built: the library and the floor alone, two rounds
-# --record   puts table and plots into docs/performance.md, and the medians beside them for later runs to be compared with
-# KX_BENCH_ROUNDS: rounds of each measurement (5); three times as many where a round takes no time.
+# bench.sh [--quick|--record]: compares the library with what the machine can do and with an SQL store, in under six
+# minutes, and prints one table and what has changed since the recorded run. JSON results and plots:
+# build/bench/results.
+# --quick    to compare before and after, in about a minute once built: only the library and the floor, two rounds
+# --record   puts the table and plots into docs/performance.md, and the medians next to them to compare later runs with
+# KX_BENCH_ROUNDS: rounds of each measurement (5); three times as many where a round is short.
 . "$(dirname "$0")/steps.sh" 5
 
 case "${1-}" in
@@ -16,7 +17,8 @@ rounds=${KX_BENCH_ROUNDS:-5}
 deps=build/bench/deps
 results=build/bench/results
 
-# download DIRECTORY FILE SHA256 COMMAND...: fetches FILE into deps with the command unless it is there and right.
+# download DIRECTORY FILE SHA256 COMMAND...: fetches FILE into deps with the command, unless it is there with that
+# checksum.
 download()
 {
     local file=$1 sum=$2
@@ -28,7 +30,7 @@ download()
     )
 }
 
-# The source package from the system's own archive, without touching the system's list of sources.
+# The source package from the system's own archive, without changing the system's list of sources.
 debianSource()
 {
     local apt=$PWD/apt
@@ -55,7 +57,7 @@ run()
 
 step "packages"
 scripts/packages.sh build
-{ command -v npm && command -v python3; } >/dev/null || scripts/packages.sh bench # npm comes from elsewhere, too
+{ command -v npm && command -v python3; } >/dev/null || scripts/packages.sh bench # npm may come from elsewhere
 
 step "sources of the harness and of the peer"
 mkdir -p $deps

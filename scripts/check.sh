@@ -1,5 +1,6 @@
 #!/bin/bash
-# check.sh [CHECK...]: what neither compiler nor tests check; without a name, all of it. `tables` needs build/release.
+# check.sh [CHECK...]: runs the checks that neither compiler nor tests make; all of them if none is named. `tables`
+# needs build/release.
 . "$(dirname "$0")/steps.sh" 0
 
 rooms='api|rules|repository|persistence|common|companions|policy|tools'
@@ -12,7 +13,7 @@ windows=(--target=x86_64-w64-mingw32 -nostdinc++ -nostdlibinc -isystem "$library
     -isystem "$library/x86_64-w64-mingw32" -isystem "$library/backward" -isystem /usr/x86_64-w64-mingw32/include)
 flags=(-std=c++20 -D_WIN32_WINNT=0x0601 -DWINVER=0x0601 -DWIN32_LEAN_AND_MEAN -DNOMINMAX -DKXRULE_API= -I. -Wall -Wextra -Wshadow)
 
-# What cmake/ThirdParty.cmake takes, without the rest of the system's headers.
+# The headers that cmake/ThirdParty.cmake uses, without the rest of the system's.
 thirdParty()
 {
     mkdir -p build/check/include
@@ -20,15 +21,15 @@ thirdParty()
     flags+=(-isystem build/check/include)
 }
 
-# each COMMAND...: runs it for every file name on the input ({}), two at a time; fails when one of them fails.
+# each COMMAND...: runs COMMAND for every file name ({}) on standard input, two at a time; fails if one of them fails.
 each() { xargs -r -P 2 -I '{}' "$@"; }
 
 # The layout of the text.
 checkFormat() { files '\.(c|cpp|h|hpp)$' | xargs clang-format --dry-run -Werror; }
 
 # With Clang's own warnings and the lock annotations: guarded members are accessed only under their locks. The analyzer
-# gives up on a function after 50000 states instead of 225000, which halves the time. Findings go to standard output;
-# standard error has little but the number of suppressed warnings.
+# gives up on a function after 50000 states instead of 225000, which halves the time. Warnings go to standard output;
+# standard error has little but the number of suppressed ones.
 checkTidy()
 {
     sources | each clang-tidy --quiet '{}' -- "${windows[@]}" "${flags[@]}" -Wthread-safety \
@@ -36,8 +37,8 @@ checkTidy()
         { cat build/check/tidy.log >&2; return 1; }
 }
 
-# Each room includes only itself, the contract, and the rooms below it; common and the companions do without the
-# contract, and common/srclib without the trace.
+# Each directory includes only itself, the contract, and the directories below it; common and the companions do not
+# include the contract, nor common/srclib the trace.
 checkRooms()
 {
     local room below bad=0
@@ -54,7 +55,7 @@ api         common|rules|persistence|repository
 policy      common|api/include|rules
 tools       common|api/include|rules|persistence|policy
 END
-    # A source in no list is never built, and a test in it seems to pass.
+    # A source file in no list is never built, and a test in it seems to pass.
     files '\.(c|cpp)$' | sed 's|.*/||' |
         grep -vxFf <(git grep -hoE '[-A-Za-z0-9_]+\.(c|cpp)\b' -- '*CMakeLists.txt' tests/sdk) && bad=1
     return $bad
@@ -67,7 +68,7 @@ checkHeaders()
         each clang++ "${windows[@]}" "${flags[@]}" -fsyntax-only -Werror -Wno-pragma-once-outside-header -x c++ '{}'
 }
 
-# The public headers for every compiler that a caller may have; the second includes the first.
+# The public headers, with every compiler that a caller may use; the second includes the first.
 checkContract()
 {
     local header=api/include/KxPolicy.h standard compiler
@@ -85,8 +86,8 @@ checkContract()
 }
 
 # tables FILE EXPORT...: the library exports exactly these names, imports only from Windows, needs no slot of
-# thread-local storage, which nobody would release with it (common/srclib/KxComn_Unload.cpp), and is marked as
-# relocatable and its data as not executable.
+# thread-local storage, which nobody would release when it is unloaded (common/srclib/KxComn_Unload.cpp), and is marked
+# as relocatable, with non-executable data.
 tables()
 {
     local file=build/release/bin/$1 dump allowed='KERNEL32.dll|ADVAPI32.dll|msvcrt.dll|WS2_32.dll|bcrypt.dll|ntdll.dll'
@@ -113,8 +114,8 @@ checkTables()
     tables KxVqrDbg.dll KxDbgInitialize KxDbgUninitialize KxDbgTrace KxDbgSetDebugConfig KxDbgGetDebugConfig
 }
 
-# Texts give reasons of their own and name no machine, comments end at the 120th column, and no file outgrows its reader
-# (500 lines, with some grace; the public header is the reference of the functions and stays whole).
+# Texts stand on their own and name no machine, comments end at column 120, and no file is too long to read (500 lines,
+# with some tolerance; the public header is the reference of the functions and stays whole).
 checkText()
 {
     local bad=0
@@ -131,7 +132,7 @@ thirdParty
 [ $# -gt 0 ] || set -- format text shell rooms contract headers tables tidy
 for name in "$@"; do
     started=$SECONDS
-    set +e # a condition around the call would take errexit from the checks
+    set +e # a condition around the call would disable errexit in the checks
     (set -e && "check${name^}")
     status=$?
     set -e

@@ -1,6 +1,6 @@
 #!/bin/bash
-# coverage.sh [PRESET...]: which lines and branches of the product the tests reach, by directory, under Wine (coverage)
-# and natively (coverage-native). Line by line: build/PRESET/report/index.html.
+# coverage.sh [PRESET...]: reports which lines and branches of the product the tests reach, by directory, under Wine
+# (coverage) and natively (coverage-native). Line by line: build/PRESET/report/index.html.
 [ $# -gt 0 ] || set -- coverage coverage-native
 . "$(dirname "$0")/steps.sh" $((1 + 2 * $#))
 
@@ -9,8 +9,8 @@ scripts/packages.sh build test coverage
 trap stopWine EXIT
 export NINJA_STATUS='    [%f/%t] '
 
-# All programs in one run; a failing test does not end the measurement. The kills of torture.py do not count: a killed
-# process writes no counters.
+# Runs all programs; a failing test does not end the measurement. The kills of torture.py do not count: a killed process
+# writes no counters.
 runTests()
 {
     local program
@@ -22,7 +22,7 @@ runTests()
     done
 }
 
-# Code that only an exception reaches is a branch to the compiler at every call; those are left out.
+# To the compiler, every call has a branch to code that only an exception reaches; these branches are left out.
 report()
 {
     local gcov=gcov
@@ -36,16 +36,16 @@ import collections
 import json
 import sys
 
-rooms = collections.defaultdict(collections.Counter)
+directories = collections.defaultdict(collections.Counter)
 for file in json.load(open(f"build/{sys.argv[1]}/report/summary.json"))["files"]:
-    for room in (file["filename"].split("/")[0], "all"):
+    for directory in (file["filename"].split("/")[0], "all"):
         for what in ("line_covered", "line_total", "branch_covered", "branch_total"):
-            rooms[room][what] += file[what]
+            directories[directory][what] += file[what]
 print(f"\n| {sys.argv[1]} | Lines | Branches |\n|---|---|---|")
-for room, sums in sorted(rooms.items(), key=lambda item: (item[0] == "all", item[0])):
+for directory, sums in sorted(directories.items(), key=lambda item: (item[0] == "all", item[0])):
     cells = (f"{100 * sums[w + '_covered'] / max(1, sums[w + '_total']):.1f} % of {sums[w + '_total']}"
              for w in ("line", "branch"))
-    print(f"| {room} | {' | '.join(cells)} |")
+    print(f"| {directory} | {' | '.join(cells)} |")
 print()
 END
 }

@@ -1,5 +1,5 @@
 #!/usr/bin/env python3
-"""nuget.py PACKAGE VERSION FILE: the unpacked SDK in PACKAGE as a NuGet package. The same input gives the same bytes."""
+"""nuget.py PACKAGE VERSION FILE: makes a NuGet package of the unpacked SDK in PACKAGE. The same input gives the same bytes."""
 import os
 import pathlib
 import sys

@@ -1,9 +1,9 @@
 #!/bin/bash
-# package.sh [FOLDER]: the SDK as a zip file, its debug symbols as another one, and a NuGet package, with checksums, in
-# dist or the folder given. The same sources give the same bytes, wherever and whenever they are packed.
+# package.sh [FOLDER]: makes a zip file of the SDK, another of its debug symbols, and a NuGet package, with checksums,
+# in dist or the given folder. The same sources give the same bytes, wherever and whenever they are packed.
 #
 # KX_SIGN: a command that is called with each DLL and program to sign it in place, for example
-#   KX_SIGN=scripts/sign.sh with a script that calls the signing tool of the house. (Signatures have a time and differ.)
+#   KX_SIGN=scripts/sign.sh, a script that calls your signing tool. (Signatures have a time stamp, so they differ.)
 . "$(dirname "$0")/steps.sh" 4
 dist=$(realpath -m "${1-dist}")
 
@@ -24,7 +24,7 @@ export SOURCE_DATE_EPOCH=${SOURCE_DATE_EPOCH:-$(git log -1 --format=%ct)} # stri
 quietly install cmake --install build/release --prefix "$package"
 mkdir -p "$symbols" "$dist"
 for file in "$package"/bin/*; do
-    # A debugger finds the symbols by the name and the checksum that the binary then holds.
+    # A debugger finds the symbols by the name and checksum that this stores in the binary.
     symbol=$symbols/$(basename "$file").debug
     x86_64-w64-mingw32-objcopy --only-keep-debug "$file" "$symbol"
     x86_64-w64-mingw32-strip "$file"
@@ -35,7 +35,7 @@ scripts/third_party.py "$package" "$version"
 
 step "$name.zip, its symbols, KxPfwRul.$version.nupkg"
 scripts/nuget.py "$package" "$version" "$dist/KxPfwRul.$version.nupkg"
-# What would make two packages differ: clock, permissions, order, time zone.
+# Without these, two packages would differ: clock, permissions, order, time zone.
 cd build/package
 sums=$(cd "$name" && find . -type f -printf '%P\n' | LC_ALL=C sort | xargs -d '\n' sha256sum)
 echo "$sums" >"$name/SHA256SUMS"

@@ -1,6 +1,7 @@
 #!/bin/bash
-# packages.sh [--no-install] GROUP...: installs the Debian packages of these groups that are missing. Prints first which
-# and what for, and asks if it runs on a terminal. With --no-install it stops there, successfully if none is missing.
+# packages.sh [--no-install] GROUP...: installs the missing Debian packages of these groups. First prints which they are
+# and what they are for, and asks if it runs on a terminal. With --no-install it stops there, and succeeds if none is
+# missing.
 set -euo pipefail
 
 declare -A groups=(
@@ -40,11 +41,11 @@ fi
 
 root=()
 if [ "$(id -u)" != 0 ]; then
-    command -v sudo >/dev/null || { echo "to be installed as root: ${missing[*]}" >&2; exit 1; }
+    command -v sudo >/dev/null || { echo "these must be installed as root: ${missing[*]}" >&2; exit 1; }
     root=(sudo)
 fi
 
-# apt-get with its progress on file descriptor 3: on 1 the packages' own scripts could not print.
+# apt-get with its progress on file descriptor 3: on 1 it would take the output of the packages' own scripts.
 apt()
 {
     "${root[@]}" sh -c 'DEBIAN_FRONTEND=noninteractive exec apt-get "$@" 3>&1' apt-get -qq -o DPkg::Lock::Timeout=120 \

@@ -15,7 +15,7 @@ scripts/packages.sh "$@" build
 
 step "build (release)"
 configure release
-cmake/wine-run.sh & # a new Wine prefix takes some seconds; the compiler leaves them free
+cmake/wine-run.sh & # a new Wine prefix takes some seconds, which pass during the build
 prefix=$!
 trap stopWine EXIT
 NINJA_STATUS='    [%f/%t] ' cmake --build --preset release --target KxPfwRul kxrule
@@ -30,5 +30,5 @@ step "a second process reads $rules"
 kxrule --dir $rules list
 kxrule --dir $rules show
 
-echo "The policy now lies in these encrypted files ($SECONDS s in all):"
+echo "The policy is now in these encrypted files ($SECONDS s in all):"
 ls -l $rules

@@ -3,8 +3,8 @@
 . "$(dirname "$0")/steps.sh" 3
 scratch=$(mktemp -d)
 trap 'rm -rf "$scratch"' EXIT
-export CCACHE_DISABLE=1          # an object out of a cache would prove nothing
-commit=$(git rev-parse HEAD) # another one may come while the first is being packed
+export CCACHE_DISABLE=1          # an object from a cache would prove nothing
+commit=$(git rev-parse HEAD) # another commit may follow while this one is being packed
 
 for clone in one another/somewhere-else; do
     step "clone, build and pack: $clone"

@@ -1,4 +1,4 @@
-# Sourced by the scripts beside it: numbered steps that say how long they took, and commands that are quiet until they
+# Sourced by the other scripts: numbered steps that say how long they took, and commands that are quiet unless they
 # fail. The argument is the number of steps.
 # shellcheck shell=bash
 set -euo pipefail
@@ -12,7 +12,7 @@ step()
     echo "[$stepNumber/$steps +${SECONDS}s] $*"
 }
 
-# quietly NAME COMMAND...: output goes to build/log/NAME.log, and to the screen when the command fails.
+# quietly NAME COMMAND...: output goes to build/log/NAME.log, and also to the screen if the command fails.
 quietly()
 {
     local log=build/log/$1.log
@@ -27,7 +27,7 @@ configure()
     quietly "configure-$1" cmake --preset "$@"
 }
 
-# Ends what runs in the project's Wine prefix; without it a server stays for two minutes.
+# Ends whatever runs in the project's Wine prefix; otherwise a server would stay for two minutes.
 stopWine()
 {
     cmake/wine-run.sh --stop || true

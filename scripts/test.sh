@@ -1,6 +1,6 @@
 #!/bin/bash
-# test.sh [--no-install] [CTEST ARGUMENTS]: installs what is missing, builds all presets with warnings as errors, and runs
-# every test, natively and under Wine, and every check. Ends with ctest's summary of all of them.
+# test.sh [--no-install] [CTEST ARGUMENTS]: installs what is missing, builds all presets with warnings as errors, and
+# runs every test, natively and under Wine, and every check. Ends with ctest's summary of all of them.
 . "$(dirname "$0")/steps.sh" 6
 
 step "packages"
@@ -8,7 +8,7 @@ options=()
 [ "${1-}" != --no-install ] || { options=("$1"); shift; }
 scripts/packages.sh "${options[@]}" build test check fuzz package
 
-cmake/wine-run.sh & # a new Wine prefix takes some seconds; the compiler leaves them free
+cmake/wine-run.sh & # a new Wine prefix takes some seconds, which pass during the build
 prefix=$!
 trap stopWine EXIT
 export NINJA_STATUS='    [%f/%t] '

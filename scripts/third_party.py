@@ -1,9 +1,9 @@
 #!/usr/bin/env python3
-"""third_party.py PACKAGE VERSION: what is linked into the binaries of PACKAGE (an unpacked SDK) and is not ours.
+"""third_party.py PACKAGE VERSION: lists the third-party code linked into the binaries of PACKAGE (an unpacked SDK).
 
-Writes THIRD-PARTY-NOTICES.txt, with the texts that the Debian packages in use come with, and KxPfwRul.spdx.json
-(SPDX 2.3), both of which depend on nothing but the sources, the packages and SOURCE_DATE_EPOCH. Fails when a source
-includes a third party's header that is not known here."""
+Writes THIRD-PARTY-NOTICES.txt, with the texts that come with the Debian packages in use, and KxPfwRul.spdx.json
+(SPDX 2.3), both of which depend only on the sources, the packages and SOURCE_DATE_EPOCH. Fails if a source file includes
+a third-party header that is not known here."""
 import fnmatch
 import hashlib
 import json
@@ -20,9 +20,9 @@ DOC = pathlib.Path("/usr/share/doc")
 GPL3 = pathlib.Path("/usr/share/common-licenses/GPL-3")
 EVERYTHING = ["KxPfwRul.dll", "KxPolicy.dll", "KxHash.dll", "KxVqrDbg.dll", "kxrule.exe"]
 
-# Name, Debian package, licence (SPDX), how the includes begin that bring it (none: it comes with the compiler), which
-# files of its sources are linked, which of those are not. What comes with the compiler is in everything, what policy/
-# includes in KxPolicy.dll and kxrule.exe, the rest in kxrule.exe.
+# Name, Debian package, licence (SPDX), how its includes begin (none: it comes with the compiler), which of its source
+# files are linked, and which of those are not. What comes with the compiler is in every binary, what policy/ includes
+# is in KxPolicy.dll and kxrule.exe, the rest in kxrule.exe.
 COMPONENTS = [
     ("GCC run-time libraries", "gcc-mingw-w64-x86-64-posix-runtime", "GPL-3.0-or-later WITH GCC-exception-3.1", None,
      [], []),
@@ -36,21 +36,21 @@ COMPONENTS = [
 ]
 
 
-def included(rooms):
-    """The first words of all includes in angle brackets that name neither the standard library nor Windows."""
+def included(directories):
+    """The first path components of all includes in angle brackets, other than the standard library and Windows."""
     found = set()
-    for room in rooms:
-        for path in (ROOT / room).rglob("*"):
+    for directory in directories:
+        for path in (ROOT / directory).rglob("*"):
             if path.suffix in (".cpp", ".h", ".hpp", ".c"):
                 found |= set(re.findall(r"#include <(\w+/|utf8)", path.read_text(encoding="utf-8")))
     unknown = found - {component[3] for component in COMPONENTS}
     if unknown:
-        sys.exit(f"no notice is known for what is included from {', '.join(sorted(unknown))}")
+        sys.exit(f"no notice is known for headers from {', '.join(sorted(unknown))}")
     return found
 
 
 def binaries(include):
-    """Where a component is linked in."""
+    """The binaries that a component is linked into."""
     if include is None:
         return EVERYTHING
     return ["KxPolicy.dll", "kxrule.exe"] if include in included(["policy"]) else ["kxrule.exe"]
@@ -61,7 +61,7 @@ def copyright_file(package):
 
 
 def paragraphs(text):
-    """The fields of each paragraph; a field's first line and the lines that continue it."""
+    """The fields of each paragraph, each as its first line and its continuation lines."""
     for paragraph in re.split(r"\n\s*\n", text):
         fields, name = {}, None
         for line in paragraph.split("\n"):
@@ -74,7 +74,7 @@ def paragraphs(text):
 
 
 def notice(package, wanted, unwanted):
-    """Copyrights and licences of the files that are wanted."""
+    """Copyrights and licences of the wanted files."""
     parts, licences, texts = [], [], {}
     for fields in paragraphs(copyright_file(package)):
         licence = fields.get("License", [""])
@@ -122,7 +122,7 @@ def identifier(name):
 
 
 def spdx(package, version, components):
-    """What the package holds, and what each of its binaries is linked with."""
+    """What the package contains, and what each of its binaries is linked with."""
     files = [path for path in sorted((package / "bin").iterdir())]
     namespace = hashlib.sha256("".join(digest(path, "sha256") for path in files).encode()).hexdigest()
     stamp = time.strftime("%Y-%m-%dT%H:%M:%SZ", time.gmtime(int(os.environ["SOURCE_DATE_EPOCH"])))

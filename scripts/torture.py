@@ -1,8 +1,8 @@
 #!/usr/bin/env python3
 """Kills the writer at any moment, fills the disk, runs the campaigns of torture_tests and the fuzzers; ends with a table.
 
-torture.py --preset debug --minutes 30 --seed 7     the long form; its kills go on where an earlier run was ended
-torture.py --preset debug --short                   what the tests run: half a minute or so
+torture.py --preset debug --minutes 30 --seed 7     the long form; its kills continue an interrupted run
+torture.py --preset debug --short                   what the tests run: about half a minute
 torture.py --preset debug --only crash              every state that a crash can leave
 torture.py --preset debug --only kills --kills 10000
 """
@@ -21,7 +21,7 @@ import time
 ROOT = pathlib.Path(__file__).resolve().parent.parent
 RUN = str(ROOT / "cmake" / "wine-run.sh")
 SETS = 6
-# A rule directory that does not wait for a disk: what a kill leaves is the same.
+# A rule directory that does not wait for a disk: a kill leaves the same there.
 FAST = "/dev/shm" if os.path.isdir("/dev/shm") else None
 
 
@@ -37,8 +37,8 @@ class Campaigns:
         return [RUN, str(self.bin / "victim.exe"), mode, "Z:" + str(directory).replace("/", "\\"), *map(str, arguments)]
 
     def run(self, mode, directory, *arguments):
-        """Exit code and output. A process that ends before it begins is shown and started once more: seen under Wine with
-        much else running."""
+        """Exit code and output. A process that ends before it begins is shown and started again: this happens under
+        Wine on a busy machine."""
         for attempt in range(2):
             done = subprocess.run(self.victim(mode, directory, *arguments), stdin=subprocess.DEVNULL,
                                   capture_output=True, text=True, timeout=120)
@@ -55,7 +55,7 @@ class Campaigns:
             print("    " + loss, flush=True)
 
     def start_and_kill(self, mode, directory, longest, *arguments):
-        """Kills it a random time after its first sign of life; returns what it said."""
+        """Kills it a random time after its first output; returns what it printed."""
         victim = subprocess.Popen(self.victim(mode, directory, *arguments), stdin=subprocess.DEVNULL,
                                   stdout=subprocess.PIPE, stderr=subprocess.DEVNULL)
         first = victim.stdout.readline() if mode != "read" else b""
@@ -66,12 +66,12 @@ class Campaigns:
         return text
 
     def kills(self, mode, tries):
-        """Each victim looks first whether all is there that the one before was told is written. Where they have got to
-        outlasts this process, so that many can be had in batches."""
-        kept = ROOT / "build" / "torture"
-        kept.mkdir(parents=True, exist_ok=True)
-        file = kept / f"kills-{mode}.json"
-        directory = pathlib.Path(FAST or kept) / f"kx-torture-{os.getuid()}-{mode}"
+        """Each victim first checks that everything is there that its predecessor reported as written. The state
+        outlasts this process, so that a large number of kills can be run in batches."""
+        progress = ROOT / "build" / "torture"
+        progress.mkdir(parents=True, exist_ok=True)
+        file = progress / f"kills-{mode}.json"
+        directory = pathlib.Path(FAST or progress) / f"kx-torture-{os.getuid()}-{mode}"
         state = {"tries": 0, "low": 1, "high": 1}
         if file.exists() and directory.exists():
             state = json.loads(file.read_text())
@@ -83,16 +83,16 @@ class Campaigns:
         unborn = 0
         while state["tries"] < tries and not losses:
             text = self.start_and_kill(mode, directory, 0.08, state["low"], state["high"])
-            told = {word: max(map(int, re.findall(word + r" (\d+)", text)), default=0)
-                    for word in ("whole", "begin", "done")}
+            reported = {word: max(map(int, re.findall(word + r" (\d+)", text)), default=0)
+                        for word in ("whole", "begin", "done")}
             unborn = 0 if text else unborn + 1
-            if (text and not told["whole"]) or unborn > 3:
+            if (text and not reported["whole"]) or unborn > 3:
                 losses.append(f"kill {state['tries']}: {text.strip()[-300:] or 'does not begin'}")
             elif text:
                 state["tries"] += 1
-                state["high"] = max(state["high"], told["begin"])
-                if mode == "write": # otherwise a set that was not deleted keeps its generation
-                    state["low"] = max(state["low"], told["done"])
+                state["high"] = max(state["high"], reported["begin"])
+                if mode == "write": # otherwise a set that was not deleted stays at its generation
+                    state["low"] = max(state["low"], reported["done"])
                 file.write_text(json.dumps(state))
         if not losses:
             code, said = self.run("check", directory, state["low"], state["high"], *self.missing(mode, state["high"]))
@@ -107,7 +107,7 @@ class Campaigns:
         return [1 + generation % SETS] if mode == "delete" else []
 
     def rescue_kills(self, tries):
-        """The directory of a damaged store is read by a process that is killed; the next read must end the rescue."""
+        """A process that reads a damaged store is killed; the next read must complete the rescue."""
         losses = []
         with tempfile.TemporaryDirectory(dir=FAST) as good:
             self.run("next", good)
@@ -120,16 +120,16 @@ class Campaigns:
                     others = {p.name: p.read_bytes() for p in pathlib.Path(directory).glob("*.dat") if p != victim}
                     self.start_and_kill("read", directory, 0.12)
                     code, said = self.run("read", directory)
-                    kept = pathlib.Path(directory) / "RuleBackup" / (victim.name + ".brk")
-                    if code != 0 or not kept.exists() or kept.read_bytes() != damaged:
-                        losses.append(f"kill {number}: {victim.name} cut at {len(damaged)} is not kept ({said.strip()})")
+                    copy = pathlib.Path(directory) / "RuleBackup" / (victim.name + ".brk")
+                    if code != 0 or not copy.exists() or copy.read_bytes() != damaged:
+                        losses.append(f"kill {number}: {victim.name} cut at {len(damaged)} has no copy ({said.strip()})")
                     for name, content in others.items():
                         if (pathlib.Path(directory) / name).read_bytes() != content:
                             losses.append(f"kill {number}: {name} changed")
         self.row("killed: during a rescue", tries, losses)
 
     def full_disk(self, step_kib):
-        """A small file system as rule directory, with less and less room left."""
+        """A small file system as the rule directory, with less and less space left."""
         losses = []
         tries = 0
         with tempfile.TemporaryDirectory() as directory:
@@ -142,9 +142,9 @@ class Campaigns:
                 self.run("next", directory)
                 generation = 1
                 filler = pathlib.Path(directory) / "filler"
-                for room in range(0, 2200, step_kib):
+                for space in range(0, 2200, step_kib):
                     usage = shutil.disk_usage(directory)
-                    filler.write_bytes(bytes(max(0, usage.free - room * 1024)))
+                    filler.write_bytes(bytes(max(0, usage.free - space * 1024)))
                     code, said = self.run("next", directory)
                     filler.unlink()
                     for leftover in pathlib.Path(directory).glob("*.tmp"):
@@ -157,33 +157,33 @@ class Campaigns:
                     elif match and match.group(1) in ("10055", "10057"):
                         low, high = generation, generation + 1
                     else:
-                        losses.append(f"room for {room} KiB: {said.strip()}")
+                        losses.append(f"space for {space} KiB: {said.strip()}")
                         break
                     code, said = self.run("check", directory, low, high)
                     if code != 0:
-                        losses.append(f"room for {room} KiB: {said.strip()}")
+                        losses.append(f"space for {space} KiB: {said.strip()}")
                         break
                     if low != high:
-                        code, said = self.run("next", directory)  # with room again
+                        code, said = self.run("next", directory)  # with space again
                         generation = int(re.search(r"done (\d+)", said).group(1)) if code == 0 else -1
                         if code != 0:
-                            losses.append(f"after room for {room} KiB: {said.strip()}")
+                            losses.append(f"after space for {space} KiB: {said.strip()}")
                             break
             finally:
                 subprocess.run(["umount", directory], check=False)
-        self.row("disk full: less and less room", tries, losses)
+        self.row("disk full: less and less space", tries, losses)
 
     def tests(self, seconds, program="torture_tests"):
         environment = dict(os.environ, KX_TORTURE_SEED=str(self.seed), KX_TORTURE_SECONDS=str(seconds))
         done = subprocess.run([RUN, str(self.bin / f"{program}.exe")], stdin=subprocess.DEVNULL, env=environment,
                               capture_output=True, text=True)
-        told = 0
+        lost_in_all = 0
         for name, tries, lost in re.findall(r"campaign (.+): (\d+) tries, seed \d+, (\d+) lost", done.stdout):
-            self.row(name, int(tries), ["told above"] * int(lost))
-            told += int(lost)
+            self.row(name, int(tries), ["see above"] * int(lost))
+            lost_in_all += int(lost)
         if done.returncode != 0:
             print(done.stdout)
-            if told == 0:
+            if lost_in_all == 0:
                 self.row(program, 1, [f"ended with {done.returncode}"])
         return done.stdout
 

@@ -1,15 +1,15 @@
 #!/bin/bash
 # torture.sh [MINUTES [PRESET]]: tries to lose a rule, for half an hour and ten thousand kills by default: kills the
-# writer, lets calls fail, fills the disk, damages files, loads the library with threads, fuzzes the readers. Prints
-# tables of what was tried and lost, and fails if anything was. The preset is debug, whose assertions detect more, or
-# release. Interrupted kills continue with the next run. torture.sh crash [PRESET]: every state that a crash can leave,
-# alone; a minute.
+# writer, lets calls fail, fills the disk, damages files, calls the library from many threads, fuzzes the readers.
+# Prints tables of what was tried and lost, and fails if anything was lost. The preset is debug, whose assertions detect
+# more, or release. If interrupted, the next run continues the kills. torture.sh crash [PRESET]: only the states that a
+# crash can leave; takes a minute.
 . "$(dirname "$0")/steps.sh" 4
 
 step "packages"
 scripts/packages.sh build fuzz
 
-cmake/wine-run.sh & # a new Wine prefix takes some seconds; the compiler leaves them free
+cmake/wine-run.sh & # a new Wine prefix takes some seconds, which pass during the build
 prefix=$!
 trap stopWine EXIT
 export NINJA_STATUS='    [%f/%t] '
