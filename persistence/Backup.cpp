@@ -157,7 +157,7 @@ uint32_t RuleDirectory::CopyBroken(const std::string& fileName, Reason reason) c
     return CopyTraced(fileName, free, isTraced);
 }
 
-uint32_t RuleDirectory::KeepBroken(const std::string& fileName, Reason reason)
+uint32_t RuleDirectory::CopyOrRename(const std::string& fileName, Reason reason)
 {
     if (CopyBroken(fileName, reason) == ERROR_SUCCESS)
         return ERROR_SUCCESS;
@@ -175,7 +175,7 @@ uint32_t RuleDirectory::KeepBroken(const std::string& fileName, Reason reason)
 
 // Windows before 10 refuses to replace a file that another program has open, however it is shared, but lets it be
 // renamed if deleting is shared. (Wine replaces it.) In between no file has the name: a process that ends just then
-// leaves the old content under another name, as KeepBroken does. The copy that would be made instead could leave half
+// leaves the old content under another name, as CopyOrRename does. The copy that would be made instead could leave half
 // of either.
 bool RuleDirectory::MoveAround(const std::string& fromName, const std::string& fileName) const
 {

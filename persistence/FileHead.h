@@ -17,7 +17,7 @@ enum class FileDefect
 {
     None,
     Missing,      // does not exist, or cannot be opened for a reason that is not temporary
-    Busy,         // kept open by another program for longer than the library waits: it exists and may be undamaged
+    Busy,         // open in another program for longer than the library waits: it exists and may be undamaged
     Unreadable,   // the system cannot read its first bytes
     WrongMagic,   // or the file is shorter than that
     WrongVersion, // one that this kind does not have

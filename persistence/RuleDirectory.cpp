@@ -220,7 +220,7 @@ int32_t RuleDirectory::Write(const WriteJob& job)
         if (result != KXRULE_OK)
             return result;
         m_Aside.clear();
-        if (const uint32_t error = job.Keep(job.FileName); error != ERROR_SUCCESS)
+        if (const uint32_t error = job.Copy(job.FileName); error != ERROR_SUCCESS)
         {
             KX_TRACE(KxCommon::kTraceError, "\tCopyFile() failed %lu (%s -> %s)", static_cast<DWORD>(error),
                      ShownPathOf(name).c_str(), ShownPathOf(job.FileName).c_str());

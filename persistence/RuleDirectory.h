@@ -22,9 +22,9 @@ class RuleSetFiles;
 class RuleDirectory
 {
 public:
-    /// Called when the new file is complete, right before it takes the place of the named one: 0, or the system's error
-    /// because of which the old file could not be saved, so that it must stay.
-    using Keeper = std::function<uint32_t(const std::string& fileName)>;
+    /// Copies the named file if necessary. Called when the new file is complete, right before it replaces the old one: 0,
+    /// or the system's error if the old file could not be copied, so that it must stay.
+    using Copier = std::function<uint32_t(const std::string& fileName)>;
 
     /// What distinguishes the three writers.
     struct WriteJob
@@ -34,7 +34,7 @@ public:
         /// Writes everything after the magic number. 0, or a result code that has been traced; may throw
         /// CEncryptStream::Exception and std::bad_alloc.
         const std::function<int32_t(CEncryptStream&)>& Encode;
-        const Keeper& Keep;
+        const Copier& Copy;
         CStreamBuffer* Lent = nullptr; // a buffer to gather the bytes in, if the caller has one
     };
 
@@ -73,7 +73,7 @@ public:
     [[nodiscard]] bool MayExist(const std::string& fileName) const;
     /// True if the file is gone.
     bool Remove(const std::string& fileName) const;
-    /// Writes a temporary file, flushes it, calls the keeper, and moves it over the real one. A master or macro file
+    /// Writes a temporary file, flushes it, has the old file copied, and moves it over the real one. A master or macro file
     /// that this object wrote, that nobody has touched since or has open, and that would get the same bytes again is
     /// left as it is: most changes alter neither, and a flush costs more than everything else. On any failure the real
     /// file still has its content under its name (unless the move was refused and the copy that replaces it broke off),
@@ -102,7 +102,7 @@ public:
     void BackupAllRules() const;
     /// Called before the first write into a directory that was not read completely: copies every file that holds more
     /// than memory does into a dated directory, and notes it as safe. A file that cannot be copied (traced) is not. 0,
-    /// or the system's error for a file that another program keeps open, so that the next try may succeed.
+    /// or the system's error for a file that another program has open, so that the next try may succeed.
     [[nodiscard]] uint32_t CopyUnread(RuleSetFiles& files) const;
     /// Why a copy is made. Only the copy of a damaged file may replace an earlier copy, if that is damaged too; every
     /// other gets a number if the name is taken. Unopened: the file may not exist at all, so failures are not traced.
@@ -117,7 +117,7 @@ public:
     [[nodiscard]] uint32_t CopyBroken(const std::string& fileName, Reason reason) const;
     /// The same for a file that is about to be replaced: if no copy can be made, it is renamed in the same directory.
     /// 0, or the system's error if neither is possible.
-    [[nodiscard]] uint32_t KeepBroken(const std::string& fileName, Reason reason);
+    [[nodiscard]] uint32_t CopyOrRename(const std::string& fileName, Reason reason);
     /// Puts a file into the place of one that may be renamed but not replaced. On failure both have their names again.
     [[nodiscard]] bool MoveAround(const std::string& fromName, const std::string& fileName) const;
 
@@ -143,5 +143,5 @@ private:
     uint32_t m_Patience = kPatience;
     // Of the master and the macro file as they were written, by kind. Empty if not known to be flushed.
     FileStamp m_Written[2];
-    std::string m_Aside; // the name that KeepBroken gave a file since the last write began; usually empty
+    std::string m_Aside; // the name that CopyOrRename gave a file since the last write began; usually empty
 };

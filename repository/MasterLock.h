@@ -21,7 +21,7 @@ public:
     void Lock() noexcept KX_ACQUIRE();
     void Unlock() noexcept KX_RELEASE();
 
-    /// The calling thread keeps one of its holds beyond the call. Called with the global lock held.
+    /// Makes the calling thread hold on to one of its holds beyond the call. Called with the global lock held.
     void HoldOn() noexcept;
     /// Releases all holds that are held on, whichever thread they belong to, and wakes the threads that wait. Called
     /// with the global lock held.

@@ -207,7 +207,7 @@ int32_t CRuleMaster::DeleteRuleSet(uint16_t index)
         // A file that holds more than the deleted set is removed only if there is a copy of it.
         const bool holdsMore = m_Files.HoldsMore(file);
         if (m_Files.Release(file) &&
-            (!holdsMore || m_Directory.KeepBroken(file, RuleDirectory::Reason::Replaced) == ERROR_SUCCESS))
+            (!holdsMore || m_Directory.CopyOrRename(file, RuleDirectory::Reason::Replaced) == ERROR_SUCCESS))
             m_Directory.Remove(file);
     }
     return KXRULE_OK;

@@ -157,7 +157,7 @@ private:
     [[nodiscard]] int32_t WriteInTurn(uint16_t index, CStreamBuffer& buffer) KX_REQUIRES(m_Lock);
     [[nodiscard]] int32_t WriteOneRuleSet(uint16_t index, std::string target, CStreamBuffer& buffer)
         KX_REQUIRES(m_Lock);
-    [[nodiscard]] uint32_t KeepReplaced(const std::string& fileName) KX_REQUIRES(m_Lock);
+    [[nodiscard]] uint32_t CopyReplaced(const std::string& fileName) KX_REQUIRES(m_Lock);
 
     CLock& m_OuterLock;
     MasterLock m_Lock;
@@ -175,6 +175,6 @@ private:
     ReadState m_ReadState KX_GUARDED_BY(m_Lock) = ReadState::NotRead;
     RuleDirectory m_Directory KX_GUARDED_BY(m_Lock);
     RuleSetFiles m_Files KX_GUARDED_BY(m_Lock);
-    const RuleDirectory::Keeper m_KeepReplaced = [this](const std::string& fileName) KX_NO_THREAD_SAFETY_ANALYSIS
-    { return KeepReplaced(fileName); };
+    const RuleDirectory::Copier m_CopyReplaced = [this](const std::string& fileName) KX_NO_THREAD_SAFETY_ANALYSIS
+    { return CopyReplaced(fileName); };
 };

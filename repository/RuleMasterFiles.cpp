@@ -105,7 +105,7 @@ int32_t CRuleMaster::ReadFiles()
         if (Step("WriteMasterFile", KXRULE_E_FILE_WRITE, write) != KXRULE_OK)
             m_IsDirty = true;
     }
-    // Another program keeps the macro file open: as if nothing had been read.
+    // Another program has the macro file open: as if nothing had been read.
     if (!isRead && result == KXRULE_E_FILE_OPEN)
     {
         m_Content.ActiveRuleSets.clear();
@@ -149,7 +149,7 @@ int32_t CRuleMaster::WriteAll()
 // Every writer passes here: a file that is about to be replaced and holds more than memory does is copied first. (A
 // store that was not read completely is copied as a whole, since the list that is written next does not name what was
 // not read.)
-uint32_t CRuleMaster::KeepReplaced(const std::string& fileName)
+uint32_t CRuleMaster::CopyReplaced(const std::string& fileName)
 {
     if (m_ReadState != ReadState::Whole)
     {
@@ -157,11 +157,11 @@ uint32_t CRuleMaster::KeepReplaced(const std::string& fileName)
         if (busy == ERROR_SUCCESS)
             m_ReadState = ReadState::Whole; // what could not be copied for another reason is still noted, file by file
         else if (fileName == m_Directory.MasterFileName())
-            return busy; // the file that is kept open would be in no list
+            return busy; // the file that is open elsewhere would be in no list
     }
     if (!m_Files.HoldsMore(fileName))
         return ERROR_SUCCESS;
-    const uint32_t error = m_Directory.KeepBroken(fileName, RuleDirectory::Reason::Replaced);
+    const uint32_t error = m_Directory.CopyOrRename(fileName, RuleDirectory::Reason::Replaced);
     if (error == ERROR_SUCCESS)
         m_Files.NoteSafe(fileName);
     return error;
@@ -187,7 +187,7 @@ int32_t CRuleMaster::StoreMaster(const std::vector<std::string>& names)
     };
     // A file that was listed and not read must not drop out of the list without a copy while it may still become
     // readable.
-    const RuleDirectory::Keeper keep = [&](const std::string& fileName) KX_REQUIRES(m_Lock) -> uint32_t
+    const RuleDirectory::Copier copier = [&](const std::string& fileName) KX_REQUIRES(m_Lock) -> uint32_t
     {
         for (const std::string& name : m_Files.Unlisted(names))
         {
@@ -197,9 +197,9 @@ int32_t CRuleMaster::StoreMaster(const std::vector<std::string>& names)
             if (error == ERROR_SUCCESS)
                 m_Files.NoteSafe(name);
         }
-        return KeepReplaced(fileName);
+        return CopyReplaced(fileName);
     };
-    const int32_t result = m_Directory.Write({FileKind::Master, m_Directory.MasterFileName(), encode, keep});
+    const int32_t result = m_Directory.Write({FileKind::Master, m_Directory.MasterFileName(), encode, copier});
     if (result == KXRULE_OK)
     {
         m_Files.NoteSafe(m_Directory.MasterFileName());
@@ -221,7 +221,7 @@ int32_t CRuleMaster::WriteMacroFile()
         KX_TRACE(kTraceError, "\tFile write error");
         return KXRULE_E_FILE_WRITE;
     };
-    const int32_t result = m_Directory.Write({FileKind::Macros, m_Directory.MacroFileName(), encode, m_KeepReplaced});
+    const int32_t result = m_Directory.Write({FileKind::Macros, m_Directory.MacroFileName(), encode, m_CopyReplaced});
     if (result != KXRULE_OK)
         return result;
     m_Files.NoteSafe(m_Directory.MacroFileName());
@@ -279,7 +279,7 @@ int32_t CRuleMaster::WriteOneRuleSet(uint16_t index, std::string target, CStream
     RuleSetFiles::Claim claim = m_Files.Prepare(target, index, former);
     ruleSet->SetFileName(std::move(target));
     KX_TRACE(kTraceCall, "\tCall CRuleSet::Write");
-    const int32_t result = ruleSet->Write(m_Directory, m_KeepReplaced, &buffer);
+    const int32_t result = ruleSet->Write(m_Directory, m_CopyReplaced, &buffer);
     KX_TRACE(kTraceCall, "\tReturn CRuleSet::Write (%d)", result);
     if (result != KXRULE_OK)
     {

@@ -197,8 +197,8 @@ int32_t CRuleMaster::RescueRuleSet(CRuleSet&& ruleSet, bool isDamaged)
     }
     // Whatever the failure was, an existing file is about to be replaced. One that could not be opened may be
     // undamaged.
-    const uint32_t refusal = m_Directory.KeepBroken(ruleSet.FileName(), isDamaged ? RuleDirectory::Reason::Damaged
-                                                                                  : RuleDirectory::Reason::Unopened);
+    const uint32_t refusal = m_Directory.CopyOrRename(ruleSet.FileName(), isDamaged ? RuleDirectory::Reason::Damaged
+                                                                                    : RuleDirectory::Reason::Unopened);
     RuleSetRescue::MakeRescueSet(ruleSet);
     const int32_t result = ruleSet.Write(m_Directory, [refusal](const std::string&) { return refusal; });
     if (result != KXRULE_OK)

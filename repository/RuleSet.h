@@ -68,10 +68,10 @@ public:
     /// not damage. Both gather the bytes in the lent buffer, if there is one.
     [[nodiscard]] int32_t Read(const RuleDirectory& directory, uint32_t* version = nullptr,
                                CStreamBuffer* lent = nullptr);
-    /// As RuleDirectory::Keeper: called right before the existing file is replaced.
-    using Keeper = std::function<uint32_t(const std::string& fileName)>;
+    /// As RuleDirectory::Copier: called right before the existing file is replaced.
+    using Copier = std::function<uint32_t(const std::string& fileName)>;
     /// 0, KXRULE_E_FILE_OPEN, KXRULE_E_FILE_WRITE.
-    [[nodiscard]] int32_t Write(RuleDirectory& directory, const Keeper& keep, CStreamBuffer* lent = nullptr) const;
+    [[nodiscard]] int32_t Write(RuleDirectory& directory, const Copier& copier, CStreamBuffer* lent = nullptr) const;
 
 private:
     using Rules = IndexMap<CRule>;

@@ -119,7 +119,7 @@ bool CRuleSet::ReadRules(CEncryptStream& stream, int32_t count, FileOrder& order
     return true;
 }
 
-int32_t CRuleSet::Write(RuleDirectory& directory, const Keeper& keep, CStreamBuffer* lent) const
+int32_t CRuleSet::Write(RuleDirectory& directory, const Copier& copier, CStreamBuffer* lent) const
 {
     KX_TRACE(kTraceCall, "CRuleSet::Write Enter (%s)", directory.Given().c_str());
     const std::function<int32_t(CEncryptStream&)> encode = [this](CEncryptStream& stream) -> int32_t
@@ -133,7 +133,7 @@ int32_t CRuleSet::Write(RuleDirectory& directory, const Keeper& keep, CStreamBuf
         KX_TRACE(kTraceError, "\tFile write error [File-Body]");
         return KXRULE_E_FILE_WRITE;
     };
-    const int32_t result = directory.Write({FileKind::RuleSet, m_FileName, encode, keep, lent});
+    const int32_t result = directory.Write({FileKind::RuleSet, m_FileName, encode, copier, lent});
     if (result == KXRULE_OK)
         KX_TRACE(kTraceCall, "CRuleSet::Write return");
     return result;
