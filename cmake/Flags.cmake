@@ -5,8 +5,8 @@ target_compile_features(kx_flags INTERFACE cxx_std_20 c_std_11)
 target_compile_definitions(kx_flags INTERFACE KXRULE_API=) # the exports are compiled here, not imported
 target_compile_options(kx_flags INTERFACE
     -Wall -Wextra -Wpedantic -Wshadow
-    $<$<CXX_COMPILER_ID:GNU>:-Wno-restrict> # GCC 12 warns falsely about `s = "literal"` at -O2
-    # The same bytes from any checkout. (Coverage tools have to find the sources.)
+    $<$<CXX_COMPILER_ID:GNU>:-Wno-restrict> # GCC 12 wrongly warns about `s = "literal"` at -O2
+    # The same bytes from any checkout. (But coverage tools have to find the sources.)
     $<$<NOT:$<CONFIG:Coverage>>:-ffile-prefix-map=${PROJECT_SOURCE_DIR}/=>
     $<$<BOOL:${KX_WERROR}>:-Werror>)
 
@@ -21,7 +21,7 @@ if(WIN32)
     target_link_options(kx_flags INTERFACE
         -static -fstack-protector-strong
         -Wl,--dynamicbase -Wl,--high-entropy-va -Wl,--nxcompat -Wl,--no-insert-timestamp
-        -Wl,--major-subsystem-version,6 -Wl,--minor-subsystem-version,1) # Windows 7; older ones say so and stop
+        -Wl,--major-subsystem-version,6 -Wl,--minor-subsystem-version,1) # Windows 7; older versions refuse it
 else()
     # With coverage, the sanitizers' checks would count as branches.
     target_compile_definitions(kx_flags INTERFACE _GLIBCXX_ASSERTIONS)

@@ -1,8 +1,8 @@
-# The SDK as `cmake --install` lays it out, and what goes into the packages that scripts/package.sh makes of it.
+# The layout of the SDK for `cmake --install`, from which scripts/package.sh makes the packages.
 include(CMakePackageConfigHelpers)
 
-# What ships is compiled with the symbols of functions and lines, which scripts/package.sh takes out into an archive of
-# their own. (-g with variables costs up to as much time again. The tests, which are added after this, go without.)
+# What ships is compiled with symbols for functions and lines, which scripts/package.sh moves to an archive of their
+# own. (-g with variables would up to double the build time. The tests, which are added after this, have no symbols.)
 function(kx_with_symbols directory)
     get_property(targets DIRECTORY ${directory} PROPERTY BUILDSYSTEM_TARGETS)
     foreach(target ${targets})
@@ -18,7 +18,7 @@ function(kx_with_symbols directory)
 endfunction()
 kx_with_symbols(${PROJECT_SOURCE_DIR})
 
-# MSVC's linker wants its own form of import library, which LLVM makes. Building does not need it, so it may be missing.
+# MSVC's linker needs its own form of import library, which LLVM makes. Builds do not need it, so LLVM may be missing.
 find_program(KX_LLVM_DLLTOOL NAMES llvm-dlltool llvm-dlltool-14)
 set(libraries)
 foreach(target KxPfwRul KxPolicy KxHash KxVqrDbg)
@@ -41,7 +41,7 @@ install(TARGETS kxrule RUNTIME DESTINATION bin)
 install(FILES api/include/KxPfwRule.h api/include/KxPfwRule.hpp api/include/KxPfwRuleBuilder.hpp api/include/KxPolicy.h
     DESTINATION include)
 
-# What finds it: find_package, FetchContent, pkg-config.
+# Files for find_package, FetchContent and pkg-config.
 configure_package_config_file(cmake/sdk/KxPfwRulConfig.cmake.in ${PROJECT_BINARY_DIR}/KxPfwRulConfig.cmake
     INSTALL_DESTINATION lib/cmake/KxPfwRul NO_SET_AND_CHECK_MACRO)
 write_basic_package_version_file(${PROJECT_BINARY_DIR}/KxPfwRulConfigVersion.cmake COMPATIBILITY SameMajorVersion)
@@ -52,7 +52,7 @@ install(FILES ${PROJECT_BINARY_DIR}/KxPfwRulConfig.cmake ${PROJECT_BINARY_DIR}/K
 install(FILES ${PROJECT_BINARY_DIR}/kxpfwrul.pc ${PROJECT_BINARY_DIR}/kxpolicy.pc DESTINATION lib/pkgconfig)
 install(FILES cmake/sdk/CMakeLists.txt DESTINATION .)
 
-# Documents of the package's users. Those of the library's own developers speak of sources that are not in it.
+# Documents for users of the package. Those for the library's developers refer to sources that are not in it.
 install(FILES cmake/sdk/README.md LICENSE CHANGELOG.md SECURITY.md DESTINATION .)
 install(FILES docs/format.md docs/kxrule.md docs/kxrule.schema.json docs/policies.md docs/policy.schema.json
     docs/recovery.md docs/security.md docs/settings.md docs/threads.md DESTINATION docs)

@@ -1,4 +1,4 @@
-# Header-only libraries of the system, without the rest of its include directory on the path.
+# Header-only libraries installed on the system, without putting the rest of its include directory on the path.
 file(MAKE_DIRECTORY ${PROJECT_BINARY_DIR}/third_party)
 foreach(library CLI nlohmann utf8 utf8.h)
     file(CREATE_LINK /usr/include/${library} ${PROJECT_BINARY_DIR}/third_party/${library} SYMBOLIC)

@@ -5,7 +5,7 @@ if(NOT header STREQUAL "#define KXRULE_VERSION ${number}")
     message(FATAL_ERROR "api/include/KxPfwRule.h says \"${header}\", the project is version ${PROJECT_VERSION}")
 endif()
 
-# kx_version_resource(target description): what the system and installers show about a DLL or a program.
+# kx_version_resource(target description): adds what the system and installers show about a DLL or a program.
 function(kx_version_resource KX_NAME KX_DESCRIPTION)
     string(REPLACE "." "," KX_VERSION_COMMA "${PROJECT_VERSION}.0")
     get_target_property(type ${KX_NAME} TYPE)

@@ -1,6 +1,6 @@
 #!/bin/bash
-# wine-run.sh PROGRAM.exe [ARGS...]: run a Windows program in the project's own Wine prefix.
-# KX_WINEPREFIX picks another prefix. With no argument it only prepares the prefix; --stop ends all that runs in it.
+# wine-run.sh PROGRAM.exe [ARGS...]: runs a Windows program in the project's own Wine prefix.
+# KX_WINEPREFIX picks another prefix. Without arguments it only prepares the prefix; --stop ends whatever runs in it.
 root=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
 export WINEPREFIX=${KX_WINEPREFIX:-$root/build/wine}
 export WINEDEBUG=${WINEDEBUG:--all} WINEDLLOVERRIDES='mscoree,mshtml=' LC_ALL=${KX_LC_ALL:-C.UTF-8}
@@ -11,8 +11,8 @@ fi
 mkdir -p "$WINEPREFIX"
 (
   flock 9
-  # 0: this call started the server, so boot it cut off from our stdout and stderr: a reader of those
-  # pipes would otherwise wait for the background processes of Wine. 2: it was up already.
+  # 0: this call started the server, so boot it detached from our stdout and stderr: a reader of those
+  # pipes would otherwise wait for the background processes of Wine. 2: it was already running.
   if wineserver -p120 9>&- </dev/null >/dev/null 2>&1; then
     new=; [ -f "$WINEPREFIX/.update-timestamp" ] || new=1
     wine wineboot -i 9>&- </dev/null >/dev/null 2>&1
