@@ -1,6 +1,6 @@
 /*
- * first-steps.c: the rule store from C99. Reads the rule directory that it is given, puts a rule set into it when it
- * holds none, and prints every rule.
+ * first-steps.c: the rule store from C99. Reads the given rule directory, adds a rule set if there is none, and prints
+ * every rule.
  */
 #include <stdio.h>
 #include <stdlib.h>
@@ -45,7 +45,7 @@ static int32_t addOffice(void)
         set->nRuleCount = 2;
         makeRule(&KXRULE_RULES(set)[0], 10, 0x0A000001, 443, KXRULE_ACTION_ACCEPT); /* 10.0.0.1 */
         makeRule(&KXRULE_RULES(set)[1], 20, 0, 23, KXRULE_ACTION_DROP);
-        result = kxRuleAddRuleSet(0, set); /* 0: any free index, which the record then holds */
+        result = kxRuleAddRuleSet(0, set); /* 0: any free index, which is stored in the record */
         if (result == KXRULE_OK)
         {
             const uint16_t active = set->wRuleSetIndex;
@@ -82,7 +82,7 @@ int main(int argc, char** argv)
     if (result != KXRULE_OK)
         return failed("kxRuleInitialize", result);
     result = kxRuleRead();
-    if (result != KXRULE_OK) /* change nothing then: the next write would list only what could be read */
+    if (result != KXRULE_OK) /* then change nothing: the next write would list only what could be read */
     {
         kxRuleFinalize();
         return failed("kxRuleRead", result);

@@ -1,5 +1,5 @@
-// first-steps.cpp: the rule store from C++20. Reads the rule directory that it is given, adds a rule of each common
-// kind and a macro, and prints what is there.
+// first-steps.cpp: the rule store from C++20. Reads the given rule directory, adds a rule of each common kind and a
+// macro, and prints the contents.
 #include <cstdio>
 
 #include <KxPfwRule.hpp>

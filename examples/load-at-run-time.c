@@ -1,6 +1,6 @@
 /*
- * load-at-run-time.c: the rule store from a program that does not link with it, and runs without it. LoadRuleLibrary is
- * to be pasted. Prints how many rule sets the directory that it is given holds.
+ * load-at-run-time.c: the rule store from a program that does not link with it, and starts without it. LoadRuleLibrary
+ * can be copied into your program. Prints how many rule sets the given directory holds.
  */
 #include <stdio.h>
 #include <windows.h>
@@ -11,9 +11,9 @@
 static KXRULE_LIBRARY g_Rule;
 
 /*
- * Looks for the DLL beside the program and in the system's directory, never in the current directory or along PATH,
- * where others may have put one. (Windows 7 knows the flags since update KB2533623; without it nothing is loaded.)
- * Null, with GetLastError, when the DLL or one of its functions is missing. FreeLibrary only after kxRuleFinalize.
+ * Searches for the DLL in the program's and the system's directory, never in the current directory or along PATH, where
+ * others may have put one. (Windows 7 knows the flags since update KB2533623; without it nothing is loaded.) Null, with
+ * GetLastError, if the DLL or one of its functions is missing. Call FreeLibrary only after kxRuleFinalize.
  */
 static HMODULE LoadRuleLibrary(void)
 {

@@ -1,9 +1,9 @@
-// service.cpp: how a service lives with the store. It reads the rules once, answers queries on several threads while
-// the library writes changes at its own interval, and finalises when it is told to stop. If it is given a policy file
-// beside the rule directory, the store holds what the file says, at the start and whenever the file changes.
+// service.cpp: how a service uses the store. It reads the rules once, answers queries on several threads while the
+// library writes changes at its own interval, and finalises the library when it stops. If it is given a policy file in
+// addition to the rule directory, it makes the store match the file at the start and whenever the file changes.
 //
-// A query is a line such as "tcp 443" on the standard input; the answer names the first rule of the active rule sets
-// that speaks of that protocol and port. "block tcp 23" adds a rule. The end of the input stops the service.
+// A query is a line such as "tcp 443" on standard input; the answer is the first rule of the active rule sets with that
+// protocol and port. "block tcp 23" adds a rule. The end of the input stops the service.
 #include <chrono>
 #include <condition_variable>
 #include <cstdio>
@@ -22,7 +22,7 @@
 namespace
 {
 
-// What the threads take their work from.
+// The queue that the threads take their work from.
 class Queries
 {
 public:
@@ -40,7 +40,7 @@ public:
         m_Changed.notify_all();
     }
 
-    // False when there is nothing left and nothing more will come.
+    // False if nothing is left and nothing more will come.
     bool Take(std::string& query)
     {
         std::unique_lock lock(m_Lock);
@@ -59,10 +59,11 @@ private:
     bool m_Closed = false;
 };
 
-// One change of the store at a time: a policy is many calls, between which nobody else may change what it changes.
+// One change of the store at a time: applying a policy takes many calls, between which nothing else may change what it
+// changes.
 std::mutex g_Changing;
 
-// Follows a policy file by its content. One that is wrong, or still being written, changes nothing.
+// Follows the content of a policy file. A file that has errors, or is still being written, changes nothing.
 class PolicyFile
 {
 public:
@@ -123,12 +124,12 @@ bool SpeaksOf(const PFW_RULE& rule, uint32_t protocol, uint16_t port)
         return (port == item.wPort1) != (item.dwNot != 0);
     case KXRULE_PORT_RANGE:
         return (port >= item.wPort1 && port <= item.wPort2) != (item.dwNot != 0);
-    default: // a list or a name, which this program does not look into
+    default: // a list or a name, which this program does not resolve
         return false;
     }
 }
 
-// One copy of each set; any number of threads may do this at once.
+// Copies one set at a time; any number of threads may do this at once.
 std::string Answer(const kxrule::Store& store, uint32_t protocol, uint16_t port)
 {
     for (const uint16_t index : store.activeRuleSets())
@@ -190,7 +191,7 @@ int main(int argc, char** argv)
         queries.Put(line);
     queries.Close();
     follower = {};
-    threads.clear(); // joins: no thread may be inside the library when the store goes
+    threads.clear(); // joins: no thread may be inside the library when the store is closed
 
     const kxrule::Result written = store.flush(); // closing writes too, but cannot report
     std::printf("stopped: %s\n", written.message().data());
