@@ -75,7 +75,7 @@ private:
 constexpr size_t kDigits = 64;
 constexpr DWORD kShareAll = FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE;
 
-/// Whole small files, for the manifest.
+/// Reads a whole file in blocks.
 bool ReadAll(const std::string& path, const std::function<bool(char*, uint32_t)>& take)
 {
     const KxCommon::UniqueFile file = Files::Open(path.c_str(), GENERIC_READ, OPEN_EXISTING, kShareAll);
@@ -89,7 +89,7 @@ bool ReadAll(const std::string& path, const std::function<bool(char*, uint32_t)>
     return static_cast<bool>(file);
 }
 
-/// A file's line in the manifest without its name: SHA-256 and size. Empty when it cannot be read.
+/// A file's line in the manifest without its name: SHA-256 and size. Empty if it cannot be read.
 std::string Print(const std::string& path)
 {
     Hash hash;

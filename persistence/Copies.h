@@ -1,4 +1,4 @@
-// Copies of whole stores: into a directory that somebody names, or below RuleBackup, and back.
+// Copies of whole stores: to a given directory or below RuleBackup, and back.
 #pragma once
 
 #include <optional>
@@ -10,19 +10,19 @@
 namespace Copies
 {
 
-// Those that return false leave the system's error in GetLastError, and in failed the name of the file that it is
-// about.
+// On failure, functions that return false leave the system's error in GetLastError and the name of the file that it
+// concerns in failed.
 
-/// Copies files to a directory that holds none of them, flushed, with a manifest: a line for each with its SHA-256,
-/// size and name. On failure nothing of the copies is left.
+/// Copies files to a directory that has none of them, flushes them and writes a manifest: a line for each with its
+/// SHA-256, size and name. On failure no copies are left.
 [[nodiscard]] bool CopyFiles(const RuleDirectory& from, const RuleDirectory& to, const std::vector<std::string>& names,
                              std::string& failed);
-/// The same into a new dated directory below RuleBackup, whose name in the rule directory is given, without a backslash
-/// at its end. On failure it is gone, too.
+/// The same to a new dated directory below RuleBackup; backup receives its name in the rule directory, without a
+/// trailing backslash. On failure the directory is removed as well.
 [[nodiscard]] bool CopyToBackup(const RuleDirectory& directory, const std::vector<std::string>& names,
                                 std::string& backup, std::string& failed);
-/// Makes the target hold what of the source is named, and no other rule files. The master file comes last: until it is
-/// there, the old one lists the old files. On failure some files are new, some old.
+/// Makes the target hold the named files of the source, and no other rule files. The master file is put last: until
+/// then the old one lists the old files. On failure some files are new and some are old.
 [[nodiscard]] bool PutFiles(const RuleDirectory& source, const RuleDirectory& target,
                             const std::vector<std::string>& names, std::string& failed);
 
@@ -31,12 +31,12 @@ struct Dated
 {
     std::string Name;    // in the rule directory
     std::string Digits;  // year to second, two digits each, local time
-    unsigned Number = 0; // 0: made by the library, for what it found damaged
+    unsigned Number = 0; // 0: made by the library, of what it found damaged
 };
-/// The newest first.
+/// Newest first.
 [[nodiscard]] std::vector<Dated> FindBackups(const RuleDirectory& directory);
-/// Removes of those with a number what is older than the newest ones, whose count is given. Only what a manifest names
-/// is removed, and a directory that is empty then.
+/// Removes all numbered copies except the newest ones, whose count is given. Only files that a manifest names are
+/// removed, and directories that are empty afterwards.
 void RemoveOldest(const RuleDirectory& directory, size_t keep);
 
 enum class Change
@@ -50,8 +50,8 @@ struct Changed
     std::string Name;
     Change What;
 };
-/// What of a directory's rule files is not as the manifest of a backup says; without a manifest, as the backup's files
-/// are. Nothing when the backup has neither, or a file cannot be read.
+/// How a directory's rule files differ from the manifest of a backup or, if it has none, from the backup's files.
+/// Nothing if the backup has neither, or a file cannot be read.
 [[nodiscard]] std::optional<std::vector<Changed>> Compare(const RuleDirectory& directory, const RuleDirectory& backup);
 /// Whether there is a manifest.
 [[nodiscard]] bool HasManifest(const RuleDirectory& backup);

@@ -22,8 +22,8 @@ class RuleSetFiles;
 class RuleDirectory
 {
 public:
-    /// Copies the named file if necessary. Called when the new file is complete, right before it replaces the old one: 0,
-    /// or the system's error if the old file could not be copied, so that it must stay.
+    /// Copies the named file if necessary. Called when the new file is complete, right before it replaces the old one:
+    /// 0, or the system's error if the old file could not be copied, so that it must stay.
     using Copier = std::function<uint32_t(const std::string& fileName)>;
 
     /// What distinguishes the three writers.
@@ -73,11 +73,11 @@ public:
     [[nodiscard]] bool MayExist(const std::string& fileName) const;
     /// True if the file is gone.
     bool Remove(const std::string& fileName) const;
-    /// Writes a temporary file, flushes it, has the old file copied, and moves it over the real one. A master or macro file
-    /// that this object wrote, that nobody has touched since or has open, and that would get the same bytes again is
-    /// left as it is: most changes alter neither, and a flush costs more than everything else. On any failure the real
-    /// file still has its content under its name (unless the move was refused and the copy that replaces it broke off),
-    /// and the temporary file stays, complete in that case. Every failure is traced.
+    /// Writes a temporary file, flushes it, has the old file copied, and moves it over the real one. A master or macro
+    /// file that this object wrote, that nobody has touched since or has open, and that would get the same bytes again
+    /// is left as it is: most changes alter neither, and a flush costs more than everything else. On any failure the
+    /// real file still has its content under its name (unless the move was refused and the copy that replaces it broke
+    /// off), and the temporary file stays, complete in that case. Every failure is traced.
     /// @return 0, KXRULE_E_FILE_OPEN (temporary file), KXRULE_E_FILE_WRITE
     [[nodiscard]] int32_t Write(const WriteJob& job);
 

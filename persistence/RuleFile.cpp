@@ -1,14 +1,14 @@
-// A whole rule file of whichever kind.
+// A whole rule file of any kind.
 #include "persistence/RuleFile.h"
 
-FileDefect RuleFile::Read(CEncryptStream& stream, std::optional<FileKind> kind, bool keepsRules)
+FileDefect RuleFile::Read(CEncryptStream& stream, std::optional<FileKind> kind, bool wantsRules)
 {
     Head = kind ? ReadHead(stream, *kind) : ReadHead(stream);
     if (Head.Defect != FileDefect::None)
         return Head.Defect;
     const auto take = [&](const PFW_RULE& rule)
     {
-        if (keepsRules) // the count that the file gives reserves nothing
+        if (wantsRules) // nothing is reserved for the count that the file states
             Rules.push_back(rule);
     };
     return Head.Defect = Head.Kind == FileKind::Master   ? MasterFormat::ReadBody(stream, Master)

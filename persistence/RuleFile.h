@@ -1,5 +1,4 @@
-// What is in one rule file of whichever kind: the one reader of whole files for those who look into files without a
-// store.
+// The contents of one rule file of any kind: the only reader of whole files for code that reads files without a store.
 #pragma once
 
 #include <optional>
@@ -11,16 +10,16 @@
 #include "persistence/MasterFormat.h"
 #include "persistence/RuleSetFormat.h"
 
-/// After a defect the fields hold what lay before it.
+/// After a defect, the fields hold what precedes it.
 struct RuleFile
 {
-    FileHead Head; // its defect is what ended the reading
+    FileHead Head; // its defect is what ended reading
     MasterFields Master;
     std::vector<MacroFields> Macros;
     RuleSetFormat::Header Set;
     std::vector<PFW_RULE> Rules; // in the order of the file
 
-    /// Reads a file from its head on. Without a kind the magic decides which it is; of a file that is to be of a kind,
-    /// another's magic is a defect. A reader who only asks whether a file is whole has no use for the rules.
-    FileDefect Read(CEncryptStream& stream, std::optional<FileKind> kind = {}, bool keepsRules = true);
+    /// Reads a file from its head on. Without a kind, the magic decides which it is; with one, the magic of another is
+    /// a defect. A caller that only needs to know whether a file is whole has no use for the rules.
+    FileDefect Read(CEncryptStream& stream, std::optional<FileKind> kind = {}, bool wantsRules = true);
 };

@@ -1,4 +1,4 @@
-// What a read would find and do, from the table of persistence/Recovery.h.
+// What a read would find and do, according to the table in persistence/Recovery.h.
 #include "persistence/Survey.h"
 
 #include <algorithm>
@@ -22,7 +22,7 @@ struct NoCase
 };
 using Names = std::set<std::string, NoCase>;
 
-/// Of what it is given the buffer and the memory of the rules are used.
+/// Reuses the buffer and the memory of the rules.
 LookedAt Look(const RuleDirectory& directory, const std::string& name, std::optional<FileKind> kind,
               CStreamBuffer* lent, std::vector<PFW_RULE> rules)
 {
@@ -128,18 +128,18 @@ private:
         Surveyed seen = Look(name, Sight::RuleSet, FileKind::RuleSet);
         seen.Position = position;
         seen.Last = last;
-        seen.IsMoved = m_OfMaster == Remedy::BackUp && seen.IsThere; // by the time it is looked for
+        seen.IsMoved = m_OfMaster == Remedy::BackUp && seen.IsThere; // before it is looked for
         const uint16_t rescue = RuleFiles::IndexFromFileName(name);
         seen.HasRescue = (seen.IsMoved || !seen.IsWhole()) && rescue != 0 && !m_Indexes.contains(rescue);
         m_IsDamaged = m_IsDamaged || !seen.IsWhole();
         if (seen.IsWhole() && !seen.IsMoved)
             seen.IsRepeated = !m_Indexes.insert(seen.File.Set.Index).second;
         m_Take(seen);
-        m_Rules = std::move(seen.File.Rules); // what nobody took serves the next set
+        m_Rules = std::move(seen.File.Rules); // memory that was not taken is reused for the next set
         m_Rules.clear();
     }
 
-    /// Files that nobody reads: what there is of them only there is worth keeping.
+    /// Files that nothing reads: if one is the only copy of its contents, it must not be removed.
     void LookAtRest(const std::string& name, Sight sight)
     {
         Surveyed seen = Look(name, sight, sight == Sight::Unlisted ? std::optional(FileKind::RuleSet) : std::nullopt);

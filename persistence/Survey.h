@@ -11,13 +11,13 @@
 #include "persistence/RuleDirectory.h"
 #include "persistence/RuleFile.h"
 
-/// One file, looked at beside everybody.
+/// One file, read without excluding other programs.
 struct LookedAt
 {
     std::string Name;
     RuleFile File;
     uint64_t Bytes = 0;
-    uint32_t Error = 0; // the system's, of a file that could not be opened
+    uint32_t Error = 0; // the system's, for a file that could not be opened
 
     [[nodiscard]] bool IsWhole() const noexcept { return File.Head.Defect == FileDefect::None; }
     [[nodiscard]] bool IsUnopened() const noexcept
@@ -26,17 +26,17 @@ struct LookedAt
     }
 };
 
-/// Without a kind the magic decides which it is.
+/// Without a kind, the magic decides which it is.
 [[nodiscard]] LookedAt LookAt(const RuleDirectory& directory, const std::string& name,
                               std::optional<FileKind> kind = {}, CStreamBuffer* lent = nullptr);
 
 enum class Sight
 {
-    Master,    // these three, in this order, are what a read goes through
+    Master,    // these three, in this order, are what kxRuleRead reads
     Macros,    //
     RuleSet,   // one that the master file lists
-    MacroName, // of the master file: it names a macro file that cannot be one
-    BadName,   // of the master file: it lists Name, which cannot be a rule set file's
+    MacroName, // of the master file: it names a macro file with an unusable name
+    BadName,   // of the master file: it lists Name, which is not usable for a rule set file
     Twice,     // of the master file: it lists Name twice
     NoSuchSet, // of the master file: Index is active, but no file holds that rule set
     Unlisted,  // a rule set file that the master file does not list
@@ -47,16 +47,16 @@ struct Surveyed : LookedAt
 {
     Sight What = Sight::Master;
     uint16_t Index = 0;
-    bool IsThere = true;           // there is something of that name, though it may not be a file
-    Remedy Then = Remedy::GoOn;    // what a read would do about a defect
-    int32_t Result = KXRULE_OK;    // what it would return then
-    bool IsMoved = false;          // it would be moved away with the master file
-    bool HasRescue = false;        // a rescue set would take its place
-    bool IsRepeated = false;       // an earlier file has the same index; the later one counts
-    bool IsOnlyCopy = false;       // of those that are not read: whole, and nothing that is read holds the same
+    bool IsThere = true;        // there is something of that name, though it may not be a file
+    Remedy Then = Remedy::GoOn; // what a read would do about a defect
+    int32_t Result = KXRULE_OK; // what it would return then
+    bool IsMoved = false;       // it would be moved away with the master file
+    bool HasRescue = false;     // a rescue set would take its place
+    bool IsRepeated = false;    // an earlier file has the same index; the later one counts
+    bool IsOnlyCopy = false; // for files that are not read: it is whole, and no file that is read has the same contents
     size_t Position = 0, Last = 0; // among the rule set files that the master file lists
 };
 
-/// Looks at every file once and keeps none: take may have what is in it. What is damaged shows in what comes before, so
-/// NoSuchSet does not come after a damaged file. bad_alloc as CEncryptFile.
+/// Reads every file once and retains none: take may move its contents out. NoSuchSet is not reported after a damaged
+/// file, which may be the reason for it. May throw bad_alloc like CEncryptFile.
 void Survey(const RuleDirectory& directory, const std::function<void(Surveyed&)>& take);
