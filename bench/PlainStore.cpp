@@ -143,17 +143,17 @@ void PlainStore::ReadAll(const Shape& shape)
     {
         RuleMap& rules = m_Sets.Emplace(set);
         const HANDLE file = OpenFile(FileName(set), GENERIC_READ, OPEN_EXISTING);
-        size_t kept = 0;
+        size_t rest = 0;
         size_t skip = kSetHead;
         for (;;)
         {
             DWORD got = 0;
-            Check(::ReadFile(file, m_Piece.data() + kept, static_cast<DWORD>(kPiece - kept), &got, nullptr) != FALSE,
+            Check(::ReadFile(file, m_Piece.data() + rest, static_cast<DWORD>(kPiece - rest), &got, nullptr) != FALSE,
                   "ReadFile");
             if (got == 0)
                 break;
             const uint8_t* at = m_Piece.data() + skip;
-            const uint8_t* const end = m_Piece.data() + kept + got;
+            const uint8_t* const end = m_Piece.data() + rest + got;
             skip = 0;
             for (; static_cast<size_t>(end - at) >= kRuleRecord; at += kRuleRecord)
             {
@@ -161,8 +161,8 @@ void PlainStore::ReadAll(const Shape& shape)
                 std::memcpy(&key, at, sizeof(key));
                 rules.Emplace(key, at);
             }
-            kept = static_cast<size_t>(end - at);
-            std::memmove(m_Piece.data(), at, kept);
+            rest = static_cast<size_t>(end - at);
+            std::memmove(m_Piece.data(), at, rest);
         }
         ::CloseHandle(file);
         Check(rules.Size() == shape.Rules, "rules read");

@@ -419,7 +419,7 @@ typedef int32_t (*KXRULE_HASH_CALLBACK)(uint32_t ruleSetIndex, const PFW_RULE* r
  *   masterFileName  a bare file name for the master file. Null or empty: KxRulMas.dat.
  * 0, or KXRULE_E_ALREADY_INITIALIZED  the library is initialised; only the trace settings are read again
  *       KXRULE_E_MUTEX                Global\KxPfwRuleDllLockMutex could not be created, or memory ran out; not
- *                                     initialised, but the trace goes on until kxRuleFinalize is called
+ *                                     initialised, but the trace stays on until kxRuleFinalize is called
  * Call kxRuleRead next, even if the directory should be empty: a write without it replaces the store that is there
  * (after copying it to a dated backup directory) and does not list its rule sets. Changes reach the disk every
  * RuleWriteInterval milliseconds (docs/settings.md), 30 minutes unless configured. Only one process at a time may

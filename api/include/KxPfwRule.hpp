@@ -1,6 +1,6 @@
 /*
  * KxPfwRule.hpp: KxPfwRul.dll from C++20. A thin layer over KxPfwRule.h, which documents every call: a Store that is
- * finalised when it goes, results as values, the calls that fill a buffer as vectors and strings.
+ * finalised when destroyed, results as values, and vectors and strings instead of buffers to fill.
  *
  *     kxrule::Store store;
  *     kxrule::Result result = store.open(L"C:\\ProgramData\\Firewall\\Rules");
@@ -15,9 +15,9 @@
  *     if (const auto text = store.ruleText(1, 100))
  *         std::puts(text->c_str());
  *
- * Functions are written as in the standard library, in small letters. They allocate what they return and nothing
- * else, copy nothing that the library has written, and add no lock: what KxPfwRule.h says of threads holds. They throw
- * std::bad_alloc and nothing of their own; a caller who prefers exceptions throws std::system_error(result).
+ * Function names begin with a lower-case letter. Functions allocate only what they return, do not copy what the library
+ * has written, and add no locks: what KxPfwRule.h says about threads applies. They throw nothing but std::bad_alloc; a
+ * caller who prefers exceptions can throw std::system_error(result).
  */
 #ifndef KXPFWRULE_HPP
 #define KXPFWRULE_HPP
@@ -221,7 +221,7 @@ public:
     class Iterator
     {
     public:
-        using value_type = PFW_MACRO; // the head; the items lie after the original, not after a copy
+        using value_type = PFW_MACRO; // the head; the items follow the original, not a copy
         using reference = const PFW_MACRO&;
         using pointer = const PFW_MACRO*;
         using difference_type = std::ptrdiff_t;

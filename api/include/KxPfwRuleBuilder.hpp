@@ -1,18 +1,18 @@
 /*
- * KxPfwRuleBuilder.hpp: rules and macros put together in C++20. Most programs include KxPfwRule.hpp, which brings it.
+ * KxPfwRuleBuilder.hpp: builds rules and macros in C++20. Most programs include KxPfwRule.hpp, which includes it.
  *
  *     const PFW_RULE web = kxrule::access().tcp().from("10.0.0.0/8").port("80,443").description(L"Web").accept();
  *     const auto servers = kxrule::Macro("servers").add(kxrule::Address("10.0.0.1")).add(kxrule::Port("80"));
  *
- * Literals are checked by the compiler: a wrong address or port, or a text that its field would cut, does not build,
- * and the diagnostic names a function of wrong_literal that says why. What is known at run time goes through parse:
- * Address::parse, Port::parse, AppPath::parse and so on. Nothing here calls the library or throws.
+ * Literals are checked by the compiler: a wrong address or port, or a text that is too long for its field, does not
+ * compile, and the diagnostic names a function of wrong_literal that says why. Text known only at run time goes through
+ * parse: Address::parse, Port::parse, AppPath::parse and so on. Nothing here calls the library or throws.
  */
 #ifndef KXPFWRULEBUILDER_HPP
 #define KXPFWRULEBUILDER_HPP
 
 #if (defined(_MSVC_LANG) ? _MSVC_LANG : __cplusplus) < 202002L
-#error "Needs C++20: -std=c++20 or /std:c++20. KxPfwRule.h serves C and older C++."
+#error "Needs C++20: -std=c++20 or /std:c++20. Use KxPfwRule.h for C and older C++."
 #endif
 
 #include <algorithm>
