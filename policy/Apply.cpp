@@ -23,8 +23,8 @@ bool NeedsEmptying(const RuleSetChange& change)
                        [](const RuleChange& rule) { return rule.Index == 0 && rule.Before; });
 }
 
-/// Some changes need the whole set deleted and added: another name, and a rule that is refused when added alone but
-/// accepted with its set.
+/// Some changes require deleting the whole set and adding it again: a new name, and a rule that is refused when added
+/// alone but accepted with its set.
 bool NeedsNewSet(const RuleSetChange& change)
 {
     if (!change.NameBefore || !change.NameAfter)
@@ -61,7 +61,7 @@ void ChangeRules(PolicyStore& store, const RuleSetChange& change)
                   "adding " + RuleName(change.Index, rule->wRuleIndex));
         return;
     }
-    // Deletions first: a full set has no room for more.
+    // Deletions first: a full set takes no more rules.
     for (const RuleChange& rule : change.Rules)
     {
         if (rule.Before)
@@ -84,8 +84,8 @@ void ChangeMacros(PolicyStore& store, const std::vector<MacroRecord>& macros)
     }
 }
 
-/// Deleting writes the master file and removes the set's file at once. So everything else has been written before, and
-/// what is deleted has been copied.
+/// Deleting writes the master file and removes the set's file at once. By then everything else must have been written,
+/// and what is deleted must have been copied.
 void DeleteRuleSets(PolicyStore& store, const PolicyDiff& diff)
 {
     for (const RuleSetChange& change : diff.RuleSets)
@@ -110,8 +110,8 @@ void Apply(PolicyStore& store, const Policy& before, const PolicyDiff& diff,
     for (const RuleSetChange& change : diff.RuleSets)
         deletes = deletes || !change.NameAfter || NeedsNewSet(change);
     if (deletes)
-        store.KeepCopy();
-    // If there is room, what is new is written before what is old is removed.
+        store.CopyFiles();
+    // If the limits allow it, new sets are written before old ones are removed.
     size_t added = before.RuleSets.size();
     for (const RuleSetChange& change : diff.RuleSets)
         added += change.NameBefore ? 0 : 1;

@@ -23,10 +23,10 @@ private:
     int32_t m_Result;
 };
 
-/// Throws StoreError naming what was attempted unless the result is 0 or more.
+/// Throws StoreError, which names what was attempted, if the result is negative.
 void Check(int32_t result, const std::string& attempt);
 
-/// What a change needs from a store: calls of the library with their result codes, and two that throw when they fail.
+/// What a change needs from a store: functions of the library with their result codes, and two that throw on failure.
 class PolicyStore
 {
 public:
@@ -41,12 +41,12 @@ public:
     /// Writes what was changed.
     virtual void Write() = 0;
     /// Copies the files of the store. Called before anything removes a rule set.
-    virtual void KeepCopy() = 0;
+    virtual void CopyFiles() = 0;
 };
 
-/// Makes the changes and writes them. The files change only at the end, each as a whole. The store is copied before a
-/// rule set is removed or renamed. Throws StoreError at the first change that is refused.
-/// @param progress  called with the number of rule sets done and the number of all that change
+/// Makes the changes and writes them. The files are replaced only at the end, each as a whole. The store is copied
+/// before a rule set is removed or renamed. Throws StoreError at the first change that is refused.
+/// @param progress  called with the number of rule sets done and the total number of those that change
 void Apply(PolicyStore& store, const Policy& before, const PolicyDiff& diff,
            const std::function<void(size_t done, size_t all)>& progress);
 

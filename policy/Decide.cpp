@@ -40,7 +40,7 @@ uint32_t Apart(const Traffic& a, const Traffic& b)
     return apart;
 }
 
-/// Appends what is left of traffic: for each field what lies outside, of the rest the next one.
+/// Appends what is left of traffic: first the part outside in one field, then of the rest the part outside in the next.
 void Subtract(Traffic from, const Traffic& what, std::vector<Traffic>& rest)
 {
     if (Apart(from, what) != 0)
@@ -149,7 +149,7 @@ Decider::Decider(const Policy& policy) : Decider(policy, policy.Active.value_or(
 
 Decider::Decider(const Policy& policy, const std::vector<uint16_t>& ruleSetIndexes) : m_Names(policy)
 {
-    std::set<uint16_t> seen; // a rule set that is listed twice has nothing left to decide
+    std::set<uint16_t> seen; // a rule set has nothing left to decide the second time it is listed
     for (const uint16_t index : ruleSetIndexes)
     {
         for (const RuleSetRecord& ruleSet : policy.RuleSets)

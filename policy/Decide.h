@@ -1,5 +1,5 @@
-// Which rule decides about traffic. The library stores rules and filters nothing; that the product evaluates them as
-// Decider::Decide does is what everything here that judges rules assumes.
+// Which rule decides about traffic. The library stores rules and filters nothing; all code here that judges rules
+// assumes that the product evaluates them as Decider::Decide does.
 #pragma once
 
 #include <cstdint>
@@ -16,7 +16,7 @@
 namespace KxPolicy
 {
 
-/// What becomes of traffic that a rule decides about.
+/// What happens to traffic that a rule decides about.
 enum class Verdict
 {
     Allowed, // accept
@@ -29,7 +29,7 @@ enum class Verdict
 [[nodiscard]] Verdict VerdictOf(const PFW_RULE& rule) noexcept;
 [[nodiscard]] std::string_view VerdictText(Verdict verdict) noexcept;
 
-/// What keeps a rule from matching.
+/// The field because of which a rule does not match.
 enum class Obstacle
 {
     Protocol,
@@ -42,8 +42,8 @@ enum class Obstacle
 };
 [[nodiscard]] std::string_view ObstacleText(Obstacle obstacle) noexcept;
 
-/// Traffic as one set for each field, in the order of Obstacle: any combination of their members is meant. Programs are
-/// numbers that a Decider gives them.
+/// Traffic as one set for each field, in the order of Obstacle, which stands for every combination of their members.
+/// Programs are numbered by a Decider.
 using Traffic = std::tuple<NumberSet, AddressSet, AddressSet, NumberSet, NumberSet, NumberSet>;
 
 struct RuleRef
@@ -54,8 +54,8 @@ struct RuleRef
 struct DecidingRule
 {
     RuleRef Which;
-    bool IsCertain; // false: it may match, but has a name, an extension or a value that cannot be told
-    bool IsRest;    // it decides about everything that the rules before it leave
+    bool IsCertain; // false: it may match, but has a name, an extension or a value of unknown meaning
+    bool IsRest;    // it decides about everything left by the rules before it
 };
 struct NearMiss
 {
@@ -66,49 +66,49 @@ struct NearMiss
 /// The policy must outlive it.
 struct Decision
 {
-    std::vector<DecidingRule> Rules; // in their order; more than one: each about a part
-    bool IsUndecided = false;        // about some of the traffic no rule decides for certain
-    bool IsComplete = true;          // false: there were too many parts to go on
-    std::vector<NearMiss> Misses;    // rules before the last of those, in their order
+    std::vector<DecidingRule> Rules; // in their order; if more than one, each decides about a part
+    bool IsUndecided = false;        // for some of the traffic, no rule decides for certain
+    bool IsComplete = true;          // false: given up because there were too many parts
+    std::vector<NearMiss> Misses;    // rules before the last deciding one, in their order
     std::vector<RuleRef> Others;     // rules of other kinds that apply to some of it
 };
 
 class Decider
 {
 public:
-    /// Asks the rule sets of the active list, or those of any other.
+    /// Consults the rule sets of the active list, or of any other list.
     explicit Decider(const Policy& policy);
     Decider(const Policy& policy, const std::vector<uint16_t>& ruleSetIndexes);
 
-    /// Tells which rules decide about traffic that an access rule describes: by its protocol, addresses, ports and
-    /// application; one without an application asks for all programs.
+    /// Returns which rules decide about the traffic that an access rule describes by its protocol, addresses, ports and
+    /// application; without an application it stands for all programs.
     ///
-    /// Rule sets are asked in the order of the list, the rules of each by ascending index; the first that matches
+    /// Rule sets are consulted in the order of the list, the rules of each by ascending index; the first that matches
     /// decides, and nothing after it is looked at. Only access rules that are on decide. What they decide is their
     /// action: accept allows, drop, reject and reset refuse, ask leaves it to the user. Rules of the other kinds (nat,
-    /// throttle, stream, genstream, and access2, which has no action) apply beside that and decide nothing.
+    /// throttle, stream, genstream, and access2, which has no action) apply as well and decide nothing.
     ///
-    /// A rule matches when all its fields do. Protocol any takes every number, tcpudp both of them. The first address
-    /// and port are where the traffic comes from, the second where it goes. Ports exist with TCP and UDP only. Names
-    /// stand for macros, see Names. A rule for a program matches its path in any letter case; hashes are not compared.
-    /// Where a rule cannot be told to match (an extension in use, a name that no macro explains, a field of unknown
-    /// meaning) it counts as one that may decide, and the rules after it are asked as well.
+    /// A rule matches if all its fields do. Protocol any matches every number, tcpudp both TCP and UDP. The first
+    /// address and port are the source of the traffic, the second its destination. Ports exist with TCP and UDP only.
+    /// Names stand for macros, see Names. A rule for a program matches its path, ignoring case; hashes are not
+    /// compared. A rule of which it is unknown whether it matches (an extension in use, a name without a macro, a field
+    /// of unknown meaning) counts as one that may decide, and the rules after it are consulted as well.
     [[nodiscard]] Decision Decide(const PFW_RULE& traffic) const;
     [[nodiscard]] Decision Decide(const Traffic& asked) const;
 
-    /// The rules before an access rule that together leave nothing for it to decide, in their order; empty when
-    /// something is left, or may be, or when there are too many parts to tell.
+    /// The rules before an access rule that together leave nothing for it to decide, in their order; empty if
+    /// something is or may be left, or if there are too many parts to tell.
     [[nodiscard]] std::vector<RuleRef> Covering(size_t place) const;
 
-    /// The rules in the order in which they are asked.
+    /// The rules in the order in which they are consulted.
     [[nodiscard]] size_t Count() const noexcept { return m_Entries.size(); }
     [[nodiscard]] const RuleRef& Rule(size_t place) const noexcept { return m_Entries[place].Which; }
-    /// What it matches; where that cannot be told, what it may match.
+    /// What it matches; if that is not certain, what it may match.
     [[nodiscard]] const Traffic& Matches(size_t place) const noexcept { return m_Entries[place].Matches; }
 
 private:
-    /// From the first to the last value of each field, as numbers in the same order: what lies apart here shares
-    /// nothing, and that is soon seen.
+    /// The first and the last value of each field, as numbers in the same order: a quick test, since traffic that does
+    /// not overlap here has nothing in common.
     struct Hull
     {
         uint32_t First[std::tuple_size_v<Traffic>];
@@ -133,7 +133,7 @@ private:
     Names m_Names;
     std::map<KxCommon::WideString, uint32_t, Less> m_Programs;
     std::vector<Entry> m_Entries;
-    std::vector<Hull> m_Hulls; // of those that decide for certain; of others what nothing meets
+    std::vector<Hull> m_Hulls; // of rules that decide for certain; for others a hull that overlaps nothing
 
     [[nodiscard]] static Hull HullOf(const Entry& entry);
 };

@@ -1,4 +1,4 @@
-// Differences between policies for people to read.
+// Differences between policies as readable text.
 #include <algorithm>
 
 #include <nlohmann/json.hpp>
@@ -41,7 +41,7 @@ void AppendMember(std::string& out, char sign, const Json::iterator& member)
     AppendLines(out, sign, lines.begin(), lines.end());
 }
 
-/// The members that differ. They have a fixed order, so what both rules have meets at the same place.
+/// The members that differ. Members have a fixed order, so those that both rules have are found in step.
 void AppendRuleDiff(std::string& out, const PFW_RULE& before, const PFW_RULE& after)
 {
     Json from = RuleAsJson(before);

@@ -49,7 +49,7 @@ public:
         return (m_WithAny || item.nType > KXRULE_PORT_ANY) &&
                Meet(m_Ports, m_Meanings.SetOf(item).value_or(NumberSet()));
     }
-    /// Whether a macro means it, as a rule that names it does.
+    /// Whether a macro means it, and so does a rule that names the macro.
     [[nodiscard]] bool IsMeantBy(const std::string& macro) const
     {
         RULE_ADDR address{KXRULE_ADDR_NAME, {}};
@@ -63,7 +63,7 @@ public:
     [[nodiscard]] bool IsIn(WideStringView text) const { return Contains(text, m_Text); }
     [[nodiscard]] bool IsInNarrow(std::string_view text) const { return IsIn(KxCommon::String::ToWide(text)); }
 
-    /// From now on this name is found wherever an item has it.
+    /// From now on, every item with this name is found.
     void AddName(const std::string& name) { m_Names.insert(name); }
 
 private:
@@ -74,7 +74,7 @@ private:
 
     KxCommon::WideString m_Text;
     Names m_Meanings;
-    AddressSet m_Addresses; // empty: it is no address
+    AddressSet m_Addresses; // empty: it is not an address
     NumberSet m_Ports;
     bool m_WithAny;
     std::set<std::string> m_Names;
@@ -88,7 +88,7 @@ bool IsInField(const Query& query, const RuleField& field, const uint8_t* at)
         return query.IsIn(Load<RULE_ADDR>(at));
     case FieldType::Port:
         return query.IsIn(Load<RULE_PORT>(at));
-    case FieldType::DoubleWord: // a stream's parameter is the port that it speaks to
+    case FieldType::DoubleWord: // a stream's parameter is its destination port
         return field.Count == 1 && query.IsPort(Load<uint32_t>(at));
     case FieldType::Text:
         return query.IsInNarrow(KxCommon::Record::Text(at, field.Room));
@@ -118,7 +118,8 @@ std::string FindInRule(const Query& query, const PFW_RULE& rule)
     return where;
 }
 
-/// Texts make a rule that names the macro a hit by its name; what the macro means does so by itself.
+/// If the name or a text of the macro matches, rules that name it are found by that name; if its meaning matches, they
+/// are found anyway.
 std::string FindInMacro(Query& query, const MacroRecord& macro)
 {
     bool texts = query.IsInNarrow(macro.Name);
@@ -140,7 +141,7 @@ std::string FindInMacro(Query& query, const MacroRecord& macro)
 
 std::string QueryMistake(std::string_view query)
 {
-    // Nothing but these characters, and one that numbers alone do not have: no text of a rule looks like this.
+    // Only these characters, and one that does not occur in numbers: no text in a rule looks like this.
     const bool isAddress = query.find_first_not_of("0123456789./-") == std::string_view::npos &&
                            std::count(query.begin(), query.end(), '.') >= 3;
     const bool isAddress6 = query.find_first_not_of("0123456789abcdefABCDEF:./-") == std::string_view::npos &&

@@ -21,14 +21,14 @@ struct Hit
 };
 
 /// An address, a prefix or a range finds items that mean some of it; a number finds ports that mean it, and numbers in
-/// texts; anything else finds texts that contain it, in any letter case. Items that mean any are found when that is
-/// asked for. Names mean what the macros do that bear them, and are found with the texts of those, too.
+/// texts; anything else finds texts that contain it, ignoring case. Items that mean any are found on request. A name
+/// means what the macros of that name mean, and is also found by their texts.
 [[nodiscard]] std::vector<Hit> Find(const Policy& policy, std::string_view query, bool withAny = false);
 
-/// Whether a text contains another, in any letter case; nothing contains the empty text.
+/// Whether a text contains another, ignoring case; no text contains the empty one.
 [[nodiscard]] bool Contains(KxCommon::WideStringView text, KxCommon::WideStringView part) noexcept;
 
-/// What is wrong with a query that is meant as an address or ports and is none; empty: nothing.
+/// What is wrong with a query that looks like an address or ports but is neither; empty if nothing is.
 [[nodiscard]] std::string QueryMistake(std::string_view query);
 
 } // namespace KxPolicy

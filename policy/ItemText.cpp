@@ -36,8 +36,8 @@ std::string_view CutFront(std::string_view& text, char separator) noexcept
     return front;
 }
 
-/// Groups of hexadecimal digits between colons; a dotted IPv4 address may stand for the last two. Nothing at all is no
-/// group, as at either side of "::". False for anything else, or more than room groups.
+/// Groups of hexadecimal digits between colons; a dotted IPv4 address may stand for the last two. The empty text, as at
+/// either side of "::", has no groups. False for anything else, and for more groups than there is room for.
 bool ParseGroups(std::string_view text, size_t room, std::array<uint16_t, 8>& groups, size_t& count) noexcept
 {
     count = 0;
@@ -121,7 +121,7 @@ std::string PrefixText(uint32_t family, uint32_t length)
     return std::to_string(std::min<uint32_t>(length, family == KXRULE_FAMILY_IPV4 ? 32 : 128));
 }
 
-/// True for lists that need no prefix to be recognised as such: two and more ports or ranges.
+/// True for lists that need no prefix to be recognised as such: two or more ports or ranges.
 bool IsPlainList(std::string_view text) noexcept
 {
     if (text.find(',') == std::string_view::npos || text.back() == ',')
@@ -220,7 +220,7 @@ std::string IPv6Text(const IPv6& address)
     for (size_t i = 0; i < 8; ++i)
         groups[i] = address[2 * i] * 256u + address[2 * i + 1];
     const bool mapped = IsZero(address.data(), 10) && groups[5] == 0xFFFF;
-    size_t gap = 8; // the longest row of two or more zero groups, the first of equals
+    size_t gap = 8; // the longest run of two or more zero groups, the first if there are several
     size_t gapLength = 1;
     for (size_t i = 0; i < 8; ++i)
     {

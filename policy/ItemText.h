@@ -1,4 +1,4 @@
-// Address and port items as the text that people write: 10.0.0.0/8, !10.0.0.1, fe80::1-fe80::9, 80, 1000-2000, any.
+// Address and port items in the notation that users write: 10.0.0.0/8, !10.0.0.1, fe80::1-fe80::9, 80, 1000-2000, any.
 // (A rule's line of text, which the library renders, has another form and leaves out IPv6.)
 #pragma once
 
@@ -21,8 +21,8 @@ inline constexpr char kPortForms[] = "a port as any, 80, 1000-2000, !80, 80,443,
 [[nodiscard]] std::string AddressText(const RULE_ADDR& item);
 [[nodiscard]] std::string PortText(const RULE_PORT& item);
 
-/// Fills the whole item, unused bytes with zero. On failure item stays as it was and why says what is wrong, to follow
-/// "expected ...".
+/// Fills the whole item, unused bytes with zero. On failure, item stays as it was and why says what is wrong, in a form
+/// that can follow "expected ...".
 [[nodiscard]] bool ParseAddress(std::string_view text, RULE_ADDR& item, std::string& why);
 [[nodiscard]] bool ParsePort(std::string_view text, RULE_PORT& item, std::string& why);
 
@@ -33,7 +33,7 @@ inline constexpr char kPortForms[] = "a port as any, 80, 1000-2000, !80, 80,443,
 /// The shortest form, in lower case.
 [[nodiscard]] std::string IPv6Text(const std::array<uint8_t, 16>& address);
 
-/// Digits only, of a number up to most.
+/// Digits only, for a number up to most.
 [[nodiscard]] bool ParseNumber(std::string_view text, uint32_t most, uint32_t& number) noexcept;
 
 } // namespace KxPolicy

@@ -1,4 +1,4 @@
-// Values of a JSON tree into records.
+// Reads values of a JSON tree into records.
 #include "policy/JsonReader.h"
 
 #include <algorithm>
@@ -15,7 +15,7 @@ namespace
 
 using KxCommon::Record::Store;
 
-constexpr size_t kMostDiagnostics = 1000; // nobody reads more, and a file may cause millions
+constexpr size_t kMostDiagnostics = 1000; // nobody reads more, and a file may have millions
 
 /// A value as a diagnostic shows it.
 std::string Shown(JsonValue value)
@@ -150,7 +150,7 @@ void JsonReader::ReadHash(JsonValue value, const Path& path, uint8_t* to)
 void JsonReader::ReadExtension(const RuleField& field, JsonValue value, const Path& path, uint8_t* record)
 {
     const Members members = ReadMembers(value, path, {"flag", "value", "shortValue", "text"}, "an extension");
-    // Whoever writes an extension wants it to be used.
+    // A rule that has an extension is meant to use it.
     const uint32_t flag = members[0] ? ReadNumber(*members[0], path.Member("flag"), 0, UINT32_MAX).value_or(1) : 1;
     Store(record + field.Places[0], flag);
     if (members[1])

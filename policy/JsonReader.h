@@ -16,7 +16,7 @@
 namespace KxPolicy
 {
 
-/// Where in the tree a value is, as a chain towards the root.
+/// Where a value is in the tree, as a chain towards the root.
 struct Path
 {
     const Path* Outer = nullptr;
@@ -36,14 +36,14 @@ struct Path
     }
 };
 
-/// Goes on after a value that is not as expected; what it should have filled stays as it was.
+/// Continues after a value that is not as expected; the field it was for stays as it was.
 class JsonReader
 {
 public:
     explicit JsonReader(std::string_view json);
 
-    /// read(root) unless the text is not JSON, which is then the only diagnostic. Hands over all diagnostics in the
-    /// text's order; when there are too many to read, reading stops and the last one says so. True when there are none.
+    /// Calls read(root) unless the text is not JSON, which is then the only diagnostic. Returns all diagnostics in the
+    /// order of the text; if there are too many, reading stops and the last one says so. True if there are none.
     template <class Read>
     [[nodiscard]] bool ReadAll(std::vector<Diagnostic>& diagnostics, Read read)
     {
@@ -73,7 +73,7 @@ protected:
     /// The members of an object in the order of names. Unknown and repeated ones are reported.
     Members ReadMembers(JsonValue value, const Path& path, const std::vector<std::string_view>& names,
                         const std::string& what);
-    /// take(item, path) for each.
+    /// Calls take(item, path) for each.
     template <class Take>
     void ReadArray(JsonValue value, const Path& path, const char* what, Take take)
     {
@@ -87,12 +87,12 @@ protected:
     std::optional<uint32_t> ReadKeyword(JsonValue value, const Path& path, Keywords names);
     void ReadNarrow(JsonValue value, const Path& path, void* field, size_t room);
     void ReadWide(JsonValue value, const Path& path, void* field, size_t room);
-    /// Lines "offset: bytes" over a record; they may change it from begin to end.
+    /// Writes lines "offset: bytes" over a record; they may change it from begin to end.
     void ReadRaw(JsonValue value, const Path& path, void* record, size_t begin, size_t end);
-    /// Any field of the tables, into its places.
+    /// Reads any field of the tables into its places.
     void ReadField(const RuleField& field, JsonValue value, const Path& path, uint8_t* record);
 
-    /// The same where there can only be so many: reading stops after them.
+    /// The same with a limit: reading stops after that many.
     template <class Take>
     void ReadArray(JsonValue value, const Path& path, const char* what, size_t most, const char* whoHolds, Take take)
     {

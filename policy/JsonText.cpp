@@ -1,4 +1,4 @@
-// The layout of JSON: what people read and edit, one of a record's members on each line.
+// The layout of JSON for reading and editing: one member of a record per line.
 #include "policy/JsonText.h"
 
 #include <algorithm>
@@ -15,7 +15,7 @@ std::string Plain(const Json& value)
     return value.dump(-1, ' ', false, Json::error_handler_t::replace);
 }
 
-/// Lines of "raw" are long, and a rule is never on one line however little it holds.
+/// Lines of "raw" are long, and a rule is never on one line, however short it is.
 bool IsShort(const Json& value, std::string_view name)
 {
     const bool mayBe = value.is_array() ? name != "raw" : value.size() == 1 || name == "extension";

@@ -1,4 +1,4 @@
-// nlohmann's parser builds the tree; its events lack the places in the text, which are found here.
+// nlohmann's parser builds the tree; its events do not include the places in the text, which are found here.
 #include "policy/JsonTree.h"
 
 #include <algorithm>
@@ -16,7 +16,7 @@ constexpr std::string_view kByteOrderMark = "\xEF\xBB\xBF";
 constexpr size_t kMostBytes = size_t{1} << 30;
 constexpr uint32_t kMostNodes = (1U << 29) - 1;
 constexpr size_t kMostSmall = 1 << 16; // values that any text may have
-constexpr size_t kLeastBytes = 7;      // for each two of a larger one; {"port":1}, has three values
+constexpr size_t kLeastBytes = 7;      // per two values of a larger text; {"port":1}, has three values
 static_assert(2 * kMostBytes / kLeastBytes < kMostNodes);
 constexpr size_t kMostNesting = 64;
 
@@ -54,7 +54,7 @@ public:
     bool parse_error(size_t position, const std::string& token, const json::exception& error)
     {
         std::string text = error.what();
-        // Without the place, which counts bytes, and without what was read: that may be the whole text.
+        // Omits the place, which counts bytes, and what was read, which may be the whole text.
         const size_t place = text.find("column ");
         text.erase(0, place == std::string::npos ? text.find("] ") + 2 : text.find(": ", place) + 2);
         const std::string read = "; last read: '" + token + "'";
@@ -63,13 +63,13 @@ public:
         const bool isInString =
             text.find("invalid string") != std::string::npos && text.find("missing closing quote") == std::string::npos;
         const bool isBracket = text.find("unexpected '") != std::string::npos;
-        // Words that are not values are mostly texts without quotes, or comments.
+        // Words that are not values are usually strings without quotes, or comments.
         if (text.find("invalid literal") != std::string::npos)
             text += "; texts stand between quotes, comments are not possible";
         return Fail(isInString || isBracket ? position - 1 : Begin(), std::move(text));
     }
 
-    /// Checks what follows the last value: to the parser a NUL is the end.
+    /// Checks what follows the last value: the parser takes a NUL as the end.
     void Finish()
     {
         if (!m_Tree.m_Error && m_Text.find_first_not_of(" \t\r\n", m_At) != std::string_view::npos)

@@ -1,4 +1,4 @@
-// A JSON text as a tree whose values know their place in the text.
+// A JSON text as a tree whose values have their place in the text.
 #pragma once
 
 #include <cstddef>
@@ -12,7 +12,7 @@
 namespace KxPolicy
 {
 
-/// Where a text stops being JSON.
+/// The syntax error in a text.
 struct SyntaxError
 {
     size_t Offset;
@@ -21,9 +21,9 @@ struct SyntaxError
 
 class JsonValue;
 
-/// Reads a whole text: what RFC 8259 allows, nested up to 64 deep, with or without a byte order mark. Small on purpose:
-/// eight bytes a value, texts are decoded only when they are asked for. A text whose values are shorter than those of
-/// any policy is refused, so that the tree is never more than three times as large as a large text.
+/// Reads a whole text: what RFC 8259 allows, nested up to 64 levels deep, with or without a byte order mark. Designed
+/// to be small: eight bytes per value, and strings are decoded only on demand. A text whose values are shorter than
+/// those of any policy is refused, so that for a large text the tree is never more than three times as large.
 class JsonTree
 {
 public:
@@ -41,7 +41,7 @@ public:
     /// The text must outlive the tree. Texts of 1 GB and more are refused.
     explicit JsonTree(std::string_view text);
 
-    /// Only when there is no error.
+    /// Only if there is no error.
     [[nodiscard]] JsonValue Root() const noexcept;
     [[nodiscard]] const std::optional<SyntaxError>& Error() const noexcept { return m_Error; }
     [[nodiscard]] std::string_view Text() const noexcept { return m_Text; }
@@ -57,7 +57,7 @@ private:
         uint32_t Type : 3;
     };
 
-    /// Where a number or a text that begins there ends.
+    /// Where a number or a string that begins there ends.
     [[nodiscard]] size_t EndOfNumber(size_t begin) const noexcept;
     [[nodiscard]] size_t EndOfString(size_t begin) const noexcept;
 
@@ -66,7 +66,7 @@ private:
     std::optional<SyntaxError> m_Error;
 };
 
-/// One value of a tree; as cheap as an index.
+/// One value of a tree; as cheap to copy as an index.
 class JsonValue
 {
 public:
@@ -75,19 +75,19 @@ public:
     [[nodiscard]] JsonTree::Kind Kind() const noexcept { return static_cast<JsonTree::Kind>(Node().Type); }
     [[nodiscard]] bool Is(JsonTree::Kind kind) const noexcept { return Kind() == kind; }
     [[nodiscard]] size_t Offset() const noexcept { return Node().Begin; }
-    /// The value as it is written, quotes and all; of an array or an object the bracket.
+    /// The value as written, including quotes; for an array or an object, the opening bracket.
     [[nodiscard]] std::string_view Raw() const noexcept;
     /// A string without quotes and escapes, UTF-8.
     [[nodiscard]] std::string Text() const;
 
-    /// take(value) for each element of an array.
+    /// Calls take(value) for each element of an array.
     template <class Take>
     void ForEachItem(Take take) const
     {
         for (uint32_t child = m_Index + 1; child < Node().Next; child = m_Tree->m_Nodes[child].Next)
             take(JsonValue(*m_Tree, child));
     }
-    /// take(name, value) for each member of an object.
+    /// Calls take(name, value) for each member of an object.
     template <class Take>
     void ForEachMember(Take take) const
     {
@@ -119,7 +119,7 @@ struct Place
     size_t Column = 1;
 };
 
-/// Turns offsets into places, in one pass when they come in ascending order.
+/// Converts offsets to places, in one pass if they come in ascending order.
 class Locator
 {
 public:

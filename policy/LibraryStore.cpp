@@ -11,7 +11,7 @@ namespace KxPolicy
 namespace
 {
 
-/// What a call of the form (buffer, room) -> needed hands out. Between two calls another thread may lengthen it.
+/// The result of a call of the form (buffer, size) -> needed size. Another thread may lengthen it between two calls.
 template <class Unit>
 std::vector<Unit> ReadAll(int32_t (*call)(Unit*, int32_t))
 {
@@ -26,7 +26,7 @@ std::vector<Unit> ReadAll(int32_t (*call)(Unit*, int32_t))
     }
 }
 
-/// False when there is no such rule set (any more).
+/// False if there is no such rule set, or no longer.
 bool ReadRuleSet(const KXRULE_LIBRARY& library, RuleSetRecord& ruleSet)
 {
     std::vector<unsigned char> block(KXRULE_RULESET_BYTES(0));
@@ -52,7 +52,7 @@ std::vector<MacroRecord> ReadMacros(const KXRULE_LIBRARY& library)
     std::vector<unsigned char> block;
     for (int32_t needed = library.kxRuleGetMacro(nullptr, 0); static_cast<size_t>(needed) != block.size();)
     {
-        if (needed == INT32_MAX) // or more: the library hands out less than that
+        if (needed == INT32_MAX) // or more: the library copies less than that
             throw std::bad_alloc();
         block.resize(static_cast<size_t>(needed));
         needed = library.kxRuleGetMacro(block.data(), needed);

@@ -1,4 +1,4 @@
-// What a policy or a store may hold and hardly anybody means.
+// Reports what a policy or a store may contain but probably should not.
 #include "policy/Lint.h"
 
 #include <algorithm>
@@ -18,7 +18,7 @@ namespace
 {
 
 using KxCommon::Record::Load;
-constexpr uint32_t kRescue = UINT32_MAX; // the protocol of the rules that stand in for damaged ones
+constexpr uint32_t kRescue = UINT32_MAX; // the protocol of rescue rules
 
 using MacroLists = std::vector<const std::vector<MacroRecord>*>;
 
@@ -31,7 +31,7 @@ bool IsMacro(const MacroLists& macros, std::string_view name)
                        });
 }
 
-/// An address whose mask does not cover all of it means its network, which would be the clearer text.
+/// An address with bits outside its mask means its network, which would be the clearer notation.
 bool HasHostBits(const RULE_ADDR& item)
 {
     if (item.dwType != KXRULE_ADDR_MASK && item.dwType != KXRULE_ADDR_PREFIX)
@@ -45,7 +45,7 @@ bool HasHostBits(const RULE_ADDR& item)
     return whole && address && !whole->empty() && !(whole->front().First == address->front().First);
 }
 
-/// Goes over one rule, or one macro, whose place every finding gets.
+/// Checks one rule, or one macro, whose place every finding is given.
 class Linter
 {
 public:
@@ -66,7 +66,7 @@ public:
         if (item.dwType == KXRULE_ADDR_NAME)
             return Name(KxCommon::Record::Text(&item.szName, sizeof item.szName));
         if (HasHostBits(item))
-            Find("host-bits", "has bits under the mask of " + AddressText(item) + ", which do not count");
+            Find("host-bits", "has address bits outside the mask of " + AddressText(item) + ", which are ignored");
         if (item.dwType >= KXRULE_ADDR_SINGLE && item.dwType <= KXRULE_ADDR_RANGE)
             m_Families.insert(uint32_t{item.dwFamily});
     }
@@ -81,7 +81,7 @@ public:
     {
         const uint8_t* const record = reinterpret_cast<const uint8_t*>(&rule);
         if (KeywordName(kKinds, rule.dwKind).empty())
-            Find("unknown-number", "has the kind " + std::to_string(uint32_t{rule.dwKind}) + ", which is not known");
+            Find("unknown-number", "has the kind " + std::to_string(uint32_t{rule.dwKind}) + ", which is unknown");
         std::optional<uint32_t> protocol;
         for (const RuleField& field : KindFields(rule.dwKind))
         {
@@ -102,7 +102,7 @@ private:
     void Name(std::string_view name)
     {
         if (!IsMacro(m_Macros, name))
-            Find("no-such-macro", "names the macro \"" + NarrowToUtf8(std::string(name)) + "\", which is not there");
+            Find("no-such-macro", "names the macro \"" + NarrowToUtf8(std::string(name)) + "\", which does not exist");
     }
     void Field(const RuleField& field, const uint8_t* at)
     {
@@ -113,7 +113,7 @@ private:
         else if (field.Type == FieldType::Keyword && Load<uint32_t>(at) != kRescue &&
                  KeywordName(field.Names, Load<uint32_t>(at)).empty())
             Find("unknown-number", "has the " + std::string(field.Name) + " " + std::to_string(Load<uint32_t>(at)) +
-                                       ", which is not known");
+                                       ", which is unknown");
         else if (field.Type == FieldType::Application)
             m_Program = WideFieldText(at, field.Room);
     }
@@ -154,7 +154,7 @@ std::vector<LintFinding> Lint(const Policy& policy, const Policy* beside)
             findings.push_back({"active-twice", 0, {}, {}, "has rule set " + std::to_string(index) + " twice"});
         else if (!Has(&policy, index) && !Has(beside, index))
             findings.push_back(
-                {"no-such-rule-set", 0, {}, {}, "has rule set " + std::to_string(index) + ", which is not there"});
+                {"no-such-rule-set", 0, {}, {}, "has rule set " + std::to_string(index) + ", which does not exist"});
     }
     MacroLists macros;
     for (const Policy* const source : {&policy, beside})
@@ -167,7 +167,7 @@ std::vector<LintFinding> Lint(const Policy& policy, const Policy* beside)
     {
         Linter linter({"", 0, {}, macro.Name, {}}, macros, findings);
         if (!names.insert(macro.Name).second)
-            linter.Find("macro-twice", "has a name that another macro has");
+            linter.Find("macro-twice", "has the same name as another macro");
         for (const MACRO_ITEM& item : macro.Items)
         {
             if (item.dwItemType == KXRULE_ITEM_ADDR)

@@ -1,4 +1,4 @@
-// What a policy or a store may hold and hardly anybody means.
+// Reports what a policy or a store may contain but probably should not.
 #pragma once
 
 #include <cstdint>
@@ -23,14 +23,14 @@ struct LintFinding
     [[nodiscard]] std::string Where() const;
 };
 
-/// Active list, macros, rule sets in this order. What the policy does not have may be in the store beside it, if one is
-/// given: a policy that is merged into it may name the store's macros and rule sets.
+/// Checks the active list, the macros and the rule sets, in this order. What the policy names may also be in `beside`,
+/// if it is given: a policy that is merged into a store may name the store's macros and rule sets.
 [[nodiscard]] std::vector<LintFinding> Lint(const Policy& policy, const Policy* beside = nullptr);
-/// Appends what is to be said of one rule set.
+/// Appends the findings about one rule set.
 void LintRuleSet(const RuleSetRecord& ruleSet, const std::vector<const std::vector<MacroRecord>*>& macros,
                  std::vector<LintFinding>& findings);
-/// What is wrong with an active list, which nobody may set: a rule set twice, or one that does not exist. Empty:
-/// nothing.
+/// What is wrong with an active list that must be refused: a rule set twice, or one that does not exist. Empty if
+/// nothing is.
 [[nodiscard]] std::string ActiveListMistake(const std::vector<uint16_t>& active, const std::vector<uint16_t>& ruleSets);
 
 } // namespace KxPolicy

@@ -1,4 +1,4 @@
-// Policies as the records that the library takes.
+// Policies as the records that the library accepts.
 #include "policy/Policy.h"
 
 #include <algorithm>

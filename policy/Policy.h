@@ -30,16 +30,16 @@ struct RuleSetRecord
 struct Policy
 {
     std::optional<std::vector<uint16_t>> Active;    // nothing: the policy does not mention the active list
-    std::optional<std::vector<MacroRecord>> Macros; // nothing: nor macros
+    std::optional<std::vector<MacroRecord>> Macros; // nothing: the policy does not mention macros
     std::vector<RuleSetRecord> RuleSets;            // ascending by index, no index twice
-    bool HasRuleSets = true;                        // false: nor of rule sets
+    bool HasRuleSets = true;                        // false: the policy does not mention rule sets
 };
 
 [[nodiscard]] bool IsActive(const Policy& policy, uint16_t ruleSetIndex) noexcept;
 
-/// A macro as the record that the library takes.
+/// A macro as the record that the library accepts.
 [[nodiscard]] std::vector<unsigned char> MacroBytes(const MacroRecord& macro);
-/// A rule set as the record that the library takes.
+/// A rule set as the record that the library accepts.
 [[nodiscard]] std::vector<unsigned char> RuleSetBytes(uint16_t index, const KxCommon::WideString& name,
                                                       const std::vector<const PFW_RULE*>& rules);
 

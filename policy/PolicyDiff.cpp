@@ -18,7 +18,7 @@ namespace
 
 using KxCommon::Record::Load;
 
-/// Where access rules of the two layouts keep their application.
+/// Where access rules of the two layouts have their application.
 struct ApplicationPlaces
 {
     size_t Path;
@@ -52,7 +52,7 @@ bool Equal(const PFW_RULE& a, const PFW_RULE& b) noexcept
     return std::memcmp(BytesOf(a), BytesOf(b), sizeof a) == 0; // byte for byte: records have no padding
 }
 
-/// A policy rarely names hashes: the one that the library has computed for the same application counts as the policy's.
+/// Policies rarely have hashes: one that the library has computed for the same application counts as the policy's.
 void TakeOverHash(PFW_RULE& rule, const PFW_RULE& stored) noexcept
 {
     const std::optional<ApplicationPlaces> places = PlacesOf(rule);
@@ -261,7 +261,7 @@ PolicyDiff Inverse(const Policy& before, const PolicyDiff& diff, const Policy& n
         to.Macros = before.Macros;
     PolicyDiff inverse = Compare(from, to, MergeMode::Replace);
     inverse.Own.reserve(2);
-    inverse.Own.push_back(std::move(from)); // rules stay where they are when the lists that hold them are moved
+    inverse.Own.push_back(std::move(from)); // moving the lists does not move the rules in them
     inverse.Own.push_back(std::move(to));
     return inverse;
 }

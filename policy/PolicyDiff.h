@@ -1,4 +1,4 @@
-// What has to change in a store to make it hold a policy.
+// What has to change in a store to make it match a policy.
 #pragma once
 
 #include <cstdint>
@@ -15,7 +15,7 @@ namespace KxPolicy
 enum class MergeMode
 {
     Merge,  // what the policy does not name stays
-    Replace // rule sets that the policy does not name go, and so do rules and macros
+    Replace // rule sets, rules and macros that the policy does not name are removed
 };
 
 struct RuleChange
@@ -43,36 +43,36 @@ struct PolicyDiff
 
     std::vector<RuleSetChange> RuleSets; // ascending; only those with changes
     std::vector<MacroRecord> MacrosBefore;
-    std::optional<std::vector<MacroRecord>> Macros; // the new list, when it differs
+    std::optional<std::vector<MacroRecord>> Macros; // the new list, if it differs
     std::vector<uint16_t> ActiveBefore;
-    std::optional<std::vector<uint16_t>> Active; // the new list, when it differs
-    std::deque<PFW_RULE> Altered;                // rules that it points to, and neither of the policies has
-    std::vector<Policy> Own;                     // policies that it points into, if nobody else holds them
+    std::optional<std::vector<uint16_t>> Active; // the new list, if it differs
+    std::deque<PFW_RULE> Altered;                // rules that it points to and that neither policy has
+    std::vector<Policy> Own;                     // policies that it points into and has to own
 
     [[nodiscard]] bool IsEmpty() const noexcept { return RuleSets.empty() && !Macros && !Active; }
 };
 
-/// The store's policy is complete, as read from the library. Rule sets, active list and macros are left alone when the
-/// policy does not mention them, in either mode; only that a rule set that goes is no longer active. Both must outlive
-/// the result.
+/// The store's policy is complete, as read from the library. In either mode, rule sets, active list and macros are left
+/// alone if the policy does not mention them, except that a rule set that goes also leaves the active list. Both must
+/// outlive the result.
 [[nodiscard]] PolicyDiff Compare(const Policy& store, const Policy& policy, MergeMode mode);
 
-/// Drops the store's rules, but for those that are there after the changes. What a rule was before is lost.
+/// Frees the store's rules, except those that are there after the changes. What a rule was before is lost.
 void DropRules(Policy& store, PolicyDiff& diff);
 
-/// How many rule sets there are after the changes.
+/// The number of rule sets after the changes.
 [[nodiscard]] size_t RuleSetsAfter(const Policy& store, const PolicyDiff& diff) noexcept;
-/// Which limit of the store the changes would break, as a sentence for people; empty: none.
+/// Which limit of the store the changes would exceed, as a readable sentence; empty if none.
 [[nodiscard]] std::string ExcessText(const Policy& store, const PolicyDiff& diff);
-/// Whether every rule set goes, which is more often a mistake than meant.
+/// Whether every rule set is removed, which is more often a mistake than intended.
 [[nodiscard]] bool IsEmptying(const Policy& store, const PolicyDiff& diff) noexcept;
-/// What takes the changes back that were made of the difference: what the store holds now becomes, where the difference
-/// has an entry, what it was before.
+/// The changes that undo those of the difference: wherever the difference has an entry, the store becomes what it was
+/// before.
 [[nodiscard]] PolicyDiff Inverse(const Policy& before, const PolicyDiff& diff, const Policy& now);
 
-/// The changes as lines for people: + added, - removed, ~ changed with the JSON lines that differ.
+/// The changes as readable lines: + added, - removed, ~ changed with the JSON lines that differ.
 [[nodiscard]] std::string DiffText(const PolicyDiff& diff);
-/// One line: what is to change, or has been changed.
+/// One line that says what is to be changed, or has been.
 [[nodiscard]] std::string DiffSummary(const PolicyDiff& diff);
 
 } // namespace KxPolicy

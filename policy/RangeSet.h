@@ -10,7 +10,7 @@
 namespace KxPolicy
 {
 
-/// Both ends belong to it.
+/// Includes both ends.
 template <class Value>
 struct Range
 {
@@ -21,7 +21,7 @@ struct Range
 template <class Value>
 using RangeSet = std::vector<Range<Value>>;
 
-/// An address of either family as a number; those of IPv4 have nothing in High.
+/// An address of either family as a number; High is 0 for IPv4.
 struct AddressValue
 {
     uint32_t Family;
@@ -52,7 +52,7 @@ using NumberSet = RangeSet<uint32_t>;
     return value;
 }
 
-/// Any ranges, each in order, as a set.
+/// Builds a set of any ranges whose ends are in order.
 template <class Value>
 [[nodiscard]] RangeSet<Value> Merged(RangeSet<Value> ranges)
 {
@@ -93,7 +93,7 @@ template <class Value>
     return false;
 }
 
-/// What is in the first alone.
+/// What is only in the first.
 template <class Value>
 [[nodiscard]] RangeSet<Value> Difference(const RangeSet<Value>& from, const RangeSet<Value>& what)
 {

@@ -11,7 +11,7 @@ namespace
 
 constexpr uint32_t kMostPorts = UINT16_MAX;
 constexpr size_t kMostGapBits = 12; // a mask with this many bits in its gaps means 4096 ranges
-constexpr size_t kMostDepth = 8;    // of macros that name macros
+constexpr size_t kMostDepth = 8;    // of macros that name other macros
 
 AddressValue ValueOf(uint32_t family, const PFW_ADDR& address) noexcept
 {
@@ -52,7 +52,7 @@ AddressValue PrefixMask(uint32_t family, uint32_t length) noexcept
     return mask;
 }
 
-/// The bits that a mask leaves open at its end make a range, those in its gaps many.
+/// The zero bits at the end of a mask make one range, those in its gaps many.
 std::optional<AddressSet> Masked(const AddressValue& address, const AddressValue& mask)
 {
     const uint32_t bits = address.Family == KXRULE_FAMILY_IPV4 ? 32 : 128;
@@ -94,7 +94,7 @@ bool IsNegated(const RULE_PORT& item) noexcept
     return (item.nType == KXRULE_PORT_SINGLE || item.nType == KXRULE_PORT_RANGE) && item.dwNot != 0;
 }
 
-/// What a negated item takes something away from.
+/// What a negated item is subtracted from.
 AddressSet WholeOf(const RULE_ADDR& item)
 {
     return {Whole(item.dwFamily)};

@@ -18,14 +18,14 @@ namespace KxPolicy
 [[nodiscard]] NumberSet EveryNumber();
 
 /// What an item means by itself. A negated one means the other addresses of its family, or the other ports; a port that
-/// was never set means any. Nothing when that cannot be told: names, an address that was never set, other families,
+/// was never set means any. Nothing if its meaning is unknown: names, an address that was never set, other families,
 /// lists that cannot be read, masks with many gaps.
 [[nodiscard]] std::optional<AddressSet> SetOf(const RULE_ADDR& item);
 [[nodiscard]] std::optional<NumberSet> SetOf(const RULE_PORT& item);
 
-/// What items mean beside the macros of a policy. A name means all items of the right type of the macros that bear it,
-/// names in them included, without what negated ones mean; negated ones alone mean everything else. A name without such
-/// an item means nothing that can be told here.
+/// What items mean together with the macros of a policy. A name means all items of the right type of the macros that
+/// have it, including names in them, except what negated ones mean; negated ones alone mean everything else. The
+/// meaning of a name without such an item is unknown.
 class Names
 {
 public:

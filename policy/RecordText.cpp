@@ -1,4 +1,4 @@
-// Texts into and out of the fields of records.
+// Texts to and from the fields of records.
 #include "policy/RecordText.h"
 
 #include <algorithm>
@@ -84,8 +84,8 @@ bool PutWide(void* field, size_t room, std::string_view text, std::string& why)
 std::string NarrowFieldText(const void* field, size_t room)
 {
     std::string text = NarrowToReturnableUtf8(KxCommon::Record::Text(field, room - 1));
-    // A double-byte code page may substitute two bytes for one without a meaning, and the field's end may cut a
-    // character in half: what no longer fits is left to "raw".
+    // A double-byte code page may substitute two bytes for an invalid one, and the end of the field may cut a character
+    // in half: what no longer fits is left to "raw".
     std::optional<std::string> narrow = Utf8ToNarrow(text);
     while (!text.empty() && (!narrow || narrow->size() >= room))
     {

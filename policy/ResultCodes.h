@@ -11,7 +11,7 @@ namespace KxPolicy
 /// Such as "-10055 KXRULE_E_FILE_OPEN: a file could not be opened".
 [[nodiscard]] std::string ResultText(int32_t code);
 
-/// Such as "KXRULE_E_FILE_OPEN"; empty for a code that is not the library's own.
+/// Such as "KXRULE_E_FILE_OPEN"; empty for a code that does not belong to the library.
 [[nodiscard]] std::string_view ResultName(int32_t code) noexcept;
 
 } // namespace KxPolicy

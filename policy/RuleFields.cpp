@@ -1,4 +1,4 @@
-// The tables of the JSON names.
+// The tables of JSON names.
 #include "policy/RuleFields.h"
 
 #include "common/srclib/KxComn_Record.h"

@@ -1,4 +1,4 @@
-// JSON as policies, rule sets, rules and macros.
+// Reads policies, rule sets, rules and macros from JSON.
 #include <algorithm>
 #include <array>
 
@@ -34,7 +34,7 @@ private:
     void ReadRuleSets(JsonValue value, const Path& path, std::vector<RuleSetRecord>& ruleSets);
 };
 
-/// The kind decides what else a rule may have. Without one the other members cannot be checked.
+/// The kind determines what else a rule may have. Without it the other members cannot be checked.
 std::optional<uint32_t> Reader::ReadKind(JsonValue rule, const Path& path)
 {
     std::optional<JsonValue> member;
@@ -55,7 +55,7 @@ std::optional<uint32_t> Reader::ReadKind(JsonValue rule, const Path& path)
     return std::nullopt;
 }
 
-/// What can be said all the same: of the members that a kind has, whichever it was meant to be.
+/// Checks what does not depend on the kind: that each name is that of a field, and the values of unambiguous names.
 void Reader::ReadOfNoKind(JsonValue rule, const Path& path)
 {
     std::vector<RuleField> fields(CommonFields().begin(), CommonFields().end());
@@ -95,7 +95,7 @@ void Reader::ReadRule(JsonValue value, const Path& path, PFW_RULE& rule)
             ReadField(fields[i], *members[i], path.Member(fields[i].Name), record);
         else if (fields[i].When == Presence::Always)
             Report(value.Offset(), path, "\"" + std::string(fields[i].Name) + "\" is missing");
-        else if (fields[i].Name == kSystemField && Normalise::IsSystemRule(rule)) // as the library takes it
+        else if (fields[i].Name == kSystemField && Normalise::IsSystemRule(rule)) // as the library treats it
             Store(record + fields[i].Places[0], uint32_t{1});
     }
     if (members.back())
@@ -238,7 +238,8 @@ void Reader::ReadVersion(JsonValue value, const Path& path)
     if (isNumber && number > kPolicyVersion)
         Report(value.Offset(), path,
                "the file has version " + std::to_string(number) +
-                   " of this form, which a newer kxrule reads; this one reads " + std::to_string(kPolicyVersion));
+                   " of this format, which needs a newer kxrule; this one reads version " +
+                   std::to_string(kPolicyVersion));
     else if (!isNumber || number != kPolicyVersion)
         Expected(value, path, std::to_string(kPolicyVersion));
 }
@@ -248,9 +249,10 @@ void Reader::ReadPolicy(JsonValue value, Policy& policy)
     const Path root;
     const Members members =
         ReadMembers(value, root, {"$schema", "version", "active", "macros", "ruleSets"}, "a policy");
-    // Without it "{}" would be a policy, and half a file that happens to be JSON.
+    // Without it "{}" would be a policy, and so would half a file that happens to be JSON.
     if (!members[1] && value.Is(Kind::Object))
-        Report(value.Offset(), root, "\"version\" is missing; this form has version " + std::to_string(kPolicyVersion));
+        Report(value.Offset(), root,
+               "\"version\" is missing; this format has version " + std::to_string(kPolicyVersion));
     policy.HasRuleSets = members[4].has_value();
     if (members[1])
         ReadVersion(*members[1], root.Member("version"));

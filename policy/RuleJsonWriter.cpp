@@ -20,9 +20,9 @@ using KxCommon::Record::Load;
 using KxCommon::Record::Store;
 
 constexpr size_t kRawBytesPerLine = 32;
-constexpr size_t kRawGap = 3; // equal bytes between two differences that are written rather than a new line begun
+constexpr size_t kRawGap = 3; // equal bytes between two differences that are written instead of starting a new line
 
-/// What differs between the record and what the named fields have given, as lines "offset: bytes".
+/// What differs between the record and the result of the named fields, as lines "offset: bytes".
 void AddRaw(Json& json, const void* record, const void* named, size_t begin, size_t end)
 {
     const uint8_t* const actual = static_cast<const uint8_t*>(record);
@@ -45,8 +45,8 @@ Json KeywordJson(Keywords names, uint32_t value)
     return name.empty() ? Json(value) : Json(name);
 }
 
-// Each of these returns what is written of a field, and puts into `given` what a reader will make of it. Where a text
-// says less than the record, or cannot be read, "raw" makes up for it.
+// Each of these returns what is written for a field, and stores in `given` what a reader will make of it. If a text
+// says less than the record, or cannot be read back, "raw" makes up for it.
 
 template <class Number>
 Json NumberJson(const uint8_t* field, uint8_t* given)
@@ -72,7 +72,7 @@ Json TextJson(std::string text, void* given, size_t room, bool (*put)(void*, siz
     return text;
 }
 
-/// Writes a rule's fields as members and keeps the record that a reader will make of them.
+/// Writes a rule's fields as members and builds the record that a reader will make of them.
 class RuleWriter
 {
 public:
@@ -126,7 +126,7 @@ private:
             bytes = field.Room;
         for (size_t i = 0; i < field.Count; ++i)
         {
-            // Compared with the given record, not with zero: an application may have set the switch already.
+            // Compared with the given record, not with zero: the application may already have set the switch.
             if (std::memcmp(m_Actual + field.Places[i], m_GivenBytes + field.Places[i], bytes) != 0)
                 return true;
         }
@@ -273,7 +273,7 @@ std::string PolicyToJson(const Policy& policy)
     json["ruleSets"] = Json::array();
     std::string text;
     AppendJsonText(text, json);
-    // One rule set at a time: as values they are several times as large as their text.
+    // One rule set at a time: JSON values are several times as large as their text.
     text.resize(text.size() - std::string_view("]\n}").size());
     for (const RuleSetRecord& ruleSet : policy.RuleSets)
     {

@@ -1,4 +1,4 @@
-// Lines of text as policies and rules.
+// Reads policies and rules from lines of text.
 #include "policy/RulesText.h"
 
 #include <algorithm>
@@ -18,9 +18,9 @@ namespace
 
 constexpr std::string_view kBlank = " \t\r";
 constexpr size_t kMostDiagnostics = 1000; // nobody reads more
-constexpr size_t kMostNesting = 8;        // of JSON in a value; the form itself has three levels
+constexpr size_t kMostNesting = 8;        // of JSON in a value; the format itself has three levels
 
-/// What stands between the commas of a rule's line: places of a field of the tables.
+/// What is between the commas of a rule's line: places of a field of the tables.
 struct Slots
 {
     const char* Member;
@@ -298,7 +298,7 @@ public:
 
     [[nodiscard]] bool IsGood() const noexcept { return m_Found.empty(); }
 
-    /// Diagnostics of the JSON form, put where the text is.
+    /// Moves diagnostics of the JSON form to their places in the text.
     [[nodiscard]] bool Finish(std::vector<Diagnostic>& diagnostics)
     {
         for (Diagnostic& found : diagnostics)
@@ -311,7 +311,7 @@ public:
             found.Column = place == m_Places.end() ? 1 : place->second.Column;
         }
         std::erase_if(diagnostics,
-                      [this](const Diagnostic& found) // what follows from a mistake that has been told
+                      [this](const Diagnostic& found) // a consequence of an error already reported
                       {
                           return std::any_of(m_Found.begin(), m_Found.end(),
                                              [&found](const Diagnostic& told) { return told.Line == found.Line; });
@@ -469,7 +469,7 @@ private:
                 if (field.Type == FieldType::Extension)
                 {
                     Json extension = LineExtension(part);
-                    if (isLast || !IsEmptyExtension(extension)) // streams always have it in their line
+                    if (isLast || !IsEmptyExtension(extension)) // a stream's line always has it
                         rule[slots.Member] = std::move(extension);
                 }
                 else if (field.Count > 1)

@@ -51,7 +51,7 @@ std::string ValueText(const Json& value)
     return list.empty() ? value.dump() : list;
 }
 
-/// The library's line, with IPv6 addresses in the places of names where they fit.
+/// The library's line, with IPv6 addresses where names would be, if they fit.
 std::string LineText(const PFW_RULE& rule)
 {
     PFW_RULE shown = rule;
@@ -74,7 +74,7 @@ std::string LineText(const PFW_RULE& rule)
     return RuleText::Render(shown, line) == KXRULE_OK ? NarrowToReturnableUtf8(line) : std::string();
 }
 
-/// What a line means, as JSON; null when it does not carry a rule.
+/// What a line means, as JSON; null if it does not express a rule.
 Json Meaning(const std::string& line)
 {
     PFW_RULE rule{};
@@ -103,7 +103,7 @@ std::string Members(const Json& json, const Json& without, std::initializer_list
     return text;
 }
 
-/// A heading's members: all but the name, the index and what follows in lines of its own.
+/// A heading's members: all except the name, the index and what follows on lines of its own.
 std::string HeadingText(const char* word, const Json& json)
 {
     std::string text = word;

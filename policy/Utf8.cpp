@@ -54,7 +54,7 @@ std::string ToUtf8(KxCommon::WideStringView text)
 
 KxCommon::WideString FromUtf8(std::string_view text)
 {
-    std::string valid; // (without the character given, a guarded static would hold it)
+    std::string valid; // (without an explicit character, the default would be a guarded static)
     utf8::replace_invalid(text.begin(), text.end(), std::back_inserter(valid), kReplacement);
     KxCommon::WideString out;
     out.reserve(valid.size());
@@ -72,7 +72,7 @@ std::string NarrowToReturnableUtf8(std::string_view narrow)
     std::string text = NarrowToUtf8(narrow);
     if (IsAscii(text) || Utf8ToNarrow(text))
         return text;
-    // The system's own substitutes survive the conversion there and back.
+    // The system's own substitutes survive the round trip.
     text = NarrowToUtf8(KxCommon::String::ToNarrow(FromUtf8(text)));
     if (!Utf8ToNarrow(text))
         text.clear();
@@ -85,7 +85,7 @@ std::optional<std::string> Utf8ToNarrow(std::string_view text)
         return std::string(text);
     const KxCommon::WideString wide = FromUtf8(text);
     std::string narrow = KxCommon::String::ToNarrow(wide);
-    // A character without a counterpart becomes a similar one or a question mark: only the conversion back shows it.
+    // A character without a counterpart becomes a similar one or a question mark, which only converting back reveals.
     if (KxCommon::String::ToWide(narrow) != wide)
         return std::nullopt;
     return narrow;

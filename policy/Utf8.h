@@ -15,12 +15,11 @@ namespace KxPolicy
 /// Text that is UTF-8; whatever is not becomes U+FFFD.
 [[nodiscard]] KxCommon::WideString FromUtf8(std::string_view text);
 
-/// Narrow text of a record for people to read.
+/// Narrow text of a record in readable form.
 [[nodiscard]] std::string NarrowToUtf8(std::string_view narrow);
-/// The same, but always text that Utf8ToNarrow accepts: bytes without a meaning become another character or are left
-/// out.
+/// The same, but always text that Utf8ToNarrow accepts: invalid bytes become another character or are omitted.
 [[nodiscard]] std::string NarrowToReturnableUtf8(std::string_view narrow);
-/// Nothing when a character has no counterpart in the active code page.
+/// Nothing if a character has no counterpart in the active code page.
 [[nodiscard]] std::optional<std::string> Utf8ToNarrow(std::string_view text);
 
 } // namespace KxPolicy

@@ -1,4 +1,4 @@
-// Numbers and lists as words of a sentence.
+// Numbers and lists for use in sentences.
 #pragma once
 
 #include <cstddef>
@@ -13,7 +13,7 @@ namespace KxPolicy
     return std::to_string(number) + " " + what + (number == 1 ? "" : "s");
 }
 
-/// The texts with a separator between each two.
+/// The texts, joined by a separator.
 template <class Texts>
 [[nodiscard]] std::string Joined(const Texts& texts, const char* between = ", ")
 {

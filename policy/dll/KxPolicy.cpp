@@ -1,5 +1,5 @@
-// The four exports: read the text, compare it with the store, change the store or nothing. KxPolicy.h is their
-// documentation.
+// The four exports: read the text, compare it with the store, change the store as a whole or not at all. KxPolicy.h
+// documents them.
 #define KXPOLICY_API // the exports are compiled here, not imported
 #include "api/include/KxPolicy.h"
 
@@ -27,12 +27,12 @@ struct Refusal
     std::string Text;
 };
 
-/// Changes that could not be taken back: thrown where memory for words may be missing.
+/// Changes that could not be taken back: thrown where there may be no memory for a message.
 struct InPart
 {
 };
 
-/// The caller's callback, told with texts that are there already: telling needs no memory.
+/// The caller's callback, called with existing texts only: reporting needs no memory.
 class Listener
 {
 public:
@@ -70,12 +70,12 @@ int32_t Contain(const Listener& listener, const Body& body) noexcept
     }
     catch (const InPart&)
     {
-        listener.TellOfStore("the policy was applied in part, which could not be taken back");
+        listener.TellOfStore("the policy was applied in part, and the changes could not be taken back");
         return KXPOLICY_E_PARTLY;
     }
     catch (...)
     {
-        return KXPOLICY_E_MEMORY; // nothing else is thrown here
+        return KXPOLICY_E_MEMORY; // nothing else can be thrown here
     }
 }
 
@@ -86,8 +86,8 @@ struct ModulePolicy
     static bool close(pointer module) noexcept { return ::FreeLibrary(module) != FALSE; }
 };
 
-/// The functions that the caller gives, or those of the library that the process has loaded, which stays loaded as
-/// long.
+/// The functions that the caller provides, or those of the library that the process has loaded, which stays loaded
+/// during the call.
 class RuleFunctions
 {
 public:
@@ -124,7 +124,7 @@ private:
     KXRULE_LIBRARY m_Functions = {};
 };
 
-/// The policy of a text; nothing when it has errors. All that is found has been told.
+/// The policy of a text; nothing if it has errors, all of which have been reported.
 std::optional<Policy> ReadText(const char* text, size_t size, const Listener& listener)
 {
     std::optional<Policy> policy(std::in_place);
@@ -141,7 +141,7 @@ Policy ReadStore(const KXRULE_LIBRARY& library)
     return KxPolicy::ReadStore(library, [](size_t, size_t) {});
 }
 
-/// 64-bit FNV-1a over everything with its counts.
+/// 64-bit FNV-1a over everything, including counts.
 class Stamp
 {
 public:
@@ -180,7 +180,7 @@ private:
     uint64_t m_Value = 0xCBF29CE484222325u;
 };
 
-/// What is to change, unless something stands in the way.
+/// What is to be changed, unless there is a reason to refuse it.
 PolicyDiff Differences(const Policy& store, const Policy& policy, uint32_t flags)
 {
     PolicyDiff diff = Compare(store, policy, (flags & KXPOLICY_REPLACE) != 0 ? MergeMode::Replace : MergeMode::Merge);
@@ -197,7 +197,7 @@ int32_t CountOf(const PolicyDiff& diff) noexcept
     return static_cast<int32_t>(diff.RuleSets.size()) + (diff.Macros ? 1 : 0) + (diff.Active ? 1 : 0);
 }
 
-/// Takes changes back, in memory: what could not be written is not tried again.
+/// Takes changes back in memory: no further write is attempted.
 class UndoneStore final : public LibraryStore
 {
 public:
@@ -206,7 +206,7 @@ public:
     {
         const int32_t result = LibraryStore::DeleteRuleSet(index);
         return result == KXRULE_E_FILE_OPEN || result == KXRULE_E_FILE_WRITE ? KXRULE_OK
-                                                                             : result; // it is gone all the same
+                                                                             : result; // it is gone nevertheless
     }
     void Write() override {}
 };
@@ -225,7 +225,7 @@ void Undo(const KXRULE_LIBRARY& library, const Policy& before, const PolicyDiff&
     }
 }
 
-/// The library's code for a change that failed, or what it means when the change fitted the store that was read.
+/// The library's code for a failed change, or what it means if the change was possible in the store as it was read.
 int32_t CodeOf(const StoreError& error) noexcept
 {
     switch (error.Result())
@@ -325,13 +325,13 @@ int32_t kxPolicyApply(const KXRULE_LIBRARY* library, const char* text, size_t si
                        const RuleFunctions functions(library);
                        const Policy store = ReadStore(*functions);
                        if (stamp != nullptr && *stamp != Stamp(store).Value())
-                           throw Refusal{KXPOLICY_E_CHANGED, "the store has changed since it was looked at"};
+                           throw Refusal{KXPOLICY_E_CHANGED, "the store has changed since the stamp was taken"};
                        const PolicyDiff diff = Differences(store, *policy, flags);
                        if (diff.IsEmpty())
                            return 0;
-                       // A disk that is full, or a library that is not initialised, shows before anything is changed.
+                       // A full disk, or a library that is not initialised, shows before anything is changed.
                        if (const int32_t result = (*functions).kxRuleWrite(); result != KXRULE_OK)
-                           throw Refusal{result, "writing what was changed before: " + ResultText(result)};
+                           throw Refusal{result, "writing earlier changes: " + ResultText(result)};
                        ApplyOrUndo(*functions, store, diff);
                        return CountOf(diff);
                    });

@@ -1,4 +1,4 @@
-// kxrule: the rule store for people and scripts. docs/kxrule.md is its manual.
+// kxrule: the rule store for administrators and scripts. docs/kxrule.md is its manual.
 #include <algorithm>
 #include <exception>
 #include <string>
@@ -17,7 +17,7 @@
 namespace
 {
 
-/// Why a command failed: a line for people, JSON for programs.
+/// Reports why a command failed: a line of text, or JSON for programs.
 void Tell(Tool::Console& console, bool json, const Tool::Failure& failure)
 {
     if (!json)
@@ -49,7 +49,7 @@ int wmain(int count, wchar_t** arguments)
             std::vector<std::string> texts;
             for (int i = 1; i < count; ++i)
                 texts.push_back(KxPolicy::ToUtf8(arguments[i]));
-            // Known before the rest is: the command line itself may be what is wrong.
+            // Determined before the rest: the command line itself may be wrong.
             const auto end = std::find(texts.begin(), texts.end(), "--");
             json = std::find(texts.begin(), end, "--json") != end;
             Tool::WatchInterrupts(json);
@@ -75,7 +75,7 @@ int wmain(int count, wchar_t** arguments)
             fail(Tool::Failure("the output could not be written"));
         return code;
     }
-    catch (...) // nothing is left to say it with
+    catch (...) // there is no memory left to report it
     {
         return Tool::ExitFailed;
     }

@@ -13,7 +13,7 @@ namespace Tool
 namespace
 {
 
-/// Of a dated directory.
+/// The date and time in the name of a dated directory.
 std::string Date(const std::string& digits)
 {
     const auto part = [&digits](size_t at) { return digits.substr(2 * at, 2); };
@@ -66,13 +66,13 @@ int Backups(Session& session)
 
 int Undo(Session& session)
 {
-    // The library's copies are of what it found damaged; only those of this tool were made before a change.
+    // The library copies what it finds damaged; only the copies of this tool were made before a change.
     for (const Copies::Dated& copy : Copies::FindBackups(session.Store()))
     {
         if (copy.Number > 0)
             return RestoreDirectory(session, PathOf(session, copy));
     }
-    throw Failure("there is no copy that kxrule made in " + ToUtf8(session.Directory()) + FileFormat::kBackupDirectory);
+    throw Failure("there is no copy made by kxrule in " + ToUtf8(session.Directory()) + FileFormat::kBackupDirectory);
 }
 
 } // namespace Tool

@@ -1,4 +1,4 @@
-// Commands that care for the files: verify, backup, restore, tidy. docs/recovery.md is for those who need them.
+// Commands that maintain the files: verify, backup, restore, tidy. docs/recovery.md explains when to use them.
 #include <algorithm>
 #include <iterator>
 
@@ -70,10 +70,10 @@ void PrintReport(Session& session, const StoreReport& report)
         damaged += bad ? 1 : 0;
         console.Out(console.Paint(bad ? Style::Bad : rows[i][0].empty() ? Style::Dim : Style::Plain, lines[i]) + "\n");
     }
-    // Within a record nothing shows a changed bit: what is there is another rule.
-    console.Out(damaged == 0 ? console.Paint(Style::Good, "no damage shows") +
-                                   "; every changed bit shows with --against a backup\n"
-                             : console.Paint(Style::Bad, std::to_string(damaged) + " damaged") + "\n");
+    // A changed bit within a record does not show: it makes another rule.
+    console.Out(damaged == 0
+                    ? console.Paint(Style::Good, "no damage found") + "; --against BACKUP finds every changed bit\n"
+                    : console.Paint(Style::Bad, std::to_string(damaged) + " damaged") + "\n");
 }
 
 void RequireDirectory(const fs::path& directory)
@@ -85,7 +85,7 @@ void RequireDirectory(const fs::path& directory)
 
 [[noreturn]] void FailedToPut(const std::string& name)
 {
-    throw Failure("putting " + NarrowToUtf8(name) + " in place: " + SystemText(::GetLastError()));
+    throw Failure("replacing " + NarrowToUtf8(name) + ": " + SystemText(::GetLastError()));
 }
 
 Json NamesAsJson(const std::vector<std::string>& names)
@@ -107,7 +107,7 @@ void TellRestored(Session& session, const std::vector<std::string>& names)
         return session.Terminal().Out(json.dump(2) + "\n");
     }
     session.Terminal().Out(Count(names.size(), "file") + " restored" +
-                           (copies.empty() ? "" : "; what was there before lies in " + Printable(copies)) + "\n");
+                           (copies.empty() ? "" : "; what was there before is in " + Printable(copies)) + "\n");
 }
 
 int RestoreMacros(Session& session, const StoreFile& file)
@@ -116,7 +116,7 @@ int RestoreMacros(Session& session, const StoreFile& file)
     session.Claim();
     session.BeginChange();
     const RuleDirectory target = session.Store();
-    session.KeepCopy();
+    session.CopyFiles();
     if (!target.Put(file.Directory, file.Name, target.MacroFileName()))
         FailedToPut(target.MacroFileName());
     TellRestored(session, {target.MacroFileName()});
@@ -161,7 +161,7 @@ int VerifyAgainst(Session& session, const std::string& backup)
     RequireDirectory(path);
     const auto changes = Copies::Compare(session.Store(), StoreAt(path.wstring(), session.Options().Master));
     if (!changes)
-        throw Failure(Name(path) + " or the store cannot be read, or holds no rule files");
+        throw Failure(Name(path) + " or the store cannot be read, or has no rule files");
     static constexpr const char* kWords[] = {"altered", "missing", "added"};
     Json json = Json::array();
     for (const Copies::Changed& change : *changes)
@@ -171,7 +171,7 @@ int VerifyAgainst(Session& session, const std::string& backup)
         session.Terminal().Out(session.Options().Json ? "" : Printable(NarrowToUtf8(change.Name)) + "  " + word + "\n");
     }
     session.Terminal().Out(session.Options().Json ? json.dump(2) + "\n"
-                           : changes->empty()     ? "the store is what was copied\n"
+                           : changes->empty()     ? "the store matches the copy\n"
                                                   : Count(changes->size(), "difference") + "\n");
     return changes->empty() ? ExitDone : ExitDifferent;
 }
@@ -196,13 +196,13 @@ int Backup(Session& session, const std::string& target)
     const fs::path path = AbsolutePath(target);
     std::error_code error;
     if (names.empty())
-        throw Failure(Name(session.Directory()) + " holds no rule files");
+        throw Failure(Name(session.Directory()) + " has no rule files");
     if (fs::exists(path, error) && !fs::is_empty(path, error))
         throw Failure(Name(path) + " is not an empty directory");
     HoldInterrupts();
     const bool isNew = fs::create_directories(path, error);
     if (!fs::is_directory(path))
-        throw Failure(Name(path) + " cannot be made: " + SystemText(static_cast<uint32_t>(error.value())));
+        throw Failure(Name(path) + " cannot be created: " + SystemText(static_cast<uint32_t>(error.value())));
     if (std::string failed; !Copies::CopyFiles(store, StoreAt(path.wstring(), session.Options().Master), names, failed))
     {
         const std::string why = SystemText(::GetLastError());
@@ -222,7 +222,7 @@ int RestoreDirectory(Session& session, const fs::path& path)
     const RuleDirectory source = StoreAt(path.wstring(), session.Options().Master);
     const std::vector<std::string> names = StoreFileNames(source);
     if (names.empty())
-        throw Failure(Name(path) + " holds no rule files");
+        throw Failure(Name(path) + " has no rule files");
     if (IdentityOf(path.wstring()) == IdentityOf(session.Directory()))
         throw Failure(Name(path) + " is the rule directory itself");
     const StoreReport report = CheckStore(source, session.Terminal(), false);
@@ -230,19 +230,19 @@ int RestoreDirectory(Session& session, const fs::path& path)
     {
         PrintReport(session, report);
         throw Failure(Name(path) +
-                      " is damaged and is not restored; its good rule set files can be restored one by one");
+                      " is damaged and is not restored; its undamaged rule set files can be restored one by one");
     }
-    // A changed bit that no damage shows. (Without a manifest the files are what they are.)
+    // A changed bit need not show as damage. (Without a manifest the files have to be taken as they are.)
     if (const auto changes = Copies::Compare(source, source); !changes || !changes->empty())
         throw Failure(
             Name(path) + " is not restored: " +
-            (changes ? NarrowToUtf8(changes->front().Name) + " is not what was copied" : "it cannot be read"));
+            (changes ? NarrowToUtf8(changes->front().Name) + " does not match the manifest" : "it cannot be read"));
     if (names.front() != source.MasterFileName())
-        throw Failure(Name(path) + " holds no master file; its files can be restored one by one");
+        throw Failure(Name(path) + " has no master file; its files can be restored one by one");
     session.Claim();
     session.BeginChange();
     const RuleDirectory target = session.Store();
-    session.KeepCopy();
+    session.CopyFiles();
     if (std::string failed; !Copies::PutFiles(source, target, names, failed))
         FailedToPut(failed);
     TellRestored(session, names);
@@ -264,7 +264,7 @@ int Tidy(Session& session, bool yes)
     Console& console = session.Terminal();
     const bool json = session.Options().Json;
     const RuleDirectory store = session.Store();
-    session.Claim(); // a write may be going on
+    session.Claim(); // a write may be in progress
     std::vector<std::string> names;
     for (const FileReport& file : CheckStore(store, console, false).Files)
     {
@@ -281,10 +281,10 @@ int Tidy(Session& session, bool yes)
     for (const std::string& name : names)
         console.Out(json ? "" : Printable(NarrowToUtf8(name)) + "\n");
     if (!yes && !console.Confirm("remove " + Count(names.size(), "file") + "?"))
-        throw Failure("nothing is removed; --yes does so without asking");
+        throw Failure("nothing removed; --yes removes without asking");
     session.BeginChange();
     if (std::any_of(names.begin(), names.end(), RuleFiles::IsRuleSetFileName))
-        session.KeepCopy();
+        session.CopyFiles();
     std::vector<std::string> removed;
     std::copy_if(names.begin(), names.end(), std::back_inserter(removed),
                  [&store](const std::string& name) { return store.Remove(name); });
@@ -298,7 +298,7 @@ int Tidy(Session& session, bool yes)
     }
     else
         console.Out(Count(removed.size(), "file") + " removed" +
-                    (copies.empty() ? "" : "; what was there before lies in " + Printable(copies)) + "\n");
+                    (copies.empty() ? "" : "; what was there before is in " + Printable(copies)) + "\n");
     if (removed.size() < names.size())
         throw Failure(Count(names.size() - removed.size(), "file") + " could not be removed");
     return ExitDone;

@@ -28,7 +28,7 @@ bool IsThere(const std::string& path)
     return !path.empty() && ::GetFileAttributesW(AbsolutePath(path).c_str()) != INVALID_FILE_ATTRIBUTES;
 }
 
-/// Whether a rule is bound to the program, whose path the library compares without regard to case.
+/// Whether a rule is bound to the program, whose path the library compares ignoring case.
 bool IsNamed(const Policy& policy, const std::wstring& application)
 {
     for (const RuleSetRecord& ruleSet : policy.RuleSets)
@@ -59,7 +59,7 @@ int32_t TakeRefreshed(uint32_t ruleSetIndex, const PFW_RULE* rule, void* context
         static_cast<std::vector<Refreshed>*>(context)->push_back(
             {ruleSetIndex, rule->wRuleIndex, WideFieldText(&rule->Access.wszAppName, KXRULE_APP_NAME_UNITS)});
     }
-    catch (...) // nothing may leave a callback; the list is then short of one
+    catch (...) // no exception may leave a callback; the list then lacks one entry
     {
         return 1;
     }
@@ -75,7 +75,7 @@ int AddRuleSet(Session& session, const std::string& name, std::optional<uint16_t
     Policy store = session.Read();
     for (const RuleSetRecord& ruleSet : store.RuleSets)
     {
-        // Asking the library for an index in use would leave its lock with this thread.
+        // Adding at an index in use would leave the library's lock with this thread.
         if (ruleSet.Index == index)
             throw Failure("rule set " + std::to_string(*index) + " already exists");
     }
@@ -102,7 +102,7 @@ int DeleteRuleSets(Session& session, const std::vector<uint16_t>& indexes, bool 
     }
     if (all)
         wanted.RuleSets.clear();
-    wanted.Active.reset(); // what goes leaves the list
+    wanted.Active.reset(); // what is deleted leaves the list
     return ApplyPolicy(session, store, wanted, MergeMode::Replace);
 }
 
@@ -160,7 +160,7 @@ int Activate(Session& session, const std::vector<uint16_t>& indexes)
     std::vector<uint16_t> ruleSets;
     for (const RuleSetRecord& ruleSet : store.RuleSets)
         ruleSets.push_back(ruleSet.Index);
-    // The library would take any index; a slip here opens the firewall.
+    // The library would accept any index; a slip here opens the firewall.
     if (const std::string mistake = ActiveListMistake(indexes, ruleSets); !mistake.empty())
         throw Failure(mistake);
     Policy wanted;
@@ -187,9 +187,9 @@ int RefreshHashes(Session& session, const std::string& application)
     session.BeginChange();
     const int32_t result = session.Library().kxRuleUpdateHashValue(path.empty() ? nullptr : path.c_str(), nullptr,
                                                                    TakeRefreshed, &refreshed);
-    if (!refreshed.empty()) // those before a failure count as well
+    if (!refreshed.empty()) // including those before a failure
     {
-        session.KeepCopy();
+        session.CopyFiles();
         session.Write();
     }
     if (session.Options().Json)

@@ -1,4 +1,4 @@
-// The command line: what may be written, what is said about it, and what is then called.
+// The command line: commands and options, their descriptions, and what they call.
 #pragma once
 
 #include <string>

@@ -17,7 +17,7 @@ namespace Tool
 using namespace KxPolicy;
 
 // ------------------------------------------------------------------------------------------------- look (LookCommands)
-/// What a list is to be cut down to; all of it together.
+/// What a list is limited to; all conditions must be met.
 struct Filter
 {
     bool Active = false; // rule sets that are
@@ -25,7 +25,7 @@ struct Filter
     std::string Action;
     std::string Application; // a part of the path
 
-    /// Whether it lets some rules of a rule set through and others not.
+    /// Whether it may pass some rules of a rule set and not others.
     [[nodiscard]] bool IsOfRules() const noexcept { return Off || !Action.empty() || !Application.empty(); }
 };
 int List(Session& session, const Filter& filter);
@@ -33,7 +33,7 @@ int Show(Session& session, std::optional<uint16_t> ruleSetIndex, std::optional<u
          const Filter& filter);
 int Macros(Session& session);
 int FindCommand(Session& session, const std::string& query, bool withAny);
-/// Traffic as people write it; what is left empty is any.
+/// Traffic as the user writes it; empty means any.
 struct ExplainOptions
 {
     std::string Protocol;
@@ -58,7 +58,7 @@ struct ImportOptions
 int Import(Session& session, const ImportOptions& options);
 int ImportMacros(Session& session, const ImportOptions& options);
 
-/// What hardly anybody means, in the store or, if one is given, in a file.
+/// What is probably not intended, in the store or, if one is given, in a file.
 int LintCommand(Session& session, const std::string& file); // LintCommand
 
 /// Everything, or only the given rule sets, without macros and active list.
@@ -67,7 +67,7 @@ int Export(Session& session, const std::vector<uint16_t>& ruleSetIndexes, const 
 // ------------------------------------------------------------------------------------------------- edit (EditCommand)
 struct EditOptions
 {
-    std::string Editor; // empty: what the environment says
+    std::string Editor; // empty: the one in the environment
     bool Yes = false;
 };
 int Edit(Session& session, std::optional<uint16_t> ruleSetIndex, const EditOptions& options);
@@ -77,7 +77,7 @@ int Diff(Session& session, const std::vector<std::string>& paths);
 // --------------------------------------------------------------------------------------------- change (ChangeCommands)
 int AddRuleSet(Session& session, const std::string& name, std::optional<uint16_t> index);
 int DeleteRuleSets(Session& session, const std::vector<uint16_t>& indexes, bool all);
-/// Where a rule goes: to an index, beside another rule, or behind all.
+/// Where a rule goes: to an index, next to another rule, or after all of them.
 struct RulePlace
 {
     std::optional<uint16_t> Index;
@@ -109,48 +109,48 @@ struct ActiveEdit
     bool Remove = false;
     std::optional<uint16_t> Before;
 };
-/// Adds to the active list, or removes from it; what is listed already moves.
+/// Adds to the active list, or removes from it; a set that is already in it moves.
 int EditActive(Session& session, const std::vector<uint16_t>& indexes, const ActiveEdit& edit);
 int RefreshHashes(Session& session, const std::string& application);
 
 // ------------------------------------------------------------------------------------------------- care (CareCommands)
-/// With a backup, whether the store is what was copied there.
+/// With a backup: whether the store matches the backup.
 int Verify(Session& session, const std::string& against);
 int Backup(Session& session, const std::string& directory);
 int Restore(Session& session, const std::string& source);
 int RestoreDirectory(Session& session, const std::filesystem::path& path);
 int Backups(Session& session); // BackupCommands
-/// Brings back what the newest copy of this tool holds.
+/// Restores the newest copy that this tool made.
 int Undo(Session& session);
 int Tidy(Session& session, bool yes);
 int Dump(Session& session, const std::string& file);
 
 // ---------------------------------------------------------------------------------------------------------- helpers --
-/// Makes the store hold the wanted policy and prints what changed.
-/// The store's rules are dropped as soon as they are not needed any more.
+/// Makes the store match the wanted policy and prints what changed. The store's rules are freed as soon as they are no
+/// longer needed.
 int ApplyPolicy(Session& session, Policy& store, const Policy& wanted, MergeMode mode);
-/// For Session::Look, when only what is beside the rules is wanted.
+/// For Session::Look, if the rules are not wanted.
 void LeaveOut(const Policy& policy, const RuleSetRecord& ruleSet);
-/// A rule's line, and below it what the line leaves out.
+/// A rule's line, and below it what the line omits.
 void PrintRule(Session& session, const PFW_RULE& rule);
 /// Fails unless the store has it.
 [[nodiscard]] const RuleSetRecord& FindRuleSet(const Policy& policy, uint16_t index);
 [[nodiscard]] RuleSetRecord& FindRuleSet(Policy& policy, uint16_t index);
-/// Puts a rule into its place. Fails when the index is in use, or none is left.
+/// Inserts a rule in its place. Fails if the index is in use, or none is left.
 void InsertRule(RuleSetRecord& ruleSet, PFW_RULE rule, const RulePlace& place);
-/// Fails when the name is too long for its field.
+/// Fails if the name is too long for its field.
 [[nodiscard]] KxCommon::WideString RuleSetName(const std::string& name);
 [[nodiscard]] Json DiffAsJson(const PolicyDiff& diff, bool isCheck);
 /// A whole file as UTF-8, "-" for standard input.
 [[nodiscard]] std::string ReadTextFile(const Session& session, const std::string& path);
-/// False when something is wrong with the file, which has then been printed.
+/// False if something is wrong with the file, which has then been printed.
 [[nodiscard]] bool ReadPolicyFile(Session& session, const std::string& file, Policy& policy);
 [[nodiscard]] Json FindingsAsJson(const std::vector<LintFinding>& findings);
 /// Writes text to a file, completely or not at all; "-" or an empty path: standard output.
 void WriteTextFile(Session& session, const std::string& path, std::string_view text);
-/// Says in JSON which file that was.
+/// Reports in JSON which file that was.
 void TellWritten(Session& session, const std::string& path);
-/// Prints what is wrong in a file, one line each: FILE:LINE:COLUMN: where: what.
+/// Prints the diagnostics of a file, one line each: FILE:LINE:COLUMN: where: what.
 /// @return ExitFailed
 int TellDiagnostics(Session& session, const std::string& path, const std::vector<Diagnostic>& diagnostics);
 

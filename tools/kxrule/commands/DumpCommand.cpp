@@ -23,7 +23,7 @@ std::string Hexadecimal(uint32_t value)
     return text;
 }
 
-/// Walks a file in the order of its records and knows where each begins.
+/// Goes through a file in the order of its records and tracks where each begins.
 class Dumper
 {
 public:

@@ -1,4 +1,4 @@
-// edit: the policy as text in an editor. diff: two policies, wherever they lie.
+// edit: the policy as text in an editor. diff: two policies, wherever they are.
 #include <nlohmann/json.hpp>
 
 #include "policy/RulesText.h"
@@ -41,7 +41,7 @@ std::wstring TemporaryFile()
     wchar_t directory[MAX_PATH + 1] = {};
     wchar_t file[MAX_PATH + 1] = {};
     if (::GetTempPathW(MAX_PATH, directory) == 0 || ::GetTempFileNameW(directory, L"kxr", 0, file) == 0)
-        throw Failure("there is no place for a temporary file: " + SystemText(::GetLastError()));
+        throw Failure("a temporary file cannot be created: " + SystemText(::GetLastError()));
     return file;
 }
 
@@ -110,12 +110,12 @@ int Edit(Session& session, std::optional<uint16_t> ruleSetIndex, const EditOptio
         RunEditor(options.Editor, path);
         isGood = ReadEdited(session, file, store, ruleSetIndex, wanted);
         if (!isGood && !console.Confirm("Edit again?"))
-            throw Failure("nothing is changed; the text lies in " + file);
+            throw Failure("nothing was changed; the text is in " + file);
     }
     const PolicyDiff diff = Compare(store, wanted, MergeMode::Replace);
     console.Out(DiffText(diff));
     if (!diff.IsEmpty() && !options.Yes && !console.Confirm("Apply?"))
-        throw Failure("nothing is changed; the text lies in " + file);
+        throw Failure("nothing was changed; the text is in " + file);
     int code = ExitDone;
     if (diff.IsEmpty())
         console.Out("nothing changed\n");
@@ -124,7 +124,7 @@ int Edit(Session& session, std::optional<uint16_t> ruleSetIndex, const EditOptio
         session.OpenToChange();
         Policy now = session.Read();
         if (!Compare(store, now, MergeMode::Replace).IsEmpty())
-            throw Failure("somebody else has changed the store meanwhile; the text lies in " + file);
+            throw Failure("the store was changed by another process meanwhile; the text is in " + file);
         code = ApplyPolicy(session, now, wanted, MergeMode::Replace);
     }
     ::DeleteFileW(path.c_str());
@@ -142,7 +142,7 @@ int Diff(Session& session, const std::vector<std::string>& paths)
         session.OpenToLook();
         to = session.Read();
     }
-    // What one of them does not mention is no difference.
+    // Whatever one of them does not mention is not a difference.
     if (!from.Macros)
         to.Macros.reset();
     if (!from.Active)

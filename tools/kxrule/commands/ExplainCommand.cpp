@@ -1,4 +1,4 @@
-// explain: which rule decides about traffic, and what kept others from it.
+// explain: which rule decides about traffic, and why others do not.
 #include <algorithm>
 
 #include <nlohmann/json.hpp>
@@ -18,7 +18,7 @@ namespace Tool
 namespace
 {
 
-constexpr size_t kMostMisses = 5; // the last are nearest to the rule that decides; a large policy has hundreds
+constexpr size_t kMostMisses = 5; // the last ones are nearest to the deciding rule; a large policy has hundreds
 
 /// ADDRESS, ADDRESS:PORT, [IPV6]:PORT, :PORT or any.
 void PutSide(PFW_RULE& traffic, size_t side, std::string text)
@@ -112,11 +112,11 @@ void Print(Session& session, const Decision& decision)
         PrintRule(session, *rule.Which.Rule);
     }
     if (decision.IsUndecided)
-        console.Out((decision.Rules.empty() ? "no rule decides" : "about the rest no rule decides for certain") +
+        console.Out((decision.Rules.empty() ? "no rule decides" : "no rule decides for certain about the rest") +
                     std::string(decision.IsComplete ? "\n" : "; there are too many parts to tell\n"));
     const size_t first = decision.Misses.size() - std::min(decision.Misses.size(), kMostMisses);
     if (!decision.Misses.empty())
-        console.Out("one field kept from it" +
+        console.Out("only one field did not match" +
                     (first > 0 ? ", of " + Count(decision.Misses.size(), "rule") + " the last" : std::string()) +
                     ":\n");
     std::vector<std::vector<std::string>> rows;

@@ -1,4 +1,4 @@
-// lint: what hardly anybody means, in a file or in the store.
+// lint: what in a file or in the store is probably not intended.
 #include <map>
 
 #include <nlohmann/json.hpp>
@@ -43,7 +43,7 @@ int LintCommand(Session& session, const std::string& file)
     }
     for (const LintFinding& finding : findings)
         console.Out(finding.Where() + " " + Printable(finding.Text) + "\n");
-    console.Out(findings.empty() ? "nothing to say\n" : Count(findings.size(), "finding") + "\n");
+    console.Out(findings.empty() ? "no findings\n" : Count(findings.size(), "finding") + "\n");
     return findings.empty() ? ExitDone : ExitFailed;
 }
 

@@ -1,4 +1,4 @@
-// Commands that only look: list, show, macros, find, active.
+// Commands that only read: list, show, macros, find, active.
 #include <algorithm>
 #include <cstring>
 #include <map>
@@ -121,7 +121,7 @@ std::string MacroText(const Console& console, const MacroRecord& macro)
     return hidden.empty() ? text : text + "    " + console.Paint(Style::Dim, hidden) + "\n";
 }
 
-/// Cuts a rule set down to what a filter lets through. False when nothing of it is left.
+/// Reduces a rule set to what passes a filter. False if nothing is left of it.
 bool Passes(const Filter& filter, const Policy& policy, RuleSetRecord& ruleSet)
 {
     const KxCommon::WideString application = FromUtf8(filter.Application);
@@ -148,7 +148,7 @@ std::string RuleAlone(const RuleSetRecord& ruleSet, uint16_t ruleIndex, bool isJ
     return {};
 }
 
-/// Text that is indented once more, as an element of a list.
+/// Text indented by one more level, as an element of a list.
 std::string Indented(const std::string& text)
 {
     std::string indented = "    ";
@@ -157,7 +157,7 @@ std::string Indented(const std::string& text)
     return indented;
 }
 
-/// Everything, of which each rule set has its text.
+/// The whole store, given the text of each rule set.
 std::string StoreText(const Console& console, const Policy& policy, std::map<uint16_t, std::string>& texts)
 {
     std::string text;
@@ -203,7 +203,7 @@ RuleSetRecord& FindRuleSet(Policy& policy, uint16_t index)
 
 const RuleSetRecord& FindRuleSet(const Policy& policy, uint16_t index)
 {
-    return FindRuleSet(const_cast<Policy&>(policy), index); // handed back as const
+    return FindRuleSet(const_cast<Policy&>(policy), index); // returned as const
 }
 
 int List(Session& session, const Filter& filter)
@@ -245,14 +245,14 @@ int Show(Session& session, std::optional<uint16_t> ruleSetIndex, std::optional<u
 {
     Console& console = session.Terminal();
     const bool isJson = session.Options().Json;
-    std::map<uint16_t, std::string> texts; // one rule set at a time: as records they are several times as large
+    std::map<uint16_t, std::string> texts; // one rule set at a time: records are several times as large
     const auto take = [&](const Policy& soFar, RuleSetRecord ruleSet)
     {
         texts.erase(ruleSet.Index);
         if (ruleSetIndex ? ruleSet.Index != *ruleSetIndex : !Passes(filter, soFar, ruleSet))
             return;
         if (ruleSetIndex && !ruleIndex)
-            static_cast<void>(Passes(filter, soFar, ruleSet)); // asked for by name: shown without rules, too
+            static_cast<void>(Passes(filter, soFar, ruleSet)); // requested by index: shown even without rules
         texts[ruleSet.Index] = ruleIndex ? RuleAlone(ruleSet, *ruleIndex, isJson)
                                : isJson  ? RuleSetWithLines(soFar, ruleSet).dump(2)
                                          : RuleSetText(console, soFar, ruleSet);
@@ -295,7 +295,7 @@ int Macros(Session& session)
 namespace
 {
 
-/// What was found, as text or as JSON.
+/// The results, as text or as JSON.
 struct Found
 {
     size_t Hits = 0;
@@ -327,13 +327,13 @@ void Add(Found& found, const Console& console, const Hit& hit, bool isFirstOfSet
 int FindCommand(Session& session, const std::string& query, bool withAny)
 {
     if (const std::string mistake = QueryMistake(query); !mistake.empty())
-        throw Failure("\"" + query + "\" is not what can be found: " + mistake, ExitUsage);
+        throw Failure("\"" + query + "\" cannot be searched for: " + mistake, ExitUsage);
     Console& console = session.Terminal();
     std::map<uint16_t, Found> found; // by rule set; macros under 0
     const auto look = [&](const Policy& soFar, RuleSetRecord ruleSet)
     {
         Policy one;
-        one.Macros = soFar.Macros; // rules that name one of them are found with it
+        one.Macros = soFar.Macros; // a rule that names one of them is found by it
         const uint16_t index = ruleSet.Index;
         if (index != 0)
             one.RuleSets.push_back(std::move(ruleSet));
@@ -376,7 +376,7 @@ int Active(Session& session)
                                         [index](const RuleSetRecord& ruleSet) { return ruleSet.Index == index; });
         session.Terminal().Out(
             std::to_string(index) + "  " +
-            (found == policy.RuleSets.end() ? "(there is no such rule set)" : Printable(ToUtf8(found->Name))) + "\n");
+            (found == policy.RuleSets.end() ? "(no such rule set)" : Printable(ToUtf8(found->Name))) + "\n");
     }
     if (policy.Active->empty())
         session.Terminal().Out("no rule set is active\n");

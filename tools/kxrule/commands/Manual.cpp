@@ -1,4 +1,4 @@
-// The manual and the shells' completion, from the same source as --help.
+// The manual and the completion for shells, from the same source as --help.
 #include "tools/kxrule/commands/Manual.h"
 
 #include <algorithm>

@@ -30,7 +30,7 @@ struct CloseFile
 std::string ReadStream(std::FILE* file, size_t most, const std::string& name)
 {
     std::string text;
-    // Of a file the size is known; a text that grows is for a moment there twice.
+    // The size of a file is known; a text that grows is briefly in memory twice.
     if (const __int64 size = ::_filelengthi64(::_fileno(file)); size > 0)
         text.reserve(std::min(static_cast<size_t>(size), most) + 1);
     char piece[1 << 16];
@@ -43,7 +43,7 @@ std::string ReadStream(std::FILE* file, size_t most, const std::string& name)
     return text;
 }
 
-/// What a shell writes here is often UTF-16, with a byte order mark in front.
+/// Shells here often write UTF-16 with a byte order mark.
 std::string AsUtf8(std::string text)
 {
     const bool isLittle = text.starts_with("\xFF\xFE");
@@ -118,7 +118,7 @@ public:
         m_Writing.Show(0, 0);
         m_Session.Write();
     }
-    void KeepCopy() override { m_Session.KeepCopy(); }
+    void CopyFiles() override { m_Session.CopyFiles(); }
 
 private:
     void BeginChange() override { m_Session.BeginChange(); }
@@ -127,10 +127,10 @@ private:
     Progress m_Writing{m_Session.Terminal(), "writing the store"};
 };
 
-/// Refuses an active list that nobody may set, and with --strict what lint would tell; else warns of it.
+/// Refuses an invalid active list, and with --strict whatever lint would report; otherwise warns of that.
 void RefuseOrWarn(Session& session, const Policy& store, const Policy& policy, const ImportOptions& options)
 {
-    Policy beside; // what the file may name though it does not have it
+    Policy beside; // what the file may name without having it
     if (!policy.Macros || !options.Replace)
         beside.Macros = store.Macros;
     std::vector<uint16_t> indexes;
@@ -154,8 +154,8 @@ void RefuseOrWarn(Session& session, const Policy& store, const Policy& policy, c
     for (const LintFinding& finding : findings)
         lines += "\n  " + finding.Where() + " " + Printable(finding.Text);
     if (options.Strict)
-        throw Failure(options.File + " has what --strict refuses" + lines);
-    const std::string text = options.File + " has what is hardly meant";
+        throw Failure(options.File + " is refused by --strict" + lines);
+    const std::string text = options.File + " is probably not what was intended";
     session.Terminal().Error(session.Options().Json
                                  ? JsonLine(Json({{"warning", text}, {"findings", FindingsAsJson(findings)}})) + "\n"
                                  : "kxrule: " + text + lines + "\n");
@@ -256,7 +256,7 @@ void WriteWhole(HANDLE file, const std::string& path, std::string_view text)
     }
 }
 
-/// Through a temporary file of a name that nobody else has, beside the real one.
+/// Through a temporary file with a unique name in the same directory.
 void PutFile(const std::wstring& file, const std::string& path, std::string_view text)
 {
     wchar_t unfinished[MAX_PATH + 1];
@@ -284,7 +284,7 @@ void PutFile(const std::wstring& file, const std::string& path, std::string_view
     }
 }
 
-/// Whether something that is there now is no more afterwards, or only in another form.
+/// Whether something that is there now is removed or changed.
 bool IsRemoving(const PolicyDiff& diff)
 {
     return (diff.Macros && !diff.MacrosBefore.empty()) ||
@@ -301,7 +301,7 @@ bool IsRemoving(const PolicyDiff& diff)
 void RefuseEmptying(const Policy& store, const PolicyDiff& diff, const ImportOptions& options)
 {
     if (!options.AllowEmpty && IsEmptying(store, diff))
-        throw Failure("the import would remove every rule set; --allow-empty does so");
+        throw Failure("the import would remove every rule set; --allow-empty allows this");
 }
 
 } // namespace
@@ -318,7 +318,7 @@ void WriteTextFile(Session& session, const std::string& path, std::string_view t
         return session.Terminal().Out(text);
     const std::wstring file = AbsolutePath(path);
     {
-        // A device is nothing to put a file in the place of. (And an open file is nothing to put another one over.)
+        // A device cannot be replaced by a file. (Nor can an open file.)
         const KxCommon::UniqueFile target(::CreateFileW(file.c_str(), GENERIC_WRITE,
                                                         FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, nullptr,
                                                         OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, nullptr));
@@ -334,8 +334,8 @@ int ApplyPolicy(Session& session, Policy& store, const Policy& wanted, MergeMode
     PolicyDiff diff = Compare(store, wanted, mode);
     CheckLimits(store, diff);
     if (IsRemoving(diff))
-        session.KeepCopy();
-    if (!session.Options().Json) // then nobody asks what a rule was before, and the library needs the memory
+        session.CopyFiles();
+    if (!session.Options().Json) // then nothing needs the previous rules, and the library needs the memory
         DropRules(store, diff);
     if (!diff.IsEmpty())
     {
@@ -353,7 +353,7 @@ int ApplyPolicy(Session& session, Policy& store, const Policy& wanted, MergeMode
         return ExitDone;
     }
     session.Terminal().Out(DiffSummary(diff) +
-                           (copies.empty() ? "" : "; what was there before lies in " + Printable(copies)) + "\n");
+                           (copies.empty() ? "" : "; what was there before is in " + Printable(copies)) + "\n");
     return ExitDone;
 }
 
@@ -371,13 +371,13 @@ int Import(Session& session, const ImportOptions& options)
         RefuseOrWarn(session, store, policy, options);
         return ApplyPolicy(session, store, policy, mode);
     }
-    Policy store; // a directory that is still to be made holds nothing
+    Policy store; // a directory that does not exist yet is empty
     StoreReport report;
     if (session.DirectoryExists())
         report = CheckStore(session.Store(), session.Terminal(), false, &store);
     if (report.IsDamaged() && !options.Replace)
         throw Failure(
-            "the store is damaged; --replace would mend it, and \"kxrule verify\" tells what the library would "
+            "the store is damaged; --replace would repair it, and \"kxrule verify\" shows what the library would "
             "do with it" +
             report.Problems());
     const PolicyDiff diff = Compare(store, policy, mode);
@@ -385,7 +385,7 @@ int Import(Session& session, const ImportOptions& options)
     RefuseEmptying(store, diff, options);
     RefuseOrWarn(session, store, policy, options);
     if (report.IsDamaged())
-        session.Warn("the store is damaged; the import would copy its files and bring back what they lack", report);
+        session.Warn("the store is damaged; the import would copy its files and restore what is missing", report);
     session.Terminal().Out(session.Options().Json ? DiffAsJson(diff, true).dump(2) + "\n"
                            : diff.IsEmpty()       ? "nothing would change\n"
                                                   : DiffText(diff));

@@ -1,4 +1,4 @@
-// Small changes in one word: rules switched, set, copied, moved, numbered; rule sets renamed; the active list edited.
+// Small changes: rules switched, set, copied, moved, renumbered; rule sets renamed; the active list edited.
 #include <algorithm>
 #include <functional>
 
@@ -25,7 +25,7 @@ Rules::iterator FindRule(RuleSetRecord& ruleSet, uint16_t index)
     return found;
 }
 
-/// Changes a copy of what the store holds, and applies what differs.
+/// Changes a copy of the store's policy and applies the difference.
 int Change(Session& session, const std::function<void(Policy& wanted)>& change)
 {
     session.OpenToChange();
@@ -62,14 +62,14 @@ void InsertRule(RuleSetRecord& ruleSet, PFW_RULE rule, const RulePlace& place)
     }
     else
     {
-        // Without a gap the rules behind it move up, as far as the next gap.
+        // Without a gap the rules after it move up, as far as the next gap.
         const uint32_t least =
             at == rules.begin() ? 1u : rules[static_cast<size_t>(at - rules.begin()) - 1].wRuleIndex + 1u;
         const uint32_t most = at == rules.end() ? least : std::max<uint32_t>(at->wRuleIndex, least + 1) - 1;
         const uint32_t index = isBeside ? least + (most - least) / 2 : least;
         uint32_t next = index + 1;
-        for (auto behind = at; behind != rules.end() && behind->wRuleIndex < next; ++behind, ++next)
-            behind->wRuleIndex = static_cast<uint16_t>(next);
+        for (auto after = at; after != rules.end() && after->wRuleIndex < next; ++after, ++next)
+            after->wRuleIndex = static_cast<uint16_t>(next);
         if (index > UINT16_MAX || next > uint32_t{UINT16_MAX} + 1)
             throw Failure("rule set " + std::to_string(ruleSet.Index) +
                           " has no index left there; \"kxrule renumber\" makes room");
@@ -82,8 +82,8 @@ KxCommon::WideString RuleSetName(const std::string& name)
 {
     KxCommon::WideString wide = FromUtf8(name);
     if (wide.size() >= KXRULE_RULESET_NAME_UNITS)
-        throw Failure("a rule set's name may have " + std::to_string(KXRULE_RULESET_NAME_UNITS - 1) +
-                      " UTF-16 units, this one has " + std::to_string(wide.size()));
+        throw Failure("a rule set's name may have at most " + std::to_string(KXRULE_RULESET_NAME_UNITS - 1) +
+                      " UTF-16 units; this one has " + std::to_string(wide.size()));
     return wide;
 }
 
@@ -125,7 +125,7 @@ int SetFields(Session& session, uint16_t ruleSetIndex, uint16_t ruleIndex, const
                           throw Failure(diagnostics.front().Path + (diagnostics.front().Path.empty() ? "" : ": ") +
                                         diagnostics.front().Text);
                       if (changed.wRuleIndex != ruleIndex || changed.dwKind != rule.dwKind)
-                          throw Failure("\"kxrule move\" changes an index; a kind does not change");
+                          throw Failure("the index can be changed with \"kxrule move\", the kind not at all");
                       rule = changed;
                   });
 }
@@ -156,7 +156,7 @@ int Renumber(Session& session, uint16_t ruleSetIndex, uint16_t step)
                   {
                       RuleSetRecord& ruleSet = FindRuleSet(wanted, ruleSetIndex);
                       if (ruleSet.Rules.size() * step > UINT16_MAX)
-                          throw Failure("the indexes would end past 65535; use a smaller --step");
+                          throw Failure("the indexes would exceed 65535; use a smaller --step");
                       uint32_t index = 0;
                       for (PFW_RULE& rule : ruleSet.Rules)
                           rule.wRuleIndex = static_cast<uint16_t>(index += step);
@@ -178,7 +178,7 @@ int EditActive(Session& session, const std::vector<uint16_t>& indexes, const Act
                               throw Failure("rule set " + std::to_string(index) + " is not active");
                       }
                       if (edit.Before && isGiven(*edit.Before))
-                          throw Failure("a rule set cannot stand before itself", ExitUsage);
+                          throw Failure("a rule set cannot be placed before itself", ExitUsage);
                       std::erase_if(active, isGiven);
                       if (edit.Remove)
                           return;

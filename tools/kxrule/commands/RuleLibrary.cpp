@@ -19,7 +19,8 @@ void Find(HMODULE module, const char* name, Function& function)
 {
     function = reinterpret_cast<Function>(reinterpret_cast<void*>(::GetProcAddress(module, name)));
     if (function == nullptr)
-        throw Failure("KxPfwRul.dll has no function " + std::string(name) + "; it does not belong to this tool");
+        throw Failure("KxPfwRul.dll has no function " + std::string(name) +
+                      "; it is of another version than this tool");
 }
 
 } // namespace

@@ -1,4 +1,4 @@
-// KxPfwRul.dll, loaded at run time as a customer's program would.
+// KxPfwRul.dll, loaded at run time as a program would load it.
 #pragma once
 
 #include <string>
@@ -13,7 +13,7 @@ namespace Tool
 class RuleLibrary : public KXRULE_LIBRARY
 {
 public:
-    /// Throws Failure when the library or one of its functions is missing.
+    /// Throws Failure if the library or one of its functions is missing.
     RuleLibrary();
     ~RuleLibrary();
     RuleLibrary(const RuleLibrary&) = delete;

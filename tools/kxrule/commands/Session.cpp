@@ -27,7 +27,7 @@ namespace Tool
 namespace
 {
 
-/// Whether a process has the rule library loaded; false as well where it may not be looked into.
+/// Whether a process has the rule library loaded; also false if access to it is denied.
 bool HasLibrary(DWORD process)
 {
     const KxCommon::UniqueFile modules(::CreateToolhelp32Snapshot(TH32CS_SNAPMODULE, process));
@@ -42,8 +42,8 @@ bool HasLibrary(DWORD process)
     return false;
 }
 
-/// The other processes that have the rule library loaded, as far as the system tells: ": NAME (process 12), ...". A
-/// process without a name is ending and holds nothing for long.
+/// The other processes that have the rule library loaded, as far as the system shows them: ": NAME (process 12), ...".
+/// A process without a name is about to end.
 std::string UserNames()
 {
     const KxCommon::UniqueFile processes(::CreateToolhelp32Snapshot(TH32CS_SNAPPROCESS, 0));
@@ -108,7 +108,7 @@ Session::~Session()
     if (m_Initialised && m_MayEnd)
         m_Library->kxRuleFinalize();
     else if (m_Initialised)
-        static_cast<void>(m_Library.release()); // unloading is for libraries that have been finalised
+        static_cast<void>(m_Library.release()); // only a library that has been finalised may be unloaded
     if (m_Lock)
         ::ReleaseMutex(m_Lock.get());
 }
@@ -132,8 +132,8 @@ bool Session::MayWait(const std::string& whom)
     return true;
 }
 
-// By what the directory is, not by its name: there may be several of those. (Of a directory on another machine the lock
-// excludes the programs of this machine.)
+// By the identity of the directory, not by its name, of which there may be several. (For a directory on another
+// machine, the lock excludes only programs of this machine.)
 void Session::Lock()
 {
     if (m_Lock)
@@ -145,7 +145,7 @@ void Session::Lock()
     const std::wstring name = L"Global\\kxrule-" + identity;
     for (;;)
     {
-        // Another account's mutex may not be opened; it is there as long as its owner is.
+        // The mutex of another account cannot be opened; it exists as long as its owner does.
         KxCommon::UniqueKernelObject lock(::CreateMutexW(nullptr, FALSE, name.c_str()));
         const DWORD waited = lock ? ::WaitForSingleObject(lock.get(), 0) : WAIT_TIMEOUT;
         if (waited == WAIT_OBJECT_0 || waited == WAIT_ABANDONED)
@@ -153,8 +153,8 @@ void Session::Lock()
             m_Lock = std::move(lock);
             return;
         }
-        if (!MayWait("another kxrule that changes this store"))
-            throw Failure("another kxrule changes this store" + UserNames() + "; --wait waits longer for it");
+        if (!MayWait("another kxrule that is changing this store"))
+            throw Failure("another kxrule is changing this store" + UserNames() + "; use --wait to wait longer");
     }
 }
 
@@ -168,7 +168,7 @@ bool Session::RefuseWhileInUse()
             return hasWaited;
         if (!MayWait("another process that has the rule library initialised"))
             throw Failure("another process has the rule library initialised" + UserNames() +
-                          " and may write its own state over this change; stop it first, or use --force");
+                          " and may overwrite this change with its own state; stop it first, or use --force");
     }
     return false;
 }
@@ -194,7 +194,7 @@ void Session::Open()
     const int32_t result = m_Library->kxRuleRead();
     if (result != KXRULE_OK)
         throw Failure("reading " + ToUtf8(m_Directory) + ": " + ResultText(result) + Obstacle() +
-                          "; \"kxrule verify\" tells which file",
+                          "; \"kxrule verify\" shows which file",
                       ExitFailed, result);
 }
 
@@ -262,11 +262,11 @@ Policy Session::Look(const TakeRuleSet& take)
                       FileFormat::kMasterFileName);
     Policy policy;
     StoreReport report = CheckStore(store, m_Console, false, &policy, take);
-    // A rule set that was deleted after the list was read looks like a missing one; the second look has the new list.
+    // A rule set that was deleted after the list was read looks like a missing one; the second read has the new list.
     if (report.IsDamaged())
         report = CheckStore(store, m_Console, false, &(policy = {}), take);
     if (report.IsDamaged())
-        throw Failure("the store is damaged; \"kxrule verify\" tells what the library would do with it" +
+        throw Failure("the store is damaged; \"kxrule verify\" shows what the library would do with it" +
                       report.Problems());
     return policy;
 }
@@ -277,15 +277,15 @@ void Session::OpenToChange(OnDamage onDamage)
     const RuleDirectory store = Store();
     Policy policy;
     StoreReport report;
-    do // whoever was waited for has changed it
+    do // the process that was waited for has changed it
     {
         policy = {};
         report = CheckStore(store, m_Console, false, &policy);
         if (report.IsDamaged() && onDamage == OnDamage::Refuse && !m_Options.Force)
             throw Failure(
-                "the store is damaged, and nothing is changed" + report.Problems() +
-                "\n\"kxrule restore\" brings a copy back, \"kxrule import FILE --replace\" makes the store what a "
-                "policy says, and --force goes on with what can be read");
+                "the store is damaged, and nothing was changed" + report.Problems() +
+                "\n\"kxrule restore\" brings a copy back, \"kxrule import FILE --replace\" makes the store match a "
+                "policy, and --force continues with what can be read");
     } while (RefuseWhileInUse());
     m_MayEnd = true;
     if (!report.IsDamaged())
@@ -294,11 +294,11 @@ void Session::OpenToChange(OnDamage onDamage)
         return;
     }
     HoldInterrupts();
-    KeepCopy();
+    CopyFiles();
     if (report.IsStopped && !m_Copies.empty()) // the library would read nothing
         store.Remove(store.MacroFileName());
-    Warn("the store was damaged; its files as they were lie in " + ToUtf8(m_Copies.wstring()), report);
-    Open(); // what it makes of the damage is what is changed
+    Warn("the store was damaged; copies of its files as they were are in " + ToUtf8(m_Copies.wstring()), report);
+    Open(); // changes start from what it makes of the damage
 }
 
 void Session::Warn(const std::string& text, const StoreReport& report)
@@ -317,11 +317,11 @@ void Session::Warn(const std::string& text, const StoreReport& report)
     m_Console.Error(json.dump(2) + "\n");
 }
 
-void Session::KeepCopy()
+void Session::CopyFiles()
 {
     if (!m_Copies.empty())
         return;
-    HoldInterrupts(); // half a copy would look like one
+    HoldInterrupts(); // half a copy would look like a whole one
     const RuleDirectory store = Store();
     const std::vector<std::string> names = StoreFileNames(store);
     std::string backup;

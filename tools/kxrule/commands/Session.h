@@ -1,4 +1,4 @@
-// One use of a store: the library initialised on a directory, read, perhaps changed, ended.
+// One use of a store: the library is initialised on a directory, read, perhaps used for a change, and ended.
 #pragma once
 
 #include <filesystem>
@@ -18,7 +18,7 @@ namespace Tool
 
 using namespace KxPolicy;
 
-/// What may stand in front of every command; UTF-8.
+/// The options that every command takes; UTF-8.
 struct GlobalOptions
 {
     std::string Directory; // empty: the library's own
@@ -26,13 +26,13 @@ struct GlobalOptions
     bool Json = false;
     bool NoColour = false;
     bool Force = false;
-    uint32_t Wait = 10;     // seconds, for others who change a store
-    uint32_t MaxSize = 256; // megabytes of a file that is read
-    uint32_t Keep = 0;      // of the copies that this tool makes; 0: all
+    uint32_t Wait = 10;     // seconds, while another process changes the store
+    uint32_t MaxSize = 256; // megabytes, of a file that is read
+    uint32_t Keep = 0;      // how many of this tool's copies to retain; 0: all
 };
 
-/// The functions throw Failure. What was begun with BeginChange and not written leaves the files as they were: the
-/// library is then not finalised, so its last write does not happen.
+/// The functions throw Failure. A change that was begun with BeginChange and not written leaves the files as they were:
+/// the library is then not finalised, so its last write does not happen.
 class Session
 {
 public:
@@ -41,26 +41,26 @@ public:
     Session(const Session&) = delete;
     Session& operator=(const Session&) = delete;
 
-    /// Reads the files of the store to look at it, without the library. Refuses a damaged one: what the library would
-    /// make of it is not what lies there.
+    /// Reads the files of the store without the library. Refuses a damaged store: what the library would make of it is
+    /// not what the files contain.
     void OpenToLook() { m_Looked = Look({}); }
-    /// The same, with the rule sets handed over one by one; the policy then has them without rules. What was taken of a
-    /// rule set that the policy does not have in the end is to be forgotten: it was deleted meanwhile.
+    /// The same, passing on the rule sets one by one; the policy then has them without rules. A rule set that was
+    /// passed on but is not in the policy in the end was deleted meanwhile, and must be ignored.
     [[nodiscard]] Policy Look(const TakeRuleSet& take);
     enum class OnDamage
     {
         Refuse, // unless forced
-        Mend    // the change is what mends it
+        Mend    // the change repairs it
     };
-    /// Reads the store to change it, alone: see Claim. What is damaged is copied below RuleBackup first, and told. The
-    /// library is loaded when it is first asked for: a policy that changes nothing needs none.
+    /// Reads the store to change it, exclusively: see Claim. Damaged files are first copied below RuleBackup, and
+    /// reported. The library is loaded on first use: a policy that changes nothing does not need it.
     void OpenToChange(OnDamage onDamage = OnDamage::Refuse);
-    /// Everything in the store. The macros' names are cut to their field as the library hands them out.
+    /// Everything in the store. The names of macros are cut to their field, as the library returns them.
     [[nodiscard]] Policy Read();
-    /// Copies the files of the store into a dated directory below RuleBackup, unless this session has done so; before
-    /// anything that deletes or replaces.
-    void KeepCopy();
-    /// Where the copy lies; empty: there is none.
+    /// Copies the files of the store to a dated directory below RuleBackup, unless this session has already done so.
+    /// Called before anything is deleted or replaced.
+    void CopyFiles();
+    /// Where the copy is; empty if there is none.
     [[nodiscard]] const std::filesystem::path& Copies() const noexcept { return m_Copies; }
     /// From here on the command is not interrupted.
     void BeginChange() noexcept;
@@ -74,12 +74,12 @@ public:
     [[nodiscard]] const std::wstring& Directory() const noexcept { return m_Directory; }
 
     [[nodiscard]] bool DirectoryExists() const noexcept;
-    /// A path as an absolute one: in the current directory, or in the rule directory where only there is something.
+    /// Makes a path absolute: in the current directory, or in the rule directory if it exists only there.
     [[nodiscard]] std::wstring ExistingPath(const std::string& path) const;
     /// The files in it.
     [[nodiscard]] RuleDirectory Store() const { return StoreAt(m_Directory, m_Options.Master); }
 
-    /// Says on standard error what is damaged.
+    /// Reports on standard error what is damaged.
     void Warn(const std::string& text, const StoreReport& report);
 
     /// Makes this the only kxrule that changes the directory, until the session ends, and refuses while another process
@@ -90,10 +90,10 @@ private:
     void Lock();
     /// Whether it had to wait.
     bool RefuseWhileInUse();
-    /// Waits a moment, and says so the first time; false when the time for it is over.
+    /// Waits a moment, and says so the first time; false if the time is up.
     bool MayWait(const std::string& whom);
     void Open();
-    /// Where a file could not be opened or written: which, and what the system says of it.
+    /// If a file could not be opened or written: which one, and the system's reason.
     [[nodiscard]] std::string Obstacle() const;
 
     const GlobalOptions& m_Options;
@@ -106,16 +106,16 @@ private:
     uint64_t m_Deadline; // by the system's tick count
     bool m_HasToldWaiting = false;
     bool m_Initialised = false;
-    bool m_MayEnd = false; // whatever is unwritten may be written
+    bool m_MayEnd = false; // unwritten changes may be written
 };
 
-/// A rule's and a macro's line of text as the library writes it; empty when it has none.
+/// The library's line of text for a rule or a macro; empty if there is none.
 [[nodiscard]] std::string RuleLine(const PFW_RULE& rule);
 [[nodiscard]] std::string MacroLine(const MacroRecord& macro);
 
-/// What the file system knows a directory by, whatever it is called; empty when it cannot be opened (GetLastError).
+/// What identifies a directory to the file system, whatever its name; empty if it cannot be opened (GetLastError).
 [[nodiscard]] std::wstring IdentityOf(const std::wstring& directory);
-/// A UTF-8 path as an absolute one.
+/// Makes a UTF-8 path absolute.
 [[nodiscard]] std::wstring AbsolutePath(const std::string& path);
 
 } // namespace Tool

@@ -1,4 +1,4 @@
-// What verify says of the files of a store, and what the library would have in memory.
+// What verify says about the files of a store, and what the library would have in memory.
 #include <algorithm>
 
 #include "policy/Lint.h"
@@ -57,8 +57,9 @@ FileReport OfMacros(const Surveyed& seen)
         return Good(Count(seen.File.Macros.size(), "macro"));
     if (seen.Then == Remedy::Stop)
         return Damaged(Stopped(seen));
-    return seen.IsThere ? Damaged("the library would go on without macros, and copy the file before it writes its own")
-                        : Note({}, {}, "the library would have no macros");
+    return seen.IsThere
+               ? Damaged("the library would continue without macros, and copy the file before it writes its own")
+               : Note({}, {}, "the library would have no macros");
 }
 
 FileReport OfRuleSet(const Surveyed& seen, bool thorough)
@@ -77,22 +78,22 @@ FileReport OfRuleSet(const Surveyed& seen, bool thorough)
     if (seen.IsUnopened())
         return Damaged(rescue + "; the file, which may be whole, would be copied to RuleBackup or renamed first");
     if (!seen.IsWhole())
-        return Damaged("the library would copy it to RuleBackup, and " + rescue + ", keeping " + rules +
-                       " in front of the damage");
+        return Damaged("the library would copy it to RuleBackup, and " + rescue + ", with the " + rules +
+                       " before the damage");
     if (seen.File.Head.Version == FileFormat::kOldVersion)
         return Note(summary + " read", std::to_string(set.RuleCount) + " rules of version 1",
                     "the library does not read them");
     if (seen.IsRepeated)
         return Note(summary, "another file has the same index", "the later one in the master file counts");
-    // A changed byte in the middle of a record shows in no length and no padding.
+    // A changed byte in the middle of a record affects neither length nor padding.
     const auto odd = thorough ? std::count_if(seen.File.Rules.begin(), seen.File.Rules.end(), HasUnexplainedBytes) : 0;
     if (odd > 0)
-        return Note(summary, Count(static_cast<size_t>(odd), "rule") + " with bytes that no field explains",
-                    "it takes them as they are; \"kxrule dump\" shows them as raw");
+        return Note(summary, Count(static_cast<size_t>(odd), "rule") + " with bytes that no field accounts for",
+                    "the library reads them as they are; \"kxrule dump\" shows them as raw");
     return Good(summary);
 }
 
-/// Files that nobody reads: what there is of them only there stays, the rest tidy may remove.
+/// Files that nothing reads: those that are the only copy of something stay, the others may be removed by tidy.
 FileReport OfRest(const Surveyed& seen)
 {
     const bool isUnlisted = seen.What == Sight::Unlisted;
@@ -132,9 +133,9 @@ FileReport Describe(const Surveyed& seen, bool thorough)
     case Sight::RuleSet:
         return OfRuleSet(seen, thorough);
     case Sight::MacroName:
-        return Note({}, "it names a macro file that cannot be one", {});
+        return Note({}, "it names a macro file with an unusable name", {});
     case Sight::BadName:
-        return Note({}, "it lists a rule set file whose name cannot be one: \"" + name + "\"",
+        return Note({}, "it lists a rule set file with an unusable name: \"" + name + "\"",
                     "the library would ignore it");
     case Sight::Twice:
         return Note({}, "it lists " + name + " twice", "the library would read it once");
@@ -145,8 +146,8 @@ FileReport Describe(const Surveyed& seen, bool thorough)
     }
 }
 
-/// Rules that name a macro that is not there: so an interrupted write can leave them, beside the macros of another
-/// policy.
+/// Notes rules that name a macro that does not exist: an interrupted write can leave rules of one policy with the
+/// macros of another.
 void NoteMissingMacros(FileReport& report, const RuleFile& file, const std::vector<MacroRecord>& macros)
 {
     std::vector<LintFinding> findings;
@@ -157,11 +158,11 @@ void NoteMissingMacros(FileReport& report, const RuleFile& file, const std::vect
     if (count == 0)
         return;
     report.What = Finding::Note;
-    report.Problem = Count(static_cast<size_t>(count), "macro") + " that rules name, but the macro file does not have";
-    report.Consequence = "the library takes them as they are; \"kxrule lint\" tells which";
+    report.Problem = "rules name " + Count(static_cast<size_t>(count), "macro") + " that the macro file does not have";
+    report.Consequence = "the library reads them as they are; \"kxrule lint\" lists them";
 }
 
-/// As the library takes a set: each rule normalised, the later one of an index, in the order of the indexes.
+/// Makes a set what the library would: rules normalised, in the order of their indexes, of equal indexes the later one.
 void Normalised(RuleSetRecord& ruleSet)
 {
     const auto index = [](const PFW_RULE& rule) { return uint16_t{rule.wRuleIndex}; };
@@ -169,7 +170,7 @@ void Normalised(RuleSetRecord& ruleSet)
     std::for_each(ruleSet.Rules.begin(), ruleSet.Rules.end(), Normalise::NormaliseRule);
     if (std::is_sorted(ruleSet.Rules.begin(), ruleSet.Rules.end(),
                        [&](const PFW_RULE& a, const PFW_RULE& b) { return index(a) <= index(b); }))
-        return; // strictly: none comes twice
+        return; // strictly: there are no duplicates
     std::reverse(ruleSet.Rules.begin(), ruleSet.Rules.end());
     std::stable_sort(ruleSet.Rules.begin(), ruleSet.Rules.end(),
                      [&](const PFW_RULE& a, const PFW_RULE& b) { return index(a) < index(b); });
@@ -212,7 +213,7 @@ StoreReport CheckStore(const RuleDirectory& directory, Console& console, bool th
 {
     Progress progress(console, "reading the store");
     StoreReport report;
-    std::optional<std::vector<MacroRecord>> macros; // where they are to be looked for
+    std::optional<std::vector<MacroRecord>> macros; // if rules are to be checked against them
     Survey(directory,
            [&](Surveyed& seen)
            {
@@ -222,7 +223,7 @@ StoreReport CheckStore(const RuleDirectory& directory, Console& console, bool th
                file.File = NarrowToUtf8(isOfMaster ? directory.MasterFileName() : seen.Name);
                if (seen.What == Sight::MacroName)
                    file.Consequence = "the library would use " + NarrowToUtf8(directory.MacroFileName());
-               // What is wrong with the file, and what that means, which may stand before or after it.
+               // Adds the defect of the file itself, for the master file before the rest, otherwise after it.
                const std::string problem = isOfMaster || seen.What == Sight::Temporary ? "" : ProblemText(seen);
                file.Problem = seen.What == Sight::Master ? problem + file.Problem : file.Problem + problem;
                if (seen.What == Sight::Macros)
@@ -238,7 +239,7 @@ StoreReport CheckStore(const RuleDirectory& directory, Console& console, bool th
                else if (seen.What == Sight::Macros)
                {
                    policy->Macros = MacrosOf(std::move(seen.File));
-                   for (MacroRecord& macro : *policy->Macros) // as the library hands them out: cut to their field
+                   for (MacroRecord& macro : *policy->Macros) // as the library returns them: cut to their field
                        macro.Name.resize(std::min(macro.Name.size(), sizeof(PFW_MACRO::szName) - 1));
                }
                else if (seen.What == Sight::RuleSet && seen.IsWhole() && !seen.IsMoved)
@@ -248,7 +249,7 @@ StoreReport CheckStore(const RuleDirectory& directory, Console& console, bool th
                    if (take)
                        Put(*policy, {ruleSet.Index, ruleSet.Name, {}});
                    take ? take(*policy, std::move(ruleSet)) : Put(*policy, std::move(ruleSet));
-                   // Where nobody took them.
+                   // Given back if nothing has taken them.
                    seen.File.Rules = std::move(ruleSet.Rules); // NOLINT(bugprone-use-after-move)
                }
            });

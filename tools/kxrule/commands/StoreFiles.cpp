@@ -1,4 +1,4 @@
-// The files of a rule directory: names, and what is in them.
+// The files of a rule directory: names and contents.
 #include "tools/kxrule/commands/StoreFiles.h"
 
 #include <algorithm>
@@ -10,7 +10,7 @@
 #include "policy/Utf8.h"
 #include "tools/kxrule/console/Failure.h"
 
-// What the library's files trace is nobody's here: the tool says itself what failed.
+// The traces of the library's sources go nowhere here: the tool reports failures itself.
 namespace KxCommon
 {
 
@@ -26,7 +26,7 @@ namespace Tool
 namespace
 {
 
-/// A path in the active code page, by its short name where that has no letters for the long one.
+/// A path in the active code page, by its short name if the code page lacks letters of the long one.
 std::wstring SayablePath(const std::wstring& path)
 {
     if (Utf8ToNarrow(ToUtf8(path)))
@@ -61,7 +61,7 @@ RuleDirectory StoreAt(const std::wstring& path, const std::string& masterFileNam
         throw Failure("the active code page lacks a character of the master file's name");
     RuleDirectory directory;
     directory.Locate(NarrowPath(path), master->empty() ? FileFormat::kMasterFileName : *master);
-    // A damaged one may still name it.
+    // A damaged master file may still name it.
     const LookedAt seen = LookAt(directory, directory.MasterFileName(), FileKind::Master);
     static_cast<void>(directory.TakeMacroFileName(seen.File.Master.MacroFileName));
     return directory;
@@ -92,12 +92,12 @@ std::string ProblemText(const LookedAt& file)
     case FileDefect::Unreadable:
         return "it cannot be read";
     case FileDefect::WrongMagic:
-        return !head.IsKnown ? file.Bytes == 0 ? "it is empty" : "it does not begin as a rule file does"
+        return !head.IsKnown                   ? file.Bytes == 0 ? "it is empty" : "it does not begin like a rule file"
                : head.Kind == FileKind::Master ? "it is a master file"
                : head.Kind == FileKind::Macros ? "it is a macro file"
                                                : "it is a rule set file";
     case FileDefect::WrongVersion:
-        return "its version is not known";
+        return "its version is unknown";
     case FileDefect::Damaged:
         return "it is damaged or cut short";
     case FileDefect::DamagedItem:

@@ -1,4 +1,4 @@
-// The files of a rule directory, looked at without the library and without changing anything.
+// The files of a rule directory, read without the library and without changing anything.
 #pragma once
 
 #include <functional>
@@ -17,11 +17,11 @@ using namespace KxPolicy;
 enum class Finding
 {
     Good,
-    Note,   // nothing is wrong with the file, but it is worth a word
-    Damaged // the library would not take it as it is
+    Note,   // nothing is wrong with the file, but it is worth mentioning
+    Damaged // the library would not use it as it is
 };
 
-/// A file as the library names it: its directory, and its name there in the active code page. Throws Failure when the
+/// A file as the library names it: its directory, and its name there, in the active code page. Throws Failure if the
 /// code page lacks a character of the path and there is no short name.
 struct StoreFile
 {
@@ -36,9 +36,9 @@ struct StoreFile
 /// Master, macro and rule set files that exist in a directory, in this order.
 [[nodiscard]] std::vector<std::string> StoreFileNames(const RuleDirectory& directory);
 
-/// What is wrong with a file, in words; empty: nothing.
+/// What is wrong with a file, as text; empty if nothing is.
 [[nodiscard]] std::string ProblemText(const LookedAt& file);
-/// What a file holds as records, all as it is in the file.
+/// The contents of a file as records, unchanged.
 [[nodiscard]] std::vector<MacroRecord> MacrosOf(RuleFile file);
 [[nodiscard]] RuleSetRecord RuleSetOf(RuleFile file);
 
@@ -46,30 +46,29 @@ struct FileReport
 {
     std::string File; // UTF-8
     Finding What = Finding::Good;
-    std::string Content;       // what is in it, in a few words
+    std::string Content;       // a summary of its contents
     std::string Problem;       // what is wrong
     std::string Consequence;   // what the library would do
-    std::string Leftover = {}; // its name for the library, if nothing reads it and nothing is lost with it
-    bool IsOnlyCopy = false;   // nothing reads it, and it is the only whole file of what it holds
+    std::string Leftover = {}; // its name for the library, if nothing reads it and it may be removed without loss
+    bool IsOnlyCopy = false;   // nothing reads it, and it is the only whole file with its contents
 };
 
 struct StoreReport
 {
     std::vector<FileReport> Files;
-    bool IsStopped = false; // the library could not read on past the macro file
+    bool IsStopped = false; // the library could not read beyond the macro file
     [[nodiscard]] bool IsDamaged() const noexcept;
-    /// What is wrong with the damaged ones, a line each, indented.
+    /// What is wrong with the damaged files, one indented line for each.
     [[nodiscard]] std::string Problems() const;
 };
 
-/// Given every rule set once, as the library would have it, in the order of the master file: one with an index that
-/// came before replaces that. What the library has beside the rule sets is in the policy by then.
+/// Called with every rule set as the library would have it, in the order of the master file: one with the index of an
+/// earlier one replaces it. By then the policy has everything that the library has apart from the rule sets.
 using TakeRuleSet = std::function<void(const Policy& policy, RuleSetRecord&& ruleSet)>;
 
 /// Checks a rule directory as kxRuleRead would find it, reading each file once. The console shows progress. A thorough
-/// check looks into the rules, too. The policy, if one is given, becomes what the library would have in memory, without
-/// what is damaged (and without the hashes that it would compute); its rule sets have no rules where somebody takes
-/// these.
+/// check covers the rules as well. The policy, if one is given, becomes what the library would have in memory, without
+/// what is damaged (and without the hashes that it would compute); its rule sets have no rules if take receives them.
 [[nodiscard]] StoreReport CheckStore(const RuleDirectory& directory, Console& console, bool thorough,
                                      Policy* policy = nullptr, const TakeRuleSet& take = {});
 

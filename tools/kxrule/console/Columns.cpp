@@ -83,7 +83,7 @@ std::string Wrapped(std::string_view text, size_t width)
         const std::string further(indent + 4, ' ');
         for (size_t used = 0; width > indent + 20 && used + DisplayWidth(line) > width; used = further.size())
         {
-            // After the last blank or comma up to which it fits. (Colours count as text, which breaks a little early.)
+            // After the last blank or comma that fits. (Colours count as text, so the line breaks a little early.)
             size_t cut = line.find_last_of(" ,", width - used - 1);
             while (cut != std::string_view::npos && cut > 0 && used + DisplayWidth(line.substr(0, cut + 1)) > width)
                 cut = line.find_last_of(" ,", cut - 1);
@@ -107,7 +107,7 @@ std::string Printable(std::string_view text)
     {
         const uint32_t codePoint = utf8::unchecked::next(at);
         const bool control = codePoint < 0x20 || (codePoint >= 0x7F && codePoint < 0xA0);
-        // Marks that change the writing direction could make a line read as another.
+        // Characters that change the writing direction could disguise a line.
         const bool turning =
             (codePoint >= 0x202A && codePoint <= 0x202E) || (codePoint >= 0x2066 && codePoint <= 0x2069);
         utf8::append(control || turning ? uint32_t{0xFFFD} : codePoint, std::back_inserter(out));

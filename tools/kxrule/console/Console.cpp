@@ -22,7 +22,7 @@ namespace
 {
 
 constexpr size_t kGatherBytes = 1 << 16;
-constexpr size_t kUnitsPerWrite = 8192; // the console takes no more at once on older systems
+constexpr size_t kUnitsPerWrite = 8192; // older systems' consoles take no more at once
 
 bool IsTerminal(DWORD which) noexcept
 {
@@ -74,7 +74,7 @@ Console::Console()
     : m_OutIsTerminal(IsTerminal(STD_OUTPUT_HANDLE)), m_ErrorIsTerminal(IsTerminal(STD_ERROR_HANDLE)),
       m_Colour(m_OutIsTerminal && KnowsColours())
 {
-    // No conversion of line ends: what is exported must be the same on every system.
+    // No conversion of line ends: an export must be the same on every system.
     ::_setmode(::_fileno(stdout), _O_BINARY);
     ::_setmode(::_fileno(stderr), _O_BINARY);
     const wchar_t* const noColour = ::_wgetenv(L"NO_COLOR");

@@ -25,20 +25,20 @@ public:
     Console(const Console&) = delete;
     Console& operator=(const Console&) = delete;
 
-    /// Colours are used on a terminal that knows them unless NO_COLOR is set or this is called.
+    /// Colours are used on a terminal that supports them, unless NO_COLOR is set or this is called.
     void DisableColour() noexcept { m_Colour = false; }
 
-    /// To standard output, gathered until Flush.
+    /// Writes to standard output, buffered until Flush.
     void Out(std::string_view text);
-    /// To standard error, at once, after what was gathered.
+    /// Writes to standard error at once, after what is buffered for standard output.
     void Error(std::string_view text);
     [[nodiscard]] std::string Paint(Style style, std::string_view text) const;
-    /// False when standard output could not take all of it (a full disk, a closed pipe).
+    /// False if standard output could not take all of it (a full disk, a closed pipe).
     bool Flush() noexcept;
 
     [[nodiscard]] bool ErrorIsTerminal() const noexcept { return m_ErrorIsTerminal; }
 
-    /// Asks a yes-or-no question on the terminal; false when nobody can answer.
+    /// Asks a yes-or-no question on the terminal; false if there is nobody to answer.
     [[nodiscard]] bool Confirm(std::string_view question);
 
 private:
@@ -47,10 +47,10 @@ private:
     bool m_ErrorIsTerminal;
     bool m_Colour;
     bool m_Good = true;
-    bool m_IsClosed = false; // whoever read the output has seen enough
+    bool m_IsClosed = false; // the reader of the output has closed it
 };
 
-/// A bar on the terminal for work that takes more than a second; nothing when standard error is not a terminal.
+/// A bar on the terminal for work that takes more than a second; nothing if standard error is not a terminal.
 class Progress
 {
 public:
@@ -58,7 +58,7 @@ public:
     ~Progress();
     Progress(const Progress&) = delete;
     Progress& operator=(const Progress&) = delete;
-    /// Without a number of all only the label, for work that tells nothing of itself.
+    /// If the total is 0, shows only the label, for work of unknown progress.
     void Show(size_t done, size_t all);
 
 private:

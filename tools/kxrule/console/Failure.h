@@ -1,4 +1,4 @@
-// How a command ends when it cannot do what it was asked for.
+// How a command ends that cannot do what was requested.
 #pragma once
 
 #include <cstdint>
@@ -18,7 +18,7 @@ enum ExitCode
 };
 
 /// Thrown by value; what() is UTF-8 and goes to the user after "kxrule: ". May hold several lines. The result is the
-/// library's code when it was the library that failed.
+/// library's code if it was the library that failed.
 class Failure : public std::runtime_error
 {
 public:
@@ -34,7 +34,7 @@ private:
     int32_t m_Result;
 };
 
-/// A Windows error number with the system's words for it.
+/// A Windows error number with the system's message.
 [[nodiscard]] std::string SystemText(uint32_t error);
 
 } // namespace Tool

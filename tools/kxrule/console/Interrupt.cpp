@@ -1,4 +1,4 @@
-// Interrupts: before the first change they end the program, afterwards they wait for its last.
+// Interrupts: before the first change they end the program, after it they wait for the last change.
 #include "tools/kxrule/console/Interrupt.h"
 
 #include <atomic>
@@ -33,9 +33,9 @@ BOOL WINAPI OnInterrupt(DWORD) noexcept
                                              : "kxrule: interrupted, nothing changed\n";
         DWORD written = 0;
         ::WriteFile(::GetStdHandle(STD_ERROR_HANDLE), text.data(), static_cast<DWORD>(text.size()), &written, nullptr);
-        ::TerminateProcess(::GetCurrentProcess(), ExitInterrupted); // no library's end must write anything now
+        ::TerminateProcess(::GetCurrentProcess(), ExitInterrupted); // no DLL may write anything as it is unloaded
     }
-    // When a console is closed the system ends the program as soon as this returns, or after five seconds.
+    // If a console is closed, the system ends the program as soon as this returns, or after five seconds.
     if (expected == Phase::Changing)
         ::Sleep(5000);
     return TRUE;
