@@ -286,9 +286,4 @@ std::optional<std::vector<Changed>> Compare(const RuleDirectory& directory, cons
     return changes;
 }
 
-bool HasManifest(const RuleDirectory& backup)
-{
-    return !ReadManifest(backup).empty();
-}
-
 } // namespace Copies

@@ -177,15 +177,15 @@ std::vector<LintFinding> Lint(const Policy& policy, const Policy* beside)
         }
     }
     for (const RuleSetRecord& ruleSet : policy.RuleSets)
-        LintRuleSet(ruleSet, macros, findings);
+        LintRules(ruleSet.Index, ruleSet.Rules, macros, findings);
     return findings;
 }
 
-void LintRuleSet(const RuleSetRecord& ruleSet, const std::vector<const std::vector<MacroRecord>*>& macros,
-                 std::vector<LintFinding>& findings)
+void LintRules(uint16_t ruleSetIndex, const std::vector<PFW_RULE>& rules,
+               const std::vector<const std::vector<MacroRecord>*>& macros, std::vector<LintFinding>& findings)
 {
-    for (const PFW_RULE& rule : ruleSet.Rules)
-        Linter({"", ruleSet.Index, uint16_t{rule.wRuleIndex}, {}, {}}, macros, findings).Rule(rule);
+    for (const PFW_RULE& rule : rules)
+        Linter({"", ruleSetIndex, uint16_t{rule.wRuleIndex}, {}, {}}, macros, findings).Rule(rule);
 }
 
 std::string ActiveListMistake(const std::vector<uint16_t>& active, const std::vector<uint16_t>& ruleSets)

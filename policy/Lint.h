@@ -27,8 +27,8 @@ struct LintFinding
 /// if it is given: a policy that is merged into a store may name the store's macros and rule sets.
 [[nodiscard]] std::vector<LintFinding> Lint(const Policy& policy, const Policy* beside = nullptr);
 /// Appends the findings about one rule set.
-void LintRuleSet(const RuleSetRecord& ruleSet, const std::vector<const std::vector<MacroRecord>*>& macros,
-                 std::vector<LintFinding>& findings);
+void LintRules(uint16_t ruleSetIndex, const std::vector<PFW_RULE>& rules,
+               const std::vector<const std::vector<MacroRecord>*>& macros, std::vector<LintFinding>& findings);
 /// What is wrong with an active list that must be refused: a rule set twice, or one that does not exist. Empty if
 /// nothing is.
 [[nodiscard]] std::string ActiveListMistake(const std::vector<uint16_t>& active, const std::vector<uint16_t>& ruleSets);

@@ -70,7 +70,6 @@ class Session:
         windows = "Z:" + str(self.directory).replace("/", "\\")
         text = text.replace(windows.replace("\\", "\\\\"), "DIR").replace(windows, "DIR")
         text = re.sub(r"(RuleBackup[\\/]+)\d{12}(-\d+)?", r"\1DATED", text)
-        text = re.sub(r"\bRul[0-9a-f]+\.tmp", "RulN.tmp", text)
         text = re.sub(r"\d{4}-\d\d-\d\d \d\d:\d\d:\d\d", "TIME", text)
         text = re.sub(r"([\w.]+ \(process \d+\)(, )?)+", "NAME (process N)", text)  # other tests' as well
         return re.sub(r"[\0-\t\x0b-\x1f\x7f\ue000-\uf8ff]", lambda hidden: f"\\x{ord(hidden[0]):02x}", text)
@@ -104,6 +103,7 @@ class Session:
         touched = sorted((("+" if path not in before else "-" if path not in after else "~") + self.plain(str(path))
                           for path in before.keys() | after.keys() if before.get(path) != after.get(path)),
                          key=lambda change: (change[1:], change[0]))
+        touched = [re.sub(r"^(\+.*/Rul)[0-9a-f]+\.tmp$", r"\1N.tmp", change) for change in touched]
         return lines + ([f"[{' '.join(touched)}]"] if touched else [])
 
     def check(self, arguments, out, code):

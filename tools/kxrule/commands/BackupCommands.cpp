@@ -29,18 +29,17 @@ std::wstring PathOf(const Session& session, const Copies::Dated& copy)
 
 int Backups(Session& session)
 {
-    if (!session.DirectoryExists())
-        throw Failure(ToUtf8(session.Directory()) + " is not a directory");
+    RequireDirectory(session.Directory());
     Json json = Json::array();
     std::vector<std::vector<std::string>> rows = {{"made", "rule sets", "rules", "directory"}};
     for (const Copies::Dated& copy : Copies::FindBackups(session.Store()))
     {
         Policy policy;
         size_t rules = 0;
-        const StoreReport report =
-            CheckStore(StoreAt(PathOf(session, copy), session.Options().Master), session.Terminal(), false, &policy,
-                       [&rules](const Policy&, const RuleSetRecord& ruleSet) { rules += ruleSet.Rules.size(); });
         const RuleDirectory backup = StoreAt(PathOf(session, copy), session.Options().Master);
+        const StoreReport report =
+            CheckStore(backup, session.Terminal(), false, &policy,
+                       [&rules](const Policy&, const RuleSetRecord& ruleSet) { rules += ruleSet.Rules.size(); });
         const auto changes = Copies::Compare(backup, backup);
         const bool isGood = !report.IsDamaged() && changes && changes->empty();
         const std::string path = ToUtf8(PathOf(session, copy));

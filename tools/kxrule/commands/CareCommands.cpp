@@ -1,5 +1,6 @@
 // Commands that maintain the files: verify, backup, restore, tidy. docs/recovery.md explains when to use them.
 #include <algorithm>
+#include <functional>
 #include <iterator>
 
 #include <nlohmann/json.hpp>
@@ -18,7 +19,6 @@ namespace
 {
 
 namespace fs = std::filesystem;
-using Json = nlohmann::ordered_json;
 
 std::string Name(const fs::path& path)
 {
@@ -76,18 +76,6 @@ void PrintReport(Session& session, const StoreReport& report)
                     : console.Paint(Style::Bad, std::to_string(damaged) + " damaged") + "\n");
 }
 
-void RequireDirectory(const fs::path& directory)
-{
-    std::error_code error;
-    if (!fs::is_directory(directory, error))
-        throw Failure(Name(directory) + " is not a directory");
-}
-
-[[noreturn]] void FailedToPut(const std::string& name)
-{
-    throw Failure("replacing " + NarrowToUtf8(name) + ": " + SystemText(::GetLastError()));
-}
-
 Json NamesAsJson(const std::vector<std::string>& names)
 {
     Json json = Json::array();
@@ -96,31 +84,17 @@ Json NamesAsJson(const std::vector<std::string>& names)
     return json;
 }
 
-void TellRestored(Session& session, const std::vector<std::string>& names)
+/// Replaces files of the store by those that put copies there.
+int PutInPlace(Session& session, const std::vector<std::string>& names,
+               const std::function<bool(const RuleDirectory& store, std::string& failed)>& put)
 {
-    const std::string copies = ToUtf8(session.Copies().wstring());
-    if (session.Options().Json)
-    {
-        Json json = {{"restored", NamesAsJson(names)}};
-        if (!copies.empty())
-            json["copies"] = copies;
-        return session.Terminal().Out(json.dump(2) + "\n");
-    }
-    session.Terminal().Out(Count(names.size(), "file") + " restored" +
-                           (copies.empty() ? "" : "; what was there before is in " + Printable(copies)) + "\n");
-}
-
-int RestoreMacros(Session& session, const StoreFile& file)
-{
-    RequireDirectory(session.Directory());
     session.Claim();
     session.BeginChange();
-    const RuleDirectory target = session.Store();
     session.CopyFiles();
-    if (!target.Put(file.Directory, file.Name, target.MacroFileName()))
-        FailedToPut(target.MacroFileName());
-    TellRestored(session, {target.MacroFileName()});
-    return ExitDone;
+    std::string failed = names.front();
+    if (!put(session.Store(), failed))
+        throw Failure("putting " + NarrowToUtf8(failed) + " in place: " + SystemText(::GetLastError()));
+    return TellChange(session, Count(names.size(), "file") + " restored", {{"restored", NamesAsJson(names)}});
 }
 
 int RestoreFile(Session& session, const fs::path& file)
@@ -132,19 +106,22 @@ int RestoreFile(Session& session, const fs::path& file)
     if (seen.File.Head.Kind == FileKind::Master)
         throw Failure(Name(file) + " is a master file; it is restored with its directory");
     if (seen.File.Head.Kind == FileKind::Macros)
-        return RestoreMacros(session, place);
+    {
+        RequireDirectory(session.Directory());
+        const std::string name = session.Store().MacroFileName();
+        return PutInPlace(session, {name},
+                          [&](const RuleDirectory& store, std::string&)
+                          { return store.Put(place.Directory, place.Name, name); });
+    }
     if (seen.File.Head.Version == FileFormat::kOldVersion)
         throw Failure(Name(file) + " is of version 1, whose rules cannot be read");
     Policy wanted;
-    wanted.RuleSets.push_back(RuleSetOf(seen.File));
-    std::stable_sort(wanted.RuleSets[0].Rules.begin(), wanted.RuleSets[0].Rules.end(),
-                     [](const PFW_RULE& a, const PFW_RULE& b)
-                     { return uint16_t{a.wRuleIndex} < uint16_t{b.wRuleIndex}; });
+    wanted.RuleSets.push_back(InMemory(RuleSetOf(std::move(seen.File))));
     session.OpenToChange(Session::OnDamage::Mend);
     Policy store = session.Read();
     for (const RuleSetRecord& ruleSet : store.RuleSets)
     {
-        if (ruleSet.Index != seen.File.Set.Index)
+        if (ruleSet.Index != wanted.RuleSets.front().Index)
             wanted.RuleSets.push_back(ruleSet);
     }
     return ApplyPolicy(session, store, wanted, MergeMode::Replace);
@@ -158,7 +135,7 @@ namespace
 int VerifyAgainst(Session& session, const std::string& backup)
 {
     const fs::path path = session.ExistingPath(backup);
-    RequireDirectory(path);
+    RequireDirectory(path.wstring());
     const auto changes = Copies::Compare(session.Store(), StoreAt(path.wstring(), session.Options().Master));
     if (!changes)
         throw Failure(Name(path) + " or the store cannot be read, or has no rule files");
@@ -239,14 +216,9 @@ int RestoreDirectory(Session& session, const fs::path& path)
             (changes ? NarrowToUtf8(changes->front().Name) + " does not match the manifest" : "it cannot be read"));
     if (names.front() != source.MasterFileName())
         throw Failure(Name(path) + " has no master file; its files can be restored one by one");
-    session.Claim();
-    session.BeginChange();
-    const RuleDirectory target = session.Store();
-    session.CopyFiles();
-    if (std::string failed; !Copies::PutFiles(source, target, names, failed))
-        FailedToPut(failed);
-    TellRestored(session, names);
-    return ExitDone;
+    return PutInPlace(session, names,
+                      [&](const RuleDirectory& store, std::string& failed)
+                      { return Copies::PutFiles(source, store, names, failed); });
 }
 
 int Restore(Session& session, const std::string& source)
@@ -288,17 +260,7 @@ int Tidy(Session& session, bool yes)
     std::vector<std::string> removed;
     std::copy_if(names.begin(), names.end(), std::back_inserter(removed),
                  [&store](const std::string& name) { return store.Remove(name); });
-    const std::string copies = ToUtf8(session.Copies().wstring());
-    if (json)
-    {
-        Json members = {{"removed", NamesAsJson(removed)}};
-        if (!copies.empty())
-            members["copies"] = copies;
-        console.Out(members.dump(2) + "\n");
-    }
-    else
-        console.Out(Count(removed.size(), "file") + " removed" +
-                    (copies.empty() ? "" : "; what was there before is in " + Printable(copies)) + "\n");
+    TellChange(session, Count(removed.size(), "file") + " removed", {{"removed", NamesAsJson(removed)}});
     if (removed.size() < names.size())
         throw Failure(Count(names.size() - removed.size(), "file") + " could not be removed");
     return ExitDone;

@@ -56,6 +56,8 @@ struct ImportOptions
     bool Strict = false;
 };
 int Import(Session& session, const ImportOptions& options);
+/// Reports a change, in words or as JSON, and where what was there before is. Returns ExitDone.
+int TellChange(Session& session, const std::string& text, Json json);
 int ImportMacros(Session& session, const ImportOptions& options);
 
 /// What is probably not intended, in the store or, if one is given, in a file.

@@ -29,7 +29,7 @@ int LintCommand(Session& session, const std::string& file)
             {
                 std::vector<LintFinding>& found = ofSets[ruleSet.Index];
                 found.clear();
-                LintRuleSet(ruleSet, {&*soFar.Macros}, found);
+                LintRules(ruleSet.Index, ruleSet.Rules, {&*soFar.Macros}, found);
             });
         findings = Lint(store);
         for (const RuleSetRecord& ruleSet : store.RuleSets)

@@ -343,17 +343,16 @@ int ApplyPolicy(Session& session, Policy& store, const Policy& wanted, MergeMode
         Progress progress(session.Terminal(), "changing the store");
         Apply(target, store, diff, [&progress](size_t done, size_t all) { progress.Show(done, all); });
     }
-    const std::string copies = ToUtf8(session.Copies().wstring());
-    if (session.Options().Json)
-    {
-        Json json = DiffAsJson(diff, false);
-        if (!copies.empty())
-            json["copies"] = copies;
-        session.Terminal().Out(json.dump(2) + "\n");
-        return ExitDone;
-    }
-    session.Terminal().Out(DiffSummary(diff) +
-                           (copies.empty() ? "" : "; what was there before is in " + Printable(copies)) + "\n");
+    return TellChange(session, DiffSummary(diff), session.Options().Json ? DiffAsJson(diff, false) : Json());
+}
+
+int TellChange(Session& session, const std::string& text, Json json)
+{
+    const std::string copies = session.Copies();
+    if (!copies.empty())
+        json["copies"] = copies;
+    const std::string note = copies.empty() ? "" : "; what was there before is in " + Printable(copies);
+    session.Terminal().Out((session.Options().Json ? json.dump(2) : text + note) + "\n");
     return ExitDone;
 }
 

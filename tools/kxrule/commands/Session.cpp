@@ -20,6 +20,7 @@
 #include "policy/Utf8.h"
 #include "rules/Macro.h"
 #include "rules/RuleText.h"
+#include "tools/kxrule/console/Columns.h"
 #include "tools/kxrule/console/Interrupt.h"
 
 namespace Tool
@@ -61,7 +62,19 @@ std::string UserNames()
     return users;
 }
 
+bool IsDirectory(const std::wstring& path) noexcept
+{
+    const DWORD attributes = ::GetFileAttributesW(path.c_str());
+    return attributes != INVALID_FILE_ATTRIBUTES && (attributes & FILE_ATTRIBUTE_DIRECTORY) != 0;
+}
+
 } // namespace
+
+void RequireDirectory(const std::wstring& path)
+{
+    if (!IsDirectory(path))
+        throw Failure(Printable(ToUtf8(path)) + " is not a directory");
+}
 
 std::wstring IdentityOf(const std::wstring& directory)
 {
@@ -115,8 +128,7 @@ Session::~Session()
 
 bool Session::DirectoryExists() const noexcept
 {
-    const DWORD attributes = ::GetFileAttributesW(m_Directory.c_str());
-    return attributes != INVALID_FILE_ATTRIBUTES && (attributes & FILE_ATTRIBUTE_DIRECTORY) != 0;
+    return IsDirectory(m_Directory);
 }
 
 bool Session::MayWait(const std::string& whom)
@@ -253,8 +265,7 @@ std::wstring Session::ExistingPath(const std::string& path) const
 
 Policy Session::Look(const TakeRuleSet& take)
 {
-    if (!DirectoryExists())
-        throw Failure(ToUtf8(m_Directory) + " is not a directory");
+    RequireDirectory(m_Directory);
     const RuleDirectory store = Store();
     if (!m_Options.Master.empty() && !store.MayExist(store.MasterFileName()) &&
         store.MayExist(FileFormat::kMasterFileName))

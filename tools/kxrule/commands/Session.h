@@ -8,6 +8,7 @@
 
 #include "common/srclib/KxComn_Handle.h"
 #include "policy/Policy.h"
+#include "policy/Utf8.h"
 #include "tools/kxrule/commands/RuleLibrary.h"
 #include "tools/kxrule/commands/StoreFiles.h"
 #include "tools/kxrule/console/Console.h"
@@ -61,7 +62,7 @@ public:
     /// Called before anything is deleted or replaced.
     void CopyFiles();
     /// Where the copy is; empty if there is none.
-    [[nodiscard]] const std::filesystem::path& Copies() const noexcept { return m_Copies; }
+    [[nodiscard]] std::string Copies() const { return ToUtf8(m_Copies.wstring()); }
     /// From here on the command is not interrupted.
     void BeginChange() noexcept;
     /// Writes what was changed.
@@ -115,6 +116,8 @@ private:
 
 /// What identifies a directory to the file system, whatever its name; empty if it cannot be opened (GetLastError).
 [[nodiscard]] std::wstring IdentityOf(const std::wstring& directory);
+/// Throws Failure if there is none.
+void RequireDirectory(const std::wstring& path);
 /// Makes a UTF-8 path absolute.
 [[nodiscard]] std::wstring AbsolutePath(const std::string& path);
 

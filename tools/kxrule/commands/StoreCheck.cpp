@@ -6,7 +6,6 @@
 #include "policy/RuleJson.h"
 #include "policy/Utf8.h"
 #include "policy/Words.h"
-#include "rules/Normalise.h"
 #include "tools/kxrule/commands/StoreFiles.h"
 #include "tools/kxrule/console/Columns.h"
 
@@ -113,37 +112,55 @@ FileReport OfRest(const Surveyed& seen)
     }
     const FileKind kind = seen.File.Head.Kind;
     report.Problem +=
-        kind == FileKind::RuleSet
-            ? "; it is the only whole copy of rule set " + std::to_string(seen.File.Set.Index)
-            : std::string("; it is the only whole ") + (kind == FileKind::Master ? "master file" : "macro file");
+        std::string("; it is the only whole ") +
+        (kind == FileKind::RuleSet ? "copy of rule set " + std::to_string(seen.File.Set.Index) : KindWord(kind));
     if (kind != FileKind::Master)
         report.Consequence = "nothing; \"kxrule restore\" brings it back";
     return report;
 }
 
-FileReport Describe(const Surveyed& seen, bool thorough)
+FileReport Describe(const RuleDirectory& directory, const Surveyed& seen, bool thorough)
 {
     const std::string name = NarrowToUtf8(seen.Name);
+    FileReport report;
     switch (seen.What)
     {
     case Sight::Master:
-        return OfMaster(seen);
+        report = OfMaster(seen);
+        report.Problem = ProblemText(seen) + report.Problem;
+        break;
     case Sight::Macros:
-        return OfMacros(seen);
+        report = OfMacros(seen);
+        report.Problem += ProblemText(seen);
+        break;
     case Sight::RuleSet:
-        return OfRuleSet(seen, thorough);
+        report = OfRuleSet(seen, thorough);
+        report.Problem += ProblemText(seen);
+        break;
     case Sight::MacroName:
-        return Note({}, "it names a macro file with an unusable name", {});
+        report = Note({}, "it names a macro file with an unusable name",
+                      "the library would use " + NarrowToUtf8(directory.MacroFileName()));
+        break;
     case Sight::BadName:
-        return Note({}, "it lists a rule set file with an unusable name: \"" + name + "\"",
-                    "the library would ignore it");
+        report =
+            Note({}, "it lists a rule set file with an unusable name: \"" + name + "\"", "the library would ignore it");
+        break;
     case Sight::Twice:
-        return Note({}, "it lists " + name + " twice", "the library would read it once");
+        report = Note({}, "it lists " + name + " twice", "the library would read it once");
+        break;
     case Sight::NoSuchSet:
-        return Note({}, "rule set " + std::to_string(seen.Index) + " is active but does not exist", "nothing");
-    default:
-        return OfRest(seen);
+        report = Note({}, "rule set " + std::to_string(seen.Index) + " is active but does not exist", "nothing");
+        break;
+    case Sight::Unlisted:
+        report = OfRest(seen);
+        report.Problem += ProblemText(seen);
+        break;
+    case Sight::Temporary:
+        report = OfRest(seen);
     }
+    const bool isOfMaster = seen.What >= Sight::MacroName && seen.What <= Sight::NoSuchSet;
+    report.File = isOfMaster ? NarrowToUtf8(directory.MasterFileName()) : name;
+    return report;
 }
 
 /// Notes rules that name a macro that does not exist: an interrupted write can leave rules of one policy with the
@@ -151,7 +168,7 @@ FileReport Describe(const Surveyed& seen, bool thorough)
 void NoteMissingMacros(FileReport& report, const RuleFile& file, const std::vector<MacroRecord>& macros)
 {
     std::vector<LintFinding> findings;
-    LintRuleSet(RuleSetOf(file), {&macros}, findings);
+    LintRules(file.Set.Index, file.Rules, {&macros}, findings);
     const auto count =
         std::count_if(findings.begin(), findings.end(),
                       [](const LintFinding& finding) { return std::string_view(finding.Code) == "no-such-macro"; });
@@ -162,23 +179,6 @@ void NoteMissingMacros(FileReport& report, const RuleFile& file, const std::vect
     report.Consequence = "the library reads them as they are; \"kxrule lint\" lists them";
 }
 
-/// Makes a set what the library would: rules normalised, in the order of their indexes, of equal indexes the later one.
-void Normalised(RuleSetRecord& ruleSet)
-{
-    const auto index = [](const PFW_RULE& rule) { return uint16_t{rule.wRuleIndex}; };
-    ruleSet.Name.resize(std::min(ruleSet.Name.size(), size_t{KXRULE_RULESET_NAME_UNITS - 1}));
-    std::for_each(ruleSet.Rules.begin(), ruleSet.Rules.end(), Normalise::NormaliseRule);
-    if (std::is_sorted(ruleSet.Rules.begin(), ruleSet.Rules.end(),
-                       [&](const PFW_RULE& a, const PFW_RULE& b) { return index(a) <= index(b); }))
-        return; // strictly: there are no duplicates
-    std::reverse(ruleSet.Rules.begin(), ruleSet.Rules.end());
-    std::stable_sort(ruleSet.Rules.begin(), ruleSet.Rules.end(),
-                     [&](const PFW_RULE& a, const PFW_RULE& b) { return index(a) < index(b); });
-    ruleSet.Rules.erase(std::unique(ruleSet.Rules.begin(), ruleSet.Rules.end(),
-                                    [&](const PFW_RULE& a, const PFW_RULE& b) { return index(a) == index(b); }),
-                        ruleSet.Rules.end());
-}
-
 void Put(Policy& policy, RuleSetRecord&& ruleSet)
 {
     const auto place = std::lower_bound(policy.RuleSets.begin(), policy.RuleSets.end(), ruleSet.Index,
@@ -187,6 +187,22 @@ void Put(Policy& policy, RuleSetRecord&& ruleSet)
         *place = std::move(ruleSet);
     else
         policy.RuleSets.insert(place, std::move(ruleSet));
+}
+
+/// Adds what the library would have of a file in memory. The rules stay in the file's place if nobody takes them.
+void Add(Policy& policy, Surveyed& seen, const TakeRuleSet& take)
+{
+    if (seen.What == Sight::Master)
+        policy.Active = seen.File.Master.ActiveRuleSets;
+    if (seen.What == Sight::Macros)
+        policy.Macros = InMemory(MacrosOf(std::move(seen.File)));
+    if (seen.What != Sight::RuleSet || !seen.IsWhole() || seen.IsMoved)
+        return;
+    RuleSetRecord ruleSet = InMemory(RuleSetOf(std::move(seen.File)));
+    if (take)
+        Put(policy, {ruleSet.Index, ruleSet.Name, {}});
+    take ? take(policy, std::move(ruleSet)) : Put(policy, std::move(ruleSet));
+    seen.File.Rules = std::move(ruleSet.Rules); // NOLINT(bugprone-use-after-move)
 }
 
 } // namespace
@@ -218,40 +234,15 @@ StoreReport CheckStore(const RuleDirectory& directory, Console& console, bool th
            [&](Surveyed& seen)
            {
                progress.Show(seen.Position, seen.Last);
-               FileReport& file = report.Files.emplace_back(Describe(seen, thorough));
-               const bool isOfMaster = seen.What >= Sight::MacroName && seen.What <= Sight::NoSuchSet;
-               file.File = NarrowToUtf8(isOfMaster ? directory.MasterFileName() : seen.Name);
-               if (seen.What == Sight::MacroName)
-                   file.Consequence = "the library would use " + NarrowToUtf8(directory.MacroFileName());
-               // Adds the defect of the file itself, for the master file before the rest, otherwise after it.
-               const std::string problem = isOfMaster || seen.What == Sight::Temporary ? "" : ProblemText(seen);
-               file.Problem = seen.What == Sight::Master ? problem + file.Problem : file.Problem + problem;
+               FileReport& file = report.Files.emplace_back(Describe(directory, seen, thorough));
                if (seen.What == Sight::Macros)
                    report.IsStopped = seen.Then == Remedy::Stop && seen.File.Head.Defect != FileDefect::Busy;
-               if (thorough && seen.What == Sight::Macros && file.What != Finding::Damaged)
-                   macros = MacrosOf(seen.File);
-               else if (macros && seen.What == Sight::RuleSet && file.What == Finding::Good)
+               if (seen.What == Sight::Macros && thorough && file.What != Finding::Damaged)
+                   macros = InMemory(MacrosOf(seen.File));
+               else if (seen.What == Sight::RuleSet && macros && file.What == Finding::Good)
                    NoteMissingMacros(file, seen.File, *macros);
-               if (policy == nullptr)
-                   return;
-               if (seen.What == Sight::Master)
-                   policy->Active = seen.File.Master.ActiveRuleSets;
-               else if (seen.What == Sight::Macros)
-               {
-                   policy->Macros = MacrosOf(std::move(seen.File));
-                   for (MacroRecord& macro : *policy->Macros) // as the library returns them: cut to their field
-                       macro.Name.resize(std::min(macro.Name.size(), sizeof(PFW_MACRO::szName) - 1));
-               }
-               else if (seen.What == Sight::RuleSet && seen.IsWhole() && !seen.IsMoved)
-               {
-                   RuleSetRecord ruleSet = RuleSetOf(std::move(seen.File));
-                   Normalised(ruleSet);
-                   if (take)
-                       Put(*policy, {ruleSet.Index, ruleSet.Name, {}});
-                   take ? take(*policy, std::move(ruleSet)) : Put(*policy, std::move(ruleSet));
-                   // Given back if nothing has taken them.
-                   seen.File.Rules = std::move(ruleSet.Rules); // NOLINT(bugprone-use-after-move)
-               }
+               if (policy != nullptr)
+                   Add(*policy, seen, take);
            });
     return report;
 }

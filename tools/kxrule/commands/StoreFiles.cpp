@@ -8,6 +8,7 @@
 #include "persistence/EncryptFile.h"
 #include "persistence/RuleFileNames.h"
 #include "policy/Utf8.h"
+#include "rules/Normalise.h"
 #include "tools/kxrule/console/Failure.h"
 
 // The traces of the library's sources go nowhere here: the tool reports failures itself.
@@ -77,6 +78,11 @@ std::vector<std::string> StoreFileNames(const RuleDirectory& directory)
     return names;
 }
 
+const char* KindWord(FileKind kind) noexcept
+{
+    return kind == FileKind::Master ? "master file" : kind == FileKind::Macros ? "macro file" : "rule set file";
+}
+
 std::string ProblemText(const LookedAt& file)
 {
     const FileHead& head = file.File.Head;
@@ -92,10 +98,9 @@ std::string ProblemText(const LookedAt& file)
     case FileDefect::Unreadable:
         return "it cannot be read";
     case FileDefect::WrongMagic:
-        return !head.IsKnown                   ? file.Bytes == 0 ? "it is empty" : "it does not begin like a rule file"
-               : head.Kind == FileKind::Master ? "it is a master file"
-               : head.Kind == FileKind::Macros ? "it is a macro file"
-                                               : "it is a rule set file";
+        return head.IsKnown      ? std::string("it is a ") + KindWord(head.Kind)
+               : file.Bytes == 0 ? "it is empty"
+                                 : "it does not begin like a rule file";
     case FileDefect::WrongVersion:
         return "its version is unknown";
     case FileDefect::Damaged:
@@ -122,6 +127,28 @@ std::vector<MacroRecord> MacrosOf(RuleFile file)
 RuleSetRecord RuleSetOf(RuleFile file)
 {
     return {file.Set.Index, std::move(file.Set.Name), std::move(file.Rules)};
+}
+
+std::vector<MacroRecord> InMemory(std::vector<MacroRecord> macros)
+{
+    for (MacroRecord& macro : macros)
+        macro.Name.resize(std::min(macro.Name.size(), sizeof(PFW_MACRO::szName) - 1));
+    return macros;
+}
+
+RuleSetRecord InMemory(RuleSetRecord ruleSet)
+{
+    std::vector<PFW_RULE>& rules = ruleSet.Rules;
+    const auto index = [](const PFW_RULE& rule) { return uint16_t{rule.wRuleIndex}; };
+    ruleSet.Name.resize(std::min(ruleSet.Name.size(), size_t{KXRULE_RULESET_NAME_UNITS - 1}));
+    std::ranges::for_each(rules, Normalise::NormaliseRule);
+    if (std::ranges::is_sorted(rules, std::ranges::less_equal(), index)) // and none twice
+        return ruleSet;
+    std::ranges::reverse(rules);
+    std::ranges::stable_sort(rules, {}, index);
+    const auto rest = std::ranges::unique(rules, {}, index);
+    rules.erase(rest.begin(), rest.end());
+    return ruleSet;
 }
 
 } // namespace Tool

@@ -36,11 +36,16 @@ struct StoreFile
 /// Master, macro and rule set files that exist in a directory, in this order.
 [[nodiscard]] std::vector<std::string> StoreFileNames(const RuleDirectory& directory);
 
+[[nodiscard]] const char* KindWord(FileKind kind) noexcept;
 /// What is wrong with a file, as text; empty if nothing is.
 [[nodiscard]] std::string ProblemText(const LookedAt& file);
 /// The contents of a file as records, unchanged.
 [[nodiscard]] std::vector<MacroRecord> MacrosOf(RuleFile file);
 [[nodiscard]] RuleSetRecord RuleSetOf(RuleFile file);
+/// The same as the library would have it: names cut to their fields, rules normalised, in the order of their indexes, of
+/// equal indexes the later one.
+[[nodiscard]] std::vector<MacroRecord> InMemory(std::vector<MacroRecord> macros);
+[[nodiscard]] RuleSetRecord InMemory(RuleSetRecord ruleSet);
 
 struct FileReport
 {
