@@ -1,7 +1,7 @@
 """The Python package against the header: layouts, signatures, codes, and calls with a stand-in for the library.
 
-Usage: python_test.py HEADER-FOLDER SCRATCH, with the installed package in PYTHONPATH. (No Python for Windows can be had
-here: that the DLL itself answers these calls is seen from C and C++ alone.)
+Usage: python_test.py HEADER-FOLDER, with the installed package in PYTHONPATH. (No Python for Windows can be had here:
+that the DLL itself answers these calls is seen from C and C++ alone.)
 """
 import ctypes
 import pathlib
@@ -10,10 +10,9 @@ import subprocess
 import sys
 
 import kxpfwrul
-from kxpfwrul import _library, _policy
+from kxpfwrul import Code, PolicyCode, _library, _policy
 
-include, scratch = (pathlib.Path(argument).resolve() for argument in sys.argv[1:])
-here = pathlib.Path(__file__).resolve().parent
+include = pathlib.Path(sys.argv[1]).resolve()
 headers = [(include / name).read_text(encoding="utf-8") for name in ("KxPfwRule.h", "KxPolicy.h")]
 
 
@@ -43,21 +42,30 @@ def check_layouts():
     return len(lines) - 1
 
 
+NUMBERS = {"uint16_t": ctypes.c_uint16, "int32_t": ctypes.c_int32, "uint32_t": ctypes.c_uint32,
+           "size_t": ctypes.c_size_t}
+
+
+def same(arguments, parameters):
+    """Of pointers it is seen only that they are ones."""
+    declared = [NUMBERS.get(parameter.split()[0]) if "*" not in parameter else None
+                for parameter in parameters.replace("\\", "").split(",") if parameter != "void"]
+    assert declared == [kind if kind in NUMBERS.values() else None for kind in arguments], parameters
+
+
 def check_signatures():
     """Every function takes what the headers say, in their order, and every code has its name."""
-    kinds = {"uint16_t": ctypes.c_uint16, "int32_t": ctypes.c_int32, "uint32_t": ctypes.c_uint32,
-             "size_t": ctypes.c_size_t}
     for header, signatures, codes, count in zip(headers, (_library._SIGNATURES, _policy._SIGNATURES),
-                                                (kxpfwrul.Code, kxpfwrul.PolicyCode), (25, 4)):
+                                                (Code, PolicyCode), (25, 4)):
         rows = re.findall(r"F\((kx\w+),[\s\\]*\((.*?)\)\)", header[header.index("_FUNCTIONS(F)"):], re.S)
-        declared = [(name, [kinds.get(parameter.split()[0]) if "*" not in parameter else None
-                            for parameter in parameters.replace("\\", "").split(",") if parameter != "void"])
-                    for name, parameters in rows]
-        assert len(declared) == count, declared
-        assert declared == [(name, [kind if kind in kinds.values() else None for kind in arguments])
-                            for name, arguments in signatures.items()]
+        assert len(rows) == count and [name for name, _ in rows] == list(signatures), rows
+        for name, parameters in rows:
+            same(signatures[name], parameters)
         defined = dict(re.findall(r"#define (KX\w+_OK|KX\w+_E_\w+) \(?(-?\d+)\)?", header))
         assert {code.name: str(code.value) for code in codes} == defined
+    for name, callback in (("KXRULE_HASH", _library._HASH_CALLBACK), ("KXPOLICY_REPORT", _policy._REPORT),
+                           ("KXPOLICY_TAKE", _policy._TAKE)):
+        same(callback._argtypes_, re.search(rf"\(\*{name}\w*\)\((.*?)\)", "".join(headers), re.S)[1])
 
 
 def refuses(error, call, text):
@@ -80,15 +88,87 @@ def check_values():
     refuses(ValueError, lambda: kxpfwrul.PFW_MACRO(szName=b"x" * 32), "31")
 
 
+class StandIn:
+    """As much of both DLLs as is called here, in C functions of the declared types: one rule set, and policies. The text
+    "bad" has an error, any other is two differences from a store of stamp 7."""
+    flushed = finalized = 0
+
+    def __init__(self, path):
+        self.path, self.rules = path, []
+        for name, arguments in {**_library._SIGNATURES, **_policy._SIGNATURES}.items():
+            function = getattr(self, "on_" + name, lambda *_: Code.KXRULE_E_FILE_OPEN)
+            setattr(self, name, ctypes.CFUNCTYPE(ctypes.c_int32, *arguments)(function))
+
+    def on_kxRuleInitialize(self, path, master):
+        self.is_full = path == b"full"
+        return Code.KXRULE_OK if path in (b"full", b"somewhere") and master is None else Code.KXRULE_E_MUTEX
+
+    def on_kxRuleFinalize(self):
+        StandIn.finalized += 1
+        return Code.KXRULE_OK
+
+    def on_kxRuleRead(self):
+        return Code.KXRULE_OK
+
+    def on_kxRuleFlush(self):
+        StandIn.flushed += 1
+        return Code.KXRULE_E_FILE_WRITE if self.is_full else Code.KXRULE_OK
+
+    def on_kxRuleAddRuleSet(self, index, block):
+        kxpfwrul.PFW_RULESET.from_address(block).wRuleSetIndex = index or 3
+        self.head = kxpfwrul.PFW_RULESET.from_buffer_copy(ctypes.string_at(block, ctypes.sizeof(kxpfwrul.PFW_RULESET)))
+        return Code.KXRULE_OK
+
+    def on_kxRuleGetRuleSetIndex(self, indexes, most):
+        ctypes.c_uint16.from_address(indexes).value = self.head.wRuleSetIndex
+        return 1
+
+    def on_kxRuleAddRule(self, rule_set, index, rule):
+        if rule_set != self.head.wRuleSetIndex or index != rule.contents.wRuleIndex:
+            return Code.KXRULE_E_NO_RULESET
+        self.rules.append(bytes(rule.contents))
+        return Code.KXRULE_OK
+
+    def on_kxRuleGetRuleSet(self, index, block, most):
+        if index != self.head.wRuleSetIndex:
+            return Code.KXRULE_E_NO_RULESET
+        if block:
+            content = b"".join([bytes(self.head), *self.rules[:most]])
+            ctypes.memmove(block, content, len(content))
+        return len(self.rules)
+
+    def on_kxRuleGetRuleString2(self, rule, text, size):
+        line = f"rule {rule.contents.wRuleIndex}".encode() * 100
+        ctypes.memmove(text, line, min(size, len(line)))
+        return len(line)
+
+    def on_kxPolicyCheck(self, text, size, report, context):
+        if text[:size] != b"bad":
+            return Code.KXRULE_OK
+        report(1, 1, 2, b"active[0]", "expected a ü".encode(), context)
+        return PolicyCode.KXPOLICY_E_TEXT
+
+    def on_kxPolicyExport(self, table, flags, stamp, take, context):
+        stamp[0] = 7
+        function = ctypes.c_void_p.from_address(table + 8 * list(_library._SIGNATURES).index("kxRuleGetRuleSet")).value
+        count = ctypes.CFUNCTYPE(ctypes.c_int32, *_library._SIGNATURES["kxRuleGetRuleSet"])(function)(3, None, 0)
+        take(b"%d rules" % count, 7, context)
+        return PolicyCode.KXPOLICY_E_ARGUMENT if flags else Code.KXRULE_OK
+
+    def on_kxPolicyDifference(self, table, text, size, flags, stamp, take, report, context):
+        stamp[0] = 7
+        take(b"- all" if flags == 3 else b"+ x", 5 if flags == 3 else 3, context)
+        return self.on_kxPolicyCheck(text, size, report, context) or 2
+
+    def on_kxPolicyApply(self, table, text, size, flags, stamp, report, context):
+        is_changed = stamp and stamp[0] != 7
+        return PolicyCode.KXPOLICY_E_CHANGED if is_changed else self.on_kxPolicyCheck(text, size, report, context) or 2
+
+
 def check_calls():
     """A set of a rule goes in and comes back; `with` writes, and says when it could not."""
-    library = scratch / "stand_in.so"
-    missing = scratch / "missing.c"
-    missing.write_text('#include "KxPfwRule.h"\n#define MISSING(name, parameters) __attribute__((weak)) int32_t name parameters'
-                       "{ return KXRULE_E_FILE_OPEN; }\nKXRULE_FUNCTIONS(MISSING)\n")
-    subprocess.run(["gcc", "-std=c11", "-Wall", "-Wextra", "-Wno-unused-parameter", "-Werror", "-shared", "-fPIC",
-                    f"-I{include}", "-o", library, here / "stand_in.c", missing], check=True)
-    with kxpfwrul.Store(str(library), "somewhere") as store:
+    ctypes.CDLL = StandIn
+    with kxpfwrul.Store("x.dll", "somewhere") as store:
         index = store.add_rule_set("Büro")
         rule = kxpfwrul.access(7, "tcp", source="10.0.0.0/8", port="80-90", description="Drucker im Büro")
         store.add_rule(index, rule)
@@ -97,11 +177,11 @@ def check_calls():
         (stored,) = office.rules
         assert bytes(stored) == bytes(rule) and (office.index, office.name) == (index, "Büro")
         assert kxpfwrul.get_wide(stored.wszDescription) == "Drucker im Büro"
-        assert store.text(stored) == "7 6 a000000/8 80-90 1"
+        assert store.text(stored) == "rule 7" * 100
         refuses(kxpfwrul.RuleError, lambda: store.rule_set(index + 1), "kxRuleGetRuleSet: KXRULE_E_NO_RULESET (-10015)")
         refuses(ValueError, lambda: store.rule_set(65536 + index), "0 to 65535")
         refuses(kxpfwrul.RuleError, lambda: store.add_rule(index + 1, rule), "KXRULE_E_NO_RULESET")
-        policies = kxpfwrul.Policies(store, str(library))
+        policies = kxpfwrul.Policies(store, "y.dll")
         assert policies.export() == kxpfwrul.Exported("1 rules", 7)
         assert policies.difference("{}", True, True) == kxpfwrul.Difference("- all", 7, 2)
         assert policies.check(b"{}") == [] and [str(found) for found in policies.check("bad")] == [
@@ -110,14 +190,13 @@ def check_calls():
         refuses(kxpfwrul.PolicyError, lambda: policies.apply("bad"), "KXPOLICY_E_TEXT (-20002)\n1:2: active[0]: expected")
         refuses(kxpfwrul.PolicyError, lambda: policies.apply("{}", stamp=8), "KXPOLICY_E_CHANGED")
         refuses(ValueError, lambda: policies.apply("{}", stamp=-1), "2**64")
-        stands = ctypes.CDLL(str(library))
-    assert stands.flushed() == 1 and stands.finalized() == 1
+    assert StandIn.flushed == StandIn.finalized == 1
 
     def full():
-        with kxpfwrul.Store(str(library), "full"):
+        with kxpfwrul.Store("x.dll", "full"):
             pass
     refuses(kxpfwrul.RuleError, full, "kxRuleFlush: KXRULE_E_FILE_WRITE")
-    assert stands.finalized() == 2
+    assert StandIn.finalized == 2
 
 
 print(check_layouts(), "sizes and offsets agree")

@@ -137,4 +137,4 @@ run ./consumer.exe
 
 /usr/bin/python3 -m pip install -q --root-user-action=ignore --no-index --no-deps --no-build-isolation \
     --target "$scratch/site" "$sdk/python"
-PYTHONPATH=$scratch/site /usr/bin/python3 "$root/tests/sdk/python_test.py" "$sdk/include" "$scratch"
+PYTHONPATH=$scratch/site /usr/bin/python3 "$root/tests/sdk/python_test.py" "$sdk/include"
