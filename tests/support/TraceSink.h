@@ -6,7 +6,7 @@
 #include <string>
 #include <vector>
 
-/// One traced line. Wide text is given as UTF-8.
+/// One traced line.
 struct TracedLine
 {
     uint32_t Level;
