@@ -22,52 +22,52 @@ unsigned __stdcall WaitFor(void* event)
     return 5;
 }
 
-// Three threads one after the other: one runs to its end, two are terminated, before and after their start. The handle
-// of the latter is closed elsewhere: each call reports its own error, and Close resets all the same.
+void ExpectNone(Thread::Base& thread)
+{
+    EXPECT_TRUE(thread.Handle() == nullptr && thread.ThreadId() == 0 && !thread.IsRunning());
+    EXPECT_EQ(thread.DefaultTimeout(), 0xFFFFFFFFu);
+    EXPECT_EQ(CodeOf([&] { thread.Start(false, 0, THREAD_PRIORITY_NORMAL); }), 6u);
+    EXPECT_EQ(CodeOf([&] { thread.Wait(); }), 6u);
+    EXPECT_EQ(CodeOf([&] { thread.Close(); }), 6u);
+    EXPECT_EQ(CodeOf([&] { thread.Terminate(); }), 6u);
+    EXPECT_EQ(CodeOf([&] { thread.Create(DefSecAttr, nullptr, nullptr); }), 6u);
+}
+
+// One thread runs to its end. Another is terminated, and its handle closed elsewhere: each call reports its own error,
+// and Close resets all the same.
 TEST(ThreadBase, RunsWaitsAndTerminates)
 {
-    const UniqueKernelObject goOn(::CreateEventW(nullptr, TRUE, TRUE, nullptr));
+    const UniqueKernelObject goOn(::CreateEventW(nullptr, TRUE, FALSE, nullptr));
     AccessControl::SecurityAttributes everyone;
     ASSERT_TRUE(everyone.AllowEveryone());
     Thread::Base thread;
-    for (const int round : {0, 1, 2, 3})
-    {
-        EXPECT_TRUE(thread.Handle() == nullptr && thread.ThreadId() == 0 && !thread.IsRunning());
-        EXPECT_EQ(thread.DefaultTimeout(), 0xFFFFFFFFu);
-        EXPECT_EQ(CodeOf([&] { thread.Start(false, 0, THREAD_PRIORITY_NORMAL); }), 6u);
-        EXPECT_EQ(CodeOf([&] { thread.Wait(); }), 6u);
-        EXPECT_EQ(CodeOf([&] { thread.Close(); }), 6u);
-        EXPECT_EQ(CodeOf([&] { thread.Terminate(); }), 6u);
-        EXPECT_EQ(CodeOf([&] { thread.Create(DefSecAttr, nullptr, nullptr); }), 6u);
-        if (round == 3)
-            break;
+    ExpectNone(thread);
+    thread.Create(everyone, WaitFor, goOn.get());
+    DWORD flags = 9, exitCode = 0;
+    EXPECT_TRUE(::GetHandleInformation(thread.Handle(), &flags) && flags == 1) << "inherited";
+    EXPECT_EQ(thread.ThreadId(), ::GetThreadId(thread.Handle()));
+    EXPECT_EQ(CodeOf([&] { thread.Create(DefSecAttr, WaitFor, nullptr); }), 183u);
+    EXPECT_EQ(CodeOf([&] { thread.Start(false, 0, 12345); }), 87u) << "no such priority";
+    thread.SetDefaultTimeout(0);
+    ::SetEvent(goOn.get());
+    EXPECT_EQ(CodeOf([&] { thread.Wait(); }), 258u) << "it is still suspended";
+    EXPECT_TRUE(thread.IsRunning());
+    thread.Start(true, INFINITE, THREAD_PRIORITY_ABOVE_NORMAL);
+    EXPECT_EQ(::GetThreadPriority(thread.Handle()), THREAD_PRIORITY_ABOVE_NORMAL);
+    EXPECT_TRUE(::GetExitCodeThread(thread.Handle(), &exitCode) && exitCode == 5 && !thread.IsRunning());
+    thread.Close();
+    ExpectNone(thread);
 
-        thread.Create(round == 0 ? everyone : DefSecAttr, WaitFor, goOn.get());
-        DWORD flags = 9, exitCode = 0;
-        EXPECT_TRUE(::GetHandleInformation(thread.Handle(), &flags) && flags == (round == 0 ? 1u : 0u)) << "inherited";
-        EXPECT_EQ(thread.ThreadId(), ::GetThreadId(thread.Handle()));
-        EXPECT_EQ(CodeOf([&] { thread.Create(DefSecAttr, WaitFor, nullptr); }), 183u);
-        EXPECT_EQ(CodeOf([&] { thread.Start(false, 0, 12345); }), 87u) << "no such priority";
-        thread.SetDefaultTimeout(0);
-        EXPECT_EQ(CodeOf([&] { thread.Wait(); }), 258u) << "it is still suspended";
-        EXPECT_TRUE(thread.IsRunning());
-        if (round == 0)
-        {
-            thread.Start(true, INFINITE, THREAD_PRIORITY_ABOVE_NORMAL);
-            EXPECT_EQ(::GetThreadPriority(thread.Handle()), THREAD_PRIORITY_ABOVE_NORMAL);
-            EXPECT_TRUE(::GetExitCodeThread(thread.Handle(), &exitCode) && exitCode == 5 && !thread.IsRunning());
-            thread.Close();
-            ::ResetEvent(goOn.get());
-            continue;
-        }
-        EXPECT_TRUE(round == 1 || CodeOf([&] { thread.Start(true, 1, THREAD_PRIORITY_NORMAL); }) == 258u);
-        thread.Terminate();
-        EXPECT_TRUE(thread.Wait(INFINITE));
-        EXPECT_TRUE(::GetExitCodeThread(thread.Handle(), &exitCode) && exitCode == 995);
-        ::CloseHandle(thread.Handle());
-        EXPECT_EQ(CodeOf([&] { (void)thread.IsRunning(); }), 6u);
-        EXPECT_EQ(CodeOf([&] { thread.Close(); }), 6u);
-    }
+    ::ResetEvent(goOn.get());
+    thread.Create(DefSecAttr, WaitFor, goOn.get());
+    EXPECT_EQ(CodeOf([&] { thread.Start(true, 1, THREAD_PRIORITY_NORMAL); }), 258u);
+    thread.Terminate();
+    EXPECT_TRUE(thread.Wait(INFINITE));
+    EXPECT_TRUE(::GetExitCodeThread(thread.Handle(), &exitCode) && exitCode == 995);
+    ::CloseHandle(thread.Handle());
+    EXPECT_EQ(CodeOf([&] { (void)thread.IsRunning(); }), 6u);
+    EXPECT_EQ(CodeOf([&] { thread.Close(); }), 6u);
+    ExpectNone(thread);
 }
 
 } // namespace
