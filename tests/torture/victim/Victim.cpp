@@ -1,13 +1,11 @@
 // A process that is made to be killed. It fills a store generation after generation through the exports and reports its
 // progress on stdout; another run of it checks whether the files are complete. scripts/torture.py kills it.
 //
-//   victim write  DIR [LOW HIGH]  checks, changes every rule set, writes, and again, until killed
-//   victim delete DIR [LOW HIGH]  checks, deletes rule sets and adds them anew, until killed
-//   victim next   DIR   one generation of "write"; exit code 0, or 1 and the library's result on stdout
-//   victim read   DIR   reads once
-//   victim check  DIR LOW HIGH [SET]  every rule set (except SET, which may be missing) is complete and of a
-//                       generation from LOW to HIGH, none is a rescue set, nothing was backed up; exit code 0, or 1 and
-//                       what is wrong
+//   victim write DIR [LOW HIGH]  checks, changes every rule set, writes, and again, until killed
+//   victim next  DIR             one generation of "write"; exit code 0, or 1 and the library's result on stdout
+//   victim read  DIR             reads once
+//   victim check DIR LOW HIGH    every rule set is complete and of a generation from LOW to HIGH, none is a rescue set,
+//                                nothing was backed up; exit code 0, or 1 and what is wrong
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -28,33 +26,30 @@ uint32_t RuleCount(uint16_t set, uint32_t generation)
     return 1 + (generation * 7919u + set * 104729u) % (set * 40u);
 }
 
-PFW_RULE RuleOf(uint16_t set, uint32_t generation, uint16_t index)
+std::vector<PFW_RULE> RulesOf(uint16_t set, uint32_t generation)
 {
-    PFW_RULE rule = Build::Rule(KXRULE_KIND_NAT, index);
-    rule.dwActive = generation;
-    for (size_t i = 0; i < sizeof rule.abKind; ++i)
-        rule.abKind[i] = static_cast<uint8_t>(generation + set + i);
-    return rule;
+    std::vector<PFW_RULE> rules;
+    for (uint16_t index = 0; index < RuleCount(set, generation); ++index)
+    {
+        rules.push_back(Build::Rule(KXRULE_KIND_NAT, index));
+        rules.back().dwActive = generation;
+        for (size_t i = 0; i < sizeof rules.back().abKind; ++i)
+            rules.back().abKind[i] = static_cast<uint8_t>(generation + set + i);
+    }
+    return rules;
 }
 
-void Say(const char* what, uint32_t number)
+int Say(const char* what, uint32_t number)
 {
     std::printf("%s %u\n", what, static_cast<unsigned>(number));
     std::fflush(stdout);
+    return 1;
 }
 
 int Fail(const std::string& what)
 {
     std::printf("%s\n", what.c_str());
     return 1;
-}
-
-std::vector<PFW_RULE> RulesOf(uint16_t set, uint32_t generation)
-{
-    std::vector<PFW_RULE> rules;
-    for (uint32_t i = 0; i < RuleCount(set, generation); ++i)
-        rules.push_back(RuleOf(set, generation, static_cast<uint16_t>(i)));
-    return rules;
 }
 
 std::vector<PFW_RULE> Stored(uint16_t set)
@@ -101,33 +96,18 @@ int Next(uint32_t generation)
     Say("begin", generation);
     const int32_t result = kxRuleWrite();
     if (result != KXRULE_OK)
-    {
-        Say("result", static_cast<uint32_t>(-result));
-        return 1;
-    }
+        return Say("result", static_cast<uint32_t>(-result));
     Say("done", generation);
     return 0;
 }
 
-int DeleteAndAdd(uint32_t generation)
-{
-    const uint16_t set = static_cast<uint16_t>(1 + generation % kSets);
-    Say("begin", generation);
-    if (kxRuleDeleteRuleSet(set) != KXRULE_OK || Put(set, generation) != KXRULE_OK || kxRuleWrite() != KXRULE_OK)
-        return Fail("cannot delete and add");
-    Say("done", generation);
-    return 0;
-}
-
-int Check(const char* directory, uint32_t low, uint32_t high, uint16_t mayBeMissing)
+int Check(const char* directory, uint32_t low, uint32_t high)
 {
     if (std::filesystem::exists(std::string(directory) + "\\RuleBackup"))
         return Fail("something was backed up");
     for (uint16_t set = 1; set <= kSets; ++set)
     {
         const auto rules = Stored(set);
-        if (rules.empty() && set == mayBeMissing)
-            continue;
         if (rules.empty())
             return Fail("set " + std::to_string(set) + " is missing");
         const uint32_t generation = rules[0].dwActive;
@@ -151,27 +131,17 @@ int main(int argc, char** argv)
         return 2;
     const int32_t result = kxRuleRead();
     if (result != KXRULE_OK)
+        return Say("read failed", static_cast<uint32_t>(-result));
+    const auto number = [&](int i) { return static_cast<uint32_t>(std::atoi(argv[i])); };
+    int exitCode = argc > 4 ? Check(argv[2], number(3), number(4)) : 0;
+    uint32_t generation = Generation();
+    if (exitCode == 0 && mode == "write")
+        Say("whole", generation);
+    while (exitCode == 0 && (mode == "write" || mode == "next"))
     {
-        Say("read failed", static_cast<uint32_t>(-result));
-        return 1;
-    }
-    const auto number = [&](int i) { return argc > i ? static_cast<uint32_t>(std::atoi(argv[i])) : 0; };
-    const bool isDeleting = mode == "delete";
-    int exitCode = 0;
-    if (mode == "next")
-        exitCode = Next(Generation() + 1);
-    else if (argc > 4)
-        exitCode =
-            Check(argv[2], number(3), number(4), static_cast<uint16_t>(isDeleting ? 1 + number(4) % kSets : number(5)));
-    if (exitCode == 0 && (mode == "write" || isDeleting))
-    {
-        Say("whole", Generation());
-        const uint16_t last = static_cast<uint16_t>(1 + number(4) % kSets); // the set that was to be deleted and added
-        if (Stored(last).empty() && (Put(last, number(4)) != KXRULE_OK || kxRuleWrite() != KXRULE_OK))
-            exitCode = Fail("cannot add");
-        uint32_t generation = Generation();
-        while (exitCode == 0)
-            exitCode = isDeleting ? DeleteAndAdd(++generation) : Next(++generation);
+        exitCode = Next(++generation);
+        if (mode == "next")
+            break;
     }
     // No kxRuleFinalize, which would write once more: the process ends as if it had crashed.
     std::fflush(stdout);
