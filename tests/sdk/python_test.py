@@ -96,7 +96,7 @@ class StandIn:
     def __init__(self, path):
         self.path, self.rules = path, []
         for name, arguments in {**_library._SIGNATURES, **_policy._SIGNATURES}.items():
-            function = getattr(self, "on_" + name, lambda *_: Code.KXRULE_E_FILE_OPEN)
+            function = getattr(self, "on_" + name, lambda *_: Code.KXRULE_OK)
             setattr(self, name, ctypes.CFUNCTYPE(ctypes.c_int32, *arguments)(function))
 
     def on_kxRuleInitialize(self, path, master):
@@ -105,9 +105,6 @@ class StandIn:
 
     def on_kxRuleFinalize(self):
         StandIn.finalized += 1
-        return Code.KXRULE_OK
-
-    def on_kxRuleRead(self):
         return Code.KXRULE_OK
 
     def on_kxRuleFlush(self):
