@@ -9,7 +9,7 @@
 
 #include <gtest/gtest.h>
 
-#include "common/srclib/KxComn_Windows.h"
+#include "common/srclib/KxComn_Handle.h"
 
 #include <tlhelp32.h>
 
