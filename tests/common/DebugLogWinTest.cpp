@@ -54,10 +54,10 @@ protected:
     {
         return g_DebugLog.Initialize(name, {kind, m_Location.c_str(), "KxPfw.ini"}, unit);
     }
-    void Start(const std::string& variant = "whole", const std::string& settings = "Enable=1\r\nLevel=4294967295\r\n")
+    void Start(const std::string& missing = "", const std::string& settings = "Enable=1\r\nLevel=4294967295\r\n")
     {
         WriteSettings(settings);
-        m_Library = std::make_unique<TraceStandIn>(m_Dir.Path(), variant);
+        m_Library = std::make_unique<TraceStandIn>(m_Dir.Path(), missing);
         ASSERT_TRUE(Initialize());
     }
     [[nodiscard]] TraceStandIn& Library() const { return *m_Library; }
@@ -102,25 +102,31 @@ TEST_F(DebugLogTest, HandsTheSettingsOver)
 TEST_F(DebugLogTest, WorksWithWhatTheLibraryHasAndLeavesNothingBehind)
 {
     const std::tuple<std::string, uint32_t, int32_t, uint64_t, int32_t, bool, bool> rows[] = {
-        // library, storage; result and handle of its start, result of its trace; whether it starts, whether it writes
-        {"missing", 1, 0, 7, 0, false, false},       {"damaged", 1, 0, 7, 0, false, false},
-        {"no-initialize", 1, 0, 7, 0, false, false}, {"whole", 1, 5, 7, 0, false, false},
-        {"whole", 1, 0, 0, 0, false, false},         {"whole", 2, 0, 7, 0, false, false},
-        {"whole", 1, 0, 7, 0, true, true},           {"whole", 1, 0, 7, 5, true, false},
-        {"no-trace", 1, 0, 7, 0, true, false},       {"no-config", 1, 0, 7, 0, true, true},
-        {"no-uninitialize", 1, 0, 7, 0, true, true},
+        // what the library lacks, storage; result and handle of its start, result of its trace; whether it starts, and
+        // whether it writes
+        {"missing", 1, 0, 7, 0, false, false},
+        {"damaged", 1, 0, 7, 0, false, false},
+        {"KxDbgInitialize", 1, 0, 7, 0, false, false},
+        {"", 1, 5, 7, 0, false, false},
+        {"", 1, 0, 0, 0, false, false},
+        {"", 2, 0, 7, 0, false, false},
+        {"", 1, 0, 7, 0, true, true},
+        {"", 1, 0, 7, 5, true, false},
+        {"KxDbgTrace", 1, 0, 7, 0, true, false},
+        {"KxDbgGetDebugConfig", 1, 0, 7, 0, true, true},
+        {"KxDbgUninitialize", 1, 0, 7, 0, true, true},
     };
     WriteSettings("Enable=1\r\n");
-    for (const auto& [variant, kind, startResult, handle, traceResult, starts, writes] : rows)
+    for (const auto& [missing, kind, startResult, handle, traceResult, starts, writes] : rows)
     {
-        SCOPED_TRACE(testing::Message() << variant << kind << startResult << handle << traceResult);
+        SCOPED_TRACE(testing::Message() << missing << kind << startResult << handle << traceResult);
         m_Library.reset();
         std::filesystem::remove(m_Dir / "KxVqrDbg.dll");
-        if (variant == "damaged")
+        if (missing == "damaged")
             WriteBytes(m_Dir / "KxVqrDbg.dll", "MZ no library");
-        else if (variant != "missing")
+        else if (missing != "missing")
         {
-            m_Library = std::make_unique<TraceStandIn>(m_Dir.Path(), variant);
+            m_Library = std::make_unique<TraceStandIn>(m_Dir.Path(), missing);
             Library()->InitializeResult = startResult;
             Library()->Handle = handle;
             Library()->TraceResult = traceResult;
@@ -130,7 +136,7 @@ TEST_F(DebugLogTest, WorksWithWhatTheLibraryHasAndLeavesNothingBehind)
         EXPECT_EQ(g_DebugLog.Trace(kFile, 1, kTraceError, "m"), writes);
         EXPECT_EQ(g_DebugLog.Uninitialize(), starts);
         EXPECT_FALSE(g_TraceActive || g_DebugLog.Trace(kFile, 1, kTraceError, "lost") || g_DebugLog.Uninitialize());
-        const bool isEnded = starts && variant != "no-uninitialize";
+        const bool isEnded = starts && missing != "KxDbgUninitialize";
         EXPECT_TRUE(m_Library == nullptr || Library()->Ended == std::vector<uint64_t>(isEnded ? 1 : 0, handle));
         EXPECT_TRUE(m_Library == nullptr || Library().Release()) << "still loaded";
     }
@@ -215,7 +221,7 @@ TEST_F(DebugLogTest, WritesWhatTheSettingsOfTheMomentAllow)
         {"enabled again", 0, 9, 256, 256, true, true},
         {"no mask, no line", 0, 1, 0, 256, false, false},
     };
-    Start("whole", "Enable=1\r\n");
+    Start("", "Enable=1\r\n");
     Library()->HasConfig = true;
     for (const auto& [name, configResult, enable, mask, level, result, isWritten] : rows)
     {
@@ -234,7 +240,7 @@ TEST_F(DebugLogTest, WritesWhatTheSettingsOfTheMomentAllow)
 TEST_F(DebugLogTest, ASecondStartReadsTheSettingsAgain)
 {
     m_Location += "\\"; // with and without a separator it is the same folder
-    Start("no-config");
+    Start("KxDbgGetDebugConfig");
     WriteSettings("Enable=1\r\nLevel=16\r\n");
     EXPECT_TRUE(Initialize(Storage::kIniFile, "Second"));
     EXPECT_EQ(Library()->Configs.size(), 1u) << "the library is kept";
@@ -252,16 +258,15 @@ TEST_F(DebugLogTest, Dumps)
     const unsigned char bytes[] = "A \x00~\x7F\x80"
                                   "0123456789z";
     const std::string many(2000, 'x');
-    std::string rows;
+    std::string most; // 112 rows and a half
     for (int i = 0; i < 112; ++i)
-        rows += "\r\n 78 78 78 78 78 78 78 78 78 78 78 78 78 78 78 78xxxxxxxxxxxxxxxx";
-    rows += "\r\n 78 78 78 78 78 78 78 78xxxxxxxx"; // the 113th
+        most += "\r\n 78 78 78 78 78 78 78 78 78 78 78 78 78 78 78 78xxxxxxxxxxxxxxxx";
+    most += "\r\n 78 78 78 78 78 78 78 78xxxxxxxx";
     const std::tuple<const void*, uint32_t, std::string> table[] = {
         {bytes, 17, "\r\n 41 20 00 7e 7f 80 30 31 32 33 34 35 36 37 38 39A .~..0123456789\r\n 7az"},
-        {bytes, 0, ""},
         {nullptr, 5, ""},
-        {many.data(), 1800, rows},
-        {many.data(), 2000, "\r\n??? size too big, dump 1800 bytes only!" + rows},
+        {many.data(), 1800, most},
+        {many.data(), 2000, "\r\n??? size too big, dump 1800 bytes only!" + most},
     };
     for (const auto& [data, size, expected] : table)
     {

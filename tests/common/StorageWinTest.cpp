@@ -127,7 +127,7 @@ TEST_F(RegistryTest, TheTraceReadsItsSettingsUpToTheFirstMissingOne)
     };
     const TempDir dir;
     const std::string folder = dir.Path().string();
-    TraceStandIn library(dir.Path(), "no-config");
+    TraceStandIn library(dir.Path(), "KxDbgGetDebugConfig");
     ASSERT_TRUE(g_DebugLog.Initialize("Registry", {Storage::kIniFile, folder.c_str(), "none.ini"}, 1));
     const char* const section = IsServiceSession() ? "ServiceSession" : "InteractiveSession";
     uint32_t row = 0;

@@ -1,14 +1,15 @@
 #include <cstring>
 #include <string>
 #include <tuple>
+#include <vector>
 
 #include <gtest/gtest.h>
 
+#include "common/srclib/KxComn_Handle.h"
 #include "common/srclib/KxComn_Settings.h"
-#include "common/trace/KxComn_DebugLog.h"
 #include "rules/HashDll.h"
 #include "tests/standins/HashStandIn.h"
-#include "tests/standins/TraceStandIn.h"
+#include "tests/standins/TraceRecorder.h"
 #include "tests/support/RegistryGuard.h"
 #include "tests/support/TempDir.h"
 
@@ -25,56 +26,44 @@ bool IsClient()
 class HashDllTest : public testing::Test
 {
 protected:
-    HashDllTest()
-    {
-        const std::string location = m_Dir.Path().string();
-        KxCommon::g_DebugLog.Initialize("Hash", {KxCommon::Storage::kIniFile, location.c_str(), "none.ini"}, 1);
-        m_Trace->HasConfig = true;
-        m_Trace->Enable = 1;
-        m_Trace->Level = 0xFFFFFFFF;
-    }
-    ~HashDllTest() override { KxCommon::g_DebugLog.Uninitialize(); }
-
     RegistryGuard m_Registry;
     TempDir m_Dir;
-    TraceStandIn m_Trace{m_Dir.Path()};
+    TraceRecorder m_Trace;
 };
 
 TEST_F(HashDllTest, LoadsFromTheInstallPathAlone)
 {
-    constexpr const wchar_t* kNoLibrary = L"!!! <Hash> CHashDll::Init load library error - HashDll.cpp(";
-    constexpr const wchar_t* kNoFunction = L"!!! <Hash> CHashDll::Init GetProcAddress error - HashDll.cpp(";
+    const std::vector<std::string> loads, noLibrary = {"!!! CHashDll::Init load library error"},
+                                          noFunction = {"!!! CHashDll::Init GetProcAddress error"};
     const TempDir broken;
     WriteBytes(broken / "KxHash.dll", "MZ no library");
     const TempDir bare;
-    const HashStandIn bareLibrary(bare.Path(), "no-function");
+    const HashStandIn bareLibrary(bare.Path(), "kxCfwGetHashValue");
     const std::wstring folder = m_Dir.Path().native();
     const HashStandIn library(m_Dir.Path()); // loaded by now, so that a bare name would find it
-    const std::tuple<DWORD, std::wstring, const wchar_t*> rows[] = {
-        // type and text of InstallPath; the line that is traced when it does not load
-        {REG_NONE, L"", kNoLibrary}, // none
-        {REG_SZ, folder, nullptr},
-        {REG_SZ, folder + L"\\", nullptr},
-        {REG_SZ, L"", kNoLibrary},
-        {REG_EXPAND_SZ, folder, kNoLibrary},
-        {REG_SZ, L".", kNoLibrary},
-        {REG_SZ, L"\\", kNoLibrary}, // the root of some drive
-        {REG_SZ, folder + L"\\none", kNoLibrary},
-        {REG_SZ, folder + L"\\\x0E01", kNoLibrary}, // not in the code page
-        {REG_SZ, broken.Path().native(), kNoLibrary},
-        {REG_SZ, bare.Path().native(), kNoFunction},
+    const std::tuple<DWORD, std::wstring, std::vector<std::string>> rows[] = {
+        // type and text of InstallPath; what is traced
+        {REG_NONE, L"", noLibrary}, // none
+        {REG_SZ, folder, loads},
+        {REG_SZ, folder + L"\\", loads},
+        {REG_SZ, L"", noLibrary},
+        {REG_EXPAND_SZ, folder, noLibrary},
+        {REG_SZ, L".", noLibrary},
+        {REG_SZ, L"\\", noLibrary}, // the root of some drive
+        {REG_SZ, folder + L"\\none", noLibrary},
+        {REG_SZ, folder + L"\\\x0E01", noLibrary}, // not in the code page
+        {REG_SZ, broken.Path().native(), noLibrary},
+        {REG_SZ, bare.Path().native(), noFunction},
     };
-    for (const auto& [type, path, line] : rows)
+    for (const auto& [type, path, lines] : rows)
     {
         SCOPED_TRACE(testing::PrintToString(path));
         if (type != REG_NONE)
             m_Registry.Set(L"InstallPath", type, path.c_str(), (path.size() + 1) * 2);
-        const size_t before = m_Trace->Lines.size();
         CHashDll hash;
-        EXPECT_EQ(hash.Init(), line == nullptr);
-        EXPECT_EQ(hash.IsReady(), line == nullptr);
-        ASSERT_EQ(m_Trace->Lines.size() - before, line == nullptr ? 0u : 1u);
-        EXPECT_TRUE(line == nullptr || m_Trace->Lines.back().Text.find(line) != std::wstring::npos);
+        EXPECT_EQ(hash.Init(), lines == loads);
+        EXPECT_EQ(hash.IsReady(), lines == loads);
+        EXPECT_EQ(m_Trace.Take(), lines);
     }
 }
 

@@ -7,7 +7,7 @@ HashStandInState g_State;
 
 } // namespace
 
-extern "C" HashStandInState* KxStandInState()
+extern "C" __declspec(dllexport) HashStandInState* KxStandInState()
 {
     return &g_State;
 }
@@ -19,7 +19,7 @@ extern "C" BOOL WINAPI DllMain(HINSTANCE, DWORD reason, void*)
     return TRUE;
 }
 
-extern "C" int32_t kxCfwGetHashValue(const wchar_t* path, uint8_t* hash)
+extern "C" __declspec(dllexport) int32_t kxCfwGetHashValue(const wchar_t* path, uint8_t* hash)
 {
     g_State.Paths.emplace_back(path);
     if (g_State.OnCall != nullptr)

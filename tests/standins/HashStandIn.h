@@ -5,7 +5,7 @@
 //     hash->Status = 5;
 //     hash->OnCall = [](const wchar_t*) { ::WaitForSingleObject(g_GoOn, INFINITE); };   // as slow as the test wants
 //
-// HashStandIn(folder, "no-function") lacks kxCfwGetHashValue. Tests read Paths; only the library appends to it, one
+// HashStandIn(folder, "kxCfwGetHashValue") lacks that function. Tests read Paths; only the library appends to it, one
 // call at a time.
 #pragma once
 

@@ -30,12 +30,12 @@ public:
 
 } // namespace
 
-extern "C" TraceStandInState* KxStandInState()
+extern "C" __declspec(dllexport) TraceStandInState* KxStandInState()
 {
     return &g_State;
 }
 
-extern "C" int32_t KxDbgInitialize(uint64_t* handle, const KxCommon::DebugConfigWide* config)
+extern "C" __declspec(dllexport) int32_t KxDbgInitialize(uint64_t* handle, const KxCommon::DebugConfigWide* config)
 {
     const Call call;
     g_State.Configs.push_back(*config);
@@ -43,21 +43,21 @@ extern "C" int32_t KxDbgInitialize(uint64_t* handle, const KxCommon::DebugConfig
     return g_State.InitializeResult;
 }
 
-extern "C" int32_t KxDbgUninitialize(uint64_t handle)
+extern "C" __declspec(dllexport) int32_t KxDbgUninitialize(uint64_t handle)
 {
     const Call call;
     g_State.Ended.push_back(handle);
     return 1; // nobody looks at it
 }
 
-extern "C" int32_t KxDbgTrace(uint64_t handle, const SYSTEMTIME* time, const wchar_t* line)
+extern "C" __declspec(dllexport) int32_t KxDbgTrace(uint64_t handle, const SYSTEMTIME* time, const wchar_t* line)
 {
     const Call call;
     g_State.Lines.push_back({handle, *time, line});
     return g_State.TraceResult;
 }
 
-extern "C" int32_t KxDbgGetDebugConfig(uint64_t, KxCommon::DebugConfig* config)
+extern "C" __declspec(dllexport) int32_t KxDbgGetDebugConfig(uint64_t, KxCommon::DebugConfig* config)
 {
     const Call call;
     ++g_State.ConfigCount;

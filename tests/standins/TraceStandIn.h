@@ -6,9 +6,8 @@
 //     ... the code under test initialises, traces, ends ...
 //     EXPECT_EQ(trace->Lines.at(0).Text, ...);
 //
-// TraceStandIn(folder, "no-trace") lacks an entry point: "no-initialize", "no-uninitialize", "no-trace", "no-config".
-// Tests read the lists; only the library appends to them. Nothing here is locked: callers must come one at a time, and
-// Overlapped says if they did not.
+// TraceStandIn(folder, "KxDbgTrace") lacks that entry point. Tests read the lists; only the library appends to them.
+// Nothing here is locked: callers must come one at a time, and Overlapped says if they did not.
 #pragma once
 
 #include <atomic>
