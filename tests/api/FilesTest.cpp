@@ -150,3 +150,22 @@ TEST_F(FilesTest, FileNamesOfTheCaller)
     EXPECT_TRUE(std::filesystem::remove(TestFolder() / "own-folder.dat")) << "the folder of the library";
     EXPECT_TRUE(std::filesystem::remove(TestFolder() / "KxRulMac.dat"));
 }
+
+// The next index is 0, which is none; then there are more sets than can be added, each missing and rescued.
+TEST_F(FilesTest, AForgedMasterFile)
+{
+    FileContent forged;
+    for (const size_t sets : {0, KXRULE_MAX_RULESETS + 6})
+    {
+        std::vector<std::string>& names = forged.Master.RuleSetFileNames;
+        while (names.size() < sets)
+            names.push_back("KxRl00" + std::to_string(10 + names.size()) + ".dat");
+        const std::vector<uint8_t> bytes = forged.Write(FileContent::Kind::Master);
+        Close();
+        WriteFile("KxRulMas.dat", {bytes.begin(), bytes.end()});
+        Open();
+        EXPECT_EQ(AddSet(0), sets == 0 ? 0 : KXRULE_E_TOO_MANY_RULESETS);
+        EXPECT_EQ(SetIndexes().size(), sets == 0 ? 1 : sets);
+        EXPECT_NE(SetIndexes().front(), 0);
+    }
+}

@@ -361,7 +361,7 @@ std::optional<Lives::Contents> Lives::Readable() const
         const FileText file = isWhole ? Decode(ReadBytes(Rules + name)) : Decode("");
         if (!file.Slot.empty())
             contents[file.Slot] = file.Text.starts_with(kOld) ? file.Text.substr(kOld.size()) : file.Text;
-        else if (name.size() == 12)
+        else if (name.starts_with("KxRl") && name.size() == 12)
             contents.emplace(std::to_string(std::stoi(name.substr(4, 4), nullptr, 16)), file.Text);
     }
     return contents;

@@ -94,8 +94,11 @@ TEST_F(TraceTest, ErrorsOfFiles)
         {"cut mas 30; life", exception},
         {"list ..\\x KxRl0001.dat; life", "\tMacro file name ignored (..\\x)\n"},
         {"list KxRl0001.dat KxRl0001.dat; life", "\tMacro file name ignored (KxRl0001.dat)\n"},
-        {"list KxRulMac.dat KxRl0001.dat ..\\x kxrl0001.DAT; life",
-         "\tCRuleSet::Read() error -10055 (file=\"..\\x\")\n"},
+        {"list kxrulmas.DAT KxRl0001.dat; life", "\tMacro file name ignored (kxrulmas.DAT)\n"},
+        {"list KxRulMac.dat KxRl0001.dat ..\\x kxrl0001.DAT KxRulMas.dat kxrulmac.DAT; life",
+         "\tCRuleSet::Read() error -10055 (file=\"..\\x\")\n"
+         "\tCRuleSet::Read() error -10055 (file=\"KxRulMas.dat\")\n"
+         "\tCRuleSet::Read() error -10055 (file=\"kxrulmac.DAT\")\n"},
         {"version mac; life =-10060", "\tMasterFile does not match version\n\tReadMacroFile error (-10060)\n"},
         {"cut mac 50; life =-10056", exception + "\tReadMacroFile error (-10056)\n"},
         {"cut mac; life =-10056", "\tMasterFile read value error\n\tReadMacroFile error (-10056)\n"},
