@@ -2,33 +2,18 @@
 
 #include <gtest/gtest.h>
 
-#include <vector>
-
-#include "tests/support/FileFaults.h"
 #include "tests/support/TempDir.h"
 
 namespace
 {
 
-constexpr uint32_t kRecord = 2845;
-constexpr size_t kRecords = 1024;
-constexpr size_t kRecordsOnDisk = kRecords * (4 + 2848);
-
 class EncryptedFile : public testing::Test
 {
 protected:
-    bool WriteAll(CEncryptFile& file)
-    {
-        const std::vector<const void*> records(kRecords, m_Record.data());
-        return file.Open(m_Path.c_str(), GENERIC_WRITE) && file.WriteRecords(records.data(), kRecords, kRecord) &&
-               file.FinishAndFlush();
-    }
     [[nodiscard]] std::string OnDisk() const { return ReadBytes(m_Path); }
 
     TempDir m_Directory;
     const std::string m_Path = (m_Directory / "file.dat").string();
-    const std::string m_Record = std::string(kRecord - 1, 'r') + 's';
-    FileFaults m_Faults;
 };
 
 TEST_F(EncryptedFile, AccessDecidesWhatBecomesOfTheFile)
@@ -66,23 +51,6 @@ TEST_F(EncryptedFile, AccessDecidesWhatBecomesOfTheFile)
         EXPECT_EQ(OnDisk(), c.After);
     }
     EXPECT_FALSE(std::filesystem::exists(m_Directory / "other"));
-}
-
-TEST_F(EncryptedFile, FullSetTakesFewCalls)
-{
-    CEncryptFile file;
-    ASSERT_TRUE(WriteAll(file) && file.Close());
-    EXPECT_EQ(m_Faults.Calls.size(), 15u) << "open, 12 pieces, flush, close";
-    EXPECT_EQ(OnDisk().size(), kRecordsOnDisk);
-
-    m_Faults.Calls.clear();
-    ASSERT_TRUE(file.Open(m_Path.c_str(), GENERIC_READ));
-    std::string record(kRecord, '\0');
-    for (size_t i = 0; i < kRecords; ++i)
-        ASSERT_TRUE(file.Read(record.data(), kRecord, true) && record == m_Record) << i;
-    EXPECT_FALSE(file.Read(record.data(), kRecord, true));
-    EXPECT_TRUE(file.Close());
-    EXPECT_EQ(m_Faults.Calls.size(), 15u) << "open, size, 12 pieces, close";
 }
 
 } // namespace

@@ -1,13 +1,14 @@
 #include <cstdlib>
 #include <new>
 
-#include "tests/torture/Faults.h"
+#include "tests/support/Faults.h"
 
-thread_local Faults g_AllocationFaults;
+// Of the calling thread. Not in a test's own source, where the compiler would see through one half of a pair.
+thread_local Faults g_Allocations;
 
 void* operator new(size_t size)
 {
-    void* const memory = g_AllocationFaults.IsFailing() ? nullptr : std::malloc(size == 0 ? 1 : size);
+    void* const memory = g_Allocations.IsFailing() ? nullptr : std::malloc(size == 0 ? 1 : size);
     if (memory == nullptr)
         throw std::bad_alloc();
     return memory;

@@ -1,113 +1,75 @@
 // Every allocation failing: once, and from then on. (System calls on files: crash/CrashWinTest.cpp.)
+#include <algorithm>
 #include <functional>
+#include <map>
 #include <stdexcept>
 
-#include "api/Library.h"
-#include "persistence/Files.h"
-#include "repository/RuleMaster.h"
-#include "tests/torture/Faults.h"
-#include "tests/torture/TortureTest.h"
+#include "tests/api/StoreFixture.h"
+#include "tests/support/Faults.h"
+#include "tests/torture/Scale.h"
 
-using Files::Operation;
+extern thread_local Faults g_Allocations; // AllocationFaults.cpp
 
-namespace
-{
-
-Faults g_FileFaults;
-
-DWORD FileFault(Operation)
-{
-    return g_FileFaults.IsFailing() ? g_FileFaults.Error : ERROR_SUCCESS;
-}
-
-} // namespace
-
-class FaultsTest : public TortureTest
+class FaultsTest : public StoreTest
 {
 protected:
-    void SetUp() override
+    using Contents = std::map<std::string, std::string>; // path below the rule directory, bytes
+
+    [[nodiscard]] Contents OnDisk() const
     {
-        TortureTest::SetUp();
-        FillStore(100); // more than a stream gathers before it writes
-        ASSERT_EQ(kxRuleWrite(), 0);
-        m_Before = Snapshot();
-        ChangeStore();
-        ASSERT_EQ(kxRuleWrite(), 0);
-        m_After = Snapshot();
-        ::Files::SetFaultHook(FileFault);
+        Contents contents;
+        for (const auto& entry : std::filesystem::recursive_directory_iterator(Directory()))
+            if (entry.is_regular_file() && entry.path().extension() != ".tmp")
+                contents[entry.path().string().substr(Directory().size())] = ReadBytes(entry.path());
+        return contents;
     }
-    void TearDown() override
+    /// Numbers of sets, of rules and of macros.
+    static std::vector<size_t> InMemory()
     {
-        ::Files::SetFaultHook(nullptr);
-        TortureTest::TearDown();
+        return {SetIndexes().size(), Rules(1).size(), static_cast<size_t>(kxRuleGetMacroCount())};
     }
-    /// The store of m_Before in memory and on the disk, with the change made in memory.
-    void Begin()
+    /// A store in memory and on the disk with, in memory alone, a change that touches every file.
+    void Begin(bool isRead)
     {
         Close();
-        Restore(m_Before);
-        Open();
-        ChangeStore();
-    }
-    /// Acts with the first call failing, then with the second and so on, until none fails any more; that call alone,
-    /// and also together with all later ones. Each time starts from the state that begin makes.
-    template <class Begin, class Act, class Check>
-    void ForEachFault(const std::string& name, Campaign& campaign, const Begin& begin, const Act& act,
-                      const Check& check)
-    {
-        for (const bool isForGood : {false, true})
+        for (const auto& entry : std::filesystem::directory_iterator(Directory()))
+            std::filesystem::remove_all(entry.path());
+        for (const auto& [name, bytes] : m_Before)
+            WriteFile(name, bytes);
+        ASSERT_EQ(kxRuleInitialize(Directory().c_str(), nullptr), 0);
+        if (isRead)
         {
-            bool hasFailed = true;
-            for (uint32_t k = 1; hasFailed && !HasFailure(); ++k)
-            {
-                SCOPED_TRACE(name + ", allocation " + std::to_string(k) + (isForGood ? " and all after it" : ""));
-                begin();
-                const DWORD handles = Handles();
-                g_AllocationFaults.Arm(k, isForGood, 0);
-                const int32_t result = act();
-                hasFailed = g_AllocationFaults.Disarm();
-                campaign.Count(1);
-                EXPECT_LE(Handles(), handles);
-                check(result, hasFailed);
-            }
+            ASSERT_EQ(kxRuleRead(), 0);
+            Change();
         }
     }
-
-    Files m_Before, m_After;
-};
-
-// A change is written at the next tick, again until it succeeds; without a change nothing is written.
-TEST_F(FaultsTest, TimedWritesGoOnUntilOneSucceeds)
-{
-    const auto tick = [](DWORD error)
+    static void Change()
     {
-        g_FileFaults.Arm(1, true, error);
-        CRuleMaster::CallbackFuncWriteTimeOut(&g_RuleMaster);
-        return g_FileFaults.Disarm();
-    };
-    Begin();
-    EXPECT_TRUE(tick(ERROR_DISK_FULL));
-    EXPECT_EQ(Snapshot(), m_Before);
-    EXPECT_TRUE(tick(ERROR_DISK_FULL)) << "tries again";
-    EXPECT_TRUE(tick(ERROR_SUCCESS));
-    EXPECT_EQ(Snapshot(), m_After);
-    EXPECT_FALSE(tick(ERROR_DISK_FULL)) << "no change, but a file was touched";
+        const PFW_RULE rule = Build::Access(7);
+        ASSERT_EQ(kxRuleAddRule(1, 100, &rule), 0);
+        ASSERT_EQ(kxRuleDeleteRule(2, 5), 0);
+        ASSERT_EQ(AddSet(3, {rule}, L"new"), 0);
+        ASSERT_EQ(kxRuleAddMacro(Build::Macro("mail", {Build::Item("b")}).get()), 0);
+    }
 
-    // What a refresh has changed before its callback throws still counts as a change.
-    ASSERT_EQ(AddSet(4, {Build::Access(1, L"SYSTEM"), Build::Access(2, L"SYSTEM")}), 0);
-    tick(ERROR_SUCCESS);
-    const std::string before = ReadFile("KxRl0004.dat");
-    const std::vector<uint8_t> hash(KXRULE_HASH_BYTES, 7);
-    const auto throws = [](uint32_t, const PFW_RULE*, void*) -> int32_t { throw std::runtime_error("callback"); };
-    EXPECT_EQ(kxRuleUpdateHashValue(L"SYSTEM", hash.data(), throws, nullptr), KXRULE_E_HASH_LIBRARY);
-    EXPECT_EQ(Rules(4)[0].Access.abAppHash[0] + Rules(4)[1].Access.abAppHash[0], 7) << "one of two";
-    EXPECT_TRUE(tick(ERROR_SUCCESS));
-    EXPECT_NE(ReadFile("KxRl0004.dat"), before);
-}
+    Contents m_Before;
+};
 
 TEST_F(FaultsTest, LackOfMemoryIsToldAndNeverTakenForDamage)
 {
     Campaign campaign("fails: allocation");
+    std::vector<PFW_RULE> rules;
+    for (uint16_t i = 0; i < 100; ++i) // more than a stream gathers before it writes
+        rules.push_back(Build::Access(i));
+    ASSERT_EQ(AddSet(1, {rules.begin(), rules.begin() + 3}, L"small"), 0);
+    ASSERT_EQ(AddSet(2, rules, L"large"), 0);
+    ASSERT_EQ(kxRuleAddMacro(Build::Macro("web", {Build::Item("a")}).get()), 0);
+    ASSERT_EQ(kxRuleWrite(), 0);
+    m_Before = OnDisk();
+    Change();
+    ASSERT_EQ(kxRuleWrite(), 0);
+    const Contents after = OnDisk();
+
     auto set = Build::RuleSet(0, L"a name that does not fit into the string object itself", {Build::Access(1)});
     auto macro = Build::Macro("a name that does not fit into the string", {Build::Item("a")});
     const PFW_RULE rule = Build::Access(1);
@@ -117,60 +79,61 @@ TEST_F(FaultsTest, LackOfMemoryIsToldAndNeverTakenForDamage)
         const char* name;
         std::function<int32_t()> call;
         int32_t failure;
-        bool isReadAnew; // starts from a store that is not read yet
     } const rows[] = {
-        {"kxRuleRead", kxRuleRead, KXRULE_E_FILE_READ, true},
-        {"kxRuleWrite", kxRuleWrite, KXRULE_E_FILE_WRITE, false},
-        {"kxRuleDeleteRuleSet", [] { return kxRuleDeleteRuleSet(2); }, KXRULE_E_FILE_WRITE, false},
-        {"kxRuleAddRuleSet", [&] { return kxRuleAddRuleSet(0, set.get()); }, KXRULE_E_NULL_POINTER, false},
-        {"kxRuleAddRule", [&] { return kxRuleAddRule(1, 200, &rule); }, KXRULE_E_NULL_POINTER, false},
-        {"kxRuleAddMacro", [&] { return kxRuleAddMacro(macro.get()); }, KXRULE_E_NULL_POINTER, false},
-        {"kxRuleSetActiveRuleSet", [&] { return kxRuleSetActiveRuleSet(active, 2); }, KXRULE_E_NULL_POINTER, false},
-        {"kxRuleGetRuleString", [] { return std::min(0, kxRuleGetRuleString(2, 7, nullptr, 0)); }, KXRULE_E_RULE_TEXT,
-         false},
+        {"kxRuleRead", kxRuleRead, KXRULE_E_FILE_READ},
+        {"kxRuleWrite", kxRuleWrite, KXRULE_E_FILE_WRITE},
+        {"kxRuleDeleteRuleSet", [] { return kxRuleDeleteRuleSet(2); }, KXRULE_E_FILE_WRITE},
+        {"kxRuleAddRuleSet", [&] { return kxRuleAddRuleSet(0, set.get()); }, KXRULE_E_NULL_POINTER},
+        {"kxRuleAddRule", [&] { return kxRuleAddRule(1, 200, &rule); }, KXRULE_E_NULL_POINTER},
+        {"kxRuleAddMacro", [&] { return kxRuleAddMacro(macro.get()); }, KXRULE_E_NULL_POINTER},
+        {"kxRuleSetActiveRuleSet", [&] { return kxRuleSetActiveRuleSet(active, 2); }, KXRULE_E_NULL_POINTER},
+        {"kxRuleGetRuleString", [] { return std::min(0, kxRuleGetRuleString(2, 7, nullptr, 0)); }, KXRULE_E_RULE_TEXT},
         {"kxRuleGetRuleString2", [&] { return std::min(0, kxRuleGetRuleString2(&rule, nullptr, 0)); },
-         KXRULE_E_RULE_TEXT, false},
+         KXRULE_E_RULE_TEXT},
         {"kxRuleGetMacroString", [&] { return std::min(0, kxRuleGetMacroString(macro.get(), nullptr, 0)); },
-         KXRULE_E_MACRO_TEXT, false},
+         KXRULE_E_MACRO_TEXT},
     };
     for (const auto& row : rows)
     {
-        Files before;
-        std::vector<uint16_t> indexes;
-        size_t rules = 0;
-        int32_t macros = 0;
-        ForEachFault(
-            row.name, campaign,
-            [&]
+        const bool isRead = row.failure != KXRULE_E_FILE_READ;
+        Begin(isRead);
+        ASSERT_EQ(row.call(), 0) << row.name;
+        const std::vector<size_t> expected = InMemory();
+        for (const bool isForGood : {false, true})
+        {
+            bool hasFailed = true;
+            for (uint32_t k = 1; hasFailed && !HasFailure(); ++k, campaign.Count(1))
             {
-                Begin();
-                if (row.isReadAnew)
-                {
-                    Close();
-                    Restore(m_Before);
-                    ASSERT_EQ(kxRuleInitialize(Directory().c_str(), nullptr), 0);
-                }
-                before = Snapshot();
-                indexes = SetIndexes();
-                rules = Rules(1).size();
-                macros = kxRuleGetMacroCount();
-            },
-            row.call,
-            [&](int32_t result, bool hasFailed)
-            {
+                SCOPED_TRACE(row.name + (", allocation " + std::to_string(k)) + (isForGood ? " and all after it" : ""));
+                Begin(isRead);
+                g_Allocations = {0, k, isForGood};
+                const int32_t result = row.call();
+                hasFailed = g_Allocations.HasFailed();
+                g_Allocations = {};
                 EXPECT_TRUE(result == 0 || (hasFailed && result == row.failure)) << result;
-                const Files now = Snapshot();
-                if (row.failure != KXRULE_E_FILE_WRITE)
-                    EXPECT_EQ(now, before) << "nothing is moved, copied or written";
-                else if (row.name == std::string("kxRuleWrite"))
-                    ExpectOldOrNew(now, m_Before, m_After);
-                if (result != 0 && row.failure == KXRULE_E_NULL_POINTER)
-                {
-                    EXPECT_EQ(SetIndexes(), indexes);
-                    EXPECT_EQ(Rules(1).size(), rules);
-                    EXPECT_EQ(kxRuleGetMacroCount(), macros);
-                    EXPECT_EQ(row.call(), 0) << "the next try";
-                }
-            });
+                const Contents now = OnDisk();
+                EXPECT_TRUE(row.failure == KXRULE_E_FILE_WRITE || now == m_Before) << "moved, copied or written";
+                for (const auto& [name, bytes] : now)
+                    EXPECT_TRUE((m_Before.count(name) != 0 && m_Before.at(name) == bytes) || after.at(name) == bytes ||
+                                row.name == std::string("kxRuleDeleteRuleSet"))
+                        << name << " is neither as before nor as after";
+                const int32_t again = result == 0 ? 0 : row.call();
+                EXPECT_TRUE(again == 0 || again == KXRULE_E_NO_RULESET) << again; // a set that is deleted already
+                EXPECT_EQ(InMemory(), expected);
+            }
+        }
     }
+}
+
+TEST_F(StoreTest, WhatARefreshChangesBeforeItsCallbackThrowsIsWritten)
+{
+    ASSERT_EQ(AddSet(1, {Build::Access(1, L"SYSTEM"), Build::Access(2, L"SYSTEM")}), 0);
+    ASSERT_EQ(kxRuleWrite(), 0);
+    const std::string before = ReadFile("KxRl0001.dat");
+    const std::vector<uint8_t> hash(KXRULE_HASH_BYTES, 7);
+    const auto throws = [](uint32_t, const PFW_RULE*, void*) -> int32_t { throw std::runtime_error("callback"); };
+    EXPECT_EQ(kxRuleUpdateHashValue(L"SYSTEM", hash.data(), throws, nullptr), KXRULE_E_HASH_LIBRARY);
+    EXPECT_EQ(Rules(1)[0].Access.abAppHash[0] + Rules(1)[1].Access.abAppHash[0], 7) << "one of two";
+    EXPECT_EQ(kxRuleFlush(), 0);
+    EXPECT_NE(ReadFile("KxRl0001.dat"), before);
 }

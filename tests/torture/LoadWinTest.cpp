@@ -9,10 +9,10 @@
 #include "api/Library.h"
 #include "persistence/PfwTimer.h"
 #include "repository/RuleMaster.h"
+#include "tests/api/StoreFixture.h"
 #include "tests/standins/HashStandIn.h"
 #include "tests/support/RegistryGuard.h"
-#include "tests/torture/Faults.h"
-#include "tests/torture/TortureTest.h"
+#include "tests/torture/Scale.h"
 
 namespace
 {
@@ -41,7 +41,7 @@ bool IsWhole(const PFW_RULE& rule)
 } // namespace
 
 // Each thread owns one rule set and knows exactly what must be in it; all read everybody's.
-TEST_F(TortureTest, EightThreadsOverAllExportsWithATickingTimer)
+TEST_F(StoreTest, EightThreadsOverAllExportsWithATickingTimer)
 {
     constexpr uint16_t kThreads = 8;
     Campaign campaign("load: calls of eight threads");

@@ -296,17 +296,15 @@ TEST(CrashTest, NoRefusedCallLosesARule)
                 {
                     ClearRoom();
                     g_Room.Now = plain.Base;
-                    g_Room.FailAt = call;
-                    g_Room.Error = error;
-                    g_Room.IsForGood = isForGood;
+                    g_Room.Calls = {0, call, isForGood, error};
                     Story story(kDirectory);
                     story.Contents = {plain.Contents[0]};
                     story.Tell(std::string(scenario.Act) + "; die");
                     EXPECT_EQ(g_Room.OpenFiles(), 0u);
-                    EXPECT_LT(g_Room.Calls, Room::kMostCalls)
+                    EXPECT_LT(g_Room.Calls.Calls, Room::kMostCalls)
                         << scenario.Name << ", error " << error << " from call " << call;
-                    hasFailed = g_Room.HasFailed();
-                    g_Room.FailAt = 0;
+                    hasFailed = g_Room.Calls.HasFailed();
+                    g_Room.Calls = {};
                     Recording recording = plain;
                     recording.Contents = story.Contents;
                     recording.Wanted = plain.Contents;

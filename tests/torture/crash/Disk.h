@@ -9,6 +9,8 @@
 #include <string>
 #include <vector>
 
+#include "tests/support/Faults.h"
+
 namespace Crash
 {
 
@@ -64,15 +66,13 @@ struct Room
 {
     static constexpr uint32_t kMostCalls = 2000; // more are an endless loop
     Disk Now;
-    std::vector<Step> Steps;                   // since it was last cleared
-    std::map<int, uint32_t> Held;              // files that another program has open, and what it shares
-    bool IsReal = false;                       // every call goes to the system instead
-    uint32_t Calls = 0, FailAt = 0, Error = 0; // the call of that number is refused with that error,
-    bool IsForGood = false;                    // and all after it
+    std::vector<Step> Steps;      // since it was last cleared
+    std::map<int, uint32_t> Held; // files that another program has open, and what it shares
+    bool IsReal = false;          // every call goes to the system instead
+    Faults Calls;                 // which are refused
 
     void Do(const Step& step);
     [[nodiscard]] size_t OpenFiles() const;
-    [[nodiscard]] bool HasFailed() const { return FailAt != 0 && Calls >= FailAt; }
 };
 extern Room g_Room;
 

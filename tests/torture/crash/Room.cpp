@@ -118,10 +118,8 @@ bool IsInUse(const std::string& path, DWORD wanted = 0)
 // until it succeeds would never return.)
 bool Succeeds(DWORD error = ERROR_SUCCESS)
 {
-    ++g_Room.Calls;
-    const bool isRefused = g_Room.FailAt != 0 && g_Room.Calls >= g_Room.FailAt &&
-                           (g_Room.IsForGood ? g_Room.Calls < Crash::Room::kMostCalls : g_Room.Calls == g_Room.FailAt);
-    ::SetLastError(isRefused ? g_Room.Error : error);
+    const bool isRefused = g_Room.Calls.IsFailing() && g_Room.Calls.Calls < Crash::Room::kMostCalls;
+    ::SetLastError(isRefused ? g_Room.Calls.Error : error);
     return !isRefused && error == ERROR_SUCCESS;
 }
 

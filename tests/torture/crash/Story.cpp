@@ -263,7 +263,7 @@ void Story::Do(const Words& words)
              const RuleDirectory backup = At(w.Directory + backups.back().Name);
              Story copy(backup.Path());
              copy.Tell("open");
-             s.m_IsOver = !copy.Surprises.empty() || g_Room.HasFailed(); // it restores no damaged copy
+             s.m_IsOver = !copy.Surprises.empty() || g_Room.Calls.HasFailed(); // it restores no damaged copy
              if (s.m_IsOver)
                  return s.Expect(1);
              std::vector<std::string> names;
@@ -308,7 +308,7 @@ void Story::Save(const Content& content, const std::function<int32_t()>& call, i
     g_Room.Do({Step::Kind::Attempt, {}, {}, number});
     const int32_t result = call();
     Expect(result, expected);
-    if (result != 0 || (!isTold && g_Room.HasFailed()))
+    if (result != 0 || (!isTold && g_Room.Calls.HasFailed()))
         return;
     Acknowledged = Contents.size() - 1;
     g_Room.Do({Step::Kind::Acknowledge, {}, {}, number});
