@@ -42,34 +42,41 @@ inline const std::string& Records(const std::string& file)
     return entry->second;
 }
 
-// Whether a file that the documents mention contains them.
-inline bool IsKept(const std::string& records)
+template <class Values, class Is>
+[[nodiscard]] bool IsAny(const Values& values, const Is& is)
 {
-    return std::any_of(g_Room.Now.Names.begin(), g_Room.Now.Names.end(),
-                       [&](const auto& name)
-                       {
-                           return name.second != Disk::kDirectory && !name.first.ends_with(".tmp") &&
-                                  Records(g_Room.Now.Files[name.second]) == records;
-                       });
+    return std::any_of(values.begin(), values.end(), is);
 }
 
-inline bool HasFile(const std::string& bytes)
+/// Whether a file that the documents mention is so.
+template <class Is>
+[[nodiscard]] bool IsAnyFile(const Is& is)
 {
-    return std::any_of(g_Room.Now.Names.begin(), g_Room.Now.Names.end(),
-                       [&](const auto& name) {
-                           return name.second != Disk::kDirectory && !name.first.ends_with(".tmp") &&
-                                  g_Room.Now.Files[name.second] == bytes;
-                       });
+    return IsAny(g_Room.Now.Names,
+                 [&](const auto& name) {
+                     return name.second != Disk::kDirectory && !name.first.ends_with(".tmp") &&
+                            is(g_Room.Now.Files[name.second]);
+                 });
+}
+inline bool IsKept(const std::string& records)
+{
+    return IsAnyFile([&](const std::string& file) { return Records(file) == records; });
 }
 
 inline bool HoldsSet(const Content& content, const std::string& set)
 {
-    return std::any_of(content.Sets.begin(), content.Sets.end(),
-                       [&](const auto& entry) { return entry.second == set; });
+    return IsAny(content.Sets, [&](const auto& entry) { return entry.second == set; });
 }
 
+struct Outcome
+{
+    std::string Lost; // what, and when; empty when nothing is
+    bool IsMoved = false;
+    std::vector<Step> ReadSteps; // of the first read
+};
+
 /// Reconstructs a state, goes on from it, and says what is lost.
-class Check
+class Check : public Outcome
 {
 public:
     Check(const Recording& recording, const State& state)
@@ -96,11 +103,7 @@ public:
         if (!Lost.empty())
             return;
         // Three more lives, each of which changes, writes and goes.
-        std::set<uint16_t> missing;
-        for (const Content& content : m_Allowed)
-            for (const auto& set : content.Sets)
-                missing.insert(set.first);
-        for (const uint16_t index : missing)
+        for (const uint16_t index : IndexesIn(m_Allowed))
             if (now.Sets.count(index) == 0)
                 m_Life.Tell("set " + std::to_string(index) + " 1");
         LiveOn("touch 500; write", "the first life");
@@ -109,30 +112,24 @@ public:
         LiveOn("set 0 1; touch 502", "the third life");
     }
 
-    std::string Lost; // what, and when; empty when nothing is
-    bool IsMoved = false;
-    std::vector<Step> ReadSteps; // of the first read
-
 private:
     void Lose(const std::string& what)
     {
         if (Lost.find(what) == std::string::npos)
             Lost += (Lost.empty() ? "" : "; ") + what;
     }
-    template <class Is>
-    [[nodiscard]] static bool IsAny(const std::vector<Content>& contents, const Is& is)
-    {
-        return std::any_of(contents.begin(), contents.end(), is);
-    }
-
-    void Compare(const Content& now)
+    [[nodiscard]] static std::set<uint16_t> IndexesIn(const std::vector<Content>& contents)
     {
         std::set<uint16_t> indexes;
-        for (const auto& set : now.Sets)
-            indexes.insert(set.first);
-        for (const Content& content : m_Recording.Contents)
+        for (const Content& content : contents)
             for (const auto& set : content.Sets)
                 indexes.insert(set.first);
+        return indexes;
+    }
+    void Compare(const Content& now)
+    {
+        std::set<uint16_t> indexes = IndexesIn(m_Recording.Contents);
+        indexes.merge(IndexesIn({now}));
         for (const uint16_t index : indexes)
             CompareSet(index, now.Set(index));
         if (!IsAny(m_Allowed, [&](const Content& content) { return content.Macros == now.Macros; }) &&
@@ -189,8 +186,7 @@ private:
     }
     [[nodiscard]] bool IsHidden(const std::string& set) const
     {
-        return std::any_of(m_Recording.Hidden.begin(), m_Recording.Hidden.end(),
-                           [&](const auto& file) { return Records(file.second) == set; });
+        return IsAny(m_Recording.Hidden, [&](const auto& file) { return Records(file.second) == set; });
     }
     // Whether this life knows what the file holds.
     [[nodiscard]] bool IsRead(const std::string& path, const std::string& bytes, const Content& now) const
@@ -204,7 +200,7 @@ private:
     void LookForKept(const std::string& since)
     {
         for (const auto& [path, bytes] : m_Hidden)
-            if (!HasFile(bytes))
+            if (!IsAnyFile([&, &was = bytes](const std::string& file) { return file == was; }))
                 Lose("what was in " + path + " is gone after " + since);
         for (const std::string& records : m_Moved)
             if (!IsKept(records))

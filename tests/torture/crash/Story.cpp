@@ -143,155 +143,149 @@ void Story::Tell(const std::string& sentences)
         one >> words.Verb;
         for (std::string word; one >> word;)
             words.Rest.push_back(word);
-        if (!words.Verb.empty() && !(m_IsOver && words.Verb != "die"))
-            Do(words);
+        if (!words.Verb.empty() && !(m_IsOver && words.Verb != "die") && !Live(words))
+            Interfere(words);
         if (!Surprises.empty() && Surprises.back().ends_with(':'))
             Surprises.back() += sentence;
     }
 }
 
-void Story::Do(const Words& words)
+// What is done with the library.
+bool Story::Live(const Words& w)
 {
-    using Act = void (*)(Story&, const Words&);
-    static const std::map<std::string, Act> s_Verbs = {
-        {"unread",
-         [](Story& s, const Words& w)
-         {
-             s.m_Life.reset();
-             s.m_Life = std::make_unique<Life>(w.Directory);
-             s.IsBlind = true;
-         }},
-        {"open",
-         [](Story& s, const Words& w)
-         {
-             const bool wasBlind = s.IsBlind;
-             s.Tell("unread");
-             const int32_t result = s.m_Life->Master.ReadAll();
-             s.IsBlind = wasBlind || result != 0;
-             s.Expect(result, w.Result(0));
-         }},
-        {"die", [](Story& s, const Words&) { s.m_Life.reset(); }},
-        {"stop",
-         [](Story& s, const Words&)
-         {
-             s.Save(
-                 s.Now(), [&] { return s.m_Life->Master.Finalize(); }, 0, false);
-             s.m_Life.reset();
-         }},
-        {"write",
-         [](Story& s, const Words& w)
-         {
-             s.Save(
-                 s.Now(), [&] { return s.m_Life->Master.WriteAll(); }, w.Result(0));
-         }},
-        {"flush", [](Story& s, const Words&) { s.Save(s.Now(), [&] { return s.m_Life->Master.FlushRule(); }); }},
-        {"tick",
-         [](Story& s, const Words&)
-         {
-             const auto tick = [&]
-             {
-                 CRuleMaster::CallbackFuncWriteTimeOut(&s.m_Life->Master);
-                 return 0;
-             };
-             s.Save(s.Now(), tick, 0, false);
-         }},
-        {"set", [](Story& s, const Words& w)
-         { s.Expect(s.m_Life->AddSet(w.Number(0), w.Rest.size() > 1 ? w.Number(1) : uint16_t{2})); }},
-        {"rule", [](Story& s, const Words& w) { s.Expect(s.m_Life->AddRule(w.Number(0), w.Number(1))); }},
-        {"touch",
-         [](Story& s, const Words& w)
-         {
-             for (const auto& set : s.Now().Sets)
-                 s.Expect(s.m_Life->AddRule(set.first, w.Number(0)));
-         }},
-        {"delete",
-         [](Story& s, const Words& w)
-         {
-             Content content = s.Contents.back(); // other changes wait for a write, but for the active list
-             content.Active = s.Now().Active;
-             content.Sets.erase(w.Number(0));
-             if (w.Number(0) == 0)
-                 content.Sets.clear();
-             s.Save(
-                 content, [&] { return s.m_Life->Master.DeleteRuleSet(w.Number(0)); }, 0, false);
-         }},
-        {"macro",
-         [](Story& s, const Words& w) { s.m_Life->Master.AddMacro(CMacro(w.Rest.at(0), {Build::Item("x")})); }},
-        {"active",
-         [](Story& s, const Words& w)
-         {
-             std::vector<uint16_t> indexes;
-             for (size_t i = 0; i < w.Rest.size(); ++i)
-                 indexes.push_back(w.Number(i));
-             s.m_Life->Master.SetActiveRuleSet(indexes);
-         }},
-        {"store",
-         [](Story& s, const Words& w)
-         {
-             s.Tell("open; macro given; active 1");
-             for (uint16_t index = 1; index <= w.Number(0); ++index)
-                 s.Expect(s.m_Life->AddSet(index, index));
-             s.Tell("stop");
-         }},
-        {"rename", [](Story& s, const Words& w) { s.Rename(w.Path(0), w.Path(1)); }},
-        {"swap",
-         [](Story& s, const Words& w)
-         {
-             s.Rename(w.Path(0), w.Directory + "aside");
-             s.Rename(w.Path(1), w.Path(0));
-             s.Rename(w.Directory + "aside", w.Path(1));
-         }},
-        {"copy", [](Story& s, const Words& w) { s.PutFile(w.Path(1), s.ReadFile(w.Path(0))); }},
-        {"backup",
-         [](Story& s, const Words& w)
-         {
-             const RuleDirectory store = At(w.Directory);
-             std::vector<std::string> names;
-             std::string backup, failed;
-             const bool isDone = store.FindFiles(names) && Copies::CopyToBackup(store, names, backup, failed);
-             s.Expect(isDone ? 0 : 1);
-             s.m_IsOver = !isDone;
-         }},
-        {"restore",
-         [](Story& s, const Words& w)
-         {
-             const RuleDirectory store = At(w.Directory);
-             const std::vector<Copies::Dated> backups = Copies::FindBackups(store);
-             s.m_IsOver = backups.empty();
-             if (s.m_IsOver)
-                 return s.Expect(1);
-             const RuleDirectory backup = At(w.Directory + backups.back().Name);
-             Story copy(backup.Path());
-             copy.Tell("open");
-             s.m_IsOver = !copy.Surprises.empty() || g_Room.Calls.HasFailed(); // it restores no damaged copy
-             if (s.m_IsOver)
-                 return s.Expect(1);
-             std::vector<std::string> names;
-             std::string failed;
-             const auto put = [&]
-             { return backup.FindFiles(names) && Copies::PutFiles(backup, store, names, failed) ? 0 : 1; };
-             s.Save(copy.Now(), put);
-         }},
-        {"erase", [](Story& s, const Words& w) { s.Expect(Files::Delete(w.Path(0).c_str()) ? 0 : 1); }},
-        {"cut", [](Story& s, const Words& w) { s.PutFile(w.Path(0), s.ReadFile(w.Path(0)).substr(0, w.Number(1))); }},
-        {"old",
-         [](Story& s, const Words& w)
-         {
-             std::string content = s.ReadFile(w.Path(0));
-             content.replace(FileFormat::kMagicBytes, OldVersion().size(), OldVersion());
-             s.PutFile(w.Path(0), content);
-         }},
-        {"hold", [](Story& s, const Words& w) { s.Hold(w.Path(0), 0); }},
-        {"share", [](Story& s, const Words& w) { s.Hold(w.Path(0), FILE_SHARE_READ); }},
-        {"lend", [](Story& s, const Words& w) { s.Hold(w.Path(0), FILE_SHARE_READ | FILE_SHARE_DELETE); }},
-        {"letgo",
-         [](Story& s, const Words&)
-         {
-             s.m_Holders.clear();
-             g_Room.Held.clear();
-         }},
-    };
-    s_Verbs.at(words.Verb)(*this, words);
+    const uint16_t number = w.Number(0);
+    if (w.Verb == "unread" || w.Verb == "open")
+    {
+        m_Life.reset();
+        m_Life = std::make_unique<Life>(m_Directory);
+        if (w.Verb == "open")
+            Expect(m_Life->Master.ReadAll(), w.Result(0));
+        IsBlind = IsBlind || w.Verb == "unread" || Results.back() != 0;
+    }
+    else if (w.Verb == "die")
+        m_Life.reset();
+    else if (w.Verb == "stop")
+    {
+        Save(
+            Now(), [&] { return m_Life->Master.Finalize(); }, 0, false);
+        m_Life.reset();
+    }
+    else if (w.Verb == "write")
+        Save(
+            Now(), [&] { return m_Life->Master.WriteAll(); }, w.Result(0));
+    else if (w.Verb == "flush")
+        Save(Now(), [&] { return m_Life->Master.FlushRule(); });
+    else if (w.Verb == "tick")
+    {
+        const auto tick = [this]
+        {
+            CRuleMaster::CallbackFuncWriteTimeOut(&m_Life->Master);
+            return 0;
+        };
+        Save(Now(), tick, 0, false);
+    }
+    else if (w.Verb == "set")
+        Expect(m_Life->AddSet(number, w.Rest.size() > 1 ? w.Number(1) : uint16_t{2}));
+    else if (w.Verb == "rule")
+        Expect(m_Life->AddRule(number, w.Number(1)));
+    else if (w.Verb == "touch")
+        for (const auto& set : Now().Sets)
+            Expect(m_Life->AddRule(set.first, number));
+    else if (w.Verb == "delete")
+    {
+        Content content = Contents.back(); // other changes wait for a write, but for the active list
+        content.Active = Now().Active;
+        content.Sets.erase(number);
+        if (number == 0)
+            content.Sets.clear();
+        Save(
+            content, [&] { return m_Life->Master.DeleteRuleSet(number); }, 0, false);
+    }
+    else if (w.Verb == "macro")
+        m_Life->Master.AddMacro(CMacro(w.Rest.at(0), {Build::Item("x")}));
+    else if (w.Verb == "active")
+    {
+        std::vector<uint16_t> indexes;
+        for (size_t i = 0; i < w.Rest.size(); ++i)
+            indexes.push_back(w.Number(i));
+        m_Life->Master.SetActiveRuleSet(indexes);
+    }
+    else if (w.Verb == "store")
+    {
+        Tell("open; macro given; active 1");
+        for (uint16_t index = 1; index <= number; ++index)
+            Expect(m_Life->AddSet(index, index));
+        Tell("stop");
+    }
+    else
+        return false;
+    return true;
+}
+
+// What others do to the files.
+void Story::Interfere(const Words& w)
+{
+    const auto move = [this](const std::string& from, const std::string& to)
+    { Expect(Files::Move(from.c_str(), to.c_str(), false) ? 0 : 1); };
+    if (w.Verb == "rename")
+        move(w.Path(0), w.Path(1));
+    else if (w.Verb == "swap")
+    {
+        move(w.Path(0), m_Directory + "aside");
+        move(w.Path(1), w.Path(0));
+        move(m_Directory + "aside", w.Path(1));
+    }
+    else if (w.Verb == "copy")
+        PutFile(w.Path(1), ReadFile(w.Path(0)));
+    else if (w.Verb == "erase")
+        Expect(Files::Delete(w.Path(0).c_str()) ? 0 : 1);
+    else if (w.Verb == "cut")
+        PutFile(w.Path(0), ReadFile(w.Path(0)).substr(0, w.Number(1)));
+    else if (w.Verb == "old")
+        PutFile(w.Path(0), ReadFile(w.Path(0)).replace(FileFormat::kMagicBytes, OldVersion().size(), OldVersion()));
+    else if (w.Verb == "backup")
+    {
+        const RuleDirectory store = At(m_Directory);
+        std::vector<std::string> names;
+        std::string backup, failed;
+        m_IsOver = !store.FindFiles(names) || !Copies::CopyToBackup(store, names, backup, failed);
+        Expect(m_IsOver ? 1 : 0);
+    }
+    else if (w.Verb == "restore")
+        Restore();
+    else if (w.Verb == "letgo")
+    {
+        m_Holders.clear();
+        g_Room.Held.clear();
+    }
+    else
+    {
+        static const std::map<std::string, DWORD> shares = {
+            {"hold", 0}, {"share", FILE_SHARE_READ}, {"lend", FILE_SHARE_READ | FILE_SHARE_DELETE}};
+        const DWORD share = shares.at(w.Verb);
+        if (g_Room.IsReal)
+            m_Holders.emplace_back(::CreateFileA(w.Path(0).c_str(), GENERIC_READ, share, nullptr, OPEN_EXISTING,
+                                                 FILE_ATTRIBUTE_NORMAL, nullptr));
+        g_Room.Held[g_Room.Now.NumberFor(w.Path(0))] = share;
+    }
+}
+
+void Story::Restore()
+{
+    const RuleDirectory store = At(m_Directory);
+    const std::vector<Copies::Dated> backups = Copies::FindBackups(store);
+    m_IsOver = backups.empty();
+    if (m_IsOver)
+        return Expect(1);
+    const RuleDirectory backup = At(m_Directory + backups.back().Name);
+    Story copy(backup.Path());
+    copy.Tell("open");
+    m_IsOver = !copy.Surprises.empty() || g_Room.Calls.HasFailed(); // it restores no damaged copy
+    if (m_IsOver)
+        return Expect(1);
+    std::vector<std::string> names;
+    std::string failed;
+    Save(copy.Now(), [&] { return backup.FindFiles(names) && Copies::PutFiles(backup, store, names, failed) ? 0 : 1; });
 }
 
 void Story::Expect(int32_t result, int32_t expected)
@@ -331,19 +325,6 @@ void Story::PutFile(const std::string& path, const std::string& content) const
     KxCommon::UniqueFile file = Files::Open(path.c_str(), GENERIC_WRITE, CREATE_ALWAYS);
     static_cast<void>(Files::Write(file.get(), content.data(), static_cast<uint32_t>(content.size())));
     Files::Close(file);
-}
-
-void Story::Rename(const std::string& from, const std::string& to)
-{
-    Expect(Files::Move(from.c_str(), to.c_str(), false) ? 0 : 1);
-}
-
-void Story::Hold(const std::string& path, DWORD share)
-{
-    if (g_Room.IsReal)
-        m_Holders.emplace_back(
-            ::CreateFileA(path.c_str(), GENERIC_READ, share, nullptr, OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, nullptr));
-    g_Room.Held[g_Room.Now.NumberFor(path)] = share;
 }
 
 } // namespace Crash

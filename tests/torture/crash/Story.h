@@ -60,15 +60,15 @@ private:
     struct Life;
     struct Words;
 
-    void Do(const Words& words);
+    [[nodiscard]] bool Live(const Words& words); // false: not a verb of the library's
+    void Interfere(const Words& words);
+    void Restore();
     void Expect(int32_t result, int32_t expected = 0);
     /// Calls what puts the content on the disk. Result 0 acknowledges it, unless isTold is false and a system call was
     /// refused, which the result does not report.
     void Save(const Content& content, const std::function<int32_t()>& call, int32_t expected = 0, bool isTold = true);
     [[nodiscard]] std::string ReadFile(const std::string& path) const;
     void PutFile(const std::string& path, const std::string& content) const;
-    void Rename(const std::string& from, const std::string& to);
-    void Hold(const std::string& path, DWORD share);
 
     std::string m_Directory; // with backslash
     std::unique_ptr<Life> m_Life;
