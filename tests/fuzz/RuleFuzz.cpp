@@ -27,14 +27,9 @@ struct NoLock final : CLock
     bool Unlock() override { return true; }
 };
 
-bool Same(const void* a, const void* b, size_t size)
-{
-    return size == 0 || std::memcmp(a, b, size) == 0;
-}
-
 bool Same(const PFW_RULE& a, const PFW_RULE& b)
 {
-    return Same(&a, &b, sizeof a);
+    return std::memcmp(&a, &b, sizeof a) == 0;
 }
 
 /// An item's text from a copy in separate memory, so that reading past it shows.
@@ -47,55 +42,38 @@ std::string TextOf(const Item& item, void (*append)(std::string&, const Item&))
     return text;
 }
 
-template <size_t count>
-std::string TextsOf(const RULE_ADDR (&addresses)[count])
-{
-    std::string text;
-    for (const RULE_ADDR& address : addresses)
-        text += TextOf(address, RuleText::AppendAddress) + ',';
-    return text;
-}
-
 template <class Block>
 std::string TrafficOf(const Block& block)
 {
-    std::string text = TextsOf(block.Addr);
-    for (const RULE_PORT& port : block.Port)
-        text += TextOf(port, RuleText::AppendPort) + ',';
+    std::string text;
+    for (const RULE_ADDR& address : block.Addr)
+        text += TextOf(address, RuleText::AppendAddress) + ',';
+    if constexpr (requires { block.Port; })
+        for (const RULE_PORT& port : block.Port)
+            text += TextOf(port, RuleText::AppendPort) + ',';
     return text;
 }
 
-/// What the line says about addresses and ports, after two keywords.
-std::string ExpectedTraffic(const PFW_RULE& rule)
+struct Shown
+{
+    std::string Traffic; // what the line says about addresses and ports, after two keywords
+    size_t End;          // the first byte after what it shows
+};
+
+Shown ShownOf(const PFW_RULE& rule)
 {
     switch (rule.dwKind)
     {
     case KXRULE_KIND_ACCESS:
-        return TrafficOf(rule.Access);
+        return {TrafficOf(rule.Access), offsetof(PFW_RULE, Access.wszAppName)};
     case KXRULE_KIND_NAT:
-        return TrafficOf(rule.Nat);
+        return {TrafficOf(rule.Nat), offsetof(PFW_RULE, Nat.dwNatType) + sizeof(uint32_t)};
     case KXRULE_KIND_THROTTLE:
-        return TrafficOf(rule.Throttle);
+        return {TrafficOf(rule.Throttle), offsetof(PFW_RULE, Throttle.szExtText) + KXRULE_EXT_TEXT_BYTES};
     case KXRULE_KIND_STREAM:
-        return TextsOf(rule.Stream.Addr);
+        return {TrafficOf(rule.Stream), sizeof rule};
     default:
-        return TrafficOf(rule.GenStream);
-    }
-}
-
-/// The first byte after what the line shows of a rule of that kind.
-size_t UsedEnd(uint32_t kind)
-{
-    switch (kind)
-    {
-    case KXRULE_KIND_ACCESS:
-        return offsetof(PFW_RULE, Access.wszAppName);
-    case KXRULE_KIND_NAT:
-        return offsetof(PFW_RULE, Nat.dwNatType) + sizeof(uint32_t);
-    case KXRULE_KIND_THROTTLE:
-        return offsetof(PFW_RULE, Throttle.szExtText) + KXRULE_EXT_TEXT_BYTES;
-    default:
-        return sizeof(PFW_RULE);
+        return {TrafficOf(rule.GenStream), sizeof rule};
     }
 }
 
@@ -111,13 +89,13 @@ void CheckLine(const PFW_RULE& rule)
     }
     KX_REQUIRE(line.find('\0') == std::string::npos);
     const size_t start = line.find(',', line.find(',') + 1) + 1;
-    const std::string traffic = ExpectedTraffic(rule);
-    KX_REQUIRE(line.compare(start, traffic.size(), traffic) == 0);
+    const Shown shown = ShownOf(rule);
+    KX_REQUIRE(line.compare(start, shown.Traffic.size(), shown.Traffic) == 0);
 
     // A field without a terminator must not bring its neighbours into the line.
     uint8_t* const bytes = reinterpret_cast<uint8_t*>(alone.get());
     std::fill_n(bytes, kUsedHead, 'x');
-    std::fill(bytes + UsedEnd(kind), bytes + sizeof rule, static_cast<uint8_t>('x'));
+    std::fill(bytes + shown.End, bytes + sizeof rule, static_cast<uint8_t>('x'));
     std::string again;
     KX_REQUIRE(RuleText::Render(*alone, again) == KXRULE_OK && again == line);
 }
@@ -147,7 +125,8 @@ void CheckNormalised(const PFW_RULE& given, const PFW_RULE& rule)
     const size_t ends = isAccess ? offsetof(PFW_RULE, Access.dwSystem) : offsetof(PFW_RULE, Access2.dwSystem);
     const uint8_t* const before = reinterpret_cast<const uint8_t*>(&given);
     const uint8_t* const after = reinterpret_cast<const uint8_t*>(&rule);
-    const auto same = [=](size_t begin, size_t end) { return Same(before + begin, after + begin, end - begin); };
+    const auto same = [=](size_t begin, size_t end)
+    { return std::memcmp(before + begin, after + begin, end - begin) == 0; };
     KX_REQUIRE(same(0, offsetof(PFW_RULE, Access.Addr)));
     KX_REQUIRE(same(offsetof(PFW_RULE, Access.dwAction), ends - KXRULE_HASH_BYTES - sizeof(KXWCHAR)));
     KX_REQUIRE(same(ends + sizeof(uint32_t), sizeof rule));
