@@ -286,4 +286,9 @@ std::optional<std::vector<Changed>> Compare(const RuleDirectory& directory, cons
     return changes;
 }
 
+bool HasManifest(const RuleDirectory& backup)
+{
+    return !ReadManifest(backup).empty();
+}
+
 } // namespace Copies

@@ -53,5 +53,7 @@ struct Changed
 /// How a directory's rule files differ from the manifest of a backup or, if it has none, from the backup's files.
 /// Nothing if the backup has neither, or a file cannot be read.
 [[nodiscard]] std::optional<std::vector<Changed>> Compare(const RuleDirectory& directory, const RuleDirectory& backup);
+/// Whether there is a manifest.
+[[nodiscard]] bool HasManifest(const RuleDirectory& backup);
 
 } // namespace Copies

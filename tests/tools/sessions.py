@@ -11,6 +11,7 @@ A session is a text file. It begins in an empty directory and is read line by li
   ! copy FROM TO, ! remove PATH, ! mkdir PATH, ! truncate FILE SIZE (from the end if negative), ! flip FILE OFFSET, ! append FILE TEXT,
   ! utf16 FROM TO
   ! same A B       says whether two files, or what two directories hold, are the same
+  ! await FILE TEXT  waits until the text is in the file
   ! interrupt ARGS starts "kxrule --force --dir règles ARGS", which reads standard input, and presses Ctrl-C
   ! hold           another process has the library initialised from here on
 
@@ -30,6 +31,7 @@ import signal
 import subprocess
 import sys
 import tempfile
+import time
 import zlib
 
 try:
@@ -82,8 +84,12 @@ class Session:
             source, arguments = (self.directory / arguments[-1]).open("rb"), arguments[:-2]
         elif arguments[-2:-1] == (">",):
             target, arguments = self.directory / arguments[-1], arguments[:-2]
-        process = self.start("kxrule.exe", *own, *arguments, source=source, error=subprocess.PIPE)
-        out, error = process.communicate()
+        # Not a pipe: under Wine a process that kxrule has detached would hold it open.
+        with tempfile.TemporaryFile() as errors:
+            process = self.start("kxrule.exe", *own, *arguments, source=source, error=errors)
+            out = process.communicate()[0]
+            errors.seek(0)
+            error = errors.read()
         if target:
             target.write_bytes(out)
             out = b""
@@ -144,6 +150,12 @@ class Session:
                     for top in paths)
             return ["yes" if a == b else "no: " + " ".join(str(p) for p in sorted(a.keys() | b.keys())
                                                            if a.get(p) != b.get(p))]
+        elif verb == "await":
+            end = time.monotonic() + 60
+            while not paths[0].exists() or arguments[1] not in paths[0].read_text():  # it is replaced
+                if time.monotonic() > end:
+                    return ["no"]
+                time.sleep(0.05)
         elif verb == "interrupt":
             process = self.start("kxrule.exe", "--force", "--dir", RULES, *arguments, source=subprocess.PIPE,
                                  error=subprocess.PIPE)

@@ -6,6 +6,7 @@
 #include "policy/Utf8.h"
 #include "policy/Words.h"
 #include "tools/kxrule/commands/Commands.h"
+#include "tools/kxrule/commands/Confirmation.h"
 #include "tools/kxrule/console/Columns.h"
 
 namespace Tool
@@ -63,8 +64,15 @@ int Backups(Session& session)
     return ExitDone;
 }
 
-int Undo(Session& session)
+int Undo(Session& session, bool isOnlyUnconfirmed)
 {
+    if (TakeBackUnconfirmed(session))
+        return ExitDone;
+    if (isOnlyUnconfirmed)
+    {
+        session.Terminal().Out(session.Options().Json ? "{\"restored\": []}\n" : "nothing to take back\n");
+        return ExitDone;
+    }
     // The library copies what it finds damaged; only the copies of this tool were made before a change.
     for (const Copies::Dated& copy : Copies::FindBackups(session.Store()))
     {

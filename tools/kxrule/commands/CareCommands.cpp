@@ -1,6 +1,5 @@
 // Commands that maintain the files: verify, backup, restore, tidy. docs/recovery.md explains when to use them.
 #include <algorithm>
-#include <functional>
 #include <iterator>
 
 #include <nlohmann/json.hpp>
@@ -84,17 +83,21 @@ Json NamesAsJson(const std::vector<std::string>& names)
     return json;
 }
 
-/// Replaces files of the store by those that put copies there.
-int PutInPlace(Session& session, const std::vector<std::string>& names,
-               const std::function<bool(const RuleDirectory& store, std::string& failed)>& put)
+[[noreturn]] void FailedToPut(const std::string& name)
 {
+    throw Failure("putting " + NarrowToUtf8(name) + " in place: " + SystemText(::GetLastError()));
+}
+
+int RestoreMacros(Session& session, const StoreFile& file)
+{
+    RequireDirectory(session.Directory());
     session.Claim();
     session.BeginChange();
     session.CopyFiles();
-    std::string failed = names.front();
-    if (!put(session.Store(), failed))
-        throw Failure("putting " + NarrowToUtf8(failed) + " in place: " + SystemText(::GetLastError()));
-    return TellChange(session, Count(names.size(), "file") + " restored", {{"restored", NamesAsJson(names)}});
+    const RuleDirectory store = session.Store();
+    if (!store.Put(file.Directory, file.Name, store.MacroFileName()))
+        FailedToPut(store.MacroFileName());
+    return TellRestored(session, {store.MacroFileName()});
 }
 
 int RestoreFile(Session& session, const fs::path& file)
@@ -106,13 +109,7 @@ int RestoreFile(Session& session, const fs::path& file)
     if (seen.File.Head.Kind == FileKind::Master)
         throw Failure(Name(file) + " is a master file; it is restored with its directory");
     if (seen.File.Head.Kind == FileKind::Macros)
-    {
-        RequireDirectory(session.Directory());
-        const std::string name = session.Store().MacroFileName();
-        return PutInPlace(session, {name},
-                          [&](const RuleDirectory& store, std::string&)
-                          { return store.Put(place.Directory, place.Name, name); });
-    }
+        return RestoreMacros(session, place);
     if (seen.File.Head.Version == FileFormat::kOldVersion)
         throw Failure(Name(file) + " is of version 1, whose rules cannot be read");
     Policy wanted;
@@ -126,11 +123,6 @@ int RestoreFile(Session& session, const fs::path& file)
     }
     return ApplyPolicy(session, store, wanted, MergeMode::Replace);
 }
-
-} // namespace
-
-namespace
-{
 
 int VerifyAgainst(Session& session, const std::string& backup)
 {
@@ -155,11 +147,25 @@ int VerifyAgainst(Session& session, const std::string& backup)
 
 } // namespace
 
+int TellRestored(Session& session, const std::vector<std::string>& names)
+{
+    return TellChange(session, Count(names.size(), "file") + " restored", {{"restored", NamesAsJson(names)}});
+}
+
+void PutStore(Session& session, const RuleDirectory& source, const std::vector<std::string>& names)
+{
+    session.BeginChange();
+    session.CopyFiles();
+    if (std::string failed; !Copies::PutFiles(source, session.Store(), names, failed))
+        FailedToPut(failed);
+}
+
 int Verify(Session& session, const std::string& against)
 {
     RequireDirectory(session.Directory());
     if (!against.empty())
         return VerifyAgainst(session, against);
+    session.TellUnconfirmed();
     const StoreReport report = CheckStore(session.Store(), session.Terminal(), true);
     PrintReport(session, report);
     return report.IsDamaged() ? ExitFailed : ExitDone;
@@ -216,9 +222,9 @@ int RestoreDirectory(Session& session, const fs::path& path)
             (changes ? NarrowToUtf8(changes->front().Name) + " does not match the manifest" : "it cannot be read"));
     if (names.front() != source.MasterFileName())
         throw Failure(Name(path) + " has no master file; its files can be restored one by one");
-    return PutInPlace(session, names,
-                      [&](const RuleDirectory& store, std::string& failed)
-                      { return Copies::PutFiles(source, store, names, failed); });
+    session.Claim();
+    PutStore(session, source, names);
+    return TellRestored(session, names);
 }
 
 int Restore(Session& session, const std::string& source)

@@ -10,6 +10,7 @@
 #include <CLI/CLI.hpp>
 
 #include "tools/kxrule/commands/Commands.h"
+#include "tools/kxrule/commands/Confirmation.h"
 #include "tools/kxrule/commands/Manual.h"
 
 #if !defined(KX_VERSION) // the build gives it
@@ -194,6 +195,16 @@ private:
                          "Show what would change and change nothing; exit code 3 when something would");
         import->add_flag("--allow-empty", m_Import.AllowEmpty, "Let --replace remove every rule set");
         import->add_flag("--strict", m_Import.Strict, "Refuse a policy that lint would report");
+        import
+            ->add_option("--confirm", m_Import.Confirm,
+                         "Take the import back after this time unless \"kxrule confirm\" comes before")
+            ->check(InRange(1, kMostConfirmSeconds))
+            ->type_name("SECONDS");
+        Add(m_App, "confirm", "Keep an import that would be taken back otherwise", "kxrule confirm",
+            [](Session& session) { return Confirm(session); });
+        Add(m_App, "await-confirmation", "What import --confirm starts", "",
+            [](Session& session) { return AwaitConfirmation(session); })
+            ->group("");
         CLI::App* const lint =
             Add(m_App, "lint",
                 "Report what in a policy file, or in the store, is probably not intended; exit code 1 if anything is",
@@ -380,8 +391,10 @@ private:
         Add(m_App, "backups",
             "List the copies below RuleBackup: when they were made, how much they hold, where they are",
             "kxrule backups", [](Session& session) { return Backups(session); });
-        Add(m_App, "undo", "Restore the newest copy that kxrule made before a change; can itself be undone",
-            "kxrule undo", [](Session& session) { return Undo(session); });
+        CLI::App* const undo =
+            Add(m_App, "undo", "Restore the newest copy that kxrule made before a change; can itself be undone",
+                "kxrule undo", [this](Session& session) { return Undo(session, m_All); });
+        undo->add_flag("--unconfirmed", m_All, "Only an import that waits for its confirmation");
         CLI::App* const tidy =
             Add(m_App, "tidy", "Remove what unfinished writes have left behind, and rule set files that nothing reads",
                 "kxrule tidy --yes", [this](Session& session) { return Tidy(session, m_All); });
@@ -419,7 +432,7 @@ private:
     {
         std::string best;
         size_t least = 3; // changed letters
-        for (const CLI::App* const command : m_App.get_subcommands([](const CLI::App*) { return true; }))
+        for (const CLI::App* const command : ShownCommands(m_App))
         {
             const size_t distance = Distance(word, command->get_name());
             if (distance < least)

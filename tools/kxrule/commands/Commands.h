@@ -54,10 +54,12 @@ struct ImportOptions
     bool Check = false;
     bool AllowEmpty = false;
     bool Strict = false;
+    uint32_t Confirm = 0; // seconds after which it is taken back; 0: it stays
 };
 int Import(Session& session, const ImportOptions& options);
-/// Reports a change, in words or as JSON, and where what was there before is. Returns ExitDone.
-int TellChange(Session& session, const std::string& text, Json json);
+/// Reports a change, in words or as JSON, and where what was there before is; then, in words, what follows. Returns
+/// ExitDone.
+int TellChange(Session& session, const std::string& text, Json json, const std::string& after = {});
 int ImportMacros(Session& session, const ImportOptions& options);
 
 /// What is probably not intended, in the store or, if one is given, in a file.
@@ -122,15 +124,19 @@ int Backup(Session& session, const std::string& directory);
 int Restore(Session& session, const std::string& source);
 int RestoreDirectory(Session& session, const std::filesystem::path& path);
 int Backups(Session& session); // BackupCommands
-/// Restores the newest copy that this tool made.
-int Undo(Session& session);
+/// Restores the newest copy that this tool made; if told so, only takes back an import that waits for its confirmation.
+int Undo(Session& session, bool isOnlyUnconfirmed);
 int Tidy(Session& session, bool yes);
 int Dump(Session& session, const std::string& file);
 
 // ---------------------------------------------------------------------------------------------------------- helpers --
-/// Makes the store match the wanted policy and prints what changed. The store's rules are freed as soon as they are no
-/// longer needed.
-int ApplyPolicy(Session& session, Policy& store, const Policy& wanted, MergeMode mode);
+/// Makes the store match the wanted policy and prints what changed. Of the options only the confirmation counts here.
+/// The store's rules are freed as soon as they are no longer needed.
+int ApplyPolicy(Session& session, Policy& store, const Policy& wanted, MergeMode mode,
+                const ImportOptions& options = {});
+/// Makes the store's files the named ones of a directory, and copies what they replace.
+void PutStore(Session& session, const RuleDirectory& source, const std::vector<std::string>& names);
+int TellRestored(Session& session, const std::vector<std::string>& names);
 /// For Session::Look, if the rules are not wanted.
 void LeaveOut(const Policy& policy, const RuleSetRecord& ruleSet);
 /// A rule's line, and below it what the line omits.

@@ -118,6 +118,31 @@ change is complete and the command ends as usual, so the store is either old or 
 machine can leave new macros with old rule sets; running the same import again repairs that.) `tidy` examines what it
 would remove, and leaves anything that exists nowhere else.
 
+## Imports that have to be confirmed
+
+`kxrule import FILE --confirm 60` applies a policy and reverts it after 60 seconds unless `kxrule confirm` is run first:
+for rules that may cut off the administrator who sets them. A second `kxrule` process waits in the background. It
+survives the end of the console and of a remote shell; if the shell's job would end it, the import is refused. Until the
+import is confirmed or reverted, every other change is refused, a second import included, and commands that only read
+warn about it. `kxrule undo` reverts the import at once. Reverting restores the files bit by bit from the copy below
+`RuleBackup` and copies what it replaces, so `kxrule undo` can bring the import back. An import that fails halfway is
+reverted as well.
+
+The pending import is recorded in the file `KxRulCfm.txt` in the rule directory. After an import was reverted, commands
+say so until something is changed or `kxrule confirm` is run, which then exits with 1. If reverting failed, they say why;
+it is tried again every ten seconds.
+
+A restart of the machine, a power failure or signing off ends the waiting process, and Windows does not start another:
+the new rules stay, every other change is refused, and commands say so until `kxrule confirm` or `kxrule undo` decides. A
+scheduled task can revert whatever is pending when the machine starts; it does nothing otherwise:
+
+```
+schtasks /Create /TN "Firewall unconfirmed" /SC ONSTART /RU SYSTEM /TR "kxrule.exe --force --dir C:\ProgramData\Firewall\Rules undo --unconfirmed"
+```
+
+Only the files are reverted. A product that has read the new rules keeps using them until it is restarted, and may write
+them again: the commands name the processes that had the library loaded at that time.
+
 ## Many machines
 
 `import` can be repeated safely, so any tool that distributes files can manage the rules of many machines. With Ansible:
@@ -193,15 +218,10 @@ constexpr char kErrors[] =
 code. Each problem in a policy is an element of `"diagnostics"`, with `"file"`, `"line"`, `"column"`, `"where"` and
 `"text"`. The error object may be preceded by one with `"waiting"`, while another process is changing the store, and by
 one with `"warning"`: about a damaged store, with the problems in `"files"` and the place of the copies in `"copies"`,
-or about a policy, with its `"findings"`. A command that copied the store's files also names the copy in `"copies"` of
+about a policy, with its `"findings"`, or about an import to be confirmed, in `"unconfirmed"`. A command that copied the store's files also names the copy in `"copies"` of
 its own output. [kxrule.schema.json](kxrule.schema.json) is the JSON Schema of what each command prints.
 
 )";
-
-std::vector<const CLI::App*> Commands(const CLI::App& app)
-{
-    return app.get_subcommands([](const CLI::App*) { return true; });
-}
 
 bool IsHelp(const CLI::Option* option)
 {
@@ -231,7 +251,7 @@ std::string Usage(const CLI::App& command, const std::string& name)
             written += "...";
         text += option->get_required() ? " " + written : " [" + written + "]";
     }
-    if (!Commands(command).empty())
+    if (!ShownCommands(command).empty())
         text += " [COMMAND]";
     return text;
 }
@@ -252,7 +272,7 @@ void AppendCommand(std::string& out, const CLI::App& command, const std::string&
     const size_t example = footer.find("\n  ");
     if (example != std::string::npos)
         out += "Example: `" + footer.substr(example + 3) + "`\n\n";
-    for (const CLI::App* const inner : Commands(command))
+    for (const CLI::App* const inner : ShownCommands(command))
         AppendCommand(out, *inner, name + " " + inner->get_name(), heading + "#");
 }
 
@@ -268,7 +288,7 @@ std::string Words(const std::vector<std::string>& words)
 std::vector<std::string> WordsOf(const CLI::App& command)
 {
     std::vector<std::string> words;
-    for (const CLI::App* const inner : Commands(command))
+    for (const CLI::App* const inner : ShownCommands(command))
         words.push_back(inner->get_name());
     for (const CLI::Option* const option : command.get_options())
     {
@@ -284,6 +304,11 @@ std::vector<std::string> WordsOf(const CLI::App& command)
 
 } // namespace
 
+std::vector<const CLI::App*> ShownCommands(const CLI::App& app)
+{
+    return app.get_subcommands([](const CLI::App* command) { return !command->get_group().empty(); });
+}
+
 std::string Manual(const CLI::App& app)
 {
     std::string out =
@@ -294,7 +319,7 @@ std::string Manual(const CLI::App& app)
     out += "\nThese options may come before or after the command; every command takes `--help`.\n\n";
     const std::string footer = app.get_footer();
     out += footer.substr(footer.find("Exit codes")) + "\n\n" + kErrors + "## Commands\n\n";
-    for (const CLI::App* const command : Commands(app))
+    for (const CLI::App* const command : ShownCommands(app))
         AppendCommand(out, *command, "kxrule " + command->get_name(), "###");
     return out + kGuide;
 }
@@ -313,7 +338,7 @@ std::string BashCompletion(const CLI::App& app)
             std::erase_if(options, [](const std::string& word) { return word.front() != '-'; });
             return options;
         }());
-    for (const CLI::App* const command : Commands(app))
+    for (const CLI::App* const command : ShownCommands(app))
         out += "        " + command->get_name() + ") words=\"" + Words(WordsOf(*command)) + " " + global +
                "\"; break ;;\n";
     return out + "        esac\n    done\n    mapfile -t COMPREPLY < <(compgen -W \"$words\" -- \"$word\")\n"
@@ -335,7 +360,7 @@ std::string PowerShellCompletion(const CLI::App& app)
                       "    param($wordToComplete, $commandAst, $cursorPosition)\n"
                       "    $global = @(" +
                       quoted(WordsOf(app)) + ")\n    $commands = @{\n";
-    for (const CLI::App* const command : Commands(app))
+    for (const CLI::App* const command : ShownCommands(app))
         out += "        '" + command->get_name() + "' = @(" + quoted(WordsOf(*command)) + ")\n";
     return out +
            "    }\n"

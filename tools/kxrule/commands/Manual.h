@@ -2,6 +2,7 @@
 #pragma once
 
 #include <string>
+#include <vector>
 
 namespace CLI
 {
@@ -11,6 +12,8 @@ class App;
 namespace Tool
 {
 
+/// Not those that only this program calls.
+[[nodiscard]] std::vector<const CLI::App*> ShownCommands(const CLI::App& app);
 [[nodiscard]] std::string Manual(const CLI::App& app);
 [[nodiscard]] std::string BashCompletion(const CLI::App& app);
 [[nodiscard]] std::string PowerShellCompletion(const CLI::App& app);

@@ -14,6 +14,7 @@
 #include "policy/Utf8.h"
 #include "policy/Words.h"
 #include "tools/kxrule/commands/Commands.h"
+#include "tools/kxrule/commands/Confirmation.h"
 #include "tools/kxrule/console/Columns.h"
 #include "tools/kxrule/console/Interrupt.h"
 
@@ -329,12 +330,16 @@ void WriteTextFile(Session& session, const std::string& path, std::string_view t
     PutFile(file, path, text);
 }
 
-int ApplyPolicy(Session& session, Policy& store, const Policy& wanted, MergeMode mode)
+int ApplyPolicy(Session& session, Policy& store, const Policy& wanted, MergeMode mode, const ImportOptions& options)
 {
     PolicyDiff diff = Compare(store, wanted, mode);
     CheckLimits(store, diff);
-    if (IsRemoving(diff))
+    const bool isToConfirm = options.Confirm > 0 && !diff.IsEmpty();
+    if (IsRemoving(diff) || isToConfirm)
         session.CopyFiles();
+    Unconfirmed unconfirmed;
+    if (isToConfirm)
+        unconfirmed = BeginUnconfirmed(session, options.File, options.Confirm);
     if (!session.Options().Json) // then nothing needs the previous rules, and the library needs the memory
         DropRules(store, diff);
     if (!diff.IsEmpty())
@@ -343,16 +348,21 @@ int ApplyPolicy(Session& session, Policy& store, const Policy& wanted, MergeMode
         Progress progress(session.Terminal(), "changing the store");
         Apply(target, store, diff, [&progress](size_t done, size_t all) { progress.Show(done, all); });
     }
-    return TellChange(session, DiffSummary(diff), session.Options().Json ? DiffAsJson(diff, false) : Json());
+    Json json = session.Options().Json ? DiffAsJson(diff, false) : Json();
+    if (!isToConfirm)
+        return TellChange(session, DiffSummary(diff), std::move(json));
+    StartTheTime(session, unconfirmed);
+    json["unconfirmed"] = UnconfirmedAsJson(unconfirmed);
+    return TellChange(session, DiffSummary(diff), std::move(json), UnconfirmedText(session, unconfirmed) + "\n");
 }
 
-int TellChange(Session& session, const std::string& text, Json json)
+int TellChange(Session& session, const std::string& text, Json json, const std::string& after)
 {
     const std::string copies = session.Copies();
     if (!copies.empty())
         json["copies"] = copies;
     const std::string note = copies.empty() ? "" : "; what was there before is in " + Printable(copies);
-    session.Terminal().Out((session.Options().Json ? json.dump(2) : text + note) + "\n");
+    session.Terminal().Out(session.Options().Json ? json.dump(2) + "\n" : text + note + "\n" + after);
     return ExitDone;
 }
 
@@ -368,12 +378,15 @@ int Import(Session& session, const ImportOptions& options)
         Policy store = session.Read();
         RefuseEmptying(store, Compare(store, policy, mode), options);
         RefuseOrWarn(session, store, policy, options);
-        return ApplyPolicy(session, store, policy, mode);
+        return ApplyPolicy(session, store, policy, mode, options);
     }
     Policy store; // a directory that does not exist yet is empty
     StoreReport report;
     if (session.DirectoryExists())
+    {
+        session.TellUnconfirmed();
         report = CheckStore(session.Store(), session.Terminal(), false, &store);
+    }
     if (report.IsDamaged() && !options.Replace)
         throw Failure(
             "the store is damaged; --replace would repair it, and \"kxrule verify\" shows what the library would "
@@ -385,9 +398,15 @@ int Import(Session& session, const ImportOptions& options)
     RefuseOrWarn(session, store, policy, options);
     if (report.IsDamaged())
         session.Warn("the store is damaged; the import would copy its files and restore what is missing", report);
-    session.Terminal().Out(session.Options().Json ? DiffAsJson(diff, true).dump(2) + "\n"
-                           : diff.IsEmpty()       ? "nothing would change\n"
-                                                  : DiffText(diff));
+    Json json = DiffAsJson(diff, true);
+    std::string text = diff.IsEmpty() ? "nothing would change\n" : DiffText(diff);
+    if (options.Confirm > 0 && !diff.IsEmpty())
+    {
+        json["unconfirmed"] = {{"file", options.File}, {"seconds", options.Confirm}};
+        text += "it would be taken back after " + Count(options.Confirm, "second") +
+                " unless \"kxrule confirm\" came before\n";
+    }
+    session.Terminal().Out(session.Options().Json ? json.dump(2) + "\n" : text);
     return diff.IsEmpty() && !report.IsDamaged() ? ExitDone : ExitDifferent;
 }
 

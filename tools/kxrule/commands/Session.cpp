@@ -20,6 +20,7 @@
 #include "policy/Utf8.h"
 #include "rules/Macro.h"
 #include "rules/RuleText.h"
+#include "tools/kxrule/commands/Confirmation.h"
 #include "tools/kxrule/console/Columns.h"
 #include "tools/kxrule/console/Interrupt.h"
 
@@ -43,9 +44,15 @@ bool HasLibrary(DWORD process)
     return false;
 }
 
-/// The other processes that have the rule library loaded, as far as the system shows them: ": NAME (process 12), ...".
-/// A process without a name is about to end.
-std::string UserNames()
+bool IsDirectory(const std::wstring& path) noexcept
+{
+    const DWORD attributes = ::GetFileAttributesW(path.c_str());
+    return attributes != INVALID_FILE_ATTRIBUTES && (attributes & FILE_ATTRIBUTE_DIRECTORY) != 0;
+}
+
+} // namespace
+
+std::string LibraryUsers()
 {
     const KxCommon::UniqueFile processes(::CreateToolhelp32Snapshot(TH32CS_SNAPPROCESS, 0));
     PROCESSENTRY32W process{};
@@ -61,14 +68,6 @@ std::string UserNames()
     }
     return users;
 }
-
-bool IsDirectory(const std::wstring& path) noexcept
-{
-    const DWORD attributes = ::GetFileAttributesW(path.c_str());
-    return attributes != INVALID_FILE_ATTRIBUTES && (attributes & FILE_ATTRIBUTE_DIRECTORY) != 0;
-}
-
-} // namespace
 
 void RequireDirectory(const std::wstring& path)
 {
@@ -137,7 +136,7 @@ bool Session::MayWait(const std::string& whom)
         return false;
     if (!std::exchange(m_HasToldWaiting, true))
     {
-        const std::string text = "waiting for " + whom + UserNames();
+        const std::string text = "waiting for " + whom + LibraryUsers();
         m_Console.Error(m_Options.Json ? JsonLine(Json({{"waiting", text}})) + "\n" : "kxrule: " + text + "\n");
     }
     ::Sleep(100);
@@ -166,7 +165,7 @@ void Session::Lock()
             return;
         }
         if (!MayWait("another kxrule that is changing this store"))
-            throw Failure("another kxrule is changing this store" + UserNames() + "; use --wait to wait longer");
+            throw Failure("another kxrule is changing this store" + LibraryUsers() + "; use --wait to wait longer");
     }
 }
 
@@ -179,15 +178,39 @@ bool Session::RefuseWhileInUse()
         if (!mutex && ::GetLastError() != ERROR_ACCESS_DENIED)
             return hasWaited;
         if (!MayWait("another process that has the rule library initialised"))
-            throw Failure("another process has the rule library initialised" + UserNames() +
+            throw Failure("another process has the rule library initialised" + LibraryUsers() +
                           " and may overwrite this change with its own state; stop it first, or use --force");
     }
     return false;
 }
 
-void Session::Claim()
+void Session::RefuseUnconfirmed()
+{
+    const std::optional<Unconfirmed> unconfirmed = FindUnconfirmed(Store());
+    if (!unconfirmed)
+        return;
+    if (!unconfirmed->IsTakenBack)
+        throw Failure("nothing is changed: " + UnconfirmedText(*this, *unconfirmed));
+    TellUnconfirmed();
+    RemoveUnconfirmed(Store());
+}
+
+void Session::TellUnconfirmed()
+{
+    const std::optional<Unconfirmed> unconfirmed = FindUnconfirmed(Store());
+    if (!unconfirmed || std::exchange(m_HasToldUnconfirmed, true))
+        return;
+    const std::string text = UnconfirmedText(*this, *unconfirmed);
+    m_Console.Error(m_Options.Json
+                        ? JsonLine(Json({{"warning", text}, {"unconfirmed", UnconfirmedAsJson(*unconfirmed)}})) + "\n"
+                        : "kxrule: " + text + "\n");
+}
+
+void Session::Claim(OnUnconfirmed onUnconfirmed)
 {
     Lock();
+    if (onUnconfirmed == OnUnconfirmed::Refuse)
+        RefuseUnconfirmed();
     static_cast<void>(RefuseWhileInUse());
 }
 
@@ -271,6 +294,7 @@ Policy Session::Look(const TakeRuleSet& take)
         store.MayExist(FileFormat::kMasterFileName))
         throw Failure(ToUtf8(m_Directory) + " has no master file \"" + m_Options.Master + "\", but " +
                       FileFormat::kMasterFileName);
+    TellUnconfirmed();
     Policy policy;
     StoreReport report = CheckStore(store, m_Console, false, &policy, take);
     // A rule set that was deleted after the list was read looks like a missing one; the second read has the new list.
@@ -285,6 +309,7 @@ Policy Session::Look(const TakeRuleSet& take)
 void Session::OpenToChange(OnDamage onDamage)
 {
     Lock();
+    RefuseUnconfirmed();
     const RuleDirectory store = Store();
     Policy policy;
     StoreReport report;

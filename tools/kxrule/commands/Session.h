@@ -83,12 +83,21 @@ public:
     /// Reports on standard error what is damaged.
     void Warn(const std::string& text, const StoreReport& report);
 
-    /// Makes this the only kxrule that changes the directory, until the session ends, and refuses while another process
-    /// has the library initialised, unless forced. Waits for both as long as the options say.
-    void Claim();
+    /// Makes this the only kxrule that changes the directory, until the session ends. Waits as long as the options say.
+    void Lock();
+    enum class OnUnconfirmed
+    {
+        Refuse,
+        TakeBack // the change is what takes it back
+    };
+    /// The same, and refuses while an import waits for its confirmation, or while another process has the library
+    /// initialised, unless forced.
+    void Claim(OnUnconfirmed onUnconfirmed = OnUnconfirmed::Refuse);
+    /// Says on standard error, once, that an import waits for its confirmation or has been taken back.
+    void TellUnconfirmed();
 
 private:
-    void Lock();
+    void RefuseUnconfirmed();
     /// Whether it had to wait.
     bool RefuseWhileInUse();
     /// Waits a moment, and says so the first time; false if the time is up.
@@ -106,6 +115,7 @@ private:
     KxCommon::UniqueKernelObject m_Lock;
     uint64_t m_Deadline; // by the system's tick count
     bool m_HasToldWaiting = false;
+    bool m_HasToldUnconfirmed = false;
     bool m_Initialised = false;
     bool m_MayEnd = false; // unwritten changes may be written
 };
@@ -114,6 +124,9 @@ private:
 [[nodiscard]] std::string RuleLine(const PFW_RULE& rule);
 [[nodiscard]] std::string MacroLine(const MacroRecord& macro);
 
+/// The other processes that have the rule library loaded, as far as the system shows them: ": NAME (process 12), ...".
+/// A process without a name is about to end.
+[[nodiscard]] std::string LibraryUsers();
 /// What identifies a directory to the file system, whatever its name; empty if it cannot be opened (GetLastError).
 [[nodiscard]] std::wstring IdentityOf(const std::wstring& directory);
 /// Throws Failure if there is none.

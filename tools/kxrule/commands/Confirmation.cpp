@@ -1,0 +1,403 @@
+// What waits for a confirmation stands in a file, so that it outlives every process and the machine's restart; a
+// detached kxrule waits beside. The file decides: whoever changes it holds the directory's lock, and the process looks
+// into it before it does anything. Its event only spares it the waiting, and tells others that it is there.
+#include "tools/kxrule/commands/Confirmation.h"
+
+#include <algorithm>
+#include <cstdio>
+#include <iterator>
+
+#include <nlohmann/json.hpp>
+
+#include "persistence/Copies.h"
+#include "persistence/Files.h"
+#include "policy/JsonText.h"
+#include "policy/Utf8.h"
+#include "policy/Words.h"
+#include "tools/kxrule/commands/Commands.h"
+#include "tools/kxrule/console/Columns.h"
+
+namespace Tool
+{
+namespace
+{
+
+constexpr char kFileName[] = "KxRulCfm.txt";
+constexpr uint32_t kMostBytes = 1 << 16;
+constexpr DWORD kPatience = 2000; // milliseconds, for programs that look at the file, and for a process to end
+constexpr DWORD kStartTime = 10000;
+constexpr DWORD kPause = 10000; // before another try to take back what could not be
+constexpr uint64_t kSecond = 1000;
+constexpr uint64_t kTicks = 10000; // of a file time in a millisecond
+
+uint64_t Now() noexcept
+{
+    FILETIME time;
+    ::GetSystemTimeAsFileTime(&time);
+    return (uint64_t{time.dwHighDateTime} << 32 | time.dwLowDateTime) / kTicks;
+}
+
+/// The local time, as for RuleBackup.
+std::string TimeText(uint64_t milliseconds)
+{
+    const uint64_t ticks = milliseconds * kTicks;
+    const FILETIME utc = {static_cast<DWORD>(ticks), static_cast<DWORD>(ticks >> 32)};
+    FILETIME local{};
+    SYSTEMTIME time{};
+    if (::FileTimeToLocalFileTime(&utc, &local) == FALSE || ::FileTimeToSystemTime(&local, &time) == FALSE)
+        return "an unknown time";
+    char text[32];
+    std::snprintf(text, std::size(text), "%04u-%02u-%02u %02u:%02u:%02u", time.wYear, time.wMonth, time.wDay,
+                  time.wHour, time.wMinute, time.wSecond);
+    return text;
+}
+
+std::string PathIn(const RuleDirectory& store)
+{
+    return store.Path() + kFileName;
+}
+
+/// Flushed, and put in place in one step.
+void Write(const RuleDirectory& store, const Unconfirmed& unconfirmed)
+{
+    const std::string text = JsonLine(Json({{"takenBack", unconfirmed.IsTakenBack},
+                                            {"file", unconfirmed.File},
+                                            {"time", unconfirmed.Time},
+                                            {"seconds", unconfirmed.Seconds},
+                                            {"copies", unconfirmed.Copies},
+                                            {"problem", unconfirmed.Problem}})) +
+                             "\n";
+    // Called as those of the store, so that tidy finds what is left of one.
+    const std::string temporary = Files::TemporaryName(store.Path(), FileFormat::kMasterTemporary);
+    KxCommon::UniqueFile file =
+        temporary.empty() ? KxCommon::UniqueFile() : Files::Open(temporary.c_str(), GENERIC_WRITE, CREATE_ALWAYS);
+    const bool isWritten = file && Files::Write(file.get(), text.data(), static_cast<uint32_t>(text.size())) &&
+                           Files::Flush(file.get()) && Files::Close(file);
+    const auto move = [&] { return Files::Move(temporary.c_str(), PathIn(store).c_str(), true); };
+    if (isWritten && Files::Persist(kPatience, move, [](DWORD) { return true; }))
+        return;
+    const DWORD error = ::GetLastError();
+    Files::Close(file);
+    static_cast<void>(Files::Delete(temporary.c_str()));
+    throw Failure(NarrowToUtf8(PathIn(store)) + " cannot be written: " + SystemText(error));
+}
+
+/// What is in the file, which may be anything.
+std::optional<Unconfirmed> Parse(const std::string& text)
+{
+    const Json json = Json::parse(text, nullptr, false);
+    const auto member = [&json](const char* name) { return json.is_object() ? json.value(name, Json()) : Json(); };
+    for (const char* const name : {"file", "copies", "problem"})
+    {
+        if (!member(name).is_string())
+            return std::nullopt;
+    }
+    if (!member("takenBack").is_boolean() || !member("time").is_number_unsigned() ||
+        !member("seconds").is_number_unsigned() || member("time").get<uint64_t>() > uint64_t{INT64_MAX} / kTicks ||
+        member("seconds").get<uint64_t>() > kMostConfirmSeconds)
+        return std::nullopt;
+    Unconfirmed read;
+    read.IsTakenBack = member("takenBack").get<bool>();
+    read.File = member("file").get<std::string>();
+    read.Time = member("time").get<uint64_t>();
+    read.Seconds = member("seconds").get<uint32_t>();
+    read.Copies = member("copies").get<std::string>();
+    read.Problem = member("problem").get<std::string>();
+    return read;
+}
+
+std::wstring EventName(const Session& session)
+{
+    return L"Global\\kxrule-confirm-" + IdentityOf(session.Directory());
+}
+
+/// The event of the process that waits; another account's may not be opened, but is there.
+bool IsAwaited(const Session& session, KxCommon::UniqueKernelObject* event = nullptr)
+{
+    KxCommon::UniqueKernelObject opened(
+        ::OpenEventW(EVENT_MODIFY_STATE | SYNCHRONIZE, FALSE, EventName(session).c_str()));
+    const bool isThere = opened || ::GetLastError() == ERROR_ACCESS_DENIED;
+    if (event != nullptr)
+        *event = std::move(opened);
+    return isThere;
+}
+
+/// Lets the process that waits look at the file again.
+void Wake(const Session& session)
+{
+    if (KxCommon::UniqueKernelObject event; IsAwaited(session, &event) && event)
+        ::SetEvent(event.get());
+}
+
+/// Nothing waits any more: ends the process. One that does not end finds nothing to do when its time is over.
+void EndWaiting(const Session& session)
+{
+    RemoveUnconfirmed(session.Store());
+    for (const ULONGLONG start = ::GetTickCount64(); IsAwaited(session) && ::GetTickCount64() - start < kPatience;)
+    {
+        Wake(session);
+        ::Sleep(10);
+    }
+}
+
+/// A job whose processes end with it, as that of a remote shell may be, must let this one out.
+bool EndsWithItsJob()
+{
+    JOBOBJECT_EXTENDED_LIMIT_INFORMATION limits{};
+    return ::QueryInformationJobObject(nullptr, JobObjectExtendedLimitInformation, &limits, sizeof limits, nullptr) !=
+               FALSE &&
+           (limits.BasicLimitInformation.LimitFlags & JOB_OBJECT_LIMIT_KILL_ON_JOB_CLOSE) != 0;
+}
+
+/// Starts this program once more, without console, handles and job of its own, and waits until it waits.
+void StartWaiting(const Session& session)
+{
+    std::wstring program(32768, L'\0');
+    program.resize(::GetModuleFileNameW(nullptr, program.data(), static_cast<DWORD>(program.size())));
+    // A backslash before a quotation mark would not end the argument.
+    std::wstring command = L"\"" + program + L"\" --force --wait 86400 --dir \"" + session.Directory() + L".\"";
+    if (!session.Options().Master.empty())
+        command += L" --master \"" + FromUtf8(session.Options().Master) + L"\"";
+    command += L" await-confirmation";
+    // Not the current directory, which nobody could remove as long as the process is there.
+    const std::wstring directory = program.substr(0, program.find_last_of(L'\\') + 1);
+    STARTUPINFOW startup{};
+    startup.cb = sizeof startup;
+    PROCESS_INFORMATION process{};
+    const auto start = [&](DWORD flags)
+    {
+        return ::CreateProcessW(program.c_str(), command.data(), nullptr, nullptr, FALSE,
+                                DETACHED_PROCESS | CREATE_NEW_PROCESS_GROUP | flags, nullptr, directory.c_str(),
+                                &startup, &process) != FALSE;
+    };
+    bool isStarted = start(CREATE_BREAKAWAY_FROM_JOB);
+    if (!isStarted && ::GetLastError() == ERROR_ACCESS_DENIED)
+    {
+        if (EndsWithItsJob())
+            throw Failure("nothing is changed: no process would outlive this session to take the import back; start "
+                          "kxrule otherwise, as from a scheduled task");
+        isStarted = start(0);
+    }
+    if (!isStarted)
+        throw Failure("nothing is changed: the process that would take the import back cannot be started: " +
+                      SystemText(::GetLastError()));
+    const KxCommon::UniqueKernelObject handle(process.hProcess);
+    const KxCommon::UniqueKernelObject thread(process.hThread);
+    for (const ULONGLONG begin = ::GetTickCount64(); !IsAwaited(session);)
+    {
+        if (::WaitForSingleObject(handle.get(), 10) == WAIT_TIMEOUT && ::GetTickCount64() - begin < kStartTime)
+            continue;
+        ::TerminateProcess(handle.get(), ExitFailed);
+        throw Failure("nothing is changed: the process that would take the import back does not start");
+    }
+}
+
+/// The name of the session's copy in the rule directory.
+std::string CopiesIn(const Session& session)
+{
+    const std::string path = session.Copies();
+    return path.substr(std::min(path.size(), ToUtf8(session.Directory()).size()));
+}
+
+/// Makes the files what they were, bit by bit, whatever that was. The session keeps what it replaces.
+std::vector<std::string> TakeBack(Session& session, const Unconfirmed& unconfirmed)
+{
+    const RuleDirectory store = session.Store();
+    if (unconfirmed.Seconds == 0)
+        throw Failure(unconfirmed.Problem);
+    if (unconfirmed.Copies.empty())
+    {
+        PutStore(session, store, {}); // there were none
+        return {};
+    }
+    const std::vector<Copies::Dated> backups = Copies::FindBackups(store);
+    const auto isMeant = [&](const Copies::Dated& copy) { return NarrowToUtf8(copy.Name) == unconfirmed.Copies; };
+    if (std::none_of(backups.begin(), backups.end(), isMeant))
+        throw Failure("there is no copy \"" + unconfirmed.Copies + "\"");
+    const RuleDirectory source = StoreAt(session.Directory() + FromUtf8(unconfirmed.Copies), session.Options().Master);
+    const auto changes = Copies::Compare(source, source);
+    if (!Copies::HasManifest(source) || !changes || !changes->empty())
+        throw Failure(unconfirmed.Copies + " is not what was copied");
+    const std::vector<std::string> names = StoreFileNames(source);
+    PutStore(session, source, names);
+    return names;
+}
+
+/// What is left to do when the files are the old ones again.
+std::string ToRestart()
+{
+    const std::string users = LibraryUsers();
+    return users.empty() ? "" : "restart what has read the rules before" + users;
+}
+
+/// Takes it back if it still waits, or notes why it could not. In a session of its own: between two tries others may
+/// have the lock.
+void TakeBackInTime(const Session& waiting, Console& console, const Unconfirmed& awaited)
+{
+    Session session(waiting.Options(), console);
+    session.Claim(Session::OnUnconfirmed::TakeBack);
+    if (FindUnconfirmed(session.Store()) != awaited)
+        return;
+    Unconfirmed now = awaited;
+    try
+    {
+        static_cast<void>(TakeBack(session, awaited));
+        now.IsTakenBack = true;
+        now.Time = Now();
+        now.Copies = CopiesIn(session);
+        now.Problem = ToRestart();
+    }
+    catch (const std::exception& exception)
+    {
+        now.Problem = exception.what();
+    }
+    if (now != awaited)
+        Write(session.Store(), now);
+}
+
+} // namespace
+
+std::optional<Unconfirmed> FindUnconfirmed(const RuleDirectory& store)
+{
+    const KxCommon::UniqueFile file = Files::Open(PathIn(store).c_str(), GENERIC_READ, OPEN_EXISTING,
+                                                  FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE);
+    if (!file && !Files::IsUnknown(::GetLastError()))
+        return std::nullopt;
+    std::string text(kMostBytes, '\0');
+    uint32_t got = 0;
+    if (!file || !Files::Read(file.get(), text.data(), kMostBytes, &got))
+        got = 0;
+    text.resize(got);
+    std::optional<Unconfirmed> read = Parse(text);
+    if (!read)
+        read.emplace().Problem = std::string(kFileName) + " cannot be read";
+    return read;
+}
+
+std::string UnconfirmedText(const Session& session, const Unconfirmed& unconfirmed)
+{
+    const std::string import = "the import of \"" + Printable(unconfirmed.File) + "\" ";
+    const std::string problem = Printable(unconfirmed.Problem);
+    if (unconfirmed.IsTakenBack)
+        return import + "was not confirmed and was taken back " + TimeText(unconfirmed.Time) +
+               (unconfirmed.Copies.empty() ? "" : "; what it had made is in " + Printable(unconfirmed.Copies)) +
+               (problem.empty() ? "" : "; " + problem);
+    const std::string choice = "\"kxrule confirm\" keeps it, \"kxrule undo\" takes it back";
+    if (!problem.empty())
+        return import + "was not confirmed, and could not be taken back: " + problem + "; " + choice;
+    return IsAwaited(session) ? import + "will be taken back " + TimeText(unconfirmed.Time) + "; " + choice
+                              : import +
+                                    "was not confirmed, and nothing is left that takes it back, as after a "
+                                    "restart of the machine; " +
+                                    choice;
+}
+
+Json UnconfirmedAsJson(const Unconfirmed& unconfirmed)
+{
+    Json json = {{"file", unconfirmed.File},
+                 {"seconds", unconfirmed.Seconds},
+                 {unconfirmed.IsTakenBack ? "takenBack" : "until", TimeText(unconfirmed.Time)}};
+    if (!unconfirmed.Copies.empty())
+        json["copies"] = unconfirmed.Copies;
+    if (!unconfirmed.Problem.empty())
+        json["problem"] = unconfirmed.Problem;
+    return json;
+}
+
+// The end of a file may not outlive a loss of power: what comes back then must not wait for anything.
+void RemoveUnconfirmed(const RuleDirectory& store)
+{
+    Unconfirmed over;
+    over.IsTakenBack = true;
+    Write(store, over);
+    const auto remove = [&] { return Files::Delete(PathIn(store).c_str()); };
+    static_cast<void>(Files::Persist(kPatience, remove, [](DWORD error) { return Files::IsUnknown(error); }));
+}
+
+Unconfirmed BeginUnconfirmed(Session& session, const std::string& file, uint32_t seconds)
+{
+    Unconfirmed unconfirmed;
+    unconfirmed.File = file;
+    unconfirmed.Seconds = seconds;
+    unconfirmed.Time = Now() + kSecond * seconds;
+    unconfirmed.Copies = CopiesIn(session);
+    Write(session.Store(), unconfirmed);
+    try
+    {
+        StartWaiting(session);
+    }
+    catch (const Failure&)
+    {
+        RemoveUnconfirmed(session.Store());
+        throw;
+    }
+    return unconfirmed;
+}
+
+void StartTheTime(Session& session, Unconfirmed& unconfirmed)
+{
+    unconfirmed.Time = Now() + kSecond * unconfirmed.Seconds;
+    Write(session.Store(), unconfirmed);
+    Wake(session);
+}
+
+int Confirm(Session& session)
+{
+    RequireDirectory(session.Directory());
+    session.Lock();
+    const std::optional<Unconfirmed> unconfirmed = FindUnconfirmed(session.Store());
+    if (!unconfirmed)
+        throw Failure("no import waits for a confirmation");
+    EndWaiting(session);
+    if (unconfirmed->IsTakenBack)
+        throw Failure("too late: " + UnconfirmedText(session, *unconfirmed));
+    session.Terminal().Out(session.Options().Json
+                               ? JsonLine(Json({{"confirmed", unconfirmed->File}})) + "\n"
+                               : "the import of \"" + Printable(unconfirmed->File) + "\" is confirmed and stays\n");
+    return ExitDone;
+}
+
+bool TakeBackUnconfirmed(Session& session)
+{
+    const std::optional<Unconfirmed> seen = FindUnconfirmed(session.Store());
+    if (!seen || seen->IsTakenBack)
+        return false;
+    session.Claim(Session::OnUnconfirmed::TakeBack);
+    const std::optional<Unconfirmed> unconfirmed = FindUnconfirmed(session.Store());
+    if (!unconfirmed || unconfirmed->IsTakenBack)
+        throw Failure("the import has been confirmed or taken back meanwhile");
+    const std::vector<std::string> names = TakeBack(session, *unconfirmed);
+    EndWaiting(session);
+    TellRestored(session, names);
+    return true;
+}
+
+int AwaitConfirmation(Session& session)
+{
+    const KxCommon::UniqueKernelObject event(::CreateEventW(nullptr, FALSE, FALSE, EventName(session).c_str()));
+    if (!event)
+        throw Failure("waiting for a confirmation: " + SystemText(::GetLastError()));
+    std::optional<Unconfirmed> awaited = FindUnconfirmed(session.Store());
+    while (awaited && !awaited->IsTakenBack)
+    {
+        // By the clock of the wall only up to here: whoever sets that does not change how long it takes.
+        const uint64_t rest = std::min(awaited->Time - std::min(Now(), awaited->Time), kSecond * awaited->Seconds);
+        const bool isAgain = !awaited->Problem.empty();
+        if (::WaitForSingleObject(event.get(), isAgain ? kPause : static_cast<DWORD>(rest)) == WAIT_TIMEOUT &&
+            awaited->Seconds > 0)
+        {
+            try
+            {
+                TakeBackInTime(session, session.Terminal(), *awaited);
+            }
+            catch (const std::exception&) // the file cannot be written, either
+            {
+                ::Sleep(kPause);
+            }
+        }
+        awaited = FindUnconfirmed(session.Store());
+    }
+    return ExitDone;
+}
+
+} // namespace Tool
