@@ -218,7 +218,7 @@ std::vector<std::string> TakeBack(Session& session, const Unconfirmed& unconfirm
     const auto changes = Copies::Compare(source, source);
     if (!Copies::HasManifest(source) || !changes || !changes->empty())
         throw Failure(unconfirmed.Copies + " is not what was copied");
-    const std::vector<std::string> names = StoreFileNames(source);
+    std::vector<std::string> names = StoreFileNames(source);
     PutStore(session, source, names);
     return names;
 }
