@@ -10,6 +10,7 @@
 #include <CLI/CLI.hpp>
 
 #include "tools/kxrule/commands/Commands.h"
+#include "tools/kxrule/commands/Completion.h"
 #include "tools/kxrule/commands/Confirmation.h"
 #include "tools/kxrule/commands/Manual.h"
 
@@ -94,6 +95,12 @@ public:
         {
             arguments.erase(arguments.begin());
             arguments.push_back("--help");
+        }
+        if (!arguments.empty() && arguments.front() == "complete") // the shells ask; nobody types that
+        {
+            arguments.erase(arguments.begin());
+            console.Out(CompletedWords(m_App, arguments, console));
+            return ExitDone;
         }
         std::reverse(arguments.begin(), arguments.end()); // the parser takes them from the end
         try
@@ -408,16 +415,16 @@ private:
     void AddManual()
     {
         CLI::App* const completion =
-            Add(m_App, "completion", "Print the completion of commands and options for a shell",
+            Add(m_App, "completion", "Print the completion of commands, options and numbers for a shell",
                 "kxrule completion powershell | Out-String | Invoke-Expression",
                 [this](Session& session)
                 {
-                    session.Terminal().Out(m_Text == "bash" ? BashCompletion(m_App) : PowerShellCompletion(m_App));
+                    session.Terminal().Out(CompletionScript(m_Text));
                     return ExitDone;
                 });
-        completion->add_option("SHELL", m_Text, "powershell or bash")
+        completion->add_option("SHELL", m_Text, "bash, fish, powershell or zsh")
             ->required()
-            ->check(CLI::IsMember({"powershell", "bash"}))
+            ->check(CLI::IsMember(CompletedShells()))
             ->type_name("");
         Add(m_App, "manual", "Print the manual in Markdown", "kxrule manual",
             [this](Session& session)

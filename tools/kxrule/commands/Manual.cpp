@@ -208,8 +208,14 @@ tell which one it is: stop the product first, or use `--force` and restart it.
 
 ## Completion
 
-PowerShell: add `kxrule completion powershell | Out-String | Invoke-Expression` to the profile. Bash: add
-`source <(kxrule completion bash)` to `~/.bashrc`.
+Commands, options, and the numbers of the rule sets and rules of the store that the command line names:
+
+| | |
+|---|---|
+| PowerShell | add `kxrule completion powershell \| Out-String \| Invoke-Expression` to the profile |
+| Bash | add `source <(kxrule completion bash)` to `~/.bashrc` |
+| Zsh | add `source <(kxrule completion zsh)` to `~/.zshrc`, after `compinit` |
+| Fish | `kxrule completion fish > ~/.config/fish/completions/kxrule.fish` |
 )";
 
 constexpr char kErrors[] =
@@ -276,32 +282,6 @@ void AppendCommand(std::string& out, const CLI::App& command, const std::string&
         AppendCommand(out, *inner, name + " " + inner->get_name(), heading + "#");
 }
 
-std::string Words(const std::vector<std::string>& words)
-{
-    std::string text;
-    for (const std::string& word : words)
-        text += (text.empty() ? "" : " ") + word;
-    return text;
-}
-
-/// Everything that can follow a command and is not a value.
-std::vector<std::string> WordsOf(const CLI::App& command)
-{
-    std::vector<std::string> words;
-    for (const CLI::App* const inner : ShownCommands(command))
-        words.push_back(inner->get_name());
-    for (const CLI::Option* const option : command.get_options())
-    {
-        for (const std::string& name : option->get_lnames())
-            words.push_back("--" + name);
-        for (const std::string& name : option->get_snames())
-            words.push_back("-" + name);
-    }
-    if (command.get_name() == "completion")
-        words.insert(words.end(), {"powershell", "bash"});
-    return words;
-}
-
 } // namespace
 
 std::vector<const CLI::App*> ShownCommands(const CLI::App& app)
@@ -322,60 +302,6 @@ std::string Manual(const CLI::App& app)
     for (const CLI::App* const command : ShownCommands(app))
         AppendCommand(out, *command, "kxrule " + command->get_name(), "###");
     return out + kGuide;
-}
-
-std::string BashCompletion(const CLI::App& app)
-{
-    std::string out = "# kxrule: completion for bash\n_kxrule()\n{\n    local word=${COMP_WORDS[COMP_CWORD]} words="
-                      "\"" +
-                      Words(WordsOf(app)) +
-                      "\" at\n    for ((at = 1; at < COMP_CWORD; ++at)); do\n"
-                      "        case ${COMP_WORDS[at]} in\n";
-    const std::string global = Words(
-        [&app]
-        {
-            std::vector<std::string> options = WordsOf(app);
-            std::erase_if(options, [](const std::string& word) { return word.front() != '-'; });
-            return options;
-        }());
-    for (const CLI::App* const command : ShownCommands(app))
-        out += "        " + command->get_name() + ") words=\"" + Words(WordsOf(*command)) + " " + global +
-               "\"; break ;;\n";
-    return out + "        esac\n    done\n    mapfile -t COMPREPLY < <(compgen -W \"$words\" -- \"$word\")\n"
-                 "    [ ${#COMPREPLY[@]} -gt 0 ] || mapfile -t COMPREPLY < <(compgen -f -- \"$word\")\n}\n"
-                 "complete -o filenames -F _kxrule kxrule kxrule.exe\n";
-}
-
-std::string PowerShellCompletion(const CLI::App& app)
-{
-    const auto quoted = [](const std::vector<std::string>& words)
-    {
-        std::string text;
-        for (const std::string& word : words)
-            text += (text.empty() ? "'" : ", '") + word + "'";
-        return text;
-    };
-    std::string out = "# kxrule: completion for PowerShell\n"
-                      "Register-ArgumentCompleter -Native -CommandName kxrule, kxrule.exe -ScriptBlock {\n"
-                      "    param($wordToComplete, $commandAst, $cursorPosition)\n"
-                      "    $global = @(" +
-                      quoted(WordsOf(app)) + ")\n    $commands = @{\n";
-    for (const CLI::App* const command : ShownCommands(app))
-        out += "        '" + command->get_name() + "' = @(" + quoted(WordsOf(*command)) + ")\n";
-    return out +
-           "    }\n"
-           "    $words = $global\n"
-           "    foreach ($element in $commandAst.CommandElements | Select-Object -Skip 1) {\n"
-           "        $text = $element.ToString()\n"
-           "        if ($commands.ContainsKey($text) -and $element.Extent.EndOffset -lt $cursorPosition) {\n"
-           "            $words = $commands[$text] + ($global | Where-Object { $_.StartsWith('-') })\n"
-           "            break\n"
-           "        }\n"
-           "    }\n"
-           "    $words | Where-Object { $_ -like \"$wordToComplete*\" } | Sort-Object -Unique | ForEach-Object {\n"
-           "        [System.Management.Automation.CompletionResult]::new($_, $_, 'ParameterValue', $_)\n"
-           "    }\n"
-           "}\n";
 }
 
 } // namespace Tool

@@ -1,4 +1,4 @@
-// The manual and the completion for shells, from the same source as --help.
+// The manual, from the same source as --help.
 #pragma once
 
 #include <string>
@@ -15,7 +15,5 @@ namespace Tool
 /// Not those that only this program calls.
 [[nodiscard]] std::vector<const CLI::App*> ShownCommands(const CLI::App& app);
 [[nodiscard]] std::string Manual(const CLI::App& app);
-[[nodiscard]] std::string BashCompletion(const CLI::App& app);
-[[nodiscard]] std::string PowerShellCompletion(const CLI::App& app);
 
 } // namespace Tool
