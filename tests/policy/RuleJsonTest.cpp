@@ -121,6 +121,7 @@ TEST(RuleJson, ReadsLinesOfText)
         {"ACCESS,TCP,,,,80,DROP  colour=red", "1:24 \"colour\" is not a member"},
         {"ACCESS,TCP,,,,80,DROP description=\"ü  spare=[1", "1:35 expected JSON"},
         {"NAT,ANY,,,,,,,SNAT,1", "1:20 expected the end"},
+        {"ACCESS,TCP,,,,80,DROP  (off) else", "1:30 expected the end"},
     };
     for (const auto& c : cases)
     {
