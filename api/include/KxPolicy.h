@@ -94,9 +94,10 @@ KXRULE_C_BEGIN
  * Called for each diagnostic, in the order of the text; for at most 1000 errors, and then once to say how many more
  * there are. A JSON syntax error is the only one reported.
  *   severity  KXPOLICY_ERROR or KXPOLICY_WARNING; other values may come with later versions
- *   line      from 1; 0 with column 0 if the reason is not in the text but in the store
+ *   line      from 1; 0 with column 0 in warnings, and if the reason is not in the text but in the store
  *   column    from 1, in characters (code points)
- *   where     the value, such as ruleSets[0].rules[3].ports[1]; empty for the text as such and for the store
+ *   where     the value, such as ruleSets[0].rules[3].ports[1]; in warnings what it belongs to, such as rule set 1,
+ *             rule 3; empty for the text as such and for the store
  *   text      a readable sentence. It may quote the policy, including bytes that are not UTF-8
  *   context   the caller's value
  * Both texts are NUL-terminated and valid during the call only. The function may call the library and KxPolicy.dll

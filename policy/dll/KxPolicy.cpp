@@ -9,6 +9,7 @@
 
 #include "common/srclib/KxComn_Handle.h"
 #include "policy/LibraryStore.h"
+#include "policy/Lint.h"
 #include "policy/ResultCodes.h"
 #include "policy/RulesText.h"
 
@@ -41,6 +42,10 @@ public:
     void Tell(int32_t severity, const Diagnostic& found) const
     {
         Tell(severity, found.Line, found.Column, found.Path.c_str(), found.Text.c_str());
+    }
+    void Tell(const LintFinding& found) const
+    {
+        Tell(KXPOLICY_WARNING, 0, 0, found.Where().c_str(), found.Text.c_str());
     }
     void TellOfStore(const char* text) const { Tell(KXPOLICY_ERROR, 0, 0, "", text); }
 
@@ -139,6 +144,22 @@ std::optional<Policy> ReadText(const char* text, size_t size, const Listener& li
 Policy ReadStore(const KXRULE_LIBRARY& library)
 {
     return KxPolicy::ReadStore(library, [](size_t, size_t) {});
+}
+
+/// Of what is probably not intended. The policy may name what remains of the store.
+void Warn(const Policy& policy, const Policy* store, uint32_t flags, const Listener& listener)
+{
+    const bool isReplacing = (flags & KXPOLICY_REPLACE) != 0;
+    Policy beside;
+    if (store != nullptr && !(isReplacing && policy.Macros))
+        beside.Macros = store->Macros;
+    if (store != nullptr && !(isReplacing && policy.HasRuleSets))
+    {
+        for (const RuleSetRecord& ruleSet : store->RuleSets)
+            beside.RuleSets.push_back({ruleSet.Index, {}, {}});
+    }
+    for (const LintFinding& found : Lint(policy, &beside))
+        listener.Tell(found);
 }
 
 /// 64-bit FNV-1a over everything, including counts.
@@ -258,6 +279,26 @@ void ApplyOrUndo(const KXRULE_LIBRARY& library, const Policy& before, const Poli
     }
 }
 
+/// then(functions, store, policy) for a policy that is good: what difference and apply begin with.
+template <class Then>
+int32_t WithPolicy(const KXRULE_LIBRARY* library, const char* text, size_t size, uint32_t flags,
+                   const Listener& listener, const Then& then)
+{
+    if ((text == nullptr && size != 0) || (flags & ~kKnownFlags) != 0)
+        return KXPOLICY_E_ARGUMENT;
+    return Contain(listener,
+                   [&]
+                   {
+                       const std::optional<Policy> policy = ReadText(text, size, listener);
+                       if (!policy)
+                           return KXPOLICY_E_TEXT;
+                       const RuleFunctions functions(library);
+                       const Policy store = ReadStore(*functions);
+                       Warn(*policy, &store, flags, listener);
+                       return then(*functions, store, *policy);
+                   });
+}
+
 } // namespace
 
 int32_t kxPolicyCheck(const char* text, size_t size, KXPOLICY_REPORT report, void* context)
@@ -265,7 +306,15 @@ int32_t kxPolicyCheck(const char* text, size_t size, KXPOLICY_REPORT report, voi
     const Listener listener(report, context);
     if (text == nullptr && size != 0)
         return KXPOLICY_E_ARGUMENT;
-    return Contain(listener, [&] { return ReadText(text, size, listener) ? KXRULE_OK : KXPOLICY_E_TEXT; });
+    return Contain(listener,
+                   [&]
+                   {
+                       const std::optional<Policy> policy = ReadText(text, size, listener);
+                       if (!policy)
+                           return KXPOLICY_E_TEXT;
+                       Warn(*policy, nullptr, 0, listener);
+                       return KXRULE_OK;
+                   });
 }
 
 int32_t kxPolicyExport(const KXRULE_LIBRARY* library, uint32_t flags, uint64_t* stamp, KXPOLICY_TAKE take,
@@ -289,50 +338,34 @@ int32_t kxPolicyExport(const KXRULE_LIBRARY* library, uint32_t flags, uint64_t* 
 int32_t kxPolicyDifference(const KXRULE_LIBRARY* library, const char* text, size_t size, uint32_t flags,
                            uint64_t* stamp, KXPOLICY_TAKE take, KXPOLICY_REPORT report, void* context)
 {
-    const Listener listener(report, context);
-    if ((text == nullptr && size != 0) || (flags & ~kKnownFlags) != 0)
-        return KXPOLICY_E_ARGUMENT;
-    return Contain(listener,
-                   [&]
-                   {
-                       const std::optional<Policy> policy = ReadText(text, size, listener);
-                       if (!policy)
-                           return KXPOLICY_E_TEXT;
-                       const RuleFunctions functions(library);
-                       const Policy store = ReadStore(*functions);
-                       const PolicyDiff diff = Differences(store, *policy, flags);
-                       const std::string lines = take == nullptr ? std::string() : DiffText(diff);
-                       if (stamp != nullptr)
-                           *stamp = Stamp(store).Value();
-                       if (take != nullptr)
-                           take(lines.c_str(), lines.size(), context);
-                       return CountOf(diff);
-                   });
+    return WithPolicy(library, text, size, flags, Listener(report, context),
+                      [&](const KXRULE_LIBRARY&, const Policy& store, const Policy& policy)
+                      {
+                          const PolicyDiff diff = Differences(store, policy, flags);
+                          const std::string lines = take == nullptr ? std::string() : DiffText(diff);
+                          if (stamp != nullptr)
+                              *stamp = Stamp(store).Value();
+                          if (take != nullptr)
+                              take(lines.c_str(), lines.size(), context);
+                          return CountOf(diff);
+                      });
 }
 
 int32_t kxPolicyApply(const KXRULE_LIBRARY* library, const char* text, size_t size, uint32_t flags,
                       const uint64_t* stamp, KXPOLICY_REPORT report, void* context)
 {
-    const Listener listener(report, context);
-    if ((text == nullptr && size != 0) || (flags & ~kKnownFlags) != 0)
-        return KXPOLICY_E_ARGUMENT;
-    return Contain(listener,
-                   [&]
-                   {
-                       const std::optional<Policy> policy = ReadText(text, size, listener);
-                       if (!policy)
-                           return KXPOLICY_E_TEXT;
-                       const RuleFunctions functions(library);
-                       const Policy store = ReadStore(*functions);
-                       if (stamp != nullptr && *stamp != Stamp(store).Value())
-                           throw Refusal{KXPOLICY_E_CHANGED, "the store has changed since the stamp was taken"};
-                       const PolicyDiff diff = Differences(store, *policy, flags);
-                       if (diff.IsEmpty())
-                           return 0;
-                       // A full disk, or a library that is not initialised, shows before anything is changed.
-                       if (const int32_t result = (*functions).kxRuleWrite(); result != KXRULE_OK)
-                           throw Refusal{result, "writing earlier changes: " + ResultText(result)};
-                       ApplyOrUndo(*functions, store, diff);
-                       return CountOf(diff);
-                   });
+    return WithPolicy(library, text, size, flags, Listener(report, context),
+                      [&](const KXRULE_LIBRARY& functions, const Policy& store, const Policy& policy)
+                      {
+                          if (stamp != nullptr && *stamp != Stamp(store).Value())
+                              throw Refusal{KXPOLICY_E_CHANGED, "the store has changed since the stamp was taken"};
+                          const PolicyDiff diff = Differences(store, policy, flags);
+                          if (diff.IsEmpty())
+                              return 0;
+                          // A full disk, or a library that is not initialised, shows before anything is changed.
+                          if (const int32_t result = functions.kxRuleWrite(); result != KXRULE_OK)
+                              throw Refusal{result, "writing earlier changes: " + ResultText(result)};
+                          ApplyOrUndo(functions, store, diff);
+                          return CountOf(diff);
+                      });
 }

@@ -38,10 +38,10 @@ KXRULE_LIBRARY Watching(std::function<int32_t()> before)
 
 std::string g_Told;
 
-void Note(int32_t, uint32_t line, uint32_t column, const char* where, const char* text, void* to)
+void Note(int32_t severity, uint32_t line, uint32_t column, const char* where, const char* text, void* to)
 {
-    *static_cast<std::string*>(to) +=
-        std::to_string(line) + ":" + std::to_string(column) + " " + where + " " + text + "\n";
+    *static_cast<std::string*>(to) += (severity == KXPOLICY_WARNING ? "warning " : "") + std::to_string(line) + ":" +
+                                      std::to_string(column) + " " + where + " " + text + "\n";
 }
 
 void Append(const char* text, size_t size, void* to)
@@ -147,6 +147,19 @@ TEST_F(PolicyTest, MakesTheStoreHoldWhatThePolicySays)
     Reopen();
     EXPECT_EQ(Export(), text);
     EXPECT_EQ(Put(text), 0) << g_Told;
+    // What is probably not intended is reported, and done; not so the macro m, while it stays.
+    for (const uint32_t flags : {KXPOLICY_MERGE, KXPOLICY_REPLACE})
+    {
+        ASSERT_GE(Put(kBefore), 0) << g_Told;
+        EXPECT_EQ(Put(Text(Set(1, "a", R"({"kind": "nat", "index": 0, "natType": "snat", "protocol": "tcp",
+                                           "ports": ["@m", "any", "any"]})"),
+                           R"("macros": [{"name": "o"}], )"),
+                      flags),
+                  flags == KXPOLICY_MERGE ? 2 : 5);
+        EXPECT_EQ(g_Told, flags == KXPOLICY_MERGE
+                              ? ""
+                              : "warning 0:0 rule set 1, rule 0 names the macro \"m\", which is not there\n");
+    }
 }
 
 TEST_F(PolicyTest, RefusesWithAReasonAndAPlace)
