@@ -69,7 +69,7 @@ Policy PolicyAt(Session& session, const std::string& path)
     std::wstring full = AbsolutePath(path);
     if (::GetFileAttributesW(full.c_str()) == INVALID_FILE_ATTRIBUTES)
     {
-        const std::wstring copy = session.Directory() + L"RuleBackup\\" + FromUtf8(path);
+        const std::wstring copy = session.Directory() + FromUtf8(FileFormat::kBackupDirectory + ("\\" + path));
         full = ::GetFileAttributesW(copy.c_str()) == INVALID_FILE_ATTRIBUTES ? full : copy;
     }
     const DWORD attributes = ::GetFileAttributesW(full.c_str());
