@@ -90,24 +90,6 @@ std::optional<NumberSet> ProtocolSet(uint32_t protocol)
     return NumberSet{{protocol, protocol}};
 }
 
-const RuleField* ApplicationField(const PFW_RULE& rule) noexcept
-{
-    for (const RuleField& field : KindFields(rule.dwKind))
-    {
-        if (field.Type == FieldType::Application)
-            return &field;
-    }
-    return nullptr;
-}
-
-KxCommon::WideString ApplicationOf(const PFW_RULE& rule)
-{
-    const RuleField* const field = ApplicationField(rule);
-    return field == nullptr
-               ? KxCommon::WideString()
-               : KxCommon::Record::WideText(reinterpret_cast<const uint8_t*>(&rule) + field->Places[0], field->Room);
-}
-
 } // namespace
 
 bool Decides(const PFW_RULE& rule) noexcept

@@ -237,6 +237,17 @@ std::span<const RuleField> KindFields(uint32_t kind) noexcept
     }
 }
 
+KxCommon::WideString ApplicationOf(const PFW_RULE& rule)
+{
+    for (const RuleField& field : KindFields(rule.dwKind))
+    {
+        if (field.Type == FieldType::Application)
+            return KxCommon::Record::WideText(reinterpret_cast<const uint8_t*>(&rule) + field.Places[0],
+                                              field.Room - 1u);
+    }
+    return {};
+}
+
 PFW_RULE DefaultRule(uint32_t kind) noexcept
 {
     PFW_RULE rule{};

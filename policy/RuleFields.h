@@ -10,6 +10,7 @@
 #include <string_view>
 
 #include "api/include/KxPfwRule.h"
+#include "common/srclib/KxComn_String.h"
 
 namespace KxPolicy
 {
@@ -80,6 +81,9 @@ inline constexpr size_t kMacroNameEnd = offsetof(PFW_MACRO, nItemCount);
 [[nodiscard]] std::span<const RuleField> CommonFields() noexcept;
 /// What a kind has in addition; empty for unknown kinds.
 [[nodiscard]] std::span<const RuleField> KindFields(uint32_t kind) noexcept;
+
+/// The program that a rule is bound to; empty: none, or the kind has no such field.
+[[nodiscard]] KxCommon::WideString ApplicationOf(const PFW_RULE& rule);
 
 /// The record of a kind if the file does not mention any fields: active, every address and port any.
 [[nodiscard]] PFW_RULE DefaultRule(uint32_t kind) noexcept;

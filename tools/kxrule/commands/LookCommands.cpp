@@ -21,24 +21,9 @@ namespace Tool
 namespace
 {
 
-std::string Text(const PFW_RULE& rule, const RuleField& field)
-{
-    return WideFieldText(reinterpret_cast<const uint8_t*>(&rule) + field.Places[0], field.Room);
-}
-
 std::string Description(const PFW_RULE& rule)
 {
     return WideFieldText(&rule.wszDescription, KXRULE_DESCRIPTION_UNITS);
-}
-
-std::string Application(const PFW_RULE& rule)
-{
-    for (const RuleField& field : KindFields(rule.dwKind))
-    {
-        if (field.Type == FieldType::Application)
-            return Text(rule, field);
-    }
-    return {};
 }
 
 std::string ActionText(const PFW_RULE& rule)
@@ -73,7 +58,7 @@ std::string RuleText(const Console& console, const PFW_RULE& rule)
         std::string(index.size() < 7 ? 7 - index.size() : 0, ' ') + index + "  " +
         console.Paint(rule.dwActive != 0 ? Style::Plain : Style::Dim, Printable(RuleToText(rule, true))) + "\n";
     std::string more;
-    for (const std::string& part : {Description(rule), Application(rule)})
+    for (const std::string& part : {Description(rule), ToUtf8(ApplicationOf(rule))})
     {
         if (!part.empty())
             more += (more.empty() ? "" : "  |  ") + Printable(part);
@@ -130,7 +115,7 @@ bool Passes(const Filter& filter, const Policy& policy, RuleSetRecord& ruleSet)
                   {
                       return (filter.Off && rule.dwActive != 0) ||
                              (!filter.Action.empty() && filter.Action != ActionText(rule)) ||
-                             (!application.empty() && !Contains(FromUtf8(Application(rule)), application));
+                             (!application.empty() && !Contains(ApplicationOf(rule), application));
                   });
     return !(filter.IsOfRules() && ruleSet.Rules.empty()) && !(filter.Active && !IsActive(policy, ruleSet.Index));
 }
