@@ -56,16 +56,15 @@ void Subtract(Traffic from, const Traffic& what, std::vector<Traffic>& rest)
         });
 }
 
-/// Whether anything was taken away.
-bool TakeAway(std::vector<Traffic>& from, const Traffic& what)
+/// What is left; nothing if all of it is.
+std::optional<std::vector<Traffic>> Without(const std::vector<Traffic>& from, const Traffic& what)
 {
     if (std::all_of(from.begin(), from.end(), [&what](const Traffic& part) { return Apart(part, what) != 0; }))
-        return false;
+        return std::nullopt;
     std::vector<Traffic> rest;
-    for (Traffic& part : from)
-        Subtract(std::move(part), what, rest);
-    from = std::move(rest);
-    return true;
+    for (const Traffic& part : from)
+        Subtract(part, what, rest);
+    return rest;
 }
 
 uint32_t Rank(uint32_t value) noexcept
@@ -143,24 +142,51 @@ Decider::Decider(const Policy& policy, const std::vector<uint16_t>& ruleSetIndex
                 const KxCommon::WideString application = ApplicationOf(rule);
                 if (!application.empty())
                     m_Programs.try_emplace(application, static_cast<uint32_t>(m_Programs.size()));
-                Entry& entry = m_Entries.emplace_back(Entry{{&ruleSet, &rule}, {}, true});
+                Entry entry{{&ruleSet, &rule}, {}, true};
                 entry.Matches = TrafficOf(rule, entry.IsCertain);
-                m_Hulls.push_back(HullOf(entry));
+                Add(std::move(entry));
             }
         }
     }
 }
 
-Decider::Hull Decider::HullOf(const Entry& entry)
+void Decider::Add(Entry entry)
+{
+    if (entry.IsCertain && Decides(*entry.Which.Rule) && Apart(entry.Matches, entry.Matches) == 0)
+    {
+        Group& group = m_Groups[ProgramOf(entry.Matches)];
+        group.Places.push_back(m_Entries.size());
+        group.Hulls.push_back(HullOf(entry.Matches));
+    }
+    m_Entries.push_back(std::move(entry));
+}
+
+Decider Decider::Narrowed(const Traffic& asked) const
+{
+    Decider narrowed(m_Names);
+    narrowed.m_Programs = m_Programs;
+    for (const Entry& entry : m_Entries)
+    {
+        if (Apart(entry.Matches, asked) == 0)
+            narrowed.Add(entry);
+    }
+    return narrowed;
+}
+
+uint32_t Decider::ProgramOf(const Traffic& traffic)
+{
+    const Range<uint32_t>& programs = std::get<5>(traffic).front();
+    return programs.First == programs.Last ? programs.First : kEveryProgram;
+}
+
+Decider::Hull Decider::HullOf(const Traffic& traffic)
 {
     Hull hull;
     ForEachField(
         [&](auto field)
         {
-            const auto& set = std::get<field>(entry.Matches);
-            const bool isNone = set.empty() || !entry.IsCertain || !Decides(*entry.Which.Rule);
-            hull.First[field] = isNone ? UINT32_MAX : Rank(set.front().First);
-            hull.Last[field] = isNone ? 0 : Rank(set.back().Last);
+            hull.First[field] = Rank(std::get<field>(traffic).front().First);
+            hull.Last[field] = Rank(std::get<field>(traffic).back().Last);
         });
     return hull;
 }
@@ -217,25 +243,47 @@ Traffic Decider::TrafficOf(const PFW_RULE& rule, bool& isCertain) const
     return traffic;
 }
 
-std::vector<RuleRef> Decider::Covering(size_t place) const
+std::optional<std::vector<RuleRef>> Decider::Covering(size_t place) const
 {
     const Entry& covered = m_Entries[place];
-    std::vector<RuleRef> covering;
     if (!Decides(*covered.Which.Rule) || Apart(covered.Matches, covered.Matches) != 0)
-        return covering;
-    const Hull hull = HullOf({covered.Which, covered.Matches, true});
+        return std::vector<RuleRef>();
+    const Hull hull = HullOf(covered.Matches);
     const auto meets = [&hull](const Hull& other)
     {
-        bool all = true;
-        for (size_t i = 0; i < kFields; ++i)
-            all &= hull.First[i] <= other.Last[i] && other.First[i] <= hull.Last[i];
-        return all;
+        for (size_t i = kFields; i-- > 0;) // ports and addresses where traffic goes differ most
+        {
+            if (hull.First[i] > other.Last[i] || other.First[i] > hull.Last[i])
+                return false;
+        }
+        return true;
     };
-    std::vector<Traffic> left = {covered.Matches};
-    for (size_t i = 0; i < place && !left.empty() && left.size() <= kMostParts; ++i)
+    // Programs without a rule of their own are left by all rules but those for every program. So these cover a rule for
+    // every program alone or not at all.
+    std::vector<size_t> before;
+    for (const uint32_t program : std::set<uint32_t>{kEveryProgram, ProgramOf(covered.Matches)})
     {
-        if (meets(m_Hulls[i]) && TakeAway(left, m_Entries[i].Matches))
-            covering.push_back(m_Entries[i].Which);
+        const auto group = m_Groups.find(program);
+        for (size_t i = 0; group != m_Groups.end() && i < group->second.Places.size(); ++i)
+        {
+            if (group->second.Places[i] >= place)
+                break;
+            if (meets(group->second.Hulls[i]))
+                before.push_back(group->second.Places[i]);
+        }
+    }
+    std::sort(before.begin(), before.end());
+    std::vector<RuleRef> covering;
+    std::vector<Traffic> left = {covered.Matches};
+    for (size_t i = 0; i < before.size() && !left.empty(); ++i)
+    {
+        if (left.size() > kMostParts)
+            return std::nullopt;
+        if (auto rest = Without(left, m_Entries[before[i]].Matches))
+        {
+            covering.push_back(m_Entries[before[i]].Which);
+            left = std::move(*rest);
+        }
     }
     return left.empty() ? covering : std::vector<RuleRef>();
 }
@@ -252,8 +300,9 @@ Decision Decider::Decide(const Traffic& asked) const
     std::vector<Traffic> left;
     if (Apart(asked, asked) == 0) // no field is empty
         left.push_back(asked);
-    for (const Entry& entry : m_Entries)
+    for (size_t place = 0; place < m_Entries.size(); ++place)
     {
+        const Entry& entry = m_Entries[place];
         const PFW_RULE& rule = *entry.Which.Rule;
         const bool decides = rule.dwKind == KXRULE_KIND_ACCESS;
         if (decides && (left.empty() || !decision.IsComplete))
@@ -265,12 +314,12 @@ Decision Decider::Decide(const Traffic& asked) const
             decision.Misses.push_back({entry.Which, static_cast<Obstacle>(std::countr_zero(obstacles))});
         if (!decides || obstacles != 0)
             continue;
-        std::vector<Traffic> rest = left;
-        if (!TakeAway(rest, entry.Matches))
+        auto rest = Without(left, entry.Matches);
+        if (!rest)
             continue;
-        decision.Rules.push_back({entry.Which, entry.IsCertain, rest.empty()});
+        decision.Rules.push_back({entry.Which, entry.IsCertain, rest->empty(), place});
         if (entry.IsCertain)
-            left = std::move(rest);
+            left = std::move(*rest);
         decision.IsComplete = left.size() <= kMostParts;
     }
     decision.IsUndecided = !left.empty();

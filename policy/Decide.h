@@ -56,6 +56,7 @@ struct DecidingRule
     RuleRef Which;
     bool IsCertain; // false: it may match, but has a name, an extension or a value of unknown meaning
     bool IsRest;    // it decides about everything left by the rules before it
+    size_t Place;   // of the Decider that was asked
 };
 struct NearMiss
 {
@@ -97,8 +98,11 @@ public:
     [[nodiscard]] Decision Decide(const Traffic& asked) const;
 
     /// The rules before an access rule that together leave nothing for it to decide, in their order; empty if
-    /// something is or may be left, or if there are too many parts to tell.
-    [[nodiscard]] std::vector<RuleRef> Covering(size_t place) const;
+    /// something is or may be left. Nothing if there are too many parts to tell.
+    [[nodiscard]] std::optional<std::vector<RuleRef>> Covering(size_t place) const;
+
+    /// With only the rules that may match some of the traffic, for asking much about it.
+    [[nodiscard]] Decider Narrowed(const Traffic& asked) const;
 
     /// The rules in the order in which they are consulted.
     [[nodiscard]] size_t Count() const noexcept { return m_Entries.size(); }
@@ -130,12 +134,23 @@ private:
 
     [[nodiscard]] Traffic TrafficOf(const PFW_RULE& rule, bool& isCertain) const;
 
+    /// Rules that decide for certain, about one program or about every one.
+    struct Group
+    {
+        std::vector<size_t> Places;
+        std::vector<Hull> Hulls;
+    };
+    static constexpr uint32_t kEveryProgram = UINT32_MAX;
+
+    explicit Decider(const Names& names) : m_Names(names) {}
+    void Add(Entry entry);
+    [[nodiscard]] static Hull HullOf(const Traffic& traffic);
+    [[nodiscard]] static uint32_t ProgramOf(const Traffic& traffic);
+
     Names m_Names;
     std::map<KxCommon::WideString, uint32_t, Less> m_Programs;
     std::vector<Entry> m_Entries;
-    std::vector<Hull> m_Hulls; // of rules that decide for certain; for others a hull that overlaps nothing
-
-    [[nodiscard]] static Hull HullOf(const Entry& entry);
+    std::map<uint32_t, Group> m_Groups;
 };
 
 } // namespace KxPolicy

@@ -111,7 +111,11 @@ def look(browser, page, width, screenshots):
     # Search: typed into the field that its label names.
     browser.run("document.querySelector('label[for=search]').control.focus()")
     browser.call("Input.insertText", text="Kerberos 88")
-    browser.run("new Promise(done => setTimeout(done, 400))")
+    browser.run("""new Promise(done => {
+        const wait = left => document.querySelectorAll('.set tbody tr').length === 1 || left === 0 ? done()
+                                                                                   : setTimeout(wait, 50, left - 1);
+        wait(100);
+    })""")
     check("found", browser.run("document.getElementById('count').textContent"), f"1 of {rules} rules")
     check("visible", browser.run("[...document.querySelectorAll('tr.rule')].filter(r => r.checkVisibility()).length"), 1)
     browser.run("const s = document.getElementById('search'); s.value = ''; s.dispatchEvent(new Event('input'))")

@@ -18,13 +18,20 @@ std::string Now()
     return text;
 }
 
+std::string Machine()
+{
+    KXWCHAR name[256] = {};
+    DWORD units = 256;
+    return ::GetComputerNameExW(ComputerNameDnsHostname, name, &units) ? ToUtf8(name) : std::string();
+}
+
 } // namespace
 
 int Report(Session& session, const std::string& file)
 {
     session.OpenToLook();
     const Policy store = session.Read();
-    const ReportInput input{store, ToUtf8(session.Directory()), Now(), MacroLine};
+    const ReportInput input{store, Machine(), ToUtf8(session.Directory()), Now(), MacroLine};
     WriteTextFile(session, file, ReportPage(input));
     TellWritten(session, file);
     return ExitDone;

@@ -2,7 +2,12 @@
 #include "tools/kxrule/report/Report.h"
 
 #include <algorithm>
+#include <cstdio>
+#include <iterator>
 #include <map>
+#include <set>
+
+#include <utf8.h>
 
 #include "common/srclib/KxComn_Record.h"
 #include "policy/ItemText.h"
@@ -11,6 +16,7 @@
 #include "policy/RulesText.h"
 #include "policy/Utf8.h"
 #include "policy/Words.h"
+#include "tools/kxrule/report/ReportScript.h"
 #include "tools/kxrule/report/ReportStyle.h"
 
 namespace Tool
@@ -20,50 +26,37 @@ namespace
 
 using KxCommon::Record::Load;
 
-constexpr size_t kMostServices = 400; // rows; each of them asks every rule
+constexpr size_t kMostLive = 2000;  // rules; of more the rows are text until they are looked at
+constexpr size_t kMostRows = 2000;  // of the matrix
+constexpr size_t kFewWarnings = 12; // more than these are folded
+constexpr size_t kFewLinks = 4;     // to the rules that cover one
 
-/// What turns the direction of a line around, of which nothing else in it must be touched, is shown as a mark.
-std::string Fenced(std::string_view text)
+/// Marks that turn the direction of a line around, and whatever else nobody sees.
+bool IsUnseen(uint32_t codePoint) noexcept
 {
-    std::string out(text);
-    for (const char* const control : {"\u202A", "\u202B", "\u202C", "\u202D", "\u202E", "\u2066", "\u2067", "\u2068",
-                                      "\u2069", "\u200E", "\u200F", "\u061C"})
-    {
-        const std::string_view found = control;
-        for (size_t at = 0; (at = out.find(found, at)) != std::string::npos;)
-            out.replace(at, found.size(), "\uFFFD");
-    }
-    return out;
+    static constexpr uint32_t kRanges[][2] = {{0, 0x1F},        {0x7F, 0x9F},     {0xAD, 0xAD},     {0x61C, 0x61C},
+                                              {0x200B, 0x200F}, {0x2028, 0x202E}, {0x2060, 0x206F}, {0xFEFF, 0xFEFF}};
+    return std::any_of(std::begin(kRanges), std::end(kRanges),
+                       [codePoint](const uint32_t(&range)[2])
+                       { return codePoint >= range[0] && codePoint <= range[1]; });
 }
 
+/// Text between tags. What nobody would see is named.
 std::string Escaped(std::string_view text)
 {
+    const std::string valid = utf8::replace_invalid(text);
     std::string out;
-    for (const char c : Fenced(text))
+    for (auto at = valid.begin(); at != valid.end();)
     {
-        switch (c)
-        {
-        case '&':
-            out += "&amp;";
-            break;
-        case '<':
-            out += "&lt;";
-            break;
-        case '>':
-            out += "&gt;";
-            break;
-        case '"':
-            out += "&quot;";
-            break;
-        case '\'':
-            out += "&#39;";
-            break;
-        default:
-            if (static_cast<unsigned char>(c) < 0x20) // HTML knows no other control characters
-                out += "\xEF\xBF\xBD";
-            else
-                out += c;
-        }
+        const uint32_t codePoint = utf8::unchecked::next(at);
+        char name[40];
+        std::snprintf(name, sizeof name, "<b class=code>U+%04X</b>", static_cast<unsigned>(codePoint));
+        if (IsUnseen(codePoint))
+            out += name;
+        else if (codePoint == '&' || codePoint == '<' || codePoint == '>')
+            out += codePoint == '&' ? "&amp;" : codePoint == '<' ? "&lt;" : "&gt;";
+        else
+            utf8::append(codePoint, std::back_inserter(out));
     }
     return out;
 }
@@ -78,7 +71,13 @@ struct Row
     std::vector<std::string> Ports;
     std::string Application;
     std::string Description;
+    bool IsWhole = true; // they say everything
 };
+
+bool IsAny(const std::string& item)
+{
+    return item == "any" || item == "none";
+}
 
 Row Describe(const PFW_RULE& rule)
 {
@@ -86,6 +85,7 @@ Row Describe(const PFW_RULE& rule)
     Row row;
     row.Kind = KeywordText(kKinds, rule.dwKind);
     row.Description = WideFieldText(&rule.wszDescription, KXRULE_DESCRIPTION_UNITS);
+    row.IsWhole = rule.dwKind == KXRULE_KIND_ACCESS;
     for (const RuleField& field : KindFields(rule.dwKind))
     {
         const std::string_view name = field.Name;
@@ -100,6 +100,8 @@ Row Describe(const PFW_RULE& rule)
             row.Protocol = KeywordText(field.Names, Load<uint32_t>(at));
         else if (field.Type == FieldType::Application)
             row.Application = WideFieldText(at, field.Room);
+        else if (field.Type == FieldType::Extension)
+            row.IsWhole = row.IsWhole && Load<uint32_t>(at) == 0;
     }
     return row;
 }
@@ -107,26 +109,40 @@ Row Describe(const PFW_RULE& rule)
 const char* ActionClass(std::string_view action) noexcept
 {
     if (action == "accept")
-        return "accept";
+        return " class=accept";
     if (action == "drop" || action == "reject" || action == "reset")
-        return "deny";
-    return action == "ask" ? "ask" : "";
+        return " class=deny";
+    return action == "ask" ? " class=ask" : "";
 }
 
-std::string RuleId(uint16_t ruleSetIndex, uint16_t ruleIndex)
+std::string RuleId(const RuleSetRecord& ruleSet, const PFW_RULE& rule, char between)
 {
-    return "rule-" + std::to_string(ruleSetIndex) + "-" + std::to_string(ruleIndex);
+    return std::to_string(ruleSet.Index) + between + std::to_string(uint16_t{rule.wRuleIndex});
 }
 
-std::string RuleLink(uint16_t ruleSetIndex, uint16_t ruleIndex, const std::string& text)
+std::string Link(const RuleRef& rule)
 {
-    return "<a href=\"#" + RuleId(ruleSetIndex, ruleIndex) + "\">" + text + "</a>";
+    return "<a href=#" + RuleId(*rule.RuleSet, *rule.Rule, '-') + ">" + RuleId(*rule.RuleSet, *rule.Rule, '/') + "</a>";
+}
+
+std::string Links(const std::vector<RuleRef>& rules)
+{
+    std::string links;
+    for (size_t i = 0; i < std::min(rules.size(), kFewLinks); ++i)
+        links += (i == 0 ? " " : ", ") + Link(rules[i]) + " " + Escaped(Describe(*rules[i].Rule).Action);
+    return links + (rules.size() > kFewLinks ? " and " + Count(rules.size() - kFewLinks, "more rule") : "");
+}
+
+std::string LowerCase(std::string text)
+{
+    std::transform(text.begin(), text.end(), text.begin(),
+                   [](char c) { return c >= 'A' && c <= 'Z' ? static_cast<char>(c + 32) : c; });
+    return text;
 }
 
 std::string FileName(const std::string& path)
 {
-    const size_t separator = path.find_last_of("\\/");
-    return separator == std::string::npos ? path : path.substr(separator + 1);
+    return path.substr(path.find_last_of("\\/") + 1);
 }
 
 class Page
@@ -138,9 +154,19 @@ public:
         for (const Warning& warning : m_Warnings)
         {
             if (warning.Kind == WarningKind::Covered || warning.Kind == WarningKind::Redundant)
-                m_Marks[{warning.RuleSetIndex, warning.RuleIndex}] =
-                    warning.Kind == WarningKind::Covered ? "never takes effect" : "redundant";
+                m_Marks[{warning.RuleSetIndex, warning.RuleIndex}] = &warning;
         }
+        for (const RuleSetRecord& ruleSet : m_Store.RuleSets)
+        {
+            m_Rules += ruleSet.Rules.size();
+            for (const PFW_RULE& rule : ruleSet.Rules)
+            {
+                const std::string path = LowerCase(Describe(rule).Application);
+                m_Paths[FileName(path)].insert(path);
+            }
+        }
+        for (const MacroRecord& macro : m_Store.Macros.value_or(std::vector<MacroRecord>()))
+            m_MacroIds.try_emplace(NameOf(macro), m_MacroIds.size() + 1);
     }
 
     std::string Write()
@@ -160,15 +186,31 @@ private:
         m_Out += "<li><b>" + std::to_string(number) + "</b>" + what + "</li>\n";
     }
 
+    /// Rows between the tags of the element that they belong to, or in large pages as text after it.
+    void Rows(const std::string& begin, const std::string& rows, const std::string& end)
+    {
+        m_Out += m_Rules <= kMostLive ? begin + rows + end
+                                      : begin + end + "<script type=\"text/plain\">" + rows + "</script>\n";
+    }
+
+    /// What rows of a large page have in common: its number there, between brackets that the text of a row never has.
+    std::string Part(std::string html)
+    {
+        if (m_Rules <= kMostLive)
+            return html;
+        const auto [part, isNew] = m_PartNumbers.try_emplace(std::move(html), m_Parts.size());
+        if (isNew)
+            m_Parts.push_back(&part->first);
+        return "<" + std::to_string(part->second) + ">";
+    }
+
     void Head()
     {
-        size_t rules = 0;
+        const std::string title =
+            "Firewall rules" + (m_Input.Machine.empty() ? "" : " of <bdi>" + Escaped(m_Input.Machine) + "</bdi>");
         size_t active = 0;
         for (const RuleSetRecord& ruleSet : m_Store.RuleSets)
-        {
-            rules += ruleSet.Rules.size();
             active += IsActive(m_Store, ruleSet.Index) ? 1 : 0;
-        }
         // Only the page's own script runs, whatever the texts of the store contain.
         m_Out +=
             "<!DOCTYPE html>\n<html lang=\"en\">\n<head>\n<meta charset=\"utf-8\">\n"
@@ -177,10 +219,11 @@ private:
             "script-src 'unsafe-inline'\">\n<title>Firewall rules</title>\n<style>" +
             std::string(kReportStyle) +
             "</style>\n</head>\n<body>\n<a class=\"skip\" href=\"#rules\">Skip to the rules</a>\n<header>\n"
-            "<h1>Firewall rules</h1>\n<p class=\"dim\">" +
-            Escaped(m_Input.Source) + ", " + Escaped(m_Input.Time) + "</p>\n<ul class=\"tiles\">\n";
+            "<h1>" +
+            title + "</h1>\n<p class=\"dim\"><bdi>" + Escaped(m_Input.Source) + "</bdi>, " + Escaped(m_Input.Time) +
+            "</p>\n<ul class=\"tiles\">\n";
         Tile(m_Store.RuleSets.size(), "rule sets, " + std::to_string(active) + " active");
-        Tile(rules, "rules");
+        Tile(m_Rules, "rules");
         Tile(m_Store.Macros ? m_Store.Macros->size() : 0, "macros");
         // Programs without a hash are what every import leaves; they are told, but do not lead.
         Tile(static_cast<size_t>(std::count_if(m_Warnings.begin(), m_Warnings.end(),
@@ -189,7 +232,11 @@ private:
              "warnings");
         m_Out += "</ul>\n<nav aria-label=\"Sections\"><ul><li><a href=\"#warnings\">Warnings</a></li><li><a "
                  "href=\"#matrix\">Who may talk to what</a></li><li><a href=\"#rules\">Rules</a></li><li><a "
-                 "href=\"#macros\">Macros</a></li></ul></nav>\n</header>\n<main>\n";
+                 "href=\"#macros\">Macros</a></li></ul></nav>\n";
+        if (m_Rules > kMostLive)
+            m_Out += "<noscript><p>Of more than " + std::to_string(kMostLive) +
+                     " rules, a script shows the rows. This browser does not run it.</p></noscript>\n";
+        m_Out += "</header>\n<main>\n";
     }
 
     void Warnings()
@@ -199,20 +246,22 @@ private:
             {WarningKind::NotThere, "Active rule sets that do not exist"},
             {WarningKind::Rescue, "Rescue rules"},
             {WarningKind::AnyToAny, "Rules that accept everything"},
-            {WarningKind::Covered, "Rules that never take effect"},
-            {WarningKind::Redundant, "Rules that are redundant"},
-            {WarningKind::NoHash, "Programs without a hash"},
-            {WarningKind::Mistake, "What is hardly meant"}};
+            {WarningKind::Covered, "Rules that never take effect, although they say otherwise"},
+            {WarningKind::Redundant, "Redundant rules: the same is decided before"},
+            {WarningKind::Unchecked, "Rules that could not be checked"},
+            {WarningKind::Mistake, "What is hardly meant"},
+            {WarningKind::NoHash, "Programs without a hash"}};
         m_Out += "<section aria-labelledby=\"warnings\">\n<h2 id=\"warnings\">Warnings</h2>\n";
         m_Out += m_Warnings.empty() ? "<p>Nothing to report.</p>\n" : "";
         for (const auto& [kind, title] : kGroups)
             WarningGroup(kind, title);
-        m_Out += "</section>\n";
+        m_Out += "<p class=\"dim\">Whether a rule takes effect is checked of access rules that are on. One that is not "
+                 "certain to match, because of an extension or a name that no macro explains, covers no other. Rule "
+                 "sets that are not active are checked each for itself.</p>\n</section>\n";
     }
 
     void WarningGroup(WarningKind kind, const char* title)
     {
-        constexpr size_t kFew = 12; // more than these are folded
         std::string entries;
         size_t count = 0;
         for (const Warning& warning : m_Warnings)
@@ -220,92 +269,197 @@ private:
             if (warning.Kind != kind)
                 continue;
             ++count;
-            const std::string set = "Rule set " + std::to_string(warning.RuleSetIndex);
-            entries += "<li>";
-            if (warning.HasRule)
-                entries += RuleLink(warning.RuleSetIndex, warning.RuleIndex,
-                                    set + ", rule " + std::to_string(warning.RuleIndex)) +
-                           " ";
-            else if (warning.RuleSetIndex != 0)
-                entries += set + " ";
-            entries += Escaped(warning.Text);
-            for (const RuleRef& by : warning.By)
-                entries +=
-                    (&by == &warning.By.front() ? " " : ", ") +
-                    RuleLink(by.RuleSet->Index, by.Rule->wRuleIndex,
-                             std::to_string(by.RuleSet->Index) + "/" + std::to_string(uint16_t{by.Rule->wRuleIndex}) +
-                                 " (" + Escaped(Describe(*by.Rule).Action) + ")");
-            entries += "</li>\n";
+            const std::string set = std::to_string(warning.RuleSetIndex);
+            const std::string rule = std::to_string(warning.RuleIndex);
+            entries += "<li>" +
+                       (warning.HasRule             ? "<a href=#" + set + "-" + rule + ">" + set + "/" + rule + "</a> "
+                        : warning.RuleSetIndex != 0 ? "Rule set " + set + " "
+                                                    : "") +
+                       Escaped(warning.Text) + Links(warning.By) + "\n";
         }
         if (count > 0)
-            m_Out += "<details" + std::string(count <= kFew ? " open" : "") + "><summary><h3>" + title +
-                     "</h3><span class=\"badge\">" + std::to_string(count) + "</span></summary>\n<ul>\n" + entries +
-                     "</ul>\n</details>\n";
+            Rows("<details" + std::string(count <= kFewWarnings && kind != WarningKind::NoHash ? " open" : "") +
+                     "><summary><h3>" + title + "</h3><span class=\"badge\">" + std::to_string(count) +
+                     "</span></summary>\n<ul>\n",
+                 entries, "</ul>");
+        m_Out += count > 0 ? "</details>\n" : "";
     }
 
     /// What becomes of traffic to each service, by the rules that decide about it.
     void Matrix()
     {
         const Decider decider(m_Store);
-        size_t left = 0;
-        const std::vector<Service> services = FindServices(decider, kMostServices, left);
         m_Out +=
             "<section aria-labelledby=\"matrix\">\n<h2 id=\"matrix\">Who may talk to what</h2>\n<p class=\"dim\">"
-            "Rule sets are asked in this order: " +
-            Order() +
-            ". In each the rules are asked by ascending index, and the first that matches decides. A rule is named "
-            "where it decides, at least about a part.</p>\n";
+            "What becomes of traffic to each service, by program and peer. Rule sets are asked in this order:</p>\n";
+        Order();
+        m_Out += "<p class=\"dim\">In each the rules are asked by ascending index, and the first that matches decides. "
+                 "“Less” is what rules before it decide otherwise. Only access rules that are on decide.</p>\n";
         if (decider.Count() == 0)
         {
             m_Out += "<p>No rule is active.</p>\n</section>\n";
             return;
         }
-        m_Out += "<table class=\"cards\">\n<thead><tr><th scope=\"col\">To</th><th scope=\"col\">Allowed</th><th "
-                 "scope=\"col\">Refused</th><th scope=\"col\">Asked</th><th scope=\"col\">Otherwise</th></tr></thead>\n"
-                 "<tbody>\n";
+        size_t left = 0;
+        const std::vector<Service> services = FindServices(decider, kMostRows, left);
+        // Services of which the same is to be said share their rows, at the place of the first.
+        std::vector<std::pair<std::string, std::string>> groups; // name, rows
+        std::map<std::string, size_t> known;
         for (const Service& service : services)
-            ServiceRow(service);
-        m_Out += "</tbody>\n</table>\n";
+        {
+            std::string rows = ServiceRows(service);
+            const auto [at, isNew] = known.try_emplace(service.Protocol + rows, groups.size());
+            if (isNew)
+                groups.emplace_back(service.Protocol + (service.Ports.empty() ? "" : " ") + service.Ports,
+                                    std::move(rows));
+            else
+                groups[at->second].first += ", " + service.Ports;
+        }
+        std::string body;
+        for (auto& [name, rows] : groups)
+        {
+            const auto count = std::erase(rows, '\n');
+            body += "<tbody><tr><th scope=rowgroup rowspan=" + std::to_string(count) + ">" + name + rows + "\n";
+        }
+        Rows("<table class=\"cards matrix\">\n<thead><tr><th scope=\"col\">Service</th><th "
+             "scope=\"col\">Program</th><th "
+             "scope=\"col\">Allowed</th><th scope=\"col\">Refused</th><th scope=\"col\">Asked</th><th "
+             "scope=\"col\">No rule</th></tr></thead>\n",
+             body, "</table>\n");
         if (left > 0)
-            m_Out +=
-                "<p>" + Count(left, "service") + " more could not be shown; kxrule explain tells about each.</p>\n";
+            m_Out += "<p>" + Count(left, "service") + " more, after " + services.back().Protocol + " " +
+                     services.back().Ports + ", are not shown; kxrule explain tells about each.</p>\n";
         m_Out += "</section>\n";
     }
 
-    void ServiceRow(const Service& service)
+    /// The rows of a service without their first cell, a line each. Programs that fare like all others have none.
+    std::string ServiceRows(const Service& service)
     {
-        std::string cells[4];
-        for (const DecidingRule& rule : service.What.Rules)
+        struct Fare
         {
-            const Row row = Describe(*rule.Which.Rule);
-            const std::string who = row.Application.empty() ? "anybody" : FileName(row.Application);
-            cells[static_cast<size_t>(VerdictOf(*rule.Which.Rule))] +=
-                "<li>" +
-                RuleLink(rule.Which.RuleSet->Index, rule.Which.Rule->wRuleIndex,
-                         Escaped((rule.IsCertain ? "" : "perhaps ") + who + ": " + row.Addresses[0] + " → " +
-                                 row.Addresses[1] + (row.Ports[0] == "any" ? "" : ", from port " + row.Ports[0]))) +
-                "</li>";
+            std::string Said, Programs, Cells;
+        };
+        std::vector<Fare> fares;
+        std::string others;
+        std::string othersCells;
+        for (const ServiceRow& row : service.Rows)
+        {
+            std::string said;
+            std::string cells;
+            const DecidingRule* own = nullptr;
+            for (size_t verdict = 0; verdict < std::size(row.Shares); ++verdict)
+                ShareCell(row, verdict, said, cells, own);
+            if (row.Program == nullptr)
+            {
+                others = said;
+                othersCells = cells;
+            }
+            else if (said != others)
+            {
+                auto fare =
+                    std::find_if(fares.begin(), fares.end(), [&said](const Fare& one) { return one.Said == said; });
+                if (fare == fares.end())
+                    fare = fares.insert(fare, {said, "", cells});
+                fare->Programs += (fare->Programs.empty() ? "" : ", ") + ProgramName(*row.Program) +
+                                  (own == nullptr ? "" : " " + Link(own->Which));
+            }
         }
-        m_Out += "<tr><th scope=\"row\">" + Escaped(service.Name) + "</th>";
-        static constexpr std::pair<const char*, const char*> kColumns[] = {
-            {"accept", "Allowed"}, {"deny", "Refused"}, {"ask", "Asked"}};
-        for (size_t i = 0; i < 3; ++i)
-            Cell(kColumns[i].second,
-                 cells[i].empty() ? "" : "<ul class=\"" + std::string(kColumns[i].first) + "\">" + cells[i] + "</ul>");
-        Cell("Otherwise", (cells[3].empty() ? "" : "<ul>" + cells[3] + "</ul>") +
-                              (!service.What.IsComplete   ? "too many parts to tell"
-                               : service.What.IsUndecided ? "no rule"
-                                                          : ""));
-        m_Out += "</tr>\n";
+        std::string text;
+        for (const Fare& fare : fares)
+            text += (text.empty() ? "<td>" : "<tr><td>") + fare.Programs + fare.Cells + "</td>\n";
+        return text + (text.empty() ? "<td>any program" : "<tr><td>other programs") + othersCells + "</td>\n";
+    }
+
+    /// Appends a cell to cells, and what it says without links to said. The first rule for the program itself is own.
+    void ShareCell(const ServiceRow& row, size_t verdict, std::string& said, std::string& cells,
+                   const DecidingRule*& own)
+    {
+        static constexpr const char* kClasses[] = {" class=accept", " class=deny", " class=ask", ""};
+        bool isFirst = true;
+        for (const auto& shares : row.Shares)
+            isFirst = isFirst && (&shares == &row.Shares[verdict] || shares.empty());
+        isFirst = isFirst && row.Shares[verdict].size() == 1 && !row.IsUndecided;
+        std::string items;
+        for (const Share& share : row.Shares[verdict])
+        {
+            const bool isRest = share.Rule.IsRest;
+            std::string text = Peers(share.Rule, isRest && !isFirst ? "everything else" : "everything");
+            if (text != "everything else" && text != "everything" && !share.Less.empty())
+            {
+                constexpr size_t kFewLess = 4;
+                std::string less;
+                for (size_t i = 0; i < std::min(share.Less.size(), kFewLess); ++i)
+                    less += (i == 0 ? " less " : ", ") + Peers(share.Less[i], "everything");
+                text += less + (share.Less.size() > kFewLess
+                                    ? " and " + std::to_string(share.Less.size() - kFewLess) + " more"
+                                    : "");
+            }
+            said += text + "\n";
+            items += "<li>" + text + " " + Link(share.Rule.Which);
+            if (own == nullptr && !Describe(*share.Rule.Which.Rule).Application.empty())
+                own = &share.Rule;
+        }
+        if (row.More[verdict] > 0)
+            items += "<li>and " + std::to_string(row.More[verdict]) + " more";
+        const bool isLast = verdict + 1 == std::size(row.Shares);
+        if (isLast && row.IsUndecided)
+            items += !row.IsComplete                                    ? "<li>too many parts to tell"
+                     : said.find_first_not_of('|') == std::string::npos ? "<li>everything"
+                                                                        : "<li>everything else";
+        said += "|";
+        cells += "<td" + std::string(items.empty() ? "" : kClasses[verdict]) + ">" +
+                 (items.empty() ? "" : "<ul>" + items + "</ul>");
+    }
+
+    /// Where the traffic comes from and goes to that a rule decides about.
+    std::string Peers(const DecidingRule& rule, const char* everything) const
+    {
+        const Row row = Describe(*rule.Which.Rule);
+        std::string text = rule.IsCertain ? "" : "perhaps ";
+        if (IsAny(row.Addresses[0]) && IsAny(row.Addresses[1]))
+            text += everything;
+        if (!IsAny(row.Addresses[0]))
+            text += "from " + Item(row.Addresses[0]) + (IsAny(row.Addresses[1]) ? "" : " ");
+        if (!IsAny(row.Addresses[1]))
+            text += "to " + Item(row.Addresses[1]);
+        return text + (IsAny(row.Ports[0]) ? "" : ", from port " + Item(row.Ports[0]));
+    }
+
+    std::string ProgramName(const PFW_RULE& rule) const
+    {
+        const std::string path = Describe(rule).Application;
+        const std::string name = FileName(path);
+        return "<bdi>" + Escaped(m_Paths.at(LowerCase(name)).size() > 1 ? path : name) + "</bdi>";
+    }
+
+    static std::string NameOf(const MacroRecord& macro)
+    {
+        return NarrowFieldText(macro.Name.c_str(), macro.Name.size() + 1);
+    }
+
+    /// An address or a port; one that names a macro unfolds it.
+    std::string Item(const std::string& text) const
+    {
+        const auto macro = text.starts_with('@') ? m_MacroIds.find(text.substr(1)) : m_MacroIds.end();
+        return macro == m_MacroIds.end()
+                   ? Escaped(text)
+                   : "<button popovertarget=m" + std::to_string(macro->second) + ">" + Escaped(text) + "</button>";
     }
 
     /// The rule sets of the active list, linked.
-    std::string Order() const
+    void Order()
     {
         std::string order;
         for (const uint16_t index : m_Store.Active.value_or(std::vector<uint16_t>()))
-            order += (order.empty() ? "" : ", ") + std::to_string(index);
-        return order.empty() ? "none is active" : order;
+        {
+            const auto ruleSet = std::find_if(m_Store.RuleSets.begin(), m_Store.RuleSets.end(),
+                                              [index](const RuleSetRecord& one) { return one.Index == index; });
+            const std::string number = std::to_string(index);
+            order += "<li>" + (ruleSet == m_Store.RuleSets.end() ? number + " (does not exist)"
+                                                                 : "<a href=#set-" + number + ">" + number + " " +
+                                                                       Escaped(ToUtf8(ruleSet->Name)) + "</a>");
+        }
+        m_Out += order.empty() ? "<p>None is active.</p>\n" : "<ol class=\"order\">" + order + "</ol>\n";
     }
 
     void RuleSets()
@@ -316,68 +470,71 @@ private:
             "autocomplete=\"off\" spellcheck=\"false\"> <span id=\"count\" role=\"status\"></span></div>\n";
         for (const RuleSetRecord& ruleSet : m_Store.RuleSets)
             RuleSet(ruleSet);
-        m_Out += "</section>\n";
+        m_Out += "</section>\n<script type=\"text/plain\" id=\"parts\">";
+        for (const std::string* const part : m_Parts)
+            m_Out += *part + "\n";
+        m_Out += "</script>\n";
     }
 
     void RuleSet(const RuleSetRecord& ruleSet)
     {
         const bool active = IsActive(m_Store, ruleSet.Index);
-        m_Out += "<details class=\"set\"" + std::string(active ? " open" : "") + ">\n<summary><h3>" +
-                 std::to_string(ruleSet.Index) + " " + Escaped(ToUtf8(ruleSet.Name)) + "</h3><span class=\"badge" +
-                 (active ? " on\">active" : "\">not active") + "</span><span class=\"badge\">" +
-                 Count(ruleSet.Rules.size(), "rule") + "</span></summary>\n<table class=\"cards sorted\">\n<thead><tr>";
-        for (const char* const head :
+        const std::string index = std::to_string(ruleSet.Index);
+        std::string head = "<details class=\"set\" id=\"set-" + index + "\"" + (active ? " open" : "") +
+                           ">\n<summary><h3>" + index + " " + Escaped(ToUtf8(ruleSet.Name)) +
+                           "</h3><span class=\"badge" + (active ? " on\">active" : "\">not active") +
+                           "</span><span class=\"badge\">" + Count(ruleSet.Rules.size(), "rule") +
+                           "</span></summary>\n<table class=\"cards\">\n<thead><tr>";
+        for (const char* const name :
              {"Rule", "Action", "Kind", "Protocol", "From", "To", "Ports", "Program", "Description"})
-            m_Out += "<th scope=\"col\">" + std::string(head) + "</th>";
-        m_Out += "</tr></thead>\n<tbody>\n";
+            head += "<th scope=\"col\">" + std::string(name) + "</th>";
+        std::string rows;
         for (const PFW_RULE& rule : ruleSet.Rules)
-            Rule(ruleSet, rule);
-        m_Out += "</tbody>\n</table>\n</details>\n";
+            rows += RuleRow(ruleSet, rule);
+        Rows(head + "</tr></thead>\n<tbody>\n", rows, "</tbody>\n</table>\n");
+        m_Out += "</details>\n";
     }
 
-    void Cell(const char* label, const std::string& html, const std::string& attributes = {})
-    {
-        m_Out += "<td data-label=\"" + std::string(label) + "\"" + attributes + ">" + html + "</td>";
-    }
-
-    static std::string Joined(const std::vector<std::string>& texts, size_t first, size_t last, const char* between)
-    {
-        std::string text;
-        for (size_t i = first; i < std::min(last, texts.size()); ++i)
-            text += (text.empty() ? "" : between) + texts[i];
-        return text;
-    }
-
-    void Rule(const RuleSetRecord& ruleSet, const PFW_RULE& rule)
+    /// A line; the script cuts there.
+    std::string RuleRow(const RuleSetRecord& ruleSet, const PFW_RULE& rule)
     {
         const Row row = Describe(rule);
-        const uint16_t index = rule.wRuleIndex;
-        const std::string line = RuleToText(rule, true);
-        const auto marked = m_Marks.find({ruleSet.Index, index});
-        const bool anyPort = std::all_of(row.Ports.begin(), row.Ports.end(),
-                                         [](const std::string& port) { return port == "any" || port == "none"; });
-        m_Out += "<tr class=\"rule" + std::string(rule.dwActive == 0 ? " off" : "") + "\" id=\"" +
-                 RuleId(ruleSet.Index, index) + "\">";
-        Cell("Rule", std::to_string(index) + (rule.dwActive == 0 ? " (off)" : ""),
-             " class=\"number\" data-sort=\"" + std::to_string(index) + "\"");
-        Cell("Action", Escaped(row.Action), " class=\"" + std::string(ActionClass(row.Action)) + "\"");
-        Cell("Kind", Escaped(row.Kind));
-        Cell("Protocol", Escaped(row.Protocol));
-        Cell("From", Escaped(Joined(row.Addresses, 0, 1, "")));
-        Cell("To", Escaped(Joined(row.Addresses, 1, 3, " becomes ")));
-        Cell("Ports", anyPort ? "" : Escaped(Joined(row.Ports, 0, 3, " → ")));
-        Cell("Program", Escaped(row.Application));
-        Cell("Description",
-             Escaped(row.Description) +
-                 (marked == m_Marks.end() ? "" : " <span class=\"badge\">" + marked->second + "</span>") +
-                 "<div class=\"line\">" + Escaped(line) + "</div>");
-        m_Out += "</tr>\n";
+        const auto marked = m_Marks.find({ruleSet.Index, uint16_t{rule.wRuleIndex}});
+        const auto items = [this](const std::vector<std::string>& texts, size_t first, const char* between)
+        {
+            std::string joined;
+            for (size_t i = first; i < texts.size(); ++i)
+                joined += (i == first ? "" : between) + Item(texts[i]);
+            return joined;
+        };
+        const bool hasSourcePort = row.Ports.size() != 2 || !IsAny(row.Ports[0]);
+        const bool hasPorts = !std::all_of(row.Ports.begin(), row.Ports.end(), IsAny);
+        std::string text = "<tr id=" + RuleId(ruleSet, rule, '-') +
+                           (marked != m_Marks.end() ? " class=idle"
+                            : rule.dwActive == 0    ? " class=off"
+                                                    : "") +
+                           "><td>" + std::to_string(uint16_t{rule.wRuleIndex}) + (rule.dwActive == 0 ? " (off)" : "");
+        text += Part("<td" + std::string(ActionClass(row.Action)) + ">" + Escaped(row.Action) + "<td>" +
+                     Escaped(row.Kind) + "<td>" + Escaped(row.Protocol)) +
+                "<td>" + (row.Addresses.empty() ? "" : Item(row.Addresses[0])) + "<td>" +
+                items(row.Addresses, 1, " becomes ") + "<td>" +
+                (hasPorts ? items(row.Ports, hasSourcePort ? 0 : 1, " → ") : "");
+        text += Part("<td>" + Escaped(row.Application)); // a statement of its own: parts are numbered in order
+        text += "<td>" + Escaped(row.Description);
+        if (marked != m_Marks.end())
+            text += " <b class=badge>" +
+                    std::string(marked->second->Kind == WarningKind::Covered ? "never takes effect" : "redundant") +
+                    "</b> by " + Link(marked->second->By.front());
+        // The columns of an access rule say what its line would.
+        if (!row.IsWhole)
+            text += "<div class=line>" + Escaped(RuleToText(rule, true)) + "</div>";
+        return text + "\n";
     }
 
     void Macros()
     {
         m_Out += "<section aria-labelledby=\"macros\">\n<h2 id=\"macros\">Macros</h2>\n";
-        if (!m_Store.Macros || m_Store.Macros->empty())
+        if (m_MacroIds.empty())
         {
             m_Out += "<p>There are none.</p>\n</section>\n";
             return;
@@ -385,28 +542,38 @@ private:
         m_Out +=
             "<table class=\"cards\">\n<thead><tr><th scope=\"col\">Name</th><th scope=\"col\">Items</th></tr></thead>\n"
             "<tbody>\n";
+        std::map<size_t, std::string> unfolded;
         for (const MacroRecord& macro : *m_Store.Macros)
         {
-            m_Out += "<tr><th scope=\"row\">" + Escaped(NarrowToUtf8(macro.Name)) + "</th><td data-label=\"Items\">";
             std::string items;
             for (const MACRO_ITEM& item : macro.Items)
             {
                 const uint32_t type = item.dwItemType;
-                items += (items.empty() ? "" : ", ") + Escaped(type == KXRULE_ITEM_ADDR   ? AddressText(item.Addr)
-                                                               : type == KXRULE_ITEM_PORT ? PortText(item.Port)
-                                                               : type == KXRULE_ITEM_TEXT
-                                                                   ? NarrowFieldText(&item.szText, sizeof item.szText)
-                                                                   : "type " + std::to_string(type));
+                items += (items.empty() ? "" : ", ") + (type == KXRULE_ITEM_ADDR   ? Item(AddressText(item.Addr))
+                                                        : type == KXRULE_ITEM_PORT ? Item(PortText(item.Port))
+                                                        : type == KXRULE_ITEM_TEXT
+                                                            ? Escaped(NarrowFieldText(&item.szText, sizeof item.szText))
+                                                            : "type " + std::to_string(type));
             }
-            m_Out += items + "<div class=\"line\">" + Escaped(m_Input.MacroLine(macro)) + "</div></td></tr>\n";
+            m_Out += "<tr><th scope=\"row\">" + Escaped(NameOf(macro)) + "</th><td>" + items + "<div class=\"line\">" +
+                     Escaped(m_Input.MacroLine(macro)) + "</div></td></tr>\n";
+            std::string& all = unfolded[m_MacroIds.at(NameOf(macro))];
+            all += (all.empty() ? "<b>" + Escaped(NameOf(macro)) + "</b><br>" : ", ") + items;
         }
         m_Out += "</tbody>\n</table>\n</section>\n";
+        for (const auto& [id, items] : unfolded)
+            m_Out += "<div popover id=m" + std::to_string(id) + ">" + items + "</div>\n";
     }
 
     const ReportInput& m_Input;
     const Policy& m_Store;
     const std::vector<Warning> m_Warnings;
-    std::map<std::pair<uint16_t, uint16_t>, std::string> m_Marks; // of the rows of rules
+    std::map<std::pair<uint16_t, uint16_t>, const Warning*> m_Marks; // of the rows of rules
+    std::map<std::string, std::set<std::string>> m_Paths;            // of programs, by the names of their files
+    std::map<std::string, size_t> m_MacroIds;
+    std::map<std::string, size_t> m_PartNumbers;
+    std::vector<const std::string*> m_Parts;
+    size_t m_Rules = 0;
     std::string m_Out;
 };
 

@@ -1,4 +1,4 @@
-// Style and script of the report page. No address outside the page.
+// The style of the report page. No address outside the page.
 #pragma once
 
 namespace Tool
@@ -17,105 +17,70 @@ a:focus-visible, button:focus-visible, input:focus-visible, summary:focus-visibl
   outline-offset: 2px; }
 .skip { position: absolute; left: -99rem; } .skip:focus { left: 1rem; top: .5rem; background: var(--back); padding: .5rem; }
 h1 { font-size: 1.6rem; margin: .2rem 0; } h2 { font-size: 1.25rem; margin: 2rem 0 .5rem; }
-.dim, .line { color: var(--dim); } .line { font-family: ui-monospace, Consolas, monospace; font-size: .85rem; }
+bdi, h3, a, button, li, td, th { unicode-bidi: isolate; }
+.dim, .line { color: var(--dim); } .line, .code { font-family: ui-monospace, Consolas, monospace; font-size: .85rem; }
+.code { border: 1px solid currentColor; border-radius: .25rem; padding: 0 .2rem; font-weight: 400; }
 .tiles { display: flex; flex-wrap: wrap; gap: .75rem; padding: 0; list-style: none; }
 .tiles li { background: var(--card); border: 1px solid var(--line); border-radius: .5rem; padding: .5rem 1rem; }
 .tiles b { display: block; font-size: 1.4rem; }
 nav ul { display: flex; flex-wrap: wrap; gap: .25rem 1rem; padding: 0; list-style: none; }
+.order { display: flex; flex-wrap: wrap; gap: .25rem 2.2rem; padding-left: 1.2rem; }
 table { border-collapse: collapse; width: 100%; }
 th, td { text-align: left; vertical-align: top; padding: .4rem .5rem; border-bottom: 1px solid var(--line); }
-th { font-size: .9rem; } th button { font: inherit; font-weight: 600; color: inherit; background: none; border: 0;
-  padding: .2rem; cursor: pointer; }
+th { font-size: .9rem; }
+th button, [popovertarget] { font: inherit; color: inherit; background: none; border: 0; padding: 0; cursor: pointer; }
+th button { font-weight: 600; padding: .2rem; }
+[popovertarget] { color: var(--link); text-decoration: underline dotted; text-align: left; user-select: text; }
+[popover] { max-width: min(40rem, 90vw); padding: 1rem; border: 1px solid var(--dim); border-radius: .5rem;
+  background: var(--card); color: var(--text); }
 th[aria-sort=ascending] button::after { content: " \25B2"; } th[aria-sort=descending] button::after { content: " \25BC"; }
-td.number { text-align: right; font-variant-numeric: tabular-nums; }
-@media (min-width: 48.01rem) { .sorted td:nth-child(-n+4), th { white-space: nowrap; } }
-tr.off td { opacity: .6; } tr:target td { background: var(--card); }
-.accept { color: var(--accept); font-weight: 600; } .deny { color: var(--deny); font-weight: 600; }
-.ask { color: var(--ask); font-weight: 600; }
-td ul a { color: inherit; font-weight: 400; }
+tr.off td { color: var(--dim); text-decoration: line-through; text-decoration-color: var(--line); }
+tr.idle td { background: var(--card); } tr.idle td:first-child { box-shadow: inset .2rem 0 var(--ask); }
+tr:focus { outline: 3px solid var(--link); outline-offset: -3px; }
+.accept { color: var(--accept); } .deny { color: var(--deny); } .ask { color: var(--ask); }
+.set .accept, .set .deny, .set .ask { font-weight: 600; }
 details { border: 1px solid var(--line); border-radius: .5rem; margin: .75rem 0; padding: 0 .75rem; }
 summary { cursor: pointer; padding: .6rem 0; font-size: 1.1rem; } summary h3 { display: inline; font-size: 1.1rem; }
 .badge { font-size: .85rem; border: 1px solid currentColor; border-radius: 1rem; padding: 0 .6rem; margin-left: .5rem;
-  white-space: nowrap; }
-.badge.on { color: var(--accept); }
-.search { position: sticky; top: 0; background: var(--back); padding: .5rem 0; border-bottom: 1px solid var(--line); z-index: 1; }
+  white-space: nowrap; font-weight: 400; }
+.badge.on { color: var(--accept); } td .badge { margin-left: 0; color: var(--ask); }
+.search { position: sticky; top: 0; background: var(--back); padding: .5rem 0; z-index: 2; }
 .search input { font: inherit; width: min(30rem, 100%); padding: .45rem .6rem; border: 1px solid var(--dim);
   border-radius: .4rem; background: var(--back); color: inherit; }
-td ul { margin: 0; padding: 0; list-style: none; }
-@media (max-width: 48rem) {
-  .cards thead { position: absolute; left: -99rem; }
-  .cards, .cards tbody, .cards tr, .cards td, .cards th { display: block; width: 100%; }
-  .cards tr { border: 1px solid var(--line); border-radius: .5rem; margin: .6rem 0; padding: .3rem .2rem; }
-  .cards td, .cards tbody th { border: 0; padding: .15rem .5rem; } .cards td:empty { display: none; }
-  .cards td[data-label]::before { content: attr(data-label) ": "; color: var(--dim); }
-  td.number { text-align: left; }
+td ul { margin: 0; padding: 0; list-style: none; } td li { overflow-wrap: anywhere; }
+td li a, td bdi + a { font-size: .8rem; }
+@media (min-width: 48.01rem) {
+  thead th { position: sticky; top: 0; background: var(--back); z-index: 1; box-shadow: inset 0 -1px var(--line); }
+  .set thead th { top: 3.4rem; } .set td:nth-child(-n+4), thead th { white-space: nowrap; }
+  .set td:nth-child(8) { min-width: 13rem; }
+  .matrix { table-layout: fixed; }
+  .matrix th:nth-child(1), .matrix th:nth-child(6) { width: 11%; } .matrix th:nth-child(5) { width: 15%; }
 }
-@media print { .search, nav, .skip { display: none; } body { max-width: none; } }
+@media (max-width: 48rem) {
+  .cards, .cards tbody, .cards tr, .cards td, .cards th { display: block; width: 100%; }
+  .cards thead { display: none; }
+  .set .cards thead { display: block; } .set thead tr { display: flex; flex-wrap: wrap; } .set thead th { width: auto; }
+  .set tbody tr, .matrix tbody, .cards:not(.set table, .matrix) tr { border: 1px solid var(--line);
+    border-radius: .5rem; margin: .6rem 0; padding: .3rem .2rem; }
+  .cards td, .cards tbody th { border: 0; padding: .15rem .5rem; } .cards td:empty { display: none; }
+  .matrix tr + tr { border-top: 1px solid var(--line); }
+  td::before { color: var(--dim); font-weight: 400; }
+  .set td:nth-child(1)::before { content: "Rule: "; } .set td:nth-child(2)::before { content: "Action: "; }
+  .set td:nth-child(3)::before { content: "Kind: "; } .set td:nth-child(4)::before { content: "Protocol: "; }
+  .set td:nth-child(5)::before { content: "From: "; } .set td:nth-child(6)::before { content: "To: "; }
+  .set td:nth-child(7)::before { content: "Ports: "; } .set td:nth-child(8)::before { content: "Program: "; }
+  .matrix td:nth-last-child(5)::before { content: "Program: "; }
+  .matrix td:nth-last-child(4)::before { content: "Allowed: "; }
+  .matrix td:nth-last-child(3)::before { content: "Refused: "; }
+  .matrix td:nth-last-child(2)::before { content: "Asked: "; }
+  .matrix td:nth-last-child(1)::before { content: "No rule: "; }
+}
+@media print {
+  :root { color-scheme: light; --back: #fff; --text: #000; --dim: #444; --line: #999; --card: #eee; --accept: #0b6b32;
+    --deny: #a31621; --ask: #7a4d00; --link: #000; }
+  .search, nav, .skip { display: none; } body { max-width: none; padding: 0; font-size: 9pt; }
+  thead th { position: static; } tr { break-inside: avoid; } h2, summary { break-after: avoid; }
+}
 )css";
-
-inline constexpr char kReportScript[] = R"js(
-"use strict";
-(() => {
-  const input = document.getElementById("search");
-  const count = document.getElementById("count");
-  const rows = Array.from(document.querySelectorAll("tr.rule"));
-  const sets = Array.from(document.querySelectorAll("details.set"));
-  const texts = new Map(rows.map(row => [row, row.textContent.toLowerCase()]));
-  const filter = () => {
-    const words = input.value.toLowerCase().split(/\s+/).filter(word => word);
-    let shown = 0;
-    for (const row of rows) {
-      row.hidden = !words.every(word => texts.get(row).includes(word));
-      shown += row.hidden ? 0 : 1;
-    }
-    for (const set of sets) {
-      const some = set.querySelector("tr.rule:not([hidden])") !== null;
-      set.hidden = words.length > 0 && !some;
-      if (words.length > 0 && some) set.open = true;
-    }
-    count.textContent = words.length > 0 ? `${shown} of ${rows.length} rules` : `${rows.length} rules`;
-  };
-  let timer = 0;
-  input.addEventListener("input", () => { clearTimeout(timer); timer = setTimeout(filter, 120); });
-  document.querySelector(".search").hidden = false;
-  filter();
-  const key = (row, column) => {
-    const cell = row.cells[column];
-    const text = cell.dataset.sort ?? cell.textContent.trim();
-    return /^-?\d+$/.test(text) ? Number(text) : text.toLowerCase();
-  };
-  for (const table of document.querySelectorAll("table.sorted")) {
-    table.querySelectorAll("thead th").forEach((head, column) => {
-      const button = document.createElement("button");
-      button.type = "button";
-      button.textContent = head.textContent;
-      head.replaceChildren(button);
-      button.addEventListener("click", () => {
-        const down = head.getAttribute("aria-sort") === "ascending";
-        table.querySelectorAll("th").forEach(other => other.removeAttribute("aria-sort"));
-        head.setAttribute("aria-sort", down ? "descending" : "ascending");
-        const body = table.tBodies[0];
-        const order = Array.from(body.rows).sort((a, b) => {
-          const x = key(a, column), y = key(b, column);
-          const result = typeof x === typeof y ? (x < y ? -1 : x > y ? 1 : 0) : typeof x === "number" ? -1 : 1;
-          return down ? -result : result;
-        });
-        body.append(...order);
-      });
-    });
-  }
-  const reveal = () => {
-    const target = location.hash ? document.getElementById(location.hash.slice(1)) : null;
-    const set = target === null ? null : target.closest("details");
-    if (set === null) return;
-    if (target.hidden) { input.value = ""; filter(); }
-    set.hidden = false;
-    set.open = true;
-    target.scrollIntoView({ block: "center" });
-  };
-  addEventListener("hashchange", reveal);
-  reveal();
-})();
-)js";
 
 } // namespace Tool

@@ -1,5 +1,6 @@
 // Warnings about the rules of a store.
 #include <algorithm>
+#include <map>
 
 #include "common/srclib/KxComn_Names.h"
 #include "common/srclib/KxComn_Record.h"
@@ -7,6 +8,7 @@
 #include "policy/Lint.h"
 #include "policy/RecordText.h"
 #include "policy/RuleFields.h"
+#include "policy/Utf8.h"
 #include "tools/kxrule/report/Report.h"
 
 namespace Tool
@@ -76,6 +78,7 @@ std::vector<Warning> FindWarnings(const Policy& policy)
             warnings.push_back({WarningKind::NotThere, index, 0, false, "is active but does not exist."});
     }
 
+    std::map<WideString, std::vector<RuleRef>> withoutHash;
     for (const std::vector<uint16_t>& order : Orders(policy))
     {
         const Decider decider(policy, order);
@@ -87,18 +90,16 @@ std::vector<Warning> FindWarnings(const Policy& policy)
             const auto warn = [&](WarningKind kind, std::string text) {
                 warnings.push_back({kind, ruleSet->Index, rule.wRuleIndex, true, std::move(text)});
             };
-            std::vector<RuleRef> covering = decider.Covering(place);
-            const bool isSame =
-                std::all_of(covering.begin(), covering.end(),
-                            [&rule](const RuleRef& by) { return by.Rule->Access.dwAction == rule.Access.dwAction; });
-            if (!covering.empty())
+            if (auto covering = decider.Covering(place); !covering)
+                warn(WarningKind::Unchecked, "has too many parts to tell whether rules before it leave it anything.");
+            else if (!covering->empty())
             {
+                const bool isSame = std::all_of(covering->begin(), covering->end(),
+                                                [&rule](const RuleRef& by)
+                                                { return by.Rule->Access.dwAction == rule.Access.dwAction; });
                 warn(isSame ? WarningKind::Redundant : WarningKind::Covered,
-                     std::string(isSame ? "is redundant: the same is decided before it by"
-                                        : "never takes effect, although it says otherwise (" +
-                                              KeywordText(ActionNames(), rule.Access.dwAction) +
-                                              "): everything is decided before it by"));
-                warnings.back().By = std::move(covering);
+                     KeywordText(ActionNames(), rule.Access.dwAction) + ", decided before by");
+                warnings.back().By = std::move(*covering);
             }
             if (IsRescue(rule))
                 warn(WarningKind::Rescue,
@@ -108,8 +109,7 @@ std::vector<Warning> FindWarnings(const Policy& policy)
             else if (IsAnyToAny(rule))
                 warn(WarningKind::AnyToAny, "accepts everything from anybody to anybody.");
             if (LacksHash(rule))
-                warn(WarningKind::NoHash,
-                     "is bound to a program without a hash: it also matches whatever replaces it.");
+                withoutHash[WideText(&rule.Access.wszAppName, KXRULE_APP_NAME_UNITS)].push_back(located);
         }
     }
     for (const LintFinding& finding : Lint(policy))
@@ -120,6 +120,9 @@ std::vector<Warning> FindWarnings(const Policy& policy)
         warnings.push_back({WarningKind::Mistake, finding.RuleSetIndex, finding.RuleIndex.value_or(0),
                             finding.RuleIndex.has_value(), subject + finding.Text + "."});
     }
+    for (auto& [program, rules] : withoutHash)
+        warnings.push_back({WarningKind::NoHash, 0, 0, false,
+                            ToUtf8(program) + " has no hash: what replaces it is matched too by", std::move(rules)});
     return warnings;
 }
 
