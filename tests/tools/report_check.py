@@ -1,19 +1,24 @@
 #!/usr/bin/env python3
 """report_check.py PAGE [SCREENSHOTS]: looks at the report in headless Chromium, as a reader would.
+report_check.py --full BINARIES DIRECTORY: measures the report of a full store (64 rule sets of 1000 rules).
 
-Opens the page at the width of a desktop and of a phone, offline, and checks that nothing overflows, that nothing is
-asked of any network and nothing goes wrong in the script, that search, sort and links work by keyboard, and that
-headings, labels and table heads are there for screen readers. Exit code 77 when there is no browser.
+The first opens the page at the width of a desktop and of a phone, offline, and checks that nothing overflows, that
+nothing is asked of any network and nothing goes wrong in the script, that search, sort, macros and links work by
+keyboard, that headings, labels and table heads are there for screen readers, and the rows without a script. The second
+makes store and page with kxrule in a new directory, and checks size, time and memory. Exit code 77 when there is no
+browser.
 """
 import base64
 import fcntl
 import json
 import os
 import pathlib
+import random
 import shutil
 import signal
 import subprocess
 import sys
+import time
 
 
 class Browser:
@@ -88,17 +93,38 @@ class Browser:
                 self.call("Input.dispatchKeyEvent", type=kind, key=key, code=key,
                           windowsVirtualKeyCode={"Enter": 13, "Tab": 9}[key], **text)
 
+    def memory(self):
+        """Of all its processes, what they share counted once."""
+        total = 0
+        for process in pathlib.Path("/proc").glob("[0-9]*"):
+            try:
+                if os.getpgid(int(process.name)) == self.process.pid:
+                    lines = (process / "smaps_rollup").read_text().splitlines()
+                    total += sum(int(line.split()[1]) << 10 for line in lines if line.startswith("Pss:"))
+            except OSError:  # it has ended
+                pass
+        return total
+
+    def open(self, page, width, scheme="light"):
+        self.events.clear()
+        self.call("Emulation.setEmulatedMedia", features=[{"name": "prefers-color-scheme", "value": scheme}])
+        self.call("Emulation.setDeviceMetricsOverride", width=width, height=900, deviceScaleFactor=1, mobile=width < 600)
+        self.call("Page.navigate", url=page.as_uri())
+        self.wait("Page.loadEventFired")
+
+    def picture(self, file, width):
+        height = min(self.run("document.scrollingElement.scrollHeight"), 6000)
+        image = self.call("Page.captureScreenshot", captureBeyondViewport=True,
+                          clip={"x": 0, "y": 0, "width": width, "height": height, "scale": 1})
+        file.write_bytes(base64.b64decode(image["data"]))
+
     def close(self):
         os.killpg(self.process.pid, signal.SIGKILL)
         self.process.wait()
 
 
 def look(browser, page, width, screenshots):
-    browser.events.clear()
-    browser.call("Emulation.setDeviceMetricsOverride", width=width, height=900, deviceScaleFactor=1,
-                 mobile=width < 600)
-    browser.call("Page.navigate", url=page.as_uri())
-    browser.wait("Page.loadEventFired")
+    browser.open(page, width)
     expect = []
 
     def check(what, actual, wanted):
@@ -106,7 +132,7 @@ def look(browser, page, width, screenshots):
             expect.append(f"{width}: {what}: {actual!r} instead of {wanted!r}")
 
     check("overflow", browser.run("document.scrollingElement.scrollWidth > innerWidth"), False)
-    rules = browser.run("document.querySelectorAll('tr.rule').length")
+    rules = browser.run("document.querySelectorAll('.set tbody tr').length")
     check("rules", browser.run("document.getElementById('count').textContent"), f"{rules} rules")
     # Search: typed into the field that its label names.
     browser.run("document.querySelector('label[for=search]').control.focus()")
@@ -117,22 +143,31 @@ def look(browser, page, width, screenshots):
         wait(100);
     })""")
     check("found", browser.run("document.getElementById('count').textContent"), f"1 of {rules} rules")
-    check("visible", browser.run("[...document.querySelectorAll('tr.rule')].filter(r => r.checkVisibility()).length"), 1)
+    check("visible", browser.run("[...document.querySelectorAll('.set tbody tr')].filter(r => r.checkVisibility()).length"), 1)
     browser.run("const s = document.getElementById('search'); s.value = ''; s.dispatchEvent(new Event('input'))")
     browser.run("new Promise(done => setTimeout(done, 400))")
     # Sort: the head's button, by keyboard, twice.
-    if width >= 600:
-        table = "document.querySelector('table.sorted')"
-        browser.run(f"{table}.querySelector('th button').focus()")
+    table = "document.querySelector('.set table')"
+    first = f"[0, 1].map(i => parseInt({table}.tBodies[0].rows[i].cells[0].textContent))"
+    browser.run(f"{table}.querySelector('th button').focus()")
+    for direction in ("ascending", "descending"):
         browser.press("Enter")
-        check("ascending", browser.run(f"{table}.querySelector('th').getAttribute('aria-sort')"), "ascending")
-        browser.press("Enter")
-        check("descending", browser.run(f"{table}.querySelector('th').getAttribute('aria-sort')"), "descending")
-        check("last first", browser.run(f"Number({table}.tBodies[0].rows[0].cells[0].dataset.sort) > "
-                                        f"Number({table}.tBodies[0].rows[1].cells[0].dataset.sort)"), True)
+        check(direction, browser.run(f"{table}.querySelector('th').getAttribute('aria-sort')"), direction)
+        browser.run("new Promise(done => setTimeout(done, 400))")
+        check("order", browser.run(f"(([a, b]) => a < b ? 'ascending' : 'descending')({first})"), direction)
+    # A macro unfolds by keyboard.
+    browser.run("document.querySelector('td [popovertarget]').focus()")
+    browser.press("Enter")
+    check("unfolded", browser.run("document.querySelectorAll(':popover-open').length"), 1)
+    browser.run("document.querySelector(':popover-open')?.hidePopover()")
+    # What the keyboard reaches can be seen; the link past everything appears when it is reached.
+    check("out of sight", browser.run("""[...document.querySelectorAll('a, button, input, summary')].filter(e => {
+        const box = e.getBoundingClientRect();
+        return e.className !== 'skip' && e.checkVisibility() && (box.right <= 0 || box.left >= innerWidth || box.width === 0);
+    }).length"""), 0)
     # A link to a rule of a folded rule set opens it.
     browser.run("document.querySelectorAll('details.set').forEach(set => { set.open = false; })")
-    browser.run("location.hash = document.querySelector('tr.rule').id")
+    browser.run("location.hash = document.querySelector('.set tbody tr').id")
     browser.run("new Promise(done => setTimeout(done, 200))")
     check("opened", browser.run("document.querySelector('details.set').open"), True)
     # For screen readers: one main heading, no level left out, every table with heads, every field with a label.
@@ -149,12 +184,75 @@ def look(browser, page, width, screenshots):
         if event["method"] == "Network.requestWillBeSent" and event["params"]["request"]["url"] != page.as_uri():
             expect.append(f"{width}: asks for {event['params']['request']['url']}")
     if screenshots:
-        browser.run("location.hash = ''")
-        height = min(browser.run("document.scrollingElement.scrollHeight"), 6000)
-        image = browser.call("Page.captureScreenshot", captureBeyondViewport=True,
-                             clip={"x": 0, "y": 0, "width": width, "height": height, "scale": 1})
-        (screenshots / f"report-{width}.png").write_bytes(base64.b64decode(image["data"]))
+        for scheme in ("light", "dark"):
+            browser.open(page, width, scheme)
+            browser.picture(screenshots / f"report-{width}-{scheme}.png", width)
+    browser.call("Emulation.setScriptExecutionDisabled", value=True)
+    browser.open(page, width)
+    root = browser.call("DOM.getDocument")["root"]["nodeId"]
+    check("without script", len(browser.call("DOM.querySelectorAll", nodeId=root, selector=".set tbody tr")["nodeIds"]), rules)
+    browser.call("Emulation.setScriptExecutionDisabled", value=False)
     return expect
+
+
+def full_policy():
+    pick = random.Random(7)
+    ports = pick.sample(range(1, 10000), 200)
+
+    def rule(index):
+        a, b, c, port = *(pick.randrange(256) for _ in range(3)), pick.choice(ports)
+        peers = [f"10.{a}.{b}.0/24"] * 9 + [f"10.{a}.{b}.{c}"] * 5 + [f"fd00:{a:x}:{b:x}::/48"] * 4
+        entry = {"index": index, "kind": "access", "description": f"Ticket {pick.randrange(10**6)}, office {index % 90}",
+                 "protocol": pick.choice(["tcp", "udp", "tcpudp"]),
+                 "addresses": ["any", pick.choice(peers + ["@servers", f"!10.{a}.0.0/16"])],
+                 "ports": ["any", pick.choice([str(port), f"{port}-{port + 20}"])],
+                 "action": pick.choice(["accept", "drop", "reject", "ask"])}
+        program = pick.randrange(150)
+        path = f"C:\\Program Files\\Vendor {program % 40}\\Product {program}\\program{program}.exe"
+        return {**entry, "application": path} if index % 3 else entry
+
+    return {"version": 1, "active": list(range(1, 65)),
+            "macros": [{"name": "servers", "items": [{"address": f"10.20.{i}.0/24"} for i in range(20)]}],
+            "ruleSets": [{"index": number, "name": f"Office {number}", "rules": [rule(i) for i in range(1, 1001)]}
+                         for number in range(1, 65)]}
+
+
+SEARCH = """new Promise(done => {
+    const input = document.getElementById("search");
+    input.scrollIntoView();
+    input.value = "TEXT";
+    const started = performance.now();
+    input.dispatchEvent(new Event("input"));
+    new MutationObserver(() => requestAnimationFrame(() => requestAnimationFrame(
+        () => done((performance.now() - started) / 1000)))).observe(document.getElementById("count"), { childList: true });
+})"""
+
+
+def measure(browser, binaries, directory):
+    directory.mkdir()
+    policy, store, page = directory / "policy.json", directory / "store", directory / "page.html"
+    store.mkdir()
+    policy.write_text(json.dumps(full_policy()))
+
+    def kxrule(*arguments):
+        started = time.monotonic()
+        runner = pathlib.Path(__file__).resolve().parent.parent.parent / "cmake/wine-run.sh"
+        subprocess.run([runner, binaries / "kxrule.exe", "--dir", store, *arguments], check=True, stdout=subprocess.DEVNULL)
+        return time.monotonic() - started
+
+    kxrule("import", policy)
+    figures = [("make", kxrule("report", "-o", page), 60, "s"), ("file", page.stat().st_size / 1e6, 15, "MB")]
+    empty = browser.memory() / 1e6
+    started = time.monotonic()
+    browser.open(page, 1400)
+    browser.run("new Promise(done => requestAnimationFrame(() => requestAnimationFrame(done)))")
+    figures.append(("open", time.monotonic() - started, 3, "s"))
+    for text in ("office 55", "10.1", "program77.exe drop", "nowhere"):
+        figures.append((f"search {text}", browser.run(SEARCH.replace("TEXT", text)), 0.3, "s"))
+    figures.append(("memory beyond an empty page", browser.memory() / 1e6 - empty, 500, "MB"))
+    for what, figure, most, unit in figures:
+        print(f"{what}: {figure:.2f} {unit}, at most {most}")
+    return [f"too much: {what}" for what, figure, most, _ in figures if figure > most]
 
 
 def main():
@@ -162,18 +260,21 @@ def main():
     if not program:
         print("no browser")
         return 77
-    page = pathlib.Path(sys.argv[1]).resolve()
-    screenshots = pathlib.Path(sys.argv[2]) if len(sys.argv) > 2 else None
     browser = Browser(program)
     try:
-        for domain in ("Page", "Runtime", "Log", "Network"):
+        for domain in ("Page", "Runtime", "Log", "Network", "DOM"):
             browser.call(f"{domain}.enable")
         browser.call("Network.emulateNetworkConditions", offline=True, latency=0, downloadThroughput=0,
                      uploadThroughput=0)
-        problems = [problem for width in (1400, 390) for problem in look(browser, page, width, screenshots)]
+        if sys.argv[1] == "--full":
+            problems = measure(browser, *(pathlib.Path(argument).resolve() for argument in sys.argv[2:4]))
+        else:
+            page = pathlib.Path(sys.argv[1]).resolve()
+            screenshots = pathlib.Path(sys.argv[2]) if len(sys.argv) > 2 else None
+            problems = [problem for width in (1400, 390) for problem in look(browser, page, width, screenshots)]
     finally:
         browser.close()
-    print("\n".join(problems) or "the page is good at both widths")
+    print("\n".join(problems) or "good")
     return 1 if problems else 0
 
 
