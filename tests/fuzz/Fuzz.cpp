@@ -1,6 +1,11 @@
-// The broken promise and the bound on memory, by way of the sanitizer's allocation hooks.
+// The broken promise, and the bound on memory by way of the hooks of Clang's sanitizer.
 #include "tests/fuzz/Fuzz.h"
 
+#include <stdexcept>
+#include <string>
+
+#if __has_include(<sanitizer/allocator_interface.h>)
+#define KX_BOUNDED
 #include <atomic>
 #include <cstdio>
 #include <cstdlib>
@@ -33,28 +38,32 @@ void OnFree(const volatile void* memory)
 }
 
 } // namespace
+#endif
 
 namespace Fuzz
 {
 
 void Fail(const char* what, const char* file, int line)
 {
-    std::fprintf(stderr, "%s:%d: broken promise: %s\n", file, line, what);
-    std::abort();
+    throw std::logic_error(std::string(file) + ":" + std::to_string(line) + ": broken promise: " + what);
 }
 
-MemoryBound::MemoryBound(size_t most) noexcept
+MemoryBound::MemoryBound([[maybe_unused]] size_t most) noexcept
 {
+#ifdef KX_BOUNDED
     static const int isInstalled = __sanitizer_install_malloc_and_free_hooks(OnAllocate, OnFree);
     KX_REQUIRE(isInstalled != 0);
     g_Allocated = 0;
     g_Most = static_cast<int64_t>(most);
     g_IsBounded = true;
+#endif
 }
 
 MemoryBound::~MemoryBound()
 {
+#ifdef KX_BOUNDED
     g_IsBounded = false;
+#endif
 }
 
 } // namespace Fuzz

@@ -7,7 +7,7 @@
 #include <cstring>
 #include <vector>
 
-/// Ends the run, which saves the input, if a promise is broken.
+/// Throws if a promise is broken, which ends a fuzzer's run and saves the input.
 #define KX_REQUIRE(condition) ((condition) ? static_cast<void>(0) : Fuzz::Fail(#condition, __FILE__, __LINE__))
 
 namespace Fuzz
