@@ -13,11 +13,12 @@ declare -A groups=(
     [package]="llvm python3 zip"
     [coverage]="gcovr python3"
     [bench]="npm python3"
+    [mutants]="g++ libc6-dev python3 python3-clang"
 )
 
 declare -A purposes=(
     [build]="compile, and run Windows programs" [test]="test" [check]="check" [fuzz]="fuzz"
-    [package]="make the package" [coverage]="measure coverage" [bench]="run the benchmarks"
+    [package]="make the package" [coverage]="measure coverage" [bench]="run the benchmarks" [mutants]="plant faults"
 )
 
 install=true
