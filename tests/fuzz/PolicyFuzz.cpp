@@ -7,6 +7,7 @@
 
 #include "policy/JsonTree.h"
 #include "policy/RuleJson.h"
+#include "policy/RulesText.h"
 #include "tests/fuzz/Fuzz.h"
 #include "tests/support/FileContent.h"
 
@@ -65,6 +66,9 @@ void CheckPolicy(std::string_view text)
     const std::string written = KxPolicy::PolicyToJson(policy);
     Policy again;
     KX_REQUIRE(KxPolicy::ReadPolicy(written, again, errors));
+    KX_REQUIRE(Same(again, policy));
+    again = {};
+    KX_REQUIRE(KxPolicy::ReadAnyPolicy(KxPolicy::PolicyToText(policy), again, errors));
     KX_REQUIRE(Same(again, policy));
 }
 

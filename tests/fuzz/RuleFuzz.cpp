@@ -6,7 +6,7 @@
 #include <string>
 
 #include "common/srclib/KxComn_Record.h"
-#include "policy/RuleJson.h"
+#include "policy/RulesText.h"
 #include "rules/Macro.h"
 #include "rules/Normalise.h"
 #include "rules/Rule.h"
@@ -162,6 +162,11 @@ void CheckJson(const PFW_RULE& rule)
     std::vector<KxPolicy::Diagnostic> errors;
     const bool isRefused = rule.dwKind == KXRULE_KIND_ACCESS && Normalise::HasBlankPortList(rule);
     KX_REQUIRE(KxPolicy::ReadRule(KxPolicy::RuleToJson(rule), read, errors) != isRefused);
+    KX_REQUIRE(errors.size() == (isRefused ? 1 : 0) && Same(read, rule));
+    bool hasIndex = false;
+    read = {};
+    const std::string text = std::to_string(rule.wRuleIndex) + "  " + KxPolicy::RuleToText(rule);
+    KX_REQUIRE(KxPolicy::ReadAnyRule(text, read, hasIndex, errors) != isRefused && hasIndex);
     KX_REQUIRE(errors.size() == (isRefused ? 1 : 0) && Same(read, rule));
 }
 

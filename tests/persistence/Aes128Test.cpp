@@ -6,7 +6,6 @@
 #include <functional>
 #include <random>
 
-#include "persistence/FileFormat.h"
 #include "tests/support/Hex.h"
 
 namespace
@@ -69,37 +68,6 @@ TEST(Aes128, PublishedVectors)
             Bytes back(chains[0].size());
             cipher->DecryptChain(keys, chains[0].data(), back.data(), iv.data(), back.size() / kBlock);
             EXPECT_EQ(back, FromHex(c.Plain));
-        }
-    }
-}
-
-// `openssl enc -aes-128-cbc` of Ramp(size) with the library's key and a zero initialisation vector.
-TEST(Aes128, RecordsAreThoseOfAnotherImplementation)
-{
-    const std::pair<size_t, uint64_t> cases[] = {
-        {0, Checksum({})},
-        {1, Checksum(FromHex("47db9d1d0eff9c1cadfb787404ddc249"))},
-        {15, Checksum(FromHex("f4020ae5e472adefc8e94cb811e8cfa4"))},
-        {16, Checksum(FromHex("9866ce6f63c70b9dc7c07a511755ac8669630d7895be69844933cfb64922aec6"))},
-        {17, Checksum(FromHex("9866ce6f63c70b9dc7c07a511755ac862f6e0ae414c24f193430c4ba5d2b3cb0"))},
-        {2845, 0x4c06add58354f2c8}, // 2848 bytes
-    };
-    const KeySchedule keys(FileFormat::kKey);
-    for (const auto& [size, sum] : cases)
-    {
-        for (const BlockCipher* const cipher : Ciphers())
-        {
-            SCOPED_TRACE(testing::Message() << size << " bytes, " << cipher->Name);
-            const Bytes plain = Ramp(size);
-            Bytes out(CipherBytes(size));
-            const void* const from = plain.data();
-            uint8_t* const to = out.data();
-            EncryptPadded(*cipher, keys, &from, &to, 1, size);
-            EXPECT_EQ(Checksum(out), sum);
-            uint8_t iv[kBlock] = {};
-            Bytes back(size);
-            EXPECT_TRUE(DecryptPadded(*cipher, keys, iv, out.data(), out.size(), back.data(), size));
-            EXPECT_EQ(back, plain);
         }
     }
 }

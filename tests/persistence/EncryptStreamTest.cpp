@@ -147,57 +147,6 @@ TEST(EncryptStream, ForgedRecordsAreReadErrors)
     }
 }
 
-TEST(EncryptStream, PlainReadMayBeShort)
-{
-    for (const auto& [data, expected] : {std::pair("", "...."), {"KR", "KR.."}, {"KRSM", "KRSM"}, {"KRSMx", "KRSM"}})
-    {
-        const std::string_view bytes = data;
-        MemoryStream stream(Bytes(bytes.begin(), bytes.end()));
-        char magic[5] = "....";
-        EXPECT_TRUE(stream.Read(magic, 4, false));
-        EXPECT_STREQ(magic, expected);
-    }
-}
-
-bool ReadEverything(CEncryptStream& stream)
-{
-    char magic[4] = {};
-    std::string narrow;
-    WideString wide;
-    std::vector<uint16_t> array;
-    Bytes record(40);
-    return stream.Read(magic, sizeof magic, false) && std::string_view(magic, 4) == "KXYZ" &&
-           Thrown([&] { stream.ReadString(narrow).ReadString(wide).ReadArray(array); }) == -1 &&
-           stream.Read(record.data(), 40, true) && record == Ramp(40);
-}
-
-// Truncated, ended early and failing at every byte; each byte changed; delivered in pieces of every small size.
-TEST(EncryptStream, DamageAnywhereFails)
-{
-    MemoryStream whole;
-    ASSERT_TRUE(whole.Write("KXYZ", 4, false));
-    whole.WriteString("narrow").WriteString(KXW("wide")).WriteArray({1, 2, 3});
-    ASSERT_TRUE(whole.Write(Ramp(40).data(), 40, true) && whole.Finish());
-
-    size_t changesNoticed = 0;
-    for (size_t at = 0; at < whole.Data.size(); ++at)
-    {
-        SCOPED_TRACE(at);
-        MemoryStream cut(Bytes(whole.Data.begin(), whole.Data.begin() + static_cast<ptrdiff_t>(at)));
-        MemoryStream early(whole.Data);
-        MemoryStream refused(whole.Data);
-        MemoryStream changed(whole.Data);
-        MemoryStream small(whole.Data);
-        early.EndAt = refused.FailAt = at;
-        changed.Data[at] ^= 0x80;
-        small.MostAtOnce = at + 1;
-        EXPECT_FALSE(ReadEverything(cut) || ReadEverything(early) || ReadEverything(refused));
-        EXPECT_TRUE(ReadEverything(small));
-        changesNoticed += ReadEverything(changed) ? 0 : 1;
-    }
-    EXPECT_EQ(changesNoticed, whole.Data.size()); // no field here has a block that could change unnoticed
-}
-
 // Groups that do not fill up, and more than one piece.
 TEST(EncryptStream, ManyRecordsAreThoseOfOneAtATime)
 {

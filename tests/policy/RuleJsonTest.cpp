@@ -3,7 +3,6 @@
 
 #include <cstring>
 #include <fstream>
-#include <random>
 #include <set>
 
 #include <gtest/gtest.h>
@@ -33,55 +32,7 @@ std::string_view Bytes(const PFW_RULE& rule)
     return {reinterpret_cast<const char*>(&rule), sizeof rule};
 }
 
-/// Random bytes, many of them zero, so that types and families are often known ones.
-template <class Record>
-Record Scattered(std::mt19937& random, uint32_t zeroes)
-{
-    Record record;
-    for (size_t at = 0; at < sizeof record; ++at)
-        reinterpret_cast<uint8_t*>(&record)[at] =
-            static_cast<uint8_t>(random() % 4 < zeroes ? 0 : random() % (zeroes + 8));
-    return record;
-}
-
 } // namespace
-
-// Rules alone, of all bytes, are what tests/fuzz gives back.
-TEST(RuleJson, GivesPoliciesBackAndIsStable)
-{
-    std::mt19937 random(8);
-    for (uint32_t round = 0; round < 20; ++round)
-    {
-        Policy policy;
-        policy.Active = {5, 1, 5, 65280};
-        const MACRO_ITEM item = Scattered<MACRO_ITEM>(random, round % 4);
-        policy.Macros = {{std::string(random() % 32, static_cast<char>(1 + random() % 255)), {item}}};
-        KxPolicy::RuleSetRecord& ruleSet = policy.RuleSets.emplace_back();
-        ruleSet.Index = 100;
-        for (uint32_t unit = random() % 65; unit > 0; --unit)
-            ruleSet.Name += static_cast<KXWCHAR>(1 + random() % 65535); // lone surrogates among them
-        ruleSet.Rules = {Scattered<PFW_RULE>(random, round % 4)};
-        ruleSet.Rules[0].dwKind = 2 + round % 5;
-        const std::string json = KxPolicy::PolicyToJson(policy);
-        Policy back;
-        std::vector<Diagnostic> errors;
-        ASSERT_TRUE(KxPolicy::ReadPolicy(json, back, errors)) << Texts(errors) << json;
-        EXPECT_EQ(back.Active, policy.Active);
-        EXPECT_EQ(back.Macros->at(0).Name, policy.Macros->at(0).Name) << json;
-        EXPECT_EQ(std::memcmp(&back.Macros->at(0).Items.at(0), &item, sizeof item), 0) << json;
-        EXPECT_TRUE(back.RuleSets.at(0).Name == ruleSet.Name) << json;
-        EXPECT_EQ(Bytes(back.RuleSets[0].Rules.at(0)), Bytes(ruleSet.Rules[0])) << json;
-        EXPECT_EQ(KxPolicy::PolicyToJson(back), json);
-        if (round % 10 != 0)
-            continue;
-        const std::string text = KxPolicy::PolicyToText(policy);
-        back = {};
-        ASSERT_TRUE(KxPolicy::ReadAnyPolicy(text, back, errors)) << Texts(errors) << text;
-        EXPECT_EQ(back.Active, policy.Active);
-        EXPECT_EQ(KxPolicy::PolicyToJson(back), json) << text;
-        EXPECT_EQ(KxPolicy::PolicyToText(back), text);
-    }
-}
 
 TEST(RuleJson, TheExampleAsTextSaysTheSame)
 {

@@ -3,6 +3,7 @@
 
 #include <cstring>
 #include <string>
+#include <tuple>
 
 #include <gtest/gtest.h>
 
@@ -20,24 +21,21 @@ bool SameBytes(const PFW_RULE& a, const PFW_RULE& b)
     return std::memcmp(&a, &b, 2845) == 0;
 }
 
-// Makes rules of every kind from records with an item in the places of an access rule. Only access rules may differ
-// from their record.
+// Makes access rules of both layouts from records with an item in either place. (That rules of other kinds stay as they
+// are, tests/fuzz shows.)
 template <class Item>
 void CheckStored(const char* name, Item (PFW_ACCESS::*items)[2], const Item& given, const Item& stored)
 {
-    for (const uint32_t kind : {0u, 1u, 2u, 3u, 4u, 5u, 6u, 7u})
+    for (const uint32_t kind : {1u, 6u})
         for (const int i : {0, 1})
         {
             PFW_RULE record = Patterned<PFW_RULE>(); // no field is a range, zero or terminated by chance
             record.dwKind = kind;
             (record.Access.*items)[i] = given;
             const CRule rule(record);
-            if (kind == 1 || kind == 6)
-            {
-                (record.Access.*items)[i] = stored;
-                // The last unit of the application's path.
-                std::memset(reinterpret_cast<char*>(&record) + (kind == 1 ? 1304 : 1308), 0, 2);
-            }
+            (record.Access.*items)[i] = stored;
+            // The last unit of the application's path.
+            std::memset(reinterpret_cast<char*>(&record) + (kind == 1 ? 1304 : 1308), 0, 2);
             EXPECT_TRUE(SameBytes(rule.Record(), record)) << name << ", kind " << kind << ", item " << i;
         }
 }
@@ -54,42 +52,30 @@ RULE_ADDR Range(uint32_t family, uint32_t begin1, uint32_t begin2, uint32_t type
     return item;
 }
 
-RULE_ADDR Swapped(RULE_ADDR item)
-{
-    const PFW_ADDR first = item.Addr1;
-    item.Addr1 = item.Addr2;
-    item.Addr2 = first;
-    return item;
-}
-
 TEST(Rule, PutsAccessRangesInOrder)
 {
-    const struct
-    {
-        const char* Name;
-        RULE_ADDR Given, Stored;
-    } addresses[] = {
+    const RULE_ADDR v6 = Range(23, 0x01000090, 0x02000010);
+    RULE_ADDR swapped = v6;
+    swapped.Addr1 = v6.Addr2;
+    swapped.Addr2 = v6.Addr1;
+    const std::tuple<const char*, RULE_ADDR, RULE_ADDR> addresses[] = {
         {"IPv4 in reverse", Range(2, Ip(10, 0, 0, 9), Ip(10, 0, 0, 1)), Range(2, Ip(10, 0, 0, 1), Ip(10, 0, 0, 9))},
         {"IPv4 in order", Range(2, 1, 0x80000000), Range(2, 1, 0x80000000)},
         {"IPv4 mask", Range(2, 9, 1, 3), Range(2, 9, 1, 3)},
-        {"IPv6 in reverse", Range(23, 0x01000090, 0x02000010), Swapped(Range(23, 0x01000090, 0x02000010))},
-        {"IPv6 in order", Range(23, 0x02000010, 0x01000090), Range(23, 0x02000010, 0x01000090)},
+        {"IPv6 in reverse", v6, swapped},
+        {"IPv6 in order", swapped, swapped},
         {"IPv6, last byte", Address6(5, 0x90, 0x10), Address6(5, 0x10, 0x90)},
         {"another family", Range(7, 9, 1), Range(7, 9, 1)},
     };
-    const struct
-    {
-        const char* Name;
-        RULE_PORT Given, Stored;
-    } ports[] = {
+    const std::tuple<const char*, RULE_PORT, RULE_PORT> ports[] = {
         {"ports in reverse", Negated(PortRange(90, 80)), Negated(PortRange(80, 90))},
         {"ports in order", PortRange(80, 40000), PortRange(80, 40000)},
         {"single port", Port(2, 90, 80), Port(2, 90, 80)},
     };
-    for (const auto& c : addresses)
-        CheckStored(c.Name, &PFW_ACCESS::Addr, c.Given, c.Stored);
-    for (const auto& c : ports)
-        CheckStored(c.Name, &PFW_ACCESS::Port, c.Given, c.Stored);
+    for (const auto& [name, given, stored] : addresses)
+        CheckStored(name, &PFW_ACCESS::Addr, given, stored);
+    for (const auto& [name, given, stored] : ports)
+        CheckStored(name, &PFW_ACCESS::Port, given, stored);
 }
 
 TEST(Rule, IsOtherwiseCopiedAsItStands)
