@@ -224,7 +224,6 @@ void Lives::Tell(const std::string& name, const Words& words, std::optional<int3
             if (before.count(slot) != 0 && before.at(slot) == content)
                 continue;
             m_Given[slot] = content;
-            m_Ever[slot].insert(content);
             m_Changed.insert(slot);
         }
         return;
@@ -251,14 +250,6 @@ bool Lives::IsSafe(const std::string& content, const Found& found) const
     return successor != m_Successors.end() && (successor->second.empty() || IsSafe(successor->second, found));
 }
 
-bool Lives::IsKept(const std::string& content) const
-{
-    std::string paths;
-    for (const auto& [found, path] : Scan())
-        paths += found == content ? path.string() : "";
-    return paths.find("RuleBackup") != paths.npos || paths.find(".brk") != paths.npos;
-}
-
 bool Lives::Check(const std::string& name, const Words& words)
 {
     Contents memory = Memory();
@@ -272,24 +263,16 @@ bool Lives::Check(const std::string& name, const Words& words)
         Complain("they differ");
     if (name == "gone" && fs::exists(PathOf(words.at(0))))
         Complain("it is there");
-    if (name != "sets" && name != "kept")
+    if (name != "sets")
         return name == "backups" || name == "same" || name == "gone";
     for (std::string word : words)
     {
         const char mark = word.back();
-        if (std::string("!?*~-").find(mark) != std::string::npos)
+        if (mark == '?' || mark == '~')
             word.pop_back();
         const std::string given = m_Given[word], content = memory[word];
-        const bool isEver = m_Ever[word].count(content) != 0;
-        const bool isRight = name == "kept" ? IsKept(given)
-                             : mark == '!'  ? IsRescue(content) && IsKept(given)
-                             : mark == '?'  ? IsRescue(content)
-                             : mark == '*'  ? content == given || (IsRescue(content) && IsKept(given))
-                             : mark == '~'  ? isEver
-                             : mark == '-'  ? isEver || content.empty()
-                                            : content == given;
-        if (!isRight)
-            Complain(name + ": " + word + " is '" + content + "', given was '" + given + '\'');
+        if (mark == '?' ? !IsRescue(content) : mark == '~' ? content.empty() : content != given)
+            Complain("sets: " + word + " is '" + content + "', given was '" + given + '\'');
         memory.erase(word);
     }
     uint16_t active = 0;
@@ -297,7 +280,7 @@ bool Lives::Check(const std::string& name, const Words& words)
     if (std::count(words.begin(), words.end(), "m") != 0 && std::to_string(active) != m_Given["m"])
         Complain("another active list");
     memory.erase("m");
-    if (name == "sets" && !memory.empty())
+    if (!memory.empty())
         Complain("more is there:" + Text(memory));
     return true;
 }

@@ -21,9 +21,7 @@
 //     refuse FUNCTION    of the system: the library's calls of it fail as on a full disk
 //     release            everything held and refused
 //     sets N... [m]      exactly these are in memory, with their last content; m: and macro and active list.
-//                        N! a rescue set, and a copy has the last content of N; N? a rescue set; N* as given, or N!;
-//                        N~ with any content it ever had; N- so, or missing
-//     kept N...          the last content of these is complete in RuleBackup or in a .brk file
+//                        N? a rescue set; N~ with whatever content
 //     backups N, gone F, same F F    there are N dated directories; no such file; two files of equal bytes
 //
 // Whatever is run: what was complete in the directory before a call is complete after it, unless the caller has changed
@@ -96,7 +94,6 @@ private:
     [[nodiscard]] Found Scan() const;
     [[nodiscard]] std::optional<Contents> Readable() const;
     [[nodiscard]] bool IsSafe(const std::string& content, const Found& found) const;
-    [[nodiscard]] bool IsKept(const std::string& content) const;
     void Complain(const std::string& text) { m_Wrong += "\n    " + text; }
 
     static UINT WINAPI TemporaryName(const char* directory, const char* prefix, UINT unique, char* path);
@@ -106,8 +103,7 @@ private:
     std::string m_Told, m_Wrong, m_Scanner;
     const std::filesystem::path m_Home = std::filesystem::current_path();
     uint16_t m_Serial = 0;
-    Contents m_Given; // what each was last given
-    std::map<std::string, std::set<std::string>> m_Ever;
+    Contents m_Given;                // what each was last given
     std::set<std::string> m_Changed; // by calls, since the directory was changed by hand
     Found m_Precious;                // what must not vanish
     Contents m_Successors;           // but for what the caller has put in its place
