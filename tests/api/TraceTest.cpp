@@ -49,27 +49,13 @@ TEST_F(TraceTest, AWholeLife)
     EXPECT_EQ(Said(), ReadBytes("tests/data/trace-life.txt"));
 }
 
-// The trace of file operations in other cases: a script and its lines.
-TEST_F(TraceTest, BrokenBusyAndUnreadFiles)
+TEST_F(TraceTest, ABackup)
 {
-    const std::pair<const char*, const char*> scripts[] = {
-        {"store 1 2", "cut 1; hold 2 none; open; read =-10057"},
-        {"end; release", "hold mas none; open; read =-10055"},
-        {"end; release", "hold mac none; open; read =-10055"},
-        {"end; release", "open; add 3; write"},
-        {"", "rename vol away; macro; write =-10055; delete 3 =-10055; rename away vol"},
-        {"end; plain mas; plain mac", "life =-10060; end"},
-    };
-    std::string said;
-    for (const auto& [before, script] : scripts)
-    {
-        ASSERT_EQ(m_Lives.Run(before), "");
-        Said();
-        ASSERT_EQ(m_Lives.Run(script), "");
-        static const std::regex others(".* - (KxPfwRule|RuleMaster|PfwTimer)\\.cpp\n"); // as in every life
-        said += std::string("> ") + script + '\n' + std::regex_replace(Said(), others, "");
-    }
-    EXPECT_EQ(said, ReadBytes("tests/data/trace-recovery.txt"));
+    ASSERT_EQ(m_Lives.Run("store 1 2; plain mas; plain mac; open"), "");
+    Said();
+    ASSERT_EQ(m_Lives.Run("read =-10060"), "");
+    EXPECT_EQ(Said(), ReadBytes("tests/data/trace-recovery.txt"));
+    ASSERT_EQ(m_Lives.Run("end"), "");
 }
 
 TEST_F(TraceTest, ErrorsOfFiles)
@@ -90,6 +76,10 @@ TEST_F(TraceTest, ErrorsOfFiles)
         {"refuse ReadFile; life =-10056",
          "\tMasterFile read error\n\tRead master file failed [Read fail]\n\tMacroFile read error\n"
          "\tReadMacroFile error (-10056)\n"},
+        {"hold mas none; open; read =-10055", "\tReadMasterFile error (-10055)\n"},
+        {"hold mac none; open; read =-10055", "\tReadMacroFile error (-10055)\n"},
+        {"life; rename vol away; macro; write =-10055; delete 2 =-10055; rename away vol",
+         "\tFile open error ()\n\tWriteMacroFile error (-10055)\n\tFile open error ()\n"},
         {"version mas; life", "\tMasterFile does not match file version\n\tRead master file failed [Wrong version]\n"},
         {"cut mas 30; life", exception},
         {"list ..\\x KxRl0001.dat; life", "\tMacro file name ignored (..\\x)\n"},
@@ -113,6 +103,10 @@ TEST_F(TraceTest, ErrorsOfFiles)
         {"cut 2; refuse GetTempFileNameA; life =-10055",
          "\tFile read error [Body]\n" + rescued("-10056", "KxRl0002.dat") +
              "\tFile open error\n\tFail to create RuleSet file (-10055)\n\tReadRuleSetFile error (-10055)\n"},
+        {"cut 1; hold 2 none; open; read =-10057",
+         "\tFile read error [Body]\n" + rescued("-10056") + "\tFile open error\n" + rescued("-10055", "KxRl0002.dat") +
+             "\tCopyFile() failed 32 (DIR\\Rul#.tmp -> DIR\\KxRl0002.dat)\n"
+             "\tFail to create RuleSet file (-10057)\n\tReadRuleSetFile error (-10057)\n"},
         {"cut 1; refuse WriteFile; life",
          "\tFile read error [Body]\n" + rescued("-10056") +
              "\tFile write error [File-Body]\n\tFail to create RuleSet file (-10057)\n"},
@@ -143,55 +137,98 @@ TEST_F(TraceTest, ErrorsOfFiles)
     }
 }
 
-// The export's own lines, or none.
+// Between an export's own two lines is what it has to say; one that refuses at once does not say its result.
 TEST_F(TraceTest, CallsSayTheirNameAndTheirResult)
 {
+    const RegistryGuard registry; // no hash library
     Start();
-    PFW_RULE rule = Build::Access(2), got{};
+    PFW_RULE rule = Build::Access(2), got{}, blank = Build::Access(1);
     rule.dwActive = 7;
+    blank.Access.Port[0] = Build::PortList("");
+    std::vector<PFW_RULE> tooMany(KXRULE_MAX_RULES + 1, rule);
+    for (uint16_t i = 0; i <= KXRULE_MAX_RULES; ++i)
+        tooMany[i].wRuleIndex = i;
     auto macro = Build::Macro("m", {Build::Item("a")});
+    const auto none = static_cast<const char*>(nullptr);
     char* const text = nullptr;
     uint16_t* const indexes = nullptr;
-    KX_CALL(kxRuleAddRuleSet, uint16_t{1}, Build::RuleSet(1, L"set", {rule}).get());
+    const uint16_t active[] = {5, 65281, 0}; // the first of two that are wrong counts
+    const std::vector<PFW_RULE> rules = {rule, Build::Access(3, L"C:\\ü.exe")};
+    KX_CALL(kxRuleAddRuleSet, uint16_t{1}, Build::RuleSet(1, L"set", rules).get());
     Said();
-#define KX_ROW(result, isSilent, function, ...)                                                                        \
+    const char* const silent = "silent";
+    const char* const result = "result";
+#define KX_ROW(code, said, function, ...)                                                                              \
     {                                                                                                                  \
-#function, [&] { return KX_CALL(function __VA_OPT__(, ) __VA_ARGS__); }, result, isSilent                      \
+#function, [&] { return KX_CALL(function __VA_OPT__(, ) __VA_ARGS__); }, code, said                            \
     }
     struct
     {
         std::string name;
         std::function<int32_t()> call;
-        int32_t result;
-        bool isSilent;
+        int32_t code;
+        std::string said;
     } const rows[] = {
-        KX_ROW(0, false, kxRuleSetActiveRuleSet, indexes, 0),
-        KX_ROW(0, false, kxRuleGetActiveRuleSet, indexes, 0),
-        KX_ROW(1, false, kxRuleGetRuleSetIndex, indexes, 0),
-        KX_ROW(1, false, kxRuleGetRuleSet, uint16_t{1}, static_cast<PFW_RULESET*>(nullptr), 0),
-        KX_ROW(2, false, kxRuleGetRuleTopIndex, uint16_t{1}),
-        KX_ROW(-10015, false, kxRuleGetRuleBottomIndex, uint16_t{9}),
-        KX_ROW(7, false, kxRuleIsRuleActive, uint16_t{1}, uint16_t{2}),
-        KX_ROW(21, false, kxRuleGetRuleString, uint16_t{1}, uint16_t{2}, text, 0),
-        KX_ROW(21, false, kxRuleGetRuleString2, &rule, text, 0),
-        KX_ROW(-10012, false, kxRuleGetRuleString2, static_cast<const PFW_RULE*>(nullptr), text, 0),
-        KX_ROW(0, false, kxRuleAddMacro, macro.get()),
-        KX_ROW(1, false, kxRuleGetMacroCount),
-        KX_ROW(177, false, kxRuleGetMacro, static_cast<void*>(nullptr), 0),
-        KX_ROW(0, false, kxRuleDeleteMacro),
-        KX_ROW(-10016, false, kxRuleDeleteRule, uint16_t{1}, uint16_t{3}),
-        KX_ROW(0, true, kxRuleGetRule, uint16_t{1}, uint16_t{2}, &got),
-        KX_ROW(3, true, kxRuleGetMacroString, macro.get(), text, 0),
-        KX_ROW(-10012, true, kxRuleGetMacroString, static_cast<const PFW_MACRO*>(nullptr), text, 0),
+        KX_ROW(0, result, kxRuleSetActiveRuleSet, indexes, 0),
+        KX_ROW(0, result, kxRuleGetActiveRuleSet, indexes, 0),
+        KX_ROW(1, result, kxRuleGetRuleSetIndex, indexes, 0),
+        KX_ROW(2, result, kxRuleGetRuleSet, uint16_t{1}, static_cast<PFW_RULESET*>(nullptr), 0),
+        KX_ROW(2, result, kxRuleGetRuleTopIndex, uint16_t{1}),
+        KX_ROW(-10015, result, kxRuleGetRuleBottomIndex, uint16_t{9}),
+        KX_ROW(7, result, kxRuleIsRuleActive, uint16_t{1}, uint16_t{2}),
+        KX_ROW(21, result, kxRuleGetRuleString, uint16_t{1}, uint16_t{2}, text, 0),
+        KX_ROW(21, result, kxRuleGetRuleString2, &rule, text, 0),
+        KX_ROW(-10012, result, kxRuleGetRuleString2, static_cast<const PFW_RULE*>(nullptr), text, 0),
+        KX_ROW(0, result, kxRuleAddMacro, macro.get()),
+        KX_ROW(1, result, kxRuleGetMacroCount),
+        KX_ROW(177, result, kxRuleGetMacro, static_cast<void*>(nullptr), 0),
+        KX_ROW(0, result, kxRuleDeleteMacro),
+        KX_ROW(-10016, result, kxRuleDeleteRule, uint16_t{1}, uint16_t{3333}),
+        KX_ROW(0, silent, kxRuleGetRule, uint16_t{1}, uint16_t{2}, &got),
+        KX_ROW(3, silent, kxRuleGetMacroString, macro.get(), text, 0),
+        KX_ROW(-10012, silent, kxRuleGetMacroString, static_cast<const PFW_MACRO*>(nullptr), text, 0),
+        KX_ROW(KXRULE_E_ALREADY_INITIALIZED,
+               "@@@ rule path not specified. will use dll's location as rule path - KxPfwRule.cpp\n"
+               "!!! Already Initialized",
+               kxRuleInitialize, none, none),
+        KX_ROW(KXRULE_E_NULL_POINTER, "@@@ Pointer to array of rule set is NULL but nCount is not ZERO.",
+               kxRuleSetActiveRuleSet, indexes, 1),
+        KX_ROW(KXRULE_E_NO_RULESET, "!!! Invalid RuleSet index (65281)", kxRuleSetActiveRuleSet, &active[0], 3),
+        KX_ROW(KXRULE_E_NULL_POINTER, "@@@ Pointer to structure of rule set is NULL.", kxRuleAddRuleSet, uint16_t{0},
+               static_cast<PFW_RULESET*>(nullptr)),
+        KX_ROW(KXRULE_E_PORT_LIST, "", kxRuleAddRuleSet, uint16_t{0}, Build::RuleSet(1, L"", {blank}).get()),
+        KX_ROW(KXRULE_E_TOO_MANY_RULES,
+               "@@@ CRuleMaster::AddRuleSet Enter - RuleMaster.cpp\n"
+               "@@@ CRuleMaster::AddRuleSet Return (-10018) - RuleMaster.cpp\n"
+               "@@@ \tIndex:7 - KxPfwRule.cpp\n@@@ kxRuleAddRuleSet Return (-10018)",
+               kxRuleAddRuleSet, uint16_t{0}, Build::RuleSet(7, L"", tooMany).get()),
+        KX_ROW(KXRULE_E_NULL_POINTER, "@@@ Pointer of Rule structure is NULL.", kxRuleAddRule, uint16_t{0}, uint16_t{0},
+               static_cast<const PFW_RULE*>(nullptr)),
+        KX_ROW(KXRULE_E_PORT_LIST, "", kxRuleAddRule, uint16_t{0}, uint16_t{0}, &blank),
+        KX_ROW(KXRULE_E_NULL_POINTER, "@@@ Pointer of Macro structure is NULL.", kxRuleAddMacro,
+               static_cast<const PFW_MACRO*>(nullptr)),
     };
 #undef KX_ROW
     for (const auto& row : rows)
     {
-        EXPECT_EQ(row.call(), row.result) << row.name;
-        const std::string lines = "@@@ " + row.name + " Enter - KxPfwRule.cpp\n@@@ " + row.name + " Return (" +
-                                  std::to_string(row.result) + ") - KxPfwRule.cpp\n";
-        EXPECT_EQ(Said(), row.isSilent ? "" : lines);
+        EXPECT_EQ(row.call(), row.code) << row.name;
+        const std::string lines =
+            row.said == result ? "@@@ " + row.name + " Return (" + std::to_string(row.code) + ")" : row.said;
+        EXPECT_EQ(Said(), row.said == silent ? ""
+                                             : "@@@ " + row.name + " Enter - KxPfwRule.cpp\n" + lines +
+                                                   (lines.empty() ? "" : " - KxPfwRule.cpp\n"));
     }
+    EXPECT_EQ(KX_CALL(kxRuleUpdateHashValue, static_cast<const KXWCHAR*>(nullptr), static_cast<const uint8_t*>(nullptr),
+                      static_cast<KXRULE_HASH_CALLBACK>(nullptr), static_cast<void*>(nullptr)),
+              KXRULE_E_HASH_LIBRARY);
+    EXPECT_EQ(Said(), ".w. CRule::UpdateHash, m_Rule.Access.wszAppName is empty RuleSet(1) Rule(2) - RuleHash.cpp\n"
+                      ".w. CRule::UpdateHash, Updating hash RuleSet(1) Rule(3) (C:\\\xFC.exe) - RuleHash.cpp\n"
+                      "!!! CHashDll::Init load library error - HashDll.cpp\n");
+    KX_CALL(kxRuleFinalize);
+    Start();
+    Said();
+    EXPECT_EQ(KX_CALL(kxRuleFlush), 0);
+    EXPECT_EQ(Said(), "@@@ CRuleMaster::FlushRule not necessary - RuleMasterFiles.cpp\n");
     KX_CALL(kxRuleFinalize);
 }
 
@@ -221,86 +258,4 @@ TEST_F(TraceTest, WithoutTheMutexItDoesNotStart)
     }
     EXPECT_TRUE(g_IsAskedAsPromised);
     EXPECT_EQ(KX_CALL(kxRuleFinalize), 0);
-}
-
-// What each call traces when it refuses, and which calls trace nothing on return.
-TEST_F(TraceTest, RefusedCalls)
-{
-    Start();
-    PFW_RULE blank = Build::Access(1);
-    blank.Access.Port[0] = Build::PortList("");
-    const RegistryGuard registry; // no hash library
-    const std::vector<PFW_RULE> rules = {Build::Access(2), Build::Access(3, L"C:\\ü.exe")};
-    KX_CALL(kxRuleAddRuleSet, uint16_t{1}, Build::RuleSet(1, L"set", rules).get());
-    Said();
-    std::vector<PFW_RULE> tooMany;
-    for (uint16_t i = 0; i <= KXRULE_MAX_RULES; ++i)
-        tooMany.push_back(Build::Access(i));
-    const uint16_t zero = 0, active[] = {5, 65281, 0};
-    const auto none = static_cast<const char*>(nullptr);
-    struct
-    {
-        const char* name;
-        std::function<int32_t()> call;
-        int32_t result;
-        std::string said;
-    } const rows[] = {
-        {"second start", [&] { return KX_CALL(kxRuleInitialize, none, none); }, KXRULE_E_ALREADY_INITIALIZED,
-         "@@@ kxRuleInitialize Enter - KxPfwRule.cpp\n"
-         "@@@ rule path not specified. will use dll's location as rule path - KxPfwRule.cpp\n"
-         "!!! Already Initialized - KxPfwRule.cpp\n"},
-        {"active, null", [&] { return KX_CALL(kxRuleSetActiveRuleSet, static_cast<const uint16_t*>(nullptr), 1); },
-         KXRULE_E_NULL_POINTER,
-         "@@@ kxRuleSetActiveRuleSet Enter - KxPfwRule.cpp\n"
-         "@@@ Pointer to array of rule set is NULL but nCount is not ZERO. - KxPfwRule.cpp\n"},
-        {"active, the first of two that are wrong", [&] { return KX_CALL(kxRuleSetActiveRuleSet, &active[0], 3); },
-         KXRULE_E_NO_RULESET,
-         "@@@ kxRuleSetActiveRuleSet Enter - KxPfwRule.cpp\n!!! Invalid RuleSet index (65281) - KxPfwRule.cpp\n"},
-        {"set, null", [&] { return KX_CALL(kxRuleAddRuleSet, zero, static_cast<PFW_RULESET*>(nullptr)); },
-         KXRULE_E_NULL_POINTER,
-         "@@@ kxRuleAddRuleSet Enter - KxPfwRule.cpp\n"
-         "@@@ Pointer to structure of rule set is NULL. - KxPfwRule.cpp\n"},
-        {"set, port list", [&] { return KX_CALL(kxRuleAddRuleSet, zero, Build::RuleSet(1, L"", {blank}).get()); },
-         KXRULE_E_PORT_LIST, "@@@ kxRuleAddRuleSet Enter - KxPfwRule.cpp\n"},
-        {"set, too many rules", [&] { return KX_CALL(kxRuleAddRuleSet, zero, Build::RuleSet(7, L"", tooMany).get()); },
-         KXRULE_E_TOO_MANY_RULES,
-         "@@@ kxRuleAddRuleSet Enter - KxPfwRule.cpp\n@@@ CRuleMaster::AddRuleSet Enter - RuleMaster.cpp\n"
-         "@@@ CRuleMaster::AddRuleSet Return (-10018) - RuleMaster.cpp\n@@@ \tIndex:7 - KxPfwRule.cpp\n"
-         "@@@ kxRuleAddRuleSet Return (-10018) - KxPfwRule.cpp\n"},
-        {"rule, null", [&] { return KX_CALL(kxRuleAddRule, zero, zero, static_cast<const PFW_RULE*>(nullptr)); },
-         KXRULE_E_NULL_POINTER,
-         "@@@ kxRuleAddRule Enter - KxPfwRule.cpp\n@@@ Pointer of Rule structure is NULL. - KxPfwRule.cpp\n"},
-        {"rule, port list", [&] { return KX_CALL(kxRuleAddRule, zero, zero, &blank); }, KXRULE_E_PORT_LIST,
-         "@@@ kxRuleAddRule Enter - KxPfwRule.cpp\n"},
-        {"macro, null", [&] { return KX_CALL(kxRuleAddMacro, static_cast<const PFW_MACRO*>(nullptr)); },
-         KXRULE_E_NULL_POINTER,
-         "@@@ kxRuleAddMacro Enter - KxPfwRule.cpp\n@@@ Pointer of Macro structure is NULL. - KxPfwRule.cpp\n"},
-        {"hash",
-         [&]
-         {
-             return KX_CALL(kxRuleUpdateHashValue, static_cast<const KXWCHAR*>(nullptr),
-                            static_cast<const uint8_t*>(nullptr), static_cast<KXRULE_HASH_CALLBACK>(nullptr),
-                            static_cast<void*>(nullptr));
-         },
-         KXRULE_E_HASH_LIBRARY,
-         ".w. CRule::UpdateHash, m_Rule.Access.wszAppName is empty RuleSet(1) Rule(2) - RuleHash.cpp\n"
-         ".w. CRule::UpdateHash, Updating hash RuleSet(1) Rule(3) (C:\\\xFC.exe) - RuleHash.cpp\n"
-         "!!! CHashDll::Init load library error - HashDll.cpp\n"},
-    };
-    for (const auto& row : rows)
-    {
-        EXPECT_EQ(row.call(), row.result) << row.name;
-        EXPECT_EQ(Said(), row.said) << row.name;
-    }
-    KX_CALL(kxRuleFinalize);
-    Said();
-    Start();
-    Said();
-    EXPECT_EQ(KX_CALL(kxRuleFlush), 0);
-    EXPECT_EQ(Said(), "@@@ CRuleMaster::FlushRule not necessary - RuleMasterFiles.cpp\n");
-    KX_CALL(kxRuleFinalize);
-    EXPECT_EQ(KX_CALL(kxRuleInitialize, "", none), 0);
-    EXPECT_EQ(KX_CALL(kxRuleWrite), 0);
-    EXPECT_TRUE(std::filesystem::exists(m_Lives.Folder / "KxRulMas.dat")) << "the library's own directory";
-    KX_CALL(kxRuleFinalize);
 }
