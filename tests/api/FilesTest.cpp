@@ -13,37 +13,6 @@ using Indexes = std::vector<uint16_t>;
 
 using FilesTest = StoreTest;
 
-TEST_F(FilesTest, WhatWasWrittenComesBackInANewLife)
-{
-    for (const uint16_t index : {1, 2, 0xAB})
-        ASSERT_EQ(AddSet(index, {Build::Access(10), Build::Rule(KXRULE_KIND_NAT, 20)}, L"Büro"), 0);
-    ASSERT_EQ(kxRuleAddMacro(Build::Macro("web", {Build::Item("a"), Build::Item("b")}).get()), 0);
-    const uint16_t active[] = {2, 9};
-    ASSERT_EQ(kxRuleSetActiveRuleSet(active, 2), 0);
-    ASSERT_EQ(kxRuleWrite(), 0);
-    const auto before = Rules(2);
-    ASSERT_EQ(kxRuleFinalize(), 0);
-    ASSERT_EQ(kxRuleInitialize(Directory().c_str(), nullptr), 0);
-    EXPECT_EQ(SetIndexes(), Indexes{}) << "nothing is read before kxRuleRead";
-    ASSERT_EQ(kxRuleRead(), 0);
-    ASSERT_EQ(kxRuleDeleteRule(2, 10), 0);
-    ASSERT_EQ(AddSet(7), 0);
-    ASSERT_EQ(kxRuleSetActiveRuleSet(nullptr, 0), 0);
-    ASSERT_EQ(kxRuleRead(), 0) << "what is in memory is discarded, and nothing is there twice";
-    EXPECT_EQ(SetIndexes(), (Indexes{1, 2, 0xAB}));
-    EXPECT_EQ(ActiveIndexes(), (Indexes{2, 9}));
-    EXPECT_EQ(NameOf(2), L"Büro");
-    EXPECT_EQ(kxRuleGetMacro(nullptr, 0), 40 + 2 * 137);
-    const auto after = Rules(2);
-    ASSERT_EQ(after.size(), before.size());
-    EXPECT_EQ(std::memcmp(after.data(), before.data(), before.size() * sizeof(PFW_RULE)), 0);
-    std::filesystem::remove(PathOf("KxRl0002.dat"));
-    ASSERT_EQ(kxRuleFlush(), 0);
-    EXPECT_TRUE(Exists("KxRl0002.dat")) << "marked before the read";
-    EXPECT_EQ(AddSet(0), 0);
-    EXPECT_EQ(SetIndexes().back(), 0xAC) << "the next index is kept, too";
-}
-
 // Also those that a later one of the same index replaces: a hash library that watches the calls sees the file as it is.
 TEST_F(FilesTest, RulesAreTakenOverInTheOrderOfTheFile)
 {

@@ -77,11 +77,6 @@ protected:
         kxRuleGetRuleSet(index, &head, 0);
         return KxCommon::Record::WideText(&head.wszName, KXRULE_RULESET_NAME_UNITS);
     }
-    static std::string Line(uint16_t set, uint16_t rule)
-    {
-        char text[4096] = {};
-        return kxRuleGetRuleString(set, rule, text, sizeof text) < 0 ? "" : text;
-    }
 
     [[nodiscard]] std::string ReadFile(const std::string& name) const { return ReadBytes(PathOf(name)); }
     void WriteFile(const std::string& name, const std::string& content) const { WriteBytes(PathOf(name), content); }
