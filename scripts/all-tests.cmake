@@ -1,6 +1,6 @@
 # The tests of every preset and the checks as one run of ctest, with one summary. Read by ctest, not by CMake.
 cmake_path(GET CMAKE_CURRENT_LIST_DIR PARENT_PATH root)
-foreach(preset native release debug fuzz)
+foreach(preset native release debug)
     subdirs("${root}/build/${preset}")
 endforeach()
 foreach(check format text shell rooms contract headers tables tidy)

@@ -61,10 +61,13 @@ END
     return $bad
 }
 
-# Every header includes what it needs.
+# Every header includes what it needs. A source that includes its own header first has shown that already.
 checkHeaders()
 {
     files "^($rooms)/.*\.(h|hpp)$" |
+        while read -r header; do
+            grep -m 1 '^#include' "${header%.*}.cpp" 2>/dev/null | grep -qF "\"$header\"" || echo "$header"
+        done |
         each clang++ "${windows[@]}" "${flags[@]}" -fsyntax-only -Werror -Wno-pragma-once-outside-header -x c++ '{}'
 }
 
