@@ -50,7 +50,7 @@ size_t TerminalWidth(DWORD which) noexcept
 bool IsClosedPipe() noexcept
 {
     const DWORD error = ::GetLastError();
-    return error == ERROR_NO_DATA || error == ERROR_BROKEN_PIPE || errno == EPIPE;
+    return error == ERROR_NO_DATA || error == ERROR_BROKEN_PIPE || error == ERROR_PIPE_NOT_CONNECTED || errno == EPIPE;
 }
 
 bool WriteText(DWORD which, std::FILE* file, bool terminal, std::string_view text)
