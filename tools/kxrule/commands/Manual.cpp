@@ -96,6 +96,11 @@ follows:
 A rule with an extension, or with a name or value of unknown meaning, may decide: `explain` says "perhaps" and goes on.
 If several rules decide, each about part of the traffic in question, it names all of them.
 
+The page that `report` writes begins with what is allowed, refused, asked and undecided for each service and program, with
+links to the rules that decide; "less" lists what earlier rules decide otherwise. A rule that never takes effect although
+it says something else is told apart from one that is redundant; both name the rules that cover them. The page works
+without script for up to 2,000 rules. What was not checked or is not shown, it says.
+
 ## Backups and damage
 
 Before a command removes or replaces a rule, a rule set or the macros, it copies the store's files to a dated directory
