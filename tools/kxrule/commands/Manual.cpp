@@ -229,8 +229,9 @@ constexpr char kErrors[] =
 code. Each problem in a policy is an element of `"diagnostics"`, with `"file"`, `"line"`, `"column"`, `"where"` and
 `"text"`. The error object may be preceded by one with `"waiting"`, while another process is changing the store, and by
 one with `"warning"`: about a damaged store, with the problems in `"files"` and the place of the copies in `"copies"`,
-about a policy, with its `"findings"`, or about an import to be confirmed, in `"unconfirmed"`. A command that copied the store's files also names the copy in `"copies"` of
-its own output. [kxrule.schema.json](kxrule.schema.json) is the JSON Schema of what each command prints.
+about a policy, with its `"findings"`, or about an import to be confirmed, in `"unconfirmed"`. A command that copied the
+store's files also names the copy in `"copies"` of its own output. [kxrule.schema.json](kxrule.schema.json) is the JSON
+Schema of what each command prints.
 
 )";
 

@@ -42,7 +42,7 @@ struct StoreFile
 /// The contents of a file as records, unchanged.
 [[nodiscard]] std::vector<MacroRecord> MacrosOf(RuleFile file);
 [[nodiscard]] RuleSetRecord RuleSetOf(RuleFile file);
-/// The same as the library would have it: names cut to their fields, rules normalised, in the order of their indexes, of
+/// The same as the library would have it: names cut to their fields, rules normalised and ordered by their indexes, of
 /// equal indexes the later one.
 [[nodiscard]] std::vector<MacroRecord> InMemory(std::vector<MacroRecord> macros);
 [[nodiscard]] RuleSetRecord InMemory(RuleSetRecord ruleSet);
