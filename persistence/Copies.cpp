@@ -244,13 +244,16 @@ std::vector<Dated> FindBackups(const RuleDirectory& directory)
     return backups;
 }
 
-void RemoveOldest(const RuleDirectory& directory, size_t keep)
+void RemoveOldest(const RuleDirectory& directory, size_t keep, const std::string& made)
 {
+    --keep; // the one just made, which need not be the newest by its name: clocks are set back
     for (const Dated& backup : FindBackups(directory))
     {
-        if (backup.Number == 0 || keep > 0)
+        if (backup.Number == 0 || backup.Name == made)
+            continue;
+        if (keep > 0)
         {
-            keep -= backup.Number == 0 ? 0 : 1;
+            --keep;
             continue;
         }
         RuleDirectory old;

@@ -35,9 +35,9 @@ struct Dated
 };
 /// Newest first.
 [[nodiscard]] std::vector<Dated> FindBackups(const RuleDirectory& directory);
-/// Removes all numbered copies except the newest ones, whose count is given. Only files that a manifest names are
-/// removed, and directories that are empty afterwards.
-void RemoveOldest(const RuleDirectory& directory, size_t keep);
+/// Removes all numbered copies except the one of that name, which was just made, and the newest others, so that as many
+/// as given remain. Only files that a manifest names are removed, and directories that are empty afterwards.
+void RemoveOldest(const RuleDirectory& directory, size_t keep, const std::string& made);
 
 enum class Change
 {

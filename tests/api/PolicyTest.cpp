@@ -128,9 +128,9 @@ TEST_F(PolicyTest, MakesTheStoreHoldWhatThePolicySays)
         {kBefore, KXPOLICY_REPLACE, 0, before},
         {"{\"version\": 1}", KXPOLICY_REPLACE, 0, before},
         {Text(""), KXPOLICY_MERGE, 0, before},
-        {Text(""), KXPOLICY_REPLACE | KXPOLICY_ALLOW_EMPTY, 4, "+1+3 2"},
+        {Text(""), KXPOLICY_REPLACE | KXPOLICY_ALLOW_EMPTY, 5, " 2"},
         {Text(Set(4, "d", Rule(2, "snat"))), KXPOLICY_MERGE, 0, before},
-        {Text(Set(4, "d", Rule(2, "snat"))), KXPOLICY_REPLACE, 4, "4d(2 ) +1+3 2"},
+        {Text(Set(4, "d", Rule(2, "snat"))), KXPOLICY_REPLACE, 5, "4d(2 )  2"},
         {Text(Set(2, "x") + "," + Set(9, "e")), KXPOLICY_MERGE, 2, "1a(0 5 ) 2x(1 ) 3c(7 ) 4d(1 2 ) 9e() +1+3 2"},
         {kAfter, KXPOLICY_MERGE, 6, "1a(0 5 6 ) 2x(1 ) 3c(7 ) 4d(1 2 3 ) 9e(1 ) +9+1 3"},
         {kAfter, KXPOLICY_REPLACE, 7, "1a(0 6 ) 2x(1 ) 4d(1 3 ) 9e(1 ) +9+1 1"},
@@ -155,10 +155,10 @@ TEST_F(PolicyTest, MakesTheStoreHoldWhatThePolicySays)
                                            "ports": ["@m", "any", "any"]})"),
                            R"("macros": [{"name": "o"}], )"),
                       flags),
-                  flags == KXPOLICY_MERGE ? 2 : 5);
+                  flags == KXPOLICY_MERGE ? 2 : 6);
         EXPECT_EQ(g_Told, flags == KXPOLICY_MERGE
                               ? ""
-                              : "warning 0:0 rule set 1, rule 0 names the macro \"m\", which is not there\n");
+                              : "warning 0:0 rule set 1, rule 0 names the macro \"m\", which does not exist\n");
     }
 }
 

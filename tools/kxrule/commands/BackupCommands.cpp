@@ -66,13 +66,15 @@ int Backups(Session& session)
 
 int Undo(Session& session, bool isOnlyUnconfirmed)
 {
-    if (TakeBackUnconfirmed(session))
-        return ExitDone;
-    if (isOnlyUnconfirmed)
+    RequireDirectory(session.Directory());
+    const std::optional<Unconfirmed> unconfirmed = FindUnconfirmed(session.Store());
+    if (isOnlyUnconfirmed && (!unconfirmed || unconfirmed->IsTakenBack))
     {
         session.Terminal().Out(session.Options().Json ? "{\"restored\": []}\n" : "nothing to take back\n");
         return ExitDone;
     }
+    if (TakeBackUnconfirmed(session))
+        return ExitDone;
     // The library copies what it finds damaged; only the copies of this tool were made before a change.
     for (const Copies::Dated& copy : Copies::FindBackups(session.Store()))
     {

@@ -163,9 +163,9 @@ void PutStore(Session& session, const RuleDirectory& source, const std::vector<s
 int Verify(Session& session, const std::string& against)
 {
     RequireDirectory(session.Directory());
+    session.TellUnconfirmed();
     if (!against.empty())
         return VerifyAgainst(session, against);
-    session.TellUnconfirmed();
     const StoreReport report = CheckStore(session.Store(), session.Terminal(), true);
     PrintReport(session, report);
     return report.IsDamaged() ? ExitFailed : ExitDone;

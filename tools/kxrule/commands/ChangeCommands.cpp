@@ -191,6 +191,7 @@ int RefreshHashes(Session& session, const std::string& application)
     {
         session.CopyFiles();
         session.Write();
+        session.RemoveOldCopies();
     }
     if (session.Options().Json)
     {

@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <cstdio>
 #include <iterator>
+#include <utility>
 
 #include <nlohmann/json.hpp>
 
@@ -61,6 +62,8 @@ std::string PathIn(const RuleDirectory& store)
 void Write(const RuleDirectory& store, const Unconfirmed& unconfirmed)
 {
     const std::string text = JsonLine(Json({{"takenBack", unconfirmed.IsTakenBack},
+                                            {"whole", unconfirmed.IsWhole},
+                                            {"master", unconfirmed.Master},
                                             {"file", unconfirmed.File},
                                             {"time", unconfirmed.Time},
                                             {"seconds", unconfirmed.Seconds},
@@ -87,17 +90,20 @@ std::optional<Unconfirmed> Parse(const std::string& text)
 {
     const Json json = Json::parse(text, nullptr, false);
     const auto member = [&json](const char* name) { return json.is_object() ? json.value(name, Json()) : Json(); };
-    for (const char* const name : {"file", "copies", "problem"})
+    for (const char* const name : {"file", "master", "copies", "problem"})
     {
         if (!member(name).is_string())
             return std::nullopt;
     }
-    if (!member("takenBack").is_boolean() || !member("time").is_number_unsigned() ||
+    if (!member("takenBack").is_boolean() || !member("whole").is_boolean() || !member("time").is_number_unsigned() ||
         !member("seconds").is_number_unsigned() || member("time").get<uint64_t>() > uint64_t{INT64_MAX} / kTicks ||
-        member("seconds").get<uint64_t>() > kMostConfirmSeconds)
+        member("seconds").get<uint64_t>() > kMostConfirmSeconds ||
+        (!member("takenBack").get<bool>() && member("seconds").get<uint64_t>() == 0))
         return std::nullopt;
     Unconfirmed read;
     read.IsTakenBack = member("takenBack").get<bool>();
+    read.IsWhole = member("whole").get<bool>();
+    read.Master = member("master").get<std::string>();
     read.File = member("file").get<std::string>();
     read.Time = member("time").get<uint64_t>();
     read.Seconds = member("seconds").get<uint32_t>();
@@ -192,21 +198,22 @@ void StartWaiting(const Session& session)
     }
 }
 
-/// The name of the session's copy in the rule directory.
-std::string CopiesIn(const Session& session)
-{
-    const std::string path = session.Copies();
-    return path.substr(std::min(path.size(), ToUtf8(session.Directory()).size()));
-}
-
 /// Makes the files what they were, bit by bit, whatever that was. The session keeps what it replaces.
-std::vector<std::string> TakeBack(Session& session, const Unconfirmed& unconfirmed)
+std::vector<std::string> TakeBack(Session& session, Unconfirmed& unconfirmed)
 {
     const RuleDirectory store = session.Store();
     if (unconfirmed.Seconds == 0)
         throw Failure(unconfirmed.Problem);
+    if (unconfirmed.Master != NarrowToUtf8(store.MasterFileName()))
+        throw Failure("the import was made with --master " + unconfirmed.Master);
+    const auto begin = [&] // from here on the files are neither the one nor the other
+    {
+        if (std::exchange(unconfirmed.IsWhole, false))
+            Write(store, unconfirmed);
+    };
     if (unconfirmed.Copies.empty())
     {
+        begin();
         PutStore(session, store, {}); // there were none
         return {};
     }
@@ -219,6 +226,7 @@ std::vector<std::string> TakeBack(Session& session, const Unconfirmed& unconfirm
     if (!Copies::HasManifest(source) || !changes || !changes->empty())
         throw Failure(unconfirmed.Copies + " is not what was copied");
     std::vector<std::string> names = StoreFileNames(source);
+    begin();
     PutStore(session, source, names);
     return names;
 }
@@ -231,26 +239,28 @@ std::string ToRestart()
 }
 
 /// Takes it back if it still waits, or notes why it could not. In a session of its own: between two tries others may
-/// have the lock.
-void TakeBackInTime(const Session& waiting, Console& console, const Unconfirmed& awaited)
+/// have the lock. All tries have one copy of what they replace: the disk may be full one day.
+void TakeBackInTime(Session& waiting, const Unconfirmed& awaited)
 {
-    Session session(waiting.Options(), console);
+    Session session(waiting.Options(), waiting.Terminal());
+    session.ShareCopies(waiting);
     session.Claim(Session::OnUnconfirmed::TakeBack);
     if (FindUnconfirmed(session.Store()) != awaited)
         return;
     Unconfirmed now = awaited;
     try
     {
-        static_cast<void>(TakeBack(session, awaited));
+        static_cast<void>(TakeBack(session, now));
         now.IsTakenBack = true;
         now.Time = Now();
-        now.Copies = CopiesIn(session);
+        now.Copies = NarrowToUtf8(session.CopiesName());
         now.Problem = ToRestart();
     }
     catch (const std::exception& exception)
     {
         now.Problem = exception.what();
     }
+    waiting.ShareCopies(session);
     if (now != awaited)
         Write(session.Store(), now);
 }
@@ -259,9 +269,14 @@ void TakeBackInTime(const Session& waiting, Console& console, const Unconfirmed&
 
 std::optional<Unconfirmed> FindUnconfirmed(const RuleDirectory& store)
 {
-    const KxCommon::UniqueFile file = Files::Open(PathIn(store).c_str(), GENERIC_READ, OPEN_EXISTING,
-                                                  FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE);
-    if (!file && !Files::IsUnknown(::GetLastError()))
+    KxCommon::UniqueFile file;
+    const auto open = [&]
+    {
+        file = Files::Open(PathIn(store).c_str(), GENERIC_READ, OPEN_EXISTING,
+                           FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE);
+        return static_cast<bool>(file);
+    };
+    if (!Files::Persist(kPatience, open, Files::IsUnknown) && !Files::IsUnknown(::GetLastError()))
         return std::nullopt;
     std::string text(kMostBytes, '\0');
     uint32_t got = 0;
@@ -271,6 +286,8 @@ std::optional<Unconfirmed> FindUnconfirmed(const RuleDirectory& store)
     std::optional<Unconfirmed> read = Parse(text);
     if (!read)
         read.emplace().Problem = std::string(kFileName) + " cannot be read";
+    if (read->IsTakenBack && read->Time == 0) // it is over, and only its file is left
+        return std::nullopt;
     return read;
 }
 
@@ -309,24 +326,43 @@ void RemoveUnconfirmed(const RuleDirectory& store)
 {
     Unconfirmed over;
     over.IsTakenBack = true;
-    Write(store, over);
     const auto remove = [&] { return Files::Delete(PathIn(store).c_str()); };
+    try
+    {
+        Write(store, over);
+    }
+    catch (const Failure&)
+    {
+        if (!remove()) // on a full disk this needs no room
+            throw;
+        return;
+    }
     static_cast<void>(Files::Persist(kPatience, remove, [](DWORD error) { return Files::IsUnknown(error); }));
 }
 
 Unconfirmed BeginUnconfirmed(Session& session, const std::string& file, uint32_t seconds)
 {
+    // One that waited before this note is written ends; afterwards it would wait for this one, or could not be reached.
+    const auto isGone = [&]
+    {
+        Wake(session);
+        return !IsAwaited(session);
+    };
+    if (!Files::Persist(kStartTime, isGone, [](DWORD) { return true; }))
+        throw Failure("nothing is changed: the process that waited for an earlier import does not end; end \"kxrule "
+                      "await-confirmation\", or import without --confirm");
     Unconfirmed unconfirmed;
     unconfirmed.File = file;
+    unconfirmed.Master = NarrowToUtf8(session.Store().MasterFileName());
     unconfirmed.Seconds = seconds;
     unconfirmed.Time = Now() + kSecond * seconds;
-    unconfirmed.Copies = CopiesIn(session);
+    unconfirmed.Copies = NarrowToUtf8(session.CopiesName());
     Write(session.Store(), unconfirmed);
     try
     {
         StartWaiting(session);
     }
-    catch (const Failure&)
+    catch (...)
     {
         RemoveUnconfirmed(session.Store());
         throw;
@@ -337,8 +373,11 @@ Unconfirmed BeginUnconfirmed(Session& session, const std::string& file, uint32_t
 void StartTheTime(Session& session, Unconfirmed& unconfirmed)
 {
     unconfirmed.Time = Now() + kSecond * unconfirmed.Seconds;
+    unconfirmed.IsWhole = true;
     Write(session.Store(), unconfirmed);
     Wake(session);
+    if (!IsAwaited(session))
+        throw Failure(UnconfirmedText(session, unconfirmed));
 }
 
 int Confirm(Session& session)
@@ -348,6 +387,11 @@ int Confirm(Session& session)
     const std::optional<Unconfirmed> unconfirmed = FindUnconfirmed(session.Store());
     if (!unconfirmed)
         throw Failure("no import waits for a confirmation");
+    if (!unconfirmed->IsTakenBack && !unconfirmed->IsWhole && !session.Options().Force)
+        throw Failure(
+            "the files are not what the import makes of them; \"kxrule undo\" takes it back, \"kxrule --force "
+            "confirm\" keeps them as they are");
+    session.BeginChange();
     EndWaiting(session);
     if (unconfirmed->IsTakenBack)
         throw Failure("too late: " + UnconfirmedText(session, *unconfirmed));
@@ -360,12 +404,18 @@ int Confirm(Session& session)
 bool TakeBackUnconfirmed(Session& session)
 {
     const std::optional<Unconfirmed> seen = FindUnconfirmed(session.Store());
-    if (!seen || seen->IsTakenBack)
+    if (!seen)
         return false;
     session.Claim(Session::OnUnconfirmed::TakeBack);
-    const std::optional<Unconfirmed> unconfirmed = FindUnconfirmed(session.Store());
-    if (!unconfirmed || unconfirmed->IsTakenBack)
-        throw Failure("the import has been confirmed or taken back meanwhile");
+    std::optional<Unconfirmed> unconfirmed = FindUnconfirmed(session.Store());
+    if (!unconfirmed)
+        throw Failure("the import has been confirmed meanwhile");
+    if (unconfirmed->IsTakenBack)
+    {
+        session.BeginChange();
+        RemoveUnconfirmed(session.Store());
+        throw Failure(UnconfirmedText(session, *unconfirmed) + "; \"kxrule undo\" once more brings it back");
+    }
     const std::vector<std::string> names = TakeBack(session, *unconfirmed);
     EndWaiting(session);
     TellRestored(session, names);
@@ -380,7 +430,7 @@ int AwaitConfirmation(Session& session)
     std::optional<Unconfirmed> awaited = FindUnconfirmed(session.Store());
     while (awaited && !awaited->IsTakenBack)
     {
-        // By the clock of the wall only up to here: whoever sets that does not change how long it takes.
+        // The wall clock is read only once: changing it does not change the delay.
         const uint64_t rest = std::min(awaited->Time - std::min(Now(), awaited->Time), kSecond * awaited->Seconds);
         const bool isAgain = !awaited->Problem.empty();
         if (::WaitForSingleObject(event.get(), isAgain ? kPause : static_cast<DWORD>(rest)) == WAIT_TIMEOUT &&
@@ -388,11 +438,11 @@ int AwaitConfirmation(Session& session)
         {
             try
             {
-                TakeBackInTime(session, session.Terminal(), *awaited);
+                TakeBackInTime(session, *awaited);
             }
             catch (const std::exception&) // the file cannot be written, either
             {
-                ::Sleep(kPause);
+                ::WaitForSingleObject(event.get(), kPause);
             }
         }
         awaited = FindUnconfirmed(session.Store());

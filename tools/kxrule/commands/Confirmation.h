@@ -17,12 +17,14 @@ namespace Tool
 struct Unconfirmed
 {
     bool IsTakenBack = false;
+    bool IsWhole = false; // the files are what the import made of them, all of them
     std::string File;     // what was imported, as it was called
     uint64_t Time = 0;    // when it will be taken back or was: milliseconds since 1601, UTC
     uint32_t Seconds = 0; // how long it waits
     /// What was there before, as a name in the rule directory, UTF-8; empty: nothing. When it was taken back: what it
     /// had made.
     std::string Copies;
+    std::string Master;  // the master file's name, UTF-8
     std::string Problem; // why it could not be taken back; what is left to do when it was
 
     bool operator==(const Unconfirmed&) const = default;
@@ -44,9 +46,9 @@ void RemoveUnconfirmed(const RuleDirectory& store);
 void StartTheTime(Session& session, Unconfirmed& unconfirmed);
 
 int Confirm(Session& session);
-/// For undo; false when nothing waits.
+/// For undo; false when nothing waits. Refuses, once, what has just been taken back: to undo that would bring it back.
 [[nodiscard]] bool TakeBackUnconfirmed(Session& session);
-/// The process beside: waits for the confirmation or the end of the time, and then takes the import back.
+/// Runs in the background process: waits for the confirmation or the end of the time, and then takes the import back.
 int AwaitConfirmation(Session& session);
 
 } // namespace Tool

@@ -134,7 +134,7 @@ warn about it. `kxrule undo` reverts the import at once. Reverting restores the 
 reverted as well.
 
 The pending import is recorded in the file `KxRulCfm.txt` in the rule directory. After an import was reverted, commands
-say so until something is changed or `kxrule confirm` is run, which then exits with 1. If reverting failed, they say why;
+say so until the next command that may change the store, or `kxrule confirm`, which then exits with 1. If reverting failed, they say why;
 it is tried again every ten seconds.
 
 A restart of the machine, a power failure or signing off ends the waiting process, and Windows does not start another:
@@ -142,7 +142,7 @@ the new rules stay, every other change is refused, and commands say so until `kx
 scheduled task can revert whatever is pending when the machine starts; it does nothing otherwise:
 
 ```
-schtasks /Create /TN "Firewall unconfirmed" /SC ONSTART /RU SYSTEM /TR "kxrule.exe --force --dir C:\ProgramData\Firewall\Rules undo --unconfirmed"
+schtasks /Create /TN "Firewall unconfirmed" /SC ONSTART /RU SYSTEM /TR "'C:\Program Files\Firewall\kxrule.exe' --force --dir C:\ProgramData\Firewall\Rules undo --unconfirmed"
 ```
 
 Only the files are reverted. A product that has read the new rules keeps using them until it is restarted, and may write

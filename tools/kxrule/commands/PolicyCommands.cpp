@@ -339,7 +339,10 @@ int ApplyPolicy(Session& session, Policy& store, const Policy& wanted, MergeMode
         session.CopyFiles();
     Unconfirmed unconfirmed;
     if (isToConfirm)
+    {
+        static_cast<void>(session.Library()); // what cannot even begin need not be taken back
         unconfirmed = BeginUnconfirmed(session, options.File, options.Confirm);
+    }
     if (!session.Options().Json) // then nothing needs the previous rules, and the library needs the memory
         DropRules(store, diff);
     if (!diff.IsEmpty())
@@ -363,6 +366,7 @@ int TellChange(Session& session, const std::string& text, Json json, const std::
         json["copies"] = copies;
     const std::string note = copies.empty() ? "" : "; what was there before is in " + Printable(copies);
     session.Terminal().Out(session.Options().Json ? json.dump(2) + "\n" : text + note + "\n" + after);
+    session.RemoveOldCopies();
     return ExitDone;
 }
 

@@ -333,7 +333,7 @@ void Session::OpenToChange(OnDamage onDamage)
     CopyFiles();
     if (report.IsStopped && !m_Copies.empty()) // the library would read nothing
         store.Remove(store.MacroFileName());
-    Warn("the store was damaged; copies of its files as they were are in " + ToUtf8(m_Copies.wstring()), report);
+    Warn("the store was damaged; copies of its files as they were are in " + Copies(), report);
     Open(); // changes start from what it makes of the damage
 }
 
@@ -343,7 +343,7 @@ void Session::Warn(const std::string& text, const StoreReport& report)
         return m_Console.Error("kxrule: " + text + report.Problems() + "\n");
     Json json = {{"warning", text}, {"files", Json::array()}};
     if (!m_Copies.empty())
-        json["copies"] = ToUtf8(m_Copies.wstring());
+        json["copies"] = Copies();
     for (const FileReport& file : report.Files)
     {
         if (file.What == Finding::Damaged)
@@ -366,9 +366,18 @@ void Session::CopyFiles()
         throw Failure("copying " + NarrowToUtf8(failed) + " below " + ToUtf8(m_Directory) +
                       FileFormat::kBackupDirectory + ": " + SystemText(::GetLastError()));
     if (!names.empty())
-        m_Copies = m_Directory + FromUtf8(NarrowToUtf8(backup));
-    if (m_Options.Keep > 0)
-        Copies::RemoveOldest(store, m_Options.Keep);
+        m_Copies = backup;
+}
+
+std::string Session::Copies() const
+{
+    return m_Copies.empty() ? std::string() : ToUtf8(m_Directory) + NarrowToUtf8(m_Copies);
+}
+
+void Session::RemoveOldCopies() const
+{
+    if (m_Options.Keep > 0 && !m_Copies.empty())
+        Copies::RemoveOldest(Store(), m_Options.Keep, m_Copies);
 }
 
 void Session::Write()

@@ -62,7 +62,13 @@ public:
     /// Called before anything is deleted or replaced.
     void CopyFiles();
     /// Where the copy is; empty if there is none.
-    [[nodiscard]] std::string Copies() const { return ToUtf8(m_Copies.wstring()); }
+    [[nodiscard]] std::string Copies() const;
+    /// Its name in the rule directory, in the active code page.
+    [[nodiscard]] const std::string& CopiesName() const noexcept { return m_Copies; }
+    /// Takes another session's copy for its own.
+    void ShareCopies(const Session& other) { m_Copies = other.m_Copies; }
+    /// Removes those beyond --keep, when the change is made: what it restored may be one of them.
+    void RemoveOldCopies() const;
     /// From here on the command is not interrupted.
     void BeginChange() noexcept;
     /// Writes what was changed.
@@ -111,7 +117,7 @@ private:
     std::wstring m_Directory;
     std::unique_ptr<RuleLibrary> m_Library;
     std::optional<Policy> m_Looked;
-    std::filesystem::path m_Copies;
+    std::string m_Copies;
     KxCommon::UniqueKernelObject m_Lock;
     uint64_t m_Deadline; // by the system's tick count
     bool m_HasToldWaiting = false;

@@ -142,7 +142,7 @@ RuleSetRecord InMemory(RuleSetRecord ruleSet)
     const auto index = [](const PFW_RULE& rule) { return uint16_t{rule.wRuleIndex}; };
     ruleSet.Name.resize(std::min(ruleSet.Name.size(), size_t{KXRULE_RULESET_NAME_UNITS - 1}));
     std::ranges::for_each(rules, Normalise::NormaliseRule);
-    if (std::ranges::is_sorted(rules, std::ranges::less_equal(), index)) // and none twice
+    if (std::ranges::adjacent_find(rules, std::ranges::greater_equal(), index) == rules.end())
         return ruleSet;
     std::ranges::reverse(rules);
     std::ranges::stable_sort(rules, {}, index);
