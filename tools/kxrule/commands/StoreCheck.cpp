@@ -202,7 +202,7 @@ void Add(Policy& policy, Surveyed& seen, const TakeRuleSet& take)
     if (take)
         Put(policy, {ruleSet.Index, ruleSet.Name, {}});
     take ? take(policy, std::move(ruleSet)) : Put(policy, std::move(ruleSet));
-    seen.File.Rules = std::move(ruleSet.Rules); // NOLINT(bugprone-use-after-move)
+    seen.File.Rules = std::move(ruleSet.Rules); // NOLINT(bugprone-use-after-move,clang-analyzer-cplusplus.Move)
 }
 
 } // namespace

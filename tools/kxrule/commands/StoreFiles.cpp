@@ -146,8 +146,8 @@ RuleSetRecord InMemory(RuleSetRecord ruleSet)
         return ruleSet;
     std::ranges::reverse(rules);
     std::ranges::stable_sort(rules, {}, index);
-    const auto rest = std::ranges::unique(rules, {}, index);
-    rules.erase(rest.begin(), rest.end());
+    const auto isSame = [&](const PFW_RULE& a, const PFW_RULE& b) { return index(a) == index(b); };
+    rules.erase(std::unique(rules.begin(), rules.end(), isSame), rules.end());
     return ruleSet;
 }
 

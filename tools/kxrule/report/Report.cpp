@@ -271,11 +271,12 @@ private:
             ++count;
             const std::string set = std::to_string(warning.RuleSetIndex);
             const std::string rule = std::to_string(warning.RuleIndex);
-            entries += "<li>" +
-                       (warning.HasRule             ? "<a href=#" + set + "-" + rule + ">" + set + "/" + rule + "</a> "
-                        : warning.RuleSetIndex != 0 ? "Rule set " + set + " "
-                                                    : "") +
-                       Escaped(warning.Text) + Links(warning.By) + "\n";
+            entries += "<li>";
+            if (warning.HasRule)
+                entries.append("<a href=#" + set + "-").append(rule + ">").append(set).append("/" + rule + "</a> ");
+            else if (warning.RuleSetIndex != 0)
+                entries += "Rule set " + set + " ";
+            entries += Escaped(warning.Text) + Links(warning.By) + "\n";
         }
         if (count > 0)
             Rows("<details" + std::string(count <= kFewWarnings && kind != WarningKind::NoHash ? " open" : "") +
@@ -319,7 +320,8 @@ private:
         for (auto& [name, rows] : groups)
         {
             const auto count = std::erase(rows, '\n');
-            body += "<tbody><tr><th scope=rowgroup rowspan=" + std::to_string(count) + ">" + name + rows + "\n";
+            body += "<tbody><tr><th scope=rowgroup rowspan=" + std::to_string(count) + ">";
+            body.append(name).append(rows) += '\n';
         }
         Rows("<table class=\"cards matrix\">\n<thead><tr><th scope=\"col\">Service</th><th "
              "scope=\"col\">Program</th><th "
@@ -455,9 +457,12 @@ private:
             const auto ruleSet = std::find_if(m_Store.RuleSets.begin(), m_Store.RuleSets.end(),
                                               [index](const RuleSetRecord& one) { return one.Index == index; });
             const std::string number = std::to_string(index);
-            order += "<li>" + (ruleSet == m_Store.RuleSets.end() ? number + " (does not exist)"
-                                                                 : "<a href=#set-" + number + ">" + number + " " +
-                                                                       Escaped(ToUtf8(ruleSet->Name)) + "</a>");
+            order += "<li>";
+            if (ruleSet == m_Store.RuleSets.end())
+                order += number + " (does not exist)";
+            else
+                order.append("<a href=#set-" + number + ">")
+                    .append(number + " " + Escaped(ToUtf8(ruleSet->Name)) + "</a>");
         }
         m_Out += order.empty() ? "<p>None is active.</p>\n" : "<ol class=\"order\">" + order + "</ol>\n";
     }
