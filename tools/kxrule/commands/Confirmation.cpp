@@ -135,15 +135,22 @@ void Wake(const Session& session)
         ::SetEvent(event.get());
 }
 
+/// Whether the process that waits, told to look at the file again, ends in time, or none was there.
+bool HasEnded(const Session& session, DWORD patience)
+{
+    const auto isGone = [&session]
+    {
+        Wake(session);
+        return !IsAwaited(session);
+    };
+    return Files::Persist(patience, isGone, [](DWORD) { return true; });
+}
+
 /// Nothing waits any more: ends the process. One that does not end finds nothing to do when its time is over.
 void EndWaiting(const Session& session)
 {
     RemoveUnconfirmed(session.Store());
-    for (const ULONGLONG start = ::GetTickCount64(); IsAwaited(session) && ::GetTickCount64() - start < kPatience;)
-    {
-        Wake(session);
-        ::Sleep(10);
-    }
+    static_cast<void>(HasEnded(session, kPatience));
 }
 
 /// A job whose processes end with it, as that of a remote shell may be, must let this one out.
@@ -343,12 +350,7 @@ void RemoveUnconfirmed(const RuleDirectory& store)
 Unconfirmed BeginUnconfirmed(Session& session, const std::string& file, uint32_t seconds)
 {
     // One that waited before this note is written ends; afterwards it would wait for this one, or could not be reached.
-    const auto isGone = [&]
-    {
-        Wake(session);
-        return !IsAwaited(session);
-    };
-    if (!Files::Persist(kStartTime, isGone, [](DWORD) { return true; }))
+    if (!HasEnded(session, kStartTime))
         throw Failure("nothing is changed: the process that waited for an earlier import does not end; end \"kxrule "
                       "await-confirmation\", or import without --confirm");
     Unconfirmed unconfirmed;
