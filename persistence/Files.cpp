@@ -63,13 +63,12 @@ bool Size(HANDLE file, uint64_t* size) noexcept
 
 bool Look(HANDLE file, FileStamp* stamp) noexcept
 {
-    BY_HANDLE_FILE_INFORMATION info;
-    if (Refused(Operation::Size) || ::GetFileInformationByHandle(file, &info) == FALSE)
+    FILE_BASIC_INFO info;
+    if (!Size(file, &stamp->Bytes) || ::GetFileInformationByHandleEx(file, FileBasicInfo, &info, sizeof info) == FALSE)
         return false;
-    const auto join = [](DWORD high, DWORD low) { return uint64_t{high} << 32 | low; };
-    *stamp = {join(info.nFileIndexHigh, info.nFileIndexLow),
-              join(info.ftLastWriteTime.dwHighDateTime, info.ftLastWriteTime.dwLowDateTime),
-              join(info.nFileSizeHigh, info.nFileSizeLow), info.dwVolumeSerialNumber};
+    stamp->CreationTime = info.CreationTime.QuadPart;
+    stamp->WriteTime = info.LastWriteTime.QuadPart;
+    stamp->ChangeTime = info.ChangeTime.QuadPart;
     return true;
 }
 

@@ -9,13 +9,14 @@
 
 #include "common/srclib/KxComn_Handle.h"
 
-/// Tells a file from another one of the same name, and from itself before somebody wrote to it.
+/// Tells a file from another one of the same name, and from itself before somebody wrote to it, renamed it or changed
+/// its attributes. The time of the change also tells copies that have their original's other times.
 struct FileStamp
 {
-    uint64_t Index = 0; // within the volume
-    uint64_t WriteTime = 0;
+    int64_t CreationTime = 0;
+    int64_t WriteTime = 0;
+    int64_t ChangeTime = 0;
     uint64_t Bytes = 0;
-    uint32_t Volume = 0;
     bool operator==(const FileStamp&) const = default;
 };
 
@@ -85,7 +86,7 @@ bool Persist(DWORD milliseconds, const Attempt& attempt, const MayPass& mayPass)
 [[nodiscard]] UniqueFile Open(const char* path, DWORD access, DWORD disposition, DWORD share = 0) noexcept;
 /// False if the size cannot be determined.
 [[nodiscard]] bool Size(HANDLE file, uint64_t* size) noexcept;
-/// GetFileInformationByHandle.
+/// GetFileInformationByHandleEx and GetFileSizeEx.
 [[nodiscard]] bool Look(HANDLE file, FileStamp* stamp) noexcept;
 /// ReadFile and its count; the end of the file is success with a smaller count.
 [[nodiscard]] bool Read(HANDLE file, void* buffer, uint32_t size, uint32_t* got) noexcept;
