@@ -115,7 +115,7 @@ void AddGrowing(const Shape& shape)
     {
         benchmark::RegisterBenchmark((std::string("add/") + who + "/" + shape.Name()).c_str(), run)
             ->UseManualTime()
-            ->Iterations(static_cast<int64_t>(65536 * 4 / shape.Total()));
+            ->Iterations(static_cast<int64_t>(65536 / shape.Total()));
     };
     add("ours",
         [=](auto& state)

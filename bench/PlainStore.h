@@ -32,8 +32,9 @@ public:
 
     void Fill(const Shape& shape);
     void WriteAll();
-    /// Writes one set and, as the library must, the macro file and the master file.
+    /// Writes one set, and the macro file and the master file, which change only with the list of sets.
     void WriteSet(uint16_t set);
+    void WriteSetFile(size_t position);
     /// Discards what is in memory and reads it again.
     void ReadAll(const Shape& shape);
 
@@ -42,7 +43,6 @@ public:
     [[nodiscard]] std::vector<const PFW_RULE*> Records() const;
 
 private:
-    void WriteSetFile(size_t position);
     void WriteSmallFile(const char* name, size_t size);
     void Replace(const std::string& name);
     [[nodiscard]] std::string FileName(uint16_t set) const;

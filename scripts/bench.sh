@@ -89,13 +89,13 @@ else
     run files-small files_bench --store=3x100 "${small[@]}"
     echo "    processes"
     quietly bench-processes python3 bench/processes.py build/bench/bin build/bench/data $results/bench-processes.json 3
-    run growth-files files_bench --store=growth --benchmark_repetitions=3
+    run growth-files files_bench --store=growth --benchmark_repetitions=2
     run calls-full calls_bench --benchmark_filter='^(get|active)/.*/64x1024' --benchmark_min_time=0.1
     run calls-small calls_bench --benchmark_filter='^(get|active)/.*/3x100' --benchmark_min_time=0.1
     run calls-lines calls_bench --benchmark_filter='^(line|trace)/' --benchmark_min_time=0.1 \
         "--benchmark_repetitions=$((3 * rounds))"
     run calls-add calls_bench --benchmark_filter='^add/' --benchmark_min_time=0.1
-    run growth-calls calls_bench --benchmark_filter='^(growth|threads)/' --benchmark_min_time=0.02 --benchmark_repetitions=5
+    run growth-calls calls_bench --benchmark_filter='^(growth|threads)/' --benchmark_min_time=0.02 --benchmark_repetitions=3
 fi
 rm -rf build/bench/data
 
