@@ -151,6 +151,19 @@ const RuleSetRecord* Find(const std::vector<RuleSetRecord>& ruleSets, uint16_t i
 
 } // namespace
 
+Policy Remaining(const Policy& store, const Policy& policy, MergeMode mode)
+{
+    Policy remaining;
+    if (mode == MergeMode::Merge || !policy.Macros)
+        remaining.Macros = store.Macros;
+    if (mode == MergeMode::Merge || !policy.HasRuleSets)
+    {
+        for (const RuleSetRecord& ruleSet : store.RuleSets)
+            remaining.RuleSets.push_back({ruleSet.Index, {}, {}});
+    }
+    return remaining;
+}
+
 PolicyDiff Compare(const Policy& store, const Policy& policy, MergeMode mode)
 {
     PolicyDiff diff;

@@ -57,6 +57,10 @@ struct PolicyDiff
 /// outlive the result.
 [[nodiscard]] PolicyDiff Compare(const Policy& store, const Policy& policy, MergeMode mode);
 
+/// What an import leaves of the store's macros, and of its rule sets without their rules: what the policy may name
+/// without having it.
+[[nodiscard]] Policy Remaining(const Policy& store, const Policy& policy, MergeMode mode);
+
 /// Frees the store's rules, except those that are there after the changes. What a rule was before is lost.
 void DropRules(Policy& store, PolicyDiff& diff);
 

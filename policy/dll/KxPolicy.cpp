@@ -39,6 +39,7 @@ class Listener
 public:
     Listener(KXPOLICY_REPORT report, void* context) noexcept : m_Report(report), m_Context(context) {}
 
+    [[nodiscard]] bool IsListening() const noexcept { return m_Report != nullptr; }
     void Tell(int32_t severity, const Diagnostic& found) const
     {
         Tell(severity, found.Line, found.Column, found.Path.c_str(), found.Text.c_str());
@@ -52,7 +53,7 @@ public:
 private:
     void Tell(int32_t severity, size_t line, size_t column, const char* where, const char* text) const
     {
-        if (m_Report != nullptr)
+        if (IsListening())
             m_Report(severity, static_cast<uint32_t>(line), static_cast<uint32_t>(column), where, text, m_Context);
     }
 
@@ -146,18 +147,17 @@ Policy ReadStore(const KXRULE_LIBRARY& library)
     return KxPolicy::ReadStore(library, [](size_t, size_t) {});
 }
 
-/// Of what is probably not intended. The policy may name what remains of the store.
-void Warn(const Policy& policy, const Policy* store, uint32_t flags, const Listener& listener)
+constexpr MergeMode ModeOf(uint32_t flags) noexcept
 {
-    const bool isReplacing = (flags & KXPOLICY_REPLACE) != 0;
-    Policy beside;
-    if (store != nullptr && !(isReplacing && policy.Macros))
-        beside.Macros = store->Macros;
-    if (store != nullptr && !(isReplacing && policy.HasRuleSets))
-    {
-        for (const RuleSetRecord& ruleSet : store->RuleSets)
-            beside.RuleSets.push_back({ruleSet.Index, {}, {}});
-    }
+    return (flags & KXPOLICY_REPLACE) != 0 ? MergeMode::Replace : MergeMode::Merge;
+}
+
+/// Of what is probably not intended. The policy may name what remains of the store.
+void Warn(const Policy& policy, const Policy& store, uint32_t flags, const Listener& listener)
+{
+    if (!listener.IsListening())
+        return;
+    const Policy beside = Remaining(store, policy, ModeOf(flags));
     for (const LintFinding& found : Lint(policy, &beside))
         listener.Tell(found);
 }
@@ -204,7 +204,7 @@ private:
 /// What is to be changed, unless there is a reason to refuse it.
 PolicyDiff Differences(const Policy& store, const Policy& policy, uint32_t flags)
 {
-    PolicyDiff diff = Compare(store, policy, (flags & KXPOLICY_REPLACE) != 0 ? MergeMode::Replace : MergeMode::Merge);
+    PolicyDiff diff = Compare(store, policy, ModeOf(flags));
     std::string excess = ExcessText(store, diff);
     if (!excess.empty())
         throw Refusal{KXPOLICY_E_LIMIT, std::move(excess)};
@@ -294,7 +294,7 @@ int32_t WithPolicy(const KXRULE_LIBRARY* library, const char* text, size_t size,
                            return KXPOLICY_E_TEXT;
                        const RuleFunctions functions(library);
                        const Policy store = ReadStore(*functions);
-                       Warn(*policy, &store, flags, listener);
+                       Warn(*policy, store, flags, listener);
                        return then(*functions, store, *policy);
                    });
 }
@@ -312,7 +312,7 @@ int32_t kxPolicyCheck(const char* text, size_t size, KXPOLICY_REPORT report, voi
                        const std::optional<Policy> policy = ReadText(text, size, listener);
                        if (!policy)
                            return KXPOLICY_E_TEXT;
-                       Warn(*policy, nullptr, 0, listener);
+                       Warn(*policy, Policy(), 0, listener);
                        return KXRULE_OK;
                    });
 }

@@ -131,19 +131,12 @@ private:
 /// Refuses an invalid active list, and with --strict whatever lint would report; otherwise warns of that.
 void RefuseOrWarn(Session& session, const Policy& store, const Policy& policy, const ImportOptions& options)
 {
-    Policy beside; // what the file may name without having it
-    if (!policy.Macros || !options.Replace)
-        beside.Macros = store.Macros;
+    const Policy beside = Remaining(store, policy, options.Replace ? MergeMode::Replace : MergeMode::Merge);
     std::vector<uint16_t> indexes;
-    for (const RuleSetRecord& ruleSet : policy.RuleSets)
-        indexes.push_back(ruleSet.Index);
-    for (const RuleSetRecord& ruleSet : store.RuleSets)
+    for (const Policy* const each : {&policy, &beside})
     {
-        if (!options.Replace || !policy.HasRuleSets)
-        {
+        for (const RuleSetRecord& ruleSet : each->RuleSets)
             indexes.push_back(ruleSet.Index);
-            beside.RuleSets.push_back({ruleSet.Index, {}, {}});
-        }
     }
     const std::string mistake = policy.Active ? ActiveListMistake(*policy.Active, indexes) : "";
     if (!mistake.empty())
