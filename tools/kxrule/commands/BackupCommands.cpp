@@ -31,6 +31,7 @@ std::wstring PathOf(const Session& session, const Copies::Dated& copy)
 int Backups(Session& session)
 {
     RequireDirectory(session.Directory());
+    session.TellUnconfirmed();
     Json json = Json::array();
     std::vector<std::vector<std::string>> rows = {{"made", "rule sets", "rules", "directory"}};
     for (const Copies::Dated& copy : Copies::FindBackups(session.Store()))

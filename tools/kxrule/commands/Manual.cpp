@@ -128,14 +128,14 @@ would remove, and leaves anything that exists nowhere else.
 `kxrule import FILE --confirm 60` applies a policy and reverts it after 60 seconds unless `kxrule confirm` is run first:
 for rules that may cut off the administrator who sets them. A second `kxrule` process waits in the background. It
 survives the end of the console and of a remote shell; if the shell's job would end it, the import is refused. Until the
-import is confirmed or reverted, every other change is refused, a second import included, and commands that only read
+import is confirmed or reverted, every other change is refused, a second import included, and commands that read a store
 warn about it. `kxrule undo` reverts the import at once. Reverting restores the files bit by bit from the copy below
 `RuleBackup` and copies what it replaces, so `kxrule undo` can bring the import back. An import that fails halfway is
 reverted as well.
 
 The pending import is recorded in the file `KxRulCfm.txt` in the rule directory. After an import was reverted, commands
-say so until the next command that may change the store, or `kxrule confirm`, which then exits with 1. If reverting failed, they say why;
-it is tried again every ten seconds.
+say so until the next command that may change the store, or `kxrule confirm`, which then exits with 1. If reverting
+failed, they say why; it is tried again every ten seconds.
 
 A restart of the machine, a power failure or signing off ends the waiting process, and Windows does not start another:
 the new rules stay, every other change is refused, and commands say so until `kxrule confirm` or `kxrule undo` decides. A

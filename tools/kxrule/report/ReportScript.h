@@ -19,7 +19,7 @@ inline constexpr char kReportScript[] = R"js(
   const grow = end => {
     const { list, lines } = missing.get(end);
     let piece = "";
-    while (lines.length > 0 && piece.length < 40000) piece += lines.pop();
+    while (lines.length > 0 && piece.length < 10000) piece += lines.pop();
     list.insertAdjacentHTML("beforeend", piece);
     end.style.height = `${lines.length * 2.5}rem`;
     watch.unobserve(end);
@@ -81,7 +81,7 @@ inline constexpr char kReportScript[] = R"js(
     count.textContent = words.length > 0 ? `${found} of ${all} rules` : `${all} rules`;
   };
   let timer = 0;
-  input.addEventListener("input", () => { clearTimeout(timer); timer = setTimeout(filter, 100); });
+  input.addEventListener("input", () => { clearTimeout(timer); timer = setTimeout(filter, 30); });
   document.querySelector(".search").hidden = false;
   filter();
 
