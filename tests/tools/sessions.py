@@ -6,12 +6,7 @@ A session is a text file. It begins in an empty directory and is read line by li
   # text           said to the reader
   $ kxrule ARGS    runs "kxrule --force --dir règles ARGS": other tests may have the library initialised meanwhile
   $ kxrule.exe ARGS  runs it with these arguments alone; "< FILE" and "> FILE" at the end are what they are in a shell
-  ! write FILE     makes a file of the lines "| text" that follow
-  ! fetch FILE     copies a file of the source tree
-  ! copy FROM TO, ! remove PATH, ! mkdir PATH, ! truncate FILE SIZE (from the end if negative), ! flip FILE OFFSET, ! append FILE TEXT,
-  ! utf16 FROM TO
-  ! same A B       says whether two files, or what two directories hold, are the same
-  ! await FILE TEXT  waits until the text is in the file
+  ! COMMAND        runs a command of bash, or one of those of HELP below; lines "| text" after it are its standard input
   ! interrupt ARGS starts "kxrule --force --dir règles ARGS", which reads standard input, and presses Ctrl-C
   ! hold           another process has the library initialised from here on
 
@@ -21,17 +16,16 @@ dated one; of a line past 300 characters and of an output past ten lines (of JSO
 checksum. What came in full lies in build/sessions. With --write the sessions are recorded anew; look at what changed before you keep it.
 """
 import difflib
+import itertools
 import json
 import os
 import pathlib
 import re
 import shlex
-import shutil
 import signal
 import subprocess
 import sys
 import tempfile
-import time
 import zlib
 
 try:
@@ -43,14 +37,32 @@ ROOT = pathlib.Path(__file__).resolve().parents[2]
 RULES = "règles"
 MARKS = ("# ", "$ ", "! ", "| ")
 SCHEMA = json.loads((ROOT / "docs/kxrule.schema.json").read_text())
-
+HELP = r"""
+write() { cat >"$1"; }
+fetch() { cp "$ROOT/$1" .; }
+copy() { cp -r "$@"; }
+remove() { rm -r "$1"; }
+truncate() { command truncate -s "$2" "$1"; }  # FILE SIZE; from the end if negative
+append() { printf %s "$2" >>"$1"; }
+utf16() { iconv -t UTF-16 "$1" >"$2"; }
+flip()  # FILE OFFSET: inverts a byte
+{
+    byte=$(od -An -tu1 -j "$2" -N 1 "$1")
+    printf "\\$(printf %o $((255 - byte)))" | dd of="$1" bs=1 seek="$2" conv=notrunc status=none
+}
+# two files, or what two directories hold
+same() { diff -rq "$@" && echo yes || true; }
+# FILE TEXT: waits until the text is in the file, which is replaced
+await() { for _ in {1..1200}; do ! grep -qsF "$2" "$1" || return 0; sleep 0.05; done; echo no; }
+"""
 
 
 def shortened(lines, shown, most):
-    if len(lines) <= most:
-        return lines
-    rest = lines[shown:]
-    return lines[:shown] + [f"... {len(rest)} more lines, {zlib.crc32(chr(10).join(rest).encode()):08x}"]
+    lines = [line if len(line) <= 300 else f"{line[:250]}... {len(line)} characters, {zlib.crc32(line.encode()):08x}"
+             for line in lines]
+    rest = lines[shown:] if len(lines) > most else []
+    return lines if not rest else [
+        *lines[:shown], f"... {len(rest)} more lines, {zlib.crc32(chr(10).join(rest).encode()):08x}"]
 
 
 class Session:
@@ -79,34 +91,32 @@ class Session:
 
     def kxrule(self, program, *arguments):
         before = self.files()
+        full = ["$ " + shlex.join([program, *arguments])]
         own = [] if program == "kxrule.exe" else ["--force", "--dir", RULES]
-        source, target = subprocess.DEVNULL, None
+        source, target = os.devnull, None
         if arguments[-2:-1] == ("<",):
-            source, arguments = (self.directory / arguments[-1]).open("rb"), arguments[:-2]
+            source, arguments = self.directory / arguments[-1], arguments[:-2]
         elif arguments[-2:-1] == (">",):
             target, arguments = self.directory / arguments[-1], arguments[:-2]
         # Not a pipe: under Wine a process that kxrule has detached would hold it open.
-        with tempfile.TemporaryFile() as errors:
-            process = self.start("kxrule.exe", *own, *arguments, source=source, error=errors)
+        with tempfile.TemporaryFile() as errors, open(source, "rb") as given:
+            process = self.start("kxrule.exe", *own, *arguments, source=given, error=errors)
             out = process.communicate()[0]
             errors.seek(0)
             error = errors.read()
+        self.check(arguments, out, process.returncode)
         if target:
             target.write_bytes(out)
             out = b""
-        self.check(arguments, out, process.returncode)
         out, error = (self.plain(piece.decode(errors="backslashreplace")).splitlines() for piece in (out, error))
-        after = self.files()
         out = [" " + line if line[:2] in MARKS else line for line in out]
         error = ["2> " + line for line in error]
-        self.full += ["$ " + shlex.join([program, *arguments]), *out, *error]
-        out, error = ([line if len(line) <= 300 else
-                       f"{line[:250]}... {len(line)} characters, {zlib.crc32(line.encode()):08x}" for line in piece]
-                      for piece in (out, error))
+        self.full += full + out + error
         shown = (2, 4) if "--json" in arguments else (6, 10)  # lines; how JSON looks, the schema tells
         lines = shortened(out, *shown) + shortened(error, *shown)
         if process.returncode != 0:
             lines.append(f"[exit {process.returncode}]")
+        after = self.files()
         touched = sorted((("+" if path not in before else "-" if path not in after else "~") + self.plain(str(path))
                           for path in before.keys() | after.keys() if before.get(path) != after.get(path)),
                          key=lambda change: (change[1:], change[0]))
@@ -122,42 +132,9 @@ class Session:
             except ValueError as error:
                 raise SystemExit(f"{arguments}: {error}: {out[:300]}") from error
 
-    def help(self, verb, *arguments, body=()):
-        paths = [self.directory / argument for argument in arguments]
-        if verb == "write":
-            paths[0].write_text("".join(line[2:] + "\n" for line in body))
-        elif verb == "fetch":
-            shutil.copy(ROOT / arguments[0], self.directory)
-        elif verb == "copy":
-            (shutil.copytree if paths[0].is_dir() else shutil.copy)(*paths)
-        elif verb == "remove":
-            shutil.rmtree(paths[0]) if paths[0].is_dir() else paths[0].unlink()
-        elif verb == "mkdir":
-            paths[0].mkdir()
-        elif verb == "truncate":
-            size = int(arguments[1])
-            os.truncate(paths[0], size if size >= 0 else paths[0].stat().st_size + size)
-        elif verb == "flip":
-            content = bytearray(paths[0].read_bytes())
-            content[int(arguments[1])] ^= 0xFF
-            paths[0].write_bytes(content)
-        elif verb == "append":
-            with paths[0].open("a") as file:
-                file.write(arguments[1])
-        elif verb == "utf16":
-            paths[1].write_bytes(paths[0].read_text().encode("utf-16"))
-        elif verb == "same":
-            a, b = ({path.relative_to(top): path.read_bytes() for path in [top, *top.rglob("*")] if path.is_file()}
-                    for top in paths)
-            return ["yes" if a == b else "no: " + " ".join(str(p) for p in sorted(a.keys() | b.keys())
-                                                           if a.get(p) != b.get(p))]
-        elif verb == "await":
-            end = time.monotonic() + 60
-            while not paths[0].exists() or arguments[1] not in paths[0].read_text():  # it is replaced
-                if time.monotonic() > end:
-                    return ["no"]
-                time.sleep(0.05)
-        elif verb == "interrupt":
+    def help(self, command, body):
+        verb, *arguments = shlex.split(command)
+        if verb == "interrupt":
             process = self.start("kxrule.exe", "--force", "--dir", RULES, *arguments, source=subprocess.PIPE,
                                  error=subprocess.PIPE)
             process.stdin.write(b" " * (1 << 20))  # more than a pipe takes: when this is done, it reads
@@ -165,13 +142,14 @@ class Session:
             process.send_signal(signal.SIGINT)
             lines = ["2> " + line for line in process.stderr.read().decode().splitlines()]
             return [*lines, f"[exit {process.wait()}]"]
-        elif verb == "hold":
+        if verb == "hold":
             self.held = self.start("victim.exe", "write", "held")
             self.held.stdout.readline()
             os.kill(self.held.pid, signal.SIGSTOP)  # it does nothing but be there
-        else:
-            raise SystemExit(f"! {verb}: no such help")
-        return []
+            return []
+        helped = subprocess.run(["bash", "-ec", HELP + command], cwd=self.directory, input=body, check=True, text=True,
+                                env={**os.environ, "ROOT": ROOT}, stdout=subprocess.PIPE)
+        return helped.stdout.splitlines()
 
     def play(self, script):
         played = []
@@ -182,11 +160,8 @@ class Session:
             if line[:2] == "$ ":
                 played += self.kxrule(*shlex.split(line[2:]))
             elif line[:2] == "! ":
-                end = next((i for i in range(at + 1, len(given)) if given[i][:2] != "| "), len(given))
-                if end == at + 1:
-                    played += self.help(*shlex.split(line[2:]))
-                else:
-                    self.help(*shlex.split(line[2:]), body=given[at + 1:end])
+                body = itertools.takewhile(lambda after: after[:2] == "| ", given[at + 1:])
+                played += self.help(line[2:], "".join(text[2:] + "\n" for text in body))
         return "\n".join(played).rstrip() + "\n"
 
     def end(self):
@@ -195,16 +170,20 @@ class Session:
             self.held.wait()
 
 
-def main():
-    arguments = [argument for argument in sys.argv[1:] if argument != "--write"]
-    # wine-run.sh prepares Wine; its environment, taken once, spares a shell and two more programs for every command.
+def wine_environment():
+    """What wine-run.sh prepares, taken once: that spares a shell and two more programs for every command."""
     prepared = subprocess.run(["bash", "-c", '. "$0" && env -0', ROOT / "cmake/wine-run.sh"], check=True, text=True,
                               stdout=subprocess.PIPE).stdout
-    environment = dict(variable.split("=", 1) for variable in prepared.split("\0") if variable)
+    return dict(variable.split("=", 1) for variable in prepared.split("\0") if variable)
+
+
+def main():
+    binaries, *files = (pathlib.Path(argument).resolve() for argument in sys.argv[1:] if argument != "--write")
+    environment = wine_environment()
     different = False
-    for file in map(pathlib.Path, arguments[1:]):
+    for file in files:
         with tempfile.TemporaryDirectory() as directory:
-            session = Session(pathlib.Path(arguments[0]).resolve(), directory, environment)
+            session = Session(binaries, directory, environment)
             try:
                 played = session.play(file.read_text())
             finally:
