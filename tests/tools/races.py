@@ -15,21 +15,14 @@ import sys
 import tempfile
 import time
 
-ROOT = pathlib.Path(__file__).resolve().parents[2]
+sys.dont_write_bytecode = True  # nothing is left in the source tree
+import sessions
 
 
-class Tool:
-    def __init__(self, binaries, directory):
-        prepared = subprocess.run(["bash", "-c", '. "$0" && env -0', ROOT / "cmake/wine-run.sh"], check=True, text=True,
-                                  stdout=subprocess.PIPE).stdout
-        self.environment = dict(variable.split("=", 1) for variable in prepared.split("\0") if variable)
-        self.binaries, self.directory = pathlib.Path(binaries).resolve(), pathlib.Path(directory)
-
+class Tool(sessions.Session):
+    # --force, since other tests may have the library initialised; it does not go past the lock of the directory.
     def start(self, *arguments):
-        # --force, since other tests may have the library initialised; it does not go past the lock of the directory.
-        return subprocess.Popen(["wine", self.binaries / "kxrule.exe", "--force", "--wait", "120", *arguments],
-                                cwd=self.directory, env=self.environment, stdin=subprocess.DEVNULL,
-                                stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True)
+        return super().start("kxrule.exe", "--force", "--wait", "120", *arguments, error=subprocess.PIPE)
 
     def run(self, *arguments):
         process = self.start(*arguments)
@@ -64,18 +57,17 @@ def rule_files(directory):
 def interrupts(tool, count):
     seed = random.randrange(1 << 32)
     moments = random.Random(seed)
-    policies, states = {}, {}
+    states = {}
     for name in "ab":
         macros = [{"name": name, "items": [{"address": "10.0.0.1"}]}]
         rules = [{"index": index, "kind": "access", "action": "drop", "description": name,
                   "addresses": ["@" + name, "any"]} for index in range(1, 101)]
         sets = [{"index": index, "name": name, "rules": rules} for index in range(1, 41)]
-        policies[name] = f"{name}.json"
-        (tool.directory / policies[name]).write_text(
-            json.dumps({"version": 1, "active": [1], "macros": macros, "ruleSets": sets}))
+        (tool.directory / f"{name}.json").write_text(json.dumps(
+            {"version": 1, "active": [1], "macros": macros, "ruleSets": sets}))
     for name in "abab":  # also measures
         begin = time.monotonic()
-        tool.run("--dir", "stopped", "import", policies[name], "--replace")
+        tool.run("--dir", "stopped", "import", f"{name}.json", "--replace")
         duration = time.monotonic() - begin
         states[name] = rule_files(tool.directory / "stopped")
     seen = {0: 0, 4: 0, None: 0}
@@ -83,19 +75,19 @@ def interrupts(tool, count):
     for number in range(count):
         after = "a" if before == "b" else "b"
         copies = len(list((tool.directory / "stopped/RuleBackup").iterdir()))
-        process = tool.start("--dir", "stopped", "import", policies[after], "--replace")
+        process = tool.start("--dir", "stopped", "import", f"{after}.json", "--replace")
         time.sleep(moments.random() * duration * 1.1)
         process.send_signal(signal.SIGINT)
         out, error = process.communicate()
         state = rule_files(tool.directory / "stopped")
         # None: it had not begun, and the system ended it without a word.
         outcome = process.returncode if out or error else None
-        isRight = (state == states[after] and error == "" if outcome == 0 else
-                   state == states[before] and
-                   copies == len(list((tool.directory / "stopped/RuleBackup").iterdir())) and
-                   error == ("kxrule: interrupted, nothing changed\n" if outcome == 4 else ""))
-        if not isRight:
-            raise SystemExit(f"seed {seed}, interrupt {number}: exit code {process.returncode}, \"{error}\", the store is "
+        is_right = (state == states[after] and error == b"" if outcome == 0 else
+                    state == states[before] and
+                    copies == len(list((tool.directory / "stopped/RuleBackup").iterdir())) and
+                    error == (b"kxrule: interrupted, nothing changed\n" if outcome == 4 else b""))
+        if not is_right:
+            raise SystemExit(f"seed {seed}, interrupt {number}: exit code {process.returncode}, {error}, the store is "
                              f"{'old' if state == states[before] else 'new' if state == states[after] else 'mixed'}")
         seen[outcome] += 1
         before = after if outcome == 0 else before
@@ -105,7 +97,7 @@ def interrupts(tool, count):
 
 def main():
     with tempfile.TemporaryDirectory() as directory:
-        tool = Tool(sys.argv[1], directory)
+        tool = Tool(pathlib.Path(sys.argv[1]).resolve(), directory, sessions.wine_environment())
         two_at_once(tool, int(sys.argv[2]) if len(sys.argv) > 2 else 200)
         interrupts(tool, int(sys.argv[3]) if len(sys.argv) > 3 else 50)
 
