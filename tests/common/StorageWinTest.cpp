@@ -1,16 +1,11 @@
 #include <set>
 #include <string>
 #include <tuple>
-#include <utility>
-#include <vector>
 
 #include <gtest/gtest.h>
 
 #include "common/srclib/KxComn_IniFile.h"
 #include "common/srclib/KxComn_Registry.h"
-#include "common/srclib/KxComn_SecurityAttributes.h"
-#include "common/trace/KxComn_DebugLog.h"
-#include "tests/standins/TraceStandIn.h"
 #include "tests/support/TempDir.h"
 #include "tests/support/Thrown.h"
 
@@ -19,8 +14,7 @@ namespace
 
 using namespace KxCommon;
 
-template <class Work>
-uint32_t CodeOf(const Work& work, const char* source = "Registry")
+uint32_t CodeOf(const auto& work, const char* source = "Registry")
 {
     return Thrown<Storage::Exception>(source, work);
 }
@@ -110,45 +104,6 @@ TEST_F(RegistryTest, WritesEnumeratesAndDeletes)
     EXPECT_EQ(CodeOf([&] { other.EnumerateKeys(0, name); }), 6u);
     EXPECT_EQ(CodeOf([&] { other.EnumerateValues(0, name); }), 6u);
     EXPECT_TRUE(m_Registry.Close() && !other.Close());
-}
-
-// A missing value ends the reading; what was not read keeps its preset. (The stand-in trace library returns no settings
-// and is started with an INI file, since a key's path is not a folder.)
-TEST_F(RegistryTest, TheTraceReadsItsSettingsUpToTheFirstMissingOne)
-{
-    using Numbers = std::vector<std::pair<const char*, uint32_t>>;
-    const std::pair<Numbers, uint32_t> rows[] = {
-        // what is there; the levels that are written
-        {{}, 0},
-        {{{"Level", 16}, {"LogProcess", 1}}, 0},
-        {{{"Enable", 1}, {"LogProcess", 1}}, 256},
-        {{{"Enable", 3}, {"Level", 16}}, 16},
-        {{{"Enable", 0}, {"Level", 272}}, 0},
-    };
-    const TempDir dir;
-    const std::string folder = dir.Path().string();
-    TraceStandIn library(dir.Path(), "KxDbgGetDebugConfig");
-    ASSERT_TRUE(g_DebugLog.Initialize("Registry", {Storage::kIniFile, folder.c_str(), "none.ini"}, 1));
-    const char* const section = IsServiceSession() ? "ServiceSession" : "InteractiveSession";
-    uint32_t row = 0;
-    for (const auto& [numbers, levels] : rows)
-    {
-        const uint32_t kind = row % 2 == 0 ? Storage::kRegistry : Storage::kRegistryAlso;
-        const std::string parent = m_Location + "\\Row" + std::to_string(row++);
-        Storage::Registry key;
-        if (!numbers.empty())
-            key.OpenForWriting({kind, parent.c_str(), nullptr}, section, Storage::kSystemView);
-        for (const auto& [name, number] : numbers)
-            key.WriteNumber(name, number);
-        EXPECT_TRUE(g_DebugLog.Initialize("Registry", {kind, parent.c_str(), nullptr}, 1));
-        for (const uint32_t level : {16u, 256u})
-        {
-            const size_t before = library->Lines.size();
-            EXPECT_EQ(g_DebugLog.Trace("a.cpp", 1, level, "m"), levels == 0 || level == levels) << parent;
-            EXPECT_EQ(library->Lines.size() - before, level == levels ? 1u : 0u) << parent;
-        }
-    }
-    g_DebugLog.Uninitialize();
 }
 
 TEST(IniFile, ReadsAndWrites)

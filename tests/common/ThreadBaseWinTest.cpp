@@ -10,8 +10,7 @@ namespace
 using namespace KxCommon;
 using AccessControl::DefSecAttr;
 
-template <class Work>
-uint32_t CodeOf(const Work& work)
+uint32_t CodeOf(const auto& work)
 {
     return Thrown<Thread::Exception>("ThreadBase", work);
 }

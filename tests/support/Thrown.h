@@ -10,8 +10,8 @@
 #include "common/srclib/KxComn_Exception.h"
 
 /// The code of the exception that work throws by pointer out of KxComn_<source>.cpp; 0 when it throws none.
-template <class Exception, class Work>
-uint32_t Thrown(const std::string& source, const Work& work)
+template <class Exception>
+uint32_t Thrown(const std::string& source, const auto& work)
 {
     try
     {
