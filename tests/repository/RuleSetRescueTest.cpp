@@ -13,7 +13,7 @@ namespace
 {
 
 using namespace Build;
-using Lines = std::vector<TracedLine>;
+using Lines = std::vector<std::string>;
 
 TEST(RuleSetRescue, AddsThreeRules)
 {
@@ -23,9 +23,9 @@ TEST(RuleSetRescue, AddsThreeRules)
     RuleSetRescue::MakeRescueSet(set);
     EXPECT_EQ(set.Name(), KXW("This is a rescue RuleSet for a broken/deleted RuleSet."));
     EXPECT_EQ(set.FileName(), "KxRl00AB.dat");
-    EXPECT_EQ(trace.Take(), (Lines{{16, "\tAdded rescue rule (index=171:30000, rule=\"ACCESS,,,,,,DROP\")"},
-                                   {16, "\tAdded rescue rule (index=171:30001, rule=\"ACCESS,,,,,,ACCEPT\")"},
-                                   {16, "\tAdded rescue rule (index=171:30002, rule=\"ACCESS,,,,,,ACCEPT\")"}}));
+    EXPECT_EQ(trace.Take(), (Lines{"16 \tAdded rescue rule (index=171:30000, rule=\"ACCESS,,,,,,DROP\")",
+                                   "16 \tAdded rescue rule (index=171:30001, rule=\"ACCESS,,,,,,ACCEPT\")",
+                                   "16 \tAdded rescue rule (index=171:30002, rule=\"ACCESS,,,,,,ACCEPT\")"}));
     ASSERT_EQ(set.RuleCount(), 3);
     for (uint16_t i = 0; i < 3; ++i)
     {
@@ -52,10 +52,10 @@ TEST(RuleSetRescue, KeepsWhatWasRead)
         int32_t CountAfter;
         std::string LastLine;
     } cases[] = {
-        {{Access(1), Access(2)}, 5, "\tAdded rescue rule (index=2:30004, rule=\"ACCESS,,,,,,ACCEPT\")"},
+        {{Access(1), Access(2)}, 5, "16 \tAdded rescue rule (index=2:30004, rule=\"ACCESS,,,,,,ACCEPT\")"},
         // A refused rule leaves the count, and so the next rule's index, unchanged.
-        {{Access(1), Access(30002)}, 2, "\tCRuleSet::AddRule() failed (nResult=-10019, index=2:30002)"},
-        {full, 1024, "\tCRuleSet::AddRule() failed (nResult=-10018, index=2:31024)"},
+        {{Access(1), Access(30002)}, 2, "256 \tCRuleSet::AddRule() failed (nResult=-10019, index=2:30002)"},
+        {full, 1024, "256 \tCRuleSet::AddRule() failed (nResult=-10018, index=2:31024)"},
     };
     for (const auto& c : cases)
     {
@@ -63,8 +63,9 @@ TEST(RuleSetRescue, KeepsWhatWasRead)
         TraceSink trace;
         RuleSetRescue::MakeRescueSet(set);
         EXPECT_EQ(set.RuleCount(), c.CountAfter);
-        ASSERT_EQ(trace.Lines().size(), 3u);
-        EXPECT_EQ(trace.Lines()[2], (TracedLine{c.CountAfter == 5 ? 16u : 256u, c.LastLine}));
+        const Lines lines = trace.Take();
+        ASSERT_EQ(lines.size(), 3u);
+        EXPECT_EQ(lines.back(), c.LastLine);
     }
 }
 

@@ -154,13 +154,13 @@ void CheckUpdate(const UpdateCase& c, uint32_t kind, Outcome outcome, FakeHashDl
     CountingLock lock;
     library.OnCall = [&](const WideString&) { EXPECT_FALSE(lock.IsHeld) << c.Name; };
     const std::string name(c.Application.begin(), c.Application.end());
-    std::vector<TracedLine> lines;
+    std::vector<std::string> lines;
     if (outcome == Nameless)
-        lines = {{1, "CRule::UpdateHash, m_Rule.Access.wszAppName is empty RuleSet(3) Rule(7)"}};
+        lines = {"1 CRule::UpdateHash, m_Rule.Access.wszAppName is empty RuleSet(3) Rule(7)"};
     if (outcome == Fails || isChanged)
-        lines = {{1, "CRule::UpdateHash, Updating hash RuleSet(3) Rule(7) (" + name + ")"}};
+        lines = {"1 CRule::UpdateHash, Updating hash RuleSet(3) Rule(7) (" + name + ")"};
     if (isChanged && callback != nullptr)
-        lines.push_back({1, "Call callback function"});
+        lines.push_back("1 Call callback function");
 
     TraceSink trace;
     EXPECT_EQ(rule.UpdateHash(3, c.Path, c.Given < 0 ? nullptr : given.data(), callback, &expected, changed, lock),

@@ -93,7 +93,7 @@ TEST(Rule, IsOtherwiseCopiedAsItStands)
     TraceSink trace;
     EXPECT_EQ(rule.GetRule(nullptr), -10012);
     EXPECT_EQ(trace.Take(),
-              (std::vector<TracedLine>{{256, "CRule::GetRule(): Pointer to rule structure (parameter) is NULL."}}));
+              std::vector<std::string>{"256 CRule::GetRule(): Pointer to rule structure (parameter) is NULL."});
 }
 
 TEST(Rule, TellsBlankPortLists)

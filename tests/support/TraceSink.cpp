@@ -2,12 +2,8 @@
 #include "tests/support/TraceSink.h"
 
 #include <cstdarg>
-#include <utility>
 
 #include "common/srclib/KxComn_String.h"
-#include "common/srclib/KxComn_Trace.h"
-
-static std::vector<TracedLine> g_Lines;
 
 namespace KxCommon
 {
@@ -17,7 +13,7 @@ std::atomic<bool> g_TraceActive{false};
 // What the core traces: %d, %u, %s and, for UTF-16 text, %ls.
 void TraceLine(const char*, uint32_t, uint32_t level, const char* format, ...) noexcept
 {
-    std::string text;
+    std::string text = std::to_string(level) + ' ';
     va_list arguments;
     va_start(arguments, format);
     for (; *format != 0; ++format)
@@ -34,28 +30,7 @@ void TraceLine(const char*, uint32_t, uint32_t level, const char* format, ...) n
             text += String::ToNarrow(va_arg(arguments, const KXWCHAR*)), ++format;
     }
     va_end(arguments);
-    g_Lines.push_back({level, text});
+    TraceSink::s_Lines.push_back(text);
 }
 
 } // namespace KxCommon
-
-TraceSink::TraceSink()
-{
-    g_Lines.clear();
-    KxCommon::g_TraceActive = true;
-}
-
-TraceSink::~TraceSink()
-{
-    KxCommon::g_TraceActive = false;
-}
-
-const std::vector<TracedLine>& TraceSink::Lines() const noexcept
-{
-    return g_Lines;
-}
-
-std::vector<TracedLine> TraceSink::Take()
-{
-    return std::exchange(g_Lines, {});
-}

@@ -1,34 +1,27 @@
 // The trace in the core's tests: every line is formatted and recorded.
 #pragma once
 
-#include <cstdint>
-#include <ostream>
 #include <string>
+#include <utility>
 #include <vector>
 
-/// One traced line.
-struct TracedLine
-{
-    uint32_t Level;
-    std::string Text;
-
-    friend bool operator==(const TracedLine&, const TracedLine&) = default;
-    friend std::ostream& operator<<(std::ostream& out, const TracedLine& line)
-    {
-        return out << line.Level << " \"" << line.Text << '"';
-    }
-};
+#include "common/srclib/KxComn_Trace.h"
 
 /// Turns the trace on while it exists. One at a time, one thread.
 class TraceSink
 {
 public:
-    TraceSink();
-    ~TraceSink();
+    TraceSink()
+    {
+        s_Lines.clear();
+        KxCommon::g_TraceActive = true;
+    }
+    ~TraceSink() { KxCommon::g_TraceActive = false; }
     TraceSink(const TraceSink&) = delete;
     TraceSink& operator=(const TraceSink&) = delete;
 
-    [[nodiscard]] const std::vector<TracedLine>& Lines() const noexcept;
-    /// Returns the lines so far and clears them.
-    std::vector<TracedLine> Take();
+    /// Returns level and message of each line so far and clears them.
+    std::vector<std::string> Take() { return std::exchange(s_Lines, {}); }
+
+    static inline std::vector<std::string> s_Lines;
 };
