@@ -78,12 +78,12 @@ TEST(ItemText, Addresses)
         "@12345678901234567890123456789012345678901234;");
     for (std::string text; std::getline(wrong, text, ';');)
     {
-        RULE_ADDR item = Build::AnyAddress();
+        RULE_ADDR item = Build::Address(KXRULE_ADDR_ANY);
         std::string why;
         EXPECT_FALSE(KxPolicy::ParseAddress(text, item, why)) << text;
         EXPECT_FALSE(kxrule::Address::parse(text)) << text;
         EXPECT_FALSE(why.empty()) << text;
-        EXPECT_EQ(Bytes(item), Bytes(Build::AnyAddress())) << text;
+        EXPECT_EQ(Bytes(item), Bytes(Build::Address(KXRULE_ADDR_ANY))) << text;
     }
 }
 
@@ -152,7 +152,7 @@ TEST(ItemText, Ports)
     for (const char* const text : {"", "!", "65536", "-1", "80-", "-80", "80-90-100", "80,", ",80", "80,,90", "80,x",
                                    "!80,90", "80:90", "80|90", " 80", "http", tooLong.c_str()})
     {
-        RULE_PORT item = Build::AnyPort();
+        RULE_PORT item = Build::Port(KXRULE_PORT_ANY);
         std::string why;
         EXPECT_FALSE(KxPolicy::ParsePort(text, item, why)) << text;
         EXPECT_FALSE(kxrule::Port::parse(text)) << text;

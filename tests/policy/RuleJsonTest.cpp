@@ -104,7 +104,10 @@ TEST(RuleJson, ReadsWhatPeopleWrite)
     expected.Access.Port[1] = Build::PortList("443");
     expected.Access.Addr[0].dwFamily = 0;
     expected.Access.dwAction = KXRULE_ACTION_ASK;
-    Build::SetExtension(expected, 7, 3, "abc");
+    expected.Access.dwExtFlag = 1;
+    expected.Access.dwExtValue = 7;
+    expected.Access.wExtValue = 3;
+    Build::SetText(expected.Access.szExtText, "abc");
     for (uint8_t i = 0; i < 20; ++i)
         expected.Access.abAppHash[i] = i;
     expected.Access.dwSystem = 1;

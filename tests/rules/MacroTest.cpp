@@ -24,7 +24,7 @@ TEST(Macro, HasAText)
         {"web", {Item(PortList("80,8080")), Item(Single(Ip(10, 1, 1, 1)))}, 2, 0, "web=80|8080,10.1.1.1"},
         {"", {Item("a,b-c")}, 1, 0, "=a,b-c"},
         {"long", {Item(std::string(133, 't')), Item("u")}, 2, 0, "long=" + std::string(133, 't') + ",u"},
-        {"mute", {Item(AnyPort()), Item("x", 3), Item(AnyAddress())}, 3, 0, "mute=,,"},
+        {"mute", {Item(Port(KXRULE_PORT_ANY)), Item("x", 3), Item(Address(KXRULE_ADDR_ANY))}, 3, 0, "mute=,,"},
         {std::string(32, 'n'), {Item("x")}, 1, 0, std::string(31, 'n') + "=x"}, // no terminator
         {"none", {}, 0, -10053, "before"},
         {"negative", {Item("x")}, -1, -10053, "before"},

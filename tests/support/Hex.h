@@ -1,4 +1,4 @@
-// Bytes for tests: as other tools print them, by checksum, and simply many.
+// Bytes for tests: as other tools print them, and simply many.
 #pragma once
 
 #include <cctype>
@@ -19,15 +19,6 @@ inline Bytes FromHex(std::string_view text)
             bytes.push_back(static_cast<uint8_t>(std::stoul(std::string(text.substr(i++, 2)), nullptr, 16)));
     }
     return bytes;
-}
-
-/// FNV-1a, 64 bits: for what is too long to be written out.
-inline uint64_t Checksum(const Bytes& bytes)
-{
-    uint64_t sum = 0xcbf29ce484222325;
-    for (const uint8_t byte : bytes)
-        sum = (sum ^ byte) * 0x100000001b3;
-    return sum;
 }
 
 /// 1, 8, 15, ...: repeats only after 256 bytes.

@@ -59,10 +59,6 @@ inline RULE_ADDR Address(uint32_t type, uint32_t address1 = 0, uint32_t address2
     item.Addr2.dwIPv4 = address2;
     return item;
 }
-inline RULE_ADDR AnyAddress()
-{
-    return Address(KXRULE_ADDR_ANY);
-}
 inline RULE_ADDR Single(uint32_t address)
 {
     return Address(KXRULE_ADDR_SINGLE, address);
@@ -94,10 +90,6 @@ inline RULE_PORT Port(int32_t type, uint16_t port1 = 0, uint16_t port2 = 0)
     item.wPort1 = port1;
     item.wPort2 = port2;
     return item;
-}
-inline RULE_PORT AnyPort()
-{
-    return Port(KXRULE_PORT_ANY);
 }
 inline RULE_PORT Single(uint16_t port)
 {
@@ -143,33 +135,11 @@ inline PFW_RULE Access(uint16_t index = 0, KxCommon::WideStringView application 
     PFW_RULE rule = Rule(KXRULE_KIND_ACCESS, index);
     rule.dwActive = 1;
     rule.Access.dwProtocol = KXRULE_PROTOCOL_TCP;
-    rule.Access.Addr[0] = rule.Access.Addr[1] = AnyAddress();
-    rule.Access.Port[0] = rule.Access.Port[1] = AnyPort();
+    rule.Access.Addr[0] = rule.Access.Addr[1] = Address(KXRULE_ADDR_ANY);
+    rule.Access.Port[0] = rule.Access.Port[1] = Port(KXRULE_PORT_ANY);
     rule.Access.dwAction = KXRULE_ACTION_ACCEPT;
     SetText(&rule.Access.wszAppName, KXRULE_APP_NAME_UNITS, application);
     return rule;
-}
-
-inline void SetExtension(PFW_RULE& rule, uint32_t value32, uint16_t value16, std::string_view text)
-{
-    const auto set = [=](auto& block)
-    {
-        block.dwExtFlag = 1;
-        block.dwExtValue = value32;
-        block.wExtValue = value16;
-        SetText(block.szExtText, text);
-    };
-    switch (rule.dwKind)
-    {
-    case KXRULE_KIND_ACCESS:
-        return set(rule.Access);
-    case KXRULE_KIND_THROTTLE:
-        return set(rule.Throttle);
-    case KXRULE_KIND_STREAM:
-        return set(rule.Stream);
-    case KXRULE_KIND_GENSTREAM:
-        return set(rule.GenStream);
-    }
 }
 
 // ------------------------------------------------------------------------------ records of more than one block --
