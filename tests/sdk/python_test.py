@@ -4,6 +4,7 @@ Usage: python_test.py HEADER-FOLDER, with the installed package in PYTHONPATH. (
 that the DLL itself answers these calls is seen from C and C++ alone.)
 """
 import ctypes
+import functools
 import pathlib
 import re
 import subprocess
@@ -68,69 +69,68 @@ def check_signatures():
         same(callback._argtypes_, re.search(rf"\(\*{name}\w*\)\((.*?)\)", "".join(headers), re.S)[1])
 
 
-def refuses(error, call, text):
+def refuses(error, words, call, *arguments, **named):
     try:
-        call()
+        call(*arguments, **named)
     except error as raised:
-        assert text in str(raised), raised
-        return
-    raise AssertionError(f"not refused: {text}")
+        assert words in str(raised), raised
+    else:
+        raise AssertionError(f"not refused: {arguments} {named} {words}")
 
 
 def check_values():
     for text in ("010.0.0.1", "10.0.0.0/33", "10.0.0.1-fe80::1", "fe80::1%3", "!any", ""):
-        refuses(ValueError, lambda: kxpfwrul.address(text), "")
+        refuses(ValueError, "", kxpfwrul.address, text)
     for text in ("65536", "80,", "!80,81", "http"):
-        refuses(ValueError, lambda: kxpfwrul.port(text), "")
-    refuses(ValueError, lambda: kxpfwrul.access(65536), "wRuleIndex takes 0 to 65535")
-    refuses(ValueError, lambda: kxpfwrul.PFW_THROTTLE(wLimit=(1, 2, 3, 4, 5, 65536)), "wLimit")
-    refuses(ValueError, lambda: kxpfwrul.access(1, app="x" * 261), "260")
-    refuses(ValueError, lambda: kxpfwrul.PFW_MACRO(szName=b"x" * 32), "31")
+        refuses(ValueError, "", kxpfwrul.port, text)
+    refuses(ValueError, "wRuleIndex takes 0 to 65535", kxpfwrul.access, 65536)
+    refuses(ValueError, "wLimit", kxpfwrul.PFW_THROTTLE, wLimit=(1, 2, 3, 4, 5, 65536))
+    refuses(ValueError, "260", kxpfwrul.access, 1, app="x" * 261)
+    refuses(ValueError, "31", kxpfwrul.PFW_MACRO, szName=b"x" * 32)
 
 
 class StandIn:
     """As much of both DLLs as is called here, in C functions of the declared types: one rule set, and policies. The text
     "bad" has an error, any other is two differences from a store of stamp 7."""
-    flushed = finalized = 0
+    calls = []
 
     def __init__(self, path):
-        self.path, self.rules = path, []
+        self.rules = []
         for name, arguments in {**_library._SIGNATURES, **_policy._SIGNATURES}.items():
-            function = getattr(self, "on_" + name, lambda *_: Code.KXRULE_OK)
-            setattr(self, name, ctypes.CFUNCTYPE(ctypes.c_int32, *arguments)(function))
+            setattr(self, name, ctypes.CFUNCTYPE(ctypes.c_int32, *arguments)(functools.partial(self.call, name)))
+
+    def call(self, name, *arguments):
+        StandIn.calls.append(name)
+        return getattr(self, "on_" + name, lambda *_: Code.KXRULE_OK)(*arguments)
 
     def on_kxRuleInitialize(self, path, master):
-        self.is_full = path == b"full"
-        return Code.KXRULE_OK if path in (b"full", b"somewhere") and master is None else Code.KXRULE_E_MUTEX
-
-    def on_kxRuleFinalize(self):
-        StandIn.finalized += 1
-        return Code.KXRULE_OK
+        self.path = path
+        return Code.KXRULE_OK if master is None else Code.KXRULE_E_MUTEX
 
     def on_kxRuleFlush(self):
-        StandIn.flushed += 1
-        return Code.KXRULE_E_FILE_WRITE if self.is_full else Code.KXRULE_OK
+        return Code.KXRULE_E_FILE_WRITE if self.path == b"full" else Code.KXRULE_OK
 
     def on_kxRuleAddRuleSet(self, index, block):
-        kxpfwrul.PFW_RULESET.from_address(block).wRuleSetIndex = index or 3
-        self.head = kxpfwrul.PFW_RULESET.from_buffer_copy(ctypes.string_at(block, ctypes.sizeof(kxpfwrul.PFW_RULESET)))
+        head = kxpfwrul.PFW_RULESET.from_address(block)
+        head.wRuleSetIndex = index or 3
+        self.head = bytes(head)
         return Code.KXRULE_OK
 
     def on_kxRuleGetRuleSetIndex(self, indexes, most):
-        ctypes.c_uint16.from_address(indexes).value = self.head.wRuleSetIndex
+        ctypes.c_uint16.from_address(indexes).value = 3
         return 1
 
     def on_kxRuleAddRule(self, rule_set, index, rule):
-        if rule_set != self.head.wRuleSetIndex or index != rule.contents.wRuleIndex:
+        if rule_set != 3 or index != rule.contents.wRuleIndex:
             return Code.KXRULE_E_NO_RULESET
         self.rules.append(bytes(rule.contents))
         return Code.KXRULE_OK
 
     def on_kxRuleGetRuleSet(self, index, block, most):
-        if index != self.head.wRuleSetIndex:
+        if index != 3:
             return Code.KXRULE_E_NO_RULESET
         if block:
-            content = b"".join([bytes(self.head), *self.rules[:most]])
+            content = b"".join([self.head, *self.rules[:most]])
             ctypes.memmove(block, content, len(content))
         return len(self.rules)
 
@@ -165,7 +165,7 @@ class StandIn:
 def check_calls():
     """A set of a rule goes in and comes back; `with` writes, and says when it could not."""
     ctypes.CDLL = StandIn
-    with kxpfwrul.Store("x.dll", "somewhere") as store:
+    with kxpfwrul.Store("x.dll", "empty") as store:
         index = store.add_rule_set("Büro")
         rule = kxpfwrul.access(7, "tcp", source="10.0.0.0/8", port="80-90", description="Drucker im Büro")
         store.add_rule(index, rule)
@@ -175,25 +175,23 @@ def check_calls():
         assert bytes(stored) == bytes(rule) and (office.index, office.name) == (index, "Büro")
         assert kxpfwrul.get_wide(stored.wszDescription) == "Drucker im Büro"
         assert store.text(stored) == "rule 7" * 100
-        refuses(kxpfwrul.RuleError, lambda: store.rule_set(index + 1), "kxRuleGetRuleSet: KXRULE_E_NO_RULESET (-10015)")
-        refuses(ValueError, lambda: store.rule_set(65536 + index), "0 to 65535")
-        refuses(kxpfwrul.RuleError, lambda: store.add_rule(index + 1, rule), "KXRULE_E_NO_RULESET")
+        refuses(kxpfwrul.RuleError, "kxRuleGetRuleSet: KXRULE_E_NO_RULESET (-10015)", store.rule_set, index + 1)
+        refuses(ValueError, "0 to 65535", store.rule_set, 65536 + index)
+        refuses(kxpfwrul.RuleError, "KXRULE_E_NO_RULESET", store.add_rule, index + 1, rule)
         policies = kxpfwrul.Policies(store, "y.dll")
         assert policies.export() == kxpfwrul.Exported("1 rules", 7)
         assert policies.difference("{}", True, True) == kxpfwrul.Difference("- all", 7, 2)
         assert policies.check(b"{}") == [] and [str(found) for found in policies.check("bad")] == [
             "1:2: active[0]: expected a ü"]
         assert policies.apply("{}") == policies.apply("{}", stamp=7) == 2
-        refuses(kxpfwrul.PolicyError, lambda: policies.apply("bad"), "KXPOLICY_E_TEXT (-20002)\n1:2: active[0]: expected")
-        refuses(kxpfwrul.PolicyError, lambda: policies.apply("{}", stamp=8), "KXPOLICY_E_CHANGED")
-        refuses(ValueError, lambda: policies.apply("{}", stamp=-1), "2**64")
-    assert StandIn.flushed == StandIn.finalized == 1
-
-    def full():
-        with kxpfwrul.Store("x.dll", "full"):
-            pass
-    refuses(kxpfwrul.RuleError, full, "kxRuleFlush: KXRULE_E_FILE_WRITE")
-    assert StandIn.finalized == 2
+        refuses(kxpfwrul.PolicyError, "KXPOLICY_E_TEXT (-20002)\n1:2: active[0]: expected", policies.apply, "bad")
+        refuses(kxpfwrul.PolicyError, "KXPOLICY_E_CHANGED", policies.apply, "{}", stamp=8)
+        refuses(ValueError, "2**64", policies.apply, "{}", stamp=-1)
+    assert StandIn.calls[:2] == ["kxRuleInitialize", "kxRuleRead"]
+    assert StandIn.calls[-2:] == ["kxRuleFlush", "kxRuleFinalize"]
+    full = kxpfwrul.Store("x.dll", "full").__enter__()
+    refuses(kxpfwrul.RuleError, "kxRuleFlush: KXRULE_E_FILE_WRITE", full.__exit__, None)
+    assert StandIn.calls[-2:] == ["kxRuleFlush", "kxRuleFinalize"]
 
 
 print(check_layouts(), "sizes and offsets agree")

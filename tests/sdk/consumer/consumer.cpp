@@ -57,12 +57,14 @@ void Values(kxrule::Store& store, uint16_t set)
 
 void MacrosAreARange(kxrule::Store& store)
 {
-    EXPECT(store.addMacro(kxrule::Macro("first").add(kxrule::Port("80")).addText("x")));
+    EXPECT(store.addMacro(
+        kxrule::Macro("first").add(kxrule::Port("80,8080")).add(kxrule::Address("10.1.1.1")).addText("x")));
     EXPECT(store.addMacro(kxrule::Macro("second").add(kxrule::Address("10.0.0.1"))));
     const kxrule::Macros macros = store.macros();
     const auto found = std::ranges::find(
         macros, "second", [](const PFW_MACRO& macro) { return kxrule::field(macro, &PFW_MACRO::szName); });
     EXPECT(found != macros.end() && kxrule::text(*found).value_or("") == "second=10.0.0.1");
+    EXPECT(kxrule::text(*macros.begin()).value_or("") == "first=80|8080,10.1.1.1,x");
 }
 
 // A failed open leaves nothing running: the log of the trace can be opened for this program alone.
