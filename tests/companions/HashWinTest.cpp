@@ -1,9 +1,7 @@
 #include "companions/hash/KxHash.h"
 
-#include <atomic>
 #include <cstring>
 #include <filesystem>
-#include <functional>
 #include <iterator>
 #include <string>
 #include <thread>
@@ -117,60 +115,48 @@ TEST_F(Hash, GivesUpOnAFileThatChanges)
     {
         const KxCommon::UniqueFile file = Open(m_Dir / L"app.exe", access | SYNCHRONIZE, kShareAll);
         ASSERT_TRUE(file);
-        std::atomic<bool> isDone{false};
-        std::thread writer(
-            [&]
+        const std::jthread writer(
+            [&](const std::stop_token& stop)
             {
-                for (DWORD written = 0; !isDone; ::Sleep(1))
+                for (DWORD written = 0; !stop.stop_requested(); ::Sleep(1))
                     ::WriteFile(file.get(), "x", 1, &written, nullptr);
             });
         EXPECT_EQ(Of(m_Dir / L"app.exe"), "1237") << access;
-        isDone = true;
-        writer.join();
     }
 }
 
 // A file is read once as long as it stays as it is, and never again taken for what it was.
 TEST_F(Hash, RemembersOneVersionOfAFile)
 {
-    using std::filesystem::path;
-    KxCommon::UniqueFile writer;
-    const auto write = [&](const path& file)
+    enum
     {
-        writer = Open(file, GENERIC_WRITE, kShareAll);
-        DWORD written = 0;
-        return ::WriteFile(writer.get(), "abd", 3, &written, nullptr) != FALSE;
+        BeingWritten,
+        Written,
+        WrittenWithOldTimes,
+        ReplacedWithOldTimes,
+        Ways
     };
-    const std::pair<const wchar_t*, std::function<bool(const path&)>> changes[] = {
-        {L"being written", write},
-        {L"written", [&](const path& file) { return write(file) && writer.reset(); }},
-        {L"written with its old times",
-         [&](const path& file)
-         {
-             FILETIME times[3];
-             return ::GetFileTime(Open(file, GENERIC_READ, kShareAll).get(), &times[0], &times[1], &times[2]) &&
-                    write(file) && ::SetFileTime(writer.get(), &times[0], &times[1], &times[2]) && writer.reset();
-         }},
-        {L"replaced by one with its times",
-         [&](const path& file)
-         {
-             const auto time = std::filesystem::last_write_time(file);
-             const path other = file.native() + L"2";
-             WriteBytes(other, "abd");
-             std::filesystem::last_write_time(other, time);
-             return ::MoveFileExW(other.c_str(), file.c_str(), MOVEFILE_REPLACE_EXISTING) != FALSE;
-         }},
-    };
-    for (const auto& [name, change] : changes)
-        WriteBytes(m_Dir / name, "abc");
+    const auto file = [this](int way) { return m_Dir / std::to_wstring(way); };
+    for (int way = 0; way < Ways; ++way)
+        WriteBytes(file(way), "abc");
     ::Sleep(3100); // what has just been changed is not remembered: it could change again at the same time
-    for (const auto& [name, change] : changes)
+    for (int way = 0; way < Ways; ++way)
     {
-        EXPECT_EQ(Of(m_Dir / name), kAbc) << name;
-        EXPECT_EQ(Of(m_Dir / name), kAbc) << name;
-        EXPECT_TRUE(change(m_Dir / name)) << name;
-        EXPECT_EQ(Of(m_Dir / name), "cb4cc28df0fdbe0ecf9d9662e294b118092a5735") << name;
-        writer.reset();
+        EXPECT_EQ(Of(file(way)), kAbc) << way;
+        EXPECT_EQ(Of(file(way)), kAbc) << way;
+        const std::filesystem::path target = way == ReplacedWithOldTimes ? m_Dir / "other" : file(way);
+        const auto time = std::filesystem::last_write_time(file(way));
+        KxCommon::UniqueFile writer(
+            ::CreateFileW(target.c_str(), GENERIC_WRITE, kShareAll, nullptr, OPEN_ALWAYS, 0, nullptr));
+        DWORD written = 0;
+        EXPECT_TRUE(::WriteFile(writer.get(), "abd", 3, &written, nullptr));
+        if (way != BeingWritten)
+            writer.reset();
+        if (way >= WrittenWithOldTimes)
+            std::filesystem::last_write_time(target, time);
+        if (target != file(way))
+            std::filesystem::rename(target, file(way));
+        EXPECT_EQ(Of(file(way)), "cb4cc28df0fdbe0ecf9d9662e294b118092a5735") << way;
     }
     EXPECT_FALSE(m_Library.Release()) << "what is remembered would be lost";
 }

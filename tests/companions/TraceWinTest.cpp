@@ -1,6 +1,6 @@
-#include <algorithm>
 #include <cstring>
 #include <filesystem>
+#include <set>
 #include <string>
 #include <thread>
 #include <tuple>
@@ -18,7 +18,7 @@ namespace
 {
 
 using std::filesystem::path;
-using Names = std::vector<std::wstring>;
+using Names = std::set<std::wstring>;
 constexpr DWORD kShareAll = FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE;
 
 struct Library : LoadedLibrary
@@ -59,16 +59,13 @@ protected:
         EXPECT_EQ(m_Library.GetConfig(m_Handle, &config), 0);
         return config;
     }
-    // The contents of the directory and its subdirectories, without the library and its settings, sorted.
+    // The contents of the directory and its subdirectories, without the library and its settings.
     [[nodiscard]] Names Files() const
     {
         Names files;
         for (const auto& entry : std::filesystem::recursive_directory_iterator(m_Dir.Path()))
-        {
             if (entry.is_regular_file() && !entry.path().filename().native().starts_with(L"Kx"))
-                files.push_back(entry.path().lexically_relative(m_Dir.Path()).native());
-        }
-        std::sort(files.begin(), files.end());
+                files.insert(entry.path().lexically_relative(m_Dir.Path()).native());
         return files;
     }
 
@@ -226,11 +223,12 @@ TEST_F(Trace, KeepsOnePredecessorAndTheSizeLimit)
         }
         return error;
     };
+    const auto old = [this] { return m_Dir / *Files().rbegin(); };
     // Predecessor and log hold the last lines without a gap.
     const auto check = [&](size_t oldLines, size_t lines)
     {
         ASSERT_EQ(Files().size(), 2u);
-        const std::string all = ReadBytes(m_Dir / Files()[1]) + ReadBytes(log);
+        const std::string all = ReadBytes(old()) + ReadBytes(log);
         EXPECT_EQ(all.size(), (oldLines + lines) * 100);
         EXPECT_EQ(std::filesystem::file_size(log), lines * 100);
         for (size_t at = 0; at < all.size(); at += 100)
@@ -242,7 +240,7 @@ TEST_F(Trace, KeepsOnePredecessorAndTheSizeLimit)
     EXPECT_EQ(write(51), 0);
     check(41, 10);
     {
-        const KxCommon::UniqueFile idle = Open(m_Dir / Files()[1], kShareAll); // a process that has not written since
+        const KxCommon::UniqueFile idle = Open(old(), kShareAll); // a process that has not written since
         EXPECT_EQ(write(41), 0);
     }
     check(41, 10);
@@ -253,7 +251,7 @@ TEST_F(Trace, KeepsOnePredecessorAndTheSizeLimit)
         EXPECT_EQ(std::filesystem::file_size(log), 8200u);
     }
     ASSERT_TRUE(Comes([&] { return write(1) == 0; }));
-    EXPECT_EQ(std::filesystem::file_size(m_Dir / Files()[1]), 8200u);
+    EXPECT_EQ(std::filesystem::file_size(old()), 8200u);
     for (const uint64_t session : sessions)
         m_Library.Uninitialize(session);
 }
@@ -369,7 +367,7 @@ TEST_F(Trace, RemovesTheOldestLogsOfOtherProcesses)
     Names expected = {L"VQR_KxPfw_p1.log.older", L"VQR_KxPfw_px.log", L"VQR_Kx_p1.log"};
     for (const std::wstring& other : expected)
         WriteBytes(m_Dir / other, "");
-    expected.push_back(own + L".log");
+    expected.insert(own + L".log");
     const auto now = std::filesystem::file_time_type::clock::now();
     for (int i = 0; i < 26; ++i) // of others whose numbers begin as this process's, and of their predecessors
     {
@@ -377,11 +375,10 @@ TEST_F(Trace, RemovesTheOldestLogsOfOtherProcesses)
         WriteBytes(m_Dir / name, "");
         std::filesystem::last_write_time(m_Dir / name, now - std::chrono::hours(100 - i));
         if (i == 2 || i >= 6) // 26 less the 20 newest, less the one in use
-            expected.push_back(name);
+            expected.insert(name);
     }
     KxCommon::UniqueFile inUse = Open(m_Dir / (own + L"11.log"), kShareAll);
     ASSERT_TRUE(inUse);
-    std::sort(expected.begin(), expected.end());
     Settings("LogProcess=1\r\n");
     Start();
     EXPECT_EQ(Line(L"x"), 0);
