@@ -61,10 +61,8 @@ std::string Describe(const KxCommon::DebugConfigRecord<Character>& config)
 {
     const KxCommon::DebugConfigHead head = config.Head;
     std::ostringstream out;
-    for (const uint32_t number :
-         {uint32_t{head.bServiceSession}, uint32_t{head.bRobust}, uint32_t{head.bDebugger}, uint32_t{head.bEnable},
-          uint32_t{head.dwLogProcess}, uint32_t{head.dwLogUnitType}, uint32_t{head.dwUnit}, uint32_t{head.dwLevel}})
-        out << number << ' ';
+    out << +head.bServiceSession << ' ' << +head.bRobust << ' ' << +head.bDebugger << ' ' << +head.bEnable << ' '
+        << +head.dwLogProcess << ' ' << +head.dwLogUnitType << ' ' << +head.dwUnit << ' ' << +head.dwLevel << ' ';
     const unsigned char* at = reinterpret_cast<const unsigned char*>(&config) + sizeof head;
     for (const size_t units : {32, 260, 256, 256, 256})
     {
