@@ -1,7 +1,8 @@
 // The C++ layer as a program meets it that includes the Windows headers with all their macros, against the real DLL.
+#undef NDEBUG // every assertion counts
 #include <algorithm>
 #include <array>
-#include <cstdio>
+#include <cassert>
 #include <filesystem>
 #include <iterator>
 #include <memory>
@@ -23,17 +24,6 @@
 namespace
 {
 
-int g_Failed = 0;
-
-void Expect(bool condition, const char* what)
-{
-    if (condition)
-        return;
-    std::printf("not so: %s\n", what);
-    ++g_Failed;
-}
-#define EXPECT(...) Expect(static_cast<bool>((__VA_ARGS__)), #__VA_ARGS__)
-
 using kxrule::Outcome;
 using kxrule::Result;
 
@@ -44,27 +34,27 @@ static_assert(!std::is_constructible_v<kxrule::Macro, std::string>); // a name t
 // What a Store says of a store, and of what is not in it.
 void Values(kxrule::Store& store, uint16_t set)
 {
-    EXPECT(store.addRule(set, 5, kxrule::access().app(L"C:\\tool.exe").active(false).description(L"off").drop()));
-    EXPECT(store.isActive(set, 5).has_value() && !store.isActive(set, 5).value_or(true));
-    EXPECT(store.isActive(set, 6).error() == KXRULE_E_NO_RULE && store.isActive(set, 6).value_or(true));
-    EXPECT(store.rule(set, 6).error() == Result(KXRULE_E_NO_RULE) && !store.rule(set, 6));
+    assert(store.addRule(set, 5, kxrule::access().app(L"C:\\tool.exe").active(false).description(L"off").drop()));
+    assert(store.isActive(set, 5).has_value() && !store.isActive(set, 5).value_or(true));
+    assert(store.isActive(set, 6).error() == KXRULE_E_NO_RULE && store.isActive(set, 6).value_or(true));
+    assert(store.rule(set, 6).error() == Result(KXRULE_E_NO_RULE) && !store.rule(set, 6));
     const PFW_RULE rule = *store.rule(set, 5);
-    EXPECT(kxrule::application(rule) == L"C:\\tool.exe" && kxrule::description(rule) == L"off");
+    assert(kxrule::application(rule) == L"C:\\tool.exe" && kxrule::description(rule) == L"off");
     const Result twice = store.addRule(set, 5, rule);
-    EXPECT(std::error_code(twice).message() == "KXRULE_E_RULE_EXISTS: the rule index is in use in the rule set");
-    EXPECT(twice != store.deleteRule(set, 0) && twice.message() == "the rule index is in use in the rule set");
+    assert(std::error_code(twice).message() == "KXRULE_E_RULE_EXISTS: the rule index is in use in the rule set");
+    assert(twice != store.deleteRule(set, 0) && twice.message() == "the rule index is in use in the rule set");
 }
 
 void MacrosAreARange(kxrule::Store& store)
 {
-    EXPECT(store.addMacro(
+    assert(store.addMacro(
         kxrule::Macro("first").add(kxrule::Port("80,8080")).add(kxrule::Address("10.1.1.1")).addText("x")));
-    EXPECT(store.addMacro(kxrule::Macro("second").add(kxrule::Address("10.0.0.1"))));
+    assert(store.addMacro(kxrule::Macro("second").add(kxrule::Address("10.0.0.1"))));
     const kxrule::Macros macros = store.macros();
     const auto found = std::ranges::find(
         macros, "second", [](const PFW_MACRO& macro) { return kxrule::field(macro, &PFW_MACRO::szName); });
-    EXPECT(found != macros.end() && kxrule::text(*found).value_or("") == "second=10.0.0.1");
-    EXPECT(kxrule::text(*macros.begin()).value_or("") == "first=80|8080,10.1.1.1,x");
+    assert(found != macros.end() && kxrule::text(*found).value_or("") == "second=10.0.0.1");
+    assert(kxrule::text(*macros.begin()).value_or("") == "first=80|8080,10.1.1.1,x");
 }
 
 // A failed open leaves nothing running: the log of the trace can be opened for this program alone.
@@ -72,12 +62,12 @@ void FailedOpenStopsTheTrace()
 {
     const HANDLE other = ::CreateEventW(nullptr, TRUE, FALSE, L"Global\\KxPfwRuleDllLockMutex"); // not a mutex
     kxrule::Store store;
-    EXPECT(store.open("rules-closed") == KXRULE_E_MUTEX);
+    assert(store.open("rules-closed") == KXRULE_E_MUTEX);
     ::CloseHandle(other);
-    EXPECT(store.deleteAllMacros());
+    assert(store.deleteAllMacros());
     std::error_code error;
     const auto before = std::filesystem::file_size("log\\VQR_KxPfw.log", error);
-    EXPECT(!error && store.deleteAllMacros() && std::filesystem::file_size("log\\VQR_KxPfw.log", error) == before);
+    assert(!error && store.deleteAllMacros() && std::filesystem::file_size("log\\VQR_KxPfw.log", error) == before);
 }
 
 } // namespace
@@ -87,14 +77,13 @@ int main()
     FailedOpenStopsTheTrace();
     {
         kxrule::Store store;
-        EXPECT(store.open(L"rules-\u0416\u65E5") == KXRULE_E_FILE_OPEN); // no code page has both
-        EXPECT(store.open(L"rules-B\u00FCro") && store.read());
+        assert(store.open(L"rules-\u0416\u65E5") == KXRULE_E_FILE_OPEN); // no code page has both
+        assert(store.open(L"rules-B\u00FCro") && store.read());
         kxrule::RuleSet set(L"Set", 0);
-        EXPECT(store.addRuleSet(set));
+        assert(store.addRuleSet(set));
         Values(store, set.index());
         MacrosAreARange(store);
-        EXPECT(store.flush());
+        assert(store.flush());
     }
-    EXPECT(std::filesystem::exists(L"rules-B\u00FCro\\KxRulMas.dat"));
-    return g_Failed == 0 ? 0 : 1;
+    assert(std::filesystem::exists(L"rules-B\u00FCro\\KxRulMas.dat"));
 }
