@@ -88,9 +88,7 @@ TEST_F(DebugLogTest, HandsTheSettingsOver)
                             "LogFile=f\nLogExtension=txt\nRobust=1\nDebugger=7\n";
     const std::tuple<uint32_t, std::string, uint32_t, std::string> rows[] = {
         {kIni, "", 1, "0 0 0 0 0 1 256 |" + name + "|c:\\temp\\|VQR_|KxPfw|log"},
-        {kIni, "", 0, "0 0 0 0 0 0 256 |" + name + "|c:\\temp\\|VQR_|KxProxy|log"},
         {kIni, "", 2, "0 0 0 0 0 2 256 |" + name + "|c:\\temp\\|VQR_|KxProxy|log"},
-        {kIni, "", 3, "0 0 0 0 0 3 256 |" + name + "|c:\\temp\\|VQR_||log"},
         {kIni, all, 1, "1 1 1 3 4 1 273 |" + name + "|d:\\logs|p|f|txt"},
         {kIni, "LogFolder=" + x + "\nLogPrefix=" + x + "\nLogFile=" + x + "\nLogExtension=" + x + "\n", 1,
          "0 0 0 0 0 1 256 |" + name + '|' + x259 + '|' + x255 + '|' + x255 + '|' + x255},
@@ -329,7 +327,7 @@ TEST_F(DebugLogTest, DISABLED_EndsTheProcessWhileTracing)
 
 TEST_F(DebugLogTest, AProcessMayEndWhileTracing)
 {
-    EXPECT_EQ(OtherProcess(L"EndsTheProcessWhileTracing").ExitCode(), 42u);
+    EXPECT_EQ(ExitCodeOfOtherProcess(L"EndsTheProcessWhileTracing"), 42u);
 }
 
 } // namespace
