@@ -31,18 +31,16 @@ TEST(GetApplicationPath, IsTheModulesFolderOrNothing)
     EXPECT_TRUE(std::filesystem::exists(GetApplicationPath(nullptr) + "standins"));
     EXPECT_EQ(trace.Take(), Lines{});
 
-    ::SetLastError(ERROR_SUCCESS);
-    EXPECT_EQ(GetApplicationPath(reinterpret_cast<HMODULE>(uintptr_t{0x10000})), ""); // no module
-    EXPECT_EQ(trace.Take(),
-              Lines{"!!! GetApplicationPath // GetModuleFileName error (" + std::to_string(::GetLastError()) + ")"});
-
-    // The module's folder has been renamed, so its path leads nowhere.
-    if (::MoveFileW(folder.c_str(), (dir / "after").c_str()) == FALSE)
-        GTEST_SKIP();
-    ::SetLastError(ERROR_SUCCESS);
-    EXPECT_EQ(GetApplicationPath(module), "");
-    EXPECT_EQ(trace.Take(),
-              Lines{"!!! GetApplicationPath // GetShortPathName error (" + std::to_string(::GetLastError()) + ")"});
+    const auto fails = [&](HMODULE wrong, const std::string& call)
+    {
+        ::SetLastError(ERROR_SUCCESS);
+        EXPECT_EQ(GetApplicationPath(wrong), "");
+        const std::string error = call + " error (" + std::to_string(::GetLastError()) + ")";
+        EXPECT_EQ(trace.Take(), Lines{"!!! GetApplicationPath // " + error});
+    };
+    fails(reinterpret_cast<HMODULE>(uintptr_t{0x10000}), "GetModuleFileName"); // no module
+    if (::MoveFileW(folder.c_str(), (dir / "after").c_str()) != FALSE)         // so its path leads nowhere
+        fails(module, "GetShortPathName");
 }
 
 TEST(DynLib, LoadsFromWhereItIsTold)
