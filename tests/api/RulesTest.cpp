@@ -1,12 +1,13 @@
-// Rules, macros and their texts through the exports.
+// Rule sets, rules, macros and their texts through the exports, at their limits. (tests/torture/ModelWinTest.cpp compares
+// random calls with a model.)
 #include "tests/api/StoreFixture.h"
 
 #include <algorithm>
 #include <functional>
 #include <future>
-#include <thread>
 
 #include "tests/standins/HashStandIn.h"
+#include "tests/support/FileContent.h"
 #include "tests/support/RegistryGuard.h"
 
 TEST_F(StoreTest, TextsAreCopiedAsStrncpyDoes)
@@ -19,33 +20,25 @@ TEST_F(StoreTest, TextsAreCopiedAsStrncpyDoes)
         "web", {Build::Item(Build::PortList("80,8080")), Build::Item(Build::Single(Build::Ip(10, 1, 1, 1)))});
     ASSERT_EQ(AddSet(1, {rule, unprintable}), 0);
 
-    struct
-    {
-        const char* name;
-        std::string text;
-        std::function<int32_t(char*, int32_t)> get;
-    } const rows[] = {
-        {"stored", "ACCESS,TCP,,,,80:90,ACCEPT",
-         [](char* text, int32_t size) { return kxRuleGetRuleString(1, 5, text, size); }},
-        {"record", "ACCESS,TCP,,,,80:90,ACCEPT",
+    const std::pair<std::string, std::function<int32_t(char*, int32_t)>> rows[] = {
+        {"ACCESS,TCP,,,,80:90,ACCEPT", [](char* text, int32_t size) { return kxRuleGetRuleString(1, 5, text, size); }},
+        {"ACCESS,TCP,,,,80:90,ACCEPT",
          [&](char* text, int32_t size) { return kxRuleGetRuleString2(&rule, text, size); }},
-        {"macro", "web=80|8080,10.1.1.1",
-         [&](char* text, int32_t size) { return kxRuleGetMacroString(&*macro, text, size); }},
+        {"web=80|8080,10.1.1.1", [&](char* text, int32_t size) { return kxRuleGetMacroString(&*macro, text, size); }},
     };
-    for (const auto& row : rows)
+    for (const auto& [text, get] : rows)
     {
-        const int32_t length = static_cast<int32_t>(row.text.size());
-        EXPECT_EQ(row.get(nullptr, 100), length) << row.name;
-        for (const int32_t size : {-5, 0, 1, 10, length - 1, length, length + 1, length + 9})
+        const int32_t length = static_cast<int32_t>(text.size());
+        EXPECT_EQ(get(nullptr, 100), length);
+        for (const int32_t size : {-5, 0, 1, length - 1, length, length + 9})
         {
             std::vector<char> buffer(64, '#'), expected(64, '#');
             if (size > 0)
-                std::strncpy(expected.data(), row.text.c_str(), static_cast<size_t>(size));
-            EXPECT_EQ(row.get(buffer.data(), size), length) << row.name << " " << size;
-            EXPECT_EQ(buffer, expected) << row.name << " " << size;
+                std::strncpy(expected.data(), text.c_str(), static_cast<size_t>(size));
+            EXPECT_EQ(get(buffer.data(), size), length) << size;
+            EXPECT_EQ(buffer, expected) << text << " " << size;
         }
     }
-
     char untouched[8] = "before";
     EXPECT_EQ(kxRuleGetRuleString(1, 6, untouched, 8), KXRULE_E_RULE_TEXT);
     EXPECT_EQ(kxRuleGetRuleString(1, 7, untouched, 8), KXRULE_E_NO_RULE);
@@ -60,6 +53,72 @@ TEST_F(StoreTest, TextsAreCopiedAsStrncpyDoes)
     char* const inside = reinterpret_cast<char*>(&rule) + 140;
     EXPECT_EQ(kxRuleGetRuleString2(&rule, inside, 30), 26);
     EXPECT_STREQ(inside, "ACCESS,TCP,,,,80:90,ACCEPT");
+}
+
+TEST_F(StoreTest, IndexListsReturnTheFullCountAndFillWhatFits)
+{
+    const Indexes active = {30, 10, 20}, sorted = {10, 20, 30};
+    EXPECT_EQ(kxRuleSetActiveRuleSet(active.data(), 3), 0);
+    for (const uint16_t index : active)
+        ASSERT_EQ(AddSet(index), 0);
+    for (const auto& [get, list] : {std::pair(&kxRuleGetActiveRuleSet, active), {&kxRuleGetRuleSetIndex, sorted}})
+    {
+        for (const int32_t maxCount : {-1, 0, 1, 2, 3, 4})
+        {
+            Indexes got(5, 99), expected(5, 99);
+            std::copy_n(list.begin(), std::clamp(maxCount, 0, 3), expected.begin());
+            EXPECT_EQ(get(got.data(), maxCount), 3);
+            EXPECT_EQ(got, expected) << maxCount;
+        }
+        EXPECT_EQ(get(nullptr, 3), 3);
+    }
+    EXPECT_EQ(kxRuleSetActiveRuleSet(nullptr, 3), KXRULE_E_NULL_POINTER);
+    EXPECT_EQ(kxRuleSetActiveRuleSet(nullptr, -1), KXRULE_E_NULL_POINTER);
+    EXPECT_EQ(ActiveIndexes(), active);
+    EXPECT_EQ(kxRuleSetActiveRuleSet(active.data(), -4), 0);
+    EXPECT_EQ(ActiveIndexes(), Indexes{});
+    EXPECT_EQ(kxRuleSetActiveRuleSet(nullptr, 0), 0);
+}
+
+TEST_F(StoreTest, RefusalsAtTheLimitsInTheirOrder)
+{
+    const PFW_RULE rule = Build::Access();
+    PFW_RULE blank = Build::Access(1);
+    blank.Access.Port[1] = Build::PortList("  \t\x80");
+    EXPECT_EQ(kxRuleAddRuleSet(1, nullptr), KXRULE_E_NULL_POINTER);
+    EXPECT_EQ(kxRuleAddRule(9, 1, nullptr), KXRULE_E_NULL_POINTER);
+    EXPECT_EQ(AddSet(1, {rule, blank}), KXRULE_E_PORT_LIST);
+    blank.dwKind = KXRULE_KIND_ACCESS2;
+    EXPECT_EQ(kxRuleAddRule(9, 1, &blank), KXRULE_E_PORT_LIST) << "before the missing set";
+    EXPECT_EQ(AddSet(1, {blank}), 0) << "here only kind 1 is checked";
+    blank.dwKind = KXRULE_KIND_NAT;
+    EXPECT_EQ(kxRuleAddRule(1, 2, &blank), 0) << "nor are other kinds";
+
+    std::vector<PFW_RULE> rules;
+    for (uint16_t i = 0; i < KXRULE_MAX_RULES + 1; ++i)
+        rules.push_back(Build::Access(i));
+    EXPECT_EQ(AddSet(2, rules), KXRULE_E_TOO_MANY_RULES);
+    rules.back().wRuleIndex = 0;
+    EXPECT_EQ(AddSet(2, rules), 0) << "1025 records with 1024 different indexes";
+    EXPECT_EQ(kxRuleAddRule(2, 5, &rule), KXRULE_E_TOO_MANY_RULES) << "before the index in use";
+
+    std::vector<unsigned char> bytes(KXRULE_RULESET_BYTES(1024), 0xEE), untouched = bytes;
+    PFW_RULESET* const record = reinterpret_cast<PFW_RULESET*>(bytes.data());
+    EXPECT_EQ(kxRuleGetRuleSet(8, record, 1024), KXRULE_E_NO_RULESET);
+    EXPECT_EQ(kxRuleGetRuleSet(2, record, -1), 1024);
+    EXPECT_TRUE(bytes == untouched);
+    EXPECT_EQ(kxRuleGetRuleSet(2, record, 2), 1024);
+    EXPECT_EQ(+record->nRuleCount, 1024) << "however many are copied";
+    EXPECT_EQ(bytes[KXRULE_RULESET_BYTES(2)], 0xEE);
+    EXPECT_EQ(+KXRULE_RULES(record)[1].wRuleIndex, 1);
+
+    for (uint16_t i = 3; i <= KXRULE_MAX_RULESETS; ++i)
+        ASSERT_EQ(AddSet(i), 0);
+    rules.back().wRuleIndex = 5000;
+    EXPECT_EQ(AddSet(0, rules), KXRULE_E_TOO_MANY_RULESETS) << "before the number of rules";
+    EXPECT_EQ(AddSet(1), KXRULE_E_TOO_MANY_RULESETS) << "before the index in use";
+    Reopen();
+    EXPECT_EQ(AddSet(0), KXRULE_E_TOO_MANY_RULESETS) << "sets from files count";
 }
 
 TEST_F(StoreTest, MacrosAreAppendedAndCopiedOutPacked)
@@ -101,16 +160,22 @@ TEST_F(StoreTest, MacrosAreAppendedAndCopiedOutPacked)
     EXPECT_EQ(kxRuleGetMacroCount(), 0);
 }
 
+class HashTest : public StoreTest
+{
+protected:
+    HashTest() { m_Registry.SetText(L"InstallPath", m_Folder.Path().native()); }
+
+    const RegistryGuard m_Registry;
+    const TempDir m_Folder;
+    const HashStandIn m_Library{m_Folder.Path()};
+};
+
 // A rule that fails keeps its hash; the walk goes on to the end of its set and stops there.
-TEST_F(StoreTest, HashesAreRefreshedUpToTheFirstSetThatFails)
+TEST_F(HashTest, HashesAreRefreshedUpToTheFirstSetThatFails)
 {
     static HashStandInState* s_Library;
-    const RegistryGuard registry;
-    const TempDir folder;
-    registry.SetText(L"InstallPath", folder.Path().native());
-    const HashStandIn library(folder.Path());
-    s_Library = library.operator->();
-    library->OnCall = [](const wchar_t* path)
+    s_Library = m_Library.operator->();
+    m_Library->OnCall = [](const wchar_t* path)
     {
         s_Library->Status = *path == L'b' ? 31 : 0;
         const auto texts = [] // wait for no call, not even for one that hashes under the global lock
@@ -139,13 +204,13 @@ TEST_F(StoreTest, HashesAreRefreshedUpToTheFirstSetThatFails)
         return -1;
     };
 
-    library->SetHash('a');
+    m_Library->SetHash('a');
     ASSERT_EQ(AddSet(7, {Build::Access(1, L"c.exe")}), 0);
     ASSERT_EQ(AddSet(3, {Build::Access(4, L"d.exe"), Build::Access(2, L"c.exe"), Build::Access(1, L"bad.exe")}), 0);
     ASSERT_EQ(AddSet(2, {Build::Access(9, L"C.exe"), Build::Access(8, L"SYSTEM"), Build::Access(7)}), 0);
     Reopen(); // nothing is pending
     EXPECT_EQ(hashes(), "--aaaaa");
-    library->SetHash('b');
+    m_Library->SetHash('b');
     EXPECT_EQ(kxRuleUpdateHashValue(nullptr, nullptr, called, &calls), 31);
     EXPECT_EQ(calls, (std::vector<uint32_t>{209, 302, 304}));
     EXPECT_EQ(hashes(), "--babba");
@@ -160,32 +225,44 @@ TEST_F(StoreTest, HashesAreRefreshedUpToTheFirstSetThatFails)
 
     EXPECT_EQ(kxRuleUpdateHashValue(L"d.exe", nullptr, nullptr, nullptr), 0) << "nobody to call";
 
-    registry.SetText(L"InstallPath", L""); // no library
+    m_Registry.SetText(L"InstallPath", L""); // no library
     EXPECT_EQ(kxRuleUpdateHashValue(L"other.exe", nullptr, called, &calls), 0) << "no rule has it";
     EXPECT_EQ(kxRuleUpdateHashValue(L"c.exe", nullptr, called, &calls), KXRULE_E_HASH_LIBRARY);
     const PFW_RULE rule = Build::Access(0, L"c.exe");
     EXPECT_EQ(kxRuleAddRule(7, 2, &rule), 0);
     EXPECT_EQ(hashes(), "-bbabbb-");
     EXPECT_EQ(calls.size(), 2u);
-    registry.SetText(L"InstallPath", folder.Path().generic_wstring()); // with slashes
+    m_Registry.SetText(L"InstallPath", m_Folder.Path().generic_wstring()); // with slashes
     Reopen();
     EXPECT_EQ(hashes(), "--babbbb") << "the system's goes, what was added without a library gets its own";
+    Close();
+    m_Registry.SetText(L"InstallPath", L"");
+    EXPECT_EQ(kxRuleUpdateHashValue(L"c.exe", nullptr, called, &calls), 0) << "nothing to do";
+    Open();
 }
 
-TEST_F(StoreTest, AStopWritesWhatARefreshChangesMeanwhile)
+// Also those that a later one of the same index replaces: a hash library that watches the calls sees the file as it is.
+TEST_F(HashTest, RulesAreTakenOverInTheOrderOfTheFile)
 {
-    ASSERT_EQ(AddSet(1, {Build::Access(1, L"SYSTEM")}), 0);
-    Reopen();                                            // nothing is pending
-    const std::string before = ReadFile("KxRl0001.dat"); // a read would take the hash away again
-    std::future<int32_t> stop;
-    const auto stopping = [](uint32_t, const PFW_RULE*, void* context) -> int32_t
+    m_Library->SetHash(9);
+    ASSERT_EQ(AddSet(1), 0);
+    for (const Indexes& order : {Indexes{5, 7, 7}, Indexes{7, 5, 5, 7, 6}})
     {
-        *static_cast<std::future<int32_t>*>(context) = std::async(std::launch::async, kxRuleFinalize);
-        std::this_thread::sleep_for(std::chrono::milliseconds(100)); // it comes to where it waits for the refresh
-        return 0;
-    };
-    const std::vector<uint8_t> hash(KXRULE_HASH_BYTES, 7);
-    EXPECT_EQ(kxRuleUpdateHashValue(L"SYSTEM", hash.data(), stopping, &stop), 0);
-    EXPECT_EQ(stop.get(), 0);
-    EXPECT_TRUE(ReadFile("KxRl0001.dat") != before);
+        Close();
+        FileContent content;
+        content.Set = {1, L"set", 0};
+        std::vector<std::wstring> paths;
+        for (const uint16_t index : order)
+        {
+            paths.push_back(std::to_wstring(paths.size()) + L".exe");
+            content.Rules.push_back(Build::Access(index, paths.back()));
+        }
+        const std::vector<uint8_t> bytes = content.Write(FileContent::Kind::RuleSet);
+        WriteFile("KxRl0001.dat", std::string(bytes.begin(), bytes.end()));
+        m_Library->Paths.clear();
+        Open();
+        EXPECT_EQ(m_Library->Paths, paths);
+        for (const PFW_RULE& rule : Rules(1))
+            EXPECT_EQ(rule.Access.abAppHash[0], 9) << rule.wRuleIndex;
+    }
 }

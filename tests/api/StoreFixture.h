@@ -14,6 +14,8 @@
 #include "tests/support/RecordBuilder.h"
 #include "tests/support/TempDir.h"
 
+using Indexes = std::vector<uint16_t>;
+
 class StoreTest : public testing::Test
 {
 protected:
@@ -43,15 +45,15 @@ protected:
         auto block = Build::RuleSet(index, name, rules);
         return kxRuleAddRuleSet(index, block.get());
     }
-    static std::vector<uint16_t> SetIndexes()
+    static Indexes SetIndexes()
     {
-        std::vector<uint16_t> indexes(static_cast<size_t>(kxRuleGetRuleSetIndex(nullptr, 0)));
+        Indexes indexes(static_cast<size_t>(kxRuleGetRuleSetIndex(nullptr, 0)));
         kxRuleGetRuleSetIndex(indexes.data(), static_cast<int32_t>(indexes.size()));
         return indexes;
     }
-    static std::vector<uint16_t> ActiveIndexes()
+    static Indexes ActiveIndexes()
     {
-        std::vector<uint16_t> indexes(static_cast<size_t>(kxRuleGetActiveRuleSet(nullptr, 0)));
+        Indexes indexes(static_cast<size_t>(kxRuleGetActiveRuleSet(nullptr, 0)));
         kxRuleGetActiveRuleSet(indexes.data(), static_cast<int32_t>(indexes.size()));
         return indexes;
     }
@@ -64,9 +66,9 @@ protected:
         const PFW_RULE* const first = KXRULE_RULES(bytes.data());
         return {first, first + (count < 0 ? 0 : count)};
     }
-    static std::vector<uint16_t> RuleIndexes(uint16_t index)
+    static Indexes RuleIndexes(uint16_t index)
     {
-        std::vector<uint16_t> indexes;
+        Indexes indexes;
         for (const PFW_RULE& rule : Rules(index))
             indexes.push_back(rule.wRuleIndex);
         return indexes;

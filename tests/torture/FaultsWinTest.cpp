@@ -1,8 +1,10 @@
 // Every allocation failing: once, and from then on. (System calls on files: crash/CrashWinTest.cpp.)
 #include <algorithm>
 #include <functional>
+#include <future>
 #include <map>
 #include <stdexcept>
+#include <thread>
 
 #include "tests/api/StoreFixture.h"
 #include "tests/support/Faults.h"
@@ -125,15 +127,29 @@ TEST_F(FaultsTest, LackOfMemoryIsToldAndNeverTakenForDamage)
     }
 }
 
-TEST_F(StoreTest, WhatARefreshChangesBeforeItsCallbackThrowsIsWritten)
+// When the callback throws, and while another thread stops the library.
+TEST_F(StoreTest, WhatARefreshChangesIsWritten)
 {
     ASSERT_EQ(AddSet(1, {Build::Access(1, L"SYSTEM"), Build::Access(2, L"SYSTEM")}), 0);
-    ASSERT_EQ(kxRuleWrite(), 0);
-    const std::string before = ReadFile("KxRl0001.dat");
-    const std::vector<uint8_t> hash(KXRULE_HASH_BYTES, 7);
+    Reopen(); // nothing is pending
+    std::string before = ReadFile("KxRl0001.dat");
     const auto throws = [](uint32_t, const PFW_RULE*, void*) -> int32_t { throw std::runtime_error("callback"); };
+    const std::vector<uint8_t> hash(KXRULE_HASH_BYTES, 7);
     EXPECT_EQ(kxRuleUpdateHashValue(L"SYSTEM", hash.data(), throws, nullptr), KXRULE_E_HASH_LIBRARY);
     EXPECT_EQ(Rules(1)[0].Access.abAppHash[0] + Rules(1)[1].Access.abAppHash[0], 7) << "one of two";
     EXPECT_EQ(kxRuleFlush(), 0);
-    EXPECT_NE(ReadFile("KxRl0001.dat"), before);
+    EXPECT_TRUE(ReadFile("KxRl0001.dat") != before);
+    before = ReadFile("KxRl0001.dat");
+    std::future<int32_t> stop;
+    const auto stops = [](uint32_t, const PFW_RULE*, void* context) -> int32_t
+    {
+        auto& started = *static_cast<std::future<int32_t>*>(context);
+        if (!started.valid())
+            started = std::async(std::launch::async, kxRuleFinalize);
+        std::this_thread::sleep_for(std::chrono::milliseconds(100)); // it comes to where it waits for the refresh
+        return 0;
+    };
+    EXPECT_EQ(kxRuleUpdateHashValue(L"SYSTEM", hash.data(), stops, &stop), 0);
+    EXPECT_EQ(stop.get(), 0);
+    EXPECT_TRUE(ReadFile("KxRl0001.dat") != before);
 }
