@@ -1,4 +1,5 @@
-// Start, stop, and the locks that outlive a call. docs/threads.md.
+// Stop, unloading, and the locks that outlive a call. docs/threads.md.
+#include "tests/api/Lives.h"
 #include "tests/api/StoreFixture.h"
 
 #include <atomic>
@@ -8,34 +9,7 @@
 #include <thread>
 
 #include "common/srclib/KxComn_Handle.h"
-
-using Indexes = std::vector<uint16_t>;
-
-TEST_F(StoreTest, ASecondStartIsRefusedAndChangesNothing)
-{
-    ASSERT_EQ(AddSet(1), 0);
-    EXPECT_EQ(kxRuleInitialize(nullptr, nullptr), -10061);
-    EXPECT_EQ(SetIndexes(), Indexes{1});
-    const KxCommon::UniqueKernelObject mutex(::OpenMutexW(SYNCHRONIZE, FALSE, L"Global\\KxPfwRuleDllLockMutex"));
-    EXPECT_TRUE(mutex) << "other programs look for it under this name";
-    EXPECT_EQ(kxRuleFinalize(), 0);
-    EXPECT_EQ(kxRuleFinalize(), 0) << "nothing to stop";
-    ASSERT_EQ(kxRuleInitialize(Directory().c_str(), ""), 0);
-    EXPECT_EQ(SetIndexes(), Indexes{}) << "starts from empty";
-}
-
-TEST_F(StoreTest, WithoutStartNothingTouchesTheDisk)
-{
-    ASSERT_EQ(kxRuleFinalize(), 0);
-    EXPECT_EQ(kxRuleRead(), KXRULE_E_FILE_OPEN);
-    EXPECT_EQ(kxRuleWrite(), KXRULE_E_FILE_OPEN);
-    EXPECT_EQ(kxRuleDeleteRuleSet(0), KXRULE_E_FILE_OPEN);
-    EXPECT_EQ(kxRuleUpdateHashValue(nullptr, nullptr, nullptr, nullptr), 0);
-    EXPECT_EQ(AddSet(0), 0) << "the memory is there";
-    EXPECT_EQ(kxRuleFlush(), KXRULE_E_FILE_OPEN);
-    EXPECT_EQ(kxRuleFinalize(), 0);
-    EXPECT_TRUE(std::filesystem::is_empty(Directory()));
-}
+#include "tests/support/OtherProcess.h"
 
 // Files are opened with the rights of the process even on a thread that impersonates a client. For an anonymous client,
 // whose token could not be restored, nothing is opened.
@@ -160,4 +134,28 @@ TEST_F(StoreTest, AHolderThatHasEndedStopsNobody)
     EXPECT_EQ(AddSet(1), KXRULE_E_NO_RULESET) << "left over, but nothing is held on without a life";
     ASSERT_EQ(kxRuleInitialize(Directory().c_str(), nullptr), 0);
     std::thread([] { EXPECT_EQ(AddSet(1), 0); }).join();
+}
+
+// While the timer's thread sleeps.
+TEST(UnloadTest, UnloadedBeforeItIsFinalised)
+{
+    const TempDir folder;
+    LoadedLibrary first(TestFolder() / "KxPfwRul.dll", folder.Path());
+    ASSERT_EQ(KX_CALL_OF(first, kxRuleInitialize, folder.Path().string().c_str(), nullptr), 0);
+    EXPECT_FALSE(first.Release()) << "a thread runs in it";
+    LoadedLibrary second(folder / "KxPfwRul.dll");
+    EXPECT_EQ(KX_CALL_OF(second, kxRuleFinalize), 0);
+    EXPECT_TRUE(second.Release());
+}
+
+// The other half of the next test.
+TEST(UnloadTest, DISABLED_EndsTheProcess)
+{
+    const TempDir folder;
+    EXPECT_EQ(kxRuleInitialize(folder.Path().string().c_str(), nullptr), 0);
+}
+
+TEST(UnloadTest, EndsWithItsProcess)
+{
+    EXPECT_EQ(OtherProcess(L"EndsTheProcess").ExitCode(), 0u);
 }

@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <functional>
-#include <regex>
 #include <sstream>
 #include <stdexcept>
 
@@ -26,6 +25,23 @@ const std::string kOld = "old "; // has rules that are not read
 bool IsRescue(const std::string& content)
 {
     return content.starts_with("This is a rescue RuleSet");
+}
+
+void Mask(std::string& text, const std::string& before, const std::string& after)
+{
+    for (size_t at = 0; (at = text.find(before, at)) != std::string::npos;)
+    {
+        at += before.size();
+        const size_t end = std::min(text.find_first_not_of("0123456789ABCDEFabcdef", at), text.size());
+        if (text.compare(end, after.size(), after) == 0)
+            text.replace(at, end - at, "#");
+    }
+}
+
+KxCommon::UniqueFile Open(const fs::path& file, DWORD share, DWORD access = GENERIC_READ)
+{
+    return KxCommon::UniqueFile(
+        ::CreateFileW(file.c_str(), access, share, nullptr, OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, nullptr));
 }
 
 std::string SetText(const KxCommon::WideString& name, const std::vector<PFW_RULE>& rules)
@@ -76,7 +92,22 @@ FileText Decode(const std::string& bytes)
 
 } // namespace
 
+std::string Replaced(std::string text, const std::string& from, const std::string& to)
+{
+    for (size_t at = 0; (at = text.find(from, at)) != std::string::npos; at += to.size())
+        text.replace(at, from.size(), to);
+    return text;
+}
+
 // ----------------------------------------------------------------------------------------------------- the library --
+
+Lives::Lives()
+{
+    fs::create_directory(Folder / "vol");
+    Trace->HasConfig = true;
+    Trace->Enable = 1;
+    Trace->Level = 1 + 16 + 256;
+}
 
 Lives::Place Lives::Redirect(const std::string& name, void* to) const
 {
@@ -98,18 +129,20 @@ Lives::Place Lives::Redirect(const std::string& name, void* to) const
 
 thread_local Lives* Lives::t_Current = nullptr;
 
-int32_t Lives::Call(const std::string& name, const std::string& word)
+int32_t Lives::Call(const std::string& name, const Words& words)
 {
+    const std::string word = words.empty() ? "" : words[0];
     const auto index = static_cast<uint16_t>(std::atoi(word.c_str()));
     const uint16_t serial = ++m_Serial;
-    const std::string path = word == "relative" ? "vol\\rules" : Rules + word;
+    const std::string path = word == "relative" ? "vol\\rules" : word == "none" ? "" : Rules + word;
+    const char* const master = words.size() > 1 ? words[1].c_str() : nullptr;
     const PFW_RULE rule = Build::Access(serial);
     auto set = Build::RuleSet(index, L"set" + std::to_wstring(serial), {rule});
     auto macro = Build::Macro(std::to_string(serial), {Build::Item("a")});
     const auto isLong = [&] { return KX_DO(kxRuleGetRuleSet, index, static_cast<PFW_RULESET*>(nullptr), 0) > 3; };
     const auto top = [&] { return static_cast<uint16_t>(KX_DO(kxRuleGetRuleTopIndex, index)); };
     const std::map<std::string, std::function<int32_t()>> calls = {
-        {"open", [&] { return KX_DO(kxRuleInitialize, path.c_str(), static_cast<const char*>(nullptr)); }},
+        {"open", [&] { return KX_DO(kxRuleInitialize, path.c_str(), master); }},
         {"read", [&] { return KX_DO(kxRuleRead); }},
         {"write", [&] { return KX_DO(kxRuleWrite); }},
         {"flush", [&] { return KX_DO(kxRuleFlush); }},
@@ -136,8 +169,8 @@ Lives::Contents Lives::Memory() const
 {
     const auto said = static_cast<ptrdiff_t>(Trace->Lines.size()); // what is asked here is not part of the life
     Contents contents;
-    uint16_t indexes[KXRULE_MAX_RULESETS] = {};
-    const int32_t count = KX_DO(kxRuleGetRuleSetIndex, &indexes[0], KXRULE_MAX_RULESETS);
+    uint16_t indexes[KXRULE_MAX_RULESETS + 6] = {};
+    const int32_t count = KX_DO(kxRuleGetRuleSetIndex, &indexes[0], static_cast<int32_t>(std::size(indexes)));
     std::vector<unsigned char> bytes(KXRULE_RULESET_BYTES(64));
     auto* const set = reinterpret_cast<PFW_RULESET*>(bytes.data());
     for (int32_t i = 0; i < count; ++i)
@@ -159,8 +192,13 @@ std::string Lives::Run(const std::string& script)
 {
     t_Current = this;
     m_Wrong.clear();
-    const std::string told = std::regex_replace(script, std::regex("store([^;]*)"), "open; add$1; macro; end");
-    std::istringstream statements(std::regex_replace(told, std::regex("life"), "open; read"));
+    std::string told = Replaced(script, "life", "open; read");
+    for (size_t at; (at = told.find("store")) != std::string::npos;)
+    {
+        told.insert(std::min(told.find(';', at), told.size()), "; macro; end");
+        told.replace(at, 5, "open; add");
+    }
+    std::istringstream statements(told);
     for (std::string statement; m_Wrong.empty() && std::getline(statements, statement, ';');)
     {
         std::istringstream parts(statement);
@@ -205,7 +243,7 @@ void Lives::Tell(const std::string& name, const Words& words, std::optional<int3
         m_Successors.clear(), m_Changed.clear();
     const std::optional<Contents> readable = isRead ? Readable() : std::nullopt;
     const Contents before = Memory();
-    const int32_t result = Call(name, words.empty() ? "" : words[0]);
+    const int32_t result = Call(name, words);
     Contents after = Memory();
     if (expected && result != *expected)
         Complain(name + " gives " + std::to_string(result));
@@ -263,6 +301,15 @@ bool Lives::Check(const std::string& name, const Words& words)
         Complain("they differ");
     if (name == "gone" && fs::exists(PathOf(words.at(0))))
         Complain("it is there");
+    if (name == "replaced" || name == "kept")
+    {
+        BY_HANDLE_FILE_INFORMATION info{};
+        ::GetFileInformationByHandle(Open(PathOf(words.at(0)), kShareAll).get(), &info);
+        const uint64_t number = uint64_t{info.nFileIndexHigh} << 32 | info.nFileIndexLow;
+        if ((std::exchange(m_Numbers[words.at(0)], number) == number) != (name == "kept"))
+            Complain("it is not " + name);
+        return true;
+    }
     if (name != "sets")
         return name == "backups" || name == "same" || name == "gone";
     for (std::string word : words)
@@ -354,6 +401,13 @@ bool Lives::ByHand(const std::string& name, const Words& words)
 {
     static const std::string one = ReadBytes("tests/data/master.dat").substr(124, 20);
     const auto file = [&](size_t i) { return PathOf(words.at(i)); };
+    const auto list = [&](uint16_t next, const std::string& macros, const Words& sets)
+    {
+        FileContent content;
+        content.Master = {macros, next, {1}, sets};
+        const std::vector<uint8_t> bytes = content.Write(FileContent::Kind::Master);
+        WriteBytes(PathOf("mas"), {reinterpret_cast<const char*>(bytes.data()), bytes.size()});
+    };
     const std::map<std::string, std::function<void()>> statements = {
         {"release", [&] { Release(); }},
         {"hold", [&] { Hold(file(0), words.at(1), words.size() > 2 ? std::stoul(words[2]) : 0); }},
@@ -376,13 +430,27 @@ bool Lives::ByHand(const std::string& name, const Words& words)
         {"version", [&] { WriteBytes(file(0), ReadBytes(file(0)).replace(4, 20, one)); }},
         {"refuse", [&] { m_Refused.push_back(Redirect(words.at(0), reinterpret_cast<void*>(Refuse))); }},
         {"list",
+         [&] {
+             list(1, words.at(0), {words.begin() + 1, words.end()});
+         }},
+        {"forge",
          [&]
          {
-             FileContent content;
-             content.Master = {words.at(0), 1, {1}, {words.begin() + 1, words.end()}};
-             const std::vector<uint8_t> bytes = content.Write(FileContent::Kind::Master);
-             WriteBytes(PathOf("mas"), {reinterpret_cast<const char*>(bytes.data()), bytes.size()});
+             Words names;
+             while (names.size() < std::stoul(words.at(0)))
+                 names.push_back(PathOf(std::to_string(names.size() + 1)).filename().string());
+             list(0, "KxRulMac.dat", names);
          }},
+        {"flip",
+         [&]
+         {
+             const fs::file_time_type time = fs::last_write_time(file(0));
+             std::string bytes = ReadBytes(file(0));
+             bytes.at(std::min<size_t>(std::stoul(words.at(1)), bytes.size() - 1)) ^= 1;
+             WriteBytes(file(0), bytes);
+             fs::last_write_time(file(0), time);
+         }},
+        {"touch", [&] { fs::last_write_time(file(0), fs::last_write_time(file(0)) + std::chrono::seconds(1)); }},
         {"ring", // the last takes the name of the first
          [&]
          {
@@ -408,9 +476,7 @@ void Lives::Hold(const fs::path& file, const std::string& who, DWORD millisecond
 {
     const std::string content = who == "none" ? Decode(ReadBytes(file)).Text : "";
     const DWORD share = who == "none" ? 0 : who == "read" ? FILE_SHARE_READ : kShareAll;
-    KxCommon::UniqueFile handle(::CreateFileW(file.c_str(),
-                                              who == "writer" ? GENERIC_READ | GENERIC_WRITE : GENERIC_READ, share,
-                                              nullptr, OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, nullptr));
+    KxCommon::UniqueFile handle = Open(file, share, who == "writer" ? GENERIC_READ | GENERIC_WRITE : GENERIC_READ);
     if (!handle)
         throw std::runtime_error("cannot hold " + file.string());
     if (milliseconds == 0)
@@ -450,25 +516,20 @@ UINT WINAPI Lives::TemporaryName(const char* directory, const char* prefix, UINT
     return result;
 }
 
-std::string Lives::Said()
+std::string Lives::Said(bool isBrief)
 {
-    static const std::regex form(
-        R"(\d\d/\d\d/\d{4} \d\d:\d\d:\d\d\.\d{3} [0-9a-f]{4,}:[0-9a-f]{4,} (...) <PfwRule> ([^]*) - (\S+)\(\d+\)\r\n)");
     std::string said;
     for (; m_Seen < Trace->Lines.size(); ++m_Seen)
     {
         const std::wstring& wide = Trace->Lines[m_Seen].Text;
-        std::string line(wide.begin(), wide.end());
-        std::smatch parts;
-        if (!std::regex_match(line, parts, form))
-            return "a line of another form: " + line;
-        std::string message = parts[2];
-        for (size_t at; (at = message.find(Rules)) != std::string::npos;)
-            message.replace(at, Rules.size(), "DIR\\");
-        message = std::regex_replace(message, std::regex("(Mas|Mac|Rul)[0-9A-Fa-f]+\\.tmp"), "$1#.tmp");
-        message = std::regex_replace(message, std::regex("succeeded \\([0-9A-F]{8}\\)"), "succeeded (HANDLE)");
-        message = std::regex_replace(message, std::regex("RuleBackup\\\\[0-9]{12}"), "RuleBackup\\DATE");
-        said += parts[1].str() + ' ' + message + " - " + parts[3].str() + '\n';
+        std::string line = Replaced({wide.begin(), wide.end()}, Rules, "DIR\\");
+        for (const char* const prefix : {"Mas", "Mac", "Rul"})
+            Mask(line, prefix, ".tmp");
+        Mask(line, "succeeded (", ")");
+        Mask(line, "RuleBackup\\", "");
+        const size_t name = line.find(" <PfwRule> ");
+        const size_t begin = name + 11, end = line.rfind(isBrief ? " - " : "(");
+        said += (isBrief ? "" : line.substr(name - 3, 3) + ' ') + line.substr(begin, end - begin) + '\n';
     }
     return said;
 }

@@ -8,13 +8,16 @@
 //
 //     store N...         a life that adds these sets, a macro and an active list
 //     life               open, read
-//     open [F]           kxRuleInitialize; F: relative, or a name below the rule directory
+//     open [F [NAME]]    kxRuleInitialize; F: relative, none, or a name below the rule directory; NAME: master file
 //     read, write, flush, end (kxRuleFinalize)
 //     add N, delete N, rule N (one more, or one less), again N (an existing one), nomacro, active (none),
 //     macro              another one, and another active list
 //     copy F F (to a new one), old F (one of version 1), rename F F, ring F F..., cut F [N] (to N bytes, or by one),
 //     version F (1), remove F, plain F (not a rule file), folder F, attributes F N,
 //     list NAME NAME...  writes a master file with these names, the macro file's first
+//     forge N            one with the sets 1 to N, of which the next is 0
+//     flip F N           changes a byte, or the last one, of a file that keeps its time
+//     touch F            gives it another time
 //     enter F            makes it the current directory: base, from which relative leads to the rule directory, or back
 //     hold F WHO [MS]    WHO: full, read or none reads and shares everything, reading or nothing; writer may write too
 //     scanner WHO        opens every temporary file as soon as it exists, for a while
@@ -23,6 +26,7 @@
 //     sets N... [m]      exactly these are in memory, with their last content; m: and macro and active list.
 //                        N? a rescue set; N~ with whatever content
 //     backups N, gone F, same F F    there are N dated directories; no such file; two files of equal bytes
+//     replaced F, kept F             whether it is another file than at the last such question
 //
 // Whatever is run: what was complete in the directory before a call is complete after it, unless the caller has changed
 // or deleted it since it was read. After a read, memory holds the sets of intact listed files and rescue sets for the
@@ -41,13 +45,15 @@
 #include "tests/standins/TraceStandIn.h"
 #include "tests/support/TempDir.h"
 
+[[nodiscard]] std::string Replaced(std::string text, const std::string& from, const std::string& to);
+
 /// The library's function of that name and signature.
 #define KX_CALL_OF(library, function, ...) static_cast<decltype(&function)>((library).Find(#function))(__VA_ARGS__)
 
 class Lives
 {
 public:
-    Lives() { std::filesystem::create_directory(Folder / "vol"); }
+    Lives();
     ~Lives() { Release(); }
     Lives(const Lives&) = delete;
     Lives& operator=(const Lives&) = delete;
@@ -55,9 +61,9 @@ public:
     /// Nothing, or what has been told so far and what went wrong with its last statement.
     [[nodiscard]] std::string Run(const std::string& script);
 
-    /// The lines since the last call: tag, message and source file, without time, ids and line number; paths and
-    /// temporary names shortened.
-    std::string Said();
+    /// The lines since the last call, without what differs from run to run: tag, message and source file, or messages
+    /// alone.
+    std::string Said(bool isBrief = false);
 
     struct Place
     {
@@ -86,7 +92,7 @@ private:
     void Tell(const std::string& name, const Words& words, std::optional<int32_t> expected);
     bool ByHand(const std::string& name, const Words& words);
     bool Check(const std::string& name, const Words& words);
-    int32_t Call(const std::string& name, const std::string& word);
+    int32_t Call(const std::string& name, const Words& words);
     void Hold(const std::filesystem::path& file, const std::string& who, DWORD milliseconds);
     void Release();
     [[nodiscard]] std::filesystem::path PathOf(const std::string& word) const;
@@ -109,6 +115,7 @@ private:
     Contents m_Successors;           // but for what the caller has put in its place
     bool m_IsHandled = true;         // by hand, since m_Precious was filled
     std::map<std::filesystem::path, Held> m_Held;
+    std::map<std::string, uint64_t> m_Numbers; // that files had when they were asked about
     std::vector<Place> m_Refused;
     std::vector<std::thread> m_Threads; // who lets go after a while
     size_t m_Seen = 0;
