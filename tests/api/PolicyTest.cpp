@@ -2,6 +2,8 @@
 #include "api/include/KxPolicy.h"
 
 #include <functional>
+#include <sstream>
+#include <string_view>
 #include <thread>
 
 #include "tests/api/StoreFixture.h"
@@ -9,8 +11,7 @@
 namespace
 {
 
-// The library's functions, of which those that change the store, and the write, can be refused or preceded by another
-// thread's change.
+// The library's functions, of which those that do more than read can be refused or preceded by another thread's change.
 std::function<int32_t()> g_Before; // a code refuses the call
 
 template <auto function, class... Arguments>
@@ -22,18 +23,11 @@ int32_t Watched(Arguments... arguments)
 
 KXRULE_LIBRARY Watching(std::function<int32_t()> before)
 {
-#define ADDRESS(name, parameters) &name,
-    KXRULE_LIBRARY library = {KXRULE_FUNCTIONS(ADDRESS)};
-    library.kxRuleAddRuleSet = &Watched<&kxRuleAddRuleSet>;
-    library.kxRuleDeleteRuleSet = &Watched<&kxRuleDeleteRuleSet>;
-    library.kxRuleAddRule = &Watched<&kxRuleAddRule>;
-    library.kxRuleDeleteRule = &Watched<&kxRuleDeleteRule>;
-    library.kxRuleAddMacro = &Watched<&kxRuleAddMacro>;
-    library.kxRuleDeleteMacro = &Watched<&kxRuleDeleteMacro>;
-    library.kxRuleSetActiveRuleSet = &Watched<&kxRuleSetActiveRuleSet>;
-    library.kxRuleFlush = &Watched<&kxRuleFlush>;
     g_Before = std::move(before);
-    return library;
+#define KX_WATCHED(name, parameters)                                                                                   \
+    std::string_view(#name).starts_with("kxRuleGet") ? &name : static_cast<decltype(&name)>(&Watched<&name>),
+    return {KXRULE_FUNCTIONS(KX_WATCHED)};
+#undef KX_WATCHED
 }
 
 std::string g_Told;
@@ -69,77 +63,85 @@ int32_t Difference(const std::string& text, uint32_t flags = KXPOLICY_REPLACE, u
     return kxPolicyDifference(nullptr, text.data(), text.size(), flags, stamp, Append, Note, &g_Told);
 }
 
-std::string Rule(int index, const char* type)
+// A policy of these words: "1a:" is the rule set 1, called a; "5s" and "5d" are its rule 5, of type SNAT and DNAT; "2+"
+// is an active rule set; "m*" is a macro.
+std::string Text(const std::string& outline)
 {
-    return "{\"kind\": \"nat\", \"index\": " + std::to_string(index) + ", \"natType\": \"" + type + "\"}";
+    std::string text = "rules 1\nsets\n";
+    std::istringstream words(outline);
+    for (std::string word; words >> word;)
+    {
+        const char kind = word.back();
+        word.pop_back();
+        if (kind == ':')
+            text += "set " + word.substr(0, word.size() - 1) + " " + word.back();
+        else if (kind == '+')
+            text += "active " + word;
+        else if (kind == '*')
+            text += "macro " + word + "\nport=80";
+        else
+            text += word + " NAT,ANY,,,,,,," + (kind == 's' ? "SNAT" : "DNAT");
+        text += '\n';
+    }
+    return text;
 }
 
-std::string Set(int index, const char* name, const std::string& rules = {})
-{
-    return "{\"index\": " + std::to_string(index) + ", \"name\": \"" + name + "\", \"rules\": [" + rules + "]}";
-}
-
-std::string Text(const std::string& sets, const std::string& rest = {})
-{
-    return "{\"version\": 1, " + rest + "\"ruleSets\": [" + sets + "]}";
-}
-
-const std::string kBefore =
-    Text(Set(1, "a", Rule(0, "snat") + "," + Rule(5, "dnat")) + "," + Set(2, "b", Rule(1, "snat")) + "," +
-             Set(3, "c", Rule(7, "snat")) + "," + Set(4, "d", Rule(1, "snat") + "," + Rule(2, "snat")),
-         R"("active": [1, 3], "macros": [{"name": "m", "items": [{"port": "80"}]}, {"name": "n"}], )");
+const std::string kBefore = Text("1a: 0s 5d 2b: 1s 3c: 7s 4d: 1s 2s 1+ 3+ m* n*");
 // A rule 0 that changes, a new name, a set that goes, one that comes, rules that change, go and come, macros, active
 // list.
-const std::string kAfter =
-    Text(Set(1, "a", Rule(0, "dnat") + "," + Rule(6, "dnat")) + "," + Set(2, "x", Rule(1, "snat")) + "," +
-             Set(4, "d", Rule(1, "dnat") + "," + Rule(3, "snat")) + "," + Set(9, "e", Rule(1, "masq")),
-         R"("active": [9, 1], "macros": [{"name": "o", "items": [{"text": "x"}]}], )");
+const std::string kAfter = Text("1a: 0d 6d 2x: 1s 4d: 1d 3s 9e: 1s 9+ 1+ o*");
 
 class PolicyTest : public StoreTest
 {
 protected:
-    /// Sets with their rules, the active list, the number of macros.
+    /// The store in words like those of Text; at the end the number of macros.
     static std::string Outline()
     {
         std::string text;
         for (const uint16_t index : SetIndexes())
         {
-            text += std::to_string(index) + static_cast<char>(NameOf(index)[0]) + "(";
-            for (const uint16_t rule : RuleIndexes(index))
-                text += std::to_string(rule) + " ";
-            text += ") ";
+            text += std::to_string(index) + static_cast<char>(NameOf(index)[0]) + ": ";
+            for (const PFW_RULE& rule : Rules(index))
+                text += std::to_string(rule.wRuleIndex) + (rule.Nat.dwNatType == KXRULE_NAT_SNAT ? "s " : "d ");
         }
         for (const uint16_t index : ActiveIndexes())
-            text += "+" + std::to_string(index);
-        return text + " " + std::to_string(kxRuleGetMacroCount());
+            text += std::to_string(index) + "+ ";
+        return text + std::to_string(kxRuleGetMacroCount());
     }
 };
 
 TEST_F(PolicyTest, MakesTheStoreHoldWhatThePolicySays)
 {
-    const char* const before = "1a(0 5 ) 2b(1 ) 3c(7 ) 4d(1 2 ) +1+3 2";
+    const char* const before = "1a: 0s 5d 2b: 1s 3c: 7s 4d: 1s 2s 1+ 3+ 2";
+    const std::string naming = "rules 1\nmacro o\nset 1 a\n0 NAT,TCP,,,,,,,SNAT  ports=@m,any,any\n";
     const struct
     {
         std::string Text;
         uint32_t Flags;
         int32_t Differences;
         const char* Store;
+        const char* Told = "";
     } rows[] = {
         {kBefore, KXPOLICY_REPLACE, 0, before},
-        {"{\"version\": 1}", KXPOLICY_REPLACE, 0, before},
+        {"rules 1", KXPOLICY_REPLACE, 0, before},
         {Text(""), KXPOLICY_MERGE, 0, before},
-        {Text(""), KXPOLICY_REPLACE | KXPOLICY_ALLOW_EMPTY, 5, " 2"},
-        {Text(Set(4, "d", Rule(2, "snat"))), KXPOLICY_MERGE, 0, before},
-        {Text(Set(4, "d", Rule(2, "snat"))), KXPOLICY_REPLACE, 5, "4d(2 )  2"},
-        {Text(Set(2, "x") + "," + Set(9, "e")), KXPOLICY_MERGE, 2, "1a(0 5 ) 2x(1 ) 3c(7 ) 4d(1 2 ) 9e() +1+3 2"},
-        {kAfter, KXPOLICY_MERGE, 6, "1a(0 5 6 ) 2x(1 ) 3c(7 ) 4d(1 2 3 ) 9e(1 ) +9+1 3"},
-        {kAfter, KXPOLICY_REPLACE, 7, "1a(0 6 ) 2x(1 ) 4d(1 3 ) 9e(1 ) +9+1 1"},
+        {Text(""), KXPOLICY_REPLACE | KXPOLICY_ALLOW_EMPTY, 5, "2"},
+        {Text("4d: 2s"), KXPOLICY_MERGE, 0, before},
+        {Text("4d: 2s"), KXPOLICY_REPLACE, 5, "4d: 2s 2"},
+        {Text("2x: 9e:"), KXPOLICY_MERGE, 2, "1a: 0s 5d 2x: 1s 3c: 7s 4d: 1s 2s 9e: 1+ 3+ 2"},
+        {kAfter, KXPOLICY_MERGE, 6, "1a: 0d 5d 6d 2x: 1s 3c: 7s 4d: 1d 2s 3s 9e: 1s 9+ 1+ 3"},
+        {kAfter, KXPOLICY_REPLACE, 7, "1a: 0d 6d 2x: 1s 4d: 1d 3s 9e: 1s 9+ 1+ 1"},
+        // What is probably not intended is reported, and done; not so the macro m, while it stays.
+        {naming, KXPOLICY_MERGE, 2, "1a: 0s 5d 2b: 1s 3c: 7s 4d: 1s 2s 1+ 3+ 3"},
+        {naming, KXPOLICY_REPLACE, 6, "1a: 0s 1+ 1",
+         "warning 0:0 rule set 1, rule 0 names the macro \"m\", which does not exist\n"},
     };
     for (const auto& row : rows)
     {
         ASSERT_GE(Put(kBefore), 0) << g_Told;
         EXPECT_EQ(Difference(row.Text, row.Flags), row.Differences) << g_Told << row.Text;
-        EXPECT_EQ(Put(row.Text, row.Flags), row.Differences) << g_Told << row.Text;
+        EXPECT_EQ(Put(row.Text, row.Flags), row.Differences) << row.Text;
+        EXPECT_EQ(g_Told, row.Told) << row.Text;
         EXPECT_EQ(Outline(), row.Store) << row.Text;
         EXPECT_EQ(Difference(row.Text, row.Flags), 0) << g_Told << row.Text;
     }
@@ -147,32 +149,17 @@ TEST_F(PolicyTest, MakesTheStoreHoldWhatThePolicySays)
     Reopen();
     EXPECT_EQ(Export(), text);
     EXPECT_EQ(Put(text), 0) << g_Told;
-    // What is probably not intended is reported, and done; not so the macro m, while it stays.
-    for (const uint32_t flags : {KXPOLICY_MERGE, KXPOLICY_REPLACE})
-    {
-        ASSERT_GE(Put(kBefore), 0) << g_Told;
-        EXPECT_EQ(Put(Text(Set(1, "a", R"({"kind": "nat", "index": 0, "natType": "snat", "protocol": "tcp",
-                                           "ports": ["@m", "any", "any"]})"),
-                           R"("macros": [{"name": "o"}], )"),
-                      flags),
-                  flags == KXPOLICY_MERGE ? 2 : 6);
-        EXPECT_EQ(g_Told, flags == KXPOLICY_MERGE
-                              ? ""
-                              : "warning 0:0 rule set 1, rule 0 names the macro \"m\", which does not exist\n");
-    }
 }
 
 TEST_F(PolicyTest, RefusesWithAReasonAndAPlace)
 {
-    std::string sets;
-    for (int index = 101; index < 166; ++index)
-        sets += (sets.empty() ? "" : ",") + Set(index, "");
-    std::string zeroes = "0";
-    for (int i = 1; i < 1500; ++i)
-        zeroes += ",\n0";
-    std::string rules = Rule(0, "snat");
-    for (int index = 1; index < 1025; ++index)
-        rules += "," + Rule(index, "snat");
+    const auto words = [](int first, int last, const char* kind)
+    {
+        std::string text;
+        for (; first <= last; ++first)
+            text += std::to_string(first) + kind;
+        return text;
+    };
     const struct
     {
         std::string Text;
@@ -183,13 +170,13 @@ TEST_F(PolicyTest, RefusesWithAReasonAndAPlace)
         {"", KXPOLICY_REPLACE, KXPOLICY_E_TEXT, "1:1  syntax error"},
         {"{\"version\": 1,\n \"active\": [1", KXPOLICY_MERGE, KXPOLICY_E_TEXT, "2:14  syntax error"},
         {"{}", KXPOLICY_MERGE, KXPOLICY_E_TEXT, "1:1  \"version\" is missing"},
-        {Text(Set(1, "", "\n " + Rule(1, "x"))), KXPOLICY_MERGE, KXPOLICY_E_TEXT, "2:41 ruleSets[0].rules[0].natType "},
-        {Text("", "\"active\": [" + zeroes + "], "), KXPOLICY_MERGE, KXPOLICY_E_TEXT,
-         "there is more; what follows is not read"},
-        {Text(Set(1, "", rules)), KXPOLICY_MERGE, KXPOLICY_E_TEXT,
+        {Text("1+ 0+"), KXPOLICY_MERGE, KXPOLICY_E_TEXT, "4:8 active[1] "},
+        {Text(words(70001, 71500, "+ ")), KXPOLICY_MERGE, KXPOLICY_E_TEXT, "there is more; what follows is not read"},
+        {Text("1a: " + words(0, 1024, "s ")), KXPOLICY_MERGE, KXPOLICY_E_TEXT,
          "a rule set holds at most 1024 rules; what follows is not read"},
-        {Text(sets), KXPOLICY_MERGE, KXPOLICY_E_TEXT, "a store holds at most 64 rule sets; what follows is not read"},
-        {Text(sets.substr(Set(101, "").size() + 1)), KXPOLICY_MERGE, KXPOLICY_E_LIMIT,
+        {Text(words(101, 165, "a: ")), KXPOLICY_MERGE, KXPOLICY_E_TEXT,
+         "a store holds at most 64 rule sets; what follows is not read"},
+        {Text(words(101, 164, "a: ")), KXPOLICY_MERGE, KXPOLICY_E_LIMIT,
          "0:0  the store would hold 68 rule sets; the limit is 64"},
         {Text(""), KXPOLICY_REPLACE, KXPOLICY_E_EMPTY, "0:0  the policy would remove every rule set"},
         {kAfter, 4, KXPOLICY_E_ARGUMENT, ""},
@@ -198,12 +185,12 @@ TEST_F(PolicyTest, RefusesWithAReasonAndAPlace)
     const std::string before = Export();
     for (const auto& row : rows)
     {
-        EXPECT_EQ(Difference(row.Text, row.Flags), row.Result) << row.Text;
-        EXPECT_EQ(Put(row.Text, row.Flags), row.Result) << row.Text;
-        EXPECT_NE(g_Told.find(row.Told), std::string::npos) << g_Told << row.Told;
+        EXPECT_EQ(Difference(row.Text, row.Flags), row.Result) << row.Told;
+        EXPECT_EQ(Put(row.Text, row.Flags), row.Result) << row.Told;
+        EXPECT_NE(g_Told.find(row.Told), std::string::npos) << g_Told.substr(0, 500) << row.Told;
         EXPECT_EQ(kxPolicyCheck(row.Text.data(), row.Text.size(), nullptr, nullptr) == KXPOLICY_E_TEXT,
                   row.Result == KXPOLICY_E_TEXT);
-        EXPECT_EQ(Export(), before) << row.Text;
+        EXPECT_EQ(Export(), before) << row.Told;
     }
     Close();
     const std::string left = Outline();
@@ -227,7 +214,7 @@ TEST_F(PolicyTest, TakesBackWhatItChangedWhenACallFails)
     }
     EXPECT_GT(good, 15);
     EXPECT_EQ(Difference(kAfter), 0) << g_Told;
-    int left = 5; // and from then on nothing works
+    int left = 6; // and from then on nothing works
     const KXRULE_LIBRARY library = Watching([&] { return left-- > 0 ? KXRULE_OK : KXRULE_E_NULL_POINTER; });
     EXPECT_EQ(Put(before, KXPOLICY_REPLACE, &library), KXPOLICY_E_PARTLY) << g_Told;
     EXPECT_GT(Put(before), 0);
