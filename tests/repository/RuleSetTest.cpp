@@ -1,46 +1,22 @@
-// Rule sets in memory.
+// Rule sets in memory: as records, and as what takes the place of a damaged one. (What adds and deletes rules is compared
+// with a model in tests/torture/ModelWinTest.cpp; its limits are in tests/api/RulesTest.cpp.)
 #include "repository/RuleSet.h"
 
+#include <algorithm>
 #include <cstring>
 #include <string>
 
 #include <gtest/gtest.h>
 
+#include "repository/RuleSetRescue.h"
 #include "tests/support/RecordBuilder.h"
+#include "tests/support/TraceSink.h"
 
 namespace
 {
 
 using namespace Build;
-using Indexes = std::vector<uint16_t>;
 using KxCommon::WideString;
-
-TEST(RuleSet, AddsAndDeletesRules)
-{
-    CRuleSet set;
-    CRule rule(Access(7));
-    EXPECT_EQ(set.AddRule(3, rule), 0);
-    EXPECT_EQ(+set.FindRule(3)->Record().wRuleIndex, 3);
-    EXPECT_EQ(+rule.Record().wRuleIndex, 7);
-    rule.SetRule(Rule(2));
-    EXPECT_EQ(set.AddRule(3, rule), -10019);
-    EXPECT_EQ(+set.FindRule(3)->Record().dwKind, 1u);
-    EXPECT_EQ(set.AddRule(0, rule), 0);
-    EXPECT_EQ(set.DeleteRule(7), -10016);
-    EXPECT_EQ(set.RuleIndexes(), (Indexes{0, 3}));
-    EXPECT_EQ(set.DeleteRule(3), 0);
-    EXPECT_EQ(set.RuleIndexes(), (Indexes{0})) << "cannot be deleted alone";
-    EXPECT_EQ(set.DeleteRule(0), 0);
-    EXPECT_EQ(set.DeleteRule(0), 0);
-    EXPECT_EQ(set.RuleCount(), 0);
-
-    for (uint16_t i = 0; i < 1024; ++i)
-        ASSERT_EQ(set.AddRule(static_cast<uint16_t>(i * 31 % 1024), rule), 0) << i;
-    EXPECT_EQ(set.AddRule(5000, rule), -10018);
-    EXPECT_EQ(set.AddRule(5, rule), -10018) << "full comes before taken";
-    set.PutRule(Access(5000));
-    EXPECT_EQ(set.RuleCount(), 1025) << "the limit is for rules added one by one";
-}
 
 TEST(RuleSet, FillsARecord)
 {
@@ -58,6 +34,49 @@ TEST(RuleSet, FillsARecord)
         EXPECT_TRUE(record.Bytes() == expected.Bytes()) << maxRules;
         record->nRuleCount = std::min(maxRules, 3) - 2;
         EXPECT_EQ(CRuleSet(*record).RuleCount(), std::max(+record->nRuleCount, 0));
+    }
+}
+
+TEST(RuleSet, ARescueAddsThreeRules)
+{
+    std::vector<PFW_RULE> full;
+    for (uint16_t i = 1; i <= 1024; ++i)
+        full.push_back(Access(i));
+    const struct
+    {
+        std::vector<PFW_RULE> Read;
+        int32_t Added;
+        TracedLine LastLine;
+    } cases[] = {
+        {{}, 3, {16, "\tAdded rescue rule (index=2:30002, rule=\"ACCESS,,,,,,ACCEPT\")"}},
+        {{Access(1), Access(2)}, 3, {16, "\tAdded rescue rule (index=2:30004, rule=\"ACCESS,,,,,,ACCEPT\")"}},
+        // A refused rule leaves the count, and so the next rule's index, unchanged.
+        {{Access(1), Access(30002)}, 0, {256, "\tCRuleSet::AddRule() failed (nResult=-10019, index=2:30002)"}},
+        {full, 0, {256, "\tCRuleSet::AddRule() failed (nResult=-10018, index=2:31024)"}},
+    };
+    for (const auto& c : cases)
+    {
+        CRuleSet set(*RuleSet(2, KXW("Office"), c.Read));
+        TraceSink trace;
+        RuleSetRescue::MakeRescueSet(set);
+        EXPECT_EQ(set.Name(), KXW("This is a rescue RuleSet for a broken/deleted RuleSet."));
+        ASSERT_EQ(trace.Lines().size(), 3u);
+        EXPECT_EQ(trace.Lines()[2], c.LastLine);
+        const int32_t before = static_cast<int32_t>(c.Read.size());
+        ASSERT_EQ(set.RuleCount(), before + c.Added);
+        for (int32_t i = 0; i < c.Added; ++i)
+        {
+            PFW_RULE expected = Rule(1, static_cast<uint16_t>(30000 + before + i));
+            SetText(&expected.wszDescription, 65,
+                    KXW("This is a rescue rule. This rule file had been broken/deleted."));
+            unsigned char* const bytes = reinterpret_cast<unsigned char*>(&expected);
+            bytes[132] = 1;                                        // active
+            std::memset(bytes + 144, 0xFF, 4);                     // protocol
+            bytes[148] = static_cast<unsigned char>(i + 1);        // number
+            bytes[152] = bytes[200] = bytes[248] = bytes[381] = 1; // any
+            bytes[514] = i == 0 ? 2 : 1;                           // action
+            EXPECT_EQ(std::memcmp(&set.FindRule(expected.wRuleIndex)->Record(), bytes, 2845), 0) << i;
+        }
     }
 }
 
