@@ -11,6 +11,21 @@
 #include "common/srclib/KxComn_Handle.h"
 #include "tests/support/OtherProcess.h"
 
+TEST_F(StoreTest, EverybodySeesThatTheLibraryIsInUse)
+{
+    const wchar_t* const name = L"Global\\KxPfwRuleDllLockMutex";
+    const KxCommon::UniqueKernelObject mutex(::OpenMutexW(READ_CONTROL | SYNCHRONIZE, FALSE, name));
+    BOOL isPresent = FALSE, isDefaulted = FALSE;
+    PACL list = nullptr;
+    alignas(8) unsigned char descriptor[1000] = {};
+    DWORD size = 0;
+    EXPECT_TRUE(
+        ::GetKernelObjectSecurity(mutex.get(), DACL_SECURITY_INFORMATION, descriptor, sizeof descriptor, &size));
+    EXPECT_TRUE(::GetSecurityDescriptorDacl(descriptor, &isPresent, &list, &isDefaulted));
+    EXPECT_TRUE(isPresent && list == nullptr) << "no access list, so everybody has access";
+    std::thread([&] { EXPECT_EQ(::WaitForSingleObject(mutex.get(), 0), WAIT_TIMEOUT) << "owned"; }).join();
+}
+
 // Files are opened with the rights of the process even on a thread that impersonates a client. For an anonymous client,
 // whose token could not be restored, nothing is opened.
 TEST_F(StoreTest, AClientHasNoSayInTheFiles)
@@ -107,6 +122,8 @@ TEST_F(StoreTest, AFailedReadKeepsTheLockToo)
 {
     WriteFile("KxRulMac.dat", "damaged");
     EXPECT_EQ(kxRuleRead(), KXRULE_E_MACRO_FORMAT);
+    EXPECT_EQ(std::async(std::launch::async, kxRuleFinalize).get(), 0) << "nothing is left to write";
+    Open(KXRULE_E_MACRO_FORMAT);
     std::filesystem::remove(PathOf("KxRulMac.dat"));
     EXPECT_EQ(kxRuleRead(), 0) << "releases nothing that a former one held on to";
     std::future<int32_t> added = std::async(std::launch::async, [] { return AddSet(5); });
@@ -114,13 +131,6 @@ TEST_F(StoreTest, AFailedReadKeepsTheLockToo)
     EXPECT_EQ(added.wait_for(std::chrono::milliseconds(100)), std::future_status::timeout) << "did not wait";
     EXPECT_EQ(kxRuleFinalize(), 0);
     EXPECT_EQ(added.get(), 0);
-}
-
-TEST_F(StoreTest, AnotherThreadMayEndALifeThatHasNothingToWrite)
-{
-    WriteFile("KxRulMac.dat", "damaged");
-    EXPECT_EQ(kxRuleRead(), KXRULE_E_MACRO_FORMAT); // this thread keeps the lock
-    EXPECT_EQ(std::async(std::launch::async, kxRuleFinalize).get(), 0);
 }
 
 TEST_F(StoreTest, AHolderThatHasEndedStopsNobody)

@@ -29,8 +29,7 @@
 //     replaced F, kept F             whether it is another file than at the last such question
 //
 // Whatever is run: what was complete in the directory before a call is complete after it, unless the caller has changed
-// or deleted it since it was read. After a read, memory holds the sets of intact listed files and rescue sets for the
-// others; after a successful write, the directory holds what is in memory.
+// or deleted it since it was read. After a successful write, the directory holds what is in memory.
 #pragma once
 
 #include <filesystem>
@@ -87,7 +86,6 @@ private:
     {
         KxCommon::UniqueFile File;
         std::string Content; // for whom nobody else may read it
-        bool IsForbidding;   // the library cannot read it either
     };
     void Tell(const std::string& name, const Words& words, std::optional<int32_t> expected);
     bool ByHand(const std::string& name, const Words& words);
@@ -98,7 +96,6 @@ private:
     [[nodiscard]] std::filesystem::path PathOf(const std::string& word) const;
     [[nodiscard]] Contents Memory() const;
     [[nodiscard]] Found Scan() const;
-    [[nodiscard]] std::optional<Contents> Readable() const;
     [[nodiscard]] bool IsSafe(const std::string& content, const Found& found) const;
     void Complain(const std::string& text) { m_Wrong += "\n    " + text; }
 

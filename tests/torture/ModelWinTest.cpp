@@ -117,12 +117,12 @@ protected:
 
 TEST_F(ModelTest, OneThreadOverTheWholeStore)
 {
-    static constexpr uint16_t kSets[] = {0, 1, 2, 3, 4, 5, 6, 7, 8, 65279, 65280, 65535};
+    static constexpr uint16_t kSets[] = {0, 0, 0, 0, 1, 2, 3, 4, 5, 6, 7, 8, 65279, 65280, 65535};
     Campaign campaign("model: calls of one thread");
     Model model;
     Indexes active;
     int32_t macros = 0;
-    for (uint32_t step = 1; !HasFailure() && campaign.Next(500); ++step)
+    for (uint32_t step = 1; !HasFailure() && campaign.Next(800); ++step)
     {
         SCOPED_TRACE(step);
         const uint16_t set = kSets[campaign.Random(std::size(kSets))];
@@ -203,7 +203,6 @@ TEST_F(ModelTest, EightThreadsWithATickingTimer)
             EXPECT_TRUE(kxRuleGetRule(other, rule, &got) != 0 || (IsWhole(got) && got.wRuleIndex == rule));
             const auto macro = Build::Macro("m", {Build::Item("t")});
             auto passing = Build::RuleSet(0, L"passing", {got});
-            char text[512] = {};
             switch (random() % 8)
             {
             case 0:
@@ -223,9 +222,9 @@ TEST_F(ModelTest, EightThreadsWithATickingTimer)
                 EXPECT_EQ(kxRuleGetMacro(nullptr, 0) % 177, 0);
                 break;
             case 4:
-                EXPECT_NE(kxRuleGetRuleString(other, rule, text, sizeof text), 0);
-                EXPECT_GT(kxRuleGetRuleString2(&got, text, sizeof text), 0);
-                EXPECT_GT(kxRuleGetMacroString(&*macro, text, sizeof text), 0);
+                EXPECT_NE(kxRuleGetRuleString(other, rule, nullptr, 0), 0);
+                EXPECT_GT(kxRuleGetRuleString2(&got, nullptr, 0), 0);
+                EXPECT_GT(kxRuleGetMacroString(&*macro, nullptr, 0), 0);
                 break;
             case 5:
             {
