@@ -46,13 +46,13 @@ TEST(RuleSet, ARescueAddsThreeRules)
     {
         std::vector<PFW_RULE> Read;
         int32_t Added;
-        TracedLine LastLine;
+        std::string LastLine;
     } cases[] = {
-        {{}, 3, {16, "\tAdded rescue rule (index=2:30002, rule=\"ACCESS,,,,,,ACCEPT\")"}},
-        {{Access(1), Access(2)}, 3, {16, "\tAdded rescue rule (index=2:30004, rule=\"ACCESS,,,,,,ACCEPT\")"}},
+        {{}, 3, "16 \tAdded rescue rule (index=2:30002, rule=\"ACCESS,,,,,,ACCEPT\")"},
+        {{Access(1), Access(2)}, 3, "16 \tAdded rescue rule (index=2:30004, rule=\"ACCESS,,,,,,ACCEPT\")"},
         // A refused rule leaves the count, and so the next rule's index, unchanged.
-        {{Access(1), Access(30002)}, 0, {256, "\tCRuleSet::AddRule() failed (nResult=-10019, index=2:30002)"}},
-        {full, 0, {256, "\tCRuleSet::AddRule() failed (nResult=-10018, index=2:31024)"}},
+        {{Access(1), Access(30002)}, 0, "256 \tCRuleSet::AddRule() failed (nResult=-10019, index=2:30002)"},
+        {full, 0, "256 \tCRuleSet::AddRule() failed (nResult=-10018, index=2:31024)"},
     };
     for (const auto& c : cases)
     {
@@ -60,8 +60,9 @@ TEST(RuleSet, ARescueAddsThreeRules)
         TraceSink trace;
         RuleSetRescue::MakeRescueSet(set);
         EXPECT_EQ(set.Name(), KXW("This is a rescue RuleSet for a broken/deleted RuleSet."));
-        ASSERT_EQ(trace.Lines().size(), 3u);
-        EXPECT_EQ(trace.Lines()[2], c.LastLine);
+        const std::vector<std::string> lines = trace.Take();
+        ASSERT_EQ(lines.size(), 3u);
+        EXPECT_EQ(lines.back(), c.LastLine);
         const int32_t before = static_cast<int32_t>(c.Read.size());
         ASSERT_EQ(set.RuleCount(), before + c.Added);
         for (int32_t i = 0; i < c.Added; ++i)
