@@ -1,11 +1,13 @@
 // Bytes as a rule or a macro: normalised, rendered, written, read back, shown as JSON. The first byte says which; after
 // it comes the record, followed by zeros, or the macro's name and its items.
+#include <algorithm>
 #include <array>
 #include <cstring>
 #include <memory>
 #include <string>
 
 #include "common/srclib/KxComn_Record.h"
+#include "policy/RuleFields.h"
 #include "policy/RulesText.h"
 #include "rules/Macro.h"
 #include "rules/Normalise.h"
@@ -100,36 +102,69 @@ void CheckLine(const PFW_RULE& rule)
     KX_REQUIRE(RuleText::Render(*alone, again) == KXRULE_OK && again == line);
 }
 
-void CheckRanges(const PFW_RULE& rule)
+/// What a rule made of the record holds: of an access rule, ranges in order, a program's name with an end, and the hash
+/// that is missing. Everything else stays as it is.
+PFW_RULE Stored(PFW_RULE rule, const FakeHashDll* library)
 {
-    for (const RULE_ADDR& item : rule.Access.Addr)
+    if (rule.dwKind != KXRULE_KIND_ACCESS && rule.dwKind != KXRULE_KIND_ACCESS2)
+        return rule;
+    for (RULE_ADDR& item : rule.Access.Addr)
     {
-        const bool isRange = item.dwType == KXRULE_ADDR_RANGE;
-        KX_REQUIRE(!isRange || item.dwFamily != KXRULE_FAMILY_IPV4 || item.Addr1.dwIPv4 <= item.Addr2.dwIPv4);
-        KX_REQUIRE(!isRange || item.dwFamily != KXRULE_FAMILY_IPV6 ||
-                   std::memcmp(item.Addr1.abIPv6, item.Addr2.abIPv6, sizeof item.Addr1) <= 0);
+        const bool isIPv4 = item.dwFamily == KXRULE_FAMILY_IPV4;
+        const bool isReversed = isIPv4 ? item.Addr1.dwIPv4 > item.Addr2.dwIPv4
+                                       : item.dwFamily == KXRULE_FAMILY_IPV6 &&
+                                             std::memcmp(&item.Addr1, &item.Addr2, sizeof item.Addr1) > 0;
+        if (item.dwType == KXRULE_ADDR_RANGE && isReversed)
+            std::swap_ranges(item.Addr1.abIPv6, item.Addr1.abIPv6 + (isIPv4 ? 4 : 16), item.Addr2.abIPv6);
     }
-    for (const RULE_PORT& item : rule.Access.Port)
-        KX_REQUIRE(item.nType != KXRULE_PORT_RANGE || item.wPort1 <= item.wPort2);
+    for (RULE_PORT& item : rule.Access.Port)
+    {
+        const uint16_t first = item.wPort1;
+        if (item.nType == KXRULE_PORT_RANGE && first > item.wPort2)
+        {
+            item.wPort1 = item.wPort2;
+            item.wPort2 = first;
+        }
+    }
+    const auto store = [&](auto& block)
+    {
+        block.wszAppName[KXRULE_APP_NAME_UNITS - 1] = 0;
+        const KxCommon::WideString program = KxPolicy::ApplicationOf(rule);
+        uint8_t* const hash = block.abAppHash;
+        if (program == KXW("SYSTEM"))
+        {
+            block.dwSystem = 1;
+            std::fill_n(hash, KXRULE_HASH_BYTES, uint8_t{0});
+        }
+        const bool isMissing = std::count(hash, hash + KXRULE_HASH_BYTES, 0) == KXRULE_HASH_BYTES;
+        if (library != nullptr && isMissing && !program.empty() && block.dwSystem == 0)
+            std::copy(library->Hash.begin(), library->Hash.end(), hash);
+    };
+    if (rule.dwKind == KXRULE_KIND_ACCESS)
+        store(rule.Access);
+    else
+        store(rule.Access2);
+    return rule;
 }
 
-void CheckNormalised(const PFW_RULE& given, const PFW_RULE& rule)
+void CheckStored(const PFW_RULE& given, FakeHashDll& library)
 {
-    const bool isAccess = given.dwKind == KXRULE_KIND_ACCESS;
-    if (!isAccess && given.dwKind != KXRULE_KIND_ACCESS2)
-        return KX_REQUIRE(Same(given, rule));
-    CheckRanges(rule);
-    KX_REQUIRE((isAccess ? rule.Access.wszAppName : rule.Access2.wszAppName)[KXRULE_APP_NAME_UNITS - 1] == 0);
-    KX_REQUIRE(Same(CRule(rule).Record(), rule));
-    // Except for ranges, the name's end, the hash and the flag after it, nothing changes.
-    const size_t ends = isAccess ? offsetof(PFW_RULE, Access.dwSystem) : offsetof(PFW_RULE, Access2.dwSystem);
-    const uint8_t* const before = reinterpret_cast<const uint8_t*>(&given);
-    const uint8_t* const after = reinterpret_cast<const uint8_t*>(&rule);
-    const auto same = [=](size_t begin, size_t end)
-    { return std::memcmp(before + begin, after + begin, end - begin) == 0; };
-    KX_REQUIRE(same(0, offsetof(PFW_RULE, Access.Addr)));
-    KX_REQUIRE(same(offsetof(PFW_RULE, Access.dwAction), ends - KXRULE_HASH_BYTES - sizeof(KXWCHAR)));
-    KX_REQUIRE(same(ends + sizeof(uint32_t), sizeof rule));
+    library.LoadFails = true;
+    const PFW_RULE unhashed = CRule(given).Record();
+    KX_REQUIRE(Same(unhashed, Stored(given, nullptr)));
+    library.LoadFails = false;
+    const PFW_RULE stored = Stored(given, &library);
+    const bool isAsked = !Same(stored, unhashed);
+    for (const int32_t status : {5, 0}) // what a failing library leaves in the field stays there
+    {
+        library.Status = status;
+        library.LoadCount = 0;
+        library.Hashed.clear();
+        KX_REQUIRE(Same(CRule(given).Record(), stored));
+        KX_REQUIRE(library.LoadCount == (isAsked ? 1 : 0) && library.Hashed.size() == (isAsked ? 1u : 0u));
+        KX_REQUIRE(!isAsked || library.Hashed[0] == KxPolicy::ApplicationOf(stored));
+    }
+    KX_REQUIRE(Same(CRule(stored).Record(), stored));
 }
 
 void CheckHash(CRule rule)
@@ -170,13 +205,13 @@ void CheckJson(const PFW_RULE& rule)
     KX_REQUIRE(errors.size() == (isRefused ? 1 : 0) && Same(read, rule));
 }
 
-void CheckRule(Fuzz::Input& input)
+void CheckRule(Fuzz::Input& input, FakeHashDll& library)
 {
     const auto given = std::make_unique<PFW_RULE>();
     std::memset(static_cast<void*>(given.get()), 0, sizeof *given);
     input.TakeInto(given.get(), sizeof *given);
+    CheckStored(*given, library);
     const CRule rule(*given);
-    CheckNormalised(*given, rule.Record());
     CheckLine(rule.Record());
     CheckHash(rule);
     CheckFile(rule.Record());
@@ -194,6 +229,7 @@ void CheckMacro(Fuzz::Input& input)
         head.nItemCount = static_cast<int32_t>(count);
     const CMacro macro(head);
     KX_REQUIRE(macro.Items().size() == (head.nItemCount > 0 ? count : 0));
+    KX_REQUIRE(macro.Name() == std::string(head.szName, ::strnlen(head.szName, sizeof head.szName - 1)));
 
     std::string text = "before";
     const int32_t result = macro.GetMacroString(text);
@@ -211,7 +247,8 @@ void CheckMacro(Fuzz::Input& input)
     }
     KX_REQUIRE(macro.Items().empty() || text == expected);
 
-    std::vector<uint8_t> copy(macro.RecordBytes());
+    std::vector<uint8_t> copy(KXRULE_MACRO_BYTES(macro.Items().size()));
+    KX_REQUIRE(macro.RecordBytes() == copy.size());
     macro.CopyRecord(copy.data());
     const CMacro copied(*reinterpret_cast<const PFW_MACRO*>(copy.data()));
     KX_REQUIRE(copied.Name() == macro.Name() && SameRecords(copied.Items(), macro.Items()));
@@ -230,7 +267,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
     library.Hash.fill(0xAB);
     Fuzz::Input input(data, size);
     if (input.Take<uint8_t>() % 2 == 0)
-        CheckRule(input);
+        CheckRule(input, library);
     else
         CheckMacro(input);
     return 0;
