@@ -6,21 +6,26 @@
 #include <iterator>
 #include <vector>
 
-extern "C" int FilesFuzz(const uint8_t* data, size_t size);
-extern "C" int PolicyFuzz(const uint8_t* data, size_t size);
-extern "C" int RuleFuzz(const uint8_t* data, size_t size);
+using Target = int(const uint8_t* data, size_t size);
+extern "C" Target FilesFuzz, PolicyFuzz, RuleFuzz;
 
 namespace
 {
 
-void Replay(const char* folder, int (*target)(const uint8_t*, size_t))
+void ReplayFile(const std::filesystem::path& path, Target* target) // tests run in the root of the tree
+{
+    std::ifstream stream(path, std::ios::binary);
+    const std::vector<char> bytes(std::istreambuf_iterator<char>(stream), {});
+    EXPECT_FALSE(bytes.empty()) << path;
+    EXPECT_NO_THROW(target(reinterpret_cast<const uint8_t*>(bytes.data()), bytes.size())) << path;
+}
+
+void Replay(const char* folder, Target* target)
 {
     size_t count = 0;
-    for (const auto& entry : std::filesystem::directory_iterator(folder)) // tests run in the root of the tree
+    for (const auto& entry : std::filesystem::directory_iterator(folder))
     {
-        std::ifstream stream(entry.path(), std::ios::binary);
-        const std::vector<char> bytes(std::istreambuf_iterator<char>(stream), {});
-        EXPECT_NO_THROW(target(reinterpret_cast<const uint8_t*>(bytes.data()), bytes.size())) << entry.path();
+        ReplayFile(entry.path(), target);
         ++count;
     }
     EXPECT_GT(count, 40u);
@@ -36,6 +41,7 @@ TEST(Fuzz, FilesReplayed)
 TEST(Fuzz, PoliciesReplayed)
 {
     Replay("tests/fuzz/corpus/policy_fuzz", PolicyFuzz);
+    ReplayFile("examples/workstation.json", PolicyFuzz);
 }
 
 TEST(Fuzz, RulesReplayed)
