@@ -1,5 +1,5 @@
-// Bytes as a policy in JSON. What is read must come back unchanged when written and read again; a refusal must say
-// where and why.
+// Bytes as a policy, in JSON or as text. What is read must come back unchanged when written and read again; a refusal
+// must say where and why.
 #include <string>
 #include <string_view>
 
@@ -35,15 +35,8 @@ bool Same(const Policy& a, const Policy& b)
            std::equal(a.RuleSets.begin(), a.RuleSets.end(), b.RuleSets.begin(), b.RuleSets.end(), sameSet);
 }
 
-void CheckPolicy(std::string_view text)
+void CheckDiagnostics(bool isRead, const std::vector<KxPolicy::Diagnostic>& errors)
 {
-    Policy policy;
-    std::vector<KxPolicy::Diagnostic> errors;
-    bool isRead;
-    {
-        const Fuzz::MemoryBound bound(kMostMemory + kMostGrowth * text.size());
-        isRead = KxPolicy::ReadPolicy(text, policy, errors);
-    }
     KX_REQUIRE(isRead == errors.empty());
     const KxPolicy::Diagnostic* last = nullptr;
     for (const KxPolicy::Diagnostic& error : errors)
@@ -53,6 +46,22 @@ void CheckPolicy(std::string_view text)
                    (last->Line == error.Line && last->Column <= error.Column));
         last = &error;
     }
+}
+
+void CheckPolicy(std::string_view text)
+{
+    Policy any;
+    std::vector<KxPolicy::Diagnostic> found;
+    const bool isAny = KxPolicy::ReadAnyPolicy(text, any, found);
+    CheckDiagnostics(isAny, found);
+    Policy policy;
+    std::vector<KxPolicy::Diagnostic> errors;
+    bool isRead;
+    {
+        const Fuzz::MemoryBound bound(kMostMemory + kMostGrowth * text.size());
+        isRead = KxPolicy::ReadPolicy(text, policy, errors);
+    }
+    CheckDiagnostics(isRead, errors);
     if (!isRead)
         return;
 

@@ -247,7 +247,7 @@ void CheckMacro(Fuzz::Input& input)
     }
     KX_REQUIRE(macro.Items().empty() || text == expected);
 
-    std::vector<uint8_t> copy(KXRULE_MACRO_BYTES(macro.Items().size()));
+    std::vector<uint8_t> copy(KXRULE_MACRO_BYTES(macro.Items().size()), 'x');
     KX_REQUIRE(macro.RecordBytes() == copy.size());
     macro.CopyRecord(copy.data());
     const CMacro copied(*reinterpret_cast<const PFW_MACRO*>(copy.data()));

@@ -21,7 +21,7 @@ std::vector<const BlockCipher*> Ciphers()
     return ciphers;
 }
 
-// Several chains, or one, in place. The initialisation vectors stay as the cipher leaves them.
+// Several chains, or one, in place.
 void Encrypt(const BlockCipher& cipher, const KeySchedule& keys, std::vector<Bytes>& ivs, std::vector<Bytes>& chains)
 {
     uint8_t* work[kMostChains];
@@ -34,6 +34,26 @@ void Encrypt(const BlockCipher& cipher, const KeySchedule& keys, std::vector<Byt
     cipher.EncryptChains(keys, work, work, blocks, chains.size(), chains[0].size() / kBlock);
     for (size_t i = 0; i < chains.size(); ++i)
         ivs[i].assign(blocks[i], blocks[i] + kBlock);
+}
+
+// Both ways, with every cipher. The initialisation vectors are left as the last blocks of the chains.
+void Check(const KeySchedule& keys, const std::vector<Bytes>& ivs, const std::vector<Bytes>& plain,
+           const std::vector<Bytes>& expected)
+{
+    for (const BlockCipher* const cipher : Ciphers())
+    {
+        SCOPED_TRACE(testing::Message() << plain.size() << " x " << plain[0].size() << ", " << cipher->Name);
+        std::vector<Bytes> chains = plain, left = ivs;
+        Encrypt(*cipher, keys, left, chains);
+        EXPECT_TRUE(chains == expected);
+        for (size_t i = 0; i < plain.size(); ++i)
+        {
+            Bytes iv = ivs[i], back(plain[i].size());
+            cipher->DecryptChain(keys, expected[i].data(), back.data(), iv.data(), back.size() / kBlock);
+            EXPECT_TRUE(back == plain[i] && iv == left[i]);
+            EXPECT_TRUE(back.empty() ? iv == ivs[i] : std::equal(iv.begin(), iv.end(), expected[i].end() - kBlock));
+        }
+    }
 }
 
 TEST(Aes128, PublishedVectors)
@@ -56,19 +76,8 @@ TEST(Aes128, PublishedVectors)
     };
     for (const auto& c : cases)
     {
-        const KeySchedule keys(FromHex(c.Key).data());
-        for (const BlockCipher* const cipher : Ciphers())
-        {
-            SCOPED_TRACE(testing::Message() << c.Name << ", " << cipher->Name);
-            std::vector<Bytes> ivs = {FromHex(c.Iv)};
-            std::vector<Bytes> chains = {FromHex(c.Plain)};
-            Encrypt(*cipher, keys, ivs, chains);
-            EXPECT_EQ(chains[0], FromHex(c.Cipher));
-            Bytes iv = FromHex(c.Iv);
-            Bytes back(chains[0].size());
-            cipher->DecryptChain(keys, chains[0].data(), back.data(), iv.data(), back.size() / kBlock);
-            EXPECT_EQ(back, FromHex(c.Plain));
-        }
+        SCOPED_TRACE(c.Name);
+        Check(KeySchedule(FromHex(c.Key).data()), {FromHex(c.Iv)}, {FromHex(c.Plain)}, {FromHex(c.Cipher)});
     }
 }
 
@@ -87,28 +96,15 @@ TEST(Aes128, CiphersAgree)
         for (const size_t blocks : {0, 1, 2, 7, 8, 9, 31})
         {
             const KeySchedule keys(randomBytes(kBlock).data());
-            std::vector<Bytes> plain;
-            std::vector<Bytes> ivs;
+            std::vector<Bytes> plain, ivs;
             for (size_t i = 0; i < count; ++i)
             {
                 plain.push_back(randomBytes(blocks * kBlock));
                 ivs.push_back(randomBytes(kBlock));
             }
-            std::vector<Bytes> expected = plain;
-            std::vector<Bytes> expectedIvs = ivs;
-            Encrypt(PortableCipher(), keys, expectedIvs, expected);
-            for (const BlockCipher* const cipher : Ciphers())
-            {
-                SCOPED_TRACE(testing::Message() << count << " x " << blocks << ", " << cipher->Name);
-                std::vector<Bytes> work = plain;
-                std::vector<Bytes> workIvs = ivs;
-                Encrypt(*cipher, keys, workIvs, work);
-                EXPECT_TRUE(work == expected && workIvs == expectedIvs);
-                Bytes back(blocks * kBlock);
-                Bytes iv = ivs[0];
-                cipher->DecryptChain(keys, work[0].data(), back.data(), iv.data(), blocks);
-                EXPECT_TRUE(back == plain[0] && iv == expectedIvs[0]);
-            }
+            std::vector<Bytes> expected = plain, left = ivs;
+            Encrypt(PortableCipher(), keys, left, expected);
+            Check(keys, ivs, plain, expected);
         }
     }
 }

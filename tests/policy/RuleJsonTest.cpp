@@ -46,7 +46,7 @@ TEST(RuleJson, ReadsLinesOfText)
         {"access,tcp,10.0.0.1:10.0.0.9,,,80,accept description=\"a b\"  application=C:\\a.exe",
          "ACCESS,TCP,10.0.0.1:10.0.0.9,,,80,ACCEPT  description=\"a b\"  application=C:\\a.exe"},
         {"ACCESS,TCP,,,,80,ACCEPT  ports=any,list:80", nullptr},
-        {"NAT,ANY,,,10.0.0.1,80,,8080,DNAT", nullptr},
+        {"NAT,ANY,,,10.0.0.1,80,,8080,DNAT\r\n", "NAT,ANY,,,10.0.0.1,80,,8080,DNAT"},
         {"THROTTLE,UDP,,,,53,1,2,3,4,5,65535", nullptr},
         {"STREAM,HTTP,,,85,DROP,0:0:x80,GET /a, b", nullptr},
         {"STREAM,HTTP,,,85,DROP,0:0:,", nullptr},

@@ -88,11 +88,17 @@ const struct UpdateCase
     {"unknown system value, path given", 2, kApp, 5, KXW("C:\\a.exe"), 6, Untouched},
 };
 
-// The context is the expected record.
-int32_t CheckCallback(uint32_t ruleSetIndex, const PFW_RULE* rule, void* context)
+struct Call
 {
+    PFW_RULE Expected;
+    int Count = 0;
+};
+
+int32_t CheckCall(uint32_t ruleSetIndex, const PFW_RULE* rule, void* context)
+{
+    ++static_cast<Call*>(context)->Count;
     EXPECT_EQ(ruleSetIndex, 3u);
-    EXPECT_EQ(std::memcmp(rule, context, 2845), 0) << "called after the change";
+    EXPECT_EQ(std::memcmp(rule, &static_cast<Call*>(context)->Expected, 2845), 0) << "called after the change";
     return -1; // no concern of the library's
 }
 
@@ -101,9 +107,9 @@ void CheckUpdate(const UpdateCase& c, uint32_t kind, Outcome outcome, FakeHashDl
     CRule rule;
     rule.SetRule(RuleFor(kind, c.Application, c.System, c.Hash));
     const bool isChanged = outcome == Changes;
-    const KXRULE_HASH_CALLBACK callback = kind == 6 ? nullptr : CheckCallback;
+    const KXRULE_HASH_CALLBACK callback = kind == 6 ? nullptr : CheckCall;
     const int hashAfter = !isChanged ? c.Hash : c.System != 0 ? c.Given : kComputed;
-    PFW_RULE expected = RuleFor(kind, c.Application, c.System, hashAfter);
+    Call call{RuleFor(kind, c.Application, c.System, hashAfter)};
     const Hash given = HashOf(c.Given);
     const std::vector<uint16_t> before = kind == 1 ? std::vector<uint16_t>{9} : std::vector<uint16_t>{3, 9};
     std::vector<uint16_t> changed = before;
@@ -119,12 +125,12 @@ void CheckUpdate(const UpdateCase& c, uint32_t kind, Outcome outcome, FakeHashDl
         lines.push_back("1 Call callback function");
 
     TraceSink trace;
-    EXPECT_EQ(rule.UpdateHash(3, c.Path, c.Given < 0 ? nullptr : given.data(), callback, &expected, changed, lock),
-              result)
+    EXPECT_EQ(rule.UpdateHash(3, c.Path, c.Given < 0 ? nullptr : given.data(), callback, &call, changed, lock), result)
         << c.Name;
     EXPECT_EQ(trace.Take(), lines) << c.Name;
-    EXPECT_EQ(std::memcmp(&rule.Record(), &expected, 2845), 0) << c.Name << ", kind " << kind;
+    EXPECT_EQ(std::memcmp(&rule.Record(), &call.Expected, 2845), 0) << c.Name << ", kind " << kind;
     EXPECT_EQ(lock.Count, isChanged ? 1 : 0) << c.Name;
+    EXPECT_EQ(call.Count, isChanged && callback != nullptr ? 1 : 0) << c.Name;
     EXPECT_EQ(changed, isChanged && kind == 1 ? (std::vector<uint16_t>{9, 3}) : before) << c.Name;
 }
 

@@ -20,21 +20,16 @@ using namespace Build;
 const std::string kBefore = "what was there before";
 
 template <class Item>
-struct ItemCase
-{
-    const char* Name;
-    Item Value;
-    std::string Text;
-};
+using ItemCases = std::vector<std::tuple<const char*, Item, std::string>>;
 
-template <class Item, size_t count>
-void CheckItems(void (&append)(std::string&, const Item&), const ItemCase<Item> (&cases)[count])
+template <class Item>
+void CheckItems(void (&append)(std::string&, const Item&), const ItemCases<Item>& cases)
 {
-    for (const ItemCase<Item>& c : cases)
+    for (const auto& [name, item, expected] : cases)
     {
         std::string text = kBefore;
-        append(text, c.Value);
-        EXPECT_EQ(text, kBefore + c.Text) << c.Name;
+        append(text, item);
+        EXPECT_EQ(text, kBefore + expected) << name;
     }
 }
 
@@ -47,7 +42,7 @@ TEST(RuleText, ShowsAddresses)
 {
     RULE_ADDR noFamily = OfType(2);
     noFamily.dwFamily = 0;
-    const ItemCase<RULE_ADDR> cases[] = {
+    const ItemCases<RULE_ADDR> cases = {
         {"any", OfType(1), ""},
         {"single", Single(Ip(255, 255, 255, 255)), "255.255.255.255"},
         {"mask", OfType(3), "!10.1.2.255/0.0.0.8"},
@@ -67,7 +62,7 @@ TEST(RuleText, ShowsAddresses)
 
 TEST(RuleText, ShowsPorts)
 {
-    const ItemCase<RULE_PORT> cases[] = {
+    const ItemCases<RULE_PORT> cases = {
         {"negative type", Port(-1, 80), ""},
         {"none", Port(0, 80), ""},
         {"any", Port(1, 80), ""},

@@ -49,6 +49,8 @@ size_t Occurrences(const std::string& text, const std::string& what)
 TEST(Report, ShowsAWholePolicy)
 {
     Tool::Policy policy = Workstation();
+    for (const Tool::Warning& warning : Tool::FindWarnings(policy))
+        EXPECT_EQ(warning.Kind, Tool::WarningKind::NoHash) << warning.RuleSetIndex << " " << warning.RuleIndex;
     const std::string hostile = "</td></style><script>alert(1)</script>&lt;\"'\x01";
     PFW_RULE rule = Build::Access(1, KXW("C:\\<b>&\"'.exe"));
     Build::SetText(&rule.wszDescription, KXRULE_DESCRIPTION_UNITS,
@@ -73,12 +75,6 @@ TEST(Report, ShowsAWholePolicy)
         std::ofstream(file, std::ios::binary) << page;
     if (const char* const file = std::getenv("KX_EXPORTED_POLICY"))
         std::ofstream(file, std::ios::binary) << Tool::PolicyToJson(policy);
-}
-
-TEST(Report, TheExampleHasNoRuleInVain)
-{
-    for (const Tool::Warning& warning : Tool::FindWarnings(Workstation()))
-        EXPECT_EQ(warning.Kind, Tool::WarningKind::NoHash) << warning.RuleSetIndex << " " << warning.RuleIndex;
 }
 
 // What each place of the page says, and in which class.
@@ -203,14 +199,13 @@ TEST(Report, Warns)
             << c.RuleSets;
         std::string warnings;
         for (const Tool::Warning& warning : Tool::FindWarnings(policy))
+        {
             warnings += (warnings.empty() ? "" : "; ") + std::to_string(warning.RuleSetIndex) +
                         (warning.HasRule ? "/" + std::to_string(warning.RuleIndex) : "") + " " +
                         (warning.Kind == Kind::Covered     ? "in vain: "
                          : warning.Kind == Kind::Redundant ? "redundant: "
                                                            : "") +
                         warning.Text;
-        for (const Tool::Warning& warning : Tool::FindWarnings(policy))
-        {
             for (const Tool::RuleRef& by : warning.By)
                 warnings += " " + std::to_string(by.RuleSet->Index) + "/" + std::to_string(by.Rule->wRuleIndex);
         }
