@@ -2,11 +2,11 @@
 #pragma once
 
 #include <algorithm>
-#include <cstdio>
 #include <set>
 #include <utility>
 
 #include "api/include/KxPfwRule.h"
+#include "persistence/RuleFileNames.h"
 #include "tests/torture/crash/Models.h"
 #include "tests/torture/crash/Story.h"
 
@@ -166,10 +166,8 @@ private:
     {
         const auto lacks = [&](const Content& content) { return content.Set(index).empty(); };
         const auto isKept = [&](const Content& content) { return MayMove(content.Set(index)); };
-        char name[16] = ""; // of a file that is looked for anyway
-        std::snprintf(name, sizeof name, "KxRl%04X.dat", index);
-        if (m_Recording.Hidden.count(kDirectory + std::string(name)) != 0)
-            return;
+        if (m_Recording.Hidden.count(kDirectory + RuleFiles::RuleSetFileName(index)) != 0)
+            return; // it is looked for anyway
         if ((now.empty() || IsRescue(now)) && !m_Recording.Wanted.empty() && !IsAny(m_Recording.Wanted, lacks) &&
             !IsAny(m_Recording.Wanted, isKept))
             Lose("set " + std::to_string(index) + " is gone for good");

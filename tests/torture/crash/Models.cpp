@@ -50,71 +50,58 @@ std::string Survivors(const std::string& bytes, Bytes what)
 class Enumeration
 {
 public:
-    Enumeration(const Disk& base, const std::vector<Step>& steps, const Visitor& visit)
-        : m_Base(base), m_Steps(steps), m_Visit(visit)
+    Enumeration(Model model, const Disk& base, const std::vector<Step>& steps, const State& from, const Visitor& visit)
+        : m_Model(model), m_Steps(steps), m_Visit(visit), m_State(from)
     {
+        m_State.Left = base;
     }
 
-    void Run(Model model, const State& from)
+    void Run()
     {
-        m_Acknowledged = from.Acknowledged;
-        m_Attempted = from.Attempted;
         size_t ordered = 0; // steps before this one are on the disk
-        for (size_t done = 0; done <= m_Steps.size(); ++done)
+        for (m_State.Done = 0; m_State.Done <= m_Steps.size(); ++m_State.Done)
         {
-            if (done > 0)
-                Note(m_Steps[done - 1], done, ordered);
-            m_IsThere.assign(done, true);
-            if (model == Model::Kill)
-                Visit(done, Bytes::All);
-            else if (model == Model::Journal)
-                VisitPrefixes(done, ordered);
+            if (m_State.Done > 0)
+                Note(m_Steps[m_State.Done - 1], ordered);
+            m_IsThere.assign(m_State.Done, true);
+            if (m_Model == Model::Kill)
+                Visit(Bytes::All);
             else
-                VisitSubsets(done, ordered, ordered, kMostSubsets);
+                VisitNames(ordered, ordered, kMostSubsets);
         }
     }
 
 private:
-    void Note(const Step& step, size_t done, size_t& ordered)
+    void Note(const Step& step, size_t& ordered)
     {
         if (step.What == Step::Kind::Acknowledge)
-            m_Acknowledged = static_cast<size_t>(step.File);
+            m_State.Acknowledged = static_cast<size_t>(step.File);
         if (step.What == Step::Kind::Attempt)
-            m_Attempted = static_cast<size_t>(step.File);
+            m_State.Attempted = static_cast<size_t>(step.File);
         if (step.What == Step::Kind::Flush || step.IsThrough)
-            ordered = done;
+            ordered = m_State.Done;
     }
-    // Names up to any step after the last one that is certain.
-    void VisitPrefixes(size_t done, size_t ordered)
+    // Every selection of the steps on names from next on, except steps that need a missing one.
+    void VisitNames(size_t ordered, size_t next, size_t most)
     {
-        VisitBytes(done);
-        for (size_t last = done; last-- > ordered;)
-        {
-            m_IsThere[last] = false;
-            if (m_Steps[last].IsOfNames())
-                VisitBytes(done);
-        }
-    }
-    // Every selection of the steps from next on, except steps that need a missing one.
-    void VisitSubsets(size_t done, size_t ordered, size_t next, size_t most)
-    {
-        while (next < done && !m_Steps[next].IsOfNames())
+        while (next < m_State.Done && !m_Steps[next].IsOfNames())
             ++next;
-        if (next == done)
-            return VisitBytes(done);
+        if (next == m_State.Done)
+            return VisitBytes();
         const bool isPossible = !NeedsMissing(next, ordered);
         if (isPossible)
         {
             m_IsThere[next] = true;
-            VisitSubsets(done, ordered, next + 1, most / 2);
+            VisitNames(ordered, next + 1, most / 2);
         }
         if (!isPossible || most > 1)
         {
             m_IsThere[next] = false;
-            VisitSubsets(done, ordered, next + 1, most / 2);
+            VisitNames(ordered, next + 1, most / 2);
             m_IsThere[next] = true;
         }
     }
+    // In a journal every step needs those before it.
     [[nodiscard]] bool NeedsMissing(size_t step, size_t ordered) const
     {
         const auto isIn = [](const std::string& path, const std::string& name) // the same, or in that directory
@@ -129,28 +116,29 @@ private:
         {
             const Step& early = m_Steps[i];
             if (!m_IsThere[i] && early.IsOfNames() &&
-                (touches(early.Path, late.Path) || touches(early.Path, late.To) || touches(early.To, late.Path) ||
-                 touches(early.To, late.To)))
+                (m_Model == Model::Journal || touches(early.Path, late.Path) || touches(early.Path, late.To) ||
+                 touches(early.To, late.Path) || touches(early.To, late.To)))
                 return true;
         }
         return false;
     }
-    void VisitBytes(size_t done)
+    void VisitBytes()
     {
         for (int what = 0; what <= static_cast<int>(Bytes::Last); ++what)
         {
-            if (!Visit(done, static_cast<Bytes>(what)))
+            if (!Visit(static_cast<Bytes>(what)))
                 break; // everything was flushed
         }
     }
 
     // False when there were no bytes to lose.
-    bool Visit(size_t done, Bytes what)
+    bool Visit(Bytes what)
     {
-        State state{m_Base, done, m_Acknowledged, m_Attempted, kBytesText[static_cast<int>(what)]};
+        State state = m_State;
+        state.Missing = kBytesText[static_cast<int>(what)];
         std::map<int, std::string> unflushed;
         std::set<int> unborn; // files whose creation or truncation is missing: nothing reaches them
-        for (size_t i = 0; i < done; ++i)
+        for (size_t i = 0; i < state.Done; ++i)
         {
             const Step& step = m_Steps[i];
             if (step.What == Step::Kind::Write)
@@ -188,10 +176,10 @@ private:
         return isAnyLost;
     }
 
-    const Disk& m_Base;
+    const Model m_Model;
     const std::vector<Step>& m_Steps;
     const Visitor& m_Visit;
-    size_t m_Acknowledged = 0, m_Attempted = 0;
+    State m_State; // before the steps are applied
     std::vector<bool> m_IsThere;
 };
 
@@ -199,12 +187,12 @@ private:
 
 void Enumerate(Model model, const Disk& base, const std::vector<Step>& steps, const State& from, const Visitor& visit)
 {
-    Enumeration(base, steps, visit).Run(model, from);
+    Enumeration(model, base, steps, from, visit).Run();
 }
 
 // ------------------------------------------------------------------------------------------------- planted faults --
 
-std::vector<Step> Plant(PlantedFault fault, const Disk& base, const std::vector<Step>& steps)
+std::vector<Step> Plant(const std::string& fault, const Disk& base, const std::vector<Step>& steps)
 {
     using Kind = Step::Kind;
     std::vector<Step> planted, late; // late: what is done after the next move
@@ -218,18 +206,18 @@ std::vector<Step> Plant(PlantedFault fault, const Disk& base, const std::vector<
     {
         const bool isReplacing = step.What == Kind::Move && step.Path.ends_with(".tmp");
         const bool isKeeping = step.Path.find("RuleBackup\\") != std::string::npos && step.What <= Kind::Flush;
-        if (step.What == Kind::Flush && fault == PlantedFault::FlushDropped)
+        if (step.What == Kind::Flush && fault == "flush dropped")
             continue;
-        if ((step.What == Kind::Flush && fault == PlantedFault::FlushAfterMove) ||
-            (isKeeping && fault == PlantedFault::KeptAfterOverwrite) ||
-            (isReplacing && step.To.find("\\KxRl") != std::string::npos && fault == PlantedFault::MasterBeforeSet))
+        if ((step.What == Kind::Flush && fault == "flush after the move") ||
+            (isKeeping && fault == "copy kept after the overwrite") ||
+            (isReplacing && step.To.find("\\KxRl") != std::string::npos && fault == "master before the set"))
         {
             late.push_back(step);
             continue;
         }
-        if (isReplacing && fault == PlantedFault::DeletedBeforeMove && disk.Has(step.To))
+        if (isReplacing && fault == "deleted before the move" && disk.Has(step.To))
             plant({Kind::Delete, step.To});
-        if (isReplacing && fault == PlantedFault::WrittenInPlace)
+        if (isReplacing && fault == "written in place")
         {
             const int number = disk.NumberFor(step.To);
             plant({Kind::Create, step.To, {}, number});
@@ -241,7 +229,7 @@ std::vector<Step> Plant(PlantedFault fault, const Disk& base, const std::vector<
         {
             plant(step);
         }
-        const bool isMaster = fault == PlantedFault::MasterBeforeSet && step.To.find("Mas") == std::string::npos;
+        const bool isMaster = fault == "master before the set" && step.To.find("Mas") == std::string::npos;
         if (step.What != Kind::Acknowledge && (!isReplacing || isMaster))
             continue;
         std::for_each(late.begin(), late.end(), plant);

@@ -31,17 +31,8 @@ using Visitor = std::function<void(const State&)>;
 /// Visits every state, many of them more than once. from says what was acknowledged and attempted before the steps.
 void Enumerate(Model model, const Disk& base, const std::vector<Step>& steps, const State& from, const Visitor& visit);
 
-enum class PlantedFault
-{
-    FlushDropped,
-    FlushAfterMove,
-    WrittenInPlace,
-    DeletedBeforeMove,
-    MasterBeforeSet,
-    KeptAfterOverwrite // a copy of what is replaced
-};
-
-/// The same steps as done by a library with that fault.
-std::vector<Step> Plant(PlantedFault fault, const Disk& base, const std::vector<Step>& steps);
+/// The same steps as done by a library with that fault: "flush dropped", "flush after the move", "written in place",
+/// "deleted before the move", "master before the set" or "copy kept after the overwrite".
+std::vector<Step> Plant(const std::string& fault, const Disk& base, const std::vector<Step>& steps);
 
 } // namespace Crash

@@ -1,11 +1,11 @@
 #include "tests/torture/crash/Story.h"
 
-#include <cstdio>
 #include <sstream>
 
 #include "common/srclib/KxComn_CriticalSection.h"
 #include "persistence/Copies.h"
 #include "persistence/Files.h"
+#include "persistence/RuleFileNames.h"
 #include "repository/RuleMaster.h"
 #include "tests/support/FileContent.h"
 #include "tests/support/RecordBuilder.h"
@@ -100,9 +100,7 @@ struct Story::Words
     [[nodiscard]] uint16_t Number(size_t i) const { return static_cast<uint16_t>(Result(i)); }
     [[nodiscard]] std::string Path(size_t i) const
     {
-        char name[32] = "";
-        std::snprintf(name, sizeof name, "KxRl%04X.dat", static_cast<unsigned>(Number(i)));
-        return Directory + (Number(i) != 0 ? name : Rest.at(i));
+        return Directory + (Number(i) != 0 ? RuleFiles::RuleSetFileName(Number(i)) : Rest.at(i));
     }
 };
 
@@ -166,24 +164,15 @@ bool Story::Live(const Words& w)
         m_Life.reset();
     else if (w.Verb == "stop")
     {
-        Save(
-            Now(), [&] { return m_Life->Master.Finalize(); }, 0, false);
+        Save(Now(), 0, false, [&] { return m_Life->Master.Finalize(); });
         m_Life.reset();
     }
     else if (w.Verb == "write")
-        Save(
-            Now(), [&] { return m_Life->Master.WriteAll(); }, w.Result(0));
+        Save(Now(), w.Result(0), true, [&] { return m_Life->Master.WriteAll(); });
     else if (w.Verb == "flush")
-        Save(Now(), [&] { return m_Life->Master.FlushRule(); });
+        Save(Now(), 0, true, [&] { return m_Life->Master.FlushRule(); });
     else if (w.Verb == "tick")
-    {
-        const auto tick = [this]
-        {
-            CRuleMaster::CallbackFuncWriteTimeOut(&m_Life->Master);
-            return 0;
-        };
-        Save(Now(), tick, 0, false);
-    }
+        Save(Now(), 0, false, [&] { return CRuleMaster::CallbackFuncWriteTimeOut(&m_Life->Master), 0; });
     else if (w.Verb == "set")
         Expect(m_Life->AddSet(number, w.Rest.size() > 1 ? w.Number(1) : uint16_t{2}));
     else if (w.Verb == "rule")
@@ -198,8 +187,7 @@ bool Story::Live(const Words& w)
         content.Sets.erase(number);
         if (number == 0)
             content.Sets.clear();
-        Save(
-            content, [&] { return m_Life->Master.DeleteRuleSet(number); }, 0, false);
+        Save(content, 0, false, [&] { return m_Life->Master.DeleteRuleSet(number); });
     }
     else if (w.Verb == "macro")
         m_Life->Master.AddMacro(CMacro(w.Rest.at(0), {Build::Item("x")}));
@@ -285,7 +273,8 @@ void Story::Restore()
         return Expect(1);
     std::vector<std::string> names;
     std::string failed;
-    Save(copy.Now(), [&] { return backup.FindFiles(names) && Copies::PutFiles(backup, store, names, failed) ? 0 : 1; });
+    Save(copy.Now(), 0, true,
+         [&] { return backup.FindFiles(names) && Copies::PutFiles(backup, store, names, failed) ? 0 : 1; });
 }
 
 void Story::Expect(int32_t result, int32_t expected)
@@ -295,7 +284,7 @@ void Story::Expect(int32_t result, int32_t expected)
         Surprises.push_back(std::to_string(result) + " from:");
 }
 
-void Story::Save(const Content& content, const std::function<int32_t()>& call, int32_t expected, bool isTold)
+void Story::Save(const Content& content, int32_t expected, bool isTold, const std::function<int32_t()>& call)
 {
     Contents.push_back(content);
     const int number = static_cast<int>(Contents.size() - 1);

@@ -66,7 +66,7 @@ private:
     void Expect(int32_t result, int32_t expected = 0);
     /// Calls what puts the content on the disk. Result 0 acknowledges it, unless isTold is false and a system call was
     /// refused, which the result does not report.
-    void Save(const Content& content, const std::function<int32_t()>& call, int32_t expected = 0, bool isTold = true);
+    void Save(const Content& content, int32_t expected, bool isTold, const std::function<int32_t()>& call);
     [[nodiscard]] std::string ReadFile(const std::string& path) const;
     void PutFile(const std::string& path, const std::string& content) const;
 
