@@ -18,28 +18,20 @@ constexpr uint32_t kRecord = 2845;
 constexpr size_t kRecordOnDisk = 4 + 2848;
 
 // Ciphertexts of `openssl enc -aes-128-cbc` with the library's key, after their length.
-const char* const kEmpty = "00000000";
-const char* const kU16Is1234 = "10000000 049bfe3706ded607432b0037ff09f2a8";
-const char* const kU32Is0 = "10000000 834e07d1d78dcca794a2b51985afa1cc";
-const char* const kU32Is2 = "10000000 43417d2a0429bb0c0b599c69945c2cc3";
-const char* const kU32Is4 = "10000000 4d04b588dcc5cd37c72852d48d04dda5";
-const char* const kU32Is5 = "10000000 4d72a4be016726c680ab9209109321ef";
-const char* const kU32Is17 = "10000000 477003bee4ea8e6a20cc9a89752c21d9";
-const char* const kU32Is7FFFFFFF = "10000000 847ca88901bdf16e9160551035c0b084";
-const char* const kU32Is80000000 = "10000000 5a907eaa015fa4ac3772888d007dd3c4";
-const char* const kU32IsFFFFFFFF = "10000000 979c3e529655257198898029d4731bff";
-const char* const kAbc = "10000000 9e2e902ddfd264e59397700e9316d13c";
-const char* const kWideAJupiterOdd = "10000000 6c0e5dba473f363749f79a05a6ecafef"; // and one byte
-const char* const kUnits1AndFF00 = "10000000 4c5fbd7aa4f5f4efe0eefe667e04f92d";
-const char* const kPaddingOnly = "10000000 00657ea140655a44782747705d422fad";
-
-Bytes Joined(std::initializer_list<const char*> parts)
-{
-    std::string all;
-    for (const char* const part : parts)
-        all += part;
-    return FromHex(all);
-}
+const std::string kEmpty = "00000000";
+const std::string kU16Is1234 = "10000000 049bfe3706ded607432b0037ff09f2a8";
+const std::string kU32Is0 = "10000000 834e07d1d78dcca794a2b51985afa1cc";
+const std::string kU32Is2 = "10000000 43417d2a0429bb0c0b599c69945c2cc3";
+const std::string kU32Is4 = "10000000 4d04b588dcc5cd37c72852d48d04dda5";
+const std::string kU32Is5 = "10000000 4d72a4be016726c680ab9209109321ef";
+const std::string kU32Is17 = "10000000 477003bee4ea8e6a20cc9a89752c21d9";
+const std::string kU32Is7FFFFFFF = "10000000 847ca88901bdf16e9160551035c0b084";
+const std::string kU32Is80000000 = "10000000 5a907eaa015fa4ac3772888d007dd3c4";
+const std::string kU32IsFFFFFFFF = "10000000 979c3e529655257198898029d4731bff";
+const std::string kAbc = "10000000 9e2e902ddfd264e59397700e9316d13c";
+const std::string kWideAJupiterOdd = "10000000 6c0e5dba473f363749f79a05a6ecafef"; // and one byte
+const std::string kUnits1AndFF00 = "10000000 4c5fbd7aa4f5f4efe0eefe667e04f92d";
+const std::string kPaddingOnly = "10000000 00657ea140655a44782747705d422fad";
 
 constexpr size_t kPiece = size_t{1} << 18; // what is written or asked for at a time, at most
 
@@ -68,7 +60,7 @@ TEST(EncryptStream, UnusualFieldsHaveKnownBytes)
               FromHex("100000004acf7c425fd3fb756d17bbaf017ad1af"
                       "10000000e874179a260840c801473703125f70b8 100000002eb75c2976817d7dbefdd15656e2fbcc"
                       "10000000ad4fcca9523dfddcf6f17c9beafd2585 10000000ed02c51f1887d0139115975837a9fd39"));
-    const Bytes others = Joined({kU32Is5, kWideAJupiterOdd, kU32Is0, kPaddingOnly, kU32Is2, kUnits1AndFF00});
+    const Bytes others = FromHex(kU32Is5 + kWideAJupiterOdd + kU32Is0 + kPaddingOnly + kU32Is2 + kUnits1AndFF00);
     stream.Data.insert(stream.Data.end(), others.begin(), others.end());
     stream.Rewind();
     uint8_t byte = 0;
@@ -96,31 +88,31 @@ TEST(EncryptStream, ForgedRecordsAreReadErrors)
     const struct
     {
         const char* Name;
-        std::initializer_list<const char*> Parts;
+        std::string File;
         std::function<void(CEncryptStream&)> Read;
     } cases[] = {
-        {"2 bytes read as 4", {kU16Is1234}, number},
-        {"5 bytes read as 4", {"10000000 3c740b72fafa65ea48970ff30ecaf3da"}, number},
-        {"first byte of the padding wrong", {"10000000 bfec215af21db19d1c30939d7108aed6"}, number},
-        {"last byte of the padding 0", {"10000000 657245f8532e2d1d083da25532903bb6"}, number},
-        {"last byte of the padding 17", {"10000000 f8676451f04a07f785e0f3dad89309a6"}, number},
-        {"record without ciphertext", {kEmpty}, number},
-        {"record longer than the file", {"20000000", kU32Is0}, number},
-        {"record of 4 GB", {"f0ffffff", kU32Is0}, number},
-        {"record of no whole block", {"0f000000", kU32Is0}, number},
-        {"empty string with zeros for padding", {kU32Is0, "10000000 fde4fbae4a09e020eff722969f83832b"}, narrowText},
-        {"string of 4 GB", {kU32IsFFFFFFFF, kAbc}, narrowText},
-        {"string one block longer than the file", {kU32Is17, kAbc}, narrowText},
-        {"string shorter than announced", {kU32Is4, kAbc}, narrowText},
-        {"wide string of 4 GB", {kU32IsFFFFFFFF, kAbc}, wideText},
-        {"wide string longer than announced", {kU32Is4, kWideAJupiterOdd}, wideText},
-        {"array whose size wraps to nothing", {kU32Is80000000, kEmpty}, units},
-        {"array of 4 GB", {kU32Is7FFFFFFF, kUnits1AndFF00}, units},
-        {"array longer than announced", {kU32Is2, kWideAJupiterOdd}, units},
+        {"2 bytes read as 4", kU16Is1234, number},
+        {"5 bytes read as 4", "10000000 3c740b72fafa65ea48970ff30ecaf3da", number},
+        {"first byte of the padding wrong", "10000000 bfec215af21db19d1c30939d7108aed6", number},
+        {"last byte of the padding 0", "10000000 657245f8532e2d1d083da25532903bb6", number},
+        {"last byte of the padding 17", "10000000 f8676451f04a07f785e0f3dad89309a6", number},
+        {"record without ciphertext", kEmpty, number},
+        {"record longer than the file", "20000000" + kU32Is0, number},
+        {"record of 4 GB", "f0ffffff" + kU32Is0, number},
+        {"record of no whole block", "0f000000" + kU32Is0, number},
+        {"empty string with zeros for padding", kU32Is0 + "10000000 fde4fbae4a09e020eff722969f83832b", narrowText},
+        {"string of 4 GB", kU32IsFFFFFFFF + kAbc, narrowText},
+        {"string one block longer than the file", kU32Is17 + kAbc, narrowText},
+        {"string shorter than announced", kU32Is4 + kAbc, narrowText},
+        {"wide string of 4 GB", kU32IsFFFFFFFF + kAbc, wideText},
+        {"wide string longer than announced", kU32Is4 + kWideAJupiterOdd, wideText},
+        {"array whose size wraps to nothing", kU32Is80000000 + kEmpty, units},
+        {"array of 4 GB", kU32Is7FFFFFFF + kUnits1AndFF00, units},
+        {"array longer than announced", kU32Is2 + kWideAJupiterOdd, units},
     };
     for (const auto& c : cases)
     {
-        MemoryStream stream(Joined(c.Parts));
+        MemoryStream stream(FromHex(c.File));
         EXPECT_EQ(Thrown([&] { c.Read(stream); }), CEncryptStream::ReadError) << c.Name;
         EXPECT_TRUE(narrow == "kept" && wide == KXW("kept") && array == std::vector<uint16_t>{7}) << c.Name;
     }
