@@ -178,7 +178,7 @@ bool Look(HANDLE file, FileStamp* stamp) noexcept
     if (g_Room.IsReal)
         return Real::Look(file, stamp);
     const int number = g_Opened.at(file).File;
-    *stamp = {static_cast<uint64_t>(number) + 1, g_Room.Now.Times[number], g_Room.Now.Files[number].size()};
+    *stamp = {number + 1, g_Room.Now.Times[number], 0, g_Room.Now.Files[number].size()};
     return Succeeds();
 }
 
