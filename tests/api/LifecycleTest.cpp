@@ -167,5 +167,5 @@ TEST(UnloadTest, DISABLED_EndsTheProcess)
 
 TEST(UnloadTest, EndsWithItsProcess)
 {
-    EXPECT_EQ(OtherProcess(L"EndsTheProcess").ExitCode(), 0u);
+    EXPECT_EQ(ExitCodeOfOtherProcess(L"EndsTheProcess"), 0u);
 }
