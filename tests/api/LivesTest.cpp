@@ -120,8 +120,8 @@ TEST(Lives, NothingIsLostWhereNothingFails)
 // when the file is closed. A file that nobody may read counts as busy; one that nobody may write obstructs a write.
 TEST(Lives, EveryHolderOfEveryFile)
 {
-    // FILE is the file, WHO says how it is held, CODE is the expected result, by file: if everything is shared, if reading
-    // is, and if nothing is.
+    // FILE is the file, WHO says how it is held, CODE is the expected result, by file: if everything is shared, if
+    // reading is, and if nothing is.
     const struct
     {
         const char* script;

@@ -1,5 +1,5 @@
-// Rule sets, rules, macros and their texts through the exports, at their limits. (tests/torture/ModelWinTest.cpp compares
-// random calls with a model.)
+// Rule sets, rules, macros and their texts through the exports, at their limits. (tests/torture/ModelWinTest.cpp
+// compares random calls with a model.)
 #include "tests/api/StoreFixture.h"
 
 #include <algorithm>

@@ -1,5 +1,5 @@
-// Rule sets in memory: as records, and as what takes the place of a damaged one. (What adds and deletes rules is compared
-// with a model in tests/torture/ModelWinTest.cpp; its limits are in tests/api/RulesTest.cpp.)
+// Rule sets in memory: as records, and as what takes the place of a damaged one. (What adds and deletes rules is
+// compared with a model in tests/torture/ModelWinTest.cpp; its limits are in tests/api/RulesTest.cpp.)
 #include "repository/RuleSet.h"
 
 #include <algorithm>
