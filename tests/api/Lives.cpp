@@ -394,12 +394,10 @@ bool Lives::ByHand(const std::string& name, const Words& words)
         {"ring", // the last takes the name of the first
          [&]
          {
+             fs::rename(file(0), PathOf("aside"));
              for (size_t i = 1; i < words.size(); ++i)
-             {
-                 const std::string bytes = ReadBytes(file(i - 1));
                  fs::rename(file(i), file(i - 1));
-                 WriteBytes(file(i), bytes);
-             }
+             fs::rename(PathOf("aside"), file(words.size() - 1));
          }},
     };
     const auto statement = statements.find(name);

@@ -5,6 +5,7 @@
 #include <sstream>
 #include <string_view>
 #include <thread>
+#include <tuple>
 
 #include "tests/api/StoreFixture.h"
 
@@ -114,36 +115,30 @@ TEST_F(PolicyTest, MakesTheStoreHoldWhatThePolicySays)
 {
     const char* const before = "1a: 0s 5d 2b: 1s 3c: 7s 4d: 1s 2s 1+ 3+ 2";
     const std::string naming = "rules 1\nmacro o\nset 1 a\n0 NAT,TCP,,,,,,,SNAT  ports=@m,any,any\n";
-    const struct
-    {
-        std::string Text;
-        uint32_t Flags;
-        int32_t Differences;
-        const char* Store;
-        const char* Told = "";
-    } rows[] = {
-        {kBefore, KXPOLICY_REPLACE, 0, before},
-        {"rules 1", KXPOLICY_REPLACE, 0, before},
-        {Text(""), KXPOLICY_MERGE, 0, before},
-        {Text(""), KXPOLICY_REPLACE | KXPOLICY_ALLOW_EMPTY, 5, "2"},
-        {Text("4d: 2s"), KXPOLICY_MERGE, 0, before},
-        {Text("4d: 2s"), KXPOLICY_REPLACE, 5, "4d: 2s 2"},
-        {Text("2x: 9e:"), KXPOLICY_MERGE, 2, "1a: 0s 5d 2x: 1s 3c: 7s 4d: 1s 2s 9e: 1+ 3+ 2"},
-        {kAfter, KXPOLICY_MERGE, 6, "1a: 0d 5d 6d 2x: 1s 3c: 7s 4d: 1d 2s 3s 9e: 1s 9+ 1+ 3"},
-        {kAfter, KXPOLICY_REPLACE, 7, "1a: 0d 6d 2x: 1s 4d: 1d 3s 9e: 1s 9+ 1+ 1"},
+    const std::tuple<std::string, uint32_t, int32_t, const char*, const char*> rows[] = {
+        // policy and flags, number of differences, store afterwards, what is reported
+        {kBefore, KXPOLICY_REPLACE, 0, before, ""},
+        {"rules 1", KXPOLICY_REPLACE, 0, before, ""},
+        {Text(""), KXPOLICY_MERGE, 0, before, ""},
+        {Text(""), KXPOLICY_REPLACE | KXPOLICY_ALLOW_EMPTY, 5, "2", ""},
+        {Text("4d: 2s"), KXPOLICY_MERGE, 0, before, ""},
+        {Text("4d: 2s"), KXPOLICY_REPLACE, 5, "4d: 2s 2", ""},
+        {Text("2x: 9e:"), KXPOLICY_MERGE, 2, "1a: 0s 5d 2x: 1s 3c: 7s 4d: 1s 2s 9e: 1+ 3+ 2", ""},
+        {kAfter, KXPOLICY_MERGE, 6, "1a: 0d 5d 6d 2x: 1s 3c: 7s 4d: 1d 2s 3s 9e: 1s 9+ 1+ 3", ""},
+        {kAfter, KXPOLICY_REPLACE, 7, "1a: 0d 6d 2x: 1s 4d: 1d 3s 9e: 1s 9+ 1+ 1", ""},
         // What is probably not intended is reported, and done; not so the macro m, while it stays.
-        {naming, KXPOLICY_MERGE, 2, "1a: 0s 5d 2b: 1s 3c: 7s 4d: 1s 2s 1+ 3+ 3"},
+        {naming, KXPOLICY_MERGE, 2, "1a: 0s 5d 2b: 1s 3c: 7s 4d: 1s 2s 1+ 3+ 3", ""},
         {naming, KXPOLICY_REPLACE, 6, "1a: 0s 1+ 1",
          "warning 0:0 rule set 1, rule 0 names the macro \"m\", which does not exist\n"},
     };
-    for (const auto& row : rows)
+    for (const auto& [policy, flags, differences, store, told] : rows)
     {
         ASSERT_GE(Put(kBefore), 0) << g_Told;
-        EXPECT_EQ(Difference(row.Text, row.Flags), row.Differences) << g_Told << row.Text;
-        EXPECT_EQ(Put(row.Text, row.Flags), row.Differences) << row.Text;
-        EXPECT_EQ(g_Told, row.Told) << row.Text;
-        EXPECT_EQ(Outline(), row.Store) << row.Text;
-        EXPECT_EQ(Difference(row.Text, row.Flags), 0) << g_Told << row.Text;
+        EXPECT_EQ(Difference(policy, flags), differences) << g_Told << policy;
+        EXPECT_EQ(Put(policy, flags), differences) << policy;
+        EXPECT_EQ(g_Told, told) << policy;
+        EXPECT_EQ(Outline(), store) << policy;
+        EXPECT_EQ(Difference(policy, flags), 0) << g_Told << policy;
     }
     const std::string text = Export();
     Reopen();
@@ -160,13 +155,8 @@ TEST_F(PolicyTest, RefusesWithAReasonAndAPlace)
             text += std::to_string(first) + kind;
         return text;
     };
-    const struct
-    {
-        std::string Text;
-        uint32_t Flags;
-        int32_t Result;
-        const char* Told; // a part of it
-    } rows[] = {
+    const std::tuple<std::string, uint32_t, int32_t, const char*> rows[] = {
+        // policy and flags, result, a part of what is reported
         {"", KXPOLICY_REPLACE, KXPOLICY_E_TEXT, "1:1  syntax error"},
         {"{\"version\": 1,\n \"active\": [1", KXPOLICY_MERGE, KXPOLICY_E_TEXT, "2:14  syntax error"},
         {"{}", KXPOLICY_MERGE, KXPOLICY_E_TEXT, "1:1  \"version\" is missing"},
@@ -183,14 +173,14 @@ TEST_F(PolicyTest, RefusesWithAReasonAndAPlace)
     };
     ASSERT_EQ(Put(kBefore), 6) << g_Told;
     const std::string before = Export();
-    for (const auto& row : rows)
+    for (const auto& [policy, flags, result, told] : rows)
     {
-        EXPECT_EQ(Difference(row.Text, row.Flags), row.Result) << row.Told;
-        EXPECT_EQ(Put(row.Text, row.Flags), row.Result) << row.Told;
-        EXPECT_NE(g_Told.find(row.Told), std::string::npos) << g_Told.substr(0, 500) << row.Told;
-        EXPECT_EQ(kxPolicyCheck(row.Text.data(), row.Text.size(), nullptr, nullptr) == KXPOLICY_E_TEXT,
-                  row.Result == KXPOLICY_E_TEXT);
-        EXPECT_EQ(Export(), before) << row.Told;
+        EXPECT_EQ(Difference(policy, flags), result) << told;
+        EXPECT_EQ(Put(policy, flags), result) << told;
+        EXPECT_NE(g_Told.find(told), std::string::npos) << g_Told.substr(0, 500) << told;
+        const bool isRefused = kxPolicyCheck(policy.data(), policy.size(), nullptr, nullptr) == KXPOLICY_E_TEXT;
+        EXPECT_EQ(isRefused, result == KXPOLICY_E_TEXT) << told;
+        EXPECT_EQ(Export(), before) << told;
     }
     Close();
     const std::string left = Outline();

@@ -4,6 +4,8 @@
 #include <gtest/gtest.h>
 
 #include <functional>
+#include <tuple>
+#include <utility>
 
 #include "api/include/KxPfwRule.h"
 #include "tests/support/RecordBuilder.h"
@@ -34,11 +36,7 @@ TEST_F(TraceTest, Errors)
                "\")\n\tCreating a rescue RuleSet instead of a broken/deleted RuleSet " + file + "\n";
     };
     const std::string exception = "\tCEncryptFile exception occurs\n";
-    const struct
-    {
-        const char* script;
-        std::string said;
-    } rows[] = {
+    const std::pair<const char*, std::string> rows[] = {
         {"refuse CreateMutexW; open =-10063; open =-10063", "Failed to Get Mutex (112)\nFailed to Get Mutex (112)\n"},
         {"remove mas; life", "Master file open failed. But ruleset file exists.\n\tRead master file failed [Garbage "
                              "ruleset file exists]\n"},
@@ -94,13 +92,13 @@ TEST_F(TraceTest, Errors)
         {"life; macro; hold mas none; write =-10057",
          "\tCopyFile() failed 32 (DIR\\Mas#.tmp -> DIR\\KxRulMas.dat)\n\tWriteMasterFile error (-10057)\n"},
     };
-    for (const auto& row : rows)
+    for (const auto& [script, said] : rows)
     {
         m_Lives.Trace->Level = 256;
-        ASSERT_EQ(m_Lives.Run("remove .; store 1 2"), "") << row.script;
+        ASSERT_EQ(m_Lives.Run("remove .; store 1 2"), "") << script;
         m_Lives.Said();
-        EXPECT_EQ(m_Lives.Run(row.script), "");
-        EXPECT_EQ(m_Lives.Said(true), row.said) << row.script;
+        EXPECT_EQ(m_Lives.Run(script), "");
+        EXPECT_EQ(m_Lives.Said(true), said) << script;
         ASSERT_EQ(m_Lives.Run("release; end"), "");
     }
 }
@@ -125,13 +123,7 @@ TEST_F(TraceTest, CallsSayTheirNameAndTheirResult)
     {                                                                                                                  \
 #function, [&] { return KX_CALL(function __VA_OPT__(, ) __VA_ARGS__); }, code, said                            \
     }
-    struct
-    {
-        std::string name;
-        std::function<int32_t()> call;
-        int32_t code;
-        std::string said;
-    } const rows[] = {
+    const std::tuple<std::string, std::function<int32_t()>, int32_t, std::string> rows[] = {
         KX_ROW(0, result, kxRuleSetActiveRuleSet, nullptr, 0),
         KX_ROW(0, result, kxRuleGetActiveRuleSet, nullptr, 0),
         KX_ROW(1, result, kxRuleGetRuleSetIndex, nullptr, 0),
@@ -170,14 +162,12 @@ TEST_F(TraceTest, CallsSayTheirNameAndTheirResult)
         KX_ROW(-10012, "@@@ Pointer of Macro structure is NULL.", kxRuleAddMacro, nullptr),
     };
 #undef KX_ROW
-    for (const auto& row : rows)
+    for (const auto& [name, call, code, said] : rows)
     {
-        EXPECT_EQ(row.call(), row.code) << row.name;
-        const std::string lines =
-            row.said == result ? "@@@ " + row.name + " Return (" + std::to_string(row.code) + ")" : row.said;
-        EXPECT_EQ(m_Lives.Said(), row.said == silent ? ""
-                                                     : "@@@ " + row.name + " Enter - KxPfwRule.cpp\n" + lines +
-                                                           (lines.empty() ? "" : " - KxPfwRule.cpp\n"));
+        EXPECT_EQ(call(), code) << name;
+        const std::string lines = said == result ? "@@@ " + name + " Return (" + std::to_string(code) + ")" : said;
+        const std::string all = "@@@ " + name + " Enter - KxPfwRule.cpp\n" + lines;
+        EXPECT_EQ(m_Lives.Said(), said == silent ? "" : all + (lines.empty() ? "" : " - KxPfwRule.cpp\n"));
     }
     ASSERT_EQ(m_Lives.Run("end"), "");
 }

@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <cstring>
 #include <string>
+#include <tuple>
 
 #include <gtest/gtest.h>
 
@@ -42,30 +43,26 @@ TEST(RuleSet, ARescueAddsThreeRules)
     std::vector<PFW_RULE> full;
     for (uint16_t i = 1; i <= 1024; ++i)
         full.push_back(Access(i));
-    const struct
-    {
-        std::vector<PFW_RULE> Read;
-        int32_t Added;
-        std::string LastLine;
-    } cases[] = {
+    const std::tuple<std::vector<PFW_RULE>, int32_t, std::string> cases[] = {
+        // rules that were read, how many are added, the last line of trace
         {{}, 3, "16 \tAdded rescue rule (index=2:30002, rule=\"ACCESS,,,,,,ACCEPT\")"},
         {{Access(1), Access(2)}, 3, "16 \tAdded rescue rule (index=2:30004, rule=\"ACCESS,,,,,,ACCEPT\")"},
         // A refused rule leaves the count, and so the next rule's index, unchanged.
         {{Access(1), Access(30002)}, 0, "256 \tCRuleSet::AddRule() failed (nResult=-10019, index=2:30002)"},
         {full, 0, "256 \tCRuleSet::AddRule() failed (nResult=-10018, index=2:31024)"},
     };
-    for (const auto& c : cases)
+    for (const auto& [read, added, lastLine] : cases)
     {
-        CRuleSet set(*RuleSet(2, KXW("Office"), c.Read));
+        CRuleSet set(*RuleSet(2, KXW("Office"), read));
         TraceSink trace;
         RuleSetRescue::MakeRescueSet(set);
         EXPECT_EQ(set.Name(), KXW("This is a rescue RuleSet for a broken/deleted RuleSet."));
         const std::vector<std::string> lines = trace.Take();
         ASSERT_EQ(lines.size(), 3u);
-        EXPECT_EQ(lines.back(), c.LastLine);
-        const int32_t before = static_cast<int32_t>(c.Read.size());
-        ASSERT_EQ(set.RuleCount(), before + c.Added);
-        for (int32_t i = 0; i < c.Added; ++i)
+        EXPECT_EQ(lines.back(), lastLine);
+        const int32_t before = static_cast<int32_t>(read.size());
+        ASSERT_EQ(set.RuleCount(), before + added);
+        for (int32_t i = 0; i < added; ++i)
         {
             PFW_RULE expected = Rule(1, static_cast<uint16_t>(30000 + before + i));
             SetText(&expected.wszDescription, 65,

@@ -5,6 +5,7 @@
 #include <map>
 #include <stdexcept>
 #include <thread>
+#include <tuple>
 
 #include "tests/api/StoreFixture.h"
 #include "tests/support/Faults.h"
@@ -76,12 +77,7 @@ TEST_F(FaultsTest, LackOfMemoryIsToldAndNeverTakenForDamage)
     auto macro = Build::Macro("a name that does not fit into the string", {Build::Item("a")});
     const PFW_RULE rule = Build::Access(1);
     const uint16_t active[] = {2, 3};
-    struct
-    {
-        const char* name;
-        std::function<int32_t()> call;
-        int32_t failure;
-    } const rows[] = {
+    const std::tuple<std::string, std::function<int32_t()>, int32_t> rows[] = {
         {"kxRuleRead", kxRuleRead, KXRULE_E_FILE_READ},
         {"kxRuleWrite", kxRuleWrite, KXRULE_E_FILE_WRITE},
         {"kxRuleDeleteRuleSet", [] { return kxRuleDeleteRuleSet(2); }, KXRULE_E_FILE_WRITE},
@@ -95,31 +91,31 @@ TEST_F(FaultsTest, LackOfMemoryIsToldAndNeverTakenForDamage)
         {"kxRuleGetMacroString", [&] { return std::min(0, kxRuleGetMacroString(macro.get(), nullptr, 0)); },
          KXRULE_E_MACRO_TEXT},
     };
-    for (const auto& row : rows)
+    for (const auto& [name, call, failure] : rows)
     {
-        const bool isRead = row.failure != KXRULE_E_FILE_READ;
+        const bool isRead = failure != KXRULE_E_FILE_READ, isDeleting = name == "kxRuleDeleteRuleSet";
         Begin(isRead);
-        ASSERT_EQ(row.call(), 0) << row.name;
+        ASSERT_EQ(call(), 0) << name;
         const std::vector<size_t> expected = InMemory();
         for (const bool isForGood : {false, true})
         {
             bool hasFailed = true;
             for (uint32_t k = 1; hasFailed && !HasFailure(); ++k, campaign.Count(1))
             {
-                SCOPED_TRACE(row.name + (", allocation " + std::to_string(k)) + (isForGood ? " and all after it" : ""));
+                SCOPED_TRACE(name + (", allocation " + std::to_string(k)) + (isForGood ? " and all after it" : ""));
                 Begin(isRead);
                 g_Allocations = {0, k, isForGood};
-                const int32_t result = row.call();
+                const int32_t result = call();
                 hasFailed = g_Allocations.HasFailed();
                 g_Allocations = {};
-                EXPECT_TRUE(result == 0 || (hasFailed && result == row.failure)) << result;
+                EXPECT_TRUE(result == 0 || (hasFailed && result == failure)) << result;
                 const Contents now = OnDisk();
-                EXPECT_TRUE(row.failure == KXRULE_E_FILE_WRITE || now == m_Before) << "moved, copied or written";
-                for (const auto& [name, bytes] : now)
-                    EXPECT_TRUE((m_Before.count(name) != 0 && m_Before.at(name) == bytes) || after.at(name) == bytes ||
-                                row.name == std::string("kxRuleDeleteRuleSet"))
-                        << name << " is neither as before nor as after";
-                const int32_t again = result == 0 ? 0 : row.call();
+                EXPECT_TRUE(failure == KXRULE_E_FILE_WRITE || now == m_Before) << "moved, copied or written";
+                for (const auto& [file, bytes] : now)
+                    EXPECT_TRUE((m_Before.count(file) != 0 && m_Before.at(file) == bytes) || after.at(file) == bytes ||
+                                isDeleting)
+                        << file << " is neither as before nor as after";
+                const int32_t again = result == 0 ? 0 : call();
                 EXPECT_TRUE(again == 0 || again == KXRULE_E_NO_RULESET) << again; // a set that is deleted already
                 EXPECT_EQ(InMemory(), expected);
             }
