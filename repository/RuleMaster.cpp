@@ -65,6 +65,7 @@ int32_t CRuleMaster::Finalize()
         m_Directory.SetPatience(kLastPatience);
         if (m_IsDirty)
             static_cast<void>(WriteAll()); // there is nobody left to tell; a kxRuleFlush before would
+        m_WriteBuffer = {};
         m_IsLive = false;
     }
     m_WriteTimer.Unregister(kTimerProcess, kTimerIndex);

@@ -154,9 +154,8 @@ private:
     /// WriteMasterFile without its trace lines, for a master file that a read or the order of writes needs in between.
     [[nodiscard]] int32_t StoreMaster(const std::vector<std::string>& names) KX_REQUIRES(m_Lock);
     [[nodiscard]] std::vector<std::string> ListedNames() const KX_REQUIRES(m_Lock);
-    [[nodiscard]] int32_t WriteInTurn(uint16_t index, CStreamBuffer& buffer) KX_REQUIRES(m_Lock);
-    [[nodiscard]] int32_t WriteOneRuleSet(uint16_t index, std::string target, CStreamBuffer& buffer)
-        KX_REQUIRES(m_Lock);
+    [[nodiscard]] int32_t WriteInTurn(uint16_t index) KX_REQUIRES(m_Lock);
+    [[nodiscard]] int32_t WriteOneRuleSet(uint16_t index, std::string target) KX_REQUIRES(m_Lock);
     [[nodiscard]] uint32_t CopyReplaced(const std::string& fileName) KX_REQUIRES(m_Lock);
 
     CLock& m_OuterLock;
@@ -175,6 +174,7 @@ private:
     ReadState m_ReadState KX_GUARDED_BY(m_Lock) = ReadState::NotRead;
     RuleDirectory m_Directory KX_GUARDED_BY(m_Lock);
     RuleSetFiles m_Files KX_GUARDED_BY(m_Lock);
+    CStreamBuffer m_WriteBuffer KX_GUARDED_BY(m_Lock); // lent to each file in turn: its pages are new only once
     const RuleDirectory::Copier m_CopyReplaced = [this](const std::string& fileName) KX_NO_THREAD_SAFETY_ANALYSIS
     { return CopyReplaced(fileName); };
 };

@@ -233,11 +233,10 @@ int32_t CRuleMaster::WriteRuleSetFile()
 {
     KX_TRACE(kTraceCall, "CRuleMaster::WriteRuleSetFile Enter (index %d)", 0);
     int32_t result = KXRULE_OK;
-    CStreamBuffer buffer; // one for all files
     for (size_t i = 0; i < m_Content.RuleSets.Size() && result == KXRULE_OK; ++i)
     {
         if (m_Modified.test(m_Content.RuleSets.KeyAt(i)))
-            result = WriteInTurn(m_Content.RuleSets.KeyAt(i), buffer);
+            result = WriteInTurn(m_Content.RuleSets.KeyAt(i));
     }
     KX_TRACE(kTraceCall, "CRuleMaster::WriteRuleSetFile Return (%d)", result);
     return result;
@@ -246,7 +245,7 @@ int32_t CRuleMaster::WriteRuleSetFile()
 // Writes a set under its own name. A set that occupies that file moves to its own name first, and so on; in a cycle
 // none can, and the set is written where it is. (A loop rather than recursion: a forged list may chain 65535 names.
 // Each link then costs a master file, since no two can move at a time without a third name.)
-int32_t CRuleMaster::WriteInTurn(uint16_t index, CStreamBuffer& buffer)
+int32_t CRuleMaster::WriteInTurn(uint16_t index)
 {
     std::vector<uint16_t> queue{index};
     while (queue.size() <= m_Content.RuleSets.Size())
@@ -255,16 +254,16 @@ int32_t CRuleMaster::WriteInTurn(uint16_t index, CStreamBuffer& buffer)
         if (!owner || owner == queue.back())
             break;
         if (owner == index)
-            return WriteOneRuleSet(index, m_Content.RuleSets.Find(index)->FileName(), buffer);
+            return WriteOneRuleSet(index, m_Content.RuleSets.Find(index)->FileName());
         queue.push_back(*owner);
     }
     int32_t result = KXRULE_OK;
     for (; result == KXRULE_OK && !queue.empty(); queue.pop_back())
-        result = WriteOneRuleSet(queue.back(), RuleFiles::RuleSetFileName(queue.back()), buffer);
+        result = WriteOneRuleSet(queue.back(), RuleFiles::RuleSetFileName(queue.back()));
     return result;
 }
 
-int32_t CRuleMaster::WriteOneRuleSet(uint16_t index, std::string target, CStreamBuffer& buffer)
+int32_t CRuleMaster::WriteOneRuleSet(uint16_t index, std::string target)
 {
     CRuleSet* const ruleSet = m_Content.RuleSets.Find(index);
     const RuleSetFiles::Verdict verdict = m_Files.MayReplace(target, index);
@@ -279,7 +278,7 @@ int32_t CRuleMaster::WriteOneRuleSet(uint16_t index, std::string target, CStream
     RuleSetFiles::Claim claim = m_Files.Prepare(target, index, former);
     ruleSet->SetFileName(std::move(target));
     KX_TRACE(kTraceCall, "\tCall CRuleSet::Write");
-    const int32_t result = ruleSet->Write(m_Directory, m_CopyReplaced, &buffer);
+    const int32_t result = ruleSet->Write(m_Directory, m_CopyReplaced, &m_WriteBuffer);
     KX_TRACE(kTraceCall, "\tReturn CRuleSet::Write (%d)", result);
     if (result != KXRULE_OK)
     {
