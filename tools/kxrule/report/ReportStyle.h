@@ -24,7 +24,7 @@ bdi, h3, a, button, li, td, th { unicode-bidi: isolate; }
 .tiles li { background: var(--card); border: 1px solid var(--line); border-radius: .5rem; padding: .5rem 1rem; }
 .tiles b { display: block; font-size: 1.4rem; }
 nav ul { display: flex; flex-wrap: wrap; gap: .25rem 1rem; padding: 0; list-style: none; }
-.order { display: flex; flex-wrap: wrap; gap: .25rem 2.2rem; padding-left: 1.2rem; }
+.order { display: flex; flex-wrap: wrap; gap: .25rem 2.8rem; padding-left: 1.8rem; }
 table { border-collapse: collapse; width: 100%; }
 th, td { text-align: left; vertical-align: top; padding: .4rem .5rem; border-bottom: 1px solid var(--line); }
 th { font-size: .9rem; }
@@ -56,6 +56,7 @@ td li a, td bdi + a { font-size: .8rem; }
   .matrix { table-layout: fixed; }
   .matrix th:nth-child(1), .matrix th:nth-child(6) { width: 11%; } .matrix th:nth-child(5) { width: 15%; }
 }
+@media (min-width: 80rem) { .set td:nth-child(5), .set td:nth-child(6) { min-width: 8.5rem; } }
 @media (max-width: 48rem) {
   .cards, .cards tbody, .cards tr, .cards td, .cards th { display: block; width: 100%; }
   .cards thead { display: none; }
