@@ -358,7 +358,12 @@ bool Lives::ByHand(const std::string& name, const Words& words)
         {"cut",
          [&] { fs::resize_file(file(0), words.size() > 1 ? std::stoul(words[1]) : fs::file_size(file(0)) - 1); }},
         {"attributes", [&] { ::SetFileAttributesW(file(0).c_str(), std::stoul(words.at(1))); }},
-        {"remove", [&] { fs::remove_all(file(0)); }},
+        {"remove",
+         [&]
+         {
+             fs::remove_all(file(0));
+             m_Numbers.erase(words.at(0)); // the next file may get the same
+         }},
         {"plain", [&] { WriteBytes(file(0), "no rule file"); }},
         {"folder", [&] { fs::create_directory(file(0)); }},
         {"scanner",
