@@ -129,9 +129,10 @@ private:
 };
 
 /// Refuses an invalid active list, and with --strict whatever lint would report; otherwise warns of that.
-void RefuseOrWarn(Session& session, const Policy& store, const Policy& policy, const ImportOptions& options)
+void RefuseOrWarn(Session& session, const Policy& store, const Policy& policy, MergeMode mode,
+                  const ImportOptions& options)
 {
-    const Policy beside = Remaining(store, policy, options.Replace ? MergeMode::Replace : MergeMode::Merge);
+    const Policy beside = Remaining(store, policy, mode);
     std::vector<uint16_t> indexes;
     for (const Policy* const each : {&policy, &beside})
     {
@@ -374,7 +375,7 @@ int Import(Session& session, const ImportOptions& options)
         session.OpenToChange(options.Replace ? Session::OnDamage::Mend : Session::OnDamage::Refuse);
         Policy store = session.Read();
         RefuseEmptying(store, Compare(store, policy, mode), options);
-        RefuseOrWarn(session, store, policy, options);
+        RefuseOrWarn(session, store, policy, mode, options);
         return ApplyPolicy(session, store, policy, mode, options);
     }
     Policy store; // a directory that does not exist yet is empty
@@ -392,7 +393,7 @@ int Import(Session& session, const ImportOptions& options)
     const PolicyDiff diff = Compare(store, policy, mode);
     CheckLimits(store, diff);
     RefuseEmptying(store, diff, options);
-    RefuseOrWarn(session, store, policy, options);
+    RefuseOrWarn(session, store, policy, mode, options);
     if (report.IsDamaged())
         session.Warn("the store is damaged; the import would copy its files and restore what is missing", report);
     Json json = DiffAsJson(diff, true);
