@@ -17,12 +17,6 @@ namespace Tool
 namespace
 {
 
-std::vector<PFW_RULE>::iterator FindRule(RuleSetRecord& ruleSet, uint16_t index)
-{
-    return std::find_if(ruleSet.Rules.begin(), ruleSet.Rules.end(),
-                        [index](const PFW_RULE& rule) { return rule.wRuleIndex == index; });
-}
-
 bool IsThere(const std::string& path)
 {
     return !path.empty() && ::GetFileAttributesW(AbsolutePath(path).c_str()) != INVALID_FILE_ATTRIBUTES;
@@ -92,18 +86,16 @@ int AddRuleSet(Session& session, const std::string& name, std::optional<uint16_t
 
 int DeleteRuleSets(Session& session, const std::vector<uint16_t>& indexes, bool all)
 {
-    session.OpenToChange();
-    Policy store = session.Read();
-    Policy wanted = store;
-    for (const uint16_t index : indexes)
-    {
-        static_cast<void>(FindRuleSet(store, index));
-        std::erase_if(wanted.RuleSets, [index](const RuleSetRecord& ruleSet) { return ruleSet.Index == index; });
-    }
-    if (all)
-        wanted.RuleSets.clear();
-    wanted.Active.reset(); // what is deleted leaves the list
-    return ApplyPolicy(session, store, wanted, MergeMode::Replace);
+    return Change(session,
+                  [&](Policy& wanted)
+                  {
+                      for (const uint16_t index : indexes)
+                          static_cast<void>(FindRuleSet(wanted, index));
+                      std::erase_if(
+                          wanted.RuleSets, [&indexes, all](const RuleSetRecord& ruleSet)
+                          { return all || std::find(indexes.begin(), indexes.end(), ruleSet.Index) != indexes.end(); });
+                      wanted.Active.reset(); // what is deleted leaves the list
+                  });
 }
 
 int AddRule(Session& session, uint16_t ruleSetIndex, const std::string& rule, bool replace, const RulePlace& place)
@@ -118,39 +110,36 @@ int AddRule(Session& session, uint16_t ruleSetIndex, const std::string& rule, bo
     std::vector<Diagnostic> diagnostics;
     if (!ReadAnyRule(isText ? rule : ReadTextFile(session, rule), record, hasIndex, diagnostics))
         return TellDiagnostics(session, isText ? "RULE" : rule, diagnostics);
-    session.OpenToChange();
-    Policy store = session.Read();
-    Policy wanted = store;
-    RuleSetRecord& ruleSet = FindRuleSet(wanted, ruleSetIndex);
     if (hasIndex && !place.Before && !place.After)
         where.Index = uint16_t{record.wRuleIndex};
-    const auto existing = where.Index ? FindRule(ruleSet, *where.Index) : ruleSet.Rules.end();
-    if (existing != ruleSet.Rules.end() && !replace)
-        throw Failure("rule set " + std::to_string(ruleSetIndex) + " already has a rule " +
-                      std::to_string(uint16_t{record.wRuleIndex}) + "; use --replace");
-    if (existing != ruleSet.Rules.end())
-        *existing = record;
-    else
-        InsertRule(ruleSet, record, where);
-    return ApplyPolicy(session, store, wanted, MergeMode::Replace);
+    return Change(session,
+                  [&](Policy& wanted)
+                  {
+                      RuleSetRecord& ruleSet = FindRuleSet(wanted, ruleSetIndex);
+                      const auto existing = std::find_if(ruleSet.Rules.begin(), ruleSet.Rules.end(),
+                                                         [&where](const PFW_RULE& other)
+                                                         { return where.Index == uint16_t{other.wRuleIndex}; });
+                      if (existing == ruleSet.Rules.end())
+                          InsertRule(ruleSet, record, where);
+                      else if (replace)
+                          *existing = record;
+                      else
+                          throw Failure("rule set " + std::to_string(ruleSetIndex) + " already has a rule " +
+                                        std::to_string(uint16_t{record.wRuleIndex}) + "; use --replace");
+                  });
 }
 
 int DeleteRules(Session& session, uint16_t ruleSetIndex, const std::vector<uint16_t>& indexes, bool all)
 {
-    session.OpenToChange();
-    Policy store = session.Read();
-    Policy wanted = store;
-    RuleSetRecord& ruleSet = FindRuleSet(wanted, ruleSetIndex);
-    for (const uint16_t index : indexes)
-    {
-        const auto rule = FindRule(ruleSet, index);
-        if (rule == ruleSet.Rules.end())
-            throw Failure("rule set " + std::to_string(ruleSetIndex) + " has no rule " + std::to_string(index));
-        ruleSet.Rules.erase(rule);
-    }
-    if (all)
-        ruleSet.Rules.clear();
-    return ApplyPolicy(session, store, wanted, MergeMode::Replace);
+    return Change(session,
+                  [&](Policy& wanted)
+                  {
+                      RuleSetRecord& ruleSet = FindRuleSet(wanted, ruleSetIndex);
+                      for (const uint16_t index : indexes)
+                          ruleSet.Rules.erase(FindRule(ruleSet, index));
+                      if (all)
+                          ruleSet.Rules.clear();
+                  });
 }
 
 int Activate(Session& session, const std::vector<uint16_t>& indexes)
@@ -170,11 +159,7 @@ int Activate(Session& session, const std::vector<uint16_t>& indexes)
 
 int ClearMacros(Session& session)
 {
-    session.OpenToChange();
-    Policy store = session.Read();
-    Policy wanted = store;
-    wanted.Macros->clear();
-    return ApplyPolicy(session, store, wanted, MergeMode::Replace);
+    return Change(session, [](Policy& wanted) { wanted.Macros->clear(); });
 }
 
 int RefreshHashes(Session& session, const std::string& application)

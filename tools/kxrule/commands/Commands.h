@@ -2,6 +2,7 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <optional>
 #include <string>
 #include <vector>
@@ -134,6 +135,8 @@ int Dump(Session& session, const std::string& file);
 /// The store's rules are freed as soon as they are no longer needed.
 int ApplyPolicy(Session& session, Policy& store, const Policy& wanted, MergeMode mode,
                 const ImportOptions& options = {});
+/// Changes a copy of the store's policy, then makes the store match it as above.
+int Change(Session& session, const std::function<void(Policy& wanted)>& change);
 /// Makes the store's files the named ones of a directory, and copies what they replace.
 void PutStore(Session& session, const RuleDirectory& source, const std::vector<std::string>& names);
 int TellRestored(Session& session, const std::vector<std::string>& names);
@@ -144,6 +147,7 @@ void PrintRule(Session& session, const PFW_RULE& rule);
 /// Fails unless the store has it.
 [[nodiscard]] const RuleSetRecord& FindRuleSet(const Policy& policy, uint16_t index);
 [[nodiscard]] RuleSetRecord& FindRuleSet(Policy& policy, uint16_t index);
+[[nodiscard]] std::vector<PFW_RULE>::iterator FindRule(RuleSetRecord& ruleSet, uint16_t index);
 /// Inserts a rule in its place. Fails if the index is in use, or none is left.
 void InsertRule(RuleSetRecord& ruleSet, PFW_RULE rule, const RulePlace& place);
 /// Fails if the name is too long for its field.

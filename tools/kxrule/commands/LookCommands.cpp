@@ -191,6 +191,15 @@ const RuleSetRecord& FindRuleSet(const Policy& policy, uint16_t index)
     return FindRuleSet(const_cast<Policy&>(policy), index); // returned as const
 }
 
+std::vector<PFW_RULE>::iterator FindRule(RuleSetRecord& ruleSet, uint16_t index)
+{
+    const auto found = std::find_if(ruleSet.Rules.begin(), ruleSet.Rules.end(),
+                                    [index](const PFW_RULE& rule) { return rule.wRuleIndex == index; });
+    if (found == ruleSet.Rules.end())
+        throw Failure("rule set " + std::to_string(ruleSet.Index) + " has no rule " + std::to_string(index));
+    return found;
+}
+
 int List(Session& session, const Filter& filter)
 {
     std::map<uint16_t, size_t> rules;

@@ -14,27 +14,6 @@ namespace Tool
 namespace
 {
 
-using Rules = std::vector<PFW_RULE>;
-
-Rules::iterator FindRule(RuleSetRecord& ruleSet, uint16_t index)
-{
-    const auto found = std::find_if(ruleSet.Rules.begin(), ruleSet.Rules.end(),
-                                    [index](const PFW_RULE& rule) { return rule.wRuleIndex == index; });
-    if (found == ruleSet.Rules.end())
-        throw Failure("rule set " + std::to_string(ruleSet.Index) + " has no rule " + std::to_string(index));
-    return found;
-}
-
-/// Changes a copy of the store's policy and applies the difference.
-int Change(Session& session, const std::function<void(Policy& wanted)>& change)
-{
-    session.OpenToChange();
-    Policy store = session.Read();
-    Policy wanted = store;
-    change(wanted);
-    return ApplyPolicy(session, store, wanted, MergeMode::Replace);
-}
-
 void CheckFree(const RuleSetRecord& ruleSet, uint16_t index)
 {
     for (const PFW_RULE& rule : ruleSet.Rules)
@@ -46,9 +25,18 @@ void CheckFree(const RuleSetRecord& ruleSet, uint16_t index)
 
 } // namespace
 
+int Change(Session& session, const std::function<void(Policy& wanted)>& change)
+{
+    session.OpenToChange();
+    Policy store = session.Read();
+    Policy wanted = store;
+    change(wanted);
+    return ApplyPolicy(session, store, wanted, MergeMode::Replace);
+}
+
 void InsertRule(RuleSetRecord& ruleSet, PFW_RULE rule, const RulePlace& place)
 {
-    Rules& rules = ruleSet.Rules;
+    std::vector<PFW_RULE>& rules = ruleSet.Rules;
     const bool isBeside = place.Before || place.After;
     auto at = place.Before  ? FindRule(ruleSet, *place.Before)
               : place.After ? FindRule(ruleSet, *place.After) + 1
