@@ -17,8 +17,6 @@ namespace fs = std::filesystem;
 namespace
 {
 
-constexpr DWORD kShareAll = FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE;
-
 bool IsRescue(const std::string& content)
 {
     return content.starts_with("This is a rescue RuleSet");
@@ -33,12 +31,6 @@ void Mask(std::string& text, const std::string& before, const std::string& after
         if (text.compare(end, after.size(), after) == 0)
             text.replace(at, end - at, "#");
     }
-}
-
-KxCommon::UniqueFile Open(const fs::path& file, DWORD share, DWORD access = GENERIC_READ)
-{
-    return KxCommon::UniqueFile(
-        ::CreateFileW(file.c_str(), access, share, nullptr, OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, nullptr));
 }
 
 std::string SetText(const KxCommon::WideString& name, const std::vector<PFW_RULE>& rules)
@@ -275,7 +267,7 @@ bool Lives::Check(const std::string& name, const Words& words)
     if (name == "replaced" || name == "kept")
     {
         BY_HANDLE_FILE_INFORMATION info{};
-        ::GetFileInformationByHandle(Open(PathOf(words.at(0)), kShareAll).get(), &info);
+        ::GetFileInformationByHandle(OpenExisting(PathOf(words.at(0)), kShareAll).get(), &info);
         const uint64_t number = uint64_t{info.nFileIndexHigh} << 32 | info.nFileIndexLow;
         if ((std::exchange(m_Numbers[words.at(0)], number) == number) != (name == "kept"))
             Complain("it is not " + name);
@@ -419,7 +411,8 @@ void Lives::Hold(const fs::path& file, const std::string& who, DWORD millisecond
 {
     const std::string content = who == "none" ? Decode(ReadBytes(file)) : "";
     const DWORD share = who == "none" ? 0 : who == "read" ? FILE_SHARE_READ : kShareAll;
-    KxCommon::UniqueFile handle = Open(file, share, who == "writer" ? GENERIC_READ | GENERIC_WRITE : GENERIC_READ);
+    KxCommon::UniqueFile handle =
+        OpenExisting(file, share, who == "writer" ? GENERIC_READ | GENERIC_WRITE : GENERIC_READ);
     if (!handle)
         throw std::runtime_error("cannot hold " + file.string());
     if (milliseconds == 0)

@@ -17,7 +17,6 @@
 namespace
 {
 
-constexpr DWORD kShareAll = FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE;
 constexpr char kAbc[] = "a9993e364706816aba3e25717850c26c9cd0d89d"; // three bytes, "abc"
 
 class Hash : public testing::Test
@@ -35,11 +34,6 @@ protected:
             text += {"0123456789abcdef"[byte >> 4 & 15], "0123456789abcdef"[byte & 15]};
         return status == 0 ? text : std::to_string(status);
     }
-    static KxCommon::UniqueFile Open(const std::filesystem::path& file, DWORD access, DWORD share)
-    {
-        return KxCommon::UniqueFile(::CreateFileW(file.c_str(), access, share, nullptr, OPEN_EXISTING, 0, nullptr));
-    }
-
     TempDir m_Dir;
     LoadedLibrary m_Library{TestFolder() / L"KxHash.dll"};
     decltype(&kxCfwGetHashValue) m_GetHashValue = m_Library.Find("kxCfwGetHashValue");
@@ -70,8 +64,8 @@ TEST_F(Hash, TakesAnyPathToAFileAndNothingElse)
     for (const std::filesystem::path& file : {std::filesystem::path(prefixed), m_Dir / L"\u65e5\u672c \u00fc.exe",
                                               m_Dir / L"open.exe", m_Dir / L"held.exe"})
         WriteBytes(file, "abc");
-    const KxCommon::UniqueFile writer = Open(m_Dir / L"open.exe", GENERIC_WRITE | DELETE, FILE_SHARE_READ);
-    const KxCommon::UniqueFile holder = Open(m_Dir / L"held.exe", GENERIC_READ, 0);
+    const KxCommon::UniqueFile writer = OpenExisting(m_Dir / L"open.exe", FILE_SHARE_READ, GENERIC_WRITE | DELETE);
+    const KxCommon::UniqueFile holder = OpenExisting(m_Dir / L"held.exe", 0);
     const KxCommon::UniqueFile pipe(::CreateNamedPipeW(L"\\\\.\\pipe\\kx-hash-test", PIPE_ACCESS_DUPLEX,
                                                        PIPE_TYPE_BYTE | PIPE_WAIT, 1, 512, 512, 0, nullptr));
     ASSERT_TRUE(writer && holder && pipe);
@@ -113,7 +107,7 @@ TEST_F(Hash, GivesUpOnAFileThatChanges)
     std::filesystem::resize_file(m_Dir / L"app.exe", 48 << 20);
     for (const DWORD access : {FILE_APPEND_DATA, FILE_WRITE_DATA}) // longer, and of the same length
     {
-        const KxCommon::UniqueFile file = Open(m_Dir / L"app.exe", access | SYNCHRONIZE, kShareAll);
+        const KxCommon::UniqueFile file = OpenExisting(m_Dir / L"app.exe", kShareAll, access | SYNCHRONIZE);
         ASSERT_TRUE(file);
         const std::jthread writer(
             [&](const std::stop_token& stop)
@@ -146,7 +140,7 @@ TEST_F(Hash, RemembersOneVersionOfAFile)
         EXPECT_EQ(Of(file(way)), kAbc) << way;
         const std::filesystem::path target = way == ReplacedWithOldTimes ? m_Dir / "other" : file(way);
         FILETIME times[3];
-        EXPECT_TRUE(::GetFileTime(Open(file(way), GENERIC_READ, kShareAll).get(), &times[0], &times[1], &times[2]));
+        EXPECT_TRUE(::GetFileTime(OpenExisting(file(way), kShareAll).get(), &times[0], &times[1], &times[2]));
         KxCommon::UniqueFile writer(
             ::CreateFileW(target.c_str(), GENERIC_WRITE, kShareAll, nullptr, OPEN_ALWAYS, 0, nullptr));
         DWORD written = 0;

@@ -19,7 +19,6 @@ namespace
 
 using std::filesystem::path;
 using Names = std::set<std::wstring>;
-constexpr DWORD kShareAll = FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE;
 
 struct Library : LoadedLibrary
 {
@@ -90,11 +89,6 @@ path ServiceFolder()
     wchar_t folder[MAX_PATH] = {};
     ::GetSystemDirectoryW(folder, MAX_PATH);
     return path(folder) / L"LogFiles" / L"Quelvane" / "";
-}
-
-KxCommon::UniqueFile Open(const path& file, DWORD share)
-{
-    return KxCommon::UniqueFile(::CreateFileW(file.c_str(), GENERIC_READ, share, nullptr, OPEN_EXISTING, 0, nullptr));
 }
 
 TEST_F(Trace, NamesTheLogAfterTheSettings)
@@ -175,7 +169,7 @@ TEST_F(Trace, SeesTheSettingsChange)
     Settings("Enable=0\r\nLevel=273\r\nLogFile=a\r\n");
     ASSERT_TRUE(comes(0, 273));
     EXPECT_EQ(Line(L"2"), 0);
-    EXPECT_TRUE(Open(m_Dir / L"VQR_a.log", 0)) << "held although the trace is off";
+    EXPECT_TRUE(OpenExisting(m_Dir / L"VQR_a.log", 0)) << "held although the trace is off";
     Settings("Level=256\r\nLogFile=a\r\n");
     ASSERT_TRUE(comes(1, 256));
     EXPECT_EQ(Line(L"3"), 0);
@@ -187,7 +181,7 @@ TEST_F(Trace, SeesTheSettingsChange)
     EXPECT_EQ(m_Library.SetConfig(m_Handle, &config), 0);
     {
         WriteBytes(m_Dir / L"KxPfw.ini", "");
-        const KxCommon::UniqueFile editor = Open(m_Dir / L"KxPfw.ini", 0);
+        const KxCommon::UniqueFile editor = OpenExisting(m_Dir / L"KxPfw.ini", 0);
         ASSERT_TRUE(editor);
         for (const uint64_t end = ::GetTickCount64() + 1500; ::GetTickCount64() < end; ::Sleep(50))
             ASSERT_TRUE(comes(1, 1));
@@ -240,13 +234,13 @@ TEST_F(Trace, KeepsOnePredecessorAndTheSizeLimit)
     EXPECT_EQ(write(51), 0);
     check(41, 10);
     {
-        const KxCommon::UniqueFile idle = Open(old(), kShareAll); // a process that has not written since
+        const KxCommon::UniqueFile idle = OpenExisting(old(), kShareAll); // a process that has not written since
         EXPECT_EQ(write(41), 0);
     }
     check(41, 10);
     {
         // An editor prevents renaming: the log grows, but not for ever.
-        const KxCommon::UniqueFile editor = Open(log, FILE_SHARE_READ | FILE_SHARE_WRITE);
+        const KxCommon::UniqueFile editor = OpenExisting(log, FILE_SHARE_READ | FILE_SHARE_WRITE);
         EXPECT_EQ(write(1000), ERROR_FILE_TOO_LARGE);
         EXPECT_EQ(std::filesystem::file_size(log), 8200u);
     }
@@ -378,7 +372,7 @@ TEST_F(Trace, RemovesTheOldestLogsOfOtherProcesses)
         if (i == 2 || i >= 6) // 26 less the 20 newest, less the one in use
             expected.insert(name);
     }
-    KxCommon::UniqueFile inUse = Open(m_Dir / (own + L"11.log"), kShareAll);
+    KxCommon::UniqueFile inUse = OpenExisting(m_Dir / (own + L"11.log"), kShareAll);
     ASSERT_TRUE(inUse);
     Settings("LogProcess=1\r\n");
     Start();

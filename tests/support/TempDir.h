@@ -1,4 +1,4 @@
-// An empty directory of a test's own, removed with everything in it. Windows.
+// An empty directory of a test's own, removed with everything in it, and its files. Windows.
 #pragma once
 
 #include <filesystem>
@@ -7,7 +7,7 @@
 #include <string>
 #include <string_view>
 
-#include "common/srclib/KxComn_Windows.h"
+#include "common/srclib/KxComn_Handle.h"
 
 class TempDir
 {
@@ -60,4 +60,12 @@ inline void WriteBytes(const std::filesystem::path& file, std::string_view bytes
 {
     std::ifstream stream(file, std::ios::binary);
     return {std::istreambuf_iterator<char>(stream), {}};
+}
+
+constexpr DWORD kShareAll = FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE;
+
+[[nodiscard]] inline KxCommon::UniqueFile OpenExisting(const std::filesystem::path& file, DWORD share,
+                                                       DWORD access = GENERIC_READ)
+{
+    return KxCommon::UniqueFile(::CreateFileW(file.c_str(), access, share, nullptr, OPEN_EXISTING, 0, nullptr));
 }
