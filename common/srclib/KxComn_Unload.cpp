@@ -9,8 +9,6 @@
 
 #include "common/srclib/KxComn_Windows.h"
 
-extern "C" BOOLEAN NTAPI RtlDllShutdownInProgress(); // as in Utility.cpp, which not all of the DLLs have
-
 extern "C" ULONG _tls_index; // the index of this DLL's block of native thread-local storage, from the C run time
 extern "C" char _tls_start;  // the template of each thread's block
 

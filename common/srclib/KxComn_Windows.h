@@ -11,3 +11,5 @@
 #define _WIN32_WINNT 0x0601 // Windows 7: the oldest system this library runs on
 #endif
 #include <windows.h>
+
+extern "C" BOOLEAN NTAPI RtlDllShutdownInProgress(); // of ntdll.dll; the system's headers for programs lack it

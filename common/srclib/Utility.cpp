@@ -7,8 +7,7 @@
 #include "common/srclib/KxComn_SecurityAttributes.h"
 #include "common/srclib/KxComn_String.h"
 #include "common/srclib/KxComn_Trace.h"
-
-extern "C" BOOLEAN NTAPI RtlDllShutdownInProgress(); // of ntdll.dll; the system's headers for programs lack it
+#include "common/srclib/KxComn_Windows.h"
 
 namespace KxCommon
 {
