@@ -108,7 +108,7 @@ std::string DiffText(const PolicyDiff& diff)
         out += "\n";
         for (const RuleChange& rule : change.Rules)
         {
-            const char ruleSign = !rule.Before ? '+' : !rule.After ? '-' : '~';
+            const char ruleSign = !rule.After ? '-' : !rule.Before ? '+' : '~';
             out += std::string("  ") + ruleSign + " rule " + std::to_string(rule.Index) +
                    Title(rule.After ? *rule.After : *rule.Before) + "\n";
             if (rule.Before && rule.After)

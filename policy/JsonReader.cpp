@@ -15,8 +15,6 @@ namespace
 
 using KxCommon::Record::Store;
 
-constexpr size_t kMostDiagnostics = 1000; // nobody reads more, and a file may have millions
-
 /// A value as a diagnostic shows it.
 std::string Shown(JsonValue value)
 {

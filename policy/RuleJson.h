@@ -25,6 +25,7 @@ struct Diagnostic
     std::string Path; // such as ruleSets[0].rules[3].ports[1]; empty for a syntax error
     std::string Text; // what was expected
 };
+inline constexpr size_t kMostDiagnostics = 1000; // nobody reads more, and a text may have millions
 
 /// Reads a whole policy and checks it: form, values, what the library would refuse, limits. False if anything is
 /// wrong; diagnostics then has all of it in the order of the text, and policy must not be used. A syntax error ends the

@@ -176,18 +176,18 @@ void Reader::ReadItem(JsonValue value, const Path& path, MACRO_ITEM& item)
         return;
     if (std::count_if(members.begin(), members.begin() + 4, [](const auto& member) { return member.has_value(); }) != 1)
         return Report(value.Offset(), path, "expected one of address, port, text, or a type as a number");
-    static constexpr RuleField kAddress = {"address", FieldType::Address, Presence::Always, {4}, 1, 0, {}};
-    static constexpr RuleField kPort = {"port", FieldType::Port, Presence::Always, {4}, 1, 0, {}};
+    static constexpr RuleField kItemAddress = {"address", FieldType::Address, Presence::Always, {4}, 1, 0, {}};
+    static constexpr RuleField kItemPort = {"port", FieldType::Port, Presence::Always, {4}, 1, 0, {}};
     uint8_t* const record = reinterpret_cast<uint8_t*>(&item);
     if (members[0])
     {
         item.dwItemType = KXRULE_ITEM_ADDR;
-        ReadField(kAddress, *members[0], path.Member("address"), record);
+        ReadField(kItemAddress, *members[0], path.Member("address"), record);
     }
     else if (members[1])
     {
         item.dwItemType = KXRULE_ITEM_PORT;
-        ReadField(kPort, *members[1], path.Member("port"), record);
+        ReadField(kItemPort, *members[1], path.Member("port"), record);
     }
     else if (members[2])
     {

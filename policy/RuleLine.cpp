@@ -13,8 +13,6 @@ namespace KxPolicy
 namespace
 {
 
-constexpr size_t kMostDiagnostics = 1000; // nobody reads more
-
 /// What is between the commas of a rule's line: places of a field of the tables.
 struct Slots
 {
@@ -23,28 +21,28 @@ struct Slots
     uint8_t Count = 1;
 };
 
-constexpr Slots kAccess[] = {{"protocol"}, {"addresses", 0, 2}, {"ports", 0, 2}, {"action"}, {"extension"}};
-constexpr Slots kNat[] = {{"protocol"}, {"addresses", 0, 3}, {"ports", 0, 3}, {"natType"}};
-constexpr Slots kThrottle[] = {{"protocol"}, {"addresses", 0, 2}, {"ports", 0, 2}, {"limits", 0, 6}, {"extension"}};
-constexpr Slots kStream[] = {{"appProtocol"}, {"addresses", 0, 2}, {"streamParam"},
-                             {"action"},      {"extension"},       {"streamText"}};
-constexpr Slots kGenStream[] = {{"protocol"}, {"addresses", 0, 2}, {"ports", 0, 2}, {"direction"}, {"params", 0, 3},
-                                {"action"},   {"params", 3, 1},    {"extension"},   {"streamText"}};
+constexpr Slots kAccessLine[] = {{"protocol"}, {"addresses", 0, 2}, {"ports", 0, 2}, {"action"}, {"extension"}};
+constexpr Slots kNatLine[] = {{"protocol"}, {"addresses", 0, 3}, {"ports", 0, 3}, {"natType"}};
+constexpr Slots kThrottleLine[] = {{"protocol"}, {"addresses", 0, 2}, {"ports", 0, 2}, {"limits", 0, 6}, {"extension"}};
+constexpr Slots kStreamLine[] = {{"appProtocol"}, {"addresses", 0, 2}, {"streamParam"},
+                                 {"action"},      {"extension"},       {"streamText"}};
+constexpr Slots kGenStreamLine[] = {{"protocol"}, {"addresses", 0, 2}, {"ports", 0, 2}, {"direction"}, {"params", 0, 3},
+                                    {"action"},   {"params", 3, 1},    {"extension"},   {"streamText"}};
 
 std::span<const Slots> LineOf(uint32_t kind) noexcept
 {
     switch (kind)
     {
     case KXRULE_KIND_ACCESS:
-        return kAccess;
+        return kAccessLine;
     case KXRULE_KIND_NAT:
-        return kNat;
+        return kNatLine;
     case KXRULE_KIND_THROTTLE:
-        return kThrottle;
+        return kThrottleLine;
     case KXRULE_KIND_STREAM:
-        return kStream;
+        return kStreamLine;
     case KXRULE_KIND_GENSTREAM:
-        return kGenStream;
+        return kGenStreamLine;
     default:
         return {};
     }

@@ -18,7 +18,7 @@ namespace KxPolicy
 {
 
 inline constexpr std::string_view kBlank = " \t\r";
-inline constexpr size_t kMostNesting = 8; // of JSON in a value; the format itself has three levels
+inline constexpr size_t kMostNestingInValue = 8; // of JSON in a value; the format itself has three levels
 
 /// The parts of a line, with their places in it.
 class Scanner
@@ -64,7 +64,7 @@ public:
                 ++depth;
             else if (!isText && (c == ']' || c == '}'))
                 --depth;
-            if (depth > kMostNesting)
+            if (depth > kMostNestingInValue)
                 return {};
             if (!isText && depth == 0)
                 return rest.substr(0, i + 1);

@@ -82,7 +82,7 @@ private:
                                     FileOrder& order);
     [[nodiscard]] bool ReadRules(CEncryptStream& stream, int32_t count, FileOrder& order);
 
-    uint64_t m_Companion = 0; // belongs to the set and is copied with it; not interpreted here
+    [[maybe_unused]] uint64_t m_Companion = 0; // belongs to the set and is copied with it; not interpreted here
     std::string m_FileName;
     uint16_t m_Index = 0;
     KxCommon::WideString m_Name;

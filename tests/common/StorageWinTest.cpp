@@ -14,7 +14,7 @@ namespace
 
 using namespace KxCommon;
 
-uint32_t CodeOf(const auto& work, const char* source = "Registry")
+uint32_t StorageCode(const auto& work, const char* source = "Registry")
 {
     return Thrown<Storage::Exception>(source, work);
 }
@@ -60,9 +60,9 @@ TEST_F(RegistryTest, ReadsOnlyWhatHasTheRightTypeAndSize)
                               static_cast<DWORD>(bytes.size()));
         uint32_t number = 0;
         std::string text;
-        EXPECT_EQ(CodeOf([&, key = name] { number = m_Registry.ReadNumber(key, 7); }), numberCode);
+        EXPECT_EQ(StorageCode([&, key = name] { number = m_Registry.ReadNumber(key, 7); }), numberCode);
         EXPECT_EQ(number, numberCode == 0 ? 0xFF020304 : 0);
-        EXPECT_EQ(CodeOf([&, key = name] { text = m_Registry.ReadString(key, "default"); }), textCode);
+        EXPECT_EQ(StorageCode([&, key = name] { text = m_Registry.ReadString(key, "default"); }), textCode);
         EXPECT_EQ(text, expected);
     }
 }
@@ -82,8 +82,8 @@ TEST_F(RegistryTest, WritesEnumeratesAndDeletes)
     char bytes[4] = {};
     EXPECT_EQ(other.ReadBinary("c", bytes, sizeof bytes), 3u);
     EXPECT_EQ(std::string(bytes, 3), std::string("\1\0\2", 3));
-    EXPECT_EQ(CodeOf([&] { other.ReadBinary("c", bytes, 2); }), uint32_t{ERROR_MORE_DATA});
-    EXPECT_EQ(CodeOf([&] { other.WriteNumber("d", 1); }), uint32_t{ERROR_ACCESS_DENIED});
+    EXPECT_EQ(StorageCode([&] { other.ReadBinary("c", bytes, 2); }), uint32_t{ERROR_MORE_DATA});
+    EXPECT_EQ(StorageCode([&] { other.WriteNumber("d", 1); }), uint32_t{ERROR_ACCESS_DENIED});
 
     other.OpenForEnumerating(Where(), "Key", Storage::kSystemView);
     std::set<std::string> names;
@@ -96,13 +96,13 @@ TEST_F(RegistryTest, WritesEnumeratesAndDeletes)
 
     other.OpenForDeleting(Where(), "Key", 99); // no view: the system's own
     EXPECT_TRUE(other.DeleteValue("a"));
-    EXPECT_EQ(CodeOf([&] { other.DeleteValue("a"); }), 2u);
+    EXPECT_EQ(StorageCode([&] { other.DeleteValue("a"); }), 2u);
     EXPECT_TRUE(other.DeleteKey("Sub"));
-    EXPECT_EQ(CodeOf([&] { other.OpenForReading(Where(), "Key\\Sub", Storage::kSystemView); }), 2u);
-    EXPECT_EQ(CodeOf([&] { other.OpenForReading(Where(), "Key", Storage::kView32); }), 2u);
-    EXPECT_EQ(CodeOf([&] { other.DeleteKey("Sub"); }), 6u) << "a failed open leaves nothing open";
-    EXPECT_EQ(CodeOf([&] { other.EnumerateKeys(0, name); }), 6u);
-    EXPECT_EQ(CodeOf([&] { other.EnumerateValues(0, name); }), 6u);
+    EXPECT_EQ(StorageCode([&] { other.OpenForReading(Where(), "Key\\Sub", Storage::kSystemView); }), 2u);
+    EXPECT_EQ(StorageCode([&] { other.OpenForReading(Where(), "Key", Storage::kView32); }), 2u);
+    EXPECT_EQ(StorageCode([&] { other.DeleteKey("Sub"); }), 6u) << "a failed open leaves nothing open";
+    EXPECT_EQ(StorageCode([&] { other.EnumerateKeys(0, name); }), 6u);
+    EXPECT_EQ(StorageCode([&] { other.EnumerateValues(0, name); }), 6u);
     EXPECT_TRUE(m_Registry.Close() && !other.Close());
 }
 
@@ -139,7 +139,7 @@ TEST(IniFile, ReadsAndWrites)
     file.Close();
     EXPECT_EQ(file.ReadString("Text", "closed"), "closed");
     file.OpenForWriting({Storage::kIniFile, nowhere.c_str(), "a.ini"}, "Section", 0);
-    EXPECT_EQ(CodeOf([&] { file.WriteNumber("Number", 1); }, "IniFile"), uint32_t{ERROR_PATH_NOT_FOUND});
+    EXPECT_EQ(StorageCode([&] { file.WriteNumber("Number", 1); }, "IniFile"), uint32_t{ERROR_PATH_NOT_FOUND});
     EXPECT_EQ(file.ReadNumber("Number", 5), 5u) << "reading throws nothing";
 }
 

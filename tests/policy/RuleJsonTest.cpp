@@ -27,7 +27,7 @@ std::string Texts(const std::vector<Diagnostic>& errors)
     return text;
 }
 
-std::string_view Bytes(const PFW_RULE& rule)
+std::string_view BytesOf(const PFW_RULE& rule)
 {
     return {reinterpret_cast<const char*>(&rule), sizeof rule};
 }
@@ -104,7 +104,7 @@ TEST(RuleJson, ReadsWhatPeopleWrite)
     PFW_RULE rule{};
     std::vector<Diagnostic> errors;
     ASSERT_TRUE(KxPolicy::ReadRule(json, rule, errors)) << Texts(errors);
-    EXPECT_EQ(Bytes(rule), Bytes(expected)) << KxPolicy::RuleToJson(rule) << KxPolicy::RuleToJson(expected);
+    EXPECT_EQ(BytesOf(rule), BytesOf(expected)) << KxPolicy::RuleToJson(rule) << KxPolicy::RuleToJson(expected);
 }
 
 // docs/policy.schema.json names the members that the reader knows, kind by kind, and no others.

@@ -20,7 +20,7 @@
 struct HashStandInState
 {
     static constexpr const char* kLibrary = "KxHash.dll";
-    void SetHash(uint8_t byte) { std::memset(Hash, byte, sizeof Hash); }
+    void SetHash(uint8_t value) { std::memset(Hash, value, sizeof Hash); }
 
     int32_t Status = 0;
     uint8_t Hash[KXRULE_HASH_BYTES] = {}; // written whatever the status

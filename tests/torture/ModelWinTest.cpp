@@ -113,8 +113,6 @@ protected:
     };
 };
 
-} // namespace
-
 TEST_F(ModelTest, OneThreadOverTheWholeStore)
 {
     static constexpr uint16_t kSets[] = {0, 0, 0, 0, 1, 2, 3, 4, 5, 6, 7, 8, 65279, 65280, 65535};
@@ -261,3 +259,5 @@ TEST_F(ModelTest, EightThreadsWithATickingTimer)
             EXPECT_TRUE(IsWhole(rule));
     }
 }
+
+} // namespace

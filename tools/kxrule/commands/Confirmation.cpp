@@ -31,7 +31,7 @@ constexpr DWORD kPause = 10000; // before another try to take back what could no
 constexpr uint64_t kSecond = 1000;
 constexpr uint64_t kTicks = 10000; // of a file time in a millisecond
 
-uint64_t Now() noexcept
+uint64_t TimeNow() noexcept
 {
     FILETIME time;
     ::GetSystemTimeAsFileTime(&time);
@@ -259,7 +259,7 @@ void TakeBackInTime(Session& waiting, const Unconfirmed& awaited)
     {
         static_cast<void>(TakeBack(session, now));
         now.IsTakenBack = true;
-        now.Time = Now();
+        now.Time = TimeNow();
         now.Copies = NarrowToUtf8(session.CopiesName());
         now.Problem = ToRestart();
     }
@@ -357,7 +357,7 @@ Unconfirmed BeginUnconfirmed(Session& session, const std::string& file, uint32_t
     unconfirmed.File = file;
     unconfirmed.Master = NarrowToUtf8(session.Store().MasterFileName());
     unconfirmed.Seconds = seconds;
-    unconfirmed.Time = Now() + kSecond * seconds;
+    unconfirmed.Time = TimeNow() + kSecond * seconds;
     unconfirmed.Copies = NarrowToUtf8(session.CopiesName());
     Write(session.Store(), unconfirmed);
     try
@@ -374,7 +374,7 @@ Unconfirmed BeginUnconfirmed(Session& session, const std::string& file, uint32_t
 
 void StartTheTime(Session& session, Unconfirmed& unconfirmed)
 {
-    unconfirmed.Time = Now() + kSecond * unconfirmed.Seconds;
+    unconfirmed.Time = TimeNow() + kSecond * unconfirmed.Seconds;
     unconfirmed.IsWhole = true;
     Write(session.Store(), unconfirmed);
     Wake(session);
@@ -433,7 +433,7 @@ int AwaitConfirmation(Session& session)
     while (awaited && !awaited->IsTakenBack)
     {
         // The wall clock is read only once: changing it does not change the delay.
-        const uint64_t rest = std::min(awaited->Time - std::min(Now(), awaited->Time), kSecond * awaited->Seconds);
+        const uint64_t rest = std::min(awaited->Time - std::min(TimeNow(), awaited->Time), kSecond * awaited->Seconds);
         const bool isAgain = !awaited->Problem.empty();
         if (::WaitForSingleObject(event.get(), isAgain ? kPause : static_cast<DWORD>(rest)) == WAIT_TIMEOUT &&
             awaited->Seconds > 0)

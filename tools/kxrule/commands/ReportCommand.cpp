@@ -8,7 +8,7 @@ namespace Tool
 namespace
 {
 
-std::string Now()
+std::string LocalTime()
 {
     SYSTEMTIME now{};
     ::GetLocalTime(&now);
@@ -31,7 +31,7 @@ int Report(Session& session, const std::string& file)
 {
     session.OpenToLook();
     const Policy store = session.Read();
-    const ReportInput input{store, Machine(), ToUtf8(session.Directory()), Now(), MacroLine};
+    const ReportInput input{store, Machine(), ToUtf8(session.Directory()), LocalTime(), MacroLine};
     WriteTextFile(session, file, ReportPage(input));
     TellWritten(session, file);
     return ExitDone;

@@ -12,22 +12,23 @@ namespace Tool
 namespace
 {
 
-struct Range
+struct Characters
 {
     uint32_t First;
     uint32_t Last;
 };
 
-constexpr Range kWide[] = {{0x1100, 0x115F},   {0x2E80, 0x303E},   {0x3041, 0xA4CF},  {0xAC00, 0xD7A3},
-                           {0xF900, 0xFAFF},   {0xFE30, 0xFE6F},   {0xFF00, 0xFF60},  {0xFFE0, 0xFFE6},
-                           {0x1F300, 0x1F64F}, {0x1F900, 0x1F9FF}, {0x20000, 0x3FFFD}};
-constexpr Range kNone[] = {{0x0300, 0x036F}, {0x200B, 0x200F}, {0x20D0, 0x20FF}, {0xFE00, 0xFE0F}};
+constexpr Characters kWide[] = {{0x1100, 0x115F},   {0x2E80, 0x303E},   {0x3041, 0xA4CF},  {0xAC00, 0xD7A3},
+                                {0xF900, 0xFAFF},   {0xFE30, 0xFE6F},   {0xFF00, 0xFF60},  {0xFFE0, 0xFFE6},
+                                {0x1F300, 0x1F64F}, {0x1F900, 0x1F9FF}, {0x20000, 0x3FFFD}};
+constexpr Characters kNone[] = {{0x0300, 0x036F}, {0x200B, 0x200F}, {0x20D0, 0x20FF}, {0xFE00, 0xFE0F}};
 
 template <size_t count>
-bool IsIn(const Range (&ranges)[count], uint32_t codePoint) noexcept
+bool IsIn(const Characters (&ranges)[count], uint32_t codePoint) noexcept
 {
     return std::any_of(ranges, ranges + count,
-                       [codePoint](const Range& range) { return codePoint >= range.First && codePoint <= range.Last; });
+                       [codePoint](const Characters& range)
+                       { return codePoint >= range.First && codePoint <= range.Last; });
 }
 
 size_t Width(uint32_t codePoint) noexcept
