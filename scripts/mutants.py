@@ -2,7 +2,7 @@
 """Plants faults in the platform-free core, one at a time, and tells which of them the native tests notice.
 
 Each file is compiled once with all of its faults, of which KX_MUTANT in the environment chooses one; a test runs
-against the faults that it reaches. Needs core_tests of the preset "native"; leaves its own in build/mutants."""
+against the faults that it reaches. Leaves what it builds in build/mutants."""
 import argparse
 import collections
 import concurrent.futures
@@ -21,8 +21,8 @@ import clang.cindex
 from clang.cindex import CursorKind as Kind, TypeKind
 
 ROOT = pathlib.Path(__file__).resolve().parent.parent
-NATIVE = ROOT / "build" / "native"
 OUT = ROOT / "build" / "mutants"
+NATIVE = OUT / "native"  # each source compiled alone
 ROOMS = ["rules/", "persistence/", "policy/", "repository/"]
 OPERATORS = b"< <= > >= == != && || + - * / % & | ^ << >>".split()
 OTHER = dict(zip(OPERATORS, b"<= < >= > != == || && - + + * / | & & >> <<".split()))
@@ -194,6 +194,8 @@ def main():
     parser.add_argument("--matrix", action="store_true", help="also which tests kill nothing alone (takes longer)")
     parser.add_argument("paths", nargs="*", default=ROOMS, help="where; headers have to be named")
     options = parser.parse_args()
+    for words in (["--preset", "native", "-B", NATIVE, "-DCMAKE_UNITY_BUILD=OFF"], ["--build", NATIVE, "--target", "core_tests"]):
+        subprocess.run(["cmake", *words], cwd=ROOT, check=True, stdout=subprocess.DEVNULL)
     listed = json.loads((NATIVE / "compile_commands.json").read_text())
     commands = {shlex.split(each["command"])[-3]: each for each in listed}
 
@@ -206,8 +208,8 @@ def main():
     files = sorted(file for file in set().union(*deps.values()) if file in options.paths or (
         file.startswith(tuple(options.paths)) and file.endswith(".cpp")))
     flags = [word for word in shlex.split(commands[objects[-1]]["command"]) if re.match("-[DIs]", word)]
-    shutil.rmtree(OUT, ignore_errors=True)
-    OUT.mkdir()
+    for each in ("tree", "objects"):
+        shutil.rmtree(OUT / each, ignore_errors=True)
     with concurrent.futures.ProcessPoolExecutor(os.cpu_count()) as pool:
         mutants = sum(pool.map(find, files, [flags + ["-xc++", f"-isystem{NATIVE}/third_party"]] * len(files)), [])
         print(f"{len(mutants)} faults are possible in {len(files)} files", flush=True)

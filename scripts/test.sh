@@ -25,4 +25,5 @@ wait $prefix
 step "tests and checks"
 mkdir -p build/all
 echo "include(\"$PWD/scripts/all-tests.cmake\")" >build/all/CTestTestfile.cmake
-ctest --test-dir build/all -j "$(nproc)" --output-on-failure --no-tests=error --timeout 180 "$@"
+# one more than there are processors, since some wait
+ctest --test-dir build/all -j $(($(nproc) + 1)) --output-on-failure --no-tests=error --timeout 180 "$@"
