@@ -1,5 +1,6 @@
 // Records as JSON.
 #include <algorithm>
+#include <cstddef>
 #include <cstring>
 
 #include <nlohmann/json.hpp>
@@ -190,7 +191,8 @@ private:
 
 Json ItemAsJson(const MACRO_ITEM& item)
 {
-    MACRO_ITEM given{};
+    MACRO_ITEM given;
+    std::memset(&given, 0, sizeof given); // all of the union, not its first member alone
     uint8_t* const to = reinterpret_cast<uint8_t*>(&given.Addr);
     given.dwItemType = item.dwItemType;
     Json json = Json::object();
@@ -202,7 +204,7 @@ Json ItemAsJson(const MACRO_ITEM& item)
         json["text"] = TextJson(NarrowFieldText(&item.szText, sizeof item.szText), to, sizeof item.szText, PutNarrow);
     else
         json["type"] = uint32_t{item.dwItemType};
-    AddRaw(json, &item, &given, 0, sizeof item);
+    AddRaw(json, &item, &given, offsetof(MACRO_ITEM, Addr), sizeof item);
     return json;
 }
 

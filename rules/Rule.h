@@ -56,6 +56,6 @@ public:
 private:
     int32_t FillHash();
 
-    uint64_t m_Companion = 0; // belongs to the rule and is copied with it; not interpreted here
+    [[maybe_unused]] uint64_t m_Companion = 0; // belongs to the rule and is copied with it; not interpreted here
     PFW_RULE m_Rule;
 };

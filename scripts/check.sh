@@ -29,24 +29,21 @@ checkFormat() { files '\.(c|cpp|h|hpp)$' | xargs clang-format --dry-run -Werror;
 
 # With Clang's own warnings and the lock annotations: guarded members are accessed only under their locks. The analyzer
 # gives up on a function after 50000 states instead of 225000, which halves the time. The sources of a directory are
-# checked as one, since two thirds of the time would go to the headers; if that finds something, each is checked alone,
-# which shows its own lines. Warnings go to standard output; standard error has little but the number of suppressed ones.
+# checked as one, since two thirds of the time would go to the headers: lines are those of the file in build/check/rooms.
 checkTidy()
 {
-    local source tidy=(clang-tidy --quiet '{}' -- "${windows[@]}" "${flags[@]}" -Wthread-safety
-        -Xclang -analyzer-config -Xclang max-nodes=50000)
+    local source
     rm -rf build/check/rooms && mkdir build/check/rooms
-    sources | while read -r source; do
+    sources | tac | while read -r source; do # not in the order of the build: each shows what the other lacks
         # One of two ciphers: both have the same functions.
         [[ $source = */Aes128Ni.cpp ]] && cp "$source" build/check/rooms && continue
         cat "$source" >>"build/check/rooms/$(dirname "$source" | tr / -).cpp"
     done
     # the largest first
-    find build/check/rooms -printf '%s %p\n' -name '*.cpp' | sort -rn | cut -d ' ' -f 2 |
-        each "${tidy[@]}" >build/check/tidy.log 2>&1 && return
-    cat build/check/tidy.log
-    sources | each "${tidy[@]}" 2>/dev/null
-    return 1
+    find build/check/rooms -name '*.cpp' -printf '%s %p\n' | sort -rn | cut -d ' ' -f 2 |
+        each clang-tidy --quiet '{}' -- "${windows[@]}" "${flags[@]}" -Wthread-safety \
+            -Xclang -analyzer-config -Xclang max-nodes=50000 2>build/check/tidy.log ||
+        { cat build/check/tidy.log >&2; return 1; }
 }
 
 # Each directory includes only itself, the contract, and the directories below it; common and the companions do not
