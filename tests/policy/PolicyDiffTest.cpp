@@ -1,12 +1,14 @@
-// What has to change so that a store holds a policy: what tests/api/PolicyTest.cpp does not see of it.
+// What has to change so that a store holds a policy: what tests/policy/ApplyTest.cpp does not see of it.
 #include "policy/PolicyDiff.h"
 
 #include <gtest/gtest.h>
 
+#include "tests/support/ParsedPolicy.h"
 #include "tests/support/RecordBuilder.h"
 
 using KxPolicy::MergeMode;
 using KxPolicy::Policy;
+using KxPolicy::PolicyDiff;
 
 TEST(PolicyDiff, MergesMacrosByName)
 {
@@ -54,4 +56,76 @@ TEST(PolicyDiff, TakesAComputedHashForThePolicys)
     EXPECT_EQ(KxPolicy::Compare(store, policy, MergeMode::Merge).RuleSets[0].RulesAfter[0]->Access.abAppHash[19], 9);
     Build::SetText(&wanted.Access.wszAppName, KXRULE_APP_NAME_UNITS, KXW("C:\\b.exe")); // another file has another
     EXPECT_EQ(KxPolicy::Compare(store, policy, MergeMode::Merge).RuleSets[0].RulesAfter[0]->Access.abAppHash[19], 0);
+}
+
+TEST(PolicyDiff, ShowsWhatChanges)
+{
+    const Policy store = ParsedPolicy(R"(rules 1
+active 1 2
+macro m
+port=80
+text=a
+set 1 alt
+1 ACCESS,TCP,,,,80,DROP  description=first  application=C:\a.exe
+2 ACCESS,TCP,,,,80,DROP
+3 NAT,ANY,,,,,,,SNAT
+set 2 gone
+7 NAT,ANY,,,,,,,SNAT
+)");
+    const Policy policy = ParsedPolicy(R"(rules 1
+active 1
+macro m
+port=81
+text=a
+set 1 neu
+1 ACCESS,TCP,,10.0.0.1,,80,ACCEPT  description=second
+2 ACCESS,TCP,,,,80,DROP,5:0:x  raw=["9: 0102","2800: ff"]
+4 NAT,ANY,,,,,,,SNAT
+set 3 new
+0 ACCESS,TCP,,,,80,DROP  description=third
+)");
+    const PolicyDiff diff = KxPolicy::Compare(store, policy, MergeMode::Replace);
+    EXPECT_EQ(KxPolicy::DiffText(diff), R"(~ rule set 1  "alt" becomes "neu"
+  ~ rule 1  "access"  "second"
+      -  "description": "first"
+      +  "description": "second"
+      -  "addresses": ["any", "any"]
+      +  "addresses": ["any", "10.0.0.1"]
+      -  "action": "drop"
+      -  "application": "C:\\a.exe"
+      +  "action": "accept"
+  ~ rule 2  "access"
+      +  "extension": {"flag": 1, "value": 5, "shortValue": 0, "text": "x"}
+      +  "raw": [
+      +    "9: 0102"
+      +    "2800: ff"
+      +  ]
+  - rule 3  "nat"
+  + rule 4  "nat"
+- rule set 2  "gone"
+  - rule 7  "nat"
++ rule set 3  "new"
+  + rule 0  "access"  "third"
+~ macros
+      -        {"port": "80"}
+      +        {"port": "81"}
+~ active  [1, 2] becomes [1]
+)");
+    EXPECT_EQ(KxPolicy::DiffSummary(diff),
+              "1 rule set added, 1 rule set changed, 1 rule set removed, 2 rules added, 2 rules changed, 2 rules "
+              "removed, macros changed, active list changed");
+}
+
+TEST(PolicyDiff, KnowsTheLimits)
+{
+    const auto excess = [](const std::string& store, const std::string& policy)
+    {
+        const Policy before = ParsedPolicy(PolicyText(store)), wanted = ParsedPolicy(PolicyText(policy));
+        return KxPolicy::ExcessText(before, KxPolicy::Compare(before, wanted, MergeMode::Merge));
+    };
+    EXPECT_EQ(excess(Numbered(1, 63, "a:"), "1a: 64a:"), "");
+    EXPECT_EQ(excess(Numbered(1, 64, "a:"), "1a: 65a:"), "the store would hold 65 rule sets; the limit is 64");
+    EXPECT_EQ(excess("1a: " + Numbered(1, 1023, "s"), "1a: 1s 1024s"), "");
+    EXPECT_EQ(excess("1a: " + Numbered(1, 1024, "s"), "1a: 1s 1025s"),
+              "rule set 1 would hold 1025 rules; the limit is 1024");
 }
