@@ -9,6 +9,7 @@
 
 #include "common/srclib/KxComn_Record.h"
 #include "policy/ItemText.h"
+#include "tests/support/ParsedPolicy.h"
 #include "tests/support/RecordBuilder.h"
 
 namespace
@@ -39,7 +40,7 @@ constexpr Known kAddressItems[] = {
     {"!10.0.0.2", "YYNYYNNNNN"},
     {"10.0.0.0/31", "YYNNNNNNNN"},
     {"10.0.0.2/30", "YYYYNNNNNN"},
-    {"10.0.0.1/255.255.255.253", "NYNYNNNNNN"},
+    {"10.0.0.0/255.255.254.253", "YNYNYNNNNN"},
     {"10.0.0.3-10.0.0.1", "NYYYNNNNNN"},
     {"!10.0.0.0/31", "NNYYYNNNNN"},
     {"fe80::1", "NNNNNNYNNN"},
@@ -52,9 +53,9 @@ constexpr Known kAddressItems[] = {
     {"none", "PPPPPPPPPP"},
 };
 constexpr Known kPortItems[] = {
-    {"any", "YYYYY"},    {"any", "YYYYY"}, {"any", "YYYYY"},  {"none", "YYYYY"},  {"1", "NYNNN"},
-    {"!2", "YYNYY"},     {"3-1", "NYYYN"}, {"!0-1", "NNYYY"}, {"0,2-3", "YNYYN"}, {"list:2", "NNYNN"},
-    {"list:x", "PPPPP"}, {"@m", "NYNYN"},  {"@x", "PPPPP"},
+    {"any", "YYYYY"},       {"any", "YYYYY"}, {"any", "YYYYY"},  {"none", "YYYYY"},  {"1", "NYNNN"},
+    {"!2", "YYNYY"},        {"3-1", "NYYYN"}, {"!0-1", "NNYYY"}, {"0,2-3", "YNYYN"}, {"list:2", "NNYNN"},
+    {"list:!2,3", "PPPPP"}, {"@m", "NYNYN"},  {"@x", "PPPPP"},
 };
 
 template <class Item>
@@ -227,4 +228,34 @@ TEST(Decide, AgreesWithAPacketByPacketLook)
         ASSERT_EQ(Found(decision), expected) << round;
         ASSERT_EQ(decision.IsUndecided, isUndecided) << round;
     }
+}
+
+TEST(Decide, TellsWhatKeptRulesFromDeciding)
+{
+    const Policy policy = ParsedPolicy(R"(rules 1
+active 1
+set 1 a
+1 ACCESS,UDP,,,,80,DROP
+2 ACCESS,TCP,10.0.0.2,,,80,DROP
+3 ACCESS,TCP,,10.0.0.2,,80,DROP
+4 ACCESS,TCP,,,1-9,,DROP
+5 ACCESS,TCP,,,,81,DROP
+6 ACCESS,TCP,,,,80,DROP  application=C:\b.exe
+7 ACCESS,TCP,,,,80,DROP  (off)
+8 ACCESS,UDP,,,,81,DROP
+9 NAT,TCP,,,,,,,SNAT
+10 NAT,UDP,,,,,,,SNAT
+11 ACCESS,TCP,,,,80,ACCEPT
+12 ACCESS,UDP,,,,80,ACCEPT
+)");
+    PFW_RULE traffic = QuestionOf({1, 0, {0, 0}, {4, 4}});
+    traffic.Access.Port[1] = Build::Single(uint16_t{80});
+    const KxPolicy::Decision decision = KxPolicy::Decider(policy).Decide(traffic);
+    std::string text;
+    for (const KxPolicy::NearMiss& miss : decision.Misses)
+        text +=
+            std::to_string(miss.Which.Rule->wRuleIndex) + " " + std::string(KxPolicy::ObstacleText(miss.Kept)) + ", ";
+    for (const KxPolicy::RuleRef& other : decision.Others)
+        text += std::to_string(other.Rule->wRuleIndex) + " as well, ";
+    EXPECT_EQ(text, "1 protocol, 2 from address, 3 to address, 4 from port, 5 to port, 6 program, 7 off, 9 as well, ");
 }

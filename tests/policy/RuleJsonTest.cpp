@@ -10,6 +10,7 @@
 
 #include "policy/RuleFields.h"
 #include "policy/RulesText.h"
+#include "tests/support/ParsedPolicy.h"
 #include "tests/support/RecordBuilder.h"
 
 using KxPolicy::Diagnostic;
@@ -52,7 +53,10 @@ TEST(RuleJson, ReadsLinesOfText)
         {"STREAM,HTTP,,,85,DROP,0:0:,", nullptr},
         {"GENSTREAM,TCP,,,,,IN,1,2,-3,DROP,4,0:0:,text", nullptr},
         {"ACCESS2  protocol=udp", "ACCESS2  protocol=udp  addresses=any,any  ports=any,any"},
-        {"ACCESS,TCP,10.0.0.300,,,,DROP", "1:12 expected an address"},
+        {"ACCESS,ANY,0.0.0.0/0,@web,!80,web,ASK,0:3:", "ACCESS,ANY,0.0.0.0/0,web,!80,web,ASK,0:3:"},
+        {"ACCESS,TCP,,,,80,DROP  description=\"😀 日\"  hash=0000000000000000000000000000000000000001", nullptr},
+        {"ACCESS,TCP,0.0.0.300,,,,DROP", "1:12 expected an address"},
+        {"ACCESS,TCP,!web,,,,DROP", "1:12 expected an address"},
         {"ACCESS,TPC,,,,,DROP", "1:8 expected any, icmp"},
         {"ACCESS,TCP,,,,DROP", "1:19 expected action after"},
         {"ACCESS,TCP,,,,80", "1:17 expected action after another comma"},
@@ -74,6 +78,88 @@ TEST(RuleJson, ReadsLinesOfText)
         EXPECT_EQ(isGood ? found : found.substr(0, expected.size()), expected) << found;
         EXPECT_FALSE(hasIndex);
     }
+}
+
+TEST(RuleJson, TellsEverythingThatIsWrong)
+{
+    const std::pair<std::string, std::string> cases[] = {
+        {R"({"version": 2, "active": [0], "macro": [], "macros": [{"name": "\u00e4", "items": [
+{"port": "80", "text": "x"}, {"type": 9, "raw": ["3: 00"]}]}],
+"ruleSets": [{"index": 2, "name": "0123456789012345678901234567890123456789012345678901234567890123X", "rules": [
+{"index": 2, "kind": "acess", "foo": 1, "ports": 7, "natType": "x"},
+{"index": 3, "kind": "access", "ports": ["any"], "active": "yes", "adresses": []},
+{"index": 4, "kind": "access", "action": "drop", "ports": ["list: ", "80-x"], "hash": "00", "description": 5},
+{"index": 5, "kind": "nat", "natType": "snat", "addresses": ["10.0.0.1/33", "1.1.1.1-x", "fe80::/129"]},
+{"index": 7, "kind": 9}, {"index": 7, "kind": 9}, []]},
+{"index": 2, "name": "a", "name": "b", "rules": {}}, 7]})",
+         R"(1:13 version: the file has version 2 of this format, which needs a newer kxrule; this one reads version 1
+1:27 active[0]: expected a whole number from 1 to 65280, found 0
+1:31 : "macro" is not a member of a policy; expected $schema, version, active, macros, ruleSets
+1:64 macros[0].name: a character has no counterpart in the active code page
+2:1 macros[0].items[0]: expected one of address, port, text, or a type as a number
+2:50 macros[0].items[1].raw[0]: expected "offset: hexadecimal bytes" within 4 and 137, found "3: 00"
+3:35 ruleSets[0].name: at most 64 UTF-16 units fit, the text has 65
+4:22 ruleSets[0].rules[0].kind: expected access, nat, throttle, stream, genstream, access2 or a whole number from 0 to 4294967295, found "acess"
+4:31 ruleSets[0].rules[0]: "foo" is not a member of a rule of any kind
+4:64 ruleSets[0].rules[0].natType: expected snat, masq, dnat, rdir or a whole number from 0 to 4294967295, found "x"
+5:1 ruleSets[0].rules[1]: "action" is missing
+5:41 ruleSets[0].rules[1].ports: expected an array of 2, found 1
+5:60 ruleSets[0].rules[1].active: expected true, false or a whole number from 0 to 4294967295, found "yes"
+5:67 ruleSets[0].rules[1]: "adresses" is not a member of a rule of kind access; expected index, kind, description, active, protocol, addresses, ports, action, extension, application, hash, system, spare, raw
+6:1 ruleSets[0].rules[2]: a port list is empty or blank, which the library refuses (-10064)
+6:70 ruleSets[0].rules[2].ports[1]: expected a port as any, 80, 1000-2000, !80, 80,443,1000-2000, list:TEXT, @name or none ("80-x" is none of these), found "80-x"
+6:87 ruleSets[0].rules[2].hash: expected the hash as 40 hexadecimal digits, found "00"
+6:108 ruleSets[0].rules[2].description: expected a text, found 5
+7:62 ruleSets[0].rules[3].addresses[0]: expected an address as any, 10.0.0.1, 10.0.0.0/8, 10.0.0.0/255.0.0.0, 10.0.0.1-10.0.0.9, fe80::/10, @name or none, with ! in front to negate (after / there must be a prefix length from 0 to 32 or a mask of the same family), found "10.0.0.1/33"
+7:77 ruleSets[0].rules[3].addresses[1]: expected an address as any, 10.0.0.1, 10.0.0.0/8, 10.0.0.0/255.0.0.0, 10.0.0.1-10.0.0.9, fe80::/10, @name or none, with ! in front to negate (after - there must be an address of the same family), found "1.1.1.1-x"
+7:90 ruleSets[0].rules[3].addresses[2]: expected an address as any, 10.0.0.1, 10.0.0.0/8, 10.0.0.0/255.0.0.0, 10.0.0.1-10.0.0.9, fe80::/10, @name or none, with ! in front to negate (after / there must be a prefix length from 0 to 128 or a mask of the same family), found "fe80::/129"
+8:26 ruleSets[0].rules[5]: the rule set already has a rule 7
+8:51 ruleSets[0].rules[6]: expected a rule as an object, found an array
+9:1 ruleSets[1]: rule set 2 already exists
+9:27 ruleSets[1]: "name" appears twice
+9:49 ruleSets[1].rules: expected an array of rules, found an object
+9:54 ruleSets[2]: expected a rule set as an object with index, name, rules, raw, found 7
+)"},
+        {R"({"version": "1"})", "1:13 version: expected 1, found \"1\"\n"},
+        {R"(rules x
+active 1 x
+macro m x
+port=80 text=y
+set 0 a
+10 ACCESS,TCP,,,,,DROP  colour=red
+11 ACCESS,TCP,,10.0.0.1/33,,,DROP
+ACCESS,TCP,,,,,DROP
+12 ACCESS,TCP,,,,,DROP
+set 2
+sett 8
+)",
+         R"(1:7 version: expected 1, found "x"
+2:10 active[1]: expected a whole number from 1 to 65280, found "x"
+3:9 : expected the end of the line
+4:1 macros[0].items[0]: expected one of address, port, text, or a type as a number
+5:5 ruleSets[0].index: expected a whole number from 1 to 65280, found 0
+6:25 : "colour" is not a member of a rule of kind access
+7:16 ruleSets[0].rules[1].addresses[1]: expected an address as any, 10.0.0.1, 10.0.0.0/8, 10.0.0.0/255.0.0.0, 10.0.0.1-10.0.0.9, fe80::/10, @name or none, with ! in front to negate (after / there must be a prefix length from 0 to 32 or a mask of the same family), found "10.0.0.1/33"
+9:1 ruleSets[0].rules[3]: the rule set already has a rule 12
+10:1 ruleSets[1]: "name" is missing
+11:1 : expected active, macro, set or a rule, whose first word is one of access, nat, throttle, stream, genstream, access2, found "sett"
+)"},
+        {PolicyText("1a: " + Numbered(0, 1024, "s")),
+         "1028:1 ruleSets[0].rules[1024]: a rule set holds at most 1024 rules; what follows is not read\n"},
+        {PolicyText(Numbered(101, 165, "a:")),
+         "67:1 ruleSets[64]: a store holds at most 64 rule sets; what follows is not read\n"},
+    };
+    Policy policy;
+    std::vector<Diagnostic> errors;
+    for (const auto& [text, expected] : cases)
+    {
+        EXPECT_FALSE(KxPolicy::ReadAnyPolicy(text, policy, errors));
+        EXPECT_EQ(Texts(errors), expected);
+    }
+    const std::string many = Numbered(70001, 71500, ",") + "0";
+    EXPECT_FALSE(KxPolicy::ReadPolicy(R"({"version": 1, "active": [)" + many + "]}", policy, errors));
+    EXPECT_EQ(errors.size(), 1001u);
+    EXPECT_EQ(errors.back().Text, "there is more; what follows is not read");
 }
 
 TEST(RuleJson, ReadsWhatPeopleWrite)
