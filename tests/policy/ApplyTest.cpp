@@ -4,7 +4,7 @@
 #include <gtest/gtest.h>
 
 #include "policy/LibraryStore.h"
-#include "policy/RuleJson.h"
+#include "policy/ResultCodes.h"
 #include "tests/support/MemoryLibrary.h"
 #include "tests/support/ParsedPolicy.h"
 
@@ -95,8 +95,8 @@ TEST(Apply, MakesTheStoreHoldWhatThePolicySays)
 TEST(Apply, CanBeTakenBackWhereverItStops)
 {
     const Policy policy = ParsedPolicy(kPolicyAfter);
-    std::string attempts;
-    for (int good = 0;; ++good)
+    int good = 0;
+    for (; good < 20; ++good)
     {
         FillMemory(kPolicyBefore);
         const Policy store = ReadMemory();
@@ -110,16 +110,11 @@ TEST(Apply, CanBeTakenBackWhereverItStops)
         catch (const KxPolicy::StoreError& error)
         {
             EXPECT_EQ(error.Result(), KXRULE_E_FILE_WRITE);
-            const std::string text = error.what();
-            attempts += text.substr(0, text.find(':')) + "; ";
+            EXPECT_TRUE(good != 6 || error.what() == "adding rule 3 of rule set 4: " + KxPolicy::ResultText(-10057));
         }
         const Policy now = ReadMemory();
         ApplyInMemory(now, KxPolicy::Inverse(store, diff, now));
         EXPECT_EQ(KxPolicy::PolicyToText(ReadMemory()), KxPolicy::PolicyToText(store)) << good;
     }
-    EXPECT_EQ(attempts,
-              "emptying rule set 1; adding rule 0 of rule set 1; adding rule 6 of rule set 1; deleting rule 1 of rule "
-              "set 4; deleting rule 2 of rule set 4; adding rule 1 of rule set 4; adding rule 3 of rule set 4; adding "
-              "rule set 9; deleting the macros; adding a macro; setting the active list; writing the store; deleting "
-              "rule set 2; deleting rule set 3; adding rule set 2; writing the store; ");
+    EXPECT_EQ(good, 16);
 }

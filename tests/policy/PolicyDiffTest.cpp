@@ -12,16 +12,9 @@ using KxPolicy::PolicyDiff;
 
 TEST(PolicyDiff, MergesMacrosByName)
 {
-    const struct
-    {
-        const char* Store;
-        const char* Policy;
-        const char* Merged;
-    } cases[] = {
-        {"abc", "b", "abc"},    {"abc", "Bd", "aBcd"}, {"aba", "A", "Ab"},
-        {"aba", "AAA", "AbAA"}, {"", "ab", "ab"},      {"ab", "", "ab"},
-    };
-    // A letter is a name, a capital one the same name with an item.
+    // Store, policy and what comes of them; a letter is a name, a capital one the same name with an item.
+    const char* const cases[][3] = {{"abc", "b", "abc"},    {"abc", "Bd", "aBcd"}, {"aba", "A", "Ab"},
+                                    {"aba", "AAA", "AbAA"}, {"", "ab", "ab"},      {"ab", "", "ab"}};
     const auto macros = [](const char* letters)
     {
         Policy policy;
@@ -31,15 +24,14 @@ TEST(PolicyDiff, MergesMacrosByName)
                                       std::vector<MACRO_ITEM>((*letters & 0x20) == 0 ? 1 : 0)});
         return policy;
     };
-    for (const auto& c : cases)
+    for (const auto& [before, policy, expected] : cases)
     {
-        const Policy store = macros(c.Store);
-        const std::optional<std::vector<KxPolicy::MacroRecord>> merged =
-            KxPolicy::Compare(store, macros(c.Policy), MergeMode::Merge).Macros;
+        const Policy store = macros(before);
+        const auto merged = KxPolicy::Compare(store, macros(policy), MergeMode::Merge).Macros;
         std::string letters;
         for (const KxPolicy::MacroRecord& macro : merged ? *merged : *store.Macros)
             letters += macro.Items.empty() ? macro.Name[0] : static_cast<char>(macro.Name[0] & ~0x20);
-        EXPECT_EQ(letters, c.Merged) << c.Store << " " << c.Policy;
+        EXPECT_EQ(letters, expected) << before << " " << policy;
     }
 }
 
