@@ -4,6 +4,7 @@
 #include <functional>
 #include <thread>
 #include <tuple>
+#include <utility>
 
 #include "tests/api/StoreFixture.h"
 #include "tests/support/MemoryLibrary.h"

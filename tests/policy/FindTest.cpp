@@ -1,6 +1,8 @@
 // What is found in rules and macros, and in which of their fields.
 #include "policy/Find.h"
 
+#include <sstream>
+
 #include <gtest/gtest.h>
 
 #include "tests/support/ParsedPolicy.h"

@@ -6,6 +6,7 @@
 #include <cstdint>
 #include <functional>
 #include <sstream>
+#include <type_traits>
 #include <vector>
 
 #include "api/include/KxPfwRule.h"
