@@ -55,6 +55,7 @@ TEST(RuleJson, ReadsLinesOfText)
         {"ACCESS2  protocol=udp", "ACCESS2  protocol=udp  addresses=any,any  ports=any,any"},
         {"ACCESS,ANY,0.0.0.0/0,@web,!80,web,ASK,0:3:", "ACCESS,ANY,0.0.0.0/0,web,!80,web,ASK,0:3:"},
         {"ACCESS,TCP,,,,80,DROP  description=\"😀 日\"  hash=0000000000000000000000000000000000000001", nullptr},
+        {"ACCESS,TCP,,,,80,DROP  extension={\"flag\":0,\"value\":1,\"shortValue\":65535,\"text\":\"\"}", nullptr},
         {"ACCESS,TCP,0.0.0.300,,,,DROP", "1:12 expected an address"},
         {"ACCESS,TCP,!web,,,,DROP", "1:12 expected an address"},
         {"ACCESS,TPC,,,,,DROP", "1:8 expected any, icmp"},
@@ -90,7 +91,7 @@ TEST(RuleJson, TellsEverythingThatIsWrong)
 {"index": 3, "kind": "access", "ports": ["any"], "active": "yes", "adresses": []},
 {"index": 4, "kind": "access", "action": "drop", "ports": ["list: ", "80-x"], "hash": "00", "description": 5},
 {"index": 5, "kind": "nat", "natType": "snat", "addresses": ["10.0.0.1/33", "1.1.1.1-x", "fe80::/129"]},
-{"index": 7, "kind": 9}, {"index": 7, "kind": 9}, []]},
+{"index": 7, "kind": 9}, {"index": 7, "kind": 9}, {"index": 65536, "kind": 9}, []]},
 {"index": 2, "name": "a", "name": "b", "rules": {}}, 7]})",
          R"(1:13 version: the file has version 2 of this format, which needs a newer kxrule; this one reads version 1
 1:27 active[0]: expected a whole number from 1 to 65280, found 0
@@ -114,7 +115,8 @@ TEST(RuleJson, TellsEverythingThatIsWrong)
 7:77 ruleSets[0].rules[3].addresses[1]: expected an address as any, 10.0.0.1, 10.0.0.0/8, 10.0.0.0/255.0.0.0, 10.0.0.1-10.0.0.9, fe80::/10, @name or none, with ! in front to negate (after - there must be an address of the same family), found "1.1.1.1-x"
 7:90 ruleSets[0].rules[3].addresses[2]: expected an address as any, 10.0.0.1, 10.0.0.0/8, 10.0.0.0/255.0.0.0, 10.0.0.1-10.0.0.9, fe80::/10, @name or none, with ! in front to negate (after / there must be a prefix length from 0 to 128 or a mask of the same family), found "fe80::/129"
 8:26 ruleSets[0].rules[5]: the rule set already has a rule 7
-8:51 ruleSets[0].rules[6]: expected a rule as an object, found an array
+8:61 ruleSets[0].rules[6].index: expected a whole number from 0 to 65535, found 65536
+8:80 ruleSets[0].rules[7]: expected a rule as an object, found an array
 9:1 ruleSets[1]: rule set 2 already exists
 9:27 ruleSets[1]: "name" appears twice
 9:49 ruleSets[1].rules: expected an array of rules, found an object
