@@ -50,7 +50,7 @@ void FillMemory(const std::string& policy)
 
 TEST(Apply, MakesTheStoreHoldWhatThePolicySays)
 {
-    const std::string none = PolicyText("") + "active\nmacros\n";
+    const std::string none = PolicyText("") + "active\nmacro e\n";            // without items
     const std::string blank = none + "set 1 a\n1 ACCESS2  ports=list:,any\n"; // accepted with its set alone
     const auto many = [](int first, int last) { return PolicyText(Numbered(first, last, "a:")) + "active\nmacros\n"; };
     const struct

@@ -51,7 +51,7 @@ TEST(RuleJson, ReadsLinesOfText)
         {"THROTTLE,UDP,,,,53,1,2,3,4,5,65535", nullptr},
         {"STREAM,HTTP,,,85,DROP,0:0:x80,GET /a, b", nullptr},
         {"STREAM,HTTP,,,85,DROP,0:0:,", nullptr},
-        {"GENSTREAM,TCP,,,,,IN,1,2,-3,DROP,4,0:0:,text", nullptr},
+        {"GENSTREAM,TCP,,,,,IN,1,2,-3,DROP,4,0:3:,text", nullptr},
         {"ACCESS2  protocol=udp", "ACCESS2  protocol=udp  addresses=any,any  ports=any,any"},
         {"ACCESS,ANY,0.0.0.0/0,@web,!80,web,ASK,0:3:", "ACCESS,ANY,0.0.0.0/0,web,!80,web,ASK,0:3:"},
         {"ACCESS,TCP,,,,80,DROP  description=\"😀 日\"  hash=0000000000000000000000000000000000000001", nullptr},

@@ -36,7 +36,7 @@ inline std::string Numbered(int first, int last, const std::string& word)
     return words;
 }
 
-inline const std::string kPolicyBefore = PolicyText("1a: 0s 5d 2b: 1s 3c: 7s 4d: 1s 2s 1+ 3+ m* n*");
+inline const std::string kPolicyBefore = PolicyText("2b: 1s 1a: 0s 5d 3c: 7s 4d: 1s 2s 1+ 3+ m* n*");
 // A rule 0 that changes, a new name, a set that goes, one that comes, rules that change, go and come, macros, active
 // list.
 inline const std::string kPolicyAfter = PolicyText("1a: 0d 6d 2x: 1s 4d: 1d 3s 9e: 1s 9+ 1+ o*");
