@@ -4,6 +4,7 @@ namespace
 {
 
 HashStandInState g_State;
+SRWLOCK g_Lock = SRWLOCK_INIT; // a refresh may call while a rule is added
 
 } // namespace
 
@@ -21,9 +22,11 @@ extern "C" BOOL WINAPI DllMain(HINSTANCE, DWORD reason, void*)
 
 extern "C" __declspec(dllexport) int32_t kxCfwGetHashValue(const wchar_t* path, uint8_t* hash)
 {
+    ::AcquireSRWLockExclusive(&g_Lock);
     g_State.Paths.emplace_back(path);
     if (g_State.OnCall != nullptr)
         g_State.OnCall(path);
     std::memcpy(hash, g_State.Hash, sizeof g_State.Hash);
+    ::ReleaseSRWLockExclusive(&g_Lock);
     return g_State.Status;
 }

@@ -5,8 +5,8 @@
 //     hash->Status = 5;
 //     hash->OnCall = [](const wchar_t*) { ::WaitForSingleObject(g_GoOn, INFINITE); };   // as slow as the test wants
 //
-// HashStandIn(folder, "kxCfwGetHashValue") lacks that function. Tests read Paths; only the library appends to it, one
-// call at a time.
+// HashStandIn(folder, "kxCfwGetHashValue") lacks that function. Tests read Paths; only the library appends to it. Calls
+// are taken one at a time.
 #pragma once
 
 #include <cstdint>
