@@ -159,13 +159,9 @@ std::set<uint32_t> Found(const KxPolicy::Decision& decision)
 
 Policy RandomPolicy(Random& random)
 {
-    const auto address = [](const char* text) { return Build::Item(Parsed(text, KxPolicy::ParseAddress)); };
-    const auto port = [](const char* text) { return Build::Item(Parsed(text, KxPolicy::ParsePort)); };
-    Policy policy;
-    policy.Active = {2, 1, 2};
-    policy.Macros = {{"m", {address("10.0.0.0/30"), Build::Item("text"), port("1"), address("fe80::2")}},
-                     {"n", {address("!10.0.0.1"), Build::Item("text")}},
-                     {"m", {address("!10.0.0.1"), port("list:3")}}};
+    Policy policy = ParsedPolicy("rules 1\nactive 2 1 2\n"
+                                 "macro m\naddress=10.0.0.0/30\ntext=x\nport=1\naddress=fe80::2\n"
+                                 "macro n\naddress=!10.0.0.1\ntext=x\nmacro m\naddress=!10.0.0.1\nport=list:3\n");
     for (uint16_t index = 1; index <= 3; ++index)
     {
         policy.RuleSets.push_back({index, {}, {}});
@@ -207,55 +203,5 @@ TEST(Decide, AgreesWithAPacketByPacketLook)
             ASSERT_EQ(!isUndecided,
                       !decision.Rules.empty() && decision.Rules.back().IsRest && decision.Rules.back().IsCertain);
         }
-        // A range of traffic: the rules that decide about it are those that decide about its packets.
-        PFW_RULE question = RandomRule(random, 0);
-        question.dwActive = 1;
-        question.Access.dwProtocol = 6;
-        question.Access.dwExtFlag = 0;
-        std::set<uint32_t> expected;
-        bool isUndecided = false, isKnown = round % 10 == 0;
-        for (size_t i = 7500; i < 15000 && isKnown; ++i)
-        {
-            const Packet packet = PacketOf(i);
-            const char holds = Matches(question, packet);
-            if (holds == 'Y')
-                expected.merge(Expected(policy, packet, isUndecided));
-            isKnown = holds != 'P';
-        }
-        if (!isKnown)
-            continue;
-        const KxPolicy::Decision decision = decider.Decide(question);
-        ASSERT_EQ(Found(decision), expected) << round;
-        ASSERT_EQ(decision.IsUndecided, isUndecided) << round;
     }
-}
-
-TEST(Decide, TellsWhatKeptRulesFromDeciding)
-{
-    const Policy policy = ParsedPolicy(R"(rules 1
-active 1
-set 1 a
-1 ACCESS,UDP,,,,80,DROP
-2 ACCESS,TCP,10.0.0.2,,,80,DROP
-3 ACCESS,TCP,,10.0.0.2,,80,DROP
-4 ACCESS,TCP,,,1-9,,DROP
-5 ACCESS,TCP,,,,81,DROP
-6 ACCESS,TCP,,,,80,DROP  application=C:\b.exe
-7 ACCESS,TCP,,,,80,DROP  (off)
-8 ACCESS,UDP,,,,81,DROP
-9 NAT,TCP,,,,,,,SNAT
-10 NAT,UDP,,,,,,,SNAT
-11 ACCESS,TCP,,,,80,ACCEPT
-12 ACCESS,UDP,,,,80,ACCEPT
-)");
-    PFW_RULE traffic = QuestionOf({1, 0, {0, 0}, {4, 4}});
-    traffic.Access.Port[1] = Build::Single(uint16_t{80});
-    const KxPolicy::Decision decision = KxPolicy::Decider(policy).Decide(traffic);
-    std::string text;
-    for (const KxPolicy::NearMiss& miss : decision.Misses)
-        text +=
-            std::to_string(miss.Which.Rule->wRuleIndex) + " " + std::string(KxPolicy::ObstacleText(miss.Kept)) + ", ";
-    for (const KxPolicy::RuleRef& other : decision.Others)
-        text += std::to_string(other.Rule->wRuleIndex) + " as well, ";
-    EXPECT_EQ(text, "1 protocol, 2 from address, 3 to address, 4 from port, 5 to port, 6 program, 7 off, 9 as well, ");
 }
