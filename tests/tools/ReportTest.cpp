@@ -9,6 +9,7 @@
 
 #include "policy/RuleJson.h"
 #include "rules/Macro.h"
+#include "tests/support/ParsedPolicy.h"
 #include "tests/support/RecordBuilder.h"
 
 namespace
@@ -18,10 +19,7 @@ Tool::Policy Workstation()
 {
     std::ifstream file("examples/workstation.json", std::ios::binary);
     const std::string json{std::istreambuf_iterator<char>(file), {}};
-    Tool::Policy policy;
-    std::vector<Tool::Diagnostic> errors;
-    EXPECT_TRUE(Tool::ReadPolicy(json, policy, errors));
-    return policy;
+    return ParsedPolicy(json);
 }
 
 std::string PageOf(const Tool::Policy& policy)
@@ -80,9 +78,7 @@ TEST(Report, ShowsAWholePolicy)
 // What each place of the page says, and in which class.
 TEST(Report, SaysInEachPlace)
 {
-    Tool::Policy policy;
-    std::vector<Tool::Diagnostic> errors;
-    ASSERT_TRUE(Tool::ReadPolicy(
+    Tool::Policy policy = ParsedPolicy(
         R"({"version": 1, "macros": [{"name": "m", "items": [{"port": "81"}, {"address": "10.9.0.0/16"}, {"text": "note"}]}],
             "active": [2, 1], "ruleSets": [{"index": 1, "name": "one\u202e", "rules": [
             {"index": 1, "kind": "access", "protocol": "tcp", "addresses": ["any", "10.9.1.0/24"],
@@ -98,8 +94,7 @@ TEST(Report, SaysInEachPlace)
             {"index": 7, "kind": "stream", "appProtocol": "http", "action": "drop"}]},
             {"index": 2, "name": "two", "rules": [
             {"index": 1, "kind": "access", "protocol": "tcp", "addresses": ["any", "10.9.1.7"], "action": "drop"}]},
-            {"index": 3, "name": "", "rules": []}]})",
-        policy, errors));
+            {"index": 3, "name": "", "rules": []}]})");
     const std::string page = PageOf(policy);
     const std::string allowed = "<td class=accept><ul><li>to 10.9.1.0/24 less to 10.9.1.7 <a href=#1-1>1/1</a></ul>";
     const std::string refused = "<td class=deny><ul><li>to 10.9.1.7 <a href=#2-1>2/1</a>";
@@ -151,52 +146,31 @@ TEST(Report, SaysInEachPlace)
 TEST(Report, Warns)
 {
     using Kind = Tool::WarningKind;
-    // A rule set of one rule that accepts, and what else there is to say of the rule.
-    const auto set = [](int index, int rule, const std::string& more)
-    {
-        return "{\"index\": " + std::to_string(index) +
-               ", \"name\": \"\", \"rules\": [{\"index\": " + std::to_string(rule) + R"(, "kind": "access")" +
-               (more.find("action") == std::string::npos ? R"(, "action": "accept")" : "") + more + "}]}";
-    };
-    const std::string web = R"(, "ports": ["any", 80])";
-    const std::string hash = R"(, "hash": "0102030405060708090a0b0c0d0e0f1011121314")";
-    const std::string rescue =
-        R"(, "protocol": 4294967295, "description": "This is a rescue rule. This rule file had been broken/deleted.")";
-    const struct
-    {
-        std::string Active, RuleSets;
-        const char* Warnings; // rule set/rule and what is said of it
-    } cases[] = {
-        {"", "", ""},
-        {"", set(1, 3, web), "0 No rule set is active."},
-        {"7", "", "7 is active but does not exist."},
-        {"1", set(1, 3, ""), "1/3 accepts everything from anybody to anybody."},
-        {"1", set(1, 3, web + R"(, "application": "C:/a")"),
-         "0 C:/a has no hash: what replaces it is matched too by 1/3"},
-        {"1", set(1, 3, web + R"(, "application": "C:/a")" + hash), ""},
-        {"2, 1", set(1, 3, web) + "," + set(2, 4, R"(, "ports": ["any", "1-99"])"), // in the order of the active list
+    const std::string one = "active 1\nset 1 a\n3", both = "active 1 2\nset 1 a\n3", second = "\nset 2 a\n4";
+    const std::string any = " ACCESS,ANY,,,,,ACCEPT", web = " ACCESS,ANY,,,,80,ACCEPT", program = "  application=C:/a";
+    const std::string hash = "  hash=0102030405060708090a0b0c0d0e0f1011121314";
+    const std::pair<std::string, const char*> cases[] = {
+        // policy, rule set/rule and what is said of it
+        {"active\nset 1 a\n3" + web, "0 No rule set is active."},
+        {"active 7\n", "7 is active but does not exist."},
+        {one + any, "1/3 accepts everything from anybody to anybody."},
+        {one + web + program, "0 C:/a has no hash: what replaces it is matched too by 1/3"},
+        {"active 2 1\nset 1 a\n3" + web + second + " ACCESS,ANY,,,,1:99,ACCEPT", // in the order of the active list
          "1/3 redundant: accept, decided before by 2/4"},
-        {"1, 2", set(1, 3, web) + "," + set(2, 4, web + R"(, "active": false)"), ""},
-        {"1, 2, 3",
-         set(1, 3, R"(, "ports": ["any", "1-80"], "action": "drop")") + "," + set(2, 4, R"(, "ports": ["any", "@m"])") +
-             "," + set(3, 5, R"(, "ports": ["any", "80,81"])"), // by a union, and a macro
+        {both + web + second + web + "  (off)", ""},
+        {"active 1 2 3\nset 1 a\n3 ACCESS,ANY,,,,1:80,DROP" + second + " ACCESS,ANY,,,,m,ACCEPT" +
+             "\nset 3 a\n5 ACCESS,ANY,,,,80|81,ACCEPT", // by a union, and a macro
          "3/5 in vain: accept, decided before by 1/3 2/4"},
-        {"1", set(1, 3, web + R"(, "application": "C:/a")" + hash) + "," + set(2, 4, ""),
-         "2/4 accepts everything from anybody to anybody."},
-        {"1, 2", set(1, 3, web + R"(, "application": "C:/a")" + hash) + "," + set(2, 4, web), ""}, // for one program
-        {"1", set(1, 3, web) + "," + set(2, 4, web), ""}, // sets that are not active take nothing
-        {"1", set(1, 30000, rescue),
+        {one + web + program + hash + second + any, "2/4 accepts everything from anybody to anybody."},
+        {both + web + program + hash + second + web, ""}, // for one program
+        {one + web + second + web, ""},                   // sets that are not active take nothing
+        {"active 1\nset 1 a\n30000 ACCESS  protocol=4294967295  action=accept  description=\"This is a rescue rule. "
+         "This rule file had been broken/deleted.\"",
          "1/30000 is a rescue rule: the rules of this set were damaged and must be replaced."},
     };
-    for (const auto& c : cases)
+    for (const auto& [text, expected] : cases)
     {
-        Tool::Policy policy;
-        std::vector<Tool::Diagnostic> errors;
-        ASSERT_TRUE(
-            Tool::ReadPolicy(R"({"version": 1, "macros": [{"name": "m", "items": [{"port": "81"}]}], "active": [)" +
-                                 c.Active + "], \"ruleSets\": [" + c.RuleSets + "]}",
-                             policy, errors))
-            << c.RuleSets;
+        const Tool::Policy policy = ParsedPolicy("rules 1\nmacro m\nport=81\n" + text);
         std::string warnings;
         for (const Tool::Warning& warning : Tool::FindWarnings(policy))
         {
@@ -209,6 +183,6 @@ TEST(Report, Warns)
             for (const Tool::RuleRef& by : warning.By)
                 warnings += " " + std::to_string(by.RuleSet->Index) + "/" + std::to_string(by.Rule->wRuleIndex);
         }
-        EXPECT_EQ(warnings, c.Warnings) << c.Active << c.RuleSets;
+        EXPECT_EQ(warnings, expected) << text;
     }
 }
