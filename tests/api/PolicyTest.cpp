@@ -76,7 +76,6 @@ TEST_F(PolicyTest, RefusesWithAReasonAndAPlace)
 {
     const std::tuple<std::string, uint32_t, int32_t, const char*> rows[] = {
         // policy and flags, result, what is reported
-        {"{}", KXPOLICY_MERGE, KXPOLICY_E_TEXT, "1:1  \"version\" is missing; this format has version 1\n"},
         {PolicyText("1+ 0+"), KXPOLICY_MERGE, KXPOLICY_E_TEXT,
          "4:8 active[1] expected a whole number from 1 to 65280, found 0\n"},
         {PolicyText(Numbered(101, 164, "a:")), KXPOLICY_MERGE, KXPOLICY_E_LIMIT,

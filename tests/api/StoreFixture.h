@@ -73,12 +73,6 @@ protected:
             indexes.push_back(rule.wRuleIndex);
         return indexes;
     }
-    static std::wstring NameOf(uint16_t index)
-    {
-        PFW_RULESET head{};
-        kxRuleGetRuleSet(index, &head, 0);
-        return KxCommon::Record::WideText(&head.wszName, KXRULE_RULESET_NAME_UNITS);
-    }
 
     [[nodiscard]] std::string ReadFile(const std::string& name) const { return ReadBytes(PathOf(name)); }
     void WriteFile(const std::string& name, const std::string& content) const { WriteBytes(PathOf(name), content); }

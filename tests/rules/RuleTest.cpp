@@ -1,33 +1,17 @@
-// Records that a rule takes as they stand, and port lists that are no lists. (What becomes of the others, and how
-// macros are shown, tests/fuzz tells from a second implementation.)
-#include "rules/Rule.h"
+// Port lists that are no lists. (What becomes of rules, and how macros are shown, tests/fuzz tells from a second
+// implementation.)
+#include "rules/Normalise.h"
 
-#include <cstring>
 #include <string>
 
 #include <gtest/gtest.h>
 
-#include "rules/Normalise.h"
 #include "tests/support/RecordBuilder.h"
 
 namespace
 {
 
 using namespace Build;
-
-TEST(Rule, IsSetAndCopiedAsItStands)
-{
-    const PFW_RULE zeroes{};
-    CRule rule;
-    EXPECT_EQ(std::memcmp(&rule.Record(), &zeroes, 2845), 0);
-    PFW_RULE record = Patterned<PFW_RULE>(), out;
-    record.dwKind = 1;
-    record.Access.Port[0] = PortRange(90, 80);
-    rule.SetRule(record);
-    EXPECT_EQ(CRule(rule).GetRule(&out), 0);
-    EXPECT_EQ(std::memcmp(&out, &record, 2845), 0);
-    EXPECT_EQ(rule.GetRule(nullptr), -10012);
-}
 
 TEST(Rule, TellsBlankPortLists)
 {

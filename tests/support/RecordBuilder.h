@@ -37,17 +37,6 @@ inline void SetText(void* field, size_t units, KxCommon::WideStringView text)
         std::memcpy(field, text.data(), (text.size() < units ? text.size() : units) * sizeof(KXWCHAR));
 }
 
-/// Numbered bytes, so that every byte that is moved or missing shows.
-template <class Record>
-Record Patterned(uint8_t seed = 1)
-{
-    Record record;
-    unsigned char* const bytes = reinterpret_cast<unsigned char*>(&record);
-    for (size_t i = 0; i < sizeof record; ++i)
-        bytes[i] = static_cast<unsigned char>(seed + i * 7 + i / 256);
-    return record;
-}
-
 // ----------------------------------------------------------------------------------------------------- addresses --
 
 inline RULE_ADDR Address(uint32_t type, uint32_t address1 = 0, uint32_t address2 = 0)
