@@ -28,8 +28,9 @@ each() { xargs -r -P 2 -I '{}' "$@"; }
 checkFormat() { files '\.(c|cpp|h|hpp)$' | xargs clang-format --dry-run -Werror; }
 
 # With Clang's own warnings and the lock annotations: guarded members are accessed only under their locks. The analyzer
-# gives up on a function after 50000 states instead of 225000, which halves the time. The sources of a directory are
-# checked as one, since two thirds of the time would go to the headers: lines are those of the file in build/check/rooms.
+# gives up on a function after 20000 states instead of 225000, which takes half of the time. The sources of a directory
+# are checked as one, since two thirds of the time would go to the headers: lines are those of the file in
+# build/check/rooms.
 checkTidy()
 {
     local source
@@ -42,7 +43,7 @@ checkTidy()
     # the largest first
     find build/check/rooms -name '*.cpp' -printf '%s %p\n' | sort -rn | cut -d ' ' -f 2 |
         each clang-tidy --quiet '{}' -- "${windows[@]}" "${flags[@]}" -Wthread-safety \
-            -Xclang -analyzer-config -Xclang max-nodes=50000 2>build/check/tidy.log ||
+            -Xclang -analyzer-config -Xclang max-nodes=20000 2>build/check/tidy.log ||
         { cat build/check/tidy.log >&2; return 1; }
 }
 
