@@ -194,7 +194,8 @@ def main():
     parser.add_argument("--matrix", action="store_true", help="also which tests kill nothing alone (takes longer)")
     parser.add_argument("paths", nargs="*", default=ROOMS, help="where; headers have to be named")
     options = parser.parse_args()
-    for words in (["--preset", "native", "-B", NATIVE, "-DCMAKE_UNITY_BUILD=OFF"], ["--build", NATIVE, "--target", "core_tests"]):
+    for words in (["--preset", "native", "-B", NATIVE, "-DCMAKE_UNITY_BUILD=OFF"],
+                  ["--build", NATIVE, "--target", "core_tests"]):
         subprocess.run(["cmake", *words], cwd=ROOT, check=True, stdout=subprocess.DEVNULL)
     listed = json.loads((NATIVE / "compile_commands.json").read_text())
     commands = {shlex.split(each["command"])[-3]: each for each in listed}
