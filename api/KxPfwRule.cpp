@@ -4,6 +4,7 @@
 
 #include <memory>
 #include <string>
+#include <string_view>
 #include <utility>
 #include <vector>
 
@@ -21,6 +22,7 @@
 #include "common/trace/KxComn_DebugLog.h"
 #include "repository/RuleMaster.h"
 #include "rules/Normalise.h"
+#include "rules/RuleText.h"
 
 using KxCommon::kTraceCall;
 using KxCommon::kTraceError;
@@ -112,7 +114,7 @@ private:
     const char* m_Name;
 };
 
-int32_t CopyText(const std::string& line, char* text, int32_t textSize) noexcept
+int32_t CopyText(std::string_view line, char* text, int32_t textSize) noexcept
 {
     KxCommon::String::CopyBounded(text, textSize, line);
     return static_cast<int32_t>(std::min<size_t>(line.size(), INT32_MAX));
@@ -419,9 +421,9 @@ int32_t kxRuleGetRuleString(uint16_t ruleSetIndex, uint16_t ruleIndex, char* tex
     return call.Reading(KXRULE_E_RULE_TEXT,
                         [&](ReadToken token)
                         {
-                            std::string line;
+                            RuleText::Line line;
                             const int32_t result = g_RuleMaster.GetRuleString(token, ruleSetIndex, ruleIndex, line);
-                            return result == KXRULE_OK ? CopyText(line, text, textSize) : result;
+                            return result == KXRULE_OK ? CopyText(line.View(), text, textSize) : result;
                         });
 }
 
@@ -433,9 +435,9 @@ int32_t kxRuleGetRuleString2(const PFW_RULE* rule, char* text, int32_t textSize)
                             {
                                 if (rule == nullptr)
                                     return KXRULE_E_NULL_POINTER;
-                                std::string line;
+                                RuleText::Line line;
                                 const int32_t result = CRule(*rule).GetRuleString(line);
-                                return result == KXRULE_OK ? CopyText(line, text, textSize) : result;
+                                return result == KXRULE_OK ? CopyText(line.View(), text, textSize) : result;
                             });
 }
 

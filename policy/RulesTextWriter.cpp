@@ -70,8 +70,8 @@ std::string LineText(const PFW_RULE& rule)
             KxCommon::Record::Store(at, named);
         }
     }
-    std::string line;
-    return RuleText::Render(shown, line) == KXRULE_OK ? NarrowToReturnableUtf8(line) : std::string();
+    RuleText::Line line;
+    return RuleText::Render(shown, line) == KXRULE_OK ? NarrowToReturnableUtf8(line.View()) : std::string();
 }
 
 /// What a line means, as JSON; null if it does not express a rule.

@@ -288,7 +288,8 @@ int32_t CRuleMaster::IsRuleActive(ReadToken token, uint16_t ruleSetIndex, uint16
     return found == nullptr ? result : static_cast<int32_t>(found->Record().dwActive);
 }
 
-int32_t CRuleMaster::GetRuleString(ReadToken token, uint16_t ruleSetIndex, uint16_t ruleIndex, std::string& line) const
+int32_t CRuleMaster::GetRuleString(ReadToken token, uint16_t ruleSetIndex, uint16_t ruleIndex,
+                                   RuleText::Line& line) const noexcept
 {
     int32_t result = KXRULE_OK;
     const CRule* const found = FindRule(token, ruleSetIndex, ruleIndex, result);

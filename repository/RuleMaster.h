@@ -19,6 +19,7 @@
 #include "repository/MasterLock.h"
 #include "repository/RuleSet.h"
 #include "rules/Macro.h"
+#include "rules/RuleText.h"
 
 struct MasterFields;
 
@@ -89,7 +90,7 @@ public:
     /// dwActive, or a code.
     [[nodiscard]] int32_t IsRuleActive(ReadToken token, uint16_t ruleSetIndex, uint16_t ruleIndex) const noexcept;
     [[nodiscard]] int32_t GetRuleString(ReadToken token, uint16_t ruleSetIndex, uint16_t ruleIndex,
-                                        std::string& line) const;
+                                        RuleText::Line& line) const noexcept;
     [[nodiscard]] int32_t UpdateHashValue(const KXWCHAR* applicationPath, const uint8_t* hash,
                                           KXRULE_HASH_CALLBACK callback, void* context);
 

@@ -7,6 +7,7 @@
 
 #include "common/srclib/KxComn_Names.h"
 #include "common/srclib/KxComn_Trace.h"
+#include "rules/RuleText.h"
 
 namespace
 {
@@ -53,13 +54,13 @@ void AddRescueRule(CRuleSet& ruleSet, const RescueRule& rescueRule)
                  ruleIndex);
         return;
     }
-    std::string line;
+    RuleText::Line line;
     if (const int32_t result = rule.GetRuleString(line); result != KXRULE_OK)
         KX_TRACE(KxCommon::kTraceError, "\tCRule::GetRuleString() failed (nResult=%d, index=%u:%u)", result,
                  ruleSetIndex, ruleIndex);
     else
         KX_TRACE(KxCommon::kTraceCall, "\tAdded rescue rule (index=%u:%u, rule=\"%s\")", ruleSetIndex, ruleIndex,
-                 line.c_str());
+                 std::string(line.View()).c_str());
 }
 
 } // namespace

@@ -13,18 +13,20 @@ namespace
 // Items are stored as raw blocks, so one of an unknown type passes through unchanged; it has no text.
 void AppendItem(std::string& text, const MACRO_ITEM& item)
 {
+    RuleText::Line shown;
     switch (item.dwItemType)
     {
     case KXRULE_ITEM_ADDR:
-        RuleText::AppendAddress(text, item.Addr);
+        RuleText::AppendAddress(shown, item.Addr);
         break;
     case KXRULE_ITEM_PORT:
-        RuleText::AppendPort(text, item.Port);
+        RuleText::AppendPort(shown, item.Port);
         break;
     case KXRULE_ITEM_TEXT:
-        text += KxCommon::Record::Text(item.szText, sizeof item.szText);
+        shown += KxCommon::Record::Text(item.szText, sizeof item.szText);
         break;
     }
+    text += shown.View();
 }
 
 constexpr size_t kUsualItem = 24; // bytes of an item's text

@@ -35,7 +35,7 @@ int32_t CRule::GetRule(PFW_RULE* out) const
     return KXRULE_OK;
 }
 
-int32_t CRule::GetRuleString(std::string& line) const
+int32_t CRule::GetRuleString(RuleText::Line& line) const noexcept
 {
     return RuleText::Render(m_Rule, line);
 }

@@ -3,11 +3,11 @@
 
 #include <concepts>
 #include <cstdint>
-#include <string>
 #include <vector>
 
 #include "api/include/KxPfwRule.h"
 #include "common/srclib/KxComn_Lock.h"
+#include "rules/RuleText.h"
 
 /// Holds one record by value. No lock of its own; see docs/threads.md for who may touch it when.
 class CRule
@@ -38,7 +38,7 @@ public:
     /// 0, or KXRULE_E_NULL_POINTER, traced.
     [[nodiscard]] int32_t GetRule(PFW_RULE* out) const;
     /// The rule as one line. 0, or KXRULE_E_RULE_TEXT (kind not 1 to 5) with line unchanged.
-    [[nodiscard]] int32_t GetRuleString(std::string& line) const;
+    [[nodiscard]] int32_t GetRuleString(RuleText::Line& line) const noexcept;
 
     [[nodiscard]] const PFW_RULE& Record() const noexcept { return m_Rule; }
     void SetIndex(uint16_t ruleIndex) noexcept { m_Rule.wRuleIndex = ruleIndex; }

@@ -2,7 +2,6 @@
 // empty; the separators around them stay.
 #include "rules/RuleText.h"
 
-#include <charconv>
 #include <cstddef>
 #include <cstdint>
 #include <string_view>
@@ -14,9 +13,7 @@ namespace
 {
 
 using KxCommon::Record::Text;
-
-// Room for every line without long texts, so that rendering allocates once.
-constexpr size_t kUsualLine = 256;
+using RuleText::Line;
 
 std::string_view Protocol(uint32_t value) noexcept
 {
@@ -55,37 +52,29 @@ static_assert(KXRULE_APP_HTTP == 1 && KXRULE_APP_SMTP == 2);
 static_assert(KXRULE_DIRECTION_IN == 1 && KXRULE_DIRECTION_OUT == 2 && KXRULE_DIRECTION_ANY == 3);
 
 // kept: 32-bit fields are shown as signed numbers, 16-bit ones as unsigned.
-void AppendNumber(std::string& text, int32_t value)
+void AppendNumber(Line& text, uint32_t value) noexcept
 {
-    char digits[11]; // -2147483648
-    text.append(digits, std::to_chars(digits, digits + sizeof digits, value).ptr);
+    text.AppendNumber(static_cast<int32_t>(value));
 }
 
-void AppendNumber(std::string& text, uint32_t value)
+void AppendNumber(Line& text, uint16_t value) noexcept
 {
-    AppendNumber(text, static_cast<int32_t>(value));
-}
-
-void AppendNumber(std::string& text, uint16_t value)
-{
-    AppendNumber(text, int32_t{value});
+    text.AppendNumber(value);
 }
 
 // address is in host byte order: its highest byte comes first.
-void AppendDotted(std::string& text, uint32_t address)
+void AppendDotted(Line& text, uint32_t address) noexcept
 {
-    char dotted[4 * 4]; // every part followed by a dot
-    char* end = dotted;
     for (int shift = 24; shift >= 0; shift -= 8)
     {
-        end = std::to_chars(end, end + 3, address >> shift & 0xFF).ptr;
-        *end++ = '.';
+        text.AppendNumber(static_cast<int32_t>(address >> shift & 0xFF));
+        if (shift > 0)
+            text += '.';
     }
-    text.append(dotted, end - 1);
 }
 
 template <size_t count>
-void AppendAddresses(std::string& text, const RULE_ADDR (&items)[count])
+void AppendAddresses(Line& text, const RULE_ADDR (&items)[count]) noexcept
 {
     for (const RULE_ADDR& item : items)
     {
@@ -95,7 +84,7 @@ void AppendAddresses(std::string& text, const RULE_ADDR (&items)[count])
 }
 
 template <size_t count>
-void AppendPorts(std::string& text, const RULE_PORT (&items)[count])
+void AppendPorts(Line& text, const RULE_PORT (&items)[count]) noexcept
 {
     for (const RULE_PORT& item : items)
     {
@@ -105,7 +94,7 @@ void AppendPorts(std::string& text, const RULE_PORT (&items)[count])
 }
 
 template <class Block>
-void AppendExtension(std::string& text, const Block& block)
+void AppendExtension(Line& text, const Block& block) noexcept
 {
     text += ',';
     AppendNumber(text, block.dwExtValue);
@@ -117,7 +106,7 @@ void AppendExtension(std::string& text, const Block& block)
 
 // Protocol, addresses and ports: the beginning of every line except a stream's.
 template <class Block>
-void AppendTraffic(std::string& text, const Block& block)
+void AppendTraffic(Line& text, const Block& block) noexcept
 {
     text += Protocol(block.dwProtocol);
     text += ',';
@@ -125,7 +114,7 @@ void AppendTraffic(std::string& text, const Block& block)
     AppendPorts(text, block.Port);
 }
 
-void Append(std::string& text, const PFW_ACCESS& rule)
+void Append(Line& text, const PFW_ACCESS& rule) noexcept
 {
     text += "ACCESS,";
     AppendTraffic(text, rule);
@@ -134,7 +123,7 @@ void Append(std::string& text, const PFW_ACCESS& rule)
         AppendExtension(text, rule);
 }
 
-void Append(std::string& text, const PFW_NAT& rule)
+void Append(Line& text, const PFW_NAT& rule) noexcept
 {
     text += "NAT,";
     AppendTraffic(text, rule);
@@ -142,7 +131,7 @@ void Append(std::string& text, const PFW_NAT& rule)
 }
 
 // Array elements are passed by value, without even a reference to the array, which may be at an odd address.
-void Append(std::string& text, const PFW_THROTTLE& rule)
+void Append(Line& text, const PFW_THROTTLE& rule) noexcept
 {
     text += "THROTTLE,";
     AppendTraffic(text, rule);
@@ -156,7 +145,7 @@ void Append(std::string& text, const PFW_THROTTLE& rule)
         AppendExtension(text, rule);
 }
 
-void Append(std::string& text, const PFW_STREAM& rule)
+void Append(Line& text, const PFW_STREAM& rule) noexcept
 {
     text += "STREAM,";
     text += Keyword(kAppProtocols, rule.dwAppProtocol);
@@ -170,7 +159,7 @@ void Append(std::string& text, const PFW_STREAM& rule)
     text += Text(rule.szStreamText, sizeof rule.szStreamText);
 }
 
-void Append(std::string& text, const PFW_GENSTREAM& rule)
+void Append(Line& text, const PFW_GENSTREAM& rule) noexcept
 {
     text += "GENSTREAM,";
     AppendTraffic(text, rule);
@@ -197,7 +186,7 @@ void Append(std::string& text, const PFW_GENSTREAM& rule)
 namespace RuleText
 {
 
-void AppendAddress(std::string& text, const RULE_ADDR& item)
+void AppendAddress(Line& text, const RULE_ADDR& item) noexcept
 {
     const uint32_t type = item.dwType;
     if (type == KXRULE_ADDR_ANY)
@@ -229,7 +218,7 @@ void AppendAddress(std::string& text, const RULE_ADDR& item)
     }
 }
 
-void AppendPort(std::string& text, const RULE_PORT& item)
+void AppendPort(Line& text, const RULE_PORT& item) noexcept
 {
     const int32_t type = item.nType;
     switch (type)
@@ -255,13 +244,12 @@ void AppendPort(std::string& text, const RULE_PORT& item)
     }
 }
 
-int32_t Render(const PFW_RULE& rule, std::string& line)
+int32_t Render(const PFW_RULE& rule, Line& line) noexcept
 {
     const uint32_t kind = rule.dwKind;
     if (kind < KXRULE_KIND_ACCESS || kind > KXRULE_KIND_GENSTREAM)
         return KXRULE_E_RULE_TEXT;
-    line.clear();
-    line.reserve(kUsualLine);
+    line.Clear();
     switch (kind)
     {
     case KXRULE_KIND_ACCESS:

@@ -604,7 +604,7 @@ KXRULE_API int32_t kxRuleGetMacro(void* buffer, int32_t bufferSize);
 /*
  * One stored rule as a line of text, such as ACCESS,TCP,192.168.0.1,!10.0.0.0/255.0.0.0,,80:90,ACCEPT
  * The length, or KXRULE_E_NO_RULESET, KXRULE_E_NO_RULE,
- *                KXRULE_E_RULE_TEXT  its kind is not 1 to 5, or memory ran out
+ *                KXRULE_E_RULE_TEXT  its kind is not 1 to 5
  */
 KXRULE_API int32_t kxRuleGetRuleString(uint16_t ruleSetIndex, uint16_t ruleIndex, char* text, int32_t textSize);
 

@@ -36,12 +36,12 @@ bool Same(const PFW_RULE& a, const PFW_RULE& b)
 
 /// An item's text from a copy in separate memory, so that reading past it shows.
 template <class Item>
-std::string TextOf(const Item& item, void (*append)(std::string&, const Item&))
+std::string TextOf(const Item& item, void (*append)(RuleText::Line&, const Item&))
 {
     const auto alone = std::make_unique<Item>(item);
-    std::string text;
+    RuleText::Line text;
     append(text, *alone);
-    return text;
+    return std::string(text.View());
 }
 
 template <class Block>
@@ -82,9 +82,12 @@ Shown ShownOf(const PFW_RULE& rule)
 void CheckLine(const PFW_RULE& rule)
 {
     const auto alone = std::make_unique<PFW_RULE>(rule);
-    std::string line = "before";
+    RuleText::Line rendered;
+    rendered += "before";
     const uint32_t kind = rule.dwKind;
-    if (RuleText::Render(*alone, line) != KXRULE_OK)
+    const int32_t result = RuleText::Render(*alone, rendered);
+    const std::string line(rendered.View());
+    if (result != KXRULE_OK)
     {
         KX_REQUIRE(line == "before" && (kind < KXRULE_KIND_ACCESS || kind > KXRULE_KIND_GENSTREAM));
         return;
@@ -98,8 +101,7 @@ void CheckLine(const PFW_RULE& rule)
     uint8_t* const bytes = reinterpret_cast<uint8_t*>(alone.get());
     std::fill_n(bytes, kUsedHead, 'x');
     std::fill(bytes + shown.End, bytes + sizeof rule, static_cast<uint8_t>('x'));
-    std::string again;
-    KX_REQUIRE(RuleText::Render(*alone, again) == KXRULE_OK && again == line);
+    KX_REQUIRE(RuleText::Render(*alone, rendered) == KXRULE_OK && rendered.View() == line);
 }
 
 /// What a rule made of the record holds: of an access rule, ranges in order, a program's name with an end, and the hash

@@ -23,13 +23,14 @@ template <class Item>
 using ItemCases = std::vector<std::tuple<const char*, Item, std::string>>;
 
 template <class Item>
-void CheckItems(void (&append)(std::string&, const Item&), const ItemCases<Item>& cases)
+void CheckItems(void (&append)(RuleText::Line&, const Item&), const ItemCases<Item>& cases)
 {
     for (const auto& [name, item, expected] : cases)
     {
-        std::string text = kBefore;
+        RuleText::Line text;
+        text += kBefore;
         append(text, item);
-        EXPECT_EQ(text, kBefore + expected) << name;
+        EXPECT_EQ(text.View(), kBefore + expected) << name;
     }
 }
 
@@ -95,9 +96,10 @@ PFW_RULE Example(uint32_t kind)
 
 void CheckLine(const PFW_RULE& rule, const std::string& line)
 {
-    std::string text = kBefore;
+    RuleText::Line text;
+    text += kBefore;
     EXPECT_EQ(CRule(rule).GetRuleString(text), 0) << line;
-    EXPECT_EQ(text, line);
+    EXPECT_EQ(text.View(), line);
 }
 
 // The example's line with a part of it replaced.
@@ -154,6 +156,21 @@ TEST(RuleText, ShowsRules)
         std::memset(reinterpret_cast<char*>(&rule) + offset, 'e', size);
         CheckLine(rule, Line(kind, part, before + std::string(size, 'e') + after));
     }
+
+    // The longest of all lines.
+    PFW_RULE longest = Example(KXRULE_KIND_GENSTREAM);
+    std::memset(reinterpret_cast<char*>(&longest) + 540, 'e', 256 + 2049); // both texts
+    const std::string name(44, 'n'), ports(129, 'p'), number = "-2147483648";
+    PFW_GENSTREAM& stream = longest.GenStream;
+    stream.Addr[0] = stream.Addr[1] = AddressName(name);
+    stream.Port[0] = stream.Port[1] = PortText(KXRULE_PORT_NAME, ports);
+    stream.dwDirection = KXRULE_DIRECTION_ANY;
+    stream.dwParam[0] = stream.dwParam[1] = stream.dwParam[2] = stream.dwParam3 = stream.dwExtValue = 0x80000000;
+    stream.dwAction = KXRULE_ACTION_REJECT;
+    stream.wExtValue = 0xFFFF;
+    CheckLine(longest, "GENSTREAM,TCPUDP," + name + "," + name + "," + ports + "," + ports + ",ANY," + number + "," +
+                           number + "," + number + ",REJECT," + number + "," + number +
+                           ":65535:" + std::string(256, 'e') + "," + std::string(2049, 'e'));
 }
 
 } // namespace

@@ -30,9 +30,9 @@ TEST(Builder, RulesReadAsTheyWereBuilt)
     };
     for (const auto& [rule, expected] : rows)
     {
-        std::string line;
+        RuleText::Line line;
         EXPECT_EQ(RuleText::Render(rule, line), 0);
-        EXPECT_EQ(line, expected);
+        EXPECT_EQ(line.View(), expected);
     }
 }
 

@@ -85,9 +85,6 @@ TEST_F(FaultsTest, LackOfMemoryIsToldAndNeverTakenForDamage)
         {"kxRuleAddRule", [&] { return kxRuleAddRule(1, 200, &rule); }, KXRULE_E_NULL_POINTER},
         {"kxRuleAddMacro", [&] { return kxRuleAddMacro(macro.get()); }, KXRULE_E_NULL_POINTER},
         {"kxRuleSetActiveRuleSet", [&] { return kxRuleSetActiveRuleSet(active, 2); }, KXRULE_E_NULL_POINTER},
-        {"kxRuleGetRuleString", [] { return std::min(0, kxRuleGetRuleString(2, 7, nullptr, 0)); }, KXRULE_E_RULE_TEXT},
-        {"kxRuleGetRuleString2", [&] { return std::min(0, kxRuleGetRuleString2(&rule, nullptr, 0)); },
-         KXRULE_E_RULE_TEXT},
         {"kxRuleGetMacroString", [&] { return std::min(0, kxRuleGetMacroString(macro.get(), nullptr, 0)); },
          KXRULE_E_MACRO_TEXT},
     };

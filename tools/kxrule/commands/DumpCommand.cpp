@@ -4,8 +4,8 @@
 #include "persistence/Aes128.h"
 #include "persistence/FileFormat.h"
 #include "policy/Utf8.h"
-#include "rules/RuleText.h"
 #include "tools/kxrule/commands/Commands.h"
+#include "tools/kxrule/commands/Session.h"
 #include "tools/kxrule/commands/StoreFiles.h"
 #include "tools/kxrule/console/Columns.h"
 
@@ -102,10 +102,9 @@ private:
         Record("rules", sizeof(uint32_t), std::to_string(m_Content.File.Set.RuleCount));
         for (const PFW_RULE& rule : ruleSet.Rules)
         {
-            std::string line;
-            if (RuleText::Render(rule, line) != KXRULE_OK)
-                line = "kind " + std::to_string(uint32_t{rule.dwKind});
-            Record("rule " + std::to_string(uint16_t{rule.wRuleIndex}), sizeof rule, NarrowToUtf8(line));
+            const std::string line = RuleLine(rule);
+            Record("rule " + std::to_string(uint16_t{rule.wRuleIndex}), sizeof rule,
+                   line.empty() ? "kind " + std::to_string(uint32_t{rule.dwKind}) : line);
             const Json json = RuleAsJson(rule);
             for (const auto& [name, value] : json.items())
             {

@@ -398,8 +398,8 @@ Policy Session::Read()
 
 std::string RuleLine(const PFW_RULE& rule)
 {
-    std::string line;
-    return RuleText::Render(rule, line) == KXRULE_OK ? NarrowToUtf8(line) : std::string();
+    RuleText::Line line;
+    return RuleText::Render(rule, line) == KXRULE_OK ? NarrowToUtf8(line.View()) : std::string();
 }
 
 std::string MacroLine(const MacroRecord& macro)
