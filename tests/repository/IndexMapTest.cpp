@@ -67,6 +67,7 @@ TEST(IndexMap, BehavesLikeAnOrderedMap)
                 EXPECT_EQ(map.Replace(key, step).Number, step);
             model[key] = step;
         }
+        EXPECT_EQ(map.Contains(key), model.contains(key));
         EXPECT_EQ(map.LowerBound(key), std::distance(model.begin(), model.lower_bound(key)));
         if (step % 100 != 0)
             continue;
@@ -83,10 +84,10 @@ TEST(IndexMap, BehavesLikeAnOrderedMap)
         ASSERT_EQ(Contents(moved), model) << step;
     }
     EXPECT_EQ(map.Find(65535), place) << "values stay where they are";
-    EXPECT_TRUE(map.Erase(65535));
+    EXPECT_TRUE(map.Erase(65535) && !map.Contains(65535));
     EXPECT_EQ(&map.Emplace(65534, 0), place) << "and their places are used again";
     map.Clear();
-    EXPECT_TRUE(Value::Living.empty());
+    EXPECT_TRUE(Value::Living.empty() && !map.Contains(0) && !map.Contains(65534));
 }
 
 TEST(IndexMap, HoldsEveryKeyInAnyOrder)
