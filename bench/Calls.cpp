@@ -35,28 +35,23 @@ LookUps::LookUps(const Shape& shape) : Of(shape), Ours(DataDirectory("calls")), 
         for (size_t j = 0; j < Plain.Sets().ValueAt(i).Size(); ++j)
             Trees[Plain.Sets().KeyAt(i)].emplace(Plain.Sets().ValueAt(i).KeyAt(j),
                                                  Plain.Sets().ValueAt(i).ValueAt(j).Record);
-    for (const bool encrypted : {false, true})
-    {
-        if (!HasPeers())
-            break;
-        const std::string path = DataRoot() + (encrypted ? "calls-aes.db" : "calls.db");
-        SqlStore::FillNew(path, encrypted, Plain.Sets());
-        auto& sql = Sql[encrypted];
-        sql = std::make_unique<SqlStore>(path, encrypted, SqlStore::Journal::Rollback, kWholeCache);
-        sql->Begin();
-        PFW_RULE rule;
-        for (const Place& place : Places(shape, false))
-            Check(sql->Get(place.Set, place.Rule, &rule), "a row");
-    }
+    if (!HasPeers())
+        return;
+    const std::string path = DataRoot() + "calls-aes.db";
+    SqlStore::FillNew(path, true, Plain.Sets());
+    Sql = std::make_unique<SqlStore>(path, true, SqlStore::Journal::Rollback, kWholeCache);
+    Sql->Begin();
+    PFW_RULE rule;
+    for (const Place& place : Places(shape, false))
+        Check(Sql->Get(place.Set, place.Rule, &rule), "a row");
 }
 
 LookUps::~LookUps()
 {
     for (uint16_t set = kFirstSet; set < kFirstSet + Of.Sets; ++set)
         kxRuleDeleteRule(set, 0); // keeps the last write short
-    for (auto& sql : Sql)
-        if (sql)
-            sql->Commit();
+    if (Sql)
+        Sql->Commit();
 }
 
 const PFW_RULE* LookUps::Address(const Place& place) const

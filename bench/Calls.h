@@ -54,7 +54,7 @@ struct LookUps
     OurStore Ours;
     PlainStore Plain;
     TreeSets Trees;
-    std::unique_ptr<SqlStore> Sql[2];
+    std::unique_ptr<SqlStore> Sql; // encrypted
     CriticalSection Lock;
 };
 

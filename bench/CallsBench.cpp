@@ -55,10 +55,9 @@ void TreeGet(LookUps& stores, const Place& place, const PFW_RULE*, PFW_RULE* out
     stores.Lock.Unlock();
 }
 
-template <bool kEncrypted>
 void SqlGet(LookUps& stores, const Place& place, const PFW_RULE*, PFW_RULE* out)
 {
-    if (!stores.Sql[kEncrypted]->Get(place.Set, place.Rule, out))
+    if (!stores.Sql->Get(place.Set, place.Rule, out))
         std::abort();
 }
 
@@ -82,10 +81,7 @@ void AddLookUps(const Shape& shape)
     AddLookUp("get/floor", shape, FloorGet);
     AddLookUp("get/tree", shape, TreeGet);
     if (HasPeers())
-    {
-        AddLookUp("get/sql", shape, SqlGet<false>);
-        AddLookUp("get/sql-aes", shape, SqlGet<true>);
-    }
+        AddLookUp("get/sql-aes", shape, SqlGet);
     AddLookUp("active/ours", shape, OurIsActive);
 }
 
@@ -159,28 +155,27 @@ void AddGrowing(const Shape& shape)
                     first.Unlock();
                 });
         });
-    for (const bool encrypted : {false, true})
-        add(encrypted ? "sql-aes" : "sql",
-            [=](auto& state)
-            {
-                const std::string path = DataRoot() + "calls-add.db";
-                std::unique_ptr<SqlStore> sql;
-                Growing(
-                    state, shape,
-                    [&]
-                    {
-                        sql.reset();
-                        SqlStore::FillNew(path, encrypted, SetMap());
-                        sql = std::make_unique<SqlStore>(path, encrypted, SqlStore::Journal::Rollback, kWholeCache);
-                        sql->Begin();
-                    },
-                    [&](uint16_t set, uint16_t key, const PFW_RULE& rule) { sql->Insert(set, key, rule); });
-            });
+    add("sql-aes",
+        [=](auto& state)
+        {
+            const std::string path = DataRoot() + "calls-add.db";
+            std::unique_ptr<SqlStore> sql;
+            Growing(
+                state, shape,
+                [&]
+                {
+                    sql.reset();
+                    SqlStore::FillNew(path, true, SetMap());
+                    sql = std::make_unique<SqlStore>(path, true, SqlStore::Journal::Rollback, kWholeCache);
+                    sql->Begin();
+                },
+                [&](uint16_t set, uint16_t key, const PFW_RULE& rule) { sql->Insert(set, key, rule); });
+        });
 }
 
 // --------------------------------------------------------------------------------------------------- lines, trace --
 
-// The least that a line of 64 characters takes: a reserved string, its numbers and words, a bounded copy.
+// What a line of 64 characters takes in a string that is reserved once: its numbers and words, and a bounded copy.
 void FloorLine(const PFW_RULE& rule, char* text, size_t size)
 {
     std::string line;

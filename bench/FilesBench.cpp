@@ -14,6 +14,7 @@
 #include "bench/OurStore.h"
 #include "bench/PlainStore.h"
 #include "bench/SqlStore.h"
+#include "common/srclib/KxComn_Handle.h"
 #include "common/srclib/KxComn_Windows.h"
 #include "persistence/Aes128.h"
 #include "persistence/FileFormat.h"
@@ -317,6 +318,19 @@ void AddAll(const Shape& shape)
     Add("change/ours", nullptr, [] { g_Stores->Ours->ChangeOne(kFirstSet, RuleKey(50), *g_Stores->Records[50]); });
     Add("change/floor", nullptr, [] { g_Stores->Plain->WriteSet(kFirstSet); });
     Add("change/floor-one-file", nullptr, [] { g_Stores->Plain->WriteSetFile(0); });
+    if (shape == kSmall)
+    {
+        const auto file = std::make_shared<KxCommon::UniqueFile>(
+            ::CreateFileA((DataRoot() + "flush").c_str(), GENERIC_WRITE, 0, nullptr, CREATE_ALWAYS, 0, nullptr));
+        Add("flush", nullptr,
+            [file]
+            {
+                const uint8_t page[4096] = {};
+                DWORD written = 0;
+                Check(::WriteFile(file->get(), page, sizeof page, &written, nullptr) != FALSE, "WriteFile");
+                Check(::FlushFileBuffers(file->get()) != FALSE, "FlushFileBuffers");
+            });
+    }
     if (HasPeers())
     {
         AddSql(false);
@@ -348,7 +362,7 @@ void AddGrowth()
         AddChild("growth/read/ours", "read/ours", shape);
         AddChild("growth/read/floor", "read/floor", shape);
     };
-    for (uint16_t n = 1; n <= KXRULE_MAX_RULESETS; n *= 2)
+    for (uint16_t n = 1; n <= KXRULE_MAX_RULESETS; n *= 4)
         add({n, KXRULE_MAX_RULES});
     for (uint16_t n = 1; n < KXRULE_MAX_RULES; n *= 4)
         add({1, n});

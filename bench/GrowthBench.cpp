@@ -104,9 +104,9 @@ void Bench::AddGrowth()
             ->UseManualTime()
             ->Iterations(50);
     };
-    for (uint16_t n = 1; n <= KXRULE_MAX_RULES; n *= 2)
+    for (uint16_t n = 1; n <= KXRULE_MAX_RULES; n *= 4)
         add("rules", n, {n, 1, 0});
-    for (uint16_t n = 1; n <= KXRULE_MAX_RULESETS; n *= 2)
+    for (uint16_t n = 1; n <= KXRULE_MAX_RULESETS; n *= 4)
         add("sets", n, {512, n, 0});
     for (int n = 1; n <= 4096; n *= 4)
         add("macros", n, {512, 1, n});

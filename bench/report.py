@@ -24,10 +24,12 @@ class Measures:
         self.rounds = {}
         self.counters = {}
         for path in sorted(directory.glob("bench-*.json")):
+            prefix = SLOW + "/" if path.name.startswith("bench-slow-") else ""
             for entry in json.loads(path.read_text())["benchmarks"]:
                 if entry.get("run_type") != "iteration" or entry.get("error_occurred"):
                     continue
-                name = re.sub(r"/(manual_time|real_time|process_time|iterations:\d+|repeats:\d+)", "", entry["name"])
+                suffixes = r"/(manual_time|real_time|process_time|iterations:\d+|repeats:\d+)"
+                name = prefix + re.sub(suffixes, "", entry["name"])
                 self.rounds.setdefault(name, []).append(entry["real_time"] * NANOSECONDS[entry["time_unit"]])
                 for counter in ("peak_above_rules", "peak_before", "peak"):
                     if counter in entry:
@@ -70,15 +72,17 @@ def replaced(kind, shape):
 
 
 FULL, SMALL = "64x1024", "3x100"
+SLOW = "slow disk"
 
 
-def changed(shape):
+def changed(shape, disk=""):
     """The floor of all three files, which the library need not write, and of the rule set's file alone."""
-    ours, work = f"change/ours/{shape}", f"one rule changed, durable, {shape}"
-    return [(work, ours, f"change/floor/{shape}", 0.45,
-             [("AES, write-ahead log", [f"change/sql-aes-wal/{shape}"], 0.5 if shape == SMALL else None),
-              ("AES, rollback journal", [f"change/sql-aes-rollback/{shape}"], None)]),
-            (f"{work}: its file alone", ours, f"change/floor-one-file/{shape}", 1.25, [])]
+    prefix, label = (disk + "/", ", " + disk) if disk else ("", "")
+    ours, work = f"{prefix}change/ours/{shape}", f"one rule changed, durable, {shape}{label}"
+    return [(work, ours, f"{prefix}change/floor/{shape}", 0.45,
+             [("AES, write-ahead log", [f"{prefix}change/sql-aes-wal/{shape}"], 0.5 if shape == SMALL else None),
+              ("AES, rollback journal", [f"{prefix}change/sql-aes-rollback/{shape}"], None)]),
+            (f"{work}: its file alone", ours, f"{prefix}change/floor-one-file/{shape}", 1.25, [])]
 
 
 # Work, ours, floor, goal (times the floor), peers: what, the candidates, of which the fastest counts, goal (times faster).
@@ -93,7 +97,7 @@ ROWS = [
      [("AES", [f"read/sql-aes/{FULL}"], 1.25), ("plain", [f"read/sql/{FULL}"], None)]),
     (f"read everything, {SMALL}", f"read/ours/{SMALL}", f"read/floor/{SMALL}", 1.3,
      [("AES", [f"read/sql-aes/{SMALL}"], 1.4), ("plain", [f"read/sql/{SMALL}"], None)]),
-    *changed(FULL), *changed(SMALL),
+    *changed(FULL), *changed(SMALL), *changed(SMALL, SLOW),
     (f"kxRuleGetRule at random, {FULL}", f"get/ours/random/{FULL}", f"get/floor/random/{FULL}", 1.3,
      [("AES, in a transaction", [f"get/sql-aes/random/{FULL}"], 1.0)]),
     (f"kxRuleGetRule in order, {FULL}", f"get/ours/order/{FULL}", f"get/floor/order/{FULL}", 1.15,
@@ -109,6 +113,8 @@ ROWS = [
 ]
 
 ALONE = [
+    ("writing a page to a file and flushing it", f"flush/{SMALL}"),
+    ("the same, slow disk", f"{SLOW}/flush/{SMALL}"),
     ("copying the bytes of the full store", f"copy/{FULL}"),
     ("the cipher alone, encrypting the full store", f"cipher/encrypt/{FULL}"),
     ("the cipher alone, decrypting the full store", f"cipher/decrypt/{FULL}"),
