@@ -57,10 +57,13 @@ void MacrosAreARange(kxrule::Store& store)
     assert(kxrule::text(*macros.begin()).value_or("") == "first=80|8080,10.1.1.1,x");
 }
 
-// A failed open leaves nothing running: the log of the trace can be opened for this program alone.
+// A failed open leaves nothing running: the log of the trace can be opened for this program alone. Nobody else can open
+// a store in the meantime.
 void FailedOpenStopsTheTrace()
 {
+    std::filesystem::remove("log\\VQR_KxPfw.log");
     const HANDLE other = ::CreateEventW(nullptr, TRUE, FALSE, L"Global\\KxPfwRuleDllLockMutex"); // not a mutex
+    assert(other != nullptr);
     kxrule::Store store;
     assert(store.open("rules-closed") == KXRULE_E_MUTEX);
     ::CloseHandle(other);
@@ -72,9 +75,11 @@ void FailedOpenStopsTheTrace()
 
 } // namespace
 
-int main()
+int main(int argc, char**)
 {
-    FailedOpenStopsTheTrace();
+    if (argc > 1) // no other test runs
+        FailedOpenStopsTheTrace();
+    else
     {
         kxrule::Store store;
         assert(store.open(L"rules-\u0416\u65E5") == KXRULE_E_FILE_OPEN); // no code page has both
@@ -83,7 +88,6 @@ int main()
         assert(store.addRuleSet(set));
         Values(store, set.index());
         MacrosAreARange(store);
-        assert(store.flush());
+        assert(store.flush() && std::filesystem::exists(L"rules-B\u00FCro\\KxRulMas.dat"));
     }
-    assert(std::filesystem::exists(L"rules-B\u00FCro\\KxRulMas.dat"));
 }
