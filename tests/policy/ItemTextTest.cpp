@@ -8,6 +8,7 @@
 
 #include "api/include/KxPfwRuleBuilder.hpp"
 #include "policy/RecordText.h"
+#include "policy/Utf8.h"
 
 namespace
 {
@@ -125,4 +126,13 @@ TEST(ItemText, Ports)
     Check<kxrule::Port>(KxPolicy::ParsePort, KxPolicy::PortText, cases,
                         ";!;65536;-1;80-;-80;80-90-100;80,;,80;80,,90;80,x;!80,90;80:90;80|90; 80;http;list:" +
                             std::string(129, '1'));
+}
+
+TEST(ItemText, OnlyShowsWhatCanBeWrittenBack)
+{
+    const std::pair<std::string, std::string> rows[] = {
+        {"a", "a"}, {"\x80\xFE", "\u80FE"}, {"a\xFE", "a\u8145"}, {"\xFFz", "?z"}};
+    for (const auto& [narrow, shown] : rows)
+        EXPECT_EQ(KxPolicy::NarrowToReturnableUtf8(narrow), shown);
+    EXPECT_EQ(KxPolicy::NarrowToUtf8("\xFFz"), "\uF8F3z");
 }

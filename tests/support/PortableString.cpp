@@ -1,5 +1,6 @@
 // The code page of the core's tests: ASCII, and above it two bytes per character as in the code pages of East Asia.
-// Invalid bytes become a character of two bytes on the way to UTF-16 and a question mark on the way back.
+// Invalid bytes become a character of two bytes on the way to UTF-16, and 255 one that becomes a question mark on the
+// way back.
 #include <algorithm>
 #include <cstring>
 
@@ -9,6 +10,7 @@ namespace
 {
 
 constexpr KXWCHAR kSubstitute = 0x8145;
+constexpr KXWCHAR kWithoutReturn = 0xF8F3;
 
 bool IsLead(unsigned byte) noexcept
 {
@@ -38,9 +40,10 @@ WideString ToWide(std::string_view text)
         const unsigned byte = static_cast<unsigned char>(text[i]);
         const unsigned next = i + 1 < text.size() ? static_cast<unsigned char>(text[i + 1]) : 0;
         const bool isPair = IsLead(byte) && IsTrail(next);
-        wide += byte < 0x80 ? static_cast<KXWCHAR>(byte)
-                : isPair    ? static_cast<KXWCHAR>(byte << 8 | next)
-                            : kSubstitute;
+        wide += byte < 0x80    ? static_cast<KXWCHAR>(byte)
+                : isPair       ? static_cast<KXWCHAR>(byte << 8 | next)
+                : byte == 0xFF ? kWithoutReturn
+                               : kSubstitute;
         i += isPair ? 1 : 0;
     }
     return wide;
