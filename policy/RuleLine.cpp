@@ -330,8 +330,7 @@ bool IsRuleLine(std::string_view text)
     uint32_t index = 0;
     if (ParseNumber(line.Word(), UINT32_MAX, index))
         line.Take(line.Word().size());
-    const size_t end = line.Rest().find_first_of(", ");
-    return end != std::string_view::npos && KindOf(line.Rest().substr(0, end)).has_value();
+    return KindOf(line.Rest().substr(0, line.Rest().find_first_of(", "))).has_value();
 }
 
 } // namespace KxPolicy
