@@ -139,11 +139,10 @@ def main_table(m, summary):
         cells = [work, m.shown(ours), m.shown(floor), f"{ratio:.2f}", verdict(ratio, floor_goal, True)]
         entry = {"work": work, "library_ns": m.median(ours), "spread": m.spread(ours), "floor_ns": m.median(floor),
                  "times_floor": ratio, "goal": floor_goal, "peers": {}}
-        measured = [peer for peer in peers if m.fastest(peer[1])]
+        measured = [(what, peer, goal) for what, candidates, goal in peers if (peer := m.fastest(candidates))]
         if not measured:
             rows.append(cells + ["–", "–", "–", "–"])
-        for what, candidates, goal in measured:
-            peer = m.fastest(candidates)
+        for what, peer, goal in measured:
             ratio = m.median(peer) / m.median(ours)
             floor_ratio = m.median(peer) / m.median(floor)
             rows.append(cells + [what + (" (log)" if peer.endswith(f"-wal/{FULL}") and "log" not in what else ""),
