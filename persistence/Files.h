@@ -62,18 +62,20 @@ void SetFaultHook(FaultHook hook) noexcept;
     return error != ERROR_FILE_NOT_FOUND && error != ERROR_PATH_NOT_FOUND;
 }
 /// The only way to wait for programs that hold a file for a moment: a scanner, an indexer, a second process. Calls
-/// attempt until it succeeds, fails with an error for which mayPass is false, or the time is up. GetLastError is the
-/// last attempt's.
+/// attempt until it succeeds, fails with an error for which mayPass is false, or the time is up and it was called a few
+/// times: where a machine is too busy for its threads, or was suspended, time passes without the other program.
+/// GetLastError is the last attempt's.
 template <class Attempt, class MayPass>
 bool Persist(DWORD milliseconds, const Attempt& attempt, const MayPass& mayPass)
 {
     constexpr DWORD kPause = 20;
-    for (const ULONGLONG start = ::GetTickCount64();;)
+    const ULONGLONG start = ::GetTickCount64();
+    for (int left = 5;; --left)
     {
         if (attempt())
             return true;
         const DWORD error = ::GetLastError();
-        if (!mayPass(error) || ::GetTickCount64() - start >= milliseconds)
+        if (!mayPass(error) || (left <= 0 && ::GetTickCount64() - start >= milliseconds))
         {
             ::SetLastError(error);
             return false;
