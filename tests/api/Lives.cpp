@@ -73,6 +73,8 @@ Lives::Lives()
     Trace->HasConfig = true;
     Trace->Enable = 1;
     Trace->Level = 1 + 16 + 256;
+    Redirect("Sleep", reinterpret_cast<void*>(PassTime));
+    Redirect("GetTickCount64", reinterpret_cast<void*>(TimePassed));
 }
 
 Lives::Place Lives::Redirect(const std::string& name, void* to) const
@@ -92,8 +94,6 @@ Lives::Place Lives::Redirect(const std::string& name, void* to) const
     *at = to;
     return {at, from};
 }
-
-thread_local Lives* Lives::t_Current = nullptr;
 
 int32_t Lives::Call(const std::string& name, const Words& words)
 {
@@ -156,7 +156,7 @@ Lives::Contents Lives::Memory() const
 
 std::string Lives::Run(const std::string& script)
 {
-    t_Current = this;
+    s_Current = this;
     m_Wrong.clear();
     std::string told = Replaced(script, "life", "open; read");
     for (size_t at; (at = told.find("store")) != std::string::npos;)
@@ -342,7 +342,7 @@ bool Lives::ByHand(const std::string& name, const Words& words)
     };
     const std::map<std::string, std::function<void()>> statements = {
         {"release", [&] { Release(); }},
-        {"hold", [&] { Hold(file(0), words.at(1), words.size() > 2 ? std::stoul(words[2]) : 0); }},
+        {"hold", [&] { Hold(file(0), words.at(1), words.size() > 2 ? std::stoi(words[2]) : INT64_MAX); }},
         {"enter", [&] { fs::current_path(words.at(0) == "back" ? m_Home : file(0)); }},
         {"copy", [&] { fs::copy_file(file(0), file(1)); }},
         {"old", [&] { fs::copy_file("tests/data/ruleset-old.dat", file(0)); }},
@@ -355,6 +355,8 @@ bool Lives::ByHand(const std::string& name, const Words& words)
          {
              fs::remove_all(file(0));
              m_Numbers.erase(words.at(0)); // the next file may get the same
+             if (words.at(0) == ".")
+                 m_Told.clear(); // nothing before matters
          }},
         {"plain", [&] { WriteBytes(file(0), "no rule file"); }},
         {"folder", [&] { fs::create_directory(file(0)); }},
@@ -407,7 +409,7 @@ bool Lives::ByHand(const std::string& name, const Words& words)
     return true;
 }
 
-void Lives::Hold(const fs::path& file, const std::string& who, DWORD milliseconds)
+void Lives::Hold(const fs::path& file, const std::string& who, int64_t milliseconds)
 {
     const std::string content = who == "none" ? Decode(ReadBytes(file)) : "";
     const DWORD share = who == "none" ? 0 : who == "read" ? FILE_SHARE_READ : kShareAll;
@@ -415,23 +417,20 @@ void Lives::Hold(const fs::path& file, const std::string& who, DWORD millisecond
         OpenExisting(file, share, who == "writer" ? GENERIC_READ | GENERIC_WRITE : GENERIC_READ);
     if (!handle)
         throw std::runtime_error("cannot hold " + file.string());
-    if (milliseconds == 0)
-        m_Held[file] = {std::move(handle), content};
-    else
-        m_Threads.emplace_back(
-            [milliseconds, handle = std::move(handle)]() mutable
-            {
-                ::Sleep(milliseconds);
-                handle.reset();
-            });
+    m_Held[file] = {std::move(handle), content, milliseconds};
+}
+
+void WINAPI Lives::PassTime(DWORD milliseconds)
+{
+    s_Time += milliseconds;
+    for (auto& [file, held] : s_Current->m_Held)
+        held.Left -= milliseconds;
+    std::erase_if(s_Current->m_Held, [](const auto& held) { return held.second.Left <= 0; });
 }
 
 void Lives::Release()
 {
     m_Held.clear();
-    for (std::thread& thread : m_Threads)
-        thread.join();
-    m_Threads.clear();
     for (const auto& [at, from] : m_Refused)
         *at = from;
     m_Refused.clear();
@@ -448,7 +447,7 @@ UINT WINAPI Lives::TemporaryName(const char* directory, const char* prefix, UINT
 {
     const UINT result = ::GetTempFileNameA(directory, prefix, unique, path);
     if (result != 0)
-        t_Current->Hold(path, t_Current->m_Scanner, 20);
+        s_Current->Hold(path, s_Current->m_Scanner, 200);
     return result;
 }
 

@@ -19,8 +19,9 @@
 //     flip F N           changes a byte, or the last one, of a file that keeps its time
 //     touch F            gives it another time
 //     enter F            makes it the current directory: base, from which relative leads to the rule directory, or back
-//     hold F WHO [MS]    WHO: full, read or none reads and shares everything, reading or nothing; writer may write too
-//     scanner WHO        opens every temporary file as soon as it exists, for a while
+//     hold F WHO [MS]    WHO: full, read or none reads and shares everything, reading or nothing; writer may write too.
+//                        MS: until the library has waited so long. It does not sleep, but its time passes
+//     scanner WHO        opens every temporary file as soon as it exists, for 200 ms of this time
 //     refuse FUNCTION    of the system: the library's calls of it fail as on a full disk
 //     release            everything held and refused
 //     sets N... [m]      exactly these are in memory, with their last content; m: and macro and active list.
@@ -37,7 +38,6 @@
 #include <optional>
 #include <set>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "common/srclib/KxComn_Handle.h"
@@ -76,7 +76,7 @@ public:
     const std::string Rules = (Folder / "vol" / "rules").string() + '\\'; // the rule directory
     TraceStandIn Trace{Folder.Path()};
     const LoadedLibrary Library{TestFolder() / "KxPfwRul.dll",
-                                Folder.Path()}; // a copy: several lives can go on at once
+                                Folder.Path()}; // a copy, which has its own imports and trace library
 
 private:
     using Words = std::vector<std::string>;
@@ -86,12 +86,13 @@ private:
     {
         KxCommon::UniqueFile File;
         std::string Content; // for whom nobody else may read it
+        int64_t Left;        // milliseconds
     };
     void Tell(const std::string& name, const Words& words, std::optional<int32_t> expected);
     bool ByHand(const std::string& name, const Words& words);
     bool Check(const std::string& name, const Words& words);
     int32_t Call(const std::string& name, const Words& words);
-    void Hold(const std::filesystem::path& file, const std::string& who, DWORD milliseconds);
+    void Hold(const std::filesystem::path& file, const std::string& who, int64_t milliseconds);
     void Release();
     [[nodiscard]] std::filesystem::path PathOf(const std::string& word) const;
     [[nodiscard]] Contents Memory() const;
@@ -101,7 +102,10 @@ private:
 
     static UINT WINAPI TemporaryName(const char* directory, const char* prefix, UINT unique, char* path);
     static BOOL WINAPI Refuse();
-    static thread_local Lives* t_Current;
+    static void WINAPI PassTime(DWORD milliseconds);
+    static ULONGLONG WINAPI TimePassed() { return s_Time; }
+    static inline Lives* s_Current = nullptr;
+    static inline ULONGLONG s_Time = 0;
 
     std::string m_Told, m_Wrong, m_Scanner;
     const std::filesystem::path m_Home = std::filesystem::current_path();
@@ -114,6 +118,5 @@ private:
     std::map<std::filesystem::path, Held> m_Held;
     std::map<std::string, uint64_t> m_Numbers; // that files had when they were asked about
     std::vector<Place> m_Refused;
-    std::vector<std::thread> m_Threads; // who lets go after a while
     size_t m_Seen = 0;
 };
