@@ -10,8 +10,6 @@ namespace KxPolicy
 namespace
 {
 
-using nlohmann::json;
-
 constexpr std::string_view kByteOrderMark = "\xEF\xBB\xBF";
 constexpr size_t kMostBytes = size_t{1} << 30;
 constexpr uint32_t kMostNodes = (1U << 29) - 1;
@@ -45,13 +43,13 @@ public:
     bool number_float(double, const std::string&) { return Number(); }
     bool key(const std::string&) { return String(); }
     bool string(const std::string&) { return String(); }
-    bool binary(const json::binary_t&) { return false; }
+    bool binary(const nlohmann::json::binary_t&) { return false; }
     bool start_object(size_t) { return Open(Kind::Object); }
     bool start_array(size_t) { return Open(Kind::Array); }
     bool end_object() { return Close(); }
     bool end_array() { return Close(); }
 
-    bool parse_error(size_t position, const std::string& token, const json::exception& error)
+    bool parse_error(size_t position, const std::string& token, const nlohmann::json::exception& error)
     {
         std::string text = error.what();
         // Omits the place, which counts bytes, and what was read, which may be the whole text.
@@ -131,7 +129,7 @@ JsonTree::JsonTree(std::string_view text) : m_Text(text)
         builder.Fail(0, "the text is UTF-32; save it as UTF-8");
     else if (StartsWith(text, "\xFF\xFE") || StartsWith(text, "\xFE\xFF"))
         builder.Fail(0, "the text is UTF-16; save it as UTF-8");
-    else if (json::sax_parse(text.begin(), text.end(), &builder))
+    else if (nlohmann::json::sax_parse(text.begin(), text.end(), &builder))
         builder.Finish();
 }
 
@@ -184,7 +182,7 @@ std::string JsonValue::Text() const
     const std::string_view raw = Raw();
     if (raw.find('\\') == std::string_view::npos)
         return std::string(raw.substr(1, raw.size() - 2));
-    return json::parse(raw).get<std::string>();
+    return nlohmann::json::parse(raw).get<std::string>();
 }
 
 Locator::Locator(std::string_view text) noexcept : m_Text(text)

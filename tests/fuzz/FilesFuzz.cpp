@@ -13,9 +13,7 @@ namespace
 using Bytes = std::vector<uint8_t>;
 using Kind = FileContent::Kind;
 
-constexpr size_t kMostBytes = 300000;  // of a file: more than one piece of the stream
-constexpr size_t kMostMemory = 600000; // for reading, beside what grows with the file
-constexpr size_t kMostGrowth = 8;      // bytes of memory for a byte of the file: small names and items weigh most
+constexpr size_t kMostBytes = 300000; // of a file: more than one piece of the stream
 
 /// Fields as the input lists them: size, bytes given (zeroes follow), the bytes; the first four bytes are plain.
 Bytes Encrypted(Fuzz::Input& input)
@@ -63,7 +61,7 @@ void PutIntoSet(const FileContent& content, bool isWhole)
 
 } // namespace
 
-extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
+extern "C" int FilesFuzz(const uint8_t* data, size_t size)
 {
     Fuzz::Input input(data, size);
     const Kind kind = static_cast<Kind>(input.Take<uint8_t>() % 3);
@@ -76,7 +74,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
     bool isWhole;
     {
         MemoryStream stream(file);
-        const Fuzz::MemoryBound bound(kMostMemory + kMostGrowth * file.size());
+        constexpr size_t most = 600000; // for reading, beside what grows with the file
+        constexpr size_t growth = 8;    // bytes of memory for a byte of the file: small names and items weigh most
+        const Fuzz::MemoryBound bound(most + growth * file.size());
         isWhole = content.Read(kind, stream).empty();
     }
     if (kind == Kind::RuleSet)

@@ -14,14 +14,9 @@
 using KxPolicy::JsonTree;
 using KxPolicy::JsonValue;
 using KxPolicy::Policy;
-using nlohmann::json;
 
 namespace
 {
-
-constexpr size_t kMostMemory = 2000000; // for reading, beside what grows with the text
-constexpr size_t kMostGrowth = 600;     // bytes of memory for a byte of the text: a rule of 2845 bytes in eleven, or
-                                        // a diagnostic that lists every member
 
 bool Same(const Policy& a, const Policy& b)
 {
@@ -58,7 +53,10 @@ void CheckPolicy(std::string_view text)
     std::vector<KxPolicy::Diagnostic> errors;
     bool isRead;
     {
-        const Fuzz::MemoryBound bound(kMostMemory + kMostGrowth * text.size());
+        constexpr size_t most = 2000000; // for reading, beside what grows with the text
+        constexpr size_t growth = 600;   // bytes of memory for a byte of the text: a rule of 2845 bytes in eleven, or a
+                                         // diagnostic that lists every member
+        const Fuzz::MemoryBound bound(most + growth * text.size());
         isRead = KxPolicy::ReadPolicy(text, policy, errors);
     }
     CheckDiagnostics(isRead, errors);
@@ -82,11 +80,11 @@ void CheckPolicy(std::string_view text)
 }
 
 /// The position of every value, against the values that the reader itself makes.
-bool SameValues(JsonValue value, const json& peer)
+bool SameValues(JsonValue value, const nlohmann::json& peer)
 {
     bool isSame = true;
     size_t count = 0;
-    const auto check = [&](JsonValue part, const json& other)
+    const auto check = [&](JsonValue part, const nlohmann::json& other)
     {
         isSame = isSame && SameValues(part, other);
         ++count;
@@ -102,14 +100,14 @@ bool SameValues(JsonValue value, const json& peer)
         value.ForEachMember([&](JsonValue name, JsonValue) { isSame = isSame && peer.contains(name.Text()); });
         return isSame;
     default:
-        return json::parse(value.Raw()) == peer;
+        return nlohmann::json::parse(value.Raw()) == peer;
     }
 }
 
 void CheckTree(std::string_view text)
 {
     const JsonTree tree(text);
-    const json peer = json::parse(text, nullptr, false);
+    const nlohmann::json peer = nlohmann::json::parse(text, nullptr, false);
     if (tree.Error())
         KX_REQUIRE(peer.is_discarded() || tree.Error()->Text == "nested too deep" ||
                    text.find('\0') != std::string_view::npos); // to the reader itself NUL is the end
@@ -119,7 +117,7 @@ void CheckTree(std::string_view text)
 
 } // namespace
 
-extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
+extern "C" int PolicyFuzz(const uint8_t* data, size_t size)
 {
     const std::string_view text(reinterpret_cast<const char*>(data), size);
     CheckPolicy(text);

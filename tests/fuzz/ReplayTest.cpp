@@ -1,4 +1,4 @@
-// The promises of the fuzz targets, for every input of their corpus. Each target is compiled under a name of its own.
+// The promises of the fuzz targets, for every input of their corpus.
 #include <gtest/gtest.h>
 
 #include <filesystem>

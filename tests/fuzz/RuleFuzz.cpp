@@ -263,7 +263,7 @@ void CheckMacro(Fuzz::Input& input)
 
 } // namespace
 
-extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
+extern "C" int RuleFuzz(const uint8_t* data, size_t size)
 {
     FakeHashDll library;
     library.Hash.fill(0xAB);
