@@ -7,13 +7,13 @@ set -euo pipefail
 declare -A groups=(
     [build]="g++-mingw-w64-x86-64-posix wine wine64 cmake ninja-build googletest libcli11-dev nlohmann-json3-dev
         libutfcpp-dev"
-    [test]="g++ libc6-dev pkg-config python3 python3-jsonschema python3-pip python3-setuptools python3-wheel"
+    [test]="g++ libc6-dev libgtest-dev pkg-config python3 python3-jsonschema python3-pip python3-setuptools python3-wheel"
     [check]="clang clang-format clang-tidy lld llvm shellcheck"
     [fuzz]="clang g++ libclang-rt-dev llvm python3"
     [package]="llvm python3 zip"
     [coverage]="gcovr python3"
     [bench]="npm python3"
-    [mutants]="g++ libc6-dev python3 python3-clang"
+    [mutants]="g++ libc6-dev libgtest-dev python3 python3-clang"
 )
 
 declare -A purposes=(
