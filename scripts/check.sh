@@ -28,9 +28,8 @@ each() { xargs -r -P 2 -I '{}' "$@"; }
 checkFormat() { files '\.(c|cpp|h|hpp)$' | xargs clang-format --dry-run -Werror; }
 
 # With Clang's own warnings and the lock annotations: guarded members are accessed only under their locks. The analyzer
-# gives up on a function after 20000 states instead of 225000, which takes half of the time. The sources of a directory
-# are checked as one, since two thirds of the time would go to the headers: lines are those of the file in
-# build/check/rooms.
+# gives up on a function after 20000 states instead of 225000, which takes half of the time. The sources of a room are
+# checked as one, since two thirds of the time would go to the headers; lines are those of the file in build/check.
 checkTidy()
 {
     local source
@@ -38,7 +37,7 @@ checkTidy()
     sources | tac | while read -r source; do # not in the order of the build: each shows what the other lacks
         # One of two ciphers: both have the same functions.
         [[ $source = */Aes128Ni.cpp ]] && cp "$source" build/check/rooms && continue
-        cat "$source" >>"build/check/rooms/$(dirname "$source" | tr / -).cpp"
+        cat "$source" >>"build/check/rooms/${source%%/*}.cpp"
     done
     # the largest first
     find build/check/rooms -name '*.cpp' -printf '%s %p\n' | sort -rn | cut -d ' ' -f 2 |
