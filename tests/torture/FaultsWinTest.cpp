@@ -8,6 +8,7 @@
 #include <tuple>
 
 #include "tests/api/StoreFixture.h"
+#include "tests/standins/StandIn.h"
 #include "tests/support/Faults.h"
 #include "tests/torture/Scale.h"
 
@@ -61,6 +62,7 @@ protected:
 TEST_F(FaultsTest, LackOfMemoryIsToldAndNeverTakenForDamage)
 {
     Campaign campaign("fails: allocation");
+    const LoadedLibrary trace(TestFolder() / "KxVqrDbg.dll"); // which each life would load anew
     std::vector<PFW_RULE> rules;
     for (uint16_t i = 0; i < 100; ++i) // more than a stream gathers before it writes
         rules.push_back(Build::Access(i));
