@@ -79,7 +79,7 @@ TEST(RuleJson, ReadsLinesOfText)
 TEST(RuleJson, TellsEverythingThatIsWrong)
 {
     const std::pair<std::string, std::string> cases[] = {
-        {R"({"version": 2, "active": [0], "macro": [], "macros": [{"name": "\u00e4", "items": [
+        {R"({"version": 2, "active": [1E+9], "macro": [], "macros": [{"name": "\u00e4", "items": [
 {"port": "80", "text": "x"}, {"type": 9, "raw": ["3: 00"]}]}],
 "ruleSets": [{"index": 2, "name": "0123456789012345678901234567890123456789012345678901234567890123X", "rules": [
 {"index": 2, "kind": "acess", "foo": 1, "ports": 7, "natType": "x"},
@@ -89,9 +89,9 @@ TEST(RuleJson, TellsEverythingThatIsWrong)
 {"index": 7, "kind": 9}, {"index": 7, "kind": 9}, {"index": 65536, "kind": 9}, []]},
 {"index": 2, "name": "a", "name": "b", "rules": {}}, 7]})",
          R"(1:13 version: the file has version 2 of this format, which needs a newer kxrule; this one reads version 1
-1:27 active[0]: expected a whole number from 1 to 65280, found 0
-1:31 : "macro" is not a member of a policy; expected $schema, version, active, macros, ruleSets
-1:64 macros[0].name: a character has no counterpart in the active code page
+1:27 active[0]: expected a whole number from 1 to 65280, found 1E+9
+1:34 : "macro" is not a member of a policy; expected $schema, version, active, macros, ruleSets
+1:67 macros[0].name: a character has no counterpart in the active code page
 2:1 macros[0].items[0]: expected one of address, port, text, or a type as a number
 2:50 macros[0].items[1].raw[0]: expected "offset: hexadecimal bytes" within 4 and 137, found "3: 00"
 3:35 ruleSets[0].name: at most 64 UTF-16 units fit, the text has 65
@@ -151,6 +151,7 @@ ACCESS,TCP,,,,,DROP
 12 ACCESS,TCP,,,,,DROP
 set 2
 sett 8
+active 1 0
 )",
          R"(1:7 version: expected 1, found "x"
 2:10 active[1]: expected a whole number from 1 to 65280, found "x"
@@ -162,6 +163,7 @@ sett 8
 9:1 ruleSets[0].rules[3]: the rule set already has a rule 12
 10:1 ruleSets[1]: "name" is missing
 11:1 : expected active, macro, set or a rule, whose first word is one of access, nat, throttle, stream, genstream, access2, found "sett"
+12:10 active[3]: expected a whole number from 1 to 65280, found 0
 )"},
         {PolicyText("1a: " + Numbered(0, 1024, "s")),
          "1028:1 ruleSets[0].rules[1024]: a rule set holds at most 1024 rules; what follows is not read\n"},
