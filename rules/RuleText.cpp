@@ -51,23 +51,12 @@ static_assert(KXRULE_NAT_SNAT == 1 && KXRULE_NAT_MASQ == 2 && KXRULE_NAT_DNAT ==
 static_assert(KXRULE_APP_HTTP == 1 && KXRULE_APP_SMTP == 2);
 static_assert(KXRULE_DIRECTION_IN == 1 && KXRULE_DIRECTION_OUT == 2 && KXRULE_DIRECTION_ANY == 3);
 
-// kept: 32-bit fields are shown as signed numbers, 16-bit ones as unsigned.
-void AppendNumber(Line& text, uint32_t value) noexcept
-{
-    text.AppendNumber(static_cast<int32_t>(value));
-}
-
-void AppendNumber(Line& text, uint16_t value) noexcept
-{
-    text.AppendNumber(value);
-}
-
 // address is in host byte order: its highest byte comes first.
 void AppendDotted(Line& text, uint32_t address) noexcept
 {
     for (int shift = 24; shift >= 0; shift -= 8)
     {
-        text.AppendNumber(static_cast<int32_t>(address >> shift & 0xFF));
+        text.AppendNumber(address >> shift & 0xFF);
         if (shift > 0)
             text += '.';
     }
@@ -97,9 +86,9 @@ template <class Block>
 void AppendExtension(Line& text, const Block& block) noexcept
 {
     text += ',';
-    AppendNumber(text, block.dwExtValue);
+    text.AppendNumber(block.dwExtValue);
     text += ':';
-    AppendNumber(text, block.wExtValue);
+    text.AppendNumber(block.wExtValue);
     text += ':';
     text += Text(block.szExtText, sizeof block.szExtText);
 }
@@ -139,7 +128,7 @@ void Append(Line& text, const PFW_THROTTLE& rule) noexcept
     {
         if (i > 0)
             text += ',';
-        AppendNumber(text, uint16_t{rule.wLimit[i]});
+        text.AppendNumber(uint16_t{rule.wLimit[i]});
     }
     if (rule.dwExtFlag != 0)
         AppendExtension(text, rule);
@@ -151,7 +140,7 @@ void Append(Line& text, const PFW_STREAM& rule) noexcept
     text += Keyword(kAppProtocols, rule.dwAppProtocol);
     text += ',';
     AppendAddresses(text, rule.Addr);
-    AppendNumber(text, rule.dwStreamParam);
+    text.AppendNumber(rule.dwStreamParam);
     text += ',';
     text += Keyword(kActions, rule.dwAction);
     AppendExtension(text, rule);
@@ -167,12 +156,12 @@ void Append(Line& text, const PFW_GENSTREAM& rule) noexcept
     text += ',';
     for (size_t i = 0; i < std::extent_v<decltype(rule.dwParam)>; ++i)
     {
-        AppendNumber(text, uint32_t{rule.dwParam[i]});
+        text.AppendNumber(uint32_t{rule.dwParam[i]});
         text += ',';
     }
     text += Keyword(kActions, rule.dwAction);
     text += ',';
-    AppendNumber(text, rule.dwParam3);
+    text.AppendNumber(rule.dwParam3);
     AppendExtension(text, rule);
     if (rule.szStreamText[0] != 0 || rule.szStreamText[1] != 0) // kept: the second byte alone adds the comma too
     {
@@ -209,7 +198,7 @@ void AppendAddress(Line& text, const RULE_ADDR& item) noexcept
         break;
     case KXRULE_ADDR_PREFIX:
         text += '/';
-        AppendNumber(text, item.Addr2.dwIPv4);
+        text.AppendNumber(item.Addr2.dwIPv4);
         break;
     case KXRULE_ADDR_RANGE:
         text += ':';
@@ -227,11 +216,11 @@ void AppendPort(Line& text, const RULE_PORT& item) noexcept
     case KXRULE_PORT_RANGE:
         if (item.dwNot != 0)
             text += '!';
-        AppendNumber(text, item.wPort1);
+        text.AppendNumber(item.wPort1);
         if (type == KXRULE_PORT_RANGE)
         {
             text += ':';
-            AppendNumber(text, item.wPort2);
+            text.AppendNumber(item.wPort2);
         }
         break;
     case KXRULE_PORT_LIST: // in the line, hyphens and commas have other meanings

@@ -33,6 +33,8 @@ public:
             m_Bytes[m_Size++] = byte;
         return *this;
     }
+    /// kept: 32-bit fields are shown as signed numbers, 16-bit ones as unsigned.
+    void AppendNumber(uint32_t number) noexcept { AppendNumber(static_cast<int32_t>(number)); }
     void AppendNumber(int32_t number) noexcept
     {
         m_Size = static_cast<size_t>(std::to_chars(m_Bytes + m_Size, std::end(m_Bytes), number).ptr - m_Bytes);
