@@ -23,11 +23,10 @@ struct RescueRule
 };
 constexpr RescueRule kRules[] = {{1, KXRULE_ACTION_DROP}, {2, KXRULE_ACTION_ACCEPT}, {3, KXRULE_ACTION_ACCEPT}};
 
-PFW_RULE MakeRecord(uint16_t ruleIndex, const RescueRule& rule)
+PFW_RULE MakeRecord(const RescueRule& rule)
 {
     PFW_RULE record;
     std::memset(&record, 0, sizeof record);
-    record.wRuleIndex = ruleIndex;
     static_assert(sizeof KxCommon::Names::kRescueDescription <= sizeof record.wszDescription);
     std::memcpy(&record.wszDescription, KxCommon::Names::kRescueDescription,
                 sizeof KxCommon::Names::kRescueDescription);
@@ -47,7 +46,7 @@ void AddRescueRule(CRuleSet& ruleSet, const RescueRule& rescueRule)
 {
     const unsigned ruleSetIndex = ruleSet.Index();
     const uint16_t ruleIndex = static_cast<uint16_t>(kFirstRuleIndex + ruleSet.RuleCount());
-    const CRule rule(MakeRecord(ruleIndex, rescueRule));
+    const CRule rule(MakeRecord(rescueRule));
     if (const int32_t result = ruleSet.AddRule(ruleIndex, rule); result != KXRULE_OK)
     {
         KX_TRACE(KxCommon::kTraceError, "\tCRuleSet::AddRule() failed (nResult=%d, index=%u:%u)", result, ruleSetIndex,
