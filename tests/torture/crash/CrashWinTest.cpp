@@ -203,6 +203,7 @@ private:
         };
         Enumerate(model, base, steps, from, look);
     }
+
     const Recording& m_Recording;
     std::map<size_t, Outcome> m_Checks; // by digest
     std::set<size_t> m_Seen;
